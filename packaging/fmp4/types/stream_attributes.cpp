@@ -1,0 +1,16 @@
+#include "packaging/fmp4/types/stream_attributes.h"
+
+#include <cstdio>
+
+namespace tvrn::encoding::packaging::imff::fmp4 {
+inline namespace v7_2 {
+
+std::string streamLabel(const ElementaryStreamAttributes& attributes) {
+    const char* format = isVideo(attributes.type) ? "video_%dkbps" : isAudio(attributes.type) ? "audio_%dkbps" : "text_%dkbps";
+    char text[48];
+    std::snprintf(text, sizeof text, format, static_cast<int>(attributes.bandwidth / 1000));
+    return text;
+}
+
+}  // namespace v7_2
+}  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -1,0 +1,92 @@
+#pragma once
+// One syntactic unit of an elementary stream with the timing of the input buffer it came from.
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "packaging/fmp4/types/media_data.h"
+#include "packaging/fmp4/types/stream_type.h"
+
+namespace tvrn::encoding::packaging::lib_parse_es {
+inline namespace v2 {
+
+using imff::fmp4::CuePoint;
+using imff::fmp4::DolbyMetadata;
+using imff::fmp4::IMediaData;
+using imff::fmp4::MediaDataRef;
+using imff::fmp4::ParentalRatingEventBlock;
+using imff::fmp4::StreamType;
+
+// Conversions between 100 ns units and 90 kHz, rounding half away from zero.
+constexpr std::int64_t to90kHz(std::int64_t hundredNs) {
+    const std::int64_t product = hundredNs * 9;
+    return (product + (product < 0 ? -500 : 500)) / 1000;
+}
+constexpr std::int64_t from90kHz(std::int64_t ticks) {
+    const std::int64_t product = ticks * 1000;
+    return (product + (product < 0 ? -4 : 4)) / 9;
+}
+
+// Everything an input buffer said about itself, carried down to the sample. Times in 100 ns units.
+struct NalTimingInfo {
+    std::uint8_t hasTime = 0;
+    std::uint8_t hasMediaTime = 0;
+    std::uint8_t syncPoint = 0;
+    std::uint8_t discontinuity = 0;
+    std::uint8_t preroll = 0;
+    std::uint8_t hasDuration = 0;
+    std::uint8_t hasDataId = 0;
+    std::int64_t time = 0;       // presentation time
+    std::int64_t mediaTime = 0;  // decoding time
+    std::int64_t duration = 0;
+    CuePoint cuePoint{};
+    std::uint64_t sampleDate = 0;
+    std::uint64_t dataId = 0;
+    DolbyMetadata dolbyMetadata{};
+    std::uint8_t hasParentalRating = 0;
+    ParentalRatingEventBlock parentalRating{};
+
+    std::int64_t time90kHz() const { return to90kHz(time); }
+    std::int64_t mediaTime90kHz() const { return to90kHz(mediaTime); }
+    std::int64_t duration90kHz() const { return to90kHz(duration); }
+    void setTime90kHz(std::int64_t t) { time = from90kHz(t); }
+    void setMediaTime90kHz(std::int64_t t) { mediaTime = from90kHz(t); }
+    void setDuration90kHz(std::int64_t d) { duration = from90kHz(d); }
+};
+
+class NAL {
+public:
+    // type: the stream type, or -1 for a plain unit made by the sample builders.
+    NAL(std::int32_t type, std::int32_t capacity)
+        : type(type), capacity(capacity), data(capacity > 0 ? static_cast<std::size_t>(capacity) : 0),
+          writePosition(data.data()) {}
+    NAL(const NAL&) = delete;
+    NAL& operator=(const NAL&) = delete;
+    virtual ~NAL() = default;
+
+    // Appends bytes; the caller never appends more than the capacity.
+    void append(const std::uint8_t* bytes, std::size_t count) {
+        if (count == 0) return;
+        std::memcpy(writePosition, bytes, count);
+        writePosition += count;
+        length += static_cast<std::uint32_t>(count);
+    }
+    const std::uint8_t* bytes() const { return data.data(); }
+
+    std::int32_t type;
+    std::int32_t capacity;
+    std::vector<std::uint8_t> data;
+    std::uint8_t* writePosition;
+    std::uint32_t length = 0;
+    NalTimingInfo timing{};
+};
+
+// A NAL with its type fixed.
+template <std::int32_t N>
+class NalInputTypeGeneric : public NAL {
+public:
+    explicit NalInputTypeGeneric(std::int32_t capacity) : NAL(N, capacity) {}
+};
+
+}  // namespace v2
+}  // namespace tvrn::encoding::packaging::lib_parse_es

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs every Debian package the project needs to build, test, benchmark and run.
+# Idempotent: packages already present are left alone, and apt is asked only for missing ones.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake ninja-build g++ pkg-config
+  clang libclang-rt-14-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libssl-dev
+  libcurl4-openssl-dev libcurlpp-dev
+  gsoap libgsoap-dev
+  libjsoncpp-dev libtinyxml2-dev
+  libavformat-dev libavcodec-dev libavutil-dev
+  ffmpeg libxml2-utils
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "install-deps: all packages present"
+  exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+echo "install-deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
