@@ -1,0 +1,30 @@
+#pragma once
+// What the session asks of its chunk builder besides the synchroniser's callbacks.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "packaging/fmp4/types/stream_attributes.h"
+#include "packaging/synchronizator/i_sample_synchronizator.h"
+
+namespace tvrn::encoding::packaging::imff::fmp4 {
+inline namespace v7_2 {
+
+// One output as the host declares it: the streams written to it and its sink.
+struct ChunkOutputSeed {
+    std::string name;
+    std::vector<std::int32_t> streamIds;
+    IOutputFmp4* output = nullptr;  // owned by the host
+    std::uint64_t firstNumber = 1;
+};
+
+class IChunksBuilder : public synchronizator::i_sample_synchronizator::ISynchronizatorListener {
+public:
+    virtual void AddStream(std::uint32_t streamId, std::uint32_t trackId, const ElementaryStreamAttributes& attributes) = 0;
+    virtual void SetOutputs(const std::vector<ChunkOutputSeed>& outputs, bool inBandParameterSets,
+                            bool psshInFragments, bool allVideoInInit) = 0;
+    virtual void SetDefaultParentalRating(std::uint32_t age) = 0;
+};
+
+}  // namespace v7_2
+}  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -1,0 +1,125 @@
+#pragma once
+// The mux session: carries each stream's buffers through analysis and sample building to the synchroniser,
+// which cuts them for the chunk builder.
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "packaging/fmp4/fmp4_mux/chunks_builder_interface.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_mux_config.h"
+#include "packaging/fmp4/fmp4_mux/mux_session.h"
+#include "packaging/imff_samples/sample_builder.h"
+#include "packaging/lib_parse_es/nal_builder.h"
+#include "packaging/synchronizator/i_sample_synchronizator.h"
+#include "support/log/prefixed_logger.h"
+
+namespace tvrn::encoding::packaging::imff::fmp4 {
+inline namespace v7_2 {
+
+using synchronizator::i_chunk_warning_notifier::IChunkWarningNotifier;
+using synchronizator::i_sample_synchronizator::ISampleSynchronizator;
+using synchronizator::i_sample_synchronizator::ISynchronizatorListener;
+
+// What a segment synchroniser is built with.
+struct SegmentSynchronizatorParams {
+    ISynchronizatorListener* listener;
+    std::uint32_t segmentDurationMs;
+    std::uint32_t gopsPerSegment;
+    IChunkWarningNotifier* notifier;
+    tvrn::log::ILogger* logger;
+    bool offline;
+};
+
+// What the low-latency synchroniser is built with.
+struct LowLatencySynchronizatorParams {
+    ISynchronizatorListener* listener;
+    std::uint64_t chunkDurationMs;
+    std::uint64_t segmentDurationMs;
+    IChunkWarningNotifier* notifier;
+    tvrn::log::ILogger* logger;
+};
+
+// What the chunk builder is built with.
+struct ChunksBuilderParams {
+    OutputFormat outputFormat;
+    const Fmp4MuxConfig* config;
+    bool driftDetection;
+    tvrn::log::ILogger* logger;
+};
+
+// The factories of the session's parts. The analysis factories default to the codec registries.
+struct Fmp4MuxParts {
+    std::function<std::unique_ptr<IChunksBuilder>(const ChunksBuilderParams&)> makeChunksBuilder;
+    std::function<std::unique_ptr<ISampleSynchronizator>(const SegmentSynchronizatorParams&)> makeSegmentSynchronizator;
+    std::function<std::unique_ptr<ISampleSynchronizator>(const LowLatencySynchronizatorParams&)>
+        makeLowLatencySynchronizator;
+    std::function<std::unique_ptr<lib_parse_es::NALBuilder>(std::uint32_t streamType)> makeNalBuilder =
+        lib_parse_es::createNalBuilder;
+    std::function<std::unique_ptr<imff_samples::SampleBuilder>(std::uint32_t, bool, imff_samples::ISampleListener*)>
+        makeSampleBuilder = imff_samples::createSampleBuilder;
+};
+
+// Receives the samples of the session's streams and hands them to the synchroniser it owns.
+class Fmp4SampleListener : public imff_samples::ISampleListener {
+public:
+    explicit Fmp4SampleListener(std::unique_ptr<ISampleSynchronizator> synchronizator)
+        : m_synchronizator(std::move(synchronizator)) {}
+    ~Fmp4SampleListener() override = default;
+
+    void onStreamAdded(std::uint32_t streamType, std::uint32_t streamId) override;
+    void onSample(std::unique_ptr<imff_box::ISample>& sample) override;
+    void onEnd(std::uint32_t streamId) override;
+
+private:
+    std::unique_ptr<ISampleSynchronizator> m_synchronizator;
+};
+
+class Fmp4Mux final : public IMuxSession {
+public:
+    struct Options {
+        OutputFormat outputFormat = Dash;
+        bool inBandParameterSets = false;
+        bool psshInFragments = false;
+        bool allVideoInInit = false;
+        bool driftDetection = false;
+        bool offline = false;
+    };
+
+    // Builds the chunk builder, then the synchroniser(s). A missing factory of the parts is a build failure.
+    Fmp4Mux(OutputFormat outputFormat, const Fmp4MuxConfig& config, IChunkWarningNotifier* notifier,
+            tvrn::log::ILogger& logger, bool inBandParameterSets, bool psshInFragments, bool allVideoInInit,
+            bool driftDetection, bool offline, Fmp4MuxParts parts);
+    ~Fmp4Mux() override;
+
+    // Registers one stream, before its first sample.
+    void AddStream(std::uint32_t streamId, const ElementaryStreamAttributes& attributes);
+    void SetOutputs(const std::vector<ChunkOutputSeed>& outputs);
+    void SetDefaultParentalRating(std::uint32_t age);
+
+    void ConsumeSample(std::uint32_t streamId, IMediaData* sample) override;
+    void ConsumeEndOfStream(std::uint32_t streamId) override;
+
+    // The track id given to a stream at registration.
+    std::uint32_t trackIdOf(std::uint32_t streamId) const;
+    IChunksBuilder& chunksBuilder() { return *m_chunksBuilder; }
+
+private:
+    Fmp4MuxConfig m_config;
+    Options m_options;
+    Fmp4MuxParts m_parts;
+    tvrn::log::prefixed_logger::PrefixedLogger m_logger;
+    std::map<std::uint32_t, std::unique_ptr<lib_parse_es::NALBuilder>> m_nalBuilders;
+    std::map<std::uint32_t, std::unique_ptr<imff_samples::SampleBuilder>> m_sampleBuilders;
+    std::set<std::uint32_t> m_started;
+    std::unique_ptr<IChunksBuilder> m_chunksBuilder;
+    std::unique_ptr<Fmp4SampleListener> m_mainListener;
+    std::unique_ptr<Fmp4SampleListener> m_audioListener;  // only for separate audio segments
+    std::uint32_t m_nextTrackId = 2;
+    std::map<std::uint32_t, std::uint32_t> m_trackIds;
+};
+
+}  // namespace v7_2
+}  // namespace tvrn::encoding::packaging::imff::fmp4
