@@ -24,3 +24,39 @@ TEST(Fraction, LcmOfDurations) {
     EXPECT_EQ(lcm.den, 25);
 }
 }  // namespace
+
+namespace {
+TEST(Fraction, RoundingAndReduction) {
+    EXPECT_EQ((Fraction<std::int64_t>{7, 2}.floor()), 3);
+    EXPECT_EQ((Fraction<std::int64_t>{-7, 2}.floor()), -4);
+    EXPECT_EQ((Fraction<std::int64_t>{7, 2}.ceil()), 4);
+    EXPECT_EQ((Fraction<std::int64_t>{-7, 2}.ceil()), -3);
+    EXPECT_EQ((Fraction<std::int64_t>{5, 2}.round()), 3);  // (5 + 1) / 2
+    EXPECT_EQ((Fraction<std::uint64_t>{4, 3}.round()), 1u);
+    const auto r = Fraction<std::int64_t>{30, -12}.reduced();
+    EXPECT_EQ(r.num, -5);
+    EXPECT_EQ(r.den, 2);
+    // Cross products in 128 bits: these products overflow 64 bits.
+    EXPECT_TRUE((Fraction<std::uint64_t>{3000000000000, 6000000000001} ==
+                 Fraction<std::uint64_t>{6000000000000, 12000000000002}));
+    EXPECT_FALSE((Fraction<std::uint64_t>{3000000000000, 6000000000001} ==
+                  Fraction<std::uint64_t>{3000000000001, 6000000000001}));
+}
+
+TEST(Fraction, LcmOfOneIsItselfReducedAndOfNoneFails) {
+    auto one = computeLCM(std::vector<Fraction<std::uint64_t>>{{6, 4}});
+    EXPECT_EQ(one.num, 3u);
+    EXPECT_EQ(one.den, 2u);
+    // 1001/30000 (a 29.97 fps frame) and 1024/48000 (an AAC frame): 1001/30000 = 1601.6/48000, so in
+    // 1/240000 units: 8008 and 5120; lcm = 5125120 -> 5125120/240000 = 16016/750 = 8008/375.
+    auto lcm = computeLCM(std::vector<Fraction<std::uint64_t>>{{1001, 30000}, {1024, 48000}});
+    EXPECT_EQ(lcm.num, 8008u);
+    EXPECT_EQ(lcm.den, 375u);
+    try {
+        computeLCM(std::vector<Fraction<std::int64_t>>{});
+        FAIL();
+    } catch (const CorvaneException& e) {
+        EXPECT_STREQ(e.what(), "Cannot compute LCM of no fraction");
+    }
+}
+}  // namespace
