@@ -1,0 +1,282 @@
+#include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+
+#include <gtest/gtest.h>
+
+#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "fakes.h"
+#include "support/exceptions/corvane_exception.h"
+
+namespace {
+using namespace fmp4_test;
+
+TEST(Fmp4MuxConfig, PublicModesMapToTheirRecordIndex) {
+    auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);
+    EXPECT_EQ(alt.tag(), 1u);
+    EXPECT_EQ(alt.mode(), GopSegmentsAlt);
+    auto separate = Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 2, 1920, 0);
+    EXPECT_EQ(separate.tag(), 2u);
+    EXPECT_EQ(separate.separateAudioSegments().audioSegmentDurationMs, 1920u);
+    EXPECT_EQ(separate.segmentDurationMs(), 4000u);
+    EXPECT_EQ(separate.gopsPerSegment(), 2u);
+    auto low = Fmp4MuxConfig::fromMode(LowLatency, 2000, 3, 0, 500);
+    EXPECT_EQ(low.tag(), 3u);
+    EXPECT_EQ(low.lowLatency().segmentDurationMs, 6000u);
+    EXPECT_EQ(low.lowLatency().chunkDurationMs, 500u);
+    EXPECT_EQ(low.segmentDurationMs(), 6000u);
+    EXPECT_EQ(low.gopsPerSegment(), 0u);
+    try {
+        Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0);
+        FAIL();
+    } catch (const CorvaneException& e) {
+        EXPECT_STREQ(e.what(), "Unknown Fmp4 MuxMode");
+    }
+    try {
+        (void)alt.gopSegments();
+        FAIL();
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "cannot convert union to given type");
+    }
+}
+
+TEST(Fmp4MuxConfig, CopiesOwnTheirRecordAndSwapExchangesTags) {
+    Fmp4MuxConfig a = Fmp4MuxConfig::fromMode(GopSegments, 1000, 2, 0, 0);
+    Fmp4MuxConfig b = a;
+    Fmp4MuxConfig c = Fmp4MuxConfig::fromMode(LowLatency, 1000, 4, 0, 250);
+    a = c;
+    EXPECT_EQ(b.tag(), 0u);
+    EXPECT_EQ(b.segmentDurationMs(), 2000u);
+    EXPECT_EQ(a.tag(), 3u);
+    b.swap(c);
+    EXPECT_EQ(b.tag(), 3u);
+    EXPECT_EQ(c.tag(), 0u);
+    EXPECT_EQ(c.gopSegments().gopDurationMs, 1000);
+    Fmp4MuxConfig defaults;
+    EXPECT_EQ(defaults.tag(), 0u);
+    EXPECT_EQ(defaults.segmentDurationMs(), 0u);
+}
+
+// A session over recording parts.
+struct SessionFixture {
+    SynchronizatorLog mainSync;
+    SynchronizatorLog audioSync;
+    ChunksBuilderLog chunks;
+    NalBuilderLog nals;
+    std::vector<std::pair<std::uint32_t, bool>> sampleBuilders;  // (type, in-band flag)
+    int synchronisersBuilt = 0;
+    std::vector<SegmentSynchronizatorParams> syncParams;
+    RecordingLogger logger;
+
+    Fmp4MuxParts parts() {
+        Fmp4MuxParts p;
+        p.makeChunksBuilder = [this](const ChunksBuilderParams&) { return std::make_unique<FakeChunksBuilder>(chunks); };
+        p.makeSegmentSynchronizator = [this](const SegmentSynchronizatorParams& params) {
+            syncParams.push_back(params);
+            return std::make_unique<FakeSynchronizator>(synchronisersBuilt++ == 0 ? mainSync : audioSync);
+        };
+        p.makeNalBuilder = [this](std::uint32_t type) -> std::unique_ptr<lib_parse_es::NALBuilder> {
+            if (type == KLV) return nullptr;
+            return std::make_unique<FakeNalBuilder>(type, nals);
+        };
+        p.makeSampleBuilder = [this](std::uint32_t type, bool inBand, imff_samples::ISampleListener*) {
+            sampleBuilders.emplace_back(type, inBand);
+            return std::unique_ptr<imff_samples::SampleBuilder>();
+        };
+        return p;
+    }
+
+    std::unique_ptr<Fmp4Mux> make(const Fmp4MuxConfig& config, OutputFormat format = Dash, bool inBand = false,
+                                  bool offline = false) {
+        return std::make_unique<Fmp4Mux>(format, config, nullptr, logger, inBand, false, false, false, offline, parts());
+    }
+};
+
+ElementaryStreamAttributes attributesOf(std::uint32_t type) {
+    ElementaryStreamAttributes a;
+    a.type = type;
+    return a;
+}
+
+TEST(Fmp4Mux, LogsTheSynchronisersItBuilds) {
+    SessionFixture f;
+    auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 3, 0, 0));
+    EXPECT_TRUE(f.logger.contains("2 Fmp4 mux: Synchronisator : segment of 6000 ms, 3 video GOP in segments"));
+    EXPECT_EQ(f.synchronisersBuilt, 1);
+    ASSERT_EQ(f.syncParams.size(), 1u);
+    EXPECT_EQ(f.syncParams[0].segmentDurationMs, 6000u);
+
+    SessionFixture g;
+    auto separate = g.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 1920, 0), Dash, false, true);
+    EXPECT_TRUE(g.logger.contains("2 Fmp4 mux: Offline Synchronisator : segment of 2000 ms, 1 video GOP in segments"));
+    EXPECT_TRUE(g.logger.contains("2 Fmp4 mux: Audio Offline Synchronisator : segment of  1920"));
+    ASSERT_EQ(g.syncParams.size(), 2u);
+    EXPECT_EQ(g.syncParams[1].segmentDurationMs, 1920u);
+    EXPECT_EQ(g.syncParams[1].gopsPerSegment, 1u);
+    EXPECT_TRUE(g.syncParams[1].offline);
+}
+
+TEST(Fmp4Mux, VideoIsTrackOneAndEverythingElseCountsFromTwo) {
+    SessionFixture f;
+    auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
+    mux->AddStream(0, attributesOf(H264_VIDEO));
+    mux->AddStream(1, attributesOf(HEVC_VIDEO));
+    mux->AddStream(2, attributesOf(AC4_AUDIO));
+    mux->AddStream(3, attributesOf(AAC_ADTS_AUDIO));
+    mux->AddStream(4, attributesOf(TTML));
+    mux->AddStream(5, attributesOf(H264_VIDEO));
+    EXPECT_EQ(f.chunks.streams, (std::vector<std::string>{"0:1", "1:1", "2:2", "3:3", "4:4", "5:1"}));
+    // AC-4 cuts as video; text is sparse. Labels name the input and its type.
+    EXPECT_EQ(f.mainSync.added,
+              (std::vector<std::string>{"0:0:input 0(H264 Video)", "1:0:input 1(HEVC Video)", "2:0:input 2(AC4 Audio)",
+                                        "3:1:input 3(AAC ADTS Audio)", "4:2:input 4(TTML)", "5:0:input 5(H264 Video)"}));
+    // Timed text gets the subtitle role in the chunk builder's record.
+    ASSERT_EQ(f.chunks.attributes[4].descriptors.size(), 1u);
+    EXPECT_EQ(f.chunks.attributes[4].descriptors[0],
+              (StreamDescriptor{"Role", "urn:mpeg:dash:role:2011", "subtitle"}));
+    EXPECT_TRUE(f.chunks.attributes[0].descriptors.empty());
+}
+
+TEST(Fmp4Mux, SeparateAudioSegmentsRouteAudioToTheSecondSynchroniser) {
+    SessionFixture f;
+    auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
+    mux->AddStream(0, attributesOf(H264_VIDEO));
+    mux->AddStream(1, attributesOf(AAC_LATM_AUDIO));
+    mux->AddStream(2, attributesOf(AC4_AUDIO));
+    mux->AddStream(3, attributesOf(WEBVTT));
+    EXPECT_EQ(f.mainSync.added, (std::vector<std::string>{"0:0:input 0(H264 Video)", "3:2:input 3(WebVTT)"}));
+    EXPECT_EQ(f.audioSync.added, (std::vector<std::string>{"1:1:input 1(AAC LATM Audio)", "2:0:input 2(AC4 Audio)"}));
+}
+
+TEST(Fmp4Mux, SampleBuildersTakeTheInBandFlagFromTheFormat) {
+    SessionFixture dash;
+    auto a = dash.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Dash, false);
+    a->AddStream(0, attributesOf(H264_VIDEO));
+    SessionFixture dashInBand;
+    auto b = dashInBand.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Dash, true);
+    b->AddStream(0, attributesOf(H264_VIDEO));
+    SessionFixture smooth;
+    auto c = smooth.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Smooth, false);
+    c->AddStream(0, attributesOf(H264_VIDEO));
+    EXPECT_FALSE(dash.sampleBuilders.at(0).second);
+    EXPECT_TRUE(dashInBand.sampleBuilders.at(0).second);
+    EXPECT_TRUE(smooth.sampleBuilders.at(0).second);
+}
+
+TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
+    SessionFixture f;
+    auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
+    mux->AddStream(0, attributesOf(H264_VIDEO));
+    mux->AddStream(1, attributesOf(AAC_ADTS_AUDIO));
+    mux->AddStream(2, attributesOf(KLV));  // no analysis for it here
+    mux->ConsumeSample(0, timedBuffer(-1).get());
+    mux->ConsumeSample(0, timedBuffer(-1).get());
+    mux->ConsumeSample(1, timedBuffer(500).get());
+    mux->ConsumeSample(0, timedBuffer(1000).get());
+    mux->ConsumeSample(0, timedBuffer(-1).get());  // started: untimed buffers continue the stream
+    mux->ConsumeSample(2, timedBuffer(1000).get());
+    mux->ConsumeSample(7, timedBuffer(1000).get());  // unknown stream
+    const std::vector<std::pair<std::uint32_t, std::int64_t>> expected{
+        {AAC_ADTS_AUDIO, 500}, {H264_VIDEO, 1000}, {H264_VIDEO, -1}};
+    EXPECT_EQ(f.nals.pushes, expected);
+    mux->ConsumeEndOfStream(0);
+    mux->ConsumeEndOfStream(2);
+    mux->ConsumeEndOfStream(9);
+    EXPECT_EQ(f.nals.flushes, 1);
+}
+
+TEST(Fmp4Mux, SetOutputsPassesTheOutputsAndFlags) {
+    SessionFixture f;
+    Fmp4Mux mux(Dash, Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), nullptr, f.logger, true, false, true, false,
+                false, f.parts());
+    mux.SetOutputs({ChunkOutputSeed{"", {0}, nullptr, 5}});
+    ASSERT_EQ(f.chunks.outputs.size(), 1u);
+    EXPECT_EQ(f.chunks.outputs[0].firstNumber, 5u);
+    EXPECT_TRUE(f.chunks.flags[0]);
+    EXPECT_FALSE(f.chunks.flags[1]);
+    EXPECT_TRUE(f.chunks.flags[2]);
+}
+
+std::unique_ptr<imff_samples::Sample> makeSample(std::uint32_t type, std::int32_t kind, std::int64_t pts,
+                                                 std::int64_t duration, std::uint64_t timescale) {
+    auto s = std::make_unique<imff_samples::Sample>();
+    s->inputType = type;
+    s->kind = kind;
+    s->streamId = 4;
+    s->hasTimescale = true;
+    s->timescale = timescale;
+    s->hasPts = s->hasDts = s->hasDuration = true;
+    s->pts = pts;
+    s->dts = pts - 3003;
+    s->duration = duration;
+    return s;
+}
+
+TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
+    SynchronizatorLog log;
+    Fmp4SampleListener listener(std::make_unique<FakeSynchronizator>(log));
+    std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
+        makeSample(H264_VIDEO, 0, 900000, 3600, 90000);
+    listener.onSample(holder);
+    EXPECT_FALSE(holder);
+    holder = makeSample(AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000);
+    listener.onSample(holder);
+    holder = makeSample(H264_VIDEO, 2, 0, 0, 90000);
+    listener.onSample(holder);
+    holder = makeSample(HEVC_VIDEO, 4, 0, 0, 90000);
+    listener.onSample(holder);
+    holder = makeSample(HEVC_VIDEO, 3, 0, 0, 90000);
+    listener.onSample(holder);
+    holder = makeSample(AAC_LATM_AUDIO, 6, 0, 0, 90000);
+    listener.onSample(holder);
+    listener.onEnd(4);
+    ASSERT_EQ(log.samples.size(), 6u);
+    EXPECT_EQ(log.ends, std::vector<std::uint32_t>{4});
+
+    const auto& video = *log.samples[0];
+    EXPECT_EQ(video.getStreamId(), 4u);
+    EXPECT_EQ(video.getTime(), 100000000);     // 10 s
+    EXPECT_EQ(video.getDuration(), 400000);    // 40 ms
+    EXPECT_EQ(video.getEndTime(), 100400000);
+    EXPECT_FALSE(video.isConfiguration());
+    EXPECT_EQ(video.getConfigurationIndex(), 3u);
+    EXPECT_EQ(video.getConfigurationCount(), 0u);
+    EXPECT_EQ(video.getStreamKind(), 0u);
+
+    const auto& audio = *log.samples[1];
+    EXPECT_EQ(audio.getTime(), 1000000000);
+    EXPECT_EQ(audio.getDuration(), 213333);  // 1024 / 48000 s, truncated
+    EXPECT_EQ(audio.getStreamKind(), 1u);
+
+    // Configuration: H.264 SPS is item 1 of 2; HEVC VPS item 2 of 3, PPS item 0; audio config item 0 of 1.
+    EXPECT_TRUE(log.samples[2]->isConfiguration());
+    EXPECT_EQ(log.samples[2]->getTime(), 0);
+    EXPECT_EQ(log.samples[2]->getConfigurationIndex(), 1u);
+    EXPECT_EQ(log.samples[2]->getConfigurationCount(), 2u);
+    EXPECT_EQ(log.samples[3]->getConfigurationIndex(), 2u);
+    EXPECT_EQ(log.samples[3]->getConfigurationCount(), 3u);
+    EXPECT_EQ(log.samples[4]->getConfigurationIndex(), 0u);
+    EXPECT_EQ(log.samples[5]->getConfigurationIndex(), 0u);
+    EXPECT_EQ(log.samples[5]->getConfigurationCount(), 1u);
+
+    // A chunk starts at its first sample's decoding time, exactly rescaled.
+    StreamChunk chunk;
+    EXPECT_EQ(chunkStartTime(chunk, 90000), 0);
+    EXPECT_FALSE(chunkIsVideo(chunk));
+    EXPECT_FALSE(chunkIsAudio(chunk));
+    chunk.samples.push_back(log.samples[0]);
+    EXPECT_EQ(chunkStartTime(chunk, 10000000), (900000 - 3003) * 1000 / 9);
+    EXPECT_TRUE(chunkIsVideo(chunk));
+}
+
+TEST(Fmp4Sample, AnAc4SampleCutsAsVideoAndUntimedSamplesReportZero) {
+    auto s = makeSample(AC4_AUDIO, 1, 1000, 2048, 48000);
+    Fmp4Sample ac4(std::shared_ptr<imff_samples::Sample>(std::move(s)));
+    EXPECT_EQ(ac4.getStreamKind(), 0u);
+    auto untimed = std::make_shared<imff_samples::Sample>();
+    untimed->inputType = H264_VIDEO;
+    untimed->hasPts = true;
+    untimed->pts = 90000;
+    Fmp4Sample noTimescale(untimed);
+    EXPECT_EQ(noTimescale.getTime(), 0);
+    EXPECT_EQ(noTimescale.getEndTime(), 0);
+}
+}  // namespace
