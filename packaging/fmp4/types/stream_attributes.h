@@ -1,6 +1,7 @@
 #pragma once
 // What the host declares of a stream, and the sink of finished chunks.
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,11 @@ constexpr ChunkContentType chunkContentType(std::int32_t firstSampleKind) {
 
 // The label of one stream in logs: "video_%dkbps", "audio_%dkbps" or "text_%dkbps" from bandwidth / 1000.
 std::string streamLabel(const ElementaryStreamAttributes& attributes);
+
+// The label of an output in logs: "output#%d" with its index, followed by the labels of its streams;
+// a stream that is not registered adds nothing.
+std::string outputLabel(int outputIndex, const std::vector<std::int32_t>& streamIds,
+                        const std::map<std::uint32_t, ElementaryStreamAttributes>& registered);
 
 }  // namespace v7_2
 }  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -48,6 +48,11 @@ TEST(StreamRecords, DefaultsLabelsAndContentTypes) {
     attributes.type = WEBVTT;
     EXPECT_EQ(streamLabel(attributes), "text_128kbps");
 
+    std::map<std::uint32_t, ElementaryStreamAttributes> registered;
+    registered[3] = attributes;
+    registered[3].bandwidth = 96000;
+    EXPECT_EQ(outputLabel(2, {3, 8}, registered), "output#2text_96kbps");
+
     EXPECT_EQ(chunkContentType(1), ChunkAudio);
     EXPECT_EQ(chunkContentType(6), ChunkAudio);
     EXPECT_EQ(chunkContentType(7), 5u);
@@ -101,8 +106,11 @@ TEST(SimpleMediaData, TimesFlagsMetadataAndReferenceCount) {
     EXPECT_EQ(id.value, 77u);
     DolbyMetadata dolby;
     EXPECT_FALSE(data->GetDolbyMetadata(dolby));
-    EXPECT_EQ(dolby.header, 0xFFFF);
-    EXPECT_EQ(dolby.values[17], -1);
+    // The record is packed: read its members by value.
+    const std::uint16_t header = dolby.header;
+    const std::int32_t last = dolby.values[17];
+    EXPECT_EQ(header, 0xFFFF);
+    EXPECT_EQ(last, -1);
     ParentalRatingEventBlock rating;
     rating.bytes[5143] = 9;
     data->SetParentalRating(rating);
