@@ -1,0 +1,157 @@
+#pragma once
+// Synthetic samples and a recording listener for driving a synchroniser in tests and benchmarks.
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <mutex>
+#include <vector>
+
+#include "packaging/synchronizator/sample_segment_synchronisator.h"
+
+namespace sync_test {
+using namespace tvrn::encoding::packaging::synchronizator;
+using tvrn::encoding::packaging::imff::fmp4::SegmentChunks;
+
+struct FakeSample : ISyncSample {
+    std::uint32_t streamId = 0;
+    bool sync = false;
+    std::int64_t time = 0;
+    std::int64_t duration = 0;
+    bool configuration = false;
+    std::uint32_t configurationIndex = 3;
+    std::uint32_t configurationCount = 0;
+    bool hasDataId = false;
+    std::uint64_t dataId = 0;
+
+    std::uint32_t getStreamId() const override { return streamId; }
+    bool isSync() const override { return sync; }
+    bool getDataId(std::uint64_t& id) const override {
+        id = dataId;
+        return hasDataId;
+    }
+    bool hasDiscontinuity() const override { return false; }
+    std::int64_t getDuration() const override { return configuration ? 0 : duration; }
+    std::int64_t getEndTime() const override { return configuration ? 0 : time + duration; }
+    std::int64_t getTime() const override { return configuration ? 0 : time; }
+    bool getOwnTimescale(std::uint64_t& t) const override {
+        t = 10000000;
+        return true;
+    }
+    bool getOwnDuration(std::int64_t& d) const override {
+        d = duration;
+        return true;
+    }
+    bool isConfiguration() const override { return configuration; }
+    std::uint32_t getConfigurationIndex() const override { return configurationIndex; }
+    std::uint32_t getConfigurationCount() const override { return configurationCount; }
+    std::uint32_t getStreamKind() const override { return 0; }
+};
+
+inline std::shared_ptr<ISyncSample> media(std::uint32_t stream, std::int64_t time, std::int64_t duration, bool sync,
+                                          std::uint64_t dataId = 0) {
+    auto s = std::make_shared<FakeSample>();
+    s->streamId = stream;
+    s->time = time;
+    s->duration = duration;
+    s->sync = sync;
+    s->hasDataId = dataId != 0;
+    s->dataId = dataId;
+    return s;
+}
+
+inline std::shared_ptr<ISyncSample> config(std::uint32_t stream, std::uint32_t index, std::uint32_t count) {
+    auto s = std::make_shared<FakeSample>();
+    s->streamId = stream;
+    s->configuration = true;
+    s->configurationIndex = index;
+    s->configurationCount = count;
+    return s;
+}
+
+// Keeps every delivery; waits for the end of stream or for a count of segments.
+class RecordingListener : public ISynchronizatorListener {
+public:
+    void OnChunks(const SegmentChunks& chunks, bool last) override {
+        std::lock_guard lock(m_mutex);
+        segments.push_back(chunks);
+        lastFlags.push_back(last);
+        m_cv.notify_all();
+    }
+    void OnFirstSegments(const SegmentChunks& first, std::uint64_t timebase, std::uint64_t chunkDuration,
+                         std::uint64_t segmentDuration) override {
+        std::lock_guard lock(m_mutex);
+        firstSegments.push_back(first);
+        firstArguments = {timebase, chunkDuration, segmentDuration};
+    }
+    void OnEndOfStream() override {
+        std::lock_guard lock(m_mutex);
+        ++ends;
+        m_cv.notify_all();
+    }
+    void OnRestart() override {}
+
+    void waitForEnd() {
+        std::unique_lock lock(m_mutex);
+        m_cv.wait(lock, [this] { return ends > 0; });
+    }
+
+    std::vector<SegmentChunks> segments;
+    std::vector<bool> lastFlags;
+    std::vector<SegmentChunks> firstSegments;
+    std::vector<std::uint64_t> firstArguments;
+    int ends = 0;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+};
+
+class RecordingNotifier : public i_chunk_warning_notifier::IChunkWarningNotifier {
+public:
+    void onCut(std::int64_t time, bool rap, std::uint32_t ms) override {
+        std::lock_guard lock(m_mutex);
+        cuts.push_back({time, rap, ms});
+    }
+    void onSamplesDropped(std::uint64_t count) override {
+        std::lock_guard lock(m_mutex);
+        dropped.push_back(count);
+        m_cv.notify_all();
+    }
+    void waitForDrop() {
+        std::unique_lock lock(m_mutex);
+        m_cv.wait(lock, [this] { return !dropped.empty(); });
+    }
+    struct Cut {
+        std::int64_t time;
+        bool randomAccess;
+        std::uint32_t segmentMs;
+    };
+    std::vector<Cut> cuts;
+    std::vector<std::uint64_t> dropped;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+};
+
+class NullLogger : public tvrn::log::ILogger {
+public:
+    void WriteMsg(tvrn::log::LOGLEVEL, const char* format, ...) override __attribute__((format(printf, 3, 4))) {
+        std::lock_guard lock(m_mutex);
+        lines.emplace_back(format);
+        va_list args;
+        va_start(args, format);
+        char buffer[512];
+        std::vsnprintf(buffer, sizeof buffer, format, args);
+        va_end(args);
+        texts.emplace_back(buffer);
+    }
+    std::vector<std::string> lines;
+    std::vector<std::string> texts;
+
+private:
+    std::mutex m_mutex;
+};
+
+}  // namespace sync_test
