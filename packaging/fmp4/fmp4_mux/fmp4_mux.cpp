@@ -4,12 +4,19 @@
 
 #include "packaging/imff_samples/sample.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "packaging/synchronizator/sample_segment_synchronisator.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
 
 using tvrn::log::LOG_INFO;
+
+std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params) {
+    return std::make_unique<synchronizator::SampleSegmentSynchronisator>(
+        *params.listener, params.segmentDurationMs, params.gopsPerSegment, params.notifier, *params.logger,
+        params.offline);
+}
 
 void Fmp4SampleListener::onStreamAdded(std::uint32_t streamType, std::uint32_t streamId) {
     char label[64];

@@ -50,10 +50,13 @@ struct ChunksBuilderParams {
     tvrn::log::ILogger* logger;
 };
 
-// The factories of the session's parts. The analysis factories default to the codec registries.
+std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params);
+
+// The factories of the session's parts. The defaults are the system's own parts.
 struct Fmp4MuxParts {
     std::function<std::unique_ptr<IChunksBuilder>(const ChunksBuilderParams&)> makeChunksBuilder;
-    std::function<std::unique_ptr<ISampleSynchronizator>(const SegmentSynchronizatorParams&)> makeSegmentSynchronizator;
+    std::function<std::unique_ptr<ISampleSynchronizator>(const SegmentSynchronizatorParams&)> makeSegmentSynchronizator =
+        makeSampleSegmentSynchronisator;
     std::function<std::unique_ptr<ISampleSynchronizator>(const LowLatencySynchronizatorParams&)>
         makeLowLatencySynchronizator;
     std::function<std::unique_ptr<lib_parse_es::NALBuilder>(std::uint32_t streamType)> makeNalBuilder =
