@@ -249,6 +249,7 @@ void HintMediaHeaderBox::binarize(ImffBitWriter& writer) const {
     writer.writeBits(16, m_avgPduSize);
     writer.writeBits(32, m_maxBitrate);
     writer.writeBits(32, m_avgBitrate);
+    writer.writeBits(32, 0);  // reserved
 }
 
 void HintMediaHeaderBox::dump(std::ostream* stream) const {
