@@ -3,6 +3,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "packaging/imff_box/fragment_boxes.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace tvrn::encoding::packaging::imff::imff_box {
@@ -239,7 +240,9 @@ void binarizeChecked(const Box& box, ImffBitWriter& writer) {
     const std::uint64_t start = writer.getPosition();
     box.binarize(writer);
     const std::uint64_t written = writer.getPosition() - start;
-    const std::uint64_t expected = box.getSize() * 8;
+    std::uint64_t expected = box.getSize() * 8;
+    // mdat counts its payload but writes only its header: the payload is copied in behind it.
+    if (const auto* mdat = dynamic_cast<const MediaDataBox*>(&box)) expected -= mdat->getPayloadSize() * 8;
     if (written != expected) {
         throw std::logic_error("box " + fourCCText(box.getType()) + " wrote " + std::to_string(written / 8) +
                                " bytes but announced " + std::to_string(expected / 8));
