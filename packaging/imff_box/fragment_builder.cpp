@@ -1,6 +1,7 @@
 #include "packaging/imff_box/fragment_builder.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "support/text/fraction.h"
 
@@ -27,6 +28,15 @@ SampleFlags sampleDependencyFlags(bool sync, bool video) {
 }
 
 namespace {
+// (later - earlier) at `fromRate`, rescaled to `toRate`, at least 0 and at most what 32-bit fields and the
+// 64-bit sums can take: the difference is taken in 128 bits, so that no time overflows it.
+std::int64_t rescaledGap(std::int64_t later, std::int64_t earlier, std::uint64_t fromRate, std::uint64_t toRate) {
+    const __int128 gap = static_cast<__int128>(later) - earlier;
+    if (gap <= 0) return 0;
+    const __int128 scaled = gap * static_cast<__int128>(toRate) / static_cast<__int128>(fromRate);
+    return scaled > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<std::int64_t>(scaled);
+}
+
 struct Timed {
     const ISample* sample;
     std::int64_t pts;
@@ -61,8 +71,9 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
     const std::uint64_t T = p.trackTimescale;
     if (!timed.empty()) fragment.firstDecodeTime = rescaleTime(timed.front().dts, timed.front().rate, T);
     if (p.dash) {
+        // Unsigned sum: wraps like the 64-bit field instead of overflowing.
         fragment.traf->addChild(std::make_shared<TrackFragmentDecodeTimeBox>(
-            static_cast<std::uint64_t>(p.timestampOffset + fragment.firstDecodeTime), 1));
+            static_cast<std::uint64_t>(p.timestampOffset) + static_cast<std::uint64_t>(fragment.firstDecodeTime), 1));
     } else {
         const auto time = static_cast<std::uint64_t>(fragment.firstDecodeTime);
         fragment.traf->addChild(std::make_shared<TrackFragmentExtendedHeaderBox>(time, p.segmentDuration, 1));
@@ -74,16 +85,17 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
     std::shared_ptr<SampleDependencyTypeBox> sdtp;
     if (!p.dash) sdtp = std::make_shared<SampleDependencyTypeBox>();
 
-    std::int64_t durationSoFar = 0;
-    const auto segmentDuration = static_cast<std::int64_t>(p.segmentDuration);
+    std::int64_t durationSoFar = 0;  // at most 2^32 per sample: no overflow for any real count of samples
+    const auto segmentDuration = static_cast<std::int64_t>(std::min<std::uint64_t>(p.segmentDuration, INT64_MAX));
     fragment.samples.reserve(timed.size());
     for (std::size_t i = 0; i < timed.size(); ++i) {
         const Timed& t = timed[i];
         TrackRunBox::Entry entry;
-        entry.compositionOffset = static_cast<std::uint32_t>(rescaleTime(std::max<std::int64_t>(t.pts - t.dts, 0), t.rate, T));
+        // Only non-negative offsets: trun version 0 holds them unsigned.
+        entry.compositionOffset = static_cast<std::uint32_t>(rescaledGap(t.pts, t.dts, t.rate, T));
         std::int64_t duration;
         if (i + 1 < timed.size()) {
-            duration = std::max<std::int64_t>(rescaleTime(timed[i + 1].dts - t.dts, t.rate, T), 0);
+            duration = rescaledGap(timed[i + 1].dts, t.dts, t.rate, T);
         } else {
             // The last sample absorbs every rounding error, so that the run adds up to the segment.
             duration = std::max<std::int64_t>(segmentDuration - durationSoFar, 0);

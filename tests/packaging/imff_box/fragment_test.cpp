@@ -251,6 +251,25 @@ TEST(TrackFragmentBuilder, UnknownTimesSkipAndNegativeOffsetsClamp) {
     EXPECT_BYTES(Bytes(trun.begin() + 12, trun.begin() + 16), hex("00000002"));  // the count matches the entries
 }
 
+TEST(TrackFragmentBuilder, ExtremeTimesNeitherOverflowNorGoNegative) {
+    // Under the undefined-behaviour sanitizer a signed overflow here would abort the test.
+    std::vector<TestSample> samples = {TestSample::make(INT64_MAX, INT64_MIN, 90000, 1, 1, true),
+                                       TestSample::make(INT64_MIN, INT64_MAX, 90000, 1, 1, false),
+                                       TestSample::make(0, 0, 90000, 1, 1, false)};
+    TrackFragmentParameters p;
+    p.video = true;
+    p.segmentDuration = 10;
+    p.trackTimescale = 90000;
+    p.timestampOffset = INT64_MAX;
+    const auto entries = TrackFragmentBuilder::build(p, box_test::pointers(samples)).trun->getEntries();
+    ASSERT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries[0].duration, 0xFFFFFFFFu);  // a gap beyond 32 bits is held at the largest value
+    EXPECT_EQ(entries[0].compositionOffset, 0xFFFFFFFFu);
+    EXPECT_EQ(entries[1].duration, 0u);  // decode time going back
+    EXPECT_EQ(entries[1].compositionOffset, 0u);
+    EXPECT_EQ(entries[2].duration, 0u);  // the segment is long past
+}
+
 TEST(TrackFragmentBuilder, SmoothTrafOrderAndFlags) {
     std::vector<TestSample> samples = {TestSample::make(0, 20000000, 10000000, 400000, 3, true),
                                        TestSample::make(0, 20400000, 10000000, 400000, 4, false)};
