@@ -1,6 +1,8 @@
 // Init segment boxes and FileHeader, against layouts worked out from ISO/IEC 14496-12.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "packaging/imff_box/file_header.h"
 #include "packaging/imff_box/movie_boxes.h"
 #include "packaging/imff_box/sample_entry.h"
@@ -185,6 +187,43 @@ TEST(MovieBoxes, SampleTables) {
     EXPECT_BYTES(box_test::write(std::make_shared<DataEntryUrlBox>(0, "a")), hex("0000000E 'url ' 00000000 'a' 00"));
     EXPECT_BYTES(box_test::write(std::make_shared<DataEntryUrnBox>(0, "n", "l")),
                  hex("00000010 'urn ' 00000000 'n' 00 'l' 00"));
+}
+
+TEST(MovieBoxes, DumpForms) {
+    std::ostringstream out;
+    TrackHeaderBox tkhd(2);
+    tkhd.setVolume(256);
+    tkhd.setWidth(640);
+    tkhd.dump(&out);
+    HandlerReferenceBox(TRACK_AUDIO).dump(&out);
+    SampleSizeBox stsz;
+    stsz.addSize(5);
+    stsz.dump(&out);
+    EXPECT_EQ(out.str(),
+              "<TrackHeaderBox CreationTime=\"0\" ModificationTime=\"0\" TrackID=\"2\" Duration=\"0\" "
+              "m_uiVolume=\"256\" Width=\"640\" Height=\"0\" >\n"
+              "<tkhd_FullBox Size=\"92 Type=\"tkhd\" Version=\"0\" Flags=\"7\"/>\n"
+              "</TrackHeaderBox>\n"
+              "<HandlerReferenceBox HandlerType=\"nuos\" Name=\"audio\" >\n"  // last character first
+              "<hdlr_FullBox Size=\"38 Type=\"hdlr\" Version=\"0\" Flags=\"0\"/>\n"
+              "</HandlerReferenceBox>\n"
+              "<SampleSizeBox SampleSize=\"5\" SampleCount =\"1\">\n"
+              "<stsz_FullBox Size=\"20 Type=\"stsz\" Version=\"0\" Flags=\"0\"/>\n"
+              "</SampleSizeBox>\n");
+
+    // These print on standard output whatever stream they are given.
+    std::ostringstream unused;
+    testing::internal::CaptureStdout();
+    MediaHeaderBox(90000).dump(&unused);
+    SampleToChunkBox().dump(&unused);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "<MediaHeaderBox CreationTime=\"0\" ModificationTime=\"0\" Timescale=\"90000\" Duration=\"0\" "
+              "Language=\"todo\" >\n"
+              "<mdhd_FullBox Size=\"44 Type=\"mdhd\" Version=\"1\" Flags=\"0\"/>\n"
+              "</MediaHeaderBox>\n"
+              "</SampleToChunkBox>\n");
+    EXPECT_EQ(unused.str(), "<SampleToChunkBox EntryCount =\"0\">\n"
+                            "<stsc_FullBox Size=\"16 Type=\"stsc\" Version=\"0\" Flags=\"0\"/>\n");
 }
 
 }  // namespace
