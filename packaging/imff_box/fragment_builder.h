@@ -1,0 +1,56 @@
+#pragma once
+// Fills the track fragment (traf) of one stream from its samples: tfhd, then tfdt (DASH) or the two
+// Smooth Streaming time boxes, then trun, then sdtp (Smooth Streaming).
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "packaging/imff_box/box.h"
+#include "packaging/imff_box/fragment_boxes.h"
+#include "packaging/imff_box/i_sample.h"
+
+namespace tvrn::encoding::packaging::imff::imff_box {
+inline namespace v0 {
+
+struct TrackFragmentParameters {
+    std::uint32_t trackId = 1;
+    bool video = false;                        // video streams get composition offsets and first sample flags
+    std::uint32_t sampleDescriptionIndex = 1;  // written only with writeSampleDescriptionIndex
+    std::uint64_t segmentDuration = 0;         // in track timescale units
+    std::uint32_t trackTimescale = 1;
+    std::int64_t timestampOffset = 0;  // added to the DASH decode time, in track timescale units
+    bool dash = true;
+    bool writeSampleDescriptionIndex = false;
+};
+
+struct TrackFragment {
+    std::shared_ptr<Box> traf;
+    std::shared_ptr<TrackFragmentHeaderBox> tfhd;
+    std::shared_ptr<TrackRunBox> trun;
+    // The samples that have a trun entry, in order: exactly these go to mdat.
+    std::vector<const ISample*> samples;
+    std::uint64_t payloadSize = 0;
+    // The first sample's decode time in track units (without the timestamp offset).
+    std::int64_t firstDecodeTime = 0;
+};
+
+// Exact rescaling of a time from one rate to another, truncated, without overflow (128-bit products).
+std::int64_t rescaleTime(std::int64_t time, std::uint64_t fromRate, std::uint64_t toRate);
+
+// The dependency record of a sample for trun first sample flags and sdtp.
+SampleFlags sampleDependencyFlags(bool sync, bool video);
+
+class TrackFragmentBuilder {
+public:
+    static constexpr std::uint32_t kVideoTrunFlags = 0x000B05;
+    static constexpr std::uint32_t kOtherTrunFlags = 0x000301;
+
+    // Samples with an unknown PTS, DTS, rate or duration are skipped. Their rate must not be 0.
+    static TrackFragment build(const TrackFragmentParameters& parameters, const std::vector<const ISample*>& samples);
+
+    // Copies the payload of the fragment's samples at the writer's position.
+    static void writePayload(const TrackFragment& fragment, ImffBitWriter& writer);
+};
+
+}  // namespace v0
+}  // namespace tvrn::encoding::packaging::imff::imff_box
