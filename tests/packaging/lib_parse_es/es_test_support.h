@@ -157,3 +157,135 @@ inline Bytes annexB(const Bytes& header, const Bytes& payload) {
 }
 
 }  // namespace es_test
+
+namespace es_test {
+
+// Synthetic H.264 units with 4-byte start codes.
+struct H264SpsOptions {
+    std::uint32_t id = 0;
+    std::uint8_t profile = 66;
+    bool vui = true;
+    bool timing = true;
+    std::uint32_t unitsInTick = 1;
+    std::uint32_t timeScale = 50;
+    bool nalHrd = true;
+    unsigned cpbRemovalDelayLengthMinus1 = 23;
+    unsigned dpbOutputDelayLengthMinus1 = 23;
+};
+
+inline Bytes h264Sps(const H264SpsOptions& o) {
+    BitWriter w;
+    w.bits(o.profile, 8);
+    w.bits(0, 8);   // constraint flags
+    w.bits(30, 8);  // level_idc
+    w.ue(o.id);
+    w.ue(0);  // log2_max_frame_num_minus4
+    w.ue(2);  // pic_order_cnt_type
+    w.ue(1);  // max_num_ref_frames
+    w.bit(false);
+    w.ue(10);  // width in macroblocks - 1
+    w.ue(8);   // height in map units - 1
+    w.bit(true);   // frame_mbs_only_flag
+    w.bit(true);   // direct_8x8_inference_flag
+    w.bit(false);  // frame_cropping_flag
+    w.bit(o.vui);
+    if (o.vui) {
+        w.bits(0, 4);  // aspect ratio, overscan, video signal, chroma location: absent
+        w.bit(o.timing);
+        if (o.timing) {
+            w.bits(o.unitsInTick, 32);
+            w.bits(o.timeScale, 32);
+            w.bit(true);
+        }
+        w.bit(o.nalHrd);
+        if (o.nalHrd) {
+            w.ue(0);
+            w.bits(4, 4);
+            w.bits(3, 4);
+            w.ue(1000);
+            w.ue(1000);
+            w.bit(true);
+            w.bits(23, 5);
+            w.bits(o.cpbRemovalDelayLengthMinus1, 5);
+            w.bits(o.dpbOutputDelayLengthMinus1, 5);
+            w.bits(24, 5);
+        }
+        w.bit(false);  // vcl_hrd_parameters_present_flag
+        if (o.nalHrd) w.bit(false);  // low_delay_hrd_flag
+        w.bit(false);  // pic_struct_present_flag
+        w.bit(false);  // bitstream_restriction_flag
+    }
+    w.trailing();
+    return annexB({0x67}, w.bytes());
+}
+
+inline Bytes h264Pps(std::uint32_t ppsId, std::uint32_t spsId) {
+    BitWriter w;
+    w.ue(ppsId);
+    w.ue(spsId);
+    w.bits(0, 2);
+    w.ue(0);  // num_slice_groups_minus1
+    w.trailing();
+    return annexB({0x68}, w.bytes());
+}
+
+// One SEI unit with an optional buffering period and an optional picture timing (24-bit delays by default).
+struct H264SeiOptions {
+    bool bufferingPeriod = false;
+    std::uint32_t spsId = 0;
+    std::uint32_t initialDelay = 90000;
+    bool pictureTiming = true;
+    std::uint32_t cpbRemovalDelay = 0;
+    std::uint32_t dpbOutputDelay = 0;
+    unsigned cpbBits = 24;
+    unsigned dpbBits = 24;
+};
+
+inline void seiMessage(Bytes& out, std::uint32_t type, const Bytes& payload) {
+    out.push_back(static_cast<std::uint8_t>(type));
+    out.push_back(static_cast<std::uint8_t>(payload.size()));
+    out.insert(out.end(), payload.begin(), payload.end());
+}
+
+inline Bytes h264Sei(const H264SeiOptions& o) {
+    Bytes messages;
+    if (o.bufferingPeriod) {
+        BitWriter w;
+        w.ue(o.spsId);
+        w.bits(o.initialDelay, 24);
+        w.bits(0, 24);
+        w.trailing();
+        seiMessage(messages, 0, w.bytes());
+    }
+    if (o.pictureTiming) {
+        BitWriter w;
+        w.bits(o.cpbRemovalDelay, o.cpbBits);
+        w.bits(o.dpbOutputDelay, o.dpbBits);
+        w.trailing();
+        seiMessage(messages, 1, w.bytes());
+    }
+    messages.push_back(0x80);
+    return annexB({0x06}, messages);
+}
+
+// A slice header: nal type 5 (IDR) or 1, slice_type (2 = I, 0 = P, 1 = B).
+inline Bytes h264Slice(std::uint8_t nalType, std::uint32_t sliceType, std::uint32_t ppsId = 0,
+                       std::size_t padding = 8) {
+    BitWriter w;
+    w.ue(0);  // first_mb_in_slice
+    w.ue(sliceType);
+    w.ue(ppsId);
+    w.bits(0, 4);  // frame_num
+    for (std::size_t i = 0; i < padding; ++i) w.bits(0xA5, 8);
+    w.trailing();
+    return annexB({static_cast<std::uint8_t>(0x60 | nalType)}, w.bytes());
+}
+
+inline Bytes concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+
+}  // namespace es_test
