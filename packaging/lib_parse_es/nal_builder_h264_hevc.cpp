@@ -14,18 +14,34 @@ inline namespace v2 {
 const std::uint8_t* findZeroPair(const std::uint8_t* data, std::size_t size) {
     if (size < 2) return nullptr;
     std::size_t i = 0;
-    // Any pair of zero bytes holds a zero; blocks without a zero are skipped 16 bytes at a time and only
-    // the zeros found are checked against their following byte.
 #if defined(__SSE2__)
+    // Position k starts a pair when max(data[k], data[k + 1]) is zero. Four 16-byte blocks are tested at once;
+    // only a block set that holds a pair is looked at closely, and in slice data pairs are rare.
     const __m128i zero = _mm_setzero_si128();
-    while (i + 16 < size) {
-        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(block, zero)));
-        while (mask != 0) {
-            const unsigned bit = static_cast<unsigned>(__builtin_ctz(mask));
-            if (data[i + bit + 1] == 0) return data + i + bit;  // i + bit + 1 < size holds here
-            mask &= mask - 1;
+    const auto pairs = [&](std::size_t at) {
+        const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at));
+        const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + at + 1));
+        return _mm_max_epu8(here, next);
+    };
+    while (i + 64 < size) {  // the last load reads data[i + 64]
+        const __m128i m0 = pairs(i);
+        const __m128i m1 = pairs(i + 16);
+        const __m128i m2 = pairs(i + 32);
+        const __m128i m3 = pairs(i + 48);
+        const __m128i least = _mm_min_epu8(_mm_min_epu8(m0, m1), _mm_min_epu8(m2, m3));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(least, zero)) != 0) {
+            const std::uint64_t mask =
+                static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(m0, zero)))) |
+                static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(m1, zero)))) << 16 |
+                static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(m2, zero)))) << 32 |
+                static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(m3, zero)))) << 48;
+            return data + i + static_cast<std::size_t>(__builtin_ctzll(mask));
         }
+        i += 64;
+    }
+    while (i + 16 < size) {
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(pairs(i), zero)));
+        if (mask != 0) return data + i + static_cast<std::size_t>(__builtin_ctz(mask));
         i += 16;
     }
 #endif
@@ -39,14 +55,14 @@ const std::uint8_t* findZeroPair(const std::uint8_t* data, std::size_t size) {
     return nullptr;
 }
 
-std::unique_ptr<NAL> NALBuilderH264_HEVC::makeNal(std::int32_t capacity) {
-    if (m_isHevc) return std::make_unique<NALHEVC>(capacity);
-    return std::make_unique<NALH264>(capacity);
+std::unique_ptr<NAL> NALBuilderH264_HEVC::makeNal(Pieces pieces) {
+    if (m_isHevc) return std::make_unique<NALHEVC>(pieces);
+    return std::make_unique<NALH264>(pieces);
 }
 
-std::unique_ptr<NAL> NALBuilderH264::makeNal(std::int32_t capacity) { return std::make_unique<NALH264>(capacity); }
+std::unique_ptr<NAL> NALBuilderH264::makeNal(Pieces pieces) { return std::make_unique<NALH264>(pieces); }
 
-std::unique_ptr<NAL> NALBuilderHEVC::makeNal(std::int32_t capacity) { return std::make_unique<NALHEVC>(capacity); }
+std::unique_ptr<NAL> NALBuilderHEVC::makeNal(Pieces pieces) { return std::make_unique<NALHEVC>(pieces); }
 
 void NALBuilderH264_HEVC::push(IMediaData* data) {
     if (data == nullptr) return;
@@ -129,13 +145,14 @@ std::unique_ptr<NAL> NALBuilderH264_HEVC::assemble(std::size_t endIndex, std::ui
     for (std::size_t i = 0; i < endIndex; ++i) length += m_queue[i].size;
     length = length + endOffset - m_unitStart;
     if (length > 0x7FFFFFFFu) return nullptr;  // beyond what a unit can hold: dropped
-    std::unique_ptr<NAL> unit = makeNal(static_cast<std::int32_t>(length));
+    m_pieces.clear();
     for (std::size_t i = 0; i <= endIndex; ++i) {
         const QueuedBuffer& buffer = m_queue[i];
         const std::uint32_t from = i == 0 ? m_unitStart : 0;
         const std::uint32_t to = i == endIndex ? endOffset : buffer.size;
-        if (to > from) unit->append(buffer.bytes + from, to - from);
+        if (to > from) m_pieces.emplace_back(buffer.bytes + from, to - from);
     }
+    std::unique_ptr<NAL> unit = makeNal(m_pieces);
     // Every unit takes the timing of the buffer it starts in, and nothing from those it runs into.
     if (m_queue.front().timingPending) takeBufferTiming(*m_queue.front().data, unit->timing, false);
     return unit;

@@ -25,8 +25,9 @@ public:
     bool isHevc() const { return m_isHevc; }
 
 protected:
-    // The unit object of this codec.
-    virtual std::unique_ptr<NAL> makeNal(std::int32_t capacity);
+    // The unit object of this codec, holding a copy of the pieces.
+    using Pieces = std::span<const std::span<const std::uint8_t>>;
+    virtual std::unique_ptr<NAL> makeNal(Pieces pieces);
 
 private:
     enum : std::uint32_t { kNoUnit = 0xFFFFFFFFu };
@@ -40,6 +41,7 @@ private:
     void dropUnreferencedBuffers();
 
     std::vector<QueuedBuffer> m_queue;
+    std::vector<std::span<const std::uint8_t>> m_pieces;  // scratch of assemble()
     std::uint32_t m_unitStart = kNoUnit;
     int m_scanState = 0;
     bool m_isHevc;
@@ -51,7 +53,7 @@ public:
     NALBuilderH264() : NALBuilderH264_HEVC(false) {}
 
 protected:
-    std::unique_ptr<NAL> makeNal(std::int32_t capacity) override;
+    std::unique_ptr<NAL> makeNal(Pieces pieces) override;
 };
 
 class NALBuilderHEVC : public NALBuilderH264_HEVC {
@@ -59,7 +61,7 @@ public:
     NALBuilderHEVC() : NALBuilderH264_HEVC(true) {}
 
 protected:
-    std::unique_ptr<NAL> makeNal(std::int32_t capacity) override;
+    std::unique_ptr<NAL> makeNal(Pieces pieces) override;
 };
 
 }  // namespace v2

@@ -27,3 +27,7 @@ make h264_plain -c:v libx264 -preset veryfast -g 24 -bf 2 -x264-params scenecut=
 # HEVC with B-frames and closed GOPs, so that every key picture is an IDR.
 make hevc_bframes -c:v libx265 -preset veryfast -g 24 -bf 3 \
   -x265-params log-level=error:open-gop=0:scenecut=0:keyint=24:min-keyint=24 -crf 30
+
+# A larger stream for the Annex B scanning benchmark only (no packet list needed).
+ffmpeg -v error -y -f lavfi -i testsrc2=size=640x360:rate=25 -frames:v 50 -pix_fmt yuv420p \
+  -c:v libx264 -preset veryfast -bf 3 -crf 16 -f h264 h264_bench_640x360.es

@@ -164,14 +164,18 @@ TEST(AnnexBBuilder, EmitOnEveryPushEndsTheUnitWithTheBuffer) {
 }
 
 TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
-    // Zeros at every alignment around the 16-byte blocks of the fast search.
-    for (std::size_t size = 0; size < 70; ++size) {
-        for (std::size_t first = 0; first + 1 < size; ++first) {
-            Bytes data(size, 0x5A);
-            for (std::size_t k = 0; k < size; k += 7) data[k] = 0;  // lone zeros that are no pair
-            if (first % 7 == 6 || first % 7 == 0 || (first + 1) % 7 == 0) continue;
-            data[first] = 0;
-            data[first + 1] = 0;
+    // Lone zeros everywhere and one pair placed at every position, across the 64- and 16-byte blocks of the
+    // fast search and its byte-wise tail.
+    std::uint32_t seed = 7;
+    for (std::size_t size = 0; size < 200; ++size) {
+        for (std::size_t pair = 0; pair <= size; ++pair) {
+            Bytes data(size);
+            for (std::size_t k = 0; k < size; ++k) {
+                seed = seed * 1103515245u + 12345u;
+                data[k] = (seed >> 16) % 5 == 0 ? 0 : static_cast<std::uint8_t>(1 + (seed >> 8) % 255);
+                if (k > 0 && data[k] == 0 && data[k - 1] == 0) data[k] = 0x11;  // keep zeros single
+            }
+            if (pair + 1 < size) data[pair] = data[pair + 1] = 0;
             std::size_t expected = size;
             for (std::size_t i = 0; i + 1 < size; ++i) {
                 if (data[i] == 0 && data[i + 1] == 0) {
@@ -181,7 +185,7 @@ TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
             }
             const std::uint8_t* hit = es::findZeroPair(data.data(), data.size());
             ASSERT_EQ(hit == nullptr ? size : static_cast<std::size_t>(hit - data.data()), expected)
-                << size << " " << first;
+                << "size " << size << " pair " << pair;
         }
     }
     EXPECT_EQ(es::findZeroPair(nullptr, 0), nullptr);
