@@ -85,6 +85,16 @@ void parseVui(BitReader& reader, H264Vui& vui) {
     vui.pic_struct_present_flag = reader.readFlag();
 }
 
+std::int64_t wrapMul(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+std::int64_t wrapAdd(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+std::int64_t wrapSub(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+
 // The HRD whose delay lengths apply: NAL when present, else VCL, else none.
 const H264HrdParameters* timingHrd(const H264Sps& sps) {
     if (!sps.vui_parameters_present_flag) return nullptr;
@@ -347,8 +357,10 @@ bool NALH264Manager::addSlice(const std::uint8_t* rbsp, std::size_t size, int& p
         firstOutputTick = d + t;
         haveFirstOutputTick = true;
     }
-    computedPts = baseTime + unitsInTick * clockRate * (d + t - firstOutputTick) / timeScale;
-    computedDts = computedPts - unitsInTick * d * clockRate / timeScale;
+    // Products of 32-bit stream values and the clock can pass 64 bits on corrupt input: they wrap, as
+    // two's complement arithmetic does, and the test below catches a decoding time past the presentation time.
+    computedPts = wrapAdd(baseTime, wrapMul(wrapMul(unitsInTick, clockRate), d + t - firstOutputTick) / timeScale);
+    computedDts = wrapSub(computedPts, wrapMul(wrapMul(unitsInTick, d), clockRate) / timeScale);
     if (computedDts > computedPts) computedDts = 0;
     if (seiTiming.bufferingPeriodSeen) cpbBase = t;
     return true;
