@@ -1,11 +1,16 @@
 #include "packaging/imff_samples/sample_builder.h"
+#include "packaging/imff_samples/sample_builder_h264.h"
+#include "packaging/imff_samples/sample_builder_hevc.h"
 
 namespace tvrn::encoding::packaging::imff::imff_samples {
 inline namespace v1 {
 
-std::unique_ptr<SampleBuilder> createSampleBuilder(std::uint32_t streamType, bool, ISampleListener*) {
+std::unique_ptr<SampleBuilder> createSampleBuilder(std::uint32_t streamType, bool inBandParameterSets,
+                                                   ISampleListener* listener) {
     switch (streamType) {
-        // Each codec's sample builder adds its case here.
+        case fmp4::H264_VIDEO: return std::make_unique<SampleBuilderH264>(listener, inBandParameterSets);
+        case fmp4::HEVC_VIDEO: return std::make_unique<SampleBuilderHEVC>(listener, inBandParameterSets);
+        // Each further codec's sample builder adds its case here.
         default: return nullptr;
     }
 }

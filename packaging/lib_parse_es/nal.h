@@ -2,6 +2,7 @@
 // One syntactic unit of an elementary stream with the timing of the input buffer it came from.
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "packaging/fmp4/types/media_data.h"
@@ -60,6 +61,17 @@ public:
     NAL(std::int32_t type, std::int32_t capacity)
         : type(type), capacity(capacity), data(capacity > 0 ? static_cast<std::size_t>(capacity) : 0),
           writePosition(data.data()) {}
+    // A unit of the given pieces, copied once, in order, without zero-filling its storage first: capacity and
+    // length are the pieces' total.
+    NAL(std::int32_t type, std::span<const std::span<const std::uint8_t>> pieces) : type(type), capacity(0) {
+        std::size_t total = 0;
+        for (const auto& piece : pieces) total += piece.size();
+        data.reserve(total);
+        for (const auto& piece : pieces) data.insert(data.end(), piece.begin(), piece.end());
+        capacity = static_cast<std::int32_t>(total);
+        length = static_cast<std::uint32_t>(total);
+        writePosition = data.data() + total;
+    }
     NAL(const NAL&) = delete;
     NAL& operator=(const NAL&) = delete;
     virtual ~NAL() = default;

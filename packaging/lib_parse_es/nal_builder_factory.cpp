@@ -1,11 +1,24 @@
 #include "packaging/lib_parse_es/nal_builder.h"
+#include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
+#include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
 
 namespace tvrn::encoding::packaging::lib_parse_es {
 inline namespace v2 {
 
 std::unique_ptr<NALBuilder> createNalBuilder(std::uint32_t streamType) {
     switch (streamType) {
-        // Each codec's framing adds its builder here.
+        case StreamType::H264_VIDEO: return std::make_unique<NALBuilderH264>();
+        case StreamType::HEVC_VIDEO: return std::make_unique<NALBuilderHEVC>();
+        case StreamType::H263_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALH263>>();
+        case StreamType::MPEG4_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALMPEG4Visual>>();
+        case StreamType::PRORES: return std::make_unique<NalBuilderStartCodeBased<NALProRes>>();
+        case StreamType::JPEG2000:
+            return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::JPEG2000>>>();
+        case StreamType::DV_VIDEO:
+            return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::DV_VIDEO>>>();
+        case StreamType::SRT:
+            return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::SRT>>>();
+        // Each further codec's framing adds its builder here.
         default: return nullptr;
     }
 }

@@ -1,0 +1,57 @@
+#pragma once
+// NAL units of H.264 and HEVC as the Annex B builders cut them: start code included.
+#include <cstdint>
+#include <vector>
+
+#include "packaging/lib_parse_es/nal.h"
+
+namespace tvrn::encoding::packaging::lib_parse_es {
+inline namespace v2 {
+
+// Removes emulation prevention: a 03 after two zeros goes when a byte below 4 follows it. A 03 that ends
+// the data is kept. The start code and header bytes pass through unchanged.
+std::vector<std::uint8_t> unescapeRbsp(const std::uint8_t* data, std::size_t size);
+
+class NALH264_HEVC : public NAL {
+public:
+    NALH264_HEVC(std::int32_t type, std::int32_t capacity, bool isHevc) : NAL(type, capacity), m_isHevc(isHevc) {}
+    NALH264_HEVC(std::int32_t type, std::span<const std::span<const std::uint8_t>> pieces, bool isHevc)
+        : NAL(type, pieces), m_isHevc(isHevc) {}
+
+    // The unit type and the index of the first header byte. Leading zeros and a 01 are skipped; a unit
+    // without a start code is read from its first non-zero byte. False when no header byte exists.
+    bool getNalUnitType(std::uint8_t& type, std::uint32_t& headerOffset);
+    // The whole unit with emulation prevention removed, cached after the first call.
+    const std::uint8_t* getRbsp(std::uint32_t& size);
+
+    std::uint8_t nalUnitType = 0;
+    bool nalUnitTypeKnown = false;
+    std::uint32_t headerOffset = 0;
+    std::vector<std::uint8_t> rbsp;
+    bool rbspKnown = false;
+
+private:
+    bool m_isHevc;
+    bool m_headerMissing = false;
+};
+
+class NALH264 : public NALH264_HEVC {
+public:
+    explicit NALH264(std::int32_t capacity) : NALH264_HEVC(StreamType::H264_VIDEO, capacity, false) {}
+    explicit NALH264(std::span<const std::span<const std::uint8_t>> pieces)
+        : NALH264_HEVC(StreamType::H264_VIDEO, pieces, false) {}
+};
+
+class NALHEVC : public NALH264_HEVC {
+public:
+    explicit NALHEVC(std::int32_t capacity) : NALH264_HEVC(StreamType::HEVC_VIDEO, capacity, true) {}
+    explicit NALHEVC(std::span<const std::span<const std::uint8_t>> pieces)
+        : NALH264_HEVC(StreamType::HEVC_VIDEO, pieces, true) {}
+};
+
+// The offset of the first byte after a leading run of zeros and one 01 (the start code); for data without
+// a start code, the offset of its first non-zero byte. Equal to `size` when nothing follows.
+std::size_t skipStartCode(const std::uint8_t* data, std::size_t size);
+
+}  // namespace v2
+}  // namespace tvrn::encoding::packaging::lib_parse_es

@@ -1,0 +1,294 @@
+// The H.264 and HEVC sample builders on small synthetic streams: access-unit grouping, dropped units,
+// companion SEI and parameter sets, random-access marks.
+#include <gtest/gtest.h>
+
+#include "packaging/imff_samples/sample_builder.h"
+#include "packaging/imff_samples/sample_builder_h264.h"
+#include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
+#include "tests/packaging/imff_samples/sample_collector.h"
+#include "tests/packaging/lib_parse_es/es_test_support.h"
+
+namespace es_test {
+namespace {
+
+using samples::Sample;
+
+// The NAL builder of a stream type feeding its sample builder; every unit goes in a buffer of its own.
+struct Chain {
+    explicit Chain(std::uint32_t type = 2, bool inBand = false)
+        : builder(es::createNalBuilder(type)), sampleBuilder(samples::createSampleBuilder(type, inBand, &collector)) {
+        sampleBuilder->streamId = 3;
+        builder->setListener(sampleBuilder.get());
+    }
+    void push(const Bytes& unit, std::optional<std::int64_t> pts = std::nullopt,
+              std::optional<std::int64_t> dts = std::nullopt) {
+        builder->push(makeBuffer(unit, pts, dts).get());
+    }
+    void setup(H264SpsOptions sps = {}) {
+        push(h264Sps(sps));
+        push(h264Pps(0, sps.id));
+    }
+    std::vector<const Sample*> pictures() const { return collector.ofKind(samples::KindVideo); }
+    SampleCollector collector;
+    std::unique_ptr<es::NALBuilder> builder;
+    std::unique_ptr<samples::SampleBuilder> sampleBuilder;
+};
+
+// The NAL unit types in a sample, read after each 4-byte length.
+std::vector<unsigned> typesOf(const Sample& s, bool hevc = false) {
+    std::vector<unsigned> types;
+    for (const auto& nal : s.nals) types.push_back(hevc ? (nal->bytes()[4] >> 1) & 0x3F : nal->bytes()[4] & 0x1F);
+    return types;
+}
+
+TEST(SampleBuilderH264, SlicesOfOnePictureJoinAndTheFirstPtsStands) {
+    Chain chain;
+    chain.setup();
+    chain.push(h264Slice(5, 2), 9000, 6000);
+    chain.push(h264Slice(5, 2));              // no timestamp: the first slice's
+    chain.push(h264Slice(5, 2), 9900, 6000);  // same dts, other pts: still the same picture
+    chain.push(h264Slice(1, 0), 12600, 9600);
+    chain.builder->flush();
+    const auto pics = chain.pictures();
+    ASSERT_EQ(pics.size(), 2u);
+    EXPECT_EQ(pics[0]->nals.size(), 3u);
+    EXPECT_EQ(pics[0]->pts, 9000);
+    EXPECT_EQ(pics[0]->dts, 6000);
+    EXPECT_EQ(pics[0]->duration, 3600);
+    EXPECT_EQ(pics[1]->nals.size(), 1u);
+    EXPECT_EQ(chain.collector.ends, 1);
+    EXPECT_EQ(chain.collector.all.back()->kind, samples::KindVideo);  // the open sample went out before the end
+}
+
+TEST(SampleBuilderH264, RetrogradeDecodingTimeIsDroppedAndTheSampleStaysOpen) {
+    Chain chain;
+    chain.setup();
+    chain.push(h264Slice(5, 2), 9000, 6000);
+    chain.push(h264Slice(1, 0), 5000, 2400);  // earlier dts: dropped
+    chain.push(h264Slice(1, 0), 12600, 9600);
+    chain.builder->flush();
+    const auto pics = chain.pictures();
+    ASSERT_EQ(pics.size(), 2u);
+    EXPECT_EQ(pics[0]->nals.size(), 1u);
+    EXPECT_EQ(pics[1]->dts, 9600);
+}
+
+TEST(SampleBuilderH264, NewFrameRateAppliesFromTheNextSample) {
+    Chain chain;
+    chain.setup();
+    chain.push(h264Slice(5, 2), 0, 0);
+    H264SpsOptions faster;
+    faster.timeScale = 60000;
+    faster.unitsInTick = 1001;  // 29.97 frames a second
+    chain.push(h264Sps(faster));
+    chain.push(h264Slice(1, 0), 3600, 3600);
+    chain.builder->flush();
+    const auto pics = chain.pictures();
+    ASSERT_EQ(pics.size(), 2u);
+    EXPECT_EQ(pics[0]->duration, 3600);
+    EXPECT_EQ(pics[1]->duration, 3003);
+    EXPECT_EQ(chain.collector.ofKind(samples::KindSequenceParameterSet).size(), 1u);  // never sent again
+}
+
+TEST(SampleBuilderH264, DelimitersAndFillerNeverReachASampleAndSeiGoesWithTheNextPictureOnly) {
+    Chain chain;
+    chain.setup();
+    const Bytes aud = {0, 0, 0, 1, 0x09, 0xF0};
+    const Bytes filler = {0, 0, 0, 1, 0x0C, 0xFF, 0xFF, 0x80};
+    H264SeiOptions first;
+    first.pictureTiming = false;
+    Bytes firstSei = h264Sei(first);
+    H264SeiOptions second;
+    second.cpbRemovalDelay = 5;
+    const Bytes secondSei = h264Sei(second);
+    chain.push(aud, 0, 0);
+    chain.push(firstSei);
+    chain.push(secondSei);  // replaces the first
+    chain.push(h264Slice(5, 2));
+    chain.push(filler);
+    chain.push(aud, 3600, 3600);
+    chain.push(h264Slice(1, 0));
+    chain.builder->flush();
+    const auto pics = chain.pictures();
+    ASSERT_EQ(pics.size(), 2u);
+    EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 5}));
+    EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{1}));
+    // The SEI is carried whole after its length, without its start code.
+    Bytes bytes;
+    pics[0]->getBytes(bytes);
+    EXPECT_EQ(Bytes(bytes.begin() + 4, bytes.begin() + 4 + static_cast<std::ptrdiff_t>(secondSei.size()) - 4),
+              Bytes(secondSei.begin() + 4, secondSei.end()));
+    EXPECT_EQ(bytes.size(), pics[0]->getSize());
+}
+
+TEST(SampleBuilderH264, ConfigurationSamplesAndInBandParameterSets) {
+    for (bool inBand : {false, true}) {
+        Chain chain(2, inBand);
+        const Bytes sps = h264Sps({});
+        chain.setup();
+        chain.push(h264Sei({}), 0, 0);
+        chain.push(h264Slice(5, 2));
+        chain.setup();  // repeated before the next picture
+        chain.push(h264Slice(1, 0), 3600, 3600);
+        chain.push(h264Slice(1, 0), 7200, 7200);
+        chain.builder->flush();
+        const auto spsSamples = chain.collector.ofKind(samples::KindSequenceParameterSet);
+        ASSERT_EQ(spsSamples.size(), 1u);
+        EXPECT_EQ(chain.collector.ofKind(samples::KindPictureParameterSet).size(), 1u);
+        const Sample& config = *spsSamples[0];
+        std::int64_t t = 0;
+        std::uint64_t timescale = 0;
+        EXPECT_FALSE(config.getPts(t));
+        EXPECT_FALSE(config.getDts(t));
+        EXPECT_FALSE(config.getDuration(t));
+        EXPECT_TRUE(config.getTimescale(timescale));
+        EXPECT_EQ(timescale, 90000u);
+        EXPECT_EQ(config.inputType, 2u);
+        EXPECT_EQ(config.streamId, 3u);
+        Bytes bytes;
+        config.getBytes(bytes);
+        Bytes expected = {0, 0, 0, static_cast<std::uint8_t>(sps.size() - 4)};
+        expected.insert(expected.end(), sps.begin() + 4, sps.end());
+        EXPECT_EQ(bytes, expected);
+
+        const auto pics = chain.pictures();
+        ASSERT_EQ(pics.size(), 3u);
+        if (inBand) {
+            EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 7, 8, 5}));
+            EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{7, 8, 1}));
+        } else {
+            EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 5}));
+            EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{1}));
+        }
+        EXPECT_EQ(typesOf(*pics[2]), (std::vector<unsigned>{1}));
+    }
+}
+
+TEST(SampleBuilderH264, RandomAccessFollowsTheFirstSliceIntraNotIdr) {
+    Chain chain;
+    chain.setup();
+    chain.push(h264Slice(5, 7), 0, 0);     // IDR, I slice
+    chain.push(h264Slice(1, 2), 3600, 3600);  // I slice, not IDR
+    chain.push(h264Slice(1, 0));              // a P slice of the same picture changes nothing
+    chain.push(h264Slice(1, 1), 7200, 7200);  // B
+    chain.builder->flush();
+    const auto pics = chain.pictures();
+    ASSERT_EQ(pics.size(), 3u);
+    EXPECT_TRUE(pics[0]->isSync());
+    EXPECT_EQ(pics[0]->getSapType(), 1u);
+    EXPECT_FALSE(pics[1]->isSync());
+    EXPECT_TRUE(pics[1]->isRandomAccess());
+    EXPECT_FALSE(pics[2]->isRandomAccess());
+}
+
+TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
+    {
+        Chain chain;  // no VUI timing
+        H264SpsOptions o;
+        o.timing = false;
+        chain.setup(o);
+        chain.push(h264Slice(5, 2), 0, 0);
+        chain.builder->flush();
+        EXPECT_TRUE(chain.pictures().empty());
+        EXPECT_EQ(chain.collector.ends, 1);
+    }
+    {
+        Chain chain;  // time_scale equal to twice num_units_in_tick: a rate of 1/1, refused on purpose
+        H264SpsOptions o;
+        o.timeScale = 2;
+        chain.setup(o);
+        chain.push(h264Slice(5, 2), 0, 0);
+        chain.builder->flush();
+        EXPECT_TRUE(chain.pictures().empty());
+    }
+    {
+        Chain chain;  // no timestamp at all
+        chain.setup();
+        chain.push(h264Sei({}));
+        chain.push(h264Slice(5, 2));
+        chain.builder->flush();
+        EXPECT_TRUE(chain.pictures().empty());
+    }
+}
+
+TEST(SampleBuilderH264, UnitsOfOtherTypesAndBrokenUnitsAreDropped) {
+    SampleCollector collector;
+    auto builder = samples::createSampleBuilder(2, false, &collector);
+    std::unique_ptr<es::NAL> other = std::make_unique<es::NALHEVC>(4);
+    builder->onNal(other);
+    EXPECT_TRUE(other);  // left in the caller's holder, which destroys it
+    std::unique_ptr<es::NAL> empty = std::make_unique<es::NALH264>(3);
+    const std::uint8_t zeros[3] = {0, 0, 1};
+    empty->append(zeros, 3);
+    builder->onNal(empty);
+    std::unique_ptr<es::NAL> plain = std::make_unique<es::NAL>(2, 5);
+    builder->onNal(plain);
+    builder->onEnd();
+    ASSERT_EQ(collector.all.size(), 0u);
+    EXPECT_EQ(collector.ends, 1);
+    EXPECT_EQ(samples::createSampleBuilder(0, false, &collector), nullptr);
+    EXPECT_EQ(samples::createSampleBuilder(4, false, &collector), nullptr);
+}
+
+// HEVC units: a two-byte header with the type in bits 6 to 1.
+Bytes hevcUnit(unsigned type, std::uint8_t fill = 0xA5) {
+    return {0, 0, 0, 1, static_cast<std::uint8_t>(type << 1), 0x01, fill, fill, 0x80};
+}
+
+TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
+    const Fixture fixture = loadFixture("hevc_bframes");
+    Bytes sps;
+    for (const Bytes& u : referenceUnits(fixture.bytes)) {
+        const std::size_t h = es::skipStartCode(u.data(), u.size());
+        if (((u[h] >> 1) & 0x3F) == 33) sps = u;
+    }
+    ASSERT_FALSE(sps.empty());
+    Chain chain(17);
+    chain.push(hevcUnit(32));
+    chain.push(sps);
+    chain.push(hevcUnit(34));
+    chain.push(hevcUnit(35), 1000, 900);
+    chain.push(hevcUnit(39));
+    chain.push(hevcUnit(19));
+    chain.push(hevcUnit(19));  // second slice, same pts
+    chain.push(hevcUnit(40));  // suffix SEI stays in the picture
+    const unsigned types[] = {16, 17, 18, 20, 21, 1};
+    const std::uint32_t saps[] = {2, 2, 1, 1, 2, 0};
+    std::int64_t pts = 1000;
+    for (unsigned type : types) {
+        pts += 3600;
+        chain.push(hevcUnit(type), pts, pts - 100);
+    }
+    chain.builder->flush();
+    EXPECT_EQ(chain.collector.ofKind(samples::KindVideoParameterSet).size(), 1u);
+    const auto pics = chain.pictures();
+    ASSERT_EQ(pics.size(), 7u);
+    EXPECT_EQ(typesOf(*pics[0], true), (std::vector<unsigned>{39, 19, 19, 40}));
+    EXPECT_EQ(pics[0]->pts, 1000);
+    EXPECT_EQ(pics[0]->dts, 900);
+    EXPECT_EQ(pics[0]->duration, 3600);  // 1/25 s from the SPS's VUI, truncated
+    EXPECT_TRUE(pics[0]->isSync());
+    EXPECT_EQ(pics[0]->getSapType(), 2u);
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(pics[i + 1]->getSapType(), saps[i]) << types[i];
+        EXPECT_EQ(pics[i + 1]->isSync(), types[i] == 20) << types[i];
+    }
+}
+
+TEST(Sample, BytesInOrderOfAddition) {
+    Sample sample;
+    EXPECT_EQ(sample.getSize(), 0u);
+    for (std::uint8_t v : {1, 2}) {
+        auto nal = std::make_unique<es::NAL>(-1, 2);
+        const std::uint8_t bytes[2] = {v, v};
+        nal->append(bytes, 2);
+        sample.addNal(std::move(nal));
+    }
+    sample.addNal(std::make_unique<es::NAL>(-1, 0));
+    Bytes out;
+    sample.getBytes(out);
+    EXPECT_EQ(out, (Bytes{1, 1, 2, 2}));
+}
+
+}  // namespace
+}  // namespace es_test

@@ -1,0 +1,195 @@
+// The Annex B builder of H.264 and HEVC: units found across any buffer cut, and their timing.
+#include <gtest/gtest.h>
+
+#include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
+#include "packaging/lib_parse_es/nal_h264_hevc.h"
+#include "tests/packaging/lib_parse_es/es_test_support.h"
+
+namespace es_test {
+namespace {
+
+using es::NALBuilderH264;
+using es::NALBuilderHEVC;
+
+std::vector<Bytes> unitsOf(const NalCollector& c) {
+    std::vector<Bytes> out;
+    for (std::size_t i = 0; i < c.nals.size(); ++i) out.push_back(c.bytesOf(i));
+    return out;
+}
+
+// Bytes before the first code, 3- and 4-byte codes, a run of five zeros before a code, a unit that ends in
+// zeros, an emulation-prevented 00 00 03, and 00 00 02 that is no start code.
+const Bytes kMixed = {0xAB, 0x00, 0x00, 0x02, 0x11,                    // garbage, never delivered
+                      0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x03, 0x01,  // 4-byte code
+                      0x00, 0x00, 0x01, 0x68, 0xCE, 0x00,                // 3-byte code, ends with a zero
+                      0x00, 0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x02, 0x80,
+                      0x00, 0x00, 0x01, 0x41, 0x9A, 0x00, 0x00};
+
+TEST(AnnexBBuilder, ReferenceSplitOfTheMixedStream) {
+    // The walk that the other tests compare against must itself cut as intended.
+    const std::vector<Bytes> expected = {
+        {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x03, 0x01},
+        {0x00, 0x00, 0x01, 0x68, 0xCE, 0x00, 0x00},  // zeros beyond the four of the next code stay here
+        {0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x02, 0x80},
+        {0x00, 0x00, 0x01, 0x41, 0x9A, 0x00, 0x00}};
+    EXPECT_EQ(referenceUnits(kMixed), expected);
+}
+
+// Every cut into two and into three buffers gives the same units, so a start code split after any of its
+// bytes is found and the unit before it ends exactly at the code's first byte.
+TEST(AnnexBBuilder, EveryCutIntoTwoAndThreeBuffersGivesTheSameUnits) {
+    const std::vector<Bytes> expected = referenceUnits(kMixed);
+    for (std::size_t a = 0; a <= kMixed.size(); ++a) {
+        for (std::size_t b = a; b <= kMixed.size(); ++b) {
+            NALBuilderH264 builder;
+            NalCollector collector;
+            builder.setListener(&collector);
+            pushCut(builder, kMixed, {a, b});
+            builder.flush();
+            ASSERT_EQ(unitsOf(collector), expected) << "cuts at " << a << " and " << b;
+            ASSERT_EQ(collector.ends, 1);
+        }
+    }
+}
+
+TEST(AnnexBBuilder, ByteByByteInputOfARealStreamGivesItsUnits) {
+    const Fixture fixture = loadFixture("h264_hrd_slices");
+    const Bytes head(fixture.bytes.begin(), fixture.bytes.begin() + 20000);
+    NALBuilderH264 builder;
+    NalCollector collector;
+    builder.setListener(&collector);
+    for (std::uint8_t byte : head) builder.push(makeBuffer(&byte, 1).get());
+    builder.flush();
+    EXPECT_EQ(unitsOf(collector), referenceUnits(head));
+}
+
+// A real stream cut once at every byte position of its first picture: the units never change.
+TEST(AnnexBBuilder, RealStreamCutAtEveryPosition) {
+    const Fixture fixture = loadFixture("hevc_bframes");
+    const Bytes head(fixture.bytes.begin(), fixture.bytes.begin() + 4500);
+    const std::vector<Bytes> expected = referenceUnits(head);
+    ASSERT_GT(expected.size(), 6u);
+    for (std::size_t cut = 0; cut <= head.size(); ++cut) {
+        NALBuilderHEVC builder;
+        NalCollector collector;
+        builder.setListener(&collector);
+        pushCut(builder, head, {cut});
+        builder.flush();
+        ASSERT_EQ(unitsOf(collector), expected) << "cut at " << cut;
+        ASSERT_EQ(collector.nals.front()->type, 17);
+    }
+}
+
+TEST(AnnexBBuilder, UnitsTakeTheTimingOfTheBufferTheyStartIn) {
+    const Bytes first = {0x00, 0x00, 0x01, 0x09, 0xF0, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00};  // two starts
+    const Bytes middle = {0xAA, 0xBB};                                                      // continues only
+    const Bytes last = {0xCC, 0x00, 0x00, 0x00, 0x01, 0x65, 0x88};
+    NALBuilderH264 builder;
+    NalCollector collector;
+    builder.setListener(&collector);
+    auto a = makeBuffer(first, 900, 600);
+    a->SetSyncPoint(true);
+    a->SetDataId({42});
+    builder.push(a.get());
+    builder.push(makeBuffer(middle, 1800).get());
+    builder.push(makeBuffer(last, 2700).get());
+    ASSERT_EQ(collector.nals.size(), 2u);  // the third unit is open until flush
+    for (const auto& nal : collector.nals) {
+        EXPECT_TRUE(nal->timing.hasTime);
+        EXPECT_EQ(nal->timing.time90kHz(), 900);
+        EXPECT_TRUE(nal->timing.hasMediaTime);
+        EXPECT_EQ(nal->timing.mediaTime90kHz(), 600);
+        EXPECT_TRUE(nal->timing.syncPoint);
+        EXPECT_TRUE(nal->timing.hasDataId);
+        EXPECT_EQ(nal->timing.dataId, 42u);
+        EXPECT_FALSE(nal->timing.hasDuration);
+    }
+    // The second unit spans three buffers and keeps the first one's time.
+    EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0xAA, 0xBB, 0xCC}));
+    builder.flush();
+    ASSERT_EQ(collector.nals.size(), 3u);
+    EXPECT_EQ(collector.nals[2]->timing.time90kHz(), 2700);
+    EXPECT_FALSE(collector.nals[2]->timing.hasMediaTime);
+    EXPECT_EQ(collector.nals[2]->length, 6u);
+    EXPECT_EQ(collector.ends, 1);
+}
+
+TEST(AnnexBBuilder, UntimedBufferGivesUntimedUnits) {
+    NALBuilderH264 builder;
+    NalCollector collector;
+    builder.setListener(&collector);
+    builder.push(makeBuffer(Bytes{0x00, 0x00, 0x01, 0x09, 0xF0, 0x00, 0x00, 0x01, 0x09, 0xF0}).get());
+    builder.flush();
+    ASSERT_EQ(collector.nals.size(), 2u);
+    EXPECT_FALSE(collector.nals[0]->timing.hasTime);
+    EXPECT_FALSE(collector.nals[0]->timing.hasMediaTime);
+}
+
+TEST(AnnexBBuilder, FlushWithoutUnitOnlyEndsAndBuilderIsReusable) {
+    NALBuilderHEVC builder;
+    NalCollector collector;
+    builder.setListener(&collector);
+    builder.flush();
+    EXPECT_TRUE(collector.nals.empty());
+    EXPECT_EQ(collector.ends, 1);
+    // Garbage without any start code, then empty buffers: nothing.
+    builder.push(makeBuffer(Bytes{0x12, 0x00, 0x34, 0x00}).get());
+    builder.push(makeBuffer(Bytes{}).get());
+    builder.push(nullptr);
+    builder.flush();
+    EXPECT_TRUE(collector.nals.empty());
+    EXPECT_EQ(collector.ends, 2);
+    // After a flush the builder starts afresh: a code split over the flush is not joined.
+    builder.push(makeBuffer(Bytes{0x00, 0x00}).get());
+    builder.flush();
+    builder.push(makeBuffer(Bytes{0x01, 0x40, 0x01}).get());
+    builder.flush();
+    EXPECT_TRUE(collector.nals.empty());
+    builder.push(makeBuffer(Bytes{0x00, 0x00, 0x01, 0x40, 0x01}).get());
+    builder.flush();
+    ASSERT_EQ(collector.nals.size(), 1u);
+    EXPECT_EQ(collector.nals[0]->type, 17);
+}
+
+TEST(AnnexBBuilder, EmitOnEveryPushEndsTheUnitWithTheBuffer) {
+    NALBuilderH264 builder;
+    builder.setEmitOnEveryPush(true);
+    NalCollector collector;
+    builder.setListener(&collector);
+    builder.push(makeBuffer(Bytes{0x00, 0x00, 0x01, 0x65, 0x11, 0x00, 0x00, 0x01, 0x41, 0x22}).get());
+    EXPECT_EQ(collector.nals.size(), 2u);
+    builder.push(makeBuffer(Bytes{0x33, 0x44}).get());  // no start code: nothing open, dropped
+    EXPECT_EQ(collector.nals.size(), 2u);
+    EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0x41, 0x22}));
+}
+
+TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
+    // Lone zeros everywhere and one pair placed at every position, across the 64- and 16-byte blocks of the
+    // fast search and its byte-wise tail.
+    std::uint32_t seed = 7;
+    for (std::size_t size = 0; size < 200; ++size) {
+        for (std::size_t pair = 0; pair <= size; ++pair) {
+            Bytes data(size);
+            for (std::size_t k = 0; k < size; ++k) {
+                seed = seed * 1103515245u + 12345u;
+                data[k] = (seed >> 16) % 5 == 0 ? 0 : static_cast<std::uint8_t>(1 + (seed >> 8) % 255);
+                if (k > 0 && data[k] == 0 && data[k - 1] == 0) data[k] = 0x11;  // keep zeros single
+            }
+            if (pair + 1 < size) data[pair] = data[pair + 1] = 0;
+            std::size_t expected = size;
+            for (std::size_t i = 0; i + 1 < size; ++i) {
+                if (data[i] == 0 && data[i + 1] == 0) {
+                    expected = i;
+                    break;
+                }
+            }
+            const std::uint8_t* hit = es::findZeroPair(data.data(), data.size());
+            ASSERT_EQ(hit == nullptr ? size : static_cast<std::size_t>(hit - data.data()), expected)
+                << "size " << size << " pair " << pair;
+        }
+    }
+    EXPECT_EQ(es::findZeroPair(nullptr, 0), nullptr);
+}
+
+}  // namespace
+}  // namespace es_test

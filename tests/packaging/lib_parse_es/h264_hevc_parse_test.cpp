@@ -1,0 +1,274 @@
+// H.264 and HEVC syntax: unit headers, emulation prevention, parameter sets, SEI timing and slice times.
+#include <gtest/gtest.h>
+
+#include "packaging/lib_parse_es/bit_reader.h"
+#include "packaging/lib_parse_es/h264_manager.h"
+#include "packaging/lib_parse_es/hevc_sps.h"
+#include "packaging/lib_parse_es/nal_h264_hevc.h"
+#include "tests/packaging/lib_parse_es/es_test_support.h"
+
+namespace es_test {
+namespace {
+
+std::unique_ptr<es::NALH264_HEVC> unit(const Bytes& bytes, bool hevc = false) {
+    std::unique_ptr<es::NALH264_HEVC> nal;
+    if (hevc) nal = std::make_unique<es::NALHEVC>(static_cast<std::int32_t>(bytes.size()));
+    else nal = std::make_unique<es::NALH264>(static_cast<std::int32_t>(bytes.size()));
+    nal->append(bytes.data(), bytes.size());
+    return nal;
+}
+
+TEST(NalH264Hevc, UnitTypeAndHeaderOffset) {
+    std::uint8_t type = 0;
+    std::uint32_t offset = 0;
+    EXPECT_TRUE(unit({0, 0, 0, 1, 0x65, 0x88})->getNalUnitType(type, offset));
+    EXPECT_EQ(type, 5);
+    EXPECT_EQ(offset, 4u);
+    EXPECT_TRUE(unit({0, 0, 1, 0x40, 0x01}, true)->getNalUnitType(type, offset));  // HEVC VPS
+    EXPECT_EQ(type, 32);
+    EXPECT_EQ(offset, 3u);
+    EXPECT_TRUE(unit({0x67, 0x42})->getNalUnitType(type, offset));  // no start code: tolerated
+    EXPECT_EQ(type, 7);
+    EXPECT_EQ(offset, 0u);
+    EXPECT_FALSE(unit({0, 0, 0})->getNalUnitType(type, offset));
+    EXPECT_FALSE(unit({0, 0, 1})->getNalUnitType(type, offset));
+    EXPECT_FALSE(unit({})->getNalUnitType(type, offset));
+}
+
+TEST(NalH264Hevc, RbspDropsOnlyEmulationPreventionBytes) {
+    std::uint32_t size = 0;
+    auto nal = unit({0, 0, 1, 0x67, 0x00, 0x00, 0x03, 0x01, 0x00, 0x00, 0x03, 0x04, 0x00, 0x00, 0x03, 0x00, 0x00, 0x03});
+    const std::uint8_t* rbsp = nal->getRbsp(size);
+    // 03 before 01 goes, 03 before 04 stays, 03 before 00 goes, a final 03 stays.
+    EXPECT_EQ(Bytes(rbsp, rbsp + size),
+              (Bytes{0, 0, 1, 0x67, 0x00, 0x00, 0x01, 0x00, 0x00, 0x03, 0x04, 0x00, 0x00, 0x00, 0x00, 0x03}));
+    EXPECT_EQ(nal->getRbsp(size), rbsp);  // cached
+}
+
+TEST(BitReader, ReadsPastTheEndTurnBadAndYieldZero) {
+    const Bytes data = {0xA5, 0xFF};
+    es::BitReader reader(data.data(), data.size());
+    EXPECT_EQ(reader.readBits(4), 0xAu);
+    EXPECT_EQ(reader.readBits(12), 0x5FFu);
+    EXPECT_TRUE(reader.good());
+    EXPECT_EQ(reader.readBits(1), 0u);
+    EXPECT_FALSE(reader.good());
+    EXPECT_EQ(reader.readUe(), 0u);
+
+    BitWriter w;
+    w.ue(0);
+    w.ue(4);
+    w.se(-3);
+    w.ue(0xFFFFFFFEu);  // the largest value that fits
+    es::BitReader golomb(w.bytes().data(), w.bytes().size());
+    EXPECT_EQ(golomb.readUe(), 0u);
+    EXPECT_EQ(golomb.readUe(), 4u);
+    EXPECT_EQ(golomb.readSe(), -3);
+    EXPECT_EQ(golomb.readUe(), 0xFFFFFFFEu);
+    EXPECT_TRUE(golomb.good());
+
+    const Bytes zeros(8, 0);  // 64 leading zeros: no valid code
+    es::BitReader bad(zeros.data(), zeros.size());
+    EXPECT_EQ(bad.readUe(), 0u);
+    EXPECT_FALSE(bad.good());
+}
+
+int addSps(es::NALH264Manager& m, const Bytes& unitBytes) {
+    const Bytes rbsp = es::unescapeRbsp(unitBytes.data(), unitBytes.size());
+    return m.addSps(rbsp.data(), rbsp.size());
+}
+bool addSei(es::NALH264Manager& m, const Bytes& unitBytes) {
+    const Bytes rbsp = es::unescapeRbsp(unitBytes.data(), unitBytes.size());
+    return m.addSei(rbsp.data(), rbsp.size());
+}
+bool addSlice(es::NALH264Manager& m, const Bytes& unitBytes) {
+    const Bytes rbsp = es::unescapeRbsp(unitBytes.data(), unitBytes.size());
+    int pps = 0, sps = 0;
+    return m.addSlice(rbsp.data(), rbsp.size(), pps, sps);
+}
+void addPps(es::NALH264Manager& m, std::uint32_t ppsId, std::uint32_t spsId) {
+    const Bytes u = h264Pps(ppsId, spsId);
+    const Bytes rbsp = es::unescapeRbsp(u.data(), u.size());
+    m.addPps(rbsp.data(), rbsp.size());
+}
+
+TEST(H264Manager, SpsReplacesItsSlotAndBecomesActive) {
+    es::NALH264Manager m;
+    EXPECT_EQ(m.getFrameRate().numerator, -1);
+    H264SpsOptions o;
+    o.id = 3;
+    EXPECT_EQ(addSps(m, h264Sps(o)), 3);
+    EXPECT_EQ(m.getFrameRate().numerator, 50);
+    EXPECT_EQ(m.getFrameRate().denominator, 2);
+    const Bytes raw3 = m.spsRaw[3];
+    o.timeScale = 60000;
+    o.unitsInTick = 1001;
+    EXPECT_EQ(addSps(m, h264Sps(o)), 3);
+    EXPECT_NE(m.spsRaw[3], raw3);
+    EXPECT_EQ(m.activeSps, m.spsTable[3].get());
+    EXPECT_EQ(m.getFrameRate().numerator, 60000);
+    EXPECT_EQ(m.getFrameRate().denominator, 2002);
+    o.id = 32;  // out of range: discarded, the active set stays
+    EXPECT_EQ(addSps(m, h264Sps(o)), -1);
+    EXPECT_EQ(m.activeSps, m.spsTable[3].get());
+    o.id = 4;
+    o.timing = false;
+    EXPECT_EQ(addSps(m, h264Sps(o)), 4);
+    EXPECT_EQ(m.getFrameRate().numerator, -1);  // no VUI timing
+}
+
+TEST(H264Manager, HighProfileFieldsAreReadForTheFiveListedProfilesOnly) {
+    // The same bits read as baseline and as profile 100: only 100 reads chroma_format_idc and the rest, so
+    // the fields after them land differently.
+    H264SpsOptions o;
+    o.profile = 77;
+    const Bytes main = h264Sps(o);
+    const Bytes rbsp = es::unescapeRbsp(main.data(), main.size());
+    const auto asMain = es::parseH264Sps(rbsp.data(), rbsp.size());
+    EXPECT_EQ(asMain->pic_width_in_mbs_minus1, 10u);
+    EXPECT_EQ(asMain->vui.time_scale, 50u);
+    Bytes high = rbsp;
+    high[5] = 100;  // profile_idc after the 4-byte start code and the header
+    const auto asHigh = es::parseH264Sps(high.data(), high.size());
+    EXPECT_NE(asHigh->pic_width_in_mbs_minus1, 10u);
+    for (std::uint8_t profile : {44, 66, 77, 88, 118, 128, 143, 145, 243, 245}) {
+        Bytes other = rbsp;
+        other[5] = profile;
+        EXPECT_EQ(es::parseH264Sps(other.data(), other.size())->pic_width_in_mbs_minus1, 10u) << int(profile);
+    }
+}
+
+// A manager with one SPS of the given removal-delay length, PPS 0, and the first picture's SEI and slice.
+struct Timed {
+    explicit Timed(unsigned cpbLengthMinus1 = 23) {
+        H264SpsOptions o;
+        o.cpbRemovalDelayLengthMinus1 = cpbLengthMinus1;
+        addSps(m, h264Sps(o));
+        addPps(m, 0, 0);
+        bits = cpbLengthMinus1 + 1;
+    }
+    bool picture(std::uint32_t cpb, std::uint32_t dpb, bool bufferingPeriod, std::int64_t pts) {
+        H264SeiOptions s;
+        s.bufferingPeriod = bufferingPeriod;
+        s.cpbRemovalDelay = cpb;
+        s.dpbOutputDelay = dpb;
+        s.cpbBits = bits;
+        const bool seiOk = addSei(m, h264Sei(s));
+        m.baseTime = pts;
+        m.haveFirstOutputTick = false;
+        const bool sliceOk = addSlice(m, h264Slice(5, 2));
+        return seiOk && sliceOk;
+    }
+    es::NALH264Manager m;
+    unsigned bits;
+};
+
+TEST(H264Manager, SliceTimesFollowTheOutputDelay) {
+    Timed t;
+    // One tick is 1/50 s, 1800 at 90 kHz: a picture output two ticks after its removal is decoded 3600 earlier.
+    ASSERT_TRUE(t.picture(0, 2, true, 10000));
+    EXPECT_EQ(t.m.computedPts, 10000);
+    EXPECT_EQ(t.m.computedDts, 10000 - 3600);
+    EXPECT_TRUE(t.m.iSlice);
+    ASSERT_TRUE(t.picture(2, 6, false, 20000));
+    EXPECT_EQ(t.m.computedDts, 20000 - 6 * 1800);
+    EXPECT_EQ(t.m.cpbAccumulated, 0);
+}
+
+TEST(H264Manager, SmallerRemovalDelayAfterABufferingPeriodIsNoDiscontinuity) {
+    Timed t;
+    ASSERT_TRUE(t.picture(0, 2, true, 0));
+    ASSERT_TRUE(t.picture(10, 2, true, 0));  // cpbBase becomes 10
+    EXPECT_TRUE(t.picture(2, 2, false, 0));  // smaller, but the previous picture had a buffering period
+    EXPECT_EQ(t.m.cpbAccumulated, 10);
+    EXPECT_EQ(t.m.lastCpbRemovalDelay, 2);
+}
+
+TEST(H264Manager, CounterWrapAtItsWidthContinues) {
+    Timed t(3);  // 4-bit counter: wraps at 16
+    ASSERT_TRUE(t.picture(0, 2, true, 0));
+    ASSERT_TRUE(t.picture(14, 2, false, 0));
+    EXPECT_TRUE(t.picture(1, 2, false, 0));  // 16 <= 14 + 2: accepted as a wrap
+    EXPECT_EQ(t.m.cpbAccumulated, 16);
+    EXPECT_TRUE(t.picture(0, 2, false, 0));  // back to zero far from the top: taken as restart at p
+    EXPECT_EQ(t.m.cpbAccumulated, 17);
+}
+
+TEST(H264Manager, DropFarFromTheTopWithoutBufferingPeriodClearsTheBookkeeping) {
+    Timed t;
+    ASSERT_TRUE(t.picture(0, 2, true, 0));
+    ASSERT_TRUE(t.picture(40, 2, false, 0));
+    ASSERT_TRUE(t.picture(50, 2, false, 0));
+    EXPECT_FALSE(t.picture(7, 2, false, 0));
+    EXPECT_EQ(t.m.lastCpbRemovalDelay, 0);
+    EXPECT_EQ(t.m.cpbAccumulated, 0);
+    EXPECT_EQ(t.m.cpbBase, 0);
+    EXPECT_FALSE(t.m.firstTimingSei);
+    // The next picture is compared with 0 and goes on.
+    EXPECT_TRUE(t.picture(9, 2, false, 0));
+    EXPECT_EQ(t.m.lastCpbRemovalDelay, 9);
+}
+
+TEST(H264Manager, NoTimesWithoutPictureTimingOrParameterSets) {
+    es::NALH264Manager empty;
+    EXPECT_FALSE(addSlice(empty, h264Slice(5, 2)));  // no PPS
+    Timed t;
+    EXPECT_FALSE(addSlice(t.m, h264Slice(1, 6)));  // no SEI yet: the delays are unknown; a B slice
+    EXPECT_FALSE(t.m.iSlice);
+    H264SeiOptions s;
+    s.bufferingPeriod = true;
+    s.pictureTiming = false;
+    EXPECT_FALSE(addSei(t.m, h264Sei(s)));
+    EXPECT_FALSE(addSlice(t.m, h264Slice(5, 2)));
+    EXPECT_FALSE(addSlice(t.m, h264Slice(5, 2, 9)));  // unknown PPS
+}
+
+TEST(H264Manager, CaptionUserDataIsKeptWhenWellFormed) {
+    Timed t;
+    auto captionSei = [](std::uint32_t identifier, std::uint8_t typeCode) {
+        Bytes payload = {0xB5, 0x00, 0x31};
+        for (int shift = 24; shift >= 0; shift -= 8) payload.push_back(static_cast<std::uint8_t>(identifier >> shift));
+        payload.push_back(typeCode);
+        payload.push_back(0x40 | 2);  // process_cc_data_flag, cc_count 2
+        payload.push_back(0xFF);
+        for (std::uint8_t b : {0xFC, 0x94, 0x2C, 0xFC, 0x80, 0x80}) payload.push_back(b);
+        payload.push_back(0xFF);
+        Bytes messages;
+        seiMessage(messages, 4, payload);
+        messages.push_back(0x80);
+        return annexB({0x06}, messages);
+    };
+    addSei(t.m, captionSei(0x47413934, 3));
+    ASSERT_EQ(t.m.seiTiming.captions.size(), 1u);
+    ASSERT_EQ(t.m.seiTiming.captions[0].records.size(), 2u);
+    EXPECT_EQ(t.m.seiTiming.captions[0].records[0].cc_data_1, 0x94);
+    EXPECT_EQ(t.m.seiTiming.captions[0].records[1].cc_type, 0);
+    addSei(t.m, captionSei(0x44544731, 3));  // not "GA94"
+    EXPECT_TRUE(t.m.seiTiming.captions.empty());
+    addSei(t.m, captionSei(0x47413934, 4));  // not cc_data
+    EXPECT_TRUE(t.m.seiTiming.captions.empty());
+}
+
+TEST(HevcSps, FixtureSpsGivesItsVuiTiming) {
+    const Fixture fixture = loadFixture("hevc_bframes");
+    for (const Bytes& u : referenceUnits(fixture.bytes)) {
+        const std::size_t header = es::skipStartCode(u.data(), u.size());
+        if (((u[header] >> 1) & 0x3F) != 33) continue;
+        const Bytes rbsp = es::unescapeRbsp(u.data() + header + 2, u.size() - header - 2);
+        const es::HevcSps sps = es::parseHevcSps(rbsp.data(), rbsp.size());
+        EXPECT_TRUE(sps.complete);
+        EXPECT_EQ(sps.pic_width_in_luma_samples, 176u);
+        EXPECT_EQ(sps.vui_num_units_in_tick, 1u);
+        EXPECT_EQ(sps.vui_time_scale, 25u);
+        // Every truncation reads without fault and never invents a timing.
+        for (std::size_t cut = 0; cut < rbsp.size(); ++cut) {
+            const es::HevcSps part = es::parseHevcSps(rbsp.data(), cut);
+            EXPECT_TRUE(part.vui_time_scale == 0 || part.vui_time_scale == 25u) << cut;
+        }
+        return;
+    }
+    FAIL() << "no SPS in the fixture";
+}
+
+}  // namespace
+}  // namespace es_test
