@@ -1,0 +1,203 @@
+#include "filter/mux_fmp4_filter/media_sample.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "support/exceptions/com_exception.h"
+
+namespace tvrn::encoding::filter {
+
+using namespace tvrn::com;
+
+SampleRef<COOBMediaSample> COOBMediaSample::create(std::size_t size) {
+    auto* sample = new COOBMediaSample(size);
+    sample->m_actualLength = static_cast<long>(size);
+    return SampleRef<COOBMediaSample>::adopt(sample);
+}
+
+unsigned long COOBMediaSample::AddRef() { return m_refCount.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+unsigned long COOBMediaSample::Release() {
+    const unsigned long left = m_refCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) onFinalRelease();
+    return left;
+}
+
+HRESULT COOBMediaSample::GetPointer(std::uint8_t** buffer) {
+    if (buffer == nullptr) return E_POINTER;
+    *buffer = m_buffer.data();
+    return S_OK;
+}
+
+long COOBMediaSample::GetSize() { return static_cast<long>(m_buffer.size()); }
+
+HRESULT COOBMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
+    if (!m_start) return VFW_E_SAMPLE_TIME_NOT_SET;
+    if (start) *start = *m_start;
+    if (!m_stop) {
+        if (stop) *stop = *m_start + 1;
+        return VFW_S_NO_STOP_TIME;
+    }
+    if (stop) *stop = *m_stop;
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
+    m_start.reset();
+    m_stop.reset();
+    if (start == nullptr) return S_OK;
+    m_start = *start;
+    if (stop) m_stop = *stop;
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::SetSyncPoint(bool value) {
+    m_sync = value;
+    return S_OK;
+}
+HRESULT COOBMediaSample::SetPreroll(bool value) {
+    m_preroll = value;
+    return S_OK;
+}
+HRESULT COOBMediaSample::SetDiscontinuity(bool value) {
+    m_discontinuity = value;
+    return S_OK;
+}
+
+long COOBMediaSample::GetActualDataLength() { return m_actualLength; }
+
+HRESULT COOBMediaSample::SetActualDataLength(long length) {
+    if (length < 0 || length > static_cast<long>(m_buffer.size())) return VFW_E_BUFFER_OVERFLOW;
+    m_actualLength = length;
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::GetMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
+    if (!m_mediaStart) return VFW_E_MEDIA_TIME_NOT_SET;
+    if (start) *start = *m_mediaStart;
+    if (stop) *stop = m_mediaStop ? *m_mediaStop : *m_mediaStart;
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::SetMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
+    m_mediaStart.reset();
+    m_mediaStop.reset();
+    if (start == nullptr) return S_OK;
+    m_mediaStart = *start;
+    if (stop) m_mediaStop = *stop;
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::GetMetadata(std::uint32_t type, const std::uint8_t** data, std::size_t* size) {
+    const auto it = m_metadata.find(type);
+    if (it == m_metadata.end()) return E_FAIL;
+    if (data) *data = it->second.data();
+    if (size) *size = it->second.size();
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::SetMetadata(std::uint32_t type, const std::uint8_t* data, std::size_t size) {
+    if (data == nullptr && size > 0) return E_POINTER;
+    m_metadata[type].assign(data, data + size);
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::RemoveMetadata(std::uint32_t type) {
+    m_metadata.erase(type);
+    return S_OK;
+}
+
+void COOBMediaSample::resetProperties() {
+    m_start.reset();
+    m_stop.reset();
+    m_mediaStart.reset();
+    m_mediaStop.reset();
+    m_sync = m_preroll = m_discontinuity = false;
+    m_metadata.clear();
+}
+
+void CMediaSample::prepareForUse() {
+    resetProperties();
+    m_actualLength = 0;
+    m_refCount.store(1);
+}
+
+void CMediaSample::onFinalRelease() { m_allocator.giveBack(this); }
+
+MemAllocator::~MemAllocator() = default;
+
+HRESULT MemAllocator::SetProperties(const Properties& request, Properties& actual) {
+    std::lock_guard lock(m_mutex);
+    if (m_free.size() != m_all.size()) return VFW_E_WRONG_STATE;  // buffers are out
+    m_properties.count = std::min(request.count, m_maxCount);
+    m_properties.size = std::min(request.size, m_maxSize);
+    m_properties.align = request.align;
+    m_properties.prefix = request.prefix;
+    m_all.clear();
+    m_free.clear();
+    for (long i = 0; i < m_properties.count; ++i) {
+        m_all.push_back(std::make_unique<CMediaSample>(*this, static_cast<std::size_t>(m_properties.size)));
+        m_free.push_back(m_all.back().get());
+    }
+    actual = m_properties;
+    return S_OK;
+}
+
+HRESULT MemAllocator::GetBuffer(IMediaSample3** sample, const REFERENCE_TIME*, const REFERENCE_TIME*,
+                                std::uint32_t flags) {
+    if (sample == nullptr) return E_POINTER;
+    std::unique_lock lock(m_mutex);
+    if (m_all.empty()) return VFW_E_NOT_CONNECTED;
+    if (m_free.empty()) {
+        if (flags & AM_GBF_NOWAIT) return VFW_E_TIMEOUT;
+        m_available.wait(lock, [this] { return !m_free.empty(); });
+    }
+    CMediaSample* buffer = m_free.back();
+    m_free.pop_back();
+    buffer->prepareForUse();
+    *sample = buffer;
+    return S_OK;
+}
+
+void MemAllocator::giveBack(CMediaSample* sample) {
+    {
+        std::lock_guard lock(m_mutex);
+        m_free.push_back(sample);
+    }
+    m_available.notify_one();
+}
+
+long MemAllocator::freeCount() const {
+    std::lock_guard lock(m_mutex);
+    return static_cast<long>(m_free.size());
+}
+
+MemAllocator::Properties MemAllocator::properties() const {
+    std::lock_guard lock(m_mutex);
+    return m_properties;
+}
+
+SampleRef<CExternalMetaDataMediaSample> CExternalMetaDataMediaSample::wrap(IMediaSample* foreign) {
+    if (foreign == nullptr) throw COMException("no sample to wrap", E_POINTER, "wrap", "CExternalMetaDataMediaSample");
+    auto* wrapper = new CExternalMetaDataMediaSample(foreign);
+    REFERENCE_TIME start = 0, stop = 0;
+    const HRESULT time = foreign->GetTime(&start, &stop);
+    if (time == S_OK)
+        wrapper->SetTime(&start, &stop);
+    else if (time == VFW_S_NO_STOP_TIME)
+        wrapper->SetTime(&start, nullptr);
+    if (foreign->GetMediaTime(&start, &stop) == S_OK) wrapper->SetMediaTime(&start, &stop);
+    wrapper->m_sync = foreign->IsSyncPoint() == S_OK;
+    wrapper->m_preroll = foreign->IsPreroll() == S_OK;
+    wrapper->m_discontinuity = foreign->IsDiscontinuity() == S_OK;
+    if (auto* with3 = dynamic_cast<IMediaSample3*>(foreign)) {
+        for (std::uint32_t type = MetadataCuePoint; type <= MetadataRecordingEvent; ++type) {
+            const std::uint8_t* data = nullptr;
+            std::size_t size = 0;
+            if (with3->GetMetadata(type, &data, &size) == S_OK) wrapper->m_metadata[type].assign(data, data + size);
+        }
+    }
+    return SampleRef<CExternalMetaDataMediaSample>::adopt(wrapper);
+}
+
+}  // namespace tvrn::encoding::filter

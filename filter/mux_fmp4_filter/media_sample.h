@@ -1,0 +1,212 @@
+#pragma once
+// Media samples of the filter shell: the graph's sample interface in portable form, the extension that carries
+// typed metadata blobs, the sample kinds that implement it and a buffer allocator.
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "support/exceptions/result_codes.h"
+
+namespace tvrn::encoding::filter {
+
+using tvrn::com::HRESULT;
+using REFERENCE_TIME = std::int64_t;
+
+// The metadata types that samples carry, with their sizes in bytes.
+enum MediaSampleMetadata : std::uint32_t {
+    MetadataCuePoint = 0,         // 24
+    MetadataSampleDate = 1,       // 8
+    MetadataDataId = 2,           // 8
+    MetadataDolby = 3,            // 84
+    MetadataParentalRating = 4,   // 5144
+    MetadataRecordingEvent = 5,   // 2
+};
+
+// The flags of GetBuffer: do not wait for a free buffer.
+inline constexpr std::uint32_t AM_GBF_NOWAIT = 4;
+
+class IMediaSample {
+public:
+    virtual unsigned long AddRef() = 0;
+    virtual unsigned long Release() = 0;
+    virtual HRESULT GetPointer(std::uint8_t** buffer) = 0;
+    virtual long GetSize() = 0;
+    virtual HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) = 0;
+    virtual HRESULT SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) = 0;
+    virtual HRESULT IsSyncPoint() = 0;
+    virtual HRESULT SetSyncPoint(bool value) = 0;
+    virtual HRESULT IsPreroll() = 0;
+    virtual HRESULT SetPreroll(bool value) = 0;
+    virtual long GetActualDataLength() = 0;
+    virtual HRESULT SetActualDataLength(long length) = 0;
+    virtual HRESULT IsDiscontinuity() = 0;
+    virtual HRESULT SetDiscontinuity(bool value) = 0;
+    virtual HRESULT GetMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) = 0;
+    virtual HRESULT SetMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) = 0;
+
+protected:
+    virtual ~IMediaSample() = default;
+};
+
+// A sample with typed metadata blobs.
+class IMediaSample3 : public IMediaSample {
+public:
+    // E_FAIL when absent; the data stays owned by the sample.
+    virtual HRESULT GetMetadata(std::uint32_t type, const std::uint8_t** data, std::size_t* size) = 0;
+    // Copies the bytes, replacing an older value.
+    virtual HRESULT SetMetadata(std::uint32_t type, const std::uint8_t* data, std::size_t size) = 0;
+    // Succeeds also when the type is absent.
+    virtual HRESULT RemoveMetadata(std::uint32_t type) = 0;
+};
+
+// A counted reference to a sample.
+template <typename T>
+class SampleRef {
+public:
+    SampleRef() = default;
+    explicit SampleRef(T* p) : m_p(p) {
+        if (m_p) m_p->AddRef();
+    }
+    static SampleRef adopt(T* p) {
+        SampleRef r;
+        r.m_p = p;
+        return r;
+    }
+    SampleRef(const SampleRef& o) : SampleRef(o.m_p) {}
+    SampleRef(SampleRef&& o) noexcept : m_p(std::exchange(o.m_p, nullptr)) {}
+    SampleRef& operator=(SampleRef o) noexcept {
+        std::swap(m_p, o.m_p);
+        return *this;
+    }
+    ~SampleRef() { reset(); }
+    void reset() {
+        if (m_p) std::exchange(m_p, nullptr)->Release();
+    }
+    T* get() const { return m_p; }
+    T* operator->() const { return m_p; }
+    explicit operator bool() const { return m_p != nullptr; }
+    T* detach() { return std::exchange(m_p, nullptr); }
+
+private:
+    T* m_p = nullptr;
+};
+
+// A sample whose fields and metadata are its own. Its bytes are its own too unless a subclass says otherwise.
+class COOBMediaSample : public IMediaSample3 {
+public:
+    // Starts with one reference, held by the creator.
+    static SampleRef<COOBMediaSample> create(std::size_t size);
+
+    unsigned long AddRef() override;
+    unsigned long Release() override;
+    HRESULT GetPointer(std::uint8_t** buffer) override;
+    long GetSize() override;
+    HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;
+    HRESULT SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) override;
+    HRESULT IsSyncPoint() override { return m_sync ? tvrn::com::S_OK : tvrn::com::S_FALSE; }
+    HRESULT SetSyncPoint(bool value) override;
+    HRESULT IsPreroll() override { return m_preroll ? tvrn::com::S_OK : tvrn::com::S_FALSE; }
+    HRESULT SetPreroll(bool value) override;
+    long GetActualDataLength() override;
+    HRESULT SetActualDataLength(long length) override;
+    HRESULT IsDiscontinuity() override { return m_discontinuity ? tvrn::com::S_OK : tvrn::com::S_FALSE; }
+    HRESULT SetDiscontinuity(bool value) override;
+    HRESULT GetMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;
+    HRESULT SetMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) override;
+    HRESULT GetMetadata(std::uint32_t type, const std::uint8_t** data, std::size_t* size) override;
+    HRESULT SetMetadata(std::uint32_t type, const std::uint8_t* data, std::size_t size) override;
+    HRESULT RemoveMetadata(std::uint32_t type) override;
+
+protected:
+    COOBMediaSample() = default;
+    explicit COOBMediaSample(std::size_t size) : m_buffer(size) {}
+    ~COOBMediaSample() override = default;
+    // Called when the last reference goes.
+    virtual void onFinalRelease() { delete this; }
+    // Clears times, flags and metadata, for reuse of the object.
+    void resetProperties();
+
+    std::atomic<unsigned long> m_refCount{1};
+    std::vector<std::uint8_t> m_buffer;
+    long m_actualLength = 0;
+    std::optional<REFERENCE_TIME> m_start, m_stop, m_mediaStart, m_mediaStop;
+    bool m_sync = false;
+    bool m_preroll = false;
+    bool m_discontinuity = false;
+    std::map<std::uint32_t, std::vector<std::uint8_t>> m_metadata;
+};
+
+class MemAllocator;
+
+// A sample from an allocator's pool: the last release gives it back to the pool.
+class CMediaSample final : public COOBMediaSample {
+public:
+    CMediaSample(MemAllocator& allocator, std::size_t size) : COOBMediaSample(size), m_allocator(allocator) {}
+    void prepareForUse();
+
+protected:
+    void onFinalRelease() override;
+
+private:
+    friend class MemAllocator;
+    MemAllocator& m_allocator;
+};
+
+// A pool of buffers of one size. Buffers live as long as the allocator and the samples out of it.
+class MemAllocator {
+public:
+    struct Properties {
+        long count = 0;
+        long size = 0;
+        long align = 1;
+        long prefix = 0;
+    };
+    // A cap on what the allocator gives, as a sink with limited memory would.
+    explicit MemAllocator(long maxCount = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF)
+        : m_maxCount(maxCount), m_maxSize(maxSize) {}
+    ~MemAllocator();
+
+    // Asks for properties; `actual` receives what was granted.
+    HRESULT SetProperties(const Properties& request, Properties& actual);
+    // Start and stop timing are ignored; flags AM_GBF_NOWAIT answers VFW_E_TIMEOUT instead of waiting.
+    HRESULT GetBuffer(IMediaSample3** sample, const REFERENCE_TIME* start, const REFERENCE_TIME* stop,
+                      std::uint32_t flags);
+    long freeCount() const;
+    Properties properties() const;
+
+private:
+    friend class CMediaSample;
+    void giveBack(CMediaSample* sample);
+
+    long m_maxCount;
+    long m_maxSize;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_available;
+    Properties m_properties;
+    std::vector<std::unique_ptr<CMediaSample>> m_all;
+    std::vector<CMediaSample*> m_free;
+};
+
+// Wraps a foreign sample, keeping a reference: its bytes and lengths are the foreign sample's, while the times,
+// flags and metadata are copies, so editing them here never touches the source.
+class CExternalMetaDataMediaSample final : public COOBMediaSample {
+public:
+    static SampleRef<CExternalMetaDataMediaSample> wrap(IMediaSample* foreign);
+
+    HRESULT GetPointer(std::uint8_t** buffer) override { return m_foreign->GetPointer(buffer); }
+    long GetSize() override { return m_foreign->GetSize(); }
+    long GetActualDataLength() override { return m_foreign->GetActualDataLength(); }
+    HRESULT SetActualDataLength(long length) override { return m_foreign->SetActualDataLength(length); }
+
+private:
+    explicit CExternalMetaDataMediaSample(IMediaSample* foreign) : m_foreign(foreign) {}
+    SampleRef<IMediaSample> m_foreign;
+};
+
+}  // namespace tvrn::encoding::filter

@@ -1,0 +1,341 @@
+#include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "support/exceptions/corvane_exception.h"
+
+namespace tvrn::encoding::filter {
+
+using namespace tvrn::com;
+using tvrn::log::LOG_ERROR;
+using tvrn::log::LOG_INFO;
+
+CMuxFmp4Filter* CMuxFmp4Filter::Create(fmp4::Fmp4MuxParts parts) { return new CMuxFmp4Filter(std::move(parts)); }
+
+IMuxFmp4Config* CreateMuxFmp4Filter() { return CMuxFmp4Filter::Create(); }
+
+CMuxFmp4Filter::CMuxFmp4Filter(fmp4::Fmp4MuxParts parts) : m_parts(std::move(parts)) {
+    addInputPin();
+    m_worker = std::make_unique<fmp4::MuxWorker>(m_lock, m_logger, [this] { return buildSession(); });
+}
+
+CMuxFmp4Filter::~CMuxFmp4Filter() {
+    // The worker ends first (exit event and join), then the pins go.
+    m_worker.reset();
+    m_listeners.clear();
+    m_outputs.clear();
+    m_inputs.clear();
+}
+
+HRESULT CMuxFmp4Filter::QueryInterface(const GUID& iid, void** object) {
+    if (object == nullptr) return E_POINTER;
+    if (iid == guids::IID_IMuxFmp4Config) {
+        *object = static_cast<IMuxFmp4Config*>(this);
+        AddRef();
+        return S_OK;
+    }
+    *object = nullptr;
+    return E_NOINTERFACE;
+}
+
+unsigned long CMuxFmp4Filter::AddRef() { return m_refCount.fetch_add(1) + 1; }
+
+unsigned long CMuxFmp4Filter::Release() {
+    const unsigned long left = m_refCount.fetch_sub(1) - 1;
+    if (left == 0) delete this;
+    return left;
+}
+
+HRESULT CMuxFmp4Filter::ConfigureInputPin(std::uint32_t bitrate, const char* language, std::uint32_t flag,
+                                          const char* name, const char* extraParameters, std::uint32_t group,
+                                          std::int32_t descriptorCount, const char* const (*descriptors)[3]) {
+    try {
+        std::lock_guard lock(m_lock);
+        if (m_state.load() != FilterState::Stopped) return VFW_E_WRONG_STATE;
+        MuxFmp4InputPin* target = nullptr;
+        for (const auto& pin : m_inputs) {
+            if (!pin->IsConnected() && (target == nullptr || pin->streamId() < target->streamId())) target = pin.get();
+        }
+        if (target == nullptr) return E_FAIL;
+        if (bitrate < 1) return E_INVALIDARG;
+        if (descriptorCount < 0 || (descriptorCount > 0 && descriptors == nullptr)) return E_INVALIDARG;
+        std::vector<fmp4::StreamDescriptor> list;
+        for (std::int32_t i = 0; i < descriptorCount; ++i) {
+            const auto& entry = descriptors[i];
+            list.push_back({entry[0] ? entry[0] : "", entry[1] ? entry[1] : "", entry[2] ? entry[2] : ""});
+        }
+        auto& attributes = target->attributes();
+        attributes.bitrate = static_cast<std::int32_t>(std::min<std::uint32_t>(bitrate, 0x7FFFFFFF));
+        attributes.language = language ? language : "";
+        attributes.flag = flag != 0;
+        attributes.name = name ? name : "";
+        attributes.name2 = extraParameters ? extraParameters : "";
+        attributes.group = static_cast<std::int32_t>(group);
+        attributes.descriptors = std::move(list);
+        return S_OK;
+    } catch (const std::exception&) {
+        return E_FAIL;
+    }
+}
+
+HRESULT CMuxFmp4Filter::SetChunkWarningNotifier(
+    packaging::synchronizator::i_chunk_warning_notifier::IFmp4ChunkWarningNotifier* notifier) {
+    std::lock_guard lock(m_lock);
+    m_notifier = notifier;
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetLogger(tvrn::log::ILogger* logger) {
+    std::lock_guard lock(m_lock);
+    if (!isIdle()) return E_FAIL;
+    m_logger.SetTarget(logger);
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetMuxMode(const char* streamName, std::uint32_t outputFormat, std::uint32_t mode,
+                                   std::int32_t gopDurationMs, std::uint32_t gopsPerSegment,
+                                   std::int32_t audioSegmentDurationMs, std::int32_t chunkDurationMs,
+                                   std::uint8_t inBandParameterSets, std::uint8_t psshInFragments,
+                                   std::uint8_t allVideoInInit, std::uint8_t driftDetection, std::uint8_t offline) {
+    std::lock_guard lock(m_lock);
+    if (!isIdle()) return E_FAIL;
+    // An unknown mode raises out of the call, before anything changes.
+    auto config = fmp4::Fmp4MuxConfig::fromMode(mode, gopDurationMs, gopsPerSegment,
+                                                static_cast<std::uint32_t>(audioSegmentDurationMs),
+                                                static_cast<std::uint64_t>(chunkDurationMs));
+    m_config = std::move(config);
+    m_outputFormat = static_cast<fmp4::OutputFormat>(outputFormat);
+    m_inBandParameterSets = inBandParameterSets != 0;
+    m_psshInFragments = psshInFragments != 0;
+    m_allVideoInInit = allVideoInInit != 0;
+    m_driftDetection = driftDetection != 0;
+    m_offline = offline != 0;
+    m_streamName = streamName ? streamName : "";
+    for (auto& output : m_outputs) output->setSegmentDurationMs(m_config.segmentDurationMs());
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetFirstNumber(std::int32_t firstNumber) {
+    if (firstNumber < 0) return E_INVALIDARG;
+    std::lock_guard lock(m_lock);
+    m_firstNumber = firstNumber;
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetDefaultParentalRating(std::uint32_t age) {
+    std::lock_guard lock(m_lock);
+    m_defaultParentalRating = age;
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetKeyServerConnection(bool enabled, std::uint32_t, const KeyServerConnectionOptions*) {
+    if (!enabled) return S_OK;
+    // Key-server connections come with the encryption configurations.
+    return E_FAIL;
+}
+
+HRESULT CMuxFmp4Filter::GetStatus(std::uint32_t* chunksDelivered, char* text, std::uint32_t textSize) {
+    if (chunksDelivered == nullptr) return E_POINTER;
+    std::lock_guard lock(m_lock);
+    *chunksDelivered = static_cast<std::uint32_t>(m_worker->stats().chunksDelivered.load());
+    if (text != nullptr && textSize >= 1) text[0] = '\0';
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::GetKeyServerStatus(std::uint32_t* status) {
+    if (status == nullptr) return E_POINTER;
+    std::lock_guard lock(m_keyStatusLock);
+    *status = m_keyServerStatus;
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetOverheadPercent(std::uint32_t percent) {
+    std::lock_guard lock(m_lock);
+    m_overheadPercent = percent;
+    return S_OK;
+}
+
+void CMuxFmp4Filter::OnKeyServerStatus(bool up) {
+    std::lock_guard lock(m_keyStatusLock);
+    if (m_keyServerStatus == KeyServerMainUp || m_keyServerStatus == KeyServerBackupUp) {
+        if (up) return;
+        m_keyServerStatus = KeyServerDown;
+        m_logger.WriteMsg(LOG_ERROR, "Key management server down");
+        return;
+    }
+    if (up) {
+        m_keyServerStatus = KeyServerMainUp;
+        m_logger.WriteMsg(LOG_INFO, "Key management server up");
+    } else if (m_keyServerStatus != KeyServerDown) {
+        m_keyServerStatus = KeyServerDown;
+        m_logger.WriteMsg(LOG_ERROR, "Key management server down");
+    }
+}
+
+HRESULT CMuxFmp4Filter::Pause() {
+    std::lock_guard lock(m_lock);
+    // Pausing from any state asks for a session; a running session makes the request wait for the next stop.
+    m_worker->start();
+    m_state = FilterState::Paused;
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::Run() {
+    std::lock_guard lock(m_lock);
+    m_state = FilterState::Running;
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::Stop() {
+    std::lock_guard lock(m_lock);
+    m_worker->stop();
+    m_state = FilterState::Stopped;
+    return S_OK;
+}
+
+FilterState CMuxFmp4Filter::GetState() const { return m_state.load(); }
+
+int CMuxFmp4Filter::GetPinCount() const {
+    std::lock_guard lock(m_lock);
+    return static_cast<int>(m_inputs.size() + m_outputs.size());
+}
+
+std::vector<MuxFmp4InputPin*> CMuxFmp4Filter::inputPins() const {
+    std::lock_guard lock(m_lock);
+    std::vector<MuxFmp4InputPin*> pins;
+    for (const auto& pin : m_inputs) pins.push_back(pin.get());
+    return pins;
+}
+
+std::vector<MuxFmp4OutputPin*> CMuxFmp4Filter::outputPins() const {
+    std::lock_guard lock(m_lock);
+    std::vector<MuxFmp4OutputPin*> pins;
+    for (const auto& pin : m_outputs) pins.push_back(pin.get());
+    return pins;
+}
+
+MuxFmp4OutputPin* CMuxFmp4Filter::outputFor(std::int32_t streamId) const {
+    std::lock_guard lock(m_lock);
+    for (const auto& [index, ids] : m_pairings)
+        if (std::find(ids.begin(), ids.end(), streamId) != ids.end()) return m_outputs[static_cast<std::size_t>(index)].get();
+    return nullptr;
+}
+
+std::int32_t CMuxFmp4Filter::lowestFreeStreamId() const {
+    std::int32_t id = 0;
+    while (std::any_of(m_inputs.begin(), m_inputs.end(), [id](const auto& p) { return p->streamId() == id; })) ++id;
+    return id;
+}
+
+void CMuxFmp4Filter::addInputPin() {
+    m_inputs.push_back(std::make_unique<MuxFmp4InputPin>(*this, lowestFreeStreamId()));
+}
+
+HRESULT CMuxFmp4Filter::onInputConnected(MuxFmp4InputPin& pin, const MediaType& type) {
+    const bool video = fmp4::isVideo(pin.attributes().type);
+    const std::int32_t streamId = pin.streamId();
+    const std::int32_t inputBitrate = pin.attributes().bitrate;
+    auto makeOutput = [this]() -> int {
+        const int index = static_cast<int>(m_outputs.size());
+        m_outputs.push_back(std::make_unique<MuxFmp4OutputPin>(*this, index + 1));
+        m_outputs.back()->setSegmentDurationMs(m_config.segmentDurationMs() > 0 ? m_config.segmentDurationMs() : 2000);
+        m_listeners[index] = std::make_unique<CIsomffListener>(*m_outputs.back(), *this);
+        m_pairings[index] = {};
+        return index;
+    };
+    auto bitrateOf = [this](std::int32_t id) {
+        for (const auto& p : m_inputs)
+            if (p->streamId() == id) return p->attributes().bitrate;
+        return 0;
+    };
+
+    const bool muxed = m_muxedTopology == 2;
+    if (!muxed) {
+        // Each input gets an output of its own.
+        const int index = makeOutput();
+        m_pairings[index].push_back(streamId);
+        m_outputs[static_cast<std::size_t>(index)]->setBitrate(std::max(0, inputBitrate));
+    } else if (video) {
+        if (m_videoInputs.empty()) {
+            m_listeners.clear();
+            m_outputs.clear();
+            m_pairings.clear();
+        }
+        const int index = makeOutput();
+        std::int32_t total = inputBitrate;
+        m_pairings[index].push_back(streamId);
+        for (const std::int32_t audio : m_otherInputs) {
+            m_pairings[index].push_back(audio);
+            total += bitrateOf(audio);
+        }
+        auto& output = *m_outputs[static_cast<std::size_t>(index)];
+        output.setBitrate(std::max(output.bitrate(), total));
+    } else if (!m_videoInputs.empty()) {
+        for (auto& [index, ids] : m_pairings) {
+            ids.push_back(streamId);
+            auto& output = *m_outputs[static_cast<std::size_t>(index)];
+            output.setBitrate(std::max(output.bitrate(), output.bitrate() + inputBitrate));
+        }
+    } else {
+        const int index = makeOutput();
+        m_pairings[index].push_back(streamId);
+        m_outputs[static_cast<std::size_t>(index)]->setBitrate(std::max(0, inputBitrate));
+    }
+    (video ? m_videoInputs : m_otherInputs).push_back(streamId);
+    (void)type;
+
+    const bool allConnected = std::all_of(m_inputs.begin(), m_inputs.end(), [](const auto& p) { return p->IsConnected(); });
+    if (allConnected && m_inputs.size() < kMaxInputPins) addInputPin();
+    return S_OK;
+}
+
+void CMuxFmp4Filter::onInputDisconnected(MuxFmp4InputPin& pin) {
+    const std::int32_t id = pin.streamId();
+    std::erase(m_videoInputs, id);
+    std::erase(m_otherInputs, id);
+    // Unconnected inputs go, except the first pin.
+    for (std::size_t i = m_inputs.size(); i-- > 1;)
+        if (!m_inputs[i]->IsConnected()) m_inputs.erase(m_inputs.begin() + static_cast<long>(i));
+    if (std::all_of(m_inputs.begin(), m_inputs.end(), [](const auto& p) { return p->IsConnected(); })) addInputPin();
+}
+
+std::unique_ptr<fmp4::IMuxSession> CMuxFmp4Filter::buildSession() {
+    auto session = std::make_unique<fmp4::Fmp4Mux>(m_outputFormat, m_config, m_notifier, m_logger, m_inBandParameterSets,
+                                                   m_psshInFragments, m_allVideoInInit, m_driftDetection, m_offline,
+                                                   m_parts);
+    std::vector<MuxFmp4InputPin*> connected;
+    for (const auto& pin : m_inputs)
+        if (pin->IsConnected()) connected.push_back(pin.get());
+    std::sort(connected.begin(), connected.end(), [](auto* a, auto* b) { return a->streamId() < b->streamId(); });
+    for (auto* pin : connected) session->AddStream(static_cast<std::uint32_t>(pin->streamId()), pin->attributes());
+
+    std::vector<fmp4::ChunkOutputSeed> outputs;
+    for (const auto& [index, ids] : m_pairings) {
+        fmp4::ChunkOutputSeed seed;
+        seed.streamIds = ids;
+        seed.output = m_listeners.at(index).get();
+        seed.firstNumber = static_cast<std::uint64_t>(m_firstNumber);
+        outputs.push_back(std::move(seed));
+    }
+    session->SetOutputs(outputs);
+    if (m_defaultParentalRating) session->SetDefaultParentalRating(*m_defaultParentalRating);
+    return session;
+}
+
+void CMuxFmp4Filter::pushSample(std::int32_t streamId, fmp4::IMediaData* data) {
+    std::lock_guard lock(m_lock);
+    m_worker->push(static_cast<std::uint32_t>(streamId), data, m_state.load() == FilterState::Stopped);
+}
+
+void CMuxFmp4Filter::pushEndOfStream(std::int32_t streamId) {
+    std::lock_guard lock(m_lock);
+    m_worker->pushEndOfStream(static_cast<std::uint32_t>(streamId), m_state.load() == FilterState::Stopped);
+}
+
+void CMuxFmp4Filter::countChunk() {
+    std::lock_guard lock(m_lock);
+    m_worker->stats().chunksDelivered.fetch_add(1);
+}
+
+}  // namespace tvrn::encoding::filter

@@ -1,0 +1,145 @@
+#pragma once
+// The filter: a session holder with configure, pause (start), run, stop and push calls. It owns the pins,
+// the configuration and one worker that builds a mux session when the filter pauses.
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "filter/mux_fmp4_filter/i_mux_fmp4_config.h"
+#include "filter/mux_fmp4_filter/pins.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+#include "packaging/fmp4/fmp4_mux/mux_worker.h"
+#include "support/log/log_perf.h"
+
+namespace tvrn::encoding::filter {
+
+namespace fmp4 = packaging::imff::fmp4;
+
+inline constexpr const char* kFilterName = "Tovrane Mux Fmp4";
+inline constexpr std::uint32_t kFilterMerit = 0x200000;
+
+enum class FilterState { Stopped, Paused, Running };
+
+// Told by the key-server clients whether the key server answers.
+class IEncryptionListener {
+public:
+    virtual void OnKeyServerStatus(bool up) = 0;
+    virtual ~IEncryptionListener() = default;
+};
+
+class CMuxFmp4Filter final : public IMuxFmp4Config, public IEncryptionListener {
+public:
+    // Starts with one reference, held by the creator; the last Release destroys the filter.
+    static CMuxFmp4Filter* Create(fmp4::Fmp4MuxParts parts = {});
+
+    // IMuxFmp4Config
+    HRESULT QueryInterface(const GUID& iid, void** object) override;
+    unsigned long AddRef() override;
+    unsigned long Release() override;
+    std::uint32_t GetVersion() override { return 1; }
+    HRESULT ConfigureInputPin(std::uint32_t bitrate, const char* language, std::uint32_t flag, const char* name,
+                              const char* extraParameters, std::uint32_t group, std::int32_t descriptorCount,
+                              const char* const (*descriptors)[3]) override;
+    HRESULT SetChunkWarningNotifier(
+        packaging::synchronizator::i_chunk_warning_notifier::IFmp4ChunkWarningNotifier* notifier) override;
+    HRESULT SetLogger(tvrn::log::ILogger* logger) override;
+    HRESULT SetMuxMode(const char* streamName, std::uint32_t outputFormat, std::uint32_t mode, std::int32_t gopDurationMs,
+                       std::uint32_t gopsPerSegment, std::int32_t audioSegmentDurationMs, std::int32_t chunkDurationMs,
+                       std::uint8_t inBandParameterSets, std::uint8_t psshInFragments, std::uint8_t allVideoInInit,
+                       std::uint8_t driftDetection, std::uint8_t offline) override;
+    HRESULT SetFirstNumber(std::int32_t firstNumber) override;
+    HRESULT SetDefaultParentalRating(std::uint32_t age) override;
+    HRESULT SetHarmonicKmsEncryption(const HarmonicKmsEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetIrdetoEncryption(const IrdetoEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetBuyDrmEncryption(const BuyDrmEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetVerimatrixEncryption(const VerimatrixEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetInsideSecureEncryption(const InsideSecureEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetWidevineEncryption(const WidevineEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetManualPlayReadyEncryption(const ManualPlayReadyEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetMultiDrmEncryption(const MultiDrmEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetKeyServerConnection(bool enabled, std::uint32_t kind, const KeyServerConnectionOptions* options) override;
+    HRESULT GetStatus(std::uint32_t* chunksDelivered, char* text, std::uint32_t textSize) override;
+    HRESULT GetKeyServerStatus(std::uint32_t* status) override;
+    HRESULT SetOverheadPercent(std::uint32_t percent) override;
+
+    // IEncryptionListener
+    void OnKeyServerStatus(bool up) override;
+
+    // The transitions of the host. Pause starts a session, Stop ends it; neither waits for the worker.
+    HRESULT Pause();
+    HRESULT Run();
+    HRESULT Stop();
+    // VFW_S_STATE_INTERMEDIATE is never answered: state changes do not wait.
+    FilterState GetState() const;
+
+    // Pins, inputs first, then outputs.
+    int GetPinCount() const;
+    std::vector<MuxFmp4InputPin*> inputPins() const;
+    std::vector<MuxFmp4OutputPin*> outputPins() const;
+    // The output paired with an input stream, or null.
+    MuxFmp4OutputPin* outputFor(std::int32_t streamId) const;
+
+    fmp4::WorkerState workerState() const { return m_worker->state(); }
+    fmp4::SessionStats& stats() { return m_worker->stats(); }
+    tvrn::log::ILogger& logger() { return m_logger; }
+    std::recursive_mutex& filterLock() { return m_lock; }
+
+private:
+    friend class MuxFmp4InputPin;
+    friend class MuxFmp4OutputPin;
+    friend class CIsomffListener;
+
+    explicit CMuxFmp4Filter(fmp4::Fmp4MuxParts parts);
+    ~CMuxFmp4Filter() override;
+
+    bool isIdle() const { return m_worker->state() == fmp4::Idle; }
+    std::unique_ptr<fmp4::IMuxSession> buildSession();
+    // Called by an input pin as it completes its connection; under the filter lock.
+    HRESULT onInputConnected(MuxFmp4InputPin& pin, const MediaType& type);
+    void onInputDisconnected(MuxFmp4InputPin& pin);
+    void addInputPin();
+    std::int32_t lowestFreeStreamId() const;
+    void pushSample(std::int32_t streamId, fmp4::IMediaData* data);
+    void pushEndOfStream(std::int32_t streamId);
+    void countChunk();
+
+    std::atomic<unsigned long> m_refCount{1};
+    mutable std::recursive_mutex m_lock;
+    std::atomic<FilterState> m_state{FilterState::Stopped};
+    std::vector<std::unique_ptr<MuxFmp4InputPin>> m_inputs;
+    std::vector<std::unique_ptr<MuxFmp4OutputPin>> m_outputs;
+    std::map<int, std::vector<std::int32_t>> m_pairings;  // output index -> stream ids
+    std::map<int, std::unique_ptr<CIsomffListener>> m_listeners;
+    std::vector<std::int32_t> m_videoInputs;
+    std::vector<std::int32_t> m_otherInputs;
+    std::uint32_t m_muxedTopology = 0;
+
+    tvrn::log::log_perf::SmartLogPerf<tvrn::log::log_perf::DummyLogPerf> m_logger;
+    fmp4::Fmp4MuxParts m_parts;
+    fmp4::OutputFormat m_outputFormat = fmp4::Smooth;
+    fmp4::Fmp4MuxConfig m_config;
+    bool m_inBandParameterSets = false;
+    bool m_psshInFragments = false;
+    bool m_allVideoInInit = false;
+    bool m_driftDetection = false;
+    bool m_offline = false;
+    std::string m_streamName = "streamname";
+    std::int32_t m_firstNumber = 1;
+    std::optional<std::uint32_t> m_defaultParentalRating;
+    packaging::synchronizator::i_chunk_warning_notifier::IFmp4ChunkWarningNotifier* m_notifier = nullptr;
+    std::uint32_t m_overheadPercent = 0;
+
+    mutable std::mutex m_keyStatusLock;
+    std::uint32_t m_keyServerStatus = KeyServerUnknown;
+
+    std::unique_ptr<fmp4::MuxWorker> m_worker;  // last: its thread starts when everything else exists
+};
+
+// Creates a filter, as the class factory would.
+IMuxFmp4Config* CreateMuxFmp4Filter();
+
+}  // namespace tvrn::encoding::filter

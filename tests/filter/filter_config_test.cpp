@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+
+#include "fakes.h"
+#include "filter_helpers.h"
+#include "support/exceptions/corvane_exception.h"
+
+namespace {
+using namespace filter_test;
+namespace fmp4 = tvrn::encoding::packaging::imff::fmp4;
+
+TEST(FilterIdentity, GuidsAndNames) {
+    EXPECT_EQ(toString(guids::CLSID_MuxFmp4Filter), "{5E4721DD-8521-40AA-A672-7C2097D22477}");
+    EXPECT_EQ(toString(guids::IID_IMuxFmp4Config), "{260480A9-48F7-45F2-B8DC-DD7E51C9211F}");
+    // A four-character code sits in the first field, little-endian: "vids" is 0x73646976.
+    EXPECT_EQ(toString(guids::MEDIATYPE_Video), "{73646976-0000-0010-8000-00AA00389B71}");
+    // Memory order: Data1 little-endian on this platform, Data4 as written.
+    const GUID g = guidFromString("{01020304-0506-0708-090A-0B0C0D0E0F10}");
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&g);
+    const std::uint8_t expected[16] = {4, 3, 2, 1, 6, 5, 8, 7, 9, 10, 11, 12, 13, 14, 15, 16};
+    EXPECT_EQ(std::memcmp(bytes, expected, 16), 0);
+    EXPECT_STREQ(kFilterName, "Tovrane Mux Fmp4");
+    EXPECT_THROW(guidFromString("{0102}"), std::invalid_argument);
+
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    void* config = nullptr;
+    EXPECT_EQ(filter->QueryInterface(guids::IID_IMuxFmp4Config, &config), S_OK);
+    EXPECT_EQ(config, static_cast<IMuxFmp4Config*>(filter.filter));
+    filter->Release();
+    EXPECT_EQ(filter->QueryInterface(guids::IID_IMediaSample3, &config), E_NOINTERFACE);
+    EXPECT_EQ(filter->GetVersion(), 1u);
+}
+
+TEST(InputPin, EnumeratesFourteenTypesAndChecksTwelve) {
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    MuxFmp4InputPin* pin = filter->inputPins().at(0);
+    EXPECT_EQ(pin->Name(), "Input0");
+    MediaType type;
+    int accepted = 0;
+    for (int i = 0; i < 14; ++i) {
+        ASSERT_EQ(pin->GetMediaType(i, &type), S_OK);
+        EXPECT_EQ(type.formattype, guids::FORMAT_None);
+        EXPECT_TRUE(type.temporalCompression);
+        EXPECT_FALSE(type.fixedSizeSamples);
+        if (pin->CheckMediaType(type) == S_OK) ++accepted;
+        EXPECT_EQ(pin->SetMediaType(type), S_OK);
+    }
+    EXPECT_EQ(accepted, 12);
+    EXPECT_EQ(pin->GetMediaType(14, &type), VFW_S_NO_MORE_ITEMS);
+    // Raw AAC and LATM are enumerated and known to set-media-type, but the check refuses them.
+    EXPECT_EQ(pin->CheckMediaType(inputType(3)), VFW_E_TYPE_NOT_ACCEPTED);
+    EXPECT_EQ(pin->CheckMediaType(inputType(7)), VFW_E_TYPE_NOT_ACCEPTED);
+    EXPECT_EQ(pin->ReceiveConnection(inputType(7)), VFW_E_TYPE_NOT_ACCEPTED);
+    EXPECT_EQ(pin->SetMediaType(inputType(3)), S_OK);
+    EXPECT_EQ(pin->attributes().type, fmp4::AAC_RAW_AUDIO);
+    EXPECT_EQ(pin->CheckMediaType(inputType(1)), S_OK);
+}
+
+TEST(InputPin, ConnectionAddsPinsPairsOutputsAndComputesBandwidth) {
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    EXPECT_EQ(filter->SetOverheadPercent(10), S_OK);
+    auto* video = filter->inputPins().at(0);
+    EXPECT_EQ(filter->ConfigureInputPin(2000000, "eng", 0, "main", "k=v", 3, 0, nullptr), S_OK);
+    ASSERT_EQ(video->ReceiveConnection(inputType(1)), S_OK);
+    EXPECT_EQ(video->attributes().type, fmp4::H264_VIDEO);
+    EXPECT_EQ(video->attributes().bandwidth, 2200000u);  // bitrate x (100 + 10) / 100
+    EXPECT_EQ(video->attributes().language, "eng");
+    EXPECT_EQ(video->attributes().name2, "k=v");
+    EXPECT_EQ(video->ReceiveConnection(inputType(1)), VFW_E_ALREADY_CONNECTED);
+
+    // A new unconnected pin appears, with the lowest free number.
+    auto inputs = filter->inputPins();
+    ASSERT_EQ(inputs.size(), 2u);
+    EXPECT_EQ(inputs[1]->Name(), "Input1");
+    auto* audio = inputs[1];
+    // The media type's bitrate replaces the configured one; audio bandwidth equals bitrate.
+    const char* const descriptors[][3] = {{"Role", "urn:mpeg:dash:role:2011", "main"}};
+    EXPECT_EQ(filter->ConfigureInputPin(96000, "fra", 1, "aud", "", 0, 1, descriptors), S_OK);
+    ASSERT_EQ(audio->ReceiveConnection(inputType(8, 128000)), S_OK);
+    EXPECT_EQ(audio->attributes().bitrate, 128000);
+    EXPECT_EQ(audio->attributes().bandwidth, 128000u);
+    ASSERT_EQ(audio->attributes().descriptors.size(), 1u);
+    EXPECT_EQ(audio->attributes().descriptors[0].value, "main");
+
+    // One output per input, named by count, with the input's bitrate in its media type.
+    auto outputs = filter->outputPins();
+    ASSERT_EQ(outputs.size(), 2u);
+    EXPECT_EQ(outputs[0]->Name(), "Mux Fmp4 Output 1");
+    EXPECT_EQ(outputs[1]->Name(), "Mux Fmp4 Output 2");
+    EXPECT_EQ(filter->outputFor(1), outputs[1]);
+    const MediaType outType = outputs[0]->GetMediaType();
+    EXPECT_EQ(outType.majortype, guids::MEDIATYPE_Fmp4Output);
+    EXPECT_EQ(outType.subtype, guids::MEDIASUBTYPE_SmoothOutput);  // the default format is Smooth
+    EXPECT_EQ(outType.formattype, guids::FORMAT_OutputBitrate);
+    ASSERT_EQ(outType.format.size(), 112u);
+    std::uint32_t bitrate = 0;
+    std::memcpy(&bitrate, outType.format.data(), 4);
+    EXPECT_EQ(bitrate, 2000000u);
+    EXPECT_EQ(filter->GetPinCount(), 5);
+}
+
+TEST(Configuration, StateChecksAndArgumentCodes) {
+    fmp4_test::ChunksBuilderLog chunks;
+    fmp4::Fmp4MuxParts parts;
+    parts.makeChunksBuilder = [&chunks](const fmp4::ChunksBuilderParams&) {
+        return std::make_unique<fmp4_test::FakeChunksBuilder>(chunks);
+    };
+    FilterHolder filter(CMuxFmp4Filter::Create(parts));
+    EXPECT_EQ(filter->SetFirstNumber(-1), E_INVALIDARG);
+    EXPECT_EQ(filter->SetFirstNumber(0), S_OK);
+    EXPECT_EQ(filter->ConfigureInputPin(0, "und", 0, "", "", 0, 0, nullptr), E_INVALIDARG);
+    EXPECT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0), S_OK);
+    EXPECT_EQ(filter->outputPins().size(), 0u);
+    try {
+        filter->SetMuxMode("s", fmp4::Dash, 7, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
+        FAIL();
+    } catch (const CorvaneException& e) {
+        EXPECT_STREQ(e.what(), "Unknown Fmp4 MuxMode");
+    }
+    // Key-server configurations arrive with encryption; a disabled connection is accepted as a no-op.
+    EXPECT_EQ(filter->SetHarmonicKmsEncryption(nullptr), E_FAIL);
+    EXPECT_EQ(filter->SetKeyServerConnection(false, 0, nullptr), S_OK);
+
+    auto* pin = filter->inputPins().at(0);
+    ASSERT_EQ(pin->ReceiveConnection(inputType(1, 1000000)), S_OK);
+    // A connected pin is never configured again: the next one is.
+    EXPECT_EQ(filter->ConfigureInputPin(500, "und", 0, "", "", 0, 0, nullptr), S_OK);
+    EXPECT_EQ(filter->inputPins().at(1)->attributes().bitrate, 500);
+
+    ASSERT_EQ(filter->Pause(), S_OK);
+    ASSERT_TRUE([&] {
+        for (int i = 0; i < 20000 && filter->workerState() != fmp4::Running; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return filter->workerState() == fmp4::Running;
+    }());
+    EXPECT_EQ(filter->ConfigureInputPin(500, "und", 0, "", "", 0, 0, nullptr), VFW_E_WRONG_STATE);
+    EXPECT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0), E_FAIL);
+    EXPECT_EQ(filter->SetLogger(nullptr), E_FAIL);
+    EXPECT_EQ(filter->SetFirstNumber(5), S_OK);  // no state check
+    EXPECT_EQ(filter->SetOverheadPercent(3), S_OK);
+    EXPECT_EQ(pin->Disconnect(), VFW_E_NOT_STOPPED);
+    ASSERT_EQ(filter->Stop(), S_OK);
+    for (int i = 0; i < 20000 && filter->workerState() != fmp4::Idle; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(filter->SetLogger(nullptr), S_OK);
+
+    std::uint32_t chunks = 99;
+    char text[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_EQ(filter->GetStatus(&chunks, text, sizeof text), S_OK);
+    EXPECT_EQ(chunks, 0u);
+    EXPECT_EQ(text[0], '\0');
+}
+
+TEST(KeyServerStatus, FollowsUpAndDownReports) {
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    fmp4_test::RecordingLogger logger;
+    filter->SetLogger(&logger);
+    std::uint32_t status = 0;
+    filter->GetKeyServerStatus(&status);
+    EXPECT_EQ(status, KeyServerUnknown);
+    filter->OnKeyServerStatus(false);  // from unknown: down, logged
+    filter->GetKeyServerStatus(&status);
+    EXPECT_EQ(status, KeyServerDown);
+    filter->OnKeyServerStatus(false);  // already down: nothing
+    filter->OnKeyServerStatus(true);
+    filter->GetKeyServerStatus(&status);
+    EXPECT_EQ(status, KeyServerMainUp);
+    filter->OnKeyServerStatus(true);  // up while up: ignored
+    filter->OnKeyServerStatus(false);
+    EXPECT_EQ(logger.lines(), (std::vector<std::string>{"0 Key management server down", "2 Key management server up",
+                                                        "0 Key management server down"}));
+}
+}  // namespace

@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <thread>
+
+#include "fakes.h"
+#include "filter_helpers.h"
+
+namespace {
+using namespace filter_test;
+namespace fmp4 = tvrn::encoding::packaging::imff::fmp4;
+
+template <typename P>
+bool eventually(P predicate) {
+    for (int i = 0; i < 20000 && !predicate(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return predicate();
+}
+
+// A filter with one connected H.264 input whose output goes to `sink`, and a session whose chunk builder only
+// records the outputs it is given, so the test writes chunks itself through the filter's own sink.
+struct OutputFixture {
+    fmp4_test::ChunksBuilderLog chunks;
+    fmp4_test::RecordingLogger logger;
+    RecordingSink sink;
+    FilterHolder filter;
+
+    explicit OutputFixture(long maxBuffers, std::uint32_t bitrate = 2000000)
+        : sink(maxBuffers), filter(CMuxFmp4Filter::Create(parts())) {
+        filter->SetLogger(&logger);
+        filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
+        EXPECT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, bitrate)), S_OK);
+        EXPECT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
+        filter->Pause();
+        EXPECT_TRUE(eventually([&] { return filter->workerState() == fmp4::Running; }));
+    }
+    fmp4::Fmp4MuxParts parts() {
+        fmp4::Fmp4MuxParts p;
+        p.makeChunksBuilder = [this](const fmp4::ChunksBuilderParams&) {
+            return std::make_unique<fmp4_test::FakeChunksBuilder>(chunks);
+        };
+        return p;
+    }
+    fmp4::IOutputFmp4& output() { return *chunks.outputs.at(0).output; }
+};
+
+std::vector<std::uint8_t> pattern(std::size_t size) {
+    std::vector<std::uint8_t> bytes(size);
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t{7});
+    return bytes;
+}
+
+TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
+    // 6000 ms x 3 x 2 Mbit/s / 8000 = 4.5 MB: (4500000 + 8191) / 8192 = 550 buffers of 8192 bytes.
+    fmp4_test::ChunksBuilderLog log;
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
+    ASSERT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);
+    RecordingSink sink;
+    ASSERT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
+    EXPECT_EQ(sink.allocator().properties().count, 550);
+    EXPECT_EQ(sink.allocator().properties().size, 8192);
+
+    // A sink whose allocator gives smaller buffers cannot connect.
+    class SmallSink : public RecordingSink {
+    public:
+        SmallSink() : m_small(1000, 4096) {}
+        MemAllocator* GetAllocator() override { return &m_small;  }
+    private:
+        MemAllocator m_small;
+    } small;
+    ASSERT_EQ(filter->inputPins()[1]->ReceiveConnection(inputType(8, 128000)), S_OK);
+    EXPECT_EQ(filter->outputPins()[1]->Connect(&small), E_FAIL);
+}
+
+TEST(OutputPin, AChunkLeavesAsSamplesOfAtMost8192BytesMarkedOnTheFirst) {
+    OutputFixture f(100);
+    ASSERT_EQ(f.chunks.outputs.size(), 1u);
+    EXPECT_EQ(f.chunks.outputs[0].streamIds, std::vector<std::int32_t>{0});
+    const auto init = pattern(300);
+    ASSERT_TRUE(f.output().Write(init.data(), init.size(), nullptr, 0, true, false, false, 0));
+    const auto chunk = pattern(8193);
+    const std::int64_t time = 20000000;
+    ASSERT_TRUE(f.output().Write(chunk.data(), chunk.size(), &time, 0, false, true, true, 77));
+    const auto got = f.sink.snapshot();
+    ASSERT_EQ(got.size(), 3u);
+    // The init chunk: sync point, no time.
+    EXPECT_TRUE(got[0].sync);
+    EXPECT_FALSE(got[0].hasTime);
+    EXPECT_EQ(got[0].bytes, init);
+    // The media chunk: 8192 + 1 bytes, both with its time, the first with discontinuity and data id.
+    EXPECT_EQ(got[1].bytes.size(), 8192u);
+    EXPECT_EQ(got[2].bytes.size(), 1u);
+    EXPECT_FALSE(got[1].sync);
+    EXPECT_TRUE(got[1].discontinuity);
+    EXPECT_FALSE(got[2].discontinuity);
+    EXPECT_TRUE(got[1].hasDataId);
+    EXPECT_EQ(got[1].dataId, 77u);
+    EXPECT_FALSE(got[2].hasDataId);
+    EXPECT_EQ(got[1].start, time);
+    EXPECT_EQ(got[2].start, time);
+    std::vector<std::uint8_t> joined = got[1].bytes;
+    joined.insert(joined.end(), got[2].bytes.begin(), got[2].bytes.end());
+    EXPECT_EQ(joined, chunk);
+    std::uint32_t delivered = 0;
+    f.filter->GetStatus(&delivered, nullptr, 0);
+    EXPECT_EQ(delivered, 2u);
+    f.filter->Stop();
+}
+
+TEST(OutputPin, AChunkThatDoesNotFitIsDroppedWholeAndTheNextOneThatFitsLeaves) {
+    OutputFixture f(2);
+    // Hold one of the two buffers, as a slow downstream would.
+    IMediaSample3* held = nullptr;
+    ASSERT_EQ(f.sink.allocator().GetBuffer(&held, nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+    const auto big = pattern(3 * 8192);
+    const std::int64_t time = 0;
+    EXPECT_FALSE(f.output().Write(big.data(), big.size(), &time, 0, false, false, false, 0));
+    EXPECT_TRUE(f.sink.snapshot().empty());
+    EXPECT_TRUE(f.logger.contains("1 smooth streamer (2000 kbps): dropping segment"));
+    EXPECT_EQ(f.sink.allocator().freeCount(), 1);  // the buffer taken for the dropped chunk came back
+    const auto small = pattern(100);
+    EXPECT_TRUE(f.output().Write(small.data(), small.size(), &time, 0, false, false, false, 0));
+    ASSERT_EQ(f.sink.snapshot().size(), 1u);
+    EXPECT_EQ(f.sink.snapshot()[0].bytes, small);
+    held->Release();
+    f.filter->Stop();
+}
+
+TEST(OutputPin, NothingIsDeliveredWhileTheFilterIsStopped) {
+    OutputFixture f(10);
+    f.filter->Stop();
+    const auto bytes = pattern(10);
+    const std::int64_t time = 0;
+    EXPECT_TRUE(f.output().Write(bytes.data(), bytes.size(), &time, 0, false, false, false, 0));
+    EXPECT_TRUE(f.sink.snapshot().empty());
+    f.output().EndOfStream();
+    EXPECT_EQ(f.sink.ends, 1);
+}
+
+TEST(InputPin, TheDataIdSurvivesOnlyWhenTheDropFlagIsCleared) {
+    struct Callback : IDelayCrossingPointCallback {
+        void OnDelayCrossingPoint(std::uint64_t id) override { ids.push_back(id); }
+        std::vector<std::uint64_t> ids;
+    } callback;
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    auto* pin = filter->inputPins()[0];
+    ASSERT_EQ(pin->ReceiveConnection(inputType(1, 1000)), S_OK);
+    pin->SetDelayCrossingPointCallback(&callback);
+    auto sample = COOBMediaSample::create(16);
+    const std::uint64_t id = 1234;
+    sample->SetMetadata(MetadataDataId, reinterpret_cast<const std::uint8_t*>(&id), 8);
+    filter->Pause();
+    EXPECT_EQ(pin->Receive(sample.get()), S_OK);
+    EXPECT_TRUE(callback.ids.empty());
+    pin->SetDropDataId(0);
+    EXPECT_EQ(pin->Receive(sample.get()), S_OK);
+    EXPECT_EQ(callback.ids, std::vector<std::uint64_t>{1234});
+    // The source sample keeps its own metadata whatever the wrapper does.
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    EXPECT_EQ(sample->GetMetadata(MetadataDataId, &data, &size), S_OK);
+    EXPECT_EQ(sample->RemoveMetadata(MetadataCuePoint), S_OK);
+    filter->Stop();
+}
+}  // namespace
