@@ -99,10 +99,10 @@ TEST(InputPin, ConnectionAddsPinsPairsOutputsAndComputesBandwidth) {
 }
 
 TEST(Configuration, StateChecksAndArgumentCodes) {
-    fmp4_test::ChunksBuilderLog chunks;
+    fmp4_test::ChunksBuilderLog builderLog;
     fmp4::Fmp4MuxParts parts;
-    parts.makeChunksBuilder = [&chunks](const fmp4::ChunksBuilderParams&) {
-        return std::make_unique<fmp4_test::FakeChunksBuilder>(chunks);
+    parts.makeChunksBuilder = [&builderLog](const fmp4::ChunksBuilderParams&) {
+        return std::make_unique<fmp4_test::FakeChunksBuilder>(builderLog);
     };
     FilterHolder filter(CMuxFmp4Filter::Create(parts));
     EXPECT_EQ(filter->SetFirstNumber(-1), E_INVALIDARG);
