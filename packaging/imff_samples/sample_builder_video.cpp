@@ -12,7 +12,8 @@ std::unique_ptr<NAL> copyNal(const NAL& nal, std::uint32_t from) {
 }
 
 std::unique_ptr<NAL> lengthPrefixedNal(const NAL& nal, std::uint32_t headerOffset) {
-    const std::uint32_t size = headerOffset < nal.length ? nal.length - headerOffset : 0;
+    std::uint32_t size = headerOffset < nal.length ? nal.length - headerOffset : 0;
+    if (size > 0x7FFFFFFBu) size = 0x7FFFFFFBu;  // the prefix must fit in a unit's capacity
     auto copy = std::make_unique<NAL>(-1, static_cast<std::int32_t>(size + 4));
     const std::uint8_t prefix[4] = {static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
                                     static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)};
