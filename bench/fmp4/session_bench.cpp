@@ -15,7 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "packaging/fmp4/chunks/chunks_builder.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "packaging/lib_parse_es/nal.h"
 
 namespace {
@@ -161,6 +163,84 @@ void BM_SessionDash(benchmark::State& state) {
 }
 BENCHMARK(BM_SessionDash)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The chunk builder's share alone: the same stream's samples, built once and cut into 2-second segments (two
+// GOPs), serialised and written.
+struct Segments {
+    SegmentChunks first;
+    std::vector<SegmentChunks> media;
+};
+
+class CollectingListener : public tvrn::encoding::packaging::imff::imff_samples::ISampleListener {
+public:
+    void onStreamAdded(std::uint32_t, std::uint32_t) override {}
+    void onSample(std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample>& sample) override {
+        auto* concrete = dynamic_cast<Sample*>(sample.get());
+        if (concrete == nullptr) return;
+        sample.release();
+        samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<Sample>(concrete)));
+    }
+    void onEnd(std::uint32_t) override {}
+    std::vector<std::shared_ptr<Fmp4Sample>> samples;
+};
+
+const Segments& segments() {
+    static const Segments built = [] {
+        Segments out;
+        CollectingListener listener;
+        auto nals = es::createNalBuilder(H264_VIDEO);
+        auto builder = tvrn::encoding::packaging::imff::imff_samples::createSampleBuilder(H264_VIDEO, false, &listener);
+        nals->setListener(builder.get());
+        for (const MediaDataRef& buffer : input().buffers) nals->push(buffer.get());
+        nals->flush();
+        auto firstChunk = std::make_shared<StreamChunk>();
+        std::shared_ptr<StreamChunk> current;
+        int gops = 0;
+        for (const auto& sample : listener.samples) {
+            if (sample->isConfiguration()) {
+                firstChunk->samples.push_back(sample);
+                continue;
+            }
+            if (sample->isSync() && (!current || ++gops % 2 == 0)) {
+                current = std::make_shared<StreamChunk>();
+                current->duration = 20000000;
+                SegmentChunks segment;
+                segment.chunks[0] = current;
+                segment.count = 1;
+                out.media.push_back(segment);
+            }
+            if (current) current->samples.push_back(sample);
+        }
+        out.first.chunks[0] = firstChunk;
+        out.first.count = 1;
+        return out;
+    }();
+    return built;
+}
+
+void BM_ChunksBuilderOnly(benchmark::State& state) {
+    const Input& in = input();
+    if (in.buffers.empty()) {
+        state.SkipWithError("no 1080p clip (ffmpeg failed)");
+        return;
+    }
+    const Segments& s = segments();
+    NullLogger logger;
+    const Fmp4MuxConfig config = Fmp4MuxConfig::fromMode(GopSegments, 1000, 2, 0, 0);
+    for (auto _ : state) {
+        CountingOutput output;
+        ChunksBuilder builder(ChunksBuilderParams{Dash, &config, true, &logger});
+        ElementaryStreamAttributes attributes;
+        attributes.type = H264_VIDEO;
+        builder.AddStream(0, 1, attributes);
+        builder.SetOutputs({{"", {0}, &output, 1}}, false, false, false);
+        builder.OnFirstSegments(s.first, 1000, 2000, 2000);
+        for (const SegmentChunks& segment : s.media) builder.OnChunks(segment, true);
+        if (output.written < in.bytes) state.SkipWithError("output smaller than input");
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * in.bytes));
+}
+BENCHMARK(BM_ChunksBuilderOnly)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // The same input bytes copied once into one buffer.
 void BM_MemcpySameBytes(benchmark::State& state) {
     const Input& in = input();
@@ -207,10 +287,13 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const auto session = reporter.rates.find("BM_SessionDash/real_time");
     const auto copy = reporter.rates.find("BM_MemcpySameBytes/real_time");
+    const auto builder = reporter.rates.find("BM_ChunksBuilderOnly/real_time");
     if (session != reporter.rates.end() && copy != reporter.rates.end()) {
         std::cout << "60 s of 1080p H.264 (" << input().bytes / 1e6 << " MB in): session " << session->second / 1e6
                   << " MB/s, memcpy " << copy->second / 1e6 << " MB/s, session/memcpy "
-                  << session->second / copy->second << std::endl;
+                  << session->second / copy->second;
+        if (builder != reporter.rates.end()) std::cout << ", chunk builder alone " << builder->second / 1e6 << " MB/s";
+        std::cout << std::endl;
     }
     benchmark::Shutdown();
     return 0;

@@ -210,6 +210,25 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
                              firstChunkOf("h264_plain", H264_VIDEO), true),
               0);
     EXPECT_TRUE(init.manifest().empty());
+
+    // Parameter sets cut short or of garbage: an entry or nothing, never a crash or a read past the data.
+    for (std::uint32_t type : {H264_VIDEO, HEVC_VIDEO}) {
+        for (const Bytes& unit : {Bytes{0x67}, Bytes{0x42, 0x01, 0x01}, Bytes(40, 0xFF), Bytes{0x67, 0, 0, 0, 0, 0}}) {
+            auto sample = std::make_shared<es_test::samples::Sample>();
+            sample->kind = es_test::samples::KindSequenceParameterSet;
+            auto nal = std::make_unique<es_test::samples::NAL>(-1, static_cast<std::int32_t>(unit.size() + 4));
+            const Bytes length = {0, 0, 0, static_cast<std::uint8_t>(unit.size())};
+            nal->append(length.data(), 4);
+            nal->append(unit.data(), static_cast<std::uint32_t>(unit.size()));
+            sample->addNal(std::move(nal));
+            StreamChunk chunk;
+            chunk.samples.push_back(std::make_shared<Fmp4Sample>(sample));
+            InitChunk garbage("out", true);
+            const std::int32_t index = garbage.AddStream(1, 10000000, kDurations, type, videoOf(type), false, chunk, true);
+            EXPECT_GE(index, 0);
+            EXPECT_FALSE(garbage.Serialise().empty());
+        }
+    }
     EXPECT_TRUE(initChunkMoviePart(nullptr, 0).empty());
     const Bytes truncated = hex("00000010 00000008 0000");
     EXPECT_TRUE(initChunkMoviePart(truncated.data(), truncated.size()).empty());
