@@ -11,7 +11,10 @@
 #include <vector>
 
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "packaging/imff_samples/sample_builder.h"
 #include "packaging/lib_parse_es/nal.h"
+#include "tests/packaging/imff_samples/sample_collector.h"
 #include "tests/packaging/lib_parse_es/es_test_support.h"
 
 namespace chunk_test {
@@ -77,6 +80,22 @@ inline std::vector<es_test::es::MediaDataRef> fixtureBuffers(const es_test::Fixt
         offset += p.size;
     }
     return buffers;
+}
+
+// The first chunk of a stream as the synchroniser gives it: the configuration samples of the fixture.
+inline StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
+    const es_test::Fixture fixture = es_test::loadFixture(name);
+    es_test::SampleCollector collector;
+    auto nals = es_test::es::createNalBuilder(type);
+    auto builder = es_test::samples::createSampleBuilder(type, false, &collector);
+    nals->setListener(builder.get());
+    for (const auto& buffer : fixtureBuffers(fixture, 0)) nals->push(buffer.get());
+    nals->flush();
+    StreamChunk chunk;
+    for (auto& sample : collector.all)
+        if (sample->kind >= 2 && sample->kind <= 4)
+            chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<es_test::samples::Sample>(sample.release())));
+    return chunk;
 }
 
 // One box header in a byte range.

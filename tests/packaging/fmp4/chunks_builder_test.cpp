@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "packaging/fmp4/chunks/chunks_builder.h"
+#include "packaging/fmp4/chunks/init_chunk.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "tests/packaging/fmp4/chunk_test_support.h"
 #include "tests/packaging/fmp4/fakes.h"
@@ -193,6 +194,49 @@ TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
     EXPECT_EQ(Session::numberBox(chunks[0], "tnsb"), 1u);
     EXPECT_EQ(Session::numberBox(chunks[1], "teos"), 1u);
     EXPECT_EQ(Session::numberBox(chunks[2], "tnsb"), 2u);
+}
+
+// Two video streams, one output each, all video in each init chunk: both init chunks describe both streams on
+// track 1, and each chunk names its stream's entry in tfhd.
+TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
+    Session s(Dash);
+    ElementaryStreamAttributes h264;
+    h264.type = H264_VIDEO;
+    h264.bandwidth = 300000;
+    ElementaryStreamAttributes hevc = h264;
+    hevc.type = HEVC_VIDEO;
+    s.builder->AddStream(0, 1, h264);
+    s.builder->AddStream(1, 1, hevc);
+    s.builder->SetOutputs({{"", {0}, &s.outputs[0], 1}, {"", {1}, &s.outputs[1], 1}}, false, false, true);
+    s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>(firstChunkOf("h264_plain", H264_VIDEO))},
+                                           {1, std::make_shared<StreamChunk>(firstChunkOf("hevc_bframes", HEVC_VIDEO))}}),
+                               1000, 960, 960);
+    for (int o = 0; o < 2; ++o) {
+        const auto chunks = s.outputs[o].chunks();
+        ASSERT_EQ(chunks.size(), 1u);
+        ASSERT_TRUE(chunks[0].init);
+        const Bytes movie = initChunkMoviePart(chunks[0].bytes.data(), chunks[0].bytes.size());
+        BoxInfo stsd;
+        ASSERT_TRUE(findBox(movie, "moov/trak/mdia/minf/stbl/stsd", stsd));
+        std::vector<std::string> entries;
+        for (const BoxInfo& b : boxesIn(movie, stsd.offset + 16, stsd.offset + stsd.size)) entries.push_back(b.type);
+        EXPECT_EQ(entries, (std::vector<std::string>{"avc1", "hvc1"}));
+        // The manifest announces the output's own stream only.
+        const std::string text(movie.begin(), movie.end());
+        EXPECT_NE(text.find(o == 0 ? "codecs=\"avc1." : "codecs=\"hvc1."), std::string::npos);
+        EXPECT_EQ(text.find(o == 0 ? "codecs=\"hvc1." : "codecs=\"avc1."), std::string::npos);
+    }
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}, {1, videoSecond(1, 1)}}), true);
+    for (int o = 0; o < 2; ++o) {
+        const auto chunks = s.media(o);
+        ASSERT_EQ(chunks.size(), 1u);
+        BoxInfo tfhd;
+        ASSERT_TRUE(findBox(chunks[0].bytes, "moof/traf/tfhd", tfhd));
+        // default-base-is-moof and sample-description-index-present; track 1; the entry of the stream.
+        EXPECT_EQ(Bytes(chunks[0].bytes.begin() + static_cast<std::ptrdiff_t>(tfhd.offset),
+                        chunks[0].bytes.begin() + static_cast<std::ptrdiff_t>(tfhd.offset + tfhd.size)),
+                  hex(o == 0 ? "00000014 'tfhd' 00020002 00000001 00000001" : "00000014 'tfhd' 00020002 00000001 00000002"));
+    }
 }
 
 TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {

@@ -19,22 +19,6 @@ using box_test::hex;
 namespace codec_box = tvrn::encoding::packaging::imff::codec_box;
 namespace imff_box = tvrn::encoding::packaging::imff::imff_box;
 
-// The first chunk of a stream as the synchroniser gives it: the configuration samples of the fixture.
-StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
-    const es_test::Fixture fixture = es_test::loadFixture(name);
-    es_test::SampleCollector collector;
-    auto nals = es_test::es::createNalBuilder(type);
-    auto builder = es_test::samples::createSampleBuilder(type, false, &collector);
-    nals->setListener(builder.get());
-    for (const auto& buffer : fixtureBuffers(fixture, 0)) nals->push(buffer.get());
-    nals->flush();
-    StreamChunk chunk;
-    for (auto& sample : collector.all)
-        if (sample->kind >= 2 && sample->kind <= 4)
-            chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<es_test::samples::Sample>(sample.release())));
-    return chunk;
-}
-
 // The parameter set units of a fixture as a plain walk over its start codes finds them, without start codes.
 std::vector<Bytes> parameterSets(const char* name, bool hevc) {
     std::vector<Bytes> out;
