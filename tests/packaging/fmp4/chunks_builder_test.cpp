@@ -239,6 +239,52 @@ TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
     }
 }
 
+// One output with a video and an audio stream: DASH counts each run's data from the start of moof; Smooth
+// Streaming (no default-base-is-moof) counts the first from moof and the next from the end of the first's data.
+TEST(MuxedOutput, DataOffsetsOfTheSecondTrackFragment) {
+    for (OutputFormat format : {Dash, Smooth}) {
+        Session s(format);
+        ElementaryStreamAttributes video;
+        video.type = H264_VIDEO;
+        ElementaryStreamAttributes audio;
+        audio.type = AAC_ADTS_AUDIO;
+        s.builder->AddStream(0, 1, video);
+        s.builder->AddStream(1, 2, audio);
+        s.builder->SetOutputs({{"", {1, 0}, &s.outputs[0], 1}}, false, false, false);
+        s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>()}, {1, std::make_shared<StreamChunk>()}}),
+                                   1000, 1000, 1000);
+        auto sound = chunkOf({sampleOf(1, samples::KindAudio, AAC_ADTS_AUDIO, 90000, 90000, true, {7, 7, 7, 7, 7})},
+                             10000000);
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}, {1, sound}}), true);
+        const auto chunks = s.media(0);
+        ASSERT_EQ(chunks.size(), 1u);
+        const Bytes& b = chunks[0].bytes;
+        BoxInfo moof;
+        ASSERT_TRUE(findBox(b, "moof", moof));
+        std::vector<BoxInfo> trafs;
+        for (const BoxInfo& box : boxesIn(b, moof.offset + 8, moof.offset + moof.size))
+            if (box.type == "traf") trafs.push_back(box);
+        ASSERT_EQ(trafs.size(), 2u);
+        std::vector<std::uint32_t> tracks, offsets;
+        for (const BoxInfo& traf : trafs) {
+            BoxInfo tfhd, trun;
+            ASSERT_TRUE(findBox(b, traf.offset + 8, traf.offset + traf.size, "tfhd", tfhd));
+            ASSERT_TRUE(findBox(b, traf.offset + 8, traf.offset + traf.size, "trun", trun));
+            tracks.push_back(be32(&b[tfhd.offset + 12]));
+            offsets.push_back(be32(&b[trun.offset + 16]));
+        }
+        // Track fragments in track order whatever the output's stream order; 3 bytes of video go first.
+        EXPECT_EQ(tracks, (std::vector<std::uint32_t>{1, 2}));
+        const auto first = static_cast<std::uint32_t>(moof.size + 8);
+        EXPECT_EQ(offsets, (std::vector<std::uint32_t>{first, format == Dash ? first + 3 : 0u}));
+        BoxInfo mdat;
+        ASSERT_TRUE(findBox(b, "mdat", mdat));
+        EXPECT_EQ(Bytes(b.begin() + static_cast<std::ptrdiff_t>(mdat.offset + 8),
+                        b.begin() + static_cast<std::ptrdiff_t>(mdat.offset + mdat.size)),
+                  (Bytes{1, 2, 3, 7, 7, 7, 7, 7}));
+    }
+}
+
 TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
     Session s(Dash);
     s.start(2);
