@@ -1,0 +1,270 @@
+// fmp4mux on inputs made by ffmpeg: every representation (init file + its chunk files in manifest order) must
+// decode in ffmpeg with the source's frame and audio sample counts, and every MPD must validate against the
+// MPD schema.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+namespace {
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int exitCode = -1;
+    std::string output;
+};
+
+Outcome run(const std::string& command) {
+    Outcome r;
+    std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) return r;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) r.output.append(buffer, n);
+    const int status = pclose(pipe);
+    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+std::string quote(const std::string& s) { return "'" + s + "'"; }
+
+class Fmp4muxEndToEnd : public ::testing::Test {
+protected:
+    static fs::path dir() {
+        static fs::path d = [] {
+            char pattern[] = "/tmp/fmp4mux-e2e-XXXXXX";
+            return fs::path(mkdtemp(pattern));
+        }();
+        return d;
+    }
+    // Makes a 6 s input with ffmpeg's test sources, GOPs of 2 s (50 frames), once per name.
+    static fs::path input(const std::string& name, const std::string& videoCodec, const std::string& size,
+                          const std::string& bitrate, bool audio = true, const std::string& format = "mpegts") {
+        const fs::path path = dir() / name;
+        if (fs::exists(path)) return path;
+        std::string cmd = "ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=" + size + ":rate=25";
+        if (audio) cmd += " -f lavfi -i sine=frequency=440:sample_rate=48000";
+        cmd += " -t 6 -map 0:v";
+        if (audio) cmd += " -map 1:a -c:a aac -b:a 96k -ac 2";
+        if (videoCodec == "hevc")
+            cmd += " -c:v libx265 -x265-params log-level=error:keyint=50:min-keyint=50:scenecut=0:bframes=2:open-gop=0 -b:v " + bitrate;
+        else
+            cmd += " -c:v libx264 -g 50 -keyint_min 50 -sc_threshold 0 -bf 2 -b:v " + bitrate;
+        cmd += " -f " + format + " " + quote(path.string());
+        const Outcome r = run(cmd);
+        EXPECT_EQ(r.exitCode, 0) << r.output;
+        return path;
+    }
+    static Outcome fmp4mux(const std::string& args) { return run(std::string(FMP4MUX_PATH) + " -q " + args); }
+
+    // Counts what ffmpeg decodes of one kind of stream of a file: frames of video, samples of audio.
+    static long decodedCount(const fs::path& file, const std::string& kind) {
+        if (kind == "video") {
+            const Outcome r = run("ffprobe -hide_banner -loglevel error -count_frames -select_streams v:0 -show_entries "
+                              "stream=nb_read_frames -of csv=p=0 " + quote(file.string()));
+            return r.exitCode == 0 ? std::stol(r.output) : -1;
+        }
+        // Decoded audio as 16-bit mono samples at the source rate: the byte count / 2 is the sample count.
+        const fs::path pcm = file.string() + ".pcm";
+        const Outcome r = run("ffmpeg -hide_banner -loglevel error -y -xerror -i " + quote(file.string()) +
+                          " -map 0:a:0 -ac 1 -f s16le " + quote(pcm.string()));
+        if (r.exitCode != 0) return -1;
+        return static_cast<long>(fs::file_size(pcm) / 2);
+    }
+
+    // Joins a DASH representation's init file and media files in timeline order.
+    static fs::path joinRepresentation(const fs::path& out, const std::string& representation, const std::string& name) {
+        std::ifstream in(out / "manifest.mpd");
+        std::stringstream text;
+        text << in.rdbuf();
+        const std::string mpd = text.str();
+        const std::regex rep("<Representation id=\"" + representation +
+                             "\"[^>]*>[\\s\\S]*?initialization=\"([^\"]+)\" media=\"([^\"]+)\"[\\s\\S]*?</SegmentTimeline>");
+        std::smatch m;
+        EXPECT_TRUE(std::regex_search(mpd, m, rep)) << mpd;
+        if (m.empty()) return {};
+        const std::string block = m[0];
+        std::string media = m[2];
+        media = std::regex_replace(media, std::regex("\\$RepresentationID\\$"), representation);
+        const fs::path joined = dir() / name;
+        std::ofstream outFile(joined, std::ios::binary);
+        auto append = [&](const fs::path& p) {
+            std::ifstream f(p, std::ios::binary);
+            EXPECT_TRUE(f.good()) << p;
+            outFile << f.rdbuf();
+        };
+        append(out / m[1].str());
+        const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
+        for (auto it = std::sregex_iterator(block.begin(), block.end(), s); it != std::sregex_iterator(); ++it) {
+            std::uint64_t t = std::stoull((*it)[1]);
+            const std::uint64_t d = std::stoull((*it)[2]);
+            const int repeat = (*it)[3].matched ? std::stoi((*it)[3]) : 0;
+            for (int k = 0; k <= repeat; ++k, t += d)
+                append(out / std::regex_replace(media, std::regex("\\$Time\\$"), std::to_string(t)));
+        }
+        return joined;
+    }
+
+    static void expectValidMpd(const fs::path& out) {
+        const Outcome r = run("xmllint --noout --schema " + quote(std::string(FMP4_SOURCE_DIR) + "/../shared/schemas/DASH-MPD.xsd") +
+                          " " + quote((out / "manifest.mpd").string()));
+        EXPECT_EQ(r.exitCode, 0) << r.output;
+    }
+};
+
+// Removes the working folder when the test program ends.
+class CleanUp : public ::testing::Environment {
+public:
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(FolderOwner::dir(), ignored);
+    }
+    struct FolderOwner : Fmp4muxEndToEnd {
+        using Fmp4muxEndToEnd::dir;
+    };
+};
+const auto* const g_cleanUp = ::testing::AddGlobalTestEnvironment(new CleanUp);
+
+TEST_F(Fmp4muxEndToEnd, DashOfH264DecodesWithTheSourceFrameCount) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "dash-h264";
+    const Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    const fs::path video = joinRepresentation(out, "video0", "dash-h264-video.mp4");
+    EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
+}
+
+TEST_F(Fmp4muxEndToEnd, SmoothOfH264DecodesWithTheSourceFrameCount) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "smooth-h264";
+    const Outcome r = fmp4mux("-f smooth " + quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    std::ifstream in(out / "Manifest");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string manifest = text.str();
+    std::smatch url;
+    ASSERT_TRUE(std::regex_search(manifest, url, std::regex("Type=\"video\"[^>]*Url=\"([^\"]+)\""))) << manifest;
+    std::smatch bitrate;
+    ASSERT_TRUE(std::regex_search(manifest, bitrate, std::regex("QualityLevel Index=\"0\" Bitrate=\"(\\d+)\"")));
+    // The init file sits beside the chunks; join it with the chunks in manifest order.
+    std::string pattern = std::regex_replace(url[1].str(), std::regex("\\{bitrate\\}"), bitrate[1].str());
+    const fs::path joined = dir() / "smooth-h264-video.mp4";
+    std::ofstream outFile(joined, std::ios::binary);
+    const fs::path chunkDir = (out / pattern).parent_path();
+    std::ifstream init(chunkDir / "smooth_init.mp4", std::ios::binary);
+    ASSERT_TRUE(init.good());
+    outFile << init.rdbuf();
+    const std::regex c("<c t=\"(\\d+)\" d=\"\\d+\"/>");
+    int chunks = 0;
+    const std::string videoIndex = manifest.substr(0, manifest.find("</StreamIndex>"));
+    for (auto it = std::sregex_iterator(videoIndex.begin(), videoIndex.end(), c); it != std::sregex_iterator(); ++it) {
+        std::ifstream f(out / std::regex_replace(pattern, std::regex("\\{start time\\}"), (*it)[1].str()), std::ios::binary);
+        ASSERT_TRUE(f.good());
+        outFile << f.rdbuf();
+        ++chunks;
+    }
+    outFile.close();
+    EXPECT_EQ(chunks, 3);
+    EXPECT_EQ(decodedCount(joined, "video"), decodedCount(source, "video"));
+}
+
+TEST_F(Fmp4muxEndToEnd, DashOfHevcDecodesWithTheSourceFrameCount) {
+    const fs::path source = input("hevc.ts", "hevc", "640x360", "300k");
+    const fs::path out = dir() / "dash-hevc";
+    const Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    const fs::path video = joinRepresentation(out, "video0", "dash-hevc-video.mp4");
+    EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
+}
+
+TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
+    const fs::path low = input("r-low.ts", "h264", "416x234", "200k", false);
+    const fs::path mid = input("r-mid.ts", "h264", "640x360", "500k", false);
+    const fs::path high = input("r-high.ts", "h264", "960x540", "900k", false);
+    const fs::path out = dir() / "dash-renditions";
+    const Outcome r = fmp4mux(quote(low.string()) + " " + quote(mid.string()) + " " + quote(high.string()) + " " +
+                          quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    std::ifstream in(out / "manifest.mpd");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string mpd = text.str();
+    auto count = [&mpd](const std::string& needle) {
+        std::size_t n = 0;
+        for (auto at = mpd.find(needle); at != std::string::npos; at = mpd.find(needle, at + 1)) ++n;
+        return n;
+    };
+    // One adaptation set with three representations whose timelines are the same.
+    EXPECT_EQ(count("<AdaptationSet "), 1u);
+    ASSERT_EQ(count("<Representation "), 3u);
+    // Segment starts, expanded from each timeline. The last segment's length may differ by a frame between
+    // renditions, since each encoder ends its last GOP with its own frame order.
+    std::vector<std::vector<std::uint64_t>> starts;
+    const std::regex timeline("<SegmentTimeline>([\\s\\S]*?)</SegmentTimeline>");
+    const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
+    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), timeline); it != std::sregex_iterator(); ++it) {
+        const std::string block = (*it)[1];
+        std::vector<std::uint64_t> list;
+        for (auto e = std::sregex_iterator(block.begin(), block.end(), s); e != std::sregex_iterator(); ++e) {
+            std::uint64_t t = std::stoull((*e)[1]);
+            const std::uint64_t d = std::stoull((*e)[2]);
+            const int repeat = (*e)[3].matched ? std::stoi((*e)[3]) : 0;
+            for (int k = 0; k <= repeat; ++k, t += d) list.push_back(t);
+        }
+        starts.push_back(list);
+    }
+    ASSERT_EQ(starts.size(), 3u);
+    EXPECT_EQ(starts[0].size(), 3u);
+    EXPECT_EQ(starts[0], starts[1]);
+    EXPECT_EQ(starts[1], starts[2]);
+    const fs::path sources[] = {low, mid, high};
+    for (int k = 0; k < 3; ++k) {
+        const std::string id = "video" + std::to_string(k);
+        const fs::path joined = joinRepresentation(out, id, "rendition-" + id + ".mp4");
+        EXPECT_EQ(decodedCount(joined, "video"), decodedCount(sources[k], "video")) << id;
+    }
+}
+
+TEST_F(Fmp4muxEndToEnd, ClearErrorsAndExitCodes) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    Outcome r = fmp4mux(quote((dir() / "missing.ts").string()) + " " + quote((dir() / "x").string()));
+    EXPECT_EQ(r.exitCode, 3);
+    EXPECT_NE(r.output.find("cannot open input"), std::string::npos) << r.output;
+    r = fmp4mux("--media-template 'x/${time}' " + quote(source.string()) + " " + quote((dir() / "x").string()));
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.output.find("'${adaptationSetId}' is mandatory"), std::string::npos) << r.output;
+    r = fmp4mux("--init-template '${adaptationSetId}/${representationId}/${' " + quote(source.string()) + " " +
+                quote((dir() / "x").string()));
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.output.find("unbalanced braces"), std::string::npos) << r.output;
+    r = fmp4mux(quote(source.string()) + " /proc/fmp4mux-cannot-write-here");
+    EXPECT_EQ(r.exitCode, 4);
+    EXPECT_NE(r.output.find("output folder"), std::string::npos) << r.output;
+    EXPECT_EQ(run(std::string(FMP4MUX_PATH) + " --help").exitCode, 0);
+    EXPECT_NE(run(std::string(FMP4MUX_PATH) + " --version").output.find("fmp4mux"), std::string::npos);
+
+    // An unsupported codec is named and its stream skipped; the rest is packaged.
+    const fs::path mixed = dir() / "mixed.ts";
+    Outcome made = run("ffmpeg -hide_banner -loglevel error -y -i " + quote(source.string()) +
+                   " -f lavfi -i sine=sample_rate=44100 -t 6 -map 0:v -map 1:a -c:v copy -c:a mp2 " + quote(mixed.string()));
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    r = fmp4mux(quote(mixed.string()) + " " + quote((dir() / "mixed").string()));
+    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("'mp2'"), std::string::npos) << r.output;
+    // A file with nothing to package.
+    const fs::path audioOnly = dir() / "mp2.ts";
+    made = run("ffmpeg -hide_banner -loglevel error -y -f lavfi -i sine -t 2 -c:a mp2 " + quote(audioOnly.string()));
+    ASSERT_EQ(made.exitCode, 0);
+    r = fmp4mux(quote(audioOnly.string()) + " " + quote((dir() / "none").string()));
+    EXPECT_EQ(r.exitCode, 3) << r.output;
+}
+}  // namespace

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "apps/fmp4mux/chunk_sink.h"
+#include "apps/fmp4mux/demuxer.h"
+#include "apps/fmp4mux/manifests.h"
+#include "apps/fmp4mux/options.h"
+
+namespace {
+using namespace fmp4mux;
+namespace flt = tvrn::encoding::filter;
+
+std::vector<std::uint8_t> box(const char* type, std::vector<std::uint8_t> content) {
+    const std::uint32_t size = static_cast<std::uint32_t>(content.size() + 8);
+    std::vector<std::uint8_t> out{static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
+                                  static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)};
+    for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(type[i]));
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
+}
+
+std::vector<std::uint8_t> join(std::initializer_list<std::vector<std::uint8_t>> parts) {
+    std::vector<std::uint8_t> out;
+    for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+TEST(ChunkTiming, ReadsTheSegmentIndexOfADashChunk) {
+    // sidx version 0 (ISO/IEC 14496-12 8.16.3): version/flags, reference_ID 1, timescale 90000,
+    // earliest_presentation_time 180000, first_offset 0, reserved, reference_count 1, then one reference:
+    // type/size 0x00000400, subsegment_duration 180000, SAP flags 0x90000000.
+    const auto sidx = box("sidx", {0, 0, 0, 0, 0, 0, 0, 1, 0, 1, 0x5F, 0x90, 0, 2, 0xBF, 0x20, 0, 0, 0, 0, 0, 0, 0, 1,
+                                   0, 0, 4, 0, 0, 2, 0xBF, 0x20, 0x90, 0, 0, 0});
+    const auto chunk = join({box("styp", {'m', 's', 'd', 'h', 0, 0, 0, 0}), sidx, box("moof", {}), box("mdat", {1, 2})});
+    const auto timing = readChunkTiming(chunk.data(), chunk.size(), true);
+    ASSERT_TRUE(timing);
+    EXPECT_EQ(timing->timescale, 90000u);
+    EXPECT_EQ(timing->time, 180000u);
+    EXPECT_EQ(timing->duration, 180000u);
+    EXPECT_FALSE(readChunkTiming(chunk.data(), chunk.size() - 3, false));
+}
+
+TEST(ChunkTiming, ReadsTheTimeBoxOfASmoothChunk) {
+    // uuid 6D1D9B05-42D5-44E6-80E2-141DAFF757B2, version 1: absolute time and duration, 64 bits each.
+    std::vector<std::uint8_t> tfxd{0x6D, 0x1D, 0x9B, 0x05, 0x42, 0xD5, 0x44, 0xE6, 0x80, 0xE2, 0x14, 0x1D, 0xAF, 0xF7,
+                                   0x57, 0xB2, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0x98, 0x96, 0x80, 0, 0, 0, 0, 0x01, 0x31, 0x2D, 0x00};
+    const auto chunk = join({box("moof", join({box("mfhd", {0, 0, 0, 0, 0, 0, 0, 1}),
+                                               box("traf", join({box("tfhd", {0, 0, 0, 0, 0, 0, 0, 1}), box("uuid", tfxd)}))})),
+                             box("mdat", {})});
+    const auto timing = readChunkTiming(chunk.data(), chunk.size(), false);
+    ASSERT_TRUE(timing);
+    EXPECT_EQ(timing->timescale, 10000000u);
+    EXPECT_EQ(timing->time, 10000000u);
+    EXPECT_EQ(timing->duration, 20000000u);
+}
+
+TEST(InitChunk, TheMoviePartAndItsManifestComeOutOfTheContainer) {
+    const std::string xml = "<?xml version=\"1.0\"?><smil/>";
+    std::vector<std::uint8_t> manifest(16 + 4, 0);
+    manifest.insert(manifest.end(), xml.begin(), xml.end());
+    const auto movie = join({box("ftyp", {'d', 'a', 's', 'h', 0, 0, 0, 1}), box("uuid", manifest), box("moov", {})});
+    const auto mfra = box("mfra", {});
+    const auto a = static_cast<std::uint32_t>(movie.size());
+    std::vector<std::uint8_t> container{static_cast<std::uint8_t>(a >> 24), static_cast<std::uint8_t>(a >> 16),
+                                        static_cast<std::uint8_t>(a >> 8), static_cast<std::uint8_t>(a), 0, 0, 0, 8};
+    container.insert(container.end(), movie.begin(), movie.end());
+    container.insert(container.end(), mfra.begin(), mfra.end());
+    EXPECT_EQ(moviePart(container), movie);
+    EXPECT_EQ(serverManifest(movie), xml);
+    container.pop_back();
+    EXPECT_TRUE(moviePart(container).empty());
+}
+
+// Feeds a sink as the filter's output pin does: buffers of at most 8192 bytes.
+struct Feeder {
+    flt::MemAllocator allocator{100, 8192};
+    Feeder() {
+        flt::MemAllocator::Properties actual;
+        allocator.SetProperties({100, 8192, 1, 0}, actual);
+    }
+    void send(ChunkSink& sink, const std::vector<std::uint8_t>& bytes, bool init, std::int64_t time) {
+        for (std::size_t at = 0; at < bytes.size(); at += 8192) {
+            flt::IMediaSample3* sample = nullptr;
+            ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
+            std::uint8_t* data = nullptr;
+            sample->GetPointer(&data);
+            const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
+            std::memcpy(data, bytes.data() + at, n);
+            sample->SetActualDataLength(static_cast<long>(n));
+            sample->SetSyncPoint(init);
+            if (!init) sample->SetTime(&time, nullptr);
+            sink.Receive(sample);
+            sample->Release();
+        }
+    }
+};
+
+TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
+    std::vector<std::vector<std::uint8_t>> inits, media;
+    ChunkSink sink(true, [&](const auto& c) { inits.push_back(c); }, [&](const auto& c) { media.push_back(c); });
+    Feeder feeder;
+    const auto movie = box("moov", std::vector<std::uint8_t>(9000, 1));
+    std::vector<std::uint8_t> init{0, 0, 0x23, 0x30, 0, 0, 0, 8};  // A = 9008, B = 8
+    init.insert(init.end(), movie.begin(), movie.end());
+    const auto mfra = box("mfra", {});
+    init.insert(init.end(), mfra.begin(), mfra.end());
+    feeder.send(sink, init, true, 0);
+    ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
+    EXPECT_EQ(inits[0], init);
+
+    const auto chunk = join({box("styp", {}), box("moof", {}), box("mdat", std::vector<std::uint8_t>(20000, 2)),
+                             box("teoc", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}), box("teos", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})});
+    feeder.send(sink, chunk, false, 100);
+    ASSERT_EQ(media.size(), 1u);  // the end-of-segment box closes it
+    EXPECT_EQ(media[0], chunk);
+    // A chunk without a closing box is completed by the next one, and the last by the end of the stream.
+    const auto open = join({box("moof", {}), box("mdat", {3}), box("teoc", {})});
+    feeder.send(sink, open, false, 200);
+    EXPECT_EQ(media.size(), 1u);
+    feeder.send(sink, open, false, 300);
+    EXPECT_EQ(media.size(), 2u);
+    sink.EndOfStream();
+    EXPECT_EQ(media.size(), 3u);
+    EXPECT_TRUE(sink.ended());
+}
+
+TEST(Manifests, ReadTheServerManifestOfBothDialects) {
+    Track video;
+    ASSERT_TRUE(readServerManifest(R"(<?xml version="1.0" encoding="UTF-8"?>
+<smil xmlns="http://www.w3.org/2001/SMIL20/Language"><head/><body><switch>
+<video trackId="1" systemBitrate="500000" peakBitrate="550000" width="640" height="360" startWithSAP="1"
+ frameRate="25/1" scanType="progressive" mimeType="video/mp4" codecs="avc1.64001e" sar_width="1" sar_height="1"/>
+</switch></body></smil>)", true, video));
+    EXPECT_EQ(video.kind, "video");
+    EXPECT_EQ(video.codecs, "avc1.64001e");
+    EXPECT_EQ(video.bandwidth, 550000u);
+    EXPECT_EQ(video.frameRate, "25/1");
+    Track audio;
+    ASSERT_TRUE(readServerManifest(R"(<?xml version="1.0"?><smil><body><switch>
+<audio src="audioStream_2" systemBitrate="64000" systemLanguage="fra">
+<param name="FourCC" value="mp4a" valuetype="data"/><param name="CodecPrivateData" value="1190" valuetype="data"/>
+<param name="Channels" value="2" valuetype="data"/><param name="SamplingRate" value="48000" valuetype="data"/>
+</audio></switch></body></smil>)", false, audio));
+    EXPECT_EQ(audio.fourCC, "AACL");
+    EXPECT_EQ(audio.language, "fra");
+    EXPECT_EQ(audio.sampleRate, 48000u);
+    EXPECT_EQ(audio.codecPrivateData, "1190");
+    EXPECT_FALSE(readServerManifest("<smil><body><switch/></body></smil>", true, audio));
+}
+
+TEST(Manifests, TimelineRunsAndTheLiveWindow) {
+    Track t;
+    t.kind = "video";
+    t.representationId = "video0";
+    t.codecs = "avc1.64001e";
+    t.bandwidth = 1000;
+    t.timescale = 10;
+    t.initialization = "i.mp4";
+    t.mediaTemplate = "c_$Time$.mp4";
+    for (std::uint64_t k = 0; k < 10; ++k) t.segments.push_back({k * 20, 20, k + 1});
+    t.segments.push_back({300, 15, 11});  // after a gap
+    MpdTiming timing;
+    const std::string mpd = buildMpd({t}, timing);
+    EXPECT_NE(mpd.find("<S t=\"0\" d=\"20\" r=\"9\"/>"), std::string::npos);
+    EXPECT_NE(mpd.find("<S t=\"300\" d=\"15\"/>"), std::string::npos);
+    EXPECT_NE(mpd.find("type=\"static\" mediaPresentationDuration=\"PT31.500S\""), std::string::npos);
+    timing.dynamic = true;
+    timing.timeShiftBufferSeconds = 20;  // 200 ticks before the end at 315: segments from t = 115 on
+    timing.availabilityStartTime = isoUtc(0);
+    timing.publishTime = isoUtc(1.5);
+    const std::string live = buildMpd({t}, timing);
+    EXPECT_NE(live.find("availabilityStartTime=\"1970-01-01T00:00:00.000Z\""), std::string::npos);
+    EXPECT_NE(live.find("publishTime=\"1970-01-01T00:00:01.500Z\""), std::string::npos);
+    EXPECT_EQ(live.find("<S t=\"0\""), std::string::npos);
+    EXPECT_NE(live.find("<S t=\"120\" d=\"20\" r=\"3\"/>"), std::string::npos);
+}
+
+TEST(Options, ParsesAndRefusesWithClearMessages) {
+    auto parse = [](std::vector<std::string> args, Options& o, std::string& e) {
+        std::vector<char*> argv{const_cast<char*>("fmp4mux")};
+        for (auto& a : args) argv.push_back(a.data());
+        return parseOptions(static_cast<int>(argv.size()), argv.data(), o, e);
+    };
+    Options o;
+    std::string e;
+    EXPECT_EQ(parse({"-f", "smooth", "-g", "1000", "-n", "3", "--bitrate", "0:1=96000", "a.ts", "b.ts", "out"}, o, e),
+              ParseResult::Run);
+    EXPECT_FALSE(o.dash);
+    EXPECT_EQ(o.gopsPerSegment, 3u);
+    EXPECT_EQ(o.inputs, (std::vector<std::string>{"a.ts", "b.ts"}));
+    EXPECT_EQ(o.outputDirectory, "out");
+    EXPECT_EQ(*o.streams["0:1"].bitrate, 96000u);
+    Options bad;
+    EXPECT_EQ(parse({"--media-template", "${sessionId}/${time}", "a.ts", "out"}, bad, e), ParseResult::Error);
+    EXPECT_EQ(e, "media template '${sessionId}/${time}': '${adaptationSetId}' is mandatory");
+    Options bad2;
+    EXPECT_EQ(parse({"--mode", "sometimes", "a.ts", "out"}, bad2, e), ParseResult::Error);
+    EXPECT_EQ(e, "unknown mode 'sometimes' (gop, gop-alt or separate-audio)");
+    Options bad3;
+    EXPECT_EQ(parse({"out"}, bad3, e), ParseResult::Error);
+    Options help;
+    EXPECT_EQ(parse({"--help"}, help, e), ParseResult::Help);
+}
+
+TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
+    const std::vector<std::uint8_t> asc{0x11, 0x90};
+    const std::uint8_t frame[3] = {0xAA, 0xBB, 0xCC};
+    const auto packet = makeRawAacPacket(asc, 128000, frame, 3);
+    const std::vector<std::uint8_t> expected{0xFF, 0xFA, 0xFA, 0xFA, 0, 0, 0, 25,  // marker, whole size 20 + 2 + 3
+                                             0, 1, 0xF4, 0,                      // 128000 bit/s
+                                             0, 0, 0, 16,                        // 16 configuration bits
+                                             0x11, 0x90, 0, 0, 0, 3, 0xAA, 0xBB, 0xCC};
+    EXPECT_EQ(packet, expected);
+}
+}  // namespace
