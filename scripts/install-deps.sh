@@ -12,7 +12,7 @@ PACKAGES=(
   gsoap libgsoap-dev
   libjsoncpp-dev libtinyxml2-dev
   libavformat-dev libavcodec-dev libavutil-dev
-  ffmpeg libxml2-utils
+  ffmpeg libxml2-utils time
 )
 
 missing=()

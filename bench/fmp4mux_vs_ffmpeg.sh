@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Packages a 5-minute 1080p 8 Mb/s H.264 + AAC MPEG-TS with fmp4mux, as fast as it can, and in the same run the
+# same input with `ffmpeg -c copy -f dash`; prints both wall times, both peak resident memories and the ratios.
+# Usage: bench/fmp4mux_vs_ffmpeg.sh [BUILD_DIR]   (default build/release; the input is cached in BUILD_DIR)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build/release}
+fmp4mux="$build/apps/fmp4mux/fmp4mux"
+[ -x "$fmp4mux" ] || { echo "build fmp4mux first: ninja -C $build fmp4mux" >&2; exit 2; }
+command -v /usr/bin/time >/dev/null || { echo "needs /usr/bin/time (Debian package 'time')" >&2; exit 2; }
+
+input="$build/bench-input-1080p-5min.ts"
+if [ ! -s "$input" ]; then
+  echo "making the input (once): 5 min of 1080p25 H.264 at 8 Mb/s with AAC ..." >&2
+  ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=1920x1080:rate=25 \
+    -f lavfi -i "sine=frequency=440:sample_rate=48000" -t 300 -map 0:v -map 1:a \
+    -c:v libx264 -preset ultrafast -g 50 -keyint_min 50 -sc_threshold 0 -b:v 8M -maxrate 8M -bufsize 16M \
+    -c:a aac -b:a 128k -ac 2 -f mpegts "$input"
+fi
+size=$(stat -c %s "$input")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+measure() {  # label, command...
+  local label=$1; shift
+  local stats="$work/$label.time"
+  /usr/bin/time -f "%e %M" -o "$stats" "$@" >/dev/null 2>"$work/$label.log" || { cat "$work/$label.log" >&2; exit 1; }
+  read -r seconds kb < "$stats"
+  echo "$seconds $kb"
+}
+
+read -r fm_s fm_kb < <(measure fmp4mux "$fmp4mux" -q "$input" "$work/fmp4mux")
+mkdir -p "$work/ffmpeg"
+read -r ff_s ff_kb < <(measure ffmpeg ffmpeg -hide_banner -loglevel error -y -i "$input" -map 0 -c copy -f dash \
+  -seg_duration 2 "$work/ffmpeg/manifest.mpd")
+
+awk -v fs="$fm_s" -v fk="$fm_kb" -v gs="$ff_s" -v gk="$ff_kb" -v size="$size" 'BEGIN {
+  printf "input: %.1f MB, 300 s of 1080p H.264 8 Mb/s + AAC\n", size / 1e6
+  printf "fmp4mux:           %7.2f s  %7.1f MB peak RSS  %6.0f MB/s  %5.0fx real time\n", fs, fk / 1024, size / 1e6 / fs, 300 / fs
+  printf "ffmpeg -c copy:    %7.2f s  %7.1f MB peak RSS  %6.0f MB/s  %5.0fx real time\n", gs, gk / 1024, size / 1e6 / gs, 300 / gs
+  printf "speed ratio (ffmpeg time / fmp4mux time): %.2f\n", gs / fs
+}'
