@@ -61,6 +61,10 @@ public:
         return received;
     }
     MemAllocator& allocator() { return m_allocator; }
+    int endCount() {
+        std::lock_guard lock(m_mutex);
+        return ends;
+    }
 
     std::vector<Received> received;
     int ends = 0;

@@ -134,7 +134,7 @@ TEST(OutputPin, NothingIsDeliveredWhileTheFilterIsStopped) {
     EXPECT_TRUE(f.output().Write(bytes.data(), bytes.size(), &time, 0, false, false, false, 0));
     EXPECT_TRUE(f.sink.snapshot().empty());
     f.output().EndOfStream();
-    EXPECT_EQ(f.sink.ends, 1);
+    EXPECT_EQ(f.sink.endCount(), 1);
 }
 
 TEST(InputPin, TheDataIdSurvivesOnlyWhenTheDropFlagIsCleared) {
