@@ -31,7 +31,7 @@ measure() {  # label, command...
 
 read -r fm_s fm_kb < <(measure fmp4mux "$fmp4mux" -q "$input" "$work/fmp4mux")
 mkdir -p "$work/ffmpeg"
-read -r ff_s ff_kb < <(measure ffmpeg ffmpeg -hide_banner -loglevel error -y -i "$input" -map 0 -c copy -f dash \
+read -r ff_s ff_kb < <(measure ffmpeg ffmpeg -hide_banner -loglevel error -y -i "$input" -map 0 -c copy -tag:v avc1 -tag:a mp4a -f dash \
   -seg_duration 2 "$work/ffmpeg/manifest.mpd")
 
 awk -v fs="$fm_s" -v fk="$fm_kb" -v gs="$ff_s" -v gk="$ff_kb" -v size="$size" 'BEGIN {

@@ -163,8 +163,8 @@ void writeFileAtomically(const std::string& path, const std::uint8_t* data, std:
     }
 }
 
-ChunkSink::ChunkSink(bool dash, InitHandler onInit, MediaHandler onMedia)
-    : m_dash(dash), m_onInit(std::move(onInit)), m_onMedia(std::move(onMedia)) {}
+ChunkSink::ChunkSink(bool dash, long bufferCount, InitHandler onInit, MediaHandler onMedia)
+    : m_dash(dash), m_bufferCount(bufferCount), m_onInit(std::move(onInit)), m_onMedia(std::move(onMedia)) {}
 
 HRESULT ChunkSink::Receive(IMediaSample3* sample) {
     std::uint8_t* data = nullptr;

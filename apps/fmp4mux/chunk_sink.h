@@ -48,10 +48,13 @@ public:
     using InitHandler = std::function<void(const std::vector<std::uint8_t>& initChunk)>;
     using MediaHandler = std::function<void(const std::vector<std::uint8_t>& chunk)>;
 
-    ChunkSink(bool dash, InitHandler onInit, MediaHandler onMedia);
+    // `bufferCount`: how many 8192-byte buffers to ask of the output; this sink copies each buffer at once, so
+    // the pool needs to hold one chunk.
+    ChunkSink(bool dash, long bufferCount, InitHandler onInit, MediaHandler onMedia);
 
     HRESULT Receive(IMediaSample3* sample) override;
     HRESULT EndOfStream() override;
+    long RequestedBufferCount() override { return m_bufferCount; }
 
     void waitForEnd();
     bool ended() const;
@@ -61,6 +64,7 @@ private:
     void finish();
 
     bool m_dash;
+    long m_bufferCount;
     InitHandler m_onInit;
     MediaHandler m_onMedia;
     std::vector<std::uint8_t> m_pending;

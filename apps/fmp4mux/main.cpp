@@ -78,6 +78,8 @@ flt::MediaType mediaTypeFor(std::uint32_t streamType) {
 struct Output {
     int index = 0;
     bool ready = false;
+    bool bitrateGiven = false;    // the operator stated the bitrate: the manifests announce it as is
+    std::uint32_t peakBitrate = 0;  // measured over the segments written
     Track track;
     std::uint64_t nextNumber = 1;
     std::string initPath;
@@ -94,6 +96,11 @@ public:
         out.track.kind = kind;
         out.nextNumber = static_cast<std::uint64_t>(m_options.firstNumber);
         out.track.representationId = kind + std::to_string(index);
+    }
+
+    void setAnnouncedBitrate(int index, bool given) {
+        std::lock_guard lock(m_mutex);
+        m_outputs[index].bitrateGiven = given;
     }
 
     void onInit(int index, const std::vector<std::uint8_t>& chunk) {
@@ -135,6 +142,10 @@ public:
             return fail(e.what());
         }
         out.track.segments.push_back({timing->time, timing->duration, number});
+        if (timing->duration > 0)
+            out.peakBitrate = std::max(out.peakBitrate, static_cast<std::uint32_t>(std::min<double>(
+                4e9, static_cast<double>(chunk.size()) * 8 * static_cast<double>(timing->timescale) /
+                         static_cast<double>(timing->duration))));
         ++m_files;
         ++m_chunks;
         m_mediaSeconds = std::max(m_mediaSeconds, static_cast<double>(timing->time + timing->duration) /
@@ -224,7 +235,10 @@ private:
         for (const auto& [index, out] : m_outputs) {
             if (!out.ready || out.track.segments.empty()) continue;
             Track track = out.track;
-            if (m_options.dash) track.bandwidth = std::max(track.bandwidth, track.bitrate);
+            // DASH announces what a client must sustain: the stated bitrate, or else the peak measured over the
+            // segments written (the input seldom tells a stream's own rate).
+            if (m_options.dash) track.bandwidth = out.bitrateGiven ? std::max(track.bandwidth, track.bitrate)
+                                                                   : std::max<std::uint32_t>(out.peakBitrate, 1);
             tracks.push_back(std::move(track));
             for (const auto& s : out.track.segments)
                 maxSegmentMs = std::max(maxSegmentMs, static_cast<std::uint32_t>(s.duration * 1000 / out.track.timescale));
@@ -394,8 +408,13 @@ int main(int argc, char** argv) {
             flt::MuxFmp4OutputPin* output = filter->outputFor(pin->streamId());
             const int index = static_cast<int>(sinks.size());
             session.addOutput(index, info.kind);
+            // Room for one chunk of a segment and a half at a high rate (40 Mb/s video, 2 Mb/s audio), whatever
+            // bitrate the stream announced: the sink copies every buffer at once.
+            const double peakBitsPerSecond = info.kind == "video" ? 40e6 : 2e6;
+            const auto bufferCount = static_cast<long>(1.5 * segmentMs / 1000.0 * peakBitsPerSecond / 8 / 8192) + 1;
+            session.setAnnouncedBitrate(index, settings.bitrate.has_value());
             sinks.push_back(std::make_unique<ChunkSink>(
-                options.dash, [&session, index](const auto& c) { session.onInit(index, c); },
+                options.dash, bufferCount, [&session, index](const auto& c) { session.onInit(index, c); },
                 [&session, index](const auto& c) { session.onMedia(index, c); }));
             if (output == nullptr || output->Connect(sinks.back().get()) != tvrn::com::S_OK) {
                 std::cerr << "fmp4mux: cannot connect the output of stream " << spec << "\n";
@@ -438,8 +457,30 @@ int main(int argc, char** argv) {
     for (std::size_t d = 0; d < demuxers.size(); ++d) {
         readers.emplace_back([&, d] {
             auto& routesOf = routes[d];
+            std::optional<std::int64_t> firstTime;
+            // A file is read as fast as the packager takes it, and no faster: the reader waits while it is more
+            // than a few segments ahead of the chunks written, so memory stays bounded. Should the output stall
+            // (a stream that never delivers), the reader goes on rather than wait for ever.
+            const bool throttle = !live && !options.realtime;
+            const double aheadLimit = 4.0 * segmentMs / 1000.0 + 2.0;
             demuxers[d]->run(
                 [&](Packet& packet) {
+                    const std::optional<std::int64_t> t = packet.dts ? packet.dts : packet.pts;
+                    if (throttle && t) {
+                        if (!firstTime) firstTime = *t;
+                        const double inputSeconds = static_cast<double>(*t - *firstTime) / 1e7;
+                        auto lastProgress = Clock::now();
+                        std::uint64_t chunksSeen = session.chunks();
+                        while (!stop.load() && inputSeconds - session.mediaSeconds() > aheadLimit) {
+                            std::this_thread::sleep_for(std::chrono::microseconds(500));
+                            if (session.chunks() != chunksSeen) {
+                                chunksSeen = session.chunks();
+                                lastProgress = Clock::now();
+                            } else if (Clock::now() - lastProgress > std::chrono::seconds(1)) {
+                                break;
+                            }
+                        }
+                    }
                     auto sample = flt::COOBMediaSample::create(packet.bytes.size());
                     std::uint8_t* data = nullptr;
                     sample->GetPointer(&data);

@@ -25,11 +25,11 @@ unsigned long COOBMediaSample::Release() {
 
 HRESULT COOBMediaSample::GetPointer(std::uint8_t** buffer) {
     if (buffer == nullptr) return E_POINTER;
-    *buffer = m_buffer.data();
+    *buffer = m_buffer.get();
     return S_OK;
 }
 
-long COOBMediaSample::GetSize() { return static_cast<long>(m_buffer.size()); }
+long COOBMediaSample::GetSize() { return static_cast<long>(m_size); }
 
 HRESULT COOBMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
     if (!m_start) return VFW_E_SAMPLE_TIME_NOT_SET;
@@ -67,7 +67,7 @@ HRESULT COOBMediaSample::SetDiscontinuity(bool value) {
 long COOBMediaSample::GetActualDataLength() { return m_actualLength; }
 
 HRESULT COOBMediaSample::SetActualDataLength(long length) {
-    if (length < 0 || length > static_cast<long>(m_buffer.size())) return VFW_E_BUFFER_OVERFLOW;
+    if (length < 0 || length > static_cast<long>(m_size)) return VFW_E_BUFFER_OVERFLOW;
     m_actualLength = length;
     return S_OK;
 }

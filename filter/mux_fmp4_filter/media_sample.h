@@ -125,7 +125,10 @@ public:
 
 protected:
     COOBMediaSample() = default;
-    explicit COOBMediaSample(std::size_t size) : m_buffer(size) {}
+    // Zeroed storage, or storage left as it comes from the allocator (`zeroed` false): a pool's buffers are only
+    // touched once they are written.
+    explicit COOBMediaSample(std::size_t size, bool zeroed = true)
+        : m_buffer(zeroed ? new std::uint8_t[size]() : new std::uint8_t[size]), m_size(size) {}
     ~COOBMediaSample() override = default;
     // Called when the last reference goes.
     virtual void onFinalRelease() { delete this; }
@@ -133,7 +136,8 @@ protected:
     void resetProperties();
 
     std::atomic<unsigned long> m_refCount{1};
-    std::vector<std::uint8_t> m_buffer;
+    std::unique_ptr<std::uint8_t[]> m_buffer;
+    std::size_t m_size = 0;
     long m_actualLength = 0;
     std::optional<REFERENCE_TIME> m_start, m_stop, m_mediaStart, m_mediaStop;
     bool m_sync = false;
@@ -147,7 +151,7 @@ class MemAllocator;
 // A sample from an allocator's pool: the last release gives it back to the pool.
 class CMediaSample final : public COOBMediaSample {
 public:
-    CMediaSample(MemAllocator& allocator, std::size_t size) : COOBMediaSample(size), m_allocator(allocator) {}
+    CMediaSample(MemAllocator& allocator, std::size_t size) : COOBMediaSample(size, false), m_allocator(allocator) {}
     void prepareForUse();
 
 protected:

@@ -98,7 +98,7 @@ struct Feeder {
 
 TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     std::vector<std::vector<std::uint8_t>> inits, media;
-    ChunkSink sink(true, [&](const auto& c) { inits.push_back(c); }, [&](const auto& c) { media.push_back(c); });
+    ChunkSink sink(true, 10, [&](const auto& c) { inits.push_back(c); }, [&](const auto& c) { media.push_back(c); });
     Feeder feeder;
     const auto movie = box("moov", std::vector<std::uint8_t>(9000, 1));
     std::vector<std::uint8_t> init{0, 0, 0x23, 0x30, 0, 0, 0, 8};  // A = 9008, B = 8
