@@ -135,6 +135,21 @@ std::string serverManifest(const std::vector<std::uint8_t>& movie) {
     return {};
 }
 
+std::vector<std::uint8_t> withoutVendorBoxes(const std::vector<std::uint8_t>& chunk) {
+    std::vector<std::uint8_t> out;
+    out.reserve(chunk.size());
+    std::size_t consumed = 0;
+    for (const auto& box : children(chunk.data(), 0, chunk.size())) {
+        const std::size_t start = consumed;
+        consumed = box.end;
+        if (box.type == "tnsb" || box.type == "teoc" || box.type == "teos") continue;
+        out.insert(out.end(), chunk.begin() + static_cast<long>(start), chunk.begin() + static_cast<long>(box.end));
+    }
+    // Whatever follows the last whole box is kept as it is.
+    out.insert(out.end(), chunk.begin() + static_cast<long>(consumed), chunk.end());
+    return out;
+}
+
 std::string lastCompleteBox(const std::uint8_t* data, std::size_t size) {
     const auto boxes = children(data, 0, size);
     if (boxes.empty() || boxes.back().end != size) return {};

@@ -33,6 +33,10 @@ std::vector<std::uint8_t> moviePart(const std::vector<std::uint8_t>& initChunk);
 // The server manifest text carried in a movie part, or empty.
 std::string serverManifest(const std::vector<std::uint8_t>& movie);
 
+// The chunk without its top-level vendor boxes (segment and chunk markers "tnsb", "teoc", "teos"), which tell a
+// downstream publisher where segments end and which players do not know. The segment index does not count them.
+std::vector<std::uint8_t> withoutVendorBoxes(const std::vector<std::uint8_t>& chunk);
+
 // Top-level boxes: the type of the last box when the bytes end exactly at a box boundary, else empty.
 std::string lastCompleteBox(const std::uint8_t* data, std::size_t size);
 

@@ -137,7 +137,12 @@ public:
         const std::uint64_t number = out.nextNumber++;
         try {
             const std::string path = expandName(m_options.mediaTemplateOrDefault(), out, timing->time, number);
-            writeFileAtomically(m_options.outputDirectory + "/" + path, chunk.data(), chunk.size());
+            if (m_options.dash) {
+                const auto media = withoutVendorBoxes(chunk);
+                writeFileAtomically(m_options.outputDirectory + "/" + path, media.data(), media.size());
+            } else {
+                writeFileAtomically(m_options.outputDirectory + "/" + path, chunk.data(), chunk.size());
+            }
         } catch (const std::exception& e) {
             return fail(e.what());
         }

@@ -123,6 +123,11 @@ TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     sink.EndOfStream();
     EXPECT_EQ(media.size(), 3u);
     EXPECT_TRUE(sink.ended());
+
+    // The files players read lose the segment and chunk markers, and only those.
+    const auto tnsb = box("tnsb", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
+    const auto body = join({box("styp", {}), box("sidx", {9}), box("moof", {}), box("mdat", {7})});
+    EXPECT_EQ(withoutVendorBoxes(join({tnsb, body, box("teoc", {1}), box("teos", {2})})), body);
 }
 
 TEST(Manifests, ReadTheServerManifestOfBothDialects) {
