@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs every Debian package the project needs to build, test, benchmark and run.
 # Idempotent: packages already present are left alone, and apt is asked only for missing ones.
+# chromium runs the end-to-end playback tests (tests/e2e/player); Node.js and npm are expected on the machine
+# already and are not installed here.
 set -euo pipefail
 
 PACKAGES=(
@@ -13,6 +15,7 @@ PACKAGES=(
   libjsoncpp-dev libtinyxml2-dev
   libavformat-dev libavcodec-dev libavutil-dev
   ffmpeg libxml2-utils time
+  chromium
 )
 
 missing=()

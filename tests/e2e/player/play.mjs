@@ -1,0 +1,308 @@
+// Plays a packaged presentation with dash.js in headless Chromium and checks that it really plays.
+//
+//   node play.mjs [--format dash|smooth] [--min-time SECONDS] [--timeout SECONDS] FOLDER MANIFEST
+//
+// FOLDER is served over HTTP on 127.0.0.1 (ephemeral port) next to a small page that loads dash.js from this
+// folder's node_modules (and its Smooth Streaming module for --format smooth). The page plays FOLDER/MANIFEST
+// muted. Success: video.currentTime passes --min-time (default 6) within --timeout (default 40) seconds, the
+// video element decoded frames, and neither dash.js nor the video element reported an error, and no request
+// the player made failed. Exit code 0 on success, 1 on a failed check, 2 on a bad command line.
+// The browser and the server are closed on every path.
+
+import http from 'node:http';
+import fs from 'node:fs';
+import fsp from 'node:fs/promises';
+import os from 'node:os';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+const HERE = path.dirname(fileURLToPath(import.meta.url));
+const CHROMIUM = process.env.E2E_CHROMIUM || '/usr/bin/chromium';
+const DASHJS_DIST = path.join(HERE, 'node_modules', 'dashjs', 'dist', 'modern', 'umd');
+const PLAYER_FILES = {
+  '/__player/dash.all.min.js': path.join(DASHJS_DIST, 'dash.all.min.js'),
+  '/__player/dash.mss.min.js': path.join(DASHJS_DIST, 'dash.mss.min.js'),
+};
+
+function usage(message) {
+  if (message) console.error(`play.mjs: ${message}`);
+  console.error('usage: node play.mjs [--format dash|smooth] [--min-time SECONDS] [--timeout SECONDS] FOLDER MANIFEST');
+  process.exit(2);
+}
+
+function parseArgs(argv) {
+  const opts = { format: 'dash', minTime: 6, timeout: 40, positional: [] };
+  for (let i = 0; i < argv.length; i++) {
+    const a = argv[i];
+    const value = () => {
+      if (i + 1 >= argv.length) usage(`${a} needs a value`);
+      return argv[++i];
+    };
+    if (a === '--format') opts.format = value();
+    else if (a === '--min-time') opts.minTime = Number(value());
+    else if (a === '--timeout') opts.timeout = Number(value());
+    else if (a.startsWith('--')) usage(`unknown option ${a}`);
+    else opts.positional.push(a);
+  }
+  if (!['dash', 'smooth'].includes(opts.format)) usage(`unknown format ${opts.format}`);
+  if (!(opts.minTime > 0)) usage('--min-time must be a positive number');
+  if (!(opts.timeout > 0 && opts.timeout <= 120)) usage('--timeout must be in (0, 120] seconds');
+  if (opts.positional.length !== 2) usage('FOLDER and MANIFEST are required');
+  [opts.folder, opts.manifest] = opts.positional;
+  opts.folder = path.resolve(opts.folder);
+  return opts;
+}
+
+// Content types by file name; Smooth media files have no extension and are fragmented MP4.
+function contentType(filePath) {
+  const base = path.basename(filePath);
+  const ext = path.extname(base).toLowerCase();
+  switch (ext) {
+    case '.mpd': return 'application/dash+xml';
+    case '.mp4': return 'video/mp4';
+    case '.m4s': return 'video/iso.segment';
+    case '.m4v': return 'video/mp4';
+    case '.m4a': return 'audio/mp4';
+    case '.vtt': return 'text/vtt';
+    case '.ttml': return 'application/ttml+xml';
+    case '.xml': return 'application/xml';
+    case '.html': return 'text/html; charset=utf-8';
+    case '.js': return 'text/javascript; charset=utf-8';
+    case '.ism': case '.isml': return 'text/xml';
+    case '': return base === 'Manifest' ? 'text/xml' : 'video/mp4';
+    default: return 'application/octet-stream';
+  }
+}
+
+function pageHtml(format, manifest) {
+  const scripts = ['/__player/dash.all.min.js'];
+  if (format === 'smooth') scripts.push('/__player/dash.mss.min.js');
+  return `<!DOCTYPE html>
+<html>
+<head><meta charset="utf-8"><title>fmp4mux playback test</title></head>
+<body>
+<video id="video" muted autoplay playsinline width="640" height="360"></video>
+${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
+<script>
+  const state = window.__e2e = { dashErrors: [], videoErrors: [], events: [], started: false, fatal: null };
+  try {
+    const video = document.getElementById('video');
+    video.muted = true;
+    video.addEventListener('error', () => {
+      const e = video.error;
+      state.videoErrors.push({ code: e && e.code, message: e && e.message });
+    });
+    for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
+      video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
+    }
+    const player = dashjs.MediaPlayer().create();
+    player.updateSettings({ debug: { logLevel: dashjs.Debug.LOG_LEVEL_WARNING } });
+    player.on(dashjs.MediaPlayer.events.ERROR, (e) => {
+      const err = e && e.error;
+      state.dashErrors.push({ code: err && err.code, message: err && err.message,
+                              data: err && err.data ? JSON.stringify(err.data).slice(0, 500) : undefined });
+    });
+    player.on(dashjs.MediaPlayer.events.PLAYBACK_STARTED, () => { state.started = true; });
+    player.initialize(video, ${JSON.stringify("/" + manifest)}, true);
+    window.__player = player;
+  } catch (e) {
+    state.fatal = String(e && e.stack || e);
+  }
+</script>
+</body>
+</html>
+`;
+}
+
+function startServer(folder, format, manifest, requests) {
+  const server = http.createServer((req, res) => {
+    const send = (status, type, body) => {
+      requests.push({ method: req.method, url: req.url, status });
+      res.writeHead(status, { 'Content-Type': type, 'Cache-Control': 'no-store' });
+      res.end(req.method === 'HEAD' ? undefined : body);
+    };
+    let urlPath;
+    try {
+      urlPath = decodeURIComponent(new URL(req.url, 'http://127.0.0.1').pathname);
+    } catch {
+      return send(400, 'text/plain', 'bad url');
+    }
+    if (req.method !== 'GET' && req.method !== 'HEAD') return send(405, 'text/plain', 'method not allowed');
+    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest));
+    if (urlPath === '/favicon.ico') return send(204, 'image/x-icon', '');
+    let filePath = PLAYER_FILES[urlPath];
+    if (!filePath) {
+      filePath = path.resolve(folder, '.' + urlPath);
+      if (filePath !== folder && !filePath.startsWith(folder + path.sep)) return send(403, 'text/plain', 'forbidden');
+    }
+    fs.readFile(filePath, (err, data) => {
+      if (err) return send(404, 'text/plain', 'not found');
+      send(200, contentType(filePath), data);
+    });
+  });
+  return new Promise((resolve, reject) => {
+    server.once('error', reject);
+    server.listen(0, '127.0.0.1', () => resolve(server));
+  });
+}
+
+function closeServer(server) {
+  return new Promise((resolve) => {
+    server.close(() => resolve());
+    server.closeAllConnections?.();
+  });
+}
+
+async function main() {
+  const opts = parseArgs(process.argv.slice(2));
+  if (!fs.existsSync(path.join(opts.folder, opts.manifest))) {
+    console.error(`play.mjs: FAIL: no manifest ${path.join(opts.folder, opts.manifest)}`);
+    return 1;
+  }
+  for (const f of Object.values(PLAYER_FILES)) {
+    if (!fs.existsSync(f)) {
+      console.error(`play.mjs: FAIL: ${f} is missing (run npm ci --no-audit --no-fund in ${HERE})`);
+      return 1;
+    }
+  }
+  if (!fs.existsSync(CHROMIUM)) {
+    console.error(`play.mjs: FAIL: ${CHROMIUM} is missing (bash scripts/install-deps.sh installs Debian's chromium)`);
+    return 1;
+  }
+  const { chromium } = await import('playwright-core');
+
+  const requests = [];
+  const consoleLines = [];
+  let server = null;
+  let context = null;
+  let userDataDir = null;
+  // A last resort against a hang anywhere below: the run is bounded whatever happens.
+  const watchdog = setTimeout(async () => {
+    console.error('play.mjs: FAIL: watchdog expired; closing the browser and the server');
+    try { if (context) await Promise.race([context.close(), new Promise((r) => setTimeout(r, 5000))]); } catch {}
+    process.exit(1);
+  }, (opts.timeout + 60) * 1000);
+  watchdog.unref();
+
+  try {
+    server = await startServer(opts.folder, opts.format, opts.manifest, requests);
+    const { port } = server.address();
+    const pageUrl = `http://127.0.0.1:${port}/__player/index.html`;
+    userDataDir = await fsp.mkdtemp(path.join(os.tmpdir(), 'fmp4mux-e2e-chromium-'));
+    context = await chromium.launchPersistentContext(userDataDir, {
+      executablePath: CHROMIUM,
+      headless: true,
+      timeout: 30000,
+      args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+             '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+    });
+    const browserVersion = context.browser()?.version() ?? '(unknown)';
+    const page = context.pages()[0] ?? await context.newPage();
+    page.on('console', (msg) => consoleLines.push(`[console.${msg.type()}] ${msg.text()}`));
+    page.on('pageerror', (err) => consoleLines.push(`[pageerror] ${err.message}`));
+    page.on('requestfailed', (r) => consoleLines.push(`[requestfailed] ${r.url()} ${r.failure()?.errorText}`));
+
+    console.log(`play.mjs: ${opts.format}: serving ${opts.folder} at http://127.0.0.1:${port}/, playing ${opts.manifest} ` +
+                `in Chromium ${browserVersion}`);
+    await page.goto(pageUrl, { waitUntil: 'load', timeout: 15000 });
+
+    const started = Date.now();
+    let reached = true;
+    try {
+      await page.waitForFunction(
+        (minTime) => {
+          const s = window.__e2e;
+          const v = document.getElementById('video');
+          return !s || s.fatal || s.dashErrors.length > 0 || s.videoErrors.length > 0 || v.error ||
+                 v.currentTime > minTime;
+        },
+        opts.minTime, { timeout: opts.timeout * 1000, polling: 250 });
+    } catch (e) {
+      if (e?.name !== 'TimeoutError') throw e;
+      reached = false;
+    }
+    const elapsed = (Date.now() - started) / 1000;
+
+    const seen = await page.evaluate(() => {
+      const v = document.getElementById('video');
+      const q = v.getVideoPlaybackQuality();
+      const ranges = [];
+      for (let i = 0; i < v.buffered.length; i++) ranges.push([v.buffered.start(i), v.buffered.end(i)]);
+      const s = window.__e2e || {};
+      const p = window.__player;
+      const tracks = (type) => {
+        try { return (p.getTracksFor(type) || []).map((t) => ({ codec: t.codec, id: t.id })); } catch { return []; }
+      };
+      return {
+        currentTime: v.currentTime,
+        paused: v.paused,
+        readyState: v.readyState,
+        videoWidth: v.videoWidth,
+        videoHeight: v.videoHeight,
+        duration: v.duration,
+        buffered: ranges,
+        totalVideoFrames: q.totalVideoFrames,
+        droppedVideoFrames: q.droppedVideoFrames,
+        videoElementError: v.error ? { code: v.error.code, message: v.error.message } : null,
+        dashErrors: s.dashErrors || [],
+        videoErrors: s.videoErrors || [],
+        fatal: s.fatal || null,
+        started: !!s.started,
+        events: s.events || [],
+        videoTracks: tracks('video'),
+        audioTracks: tracks('audio'),
+      };
+    });
+
+    const failedRequests = requests.filter((r) => r.status >= 400);
+    const mediaRequests = requests.filter((r) => !r.url.startsWith('/__player/') && r.url !== '/favicon.ico');
+    console.log(`play.mjs: after ${elapsed.toFixed(1)} s: currentTime ${seen.currentTime.toFixed(3)} s, ` +
+                `${seen.totalVideoFrames} video frames decoded (${seen.droppedVideoFrames} dropped), ` +
+                `${seen.videoWidth}x${seen.videoHeight}, duration ${seen.duration}, buffered ${JSON.stringify(seen.buffered)}`);
+    console.log(`play.mjs: tracks: video ${JSON.stringify(seen.videoTracks)}, audio ${JSON.stringify(seen.audioTracks)}; ` +
+                `${mediaRequests.length} requests for the presentation, ${failedRequests.length} failed`);
+
+    const problems = [];
+    if (seen.fatal) problems.push(`the page failed to set up dash.js: ${seen.fatal}`);
+    if (!reached) problems.push(`currentTime did not pass ${opts.minTime} s within ${opts.timeout} s`);
+    else if (!(seen.currentTime > opts.minTime)) problems.push(`stopped at currentTime ${seen.currentTime} (an error came first)`);
+    if (!(seen.totalVideoFrames > 0)) problems.push('no video frame was decoded');
+    if (seen.dashErrors.length) problems.push(`dash.js reported errors: ${JSON.stringify(seen.dashErrors)}`);
+    if (seen.videoErrors.length || seen.videoElementError) {
+      problems.push(`the video element reported an error: ${JSON.stringify(seen.videoErrors.length ? seen.videoErrors : seen.videoElementError)}`);
+    }
+    if (failedRequests.length) problems.push(`requests failed: ${JSON.stringify(failedRequests)}`);
+
+    if (problems.length) {
+      for (const p of problems) console.error(`play.mjs: FAIL: ${p}`);
+      console.error(`play.mjs: video events: ${JSON.stringify(seen.events)}`);
+      console.error('play.mjs: requests served:');
+      for (const r of requests) console.error(`  ${r.status} ${r.method} ${r.url}`);
+      console.error(`play.mjs: browser console (${consoleLines.length} lines, last 200):`);
+      for (const l of consoleLines.slice(-200)) console.error(`  ${l}`);
+      return 1;
+    }
+    console.log(`play.mjs: PASS: ${opts.format} played past ${opts.minTime} s`);
+    return 0;
+  } catch (e) {
+    console.error(`play.mjs: FAIL: ${e?.stack || e}`);
+    if (consoleLines.length) {
+      console.error('play.mjs: browser console:');
+      for (const l of consoleLines.slice(-200)) console.error(`  ${l}`);
+    }
+    return 1;
+  } finally {
+    if (context) {
+      try { await Promise.race([context.close(), new Promise((r) => setTimeout(r, 10000))]); }
+      catch (e) { console.error(`play.mjs: closing the browser: ${e?.message || e}`); }
+    }
+    if (server) await closeServer(server);
+    if (userDataDir) await fsp.rm(userDataDir, { recursive: true, force: true }).catch(() => {});
+    clearTimeout(watchdog);
+  }
+}
+
+main().then((code) => process.exit(code), (e) => {
+  console.error(`play.mjs: FAIL: ${e?.stack || e}`);
+  process.exit(1);
+});

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# End-to-end playback test: fmp4mux packages the bundled sample (H.264 + AAC in MPEG-TS) into DASH or Smooth
+# Streaming, the DASH MPD is checked against the MPD schema, and dash.js in headless Chromium must play the result
+# (play.mjs): currentTime past 6 s, frames decoded, no player or video element error.
+#
+#   bash tests/e2e/player/run_playback_test.sh BUILD_DIR dash|smooth
+#
+# Needs node and npm (expected on the machine), /usr/bin/chromium and xmllint (scripts/install-deps.sh), and the
+# MPD schema in the shared folder beside the repository. The npm packages are installed with `npm ci` into this
+# folder's node_modules/ when the lock file changed since the last install.
+set -euo pipefail
+
+fail() { echo "run_playback_test: FAIL: $*" >&2; exit 1; }
+
+[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR dash|smooth" >&2; exit 2; }
+BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
+FORMAT=$2
+case "$FORMAT" in dash|smooth) ;; *) echo "run_playback_test: unknown format '$FORMAT' (dash or smooth)" >&2; exit 2 ;; esac
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+ROOT=$(cd "$HERE/../../.." && pwd)
+FMP4MUX="$BUILD_DIR/apps/fmp4mux/fmp4mux"
+SAMPLE="$ROOT/samples/sample.ts"
+SCHEMA="$ROOT/../shared/schemas/DASH-MPD.xsd"
+CHROMIUM=${E2E_CHROMIUM:-/usr/bin/chromium}
+
+# What the test needs is there, or the test fails saying what is missing.
+command -v node >/dev/null || fail "node is not installed: the playback tests need Node.js (and npm) on the machine"
+command -v npm >/dev/null || fail "npm is not installed: the playback tests need it to install dash.js and playwright-core"
+[ -x "$CHROMIUM" ] || fail "$CHROMIUM is missing: run scripts/install-deps.sh (it installs Debian's chromium)"
+command -v xmllint >/dev/null || fail "xmllint is missing: run scripts/install-deps.sh (libxml2-utils)"
+[ -x "$FMP4MUX" ] || fail "$FMP4MUX is not built"
+[ -f "$SAMPLE" ] || fail "the sample $SAMPLE is missing"
+if [ "$FORMAT" = dash ]; then
+  [ -f "$SCHEMA" ] || fail "the MPD schema $SCHEMA is missing (the shared folder sits beside the repository)"
+fi
+
+# npm packages, pinned by package-lock.json. Both tests may start together: one installs, the other waits.
+(
+  flock -w 240 9 || fail "timed out waiting for another npm install in $HERE"
+  stamp="$HERE/node_modules/.installed-lock-sha256"
+  want=$(sha256sum "$HERE/package-lock.json" | cut -d' ' -f1)
+  if [ "$(cat "$stamp" 2>/dev/null)" != "$want" ] || [ ! -f "$HERE/node_modules/playwright-core/package.json" ] ||
+     [ ! -d "$HERE/node_modules/dashjs/dist" ]; then
+    echo "run_playback_test: npm ci in $HERE"
+    (cd "$HERE" && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 timeout 200 npm ci --no-audit --no-fund) ||
+      fail "npm ci failed in $HERE"
+    echo "$want" >"$stamp"
+  fi
+) 9>"$HERE/.npm-install.lock"
+
+OUT=$(mktemp -d "${TMPDIR:-/tmp}/fmp4mux-e2e-$FORMAT.XXXXXX")
+trap 'rm -rf "$OUT"' EXIT
+
+args=(-q)
+manifest=manifest.mpd
+if [ "$FORMAT" = smooth ]; then
+  args+=(-f smooth)
+  manifest=Manifest
+fi
+
+echo "run_playback_test: $FMP4MUX ${args[*]} $SAMPLE $OUT/out"
+rc=0
+timeout 120 "$FMP4MUX" "${args[@]}" "$SAMPLE" "$OUT/out" || rc=$?
+[ "$rc" -eq 0 ] || fail "fmp4mux exited with $rc"
+[ -s "$OUT/out/$manifest" ] || fail "fmp4mux wrote no $manifest"
+echo "run_playback_test: fmp4mux wrote $(find "$OUT/out" -type f | wc -l) files"
+
+if [ "$FORMAT" = dash ]; then
+  xmllint --noout --nonet --schema "$SCHEMA" "$OUT/out/$manifest" || fail "the MPD does not validate against $SCHEMA"
+else
+  xmllint --noout --nonet "$OUT/out/$manifest" || fail "the Smooth Streaming manifest is not well-formed XML"
+fi
+
+node "$HERE/play.mjs" --format "$FORMAT" --min-time 6 --timeout 40 "$OUT/out" "$manifest" ||
+  fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux"
+echo "run_playback_test: PASS ($FORMAT)"
