@@ -235,10 +235,12 @@ void NALBuilderAACLATMLOASAudio::emit() {
 }
 
 void NALBuilderAACLATMLOASAudio::flush() {
-    // A frame is only ever cut out whole: what is left at the end is incomplete.
+    // A frame is only ever cut out whole: what is left at the end is incomplete. The stream starts afresh.
     m_queue.clear();
     m_state = State::Hunting;
     m_previousWas56 = false;
+    m_configSeen = false;
+    m_sampleRate = 0;
     signalEnd();
 }
 
