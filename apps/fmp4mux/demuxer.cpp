@@ -1,0 +1,218 @@
+#include "apps/fmp4mux/demuxer.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+#include <libavutil/dict.h>
+}
+
+namespace fmp4mux {
+
+namespace {
+constexpr std::uint32_t kH264 = 2, kHevc = 17, kAdts = 4, kLatm = 5, kRawAac = 10;
+constexpr AVRational kHundredNs{1, 10000000};
+
+std::string avError(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+void putBe32(std::vector<std::uint8_t>& out, std::uint32_t v) {
+    out.push_back(static_cast<std::uint8_t>(v >> 24));
+    out.push_back(static_cast<std::uint8_t>(v >> 16));
+    out.push_back(static_cast<std::uint8_t>(v >> 8));
+    out.push_back(static_cast<std::uint8_t>(v));
+}
+}  // namespace
+
+std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc, std::uint32_t averageBitrate,
+                                           const std::uint8_t* frame, std::size_t frameSize) {
+    std::vector<std::uint8_t> out;
+    const std::size_t total = 20 + asc.size() + frameSize;
+    out.reserve(total);
+    out.insert(out.end(), {0xFF, 0xFA, 0xFA, 0xFA});
+    putBe32(out, static_cast<std::uint32_t>(total));
+    putBe32(out, averageBitrate);
+    putBe32(out, static_cast<std::uint32_t>(asc.size() * 8));
+    out.insert(out.end(), asc.begin(), asc.end());
+    putBe32(out, static_cast<std::uint32_t>(frameSize));
+    out.insert(out.end(), frame, frame + frameSize);
+    return out;
+}
+
+struct Demuxer::Impl {
+    AVFormatContext* format = nullptr;
+    // Per kept stream: its source index, an optional bitstream filter to Annex B, and how AAC is carried.
+    struct Kept {
+        int sourceIndex;
+        AVBSFContext* toAnnexB = nullptr;
+        bool rawAac = false;
+        bool adtsChecked = false;
+        std::vector<std::uint8_t> asc;
+        std::uint32_t bitrate = 0;
+        AVRational timeBase;
+    };
+    std::vector<Kept> kept;
+    std::vector<int> sourceToKept;
+
+    ~Impl() {
+        for (auto& k : kept) av_bsf_free(&k.toAnnexB);
+        if (format) avformat_close_input(&format);
+    }
+};
+
+Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string>& skipped)
+    : m_impl(std::make_unique<Impl>()) {
+    const std::string source = url == "-" ? "pipe:0" : url;
+    m_live = source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
+             source == "pipe:0";
+    AVDictionary* options = nullptr;
+    if (m_live) av_dict_set(&options, "fifo_size", "1000000", 0);
+    const int opened = avformat_open_input(&m_impl->format, source.c_str(), nullptr, &options);
+    av_dict_free(&options);
+    if (opened < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(opened));
+    const int found = avformat_find_stream_info(m_impl->format, nullptr);
+    if (found < 0) throw std::runtime_error("cannot read the streams of '" + url + "': " + avError(found));
+
+    AVFormatContext* fmt = m_impl->format;
+    m_impl->sourceToKept.assign(fmt->nb_streams, -1);
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+        const AVStream* stream = fmt->streams[i];
+        const AVCodecParameters* par = stream->codecpar;
+        StreamInfo info;
+        info.input = inputIndex;
+        info.sourceIndex = static_cast<int>(i);
+        info.codec = avcodec_get_name(par->codec_id);
+        info.bitrate = par->bit_rate;
+        if (const AVDictionaryEntry* lang = av_dict_get(stream->metadata, "language", nullptr, 0)) info.language = lang->value;
+        info.width = par->width;
+        info.height = par->height;
+        info.sampleRate = par->sample_rate;
+        info.channels = par->ch_layout.nb_channels;
+        Impl::Kept kept{static_cast<int>(i), nullptr, false, false, {}, static_cast<std::uint32_t>(par->bit_rate),
+                        stream->time_base};
+        const char* annexB = nullptr;
+        switch (par->codec_id) {
+            case AV_CODEC_ID_H264:
+                info.streamType = kH264;
+                info.kind = "video";
+                if (par->extradata_size > 0 && par->extradata[0] == 1) annexB = "h264_mp4toannexb";
+                break;
+            case AV_CODEC_ID_HEVC:
+                info.streamType = kHevc;
+                info.kind = "video";
+                if (par->extradata_size > 0 && par->extradata[0] == 1) annexB = "hevc_mp4toannexb";
+                break;
+            case AV_CODEC_ID_AAC_LATM:
+                info.streamType = kLatm;
+                info.kind = "audio";
+                break;
+            case AV_CODEC_ID_AAC:
+                info.kind = "audio";
+                // An AudioSpecificConfig in the stream header means raw frames (as in MP4); without one the frames
+                // carry ADTS headers (as in MPEG-TS).
+                if (par->extradata_size >= 2) {
+                    info.streamType = kRawAac;
+                    kept.rawAac = true;
+                    kept.asc.assign(par->extradata, par->extradata + par->extradata_size);
+                } else {
+                    info.streamType = kAdts;
+                }
+                break;
+            default: {
+                const char* type = av_get_media_type_string(par->codec_type);
+                if (par->codec_type == AVMEDIA_TYPE_VIDEO || par->codec_type == AVMEDIA_TYPE_AUDIO ||
+                    par->codec_type == AVMEDIA_TYPE_SUBTITLE)
+                    skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(i) + ": " +
+                                      (type ? type : "data") + " codec '" + info.codec + "' is not supported");
+                continue;
+            }
+        }
+        if (annexB != nullptr) {
+            const AVBitStreamFilter* filter = av_bsf_get_by_name(annexB);
+            if (filter == nullptr || av_bsf_alloc(filter, &kept.toAnnexB) < 0)
+                throw std::runtime_error(std::string("cannot create the ") + annexB + " filter");
+            avcodec_parameters_copy(kept.toAnnexB->par_in, par);
+            kept.toAnnexB->time_base_in = stream->time_base;
+            if (av_bsf_init(kept.toAnnexB) < 0) throw std::runtime_error(std::string("cannot start the ") + annexB + " filter");
+        }
+        m_impl->sourceToKept[i] = static_cast<int>(m_impl->kept.size());
+        m_impl->kept.push_back(kept);
+        m_streams.push_back(info);
+    }
+}
+
+Demuxer::~Demuxer() = default;
+
+bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop, bool realtime) {
+    AVPacket* packet = av_packet_alloc();
+    std::optional<std::int64_t> firstTime;
+    const auto wallStart = std::chrono::steady_clock::now();
+    bool ok = true;
+
+    auto emit = [&](AVPacket* p, std::size_t keptIndex) {
+        Impl::Kept& kept = m_impl->kept[keptIndex];
+        Packet out;
+        out.stream = keptIndex;
+        out.key = (p->flags & AV_PKT_FLAG_KEY) != 0;
+        if (p->pts != AV_NOPTS_VALUE) out.pts = av_rescale_q(p->pts, kept.timeBase, kHundredNs);
+        if (p->dts != AV_NOPTS_VALUE) out.dts = av_rescale_q(p->dts, kept.timeBase, kHundredNs);
+        if (p->duration > 0) out.duration = av_rescale_q(p->duration, kept.timeBase, kHundredNs);
+        if (kept.rawAac)
+            out.bytes = makeRawAacPacket(kept.asc, kept.bitrate, p->data, static_cast<std::size_t>(p->size));
+        else
+            out.bytes.assign(p->data, p->data + p->size);
+        if (realtime && (out.dts || out.pts)) {
+            // File input paced as a live source: a packet leaves when its time has come.
+            const std::int64_t t = out.dts ? *out.dts : *out.pts;
+            if (!firstTime) firstTime = t;
+            const auto due = wallStart + std::chrono::microseconds((t - *firstTime) / 10);
+            while (!stop.load() && std::chrono::steady_clock::now() < due)
+                std::this_thread::sleep_until(std::min(due, std::chrono::steady_clock::now() + std::chrono::milliseconds(50)));
+        }
+        onPacket(out);
+    };
+
+    while (!stop.load()) {
+        const int read = av_read_frame(m_impl->format, packet);
+        if (read == AVERROR_EOF) break;
+        if (read < 0) {
+            if (read == AVERROR(EAGAIN)) continue;
+            m_error = avError(read);
+            ok = false;
+            break;
+        }
+        const int keptIndex = packet->stream_index < static_cast<int>(m_impl->sourceToKept.size())
+                                  ? m_impl->sourceToKept[static_cast<std::size_t>(packet->stream_index)]
+                                  : -1;
+        if (keptIndex < 0) {
+            av_packet_unref(packet);
+            continue;
+        }
+        Impl::Kept& kept = m_impl->kept[static_cast<std::size_t>(keptIndex)];
+        if (kept.toAnnexB != nullptr) {
+            if (av_bsf_send_packet(kept.toAnnexB, packet) < 0) {
+                av_packet_unref(packet);
+                continue;
+            }
+            while (av_bsf_receive_packet(kept.toAnnexB, packet) == 0) {
+                emit(packet, static_cast<std::size_t>(keptIndex));
+                av_packet_unref(packet);
+            }
+        } else {
+            emit(packet, static_cast<std::size_t>(keptIndex));
+            av_packet_unref(packet);
+        }
+    }
+    av_packet_free(&packet);
+    return ok;
+}
+
+}  // namespace fmp4mux
