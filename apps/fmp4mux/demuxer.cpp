@@ -4,6 +4,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "packaging/imff_samples/sample_builder.h"
+#include "packaging/lib_parse_es/nal_builder.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
@@ -29,6 +32,11 @@ void putBe32(std::vector<std::uint8_t>& out, std::uint32_t v) {
     out.push_back(static_cast<std::uint8_t>(v >> 16));
     out.push_back(static_cast<std::uint8_t>(v >> 8));
     out.push_back(static_cast<std::uint8_t>(v));
+}
+bool packagerReads(std::uint32_t streamType) {
+    namespace es = tvrn::encoding::packaging::lib_parse_es;
+    namespace samples = tvrn::encoding::packaging::imff::imff_samples;
+    return es::createNalBuilder(streamType) != nullptr && samples::createSampleBuilder(streamType, false, nullptr) != nullptr;
 }
 }  // namespace
 
@@ -142,6 +150,12 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
             avcodec_parameters_copy(kept.toAnnexB->par_in, par);
             kept.toAnnexB->time_base_in = stream->time_base;
             if (av_bsf_init(kept.toAnnexB) < 0) throw std::runtime_error(std::string("cannot start the ") + annexB + " filter");
+        }
+        // A stream type that the packager cannot analyse yet would hold the session: leave it out.
+        if (!packagerReads(info.streamType)) {
+            skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(i) + ": codec '" +
+                              info.codec + "' is not supported by this packager");
+            continue;
         }
         m_impl->sourceToKept[i] = static_cast<int>(m_impl->kept.size());
         m_impl->kept.push_back(kept);

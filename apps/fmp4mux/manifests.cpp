@@ -229,9 +229,14 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
 }
 
 std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std::uint32_t dvrWindowSeconds) {
-    std::uint64_t duration = 0;
-    for (const auto& t : tracks)
-        if (!t.segments.empty()) duration = std::max(duration, t.segments.back().time + t.segments.back().duration);
+    // The presentation runs from the earliest chunk to the end of the latest one.
+    std::uint64_t first = UINT64_MAX, end = 0;
+    for (const auto& t : tracks) {
+        if (t.segments.empty()) continue;
+        first = std::min(first, t.segments.front().time);
+        end = std::max(end, t.segments.back().time + t.segments.back().duration);
+    }
+    const std::uint64_t duration = end > first ? end - first : 0;
     std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
     out += "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"2\" TimeScale=\"10000000\" Duration=\"" +
            std::to_string(live ? 0 : duration) + "\"";

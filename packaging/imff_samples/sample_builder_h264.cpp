@@ -1,5 +1,8 @@
 #include "packaging/imff_samples/sample_builder_h264.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "packaging/lib_parse_es/nal_h264_hevc.h"
 
 namespace tvrn::encoding::packaging::imff::imff_samples {
@@ -101,11 +104,15 @@ void SampleBuilderH264::onSlice(NALH264_HEVC& nal, std::uint8_t nalUnitType, std
         manager.baseTime = to90kHz(timing.time);
         manager.haveFirstOutputTick = false;
     }
-    std::uint32_t rbspSize = 0;
-    const std::uint8_t* rbsp = nal.getRbsp(rbspSize);
+    // The slice header fields read here (three codes, colour plane, frame_num, field flag) lie within its first
+    // 30 bytes of RBSP: only a prefix of the unit is unescaped, not the whole slice, which would cost a
+    // byte-by-byte pass over every picture.
+    constexpr std::uint32_t kSliceHeaderPrefix = 64;
+    const std::vector<std::uint8_t> head =
+        lib_parse_es::unescapeRbsp(nal.bytes(), std::min(nal.length, kSliceHeaderPrefix));
     int ppsId = -1;
     int spsId = -1;
-    const bool timesMade = manager.addSlice(rbsp, rbspSize, ppsId, spsId);
+    const bool timesMade = manager.addSlice(head.data(), head.size(), ppsId, spsId);
     if (!timing.hasTime) return;  // no timestamp yet in this stream
 
     const std::int64_t pts = to90kHz(timing.time);

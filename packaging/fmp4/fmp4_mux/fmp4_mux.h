@@ -48,13 +48,18 @@ struct ChunksBuilderParams {
     const Fmp4MuxConfig* config;
     bool driftDetection;
     tvrn::log::ILogger* logger;
+    // Milliseconds since 1970 UTC, read by the drift check; empty for the system clock.
+    std::function<std::int64_t()> utcClockMs = {};
 };
 
 std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params);
+// The system's chunk builder.
+std::unique_ptr<IChunksBuilder> makeChunksBuilder(const ChunksBuilderParams& params);
 
 // The factories of the session's parts. The defaults are the system's own parts.
 struct Fmp4MuxParts {
-    std::function<std::unique_ptr<IChunksBuilder>(const ChunksBuilderParams&)> makeChunksBuilder;
+    std::function<std::unique_ptr<IChunksBuilder>(const ChunksBuilderParams&)> makeChunksBuilder =
+        fmp4::makeChunksBuilder;
     std::function<std::unique_ptr<ISampleSynchronizator>(const SegmentSynchronizatorParams&)> makeSegmentSynchronizator =
         makeSampleSegmentSynchronisator;
     std::function<std::unique_ptr<ISampleSynchronizator>(const LowLatencySynchronizatorParams&)>

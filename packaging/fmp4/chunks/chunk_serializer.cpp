@@ -1,0 +1,141 @@
+#include "packaging/fmp4/chunks/chunk_serializer.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "packaging/imff_box/fragment_builder.h"
+#include "packaging/imff_box/movie_boxes.h"
+#include "packaging/imff_box/vendor_boxes.h"
+#include "support/exceptions/corvane_exception.h"
+#include "support/text/fraction.h"
+
+namespace tvrn::encoding::packaging::imff::fmp4 {
+inline namespace v7_2 {
+
+using namespace imff_box;
+
+namespace {
+
+constexpr std::uint64_t kHundredNs = 10000000;
+
+std::vector<const ISample*> boxSamples(const StreamChunk& chunk) {
+    std::vector<const ISample*> samples;
+    samples.reserve(chunk.samples.size());
+    for (const auto& s : chunk.samples)
+        if (const auto* sample = dynamic_cast<const ISample*>(s.get())) samples.push_back(sample);
+    return samples;
+}
+
+// The earliest presentation time of the fragments' samples at `timescale`; none when they hold no sample.
+bool earliestPresentation(const std::vector<TrackFragment>& fragments, std::uint64_t timescale, std::int64_t& out) {
+    bool found = false;
+    for (const TrackFragment& fragment : fragments)
+        for (const ISample* sample : fragment.samples) {
+            std::int64_t pts = 0;
+            std::uint64_t rate = 0;
+            if (!sample->getPts(pts) || !sample->getTimescale(rate) || rate == 0) continue;
+            const std::int64_t scaled = rescale(pts, rate, timescale);
+            out = found ? std::min(out, scaled) : scaled;
+            found = true;
+        }
+    return found;
+}
+
+std::uint32_t clamp32(std::uint64_t value) {
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(value, std::numeric_limits<std::uint32_t>::max()));
+}
+
+}  // namespace
+
+ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
+    if (p.timescale == 0 || p.timescale > std::numeric_limits<std::uint32_t>::max())
+        throw CorvaneException("invalid chunk timescale");
+    // The pssh boxes of a segment start come from the encryption provider, which the session does not have.
+    if (p.dash && p.psshInFragments && p.atSegmentStart) throw CorvaneException("No Encryption Provider Specified");
+
+    std::vector<ChunkTrack> tracks = p.tracks;
+    std::stable_sort(tracks.begin(), tracks.end(),
+                     [](const ChunkTrack& a, const ChunkTrack& b) { return a.trackId < b.trackId; });
+
+    const std::uint64_t duration =
+        p.timescale == kHundredNs ? p.chunkDuration : mulDivU(p.chunkDuration, p.timescale, kHundredNs);
+
+    auto moof = std::make_shared<Box>(fourCC("moof"));
+    // pssh boxes of an encrypted fragment go here, before mfhd.
+    moof->addChild(std::make_shared<MovieFragmentHeaderBox>(static_cast<std::uint32_t>(p.chunkNumber)));
+    std::vector<TrackFragment> fragments;
+    fragments.reserve(tracks.size());
+    std::uint64_t payload = 0;
+    for (const ChunkTrack& track : tracks) {
+        TrackFragmentParameters t;
+        t.trackId = track.trackId;
+        t.video = track.contentType == ChunkVideo;
+        t.sampleDescriptionIndex = track.chunk && track.chunk->sampleDescriptionIndex ? track.chunk->sampleDescriptionIndex : 1;
+        t.segmentDuration = duration;
+        t.trackTimescale = static_cast<std::uint32_t>(p.timescale);
+        t.timestampOffset = p.negatedOrigin;
+        t.dash = p.dash;
+        t.writeSampleDescriptionIndex = p.allVideoInInit;
+        fragments.push_back(TrackFragmentBuilder::build(t, track.chunk ? boxSamples(*track.chunk) : std::vector<const ISample*>{}));
+        moof->addChild(fragments.back().traf);
+        payload += fragments.back().payloadSize;
+    }
+    auto mdat = std::make_shared<MediaDataBox>(payload);
+    const std::uint64_t moofSize = moof->getSize();
+    const std::uint64_t mdatHeader = mdat->getSize() - payload;
+
+    // Data offsets: DASH counts every run from the start of moof; without default-base-is-moof the first track
+    // fragment counts from moof and each later one from the end of the data of the one before.
+    std::uint64_t before = 0;
+    for (std::size_t i = 0; i < fragments.size(); ++i) {
+        const std::uint64_t offset = p.dash || i == 0 ? moofSize + mdatHeader + before : 0;
+        if (offset > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max()))
+            throw CorvaneException("chunk too large for its data offsets");
+        fragments[i].trun->setDataOffset(static_cast<std::int32_t>(offset));
+        before += fragments[i].payloadSize;
+    }
+
+    BoxList head;
+    BoxList tail;
+    if (p.dash) {
+        if (p.atSegmentStart)
+            head.push_back(std::make_shared<TovraneBoxWith64bitsNumber>(TovraneBoxWith64bitsNumber::kNumberSequenceStart,
+                                                                        p.segmentNumber));
+        head.push_back(std::make_shared<SegmentTypeBox>(fourCC("msdh"), 0,
+                                                        std::vector<FourCC>{fourCC("msdh"), fourCC("msix")}));
+        // In-band event messages (emsg) go here, before sidx.
+        std::int64_t earliest = 0;
+        const bool any = earliestPresentation(fragments, p.timescale, earliest);
+        const std::int64_t ept = any ? earliest + p.negatedOrigin : 0;
+        auto sidx = std::make_shared<SegmentIndexBox>(tracks.empty() ? 1 : tracks.front().trackId,
+                                                      static_cast<std::uint32_t>(p.timescale),
+                                                      static_cast<std::uint64_t>(std::max<std::int64_t>(ept, 0)));
+        std::uint8_t sap = 0;
+        for (const TrackFragment& f : fragments)
+            if (!f.samples.empty()) {
+                sap = static_cast<std::uint8_t>(std::min<std::uint32_t>(f.samples.front()->getSapType(), 7));
+                break;
+            }
+        sidx->addReference(clamp32(moofSize + mdat->getSize()), clamp32(duration), sap);
+        head.push_back(sidx);
+        tail.push_back(std::make_shared<TovraneBoxWith64bitsNumber>(TovraneBoxWith64bitsNumber::kEndOfChunk, p.chunkNumber));
+        if (p.lastOfSegment)
+            tail.push_back(std::make_shared<TovraneBoxWith64bitsNumber>(TovraneBoxWith64bitsNumber::kEndOfSegment,
+                                                                        p.segmentNumber));
+    }
+    head.push_back(moof);
+    head.push_back(mdat);
+
+    ChunkBytes out;
+    out.size = getBoxesSize(head) + getBoxesSize(tail);
+    out.data.reset(new std::uint8_t[out.size]);  // every byte is written below: no zero fill
+    ImffBitWriter writer(out.data.get(), out.size);
+    for (const auto& box : head) binarizeChecked(*box, writer);
+    for (const TrackFragment& fragment : fragments) TrackFragmentBuilder::writePayload(fragment, writer);
+    for (const auto& box : tail) binarizeChecked(*box, writer);
+    if (writer.getBytePosition() != out.size) throw CorvaneException("chunk size mismatch");
+    return out;
+}
+
+}  // namespace v7_2
+}  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -1,0 +1,328 @@
+#include "packaging/fmp4/chunks/chunks_builder.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <limits>
+
+#include "packaging/fmp4/chunks/chunk_serializer.h"
+#include "packaging/fmp4/chunks/init_chunk.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "support/text/fraction.h"
+
+namespace tvrn::encoding::packaging::imff::fmp4 {
+inline namespace v7_2 {
+
+using tvrn::log::LOG_WARNING;
+
+namespace {
+
+constexpr std::uint64_t kHundredNs = 10000000;
+constexpr std::int64_t kUnitsPerMs = 10000;
+constexpr std::int64_t kAllStartsTolerance = 150 * kUnitsPerMs;
+constexpr std::int64_t kVideoStartsTolerance = 50 * kUnitsPerMs;
+
+using ull = unsigned long long;
+using ll = long long;
+
+std::string format(const char* fmt, auto... args) {
+    char text[512];
+    std::snprintf(text, sizeof text, fmt, args...);
+    return text;
+}
+
+}  // namespace
+
+std::int64_t systemUtcMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::unique_ptr<IChunksBuilder> makeChunksBuilder(const ChunksBuilderParams& params) {
+    return std::make_unique<ChunksBuilder>(params);
+}
+
+std::optional<std::string> syncPointFailure(const SegmentChunks& segments, std::uint64_t segmentDurationMs) {
+    if (segments.chunks.empty()) return std::string("Empty segment");
+    std::int64_t minimum = std::numeric_limits<std::int64_t>::max();
+    std::int64_t maximum = std::numeric_limits<std::int64_t>::min();
+    std::int64_t minimumVideo = minimum;
+    std::int64_t maximumVideo = maximum;
+    std::string starts = "pts(ms) ";
+    for (const auto& [id, chunk] : segments.chunks) {
+        if (!chunk) continue;
+        const std::uint64_t durationMs = chunk->duration / kUnitsPerMs;
+        // At most 1.25 times the segment duration, in integers: 4 d <= 5 D.
+        if (static_cast<unsigned __int128>(durationMs) * 4 > static_cast<unsigned __int128>(segmentDurationMs) * 5)
+            return format("Invalid duration %llu ms", static_cast<ull>(durationMs));
+        const bool video = chunkIsVideo(*chunk);
+        const bool audio = chunkIsAudio(*chunk);
+        if (!video && !audio) continue;  // text and metadata do not take part in the alignment
+        const std::int64_t start = chunkStartTime(*chunk, kHundredNs);
+        minimum = std::min(minimum, start);
+        maximum = std::max(maximum, start);
+        if (video) {
+            minimumVideo = std::min(minimumVideo, start);
+            maximumVideo = std::max(maximumVideo, start);
+        }
+        starts += format(video ? "V%d=%llu " : "A%d=%llu ", static_cast<int>(id), static_cast<ull>(start / kUnitsPerMs));
+    }
+    if (maximum != std::numeric_limits<std::int64_t>::min() && maximum - minimum > kAllStartsTolerance)
+        return format("Mis-aligned segments start times: delta = %llu ms : %s",
+                      static_cast<ull>((maximum - minimum) / kUnitsPerMs), starts.c_str());
+    if (maximumVideo != std::numeric_limits<std::int64_t>::min() && maximumVideo - minimumVideo > kVideoStartsTolerance)
+        return format("Mis-aligned video segments start times: min = %llu ms, max = %llu ms",
+                      static_cast<ull>(maximumVideo / kUnitsPerMs), static_cast<ull>(minimumVideo / kUnitsPerMs));
+    return std::nullopt;
+}
+
+ChunksBuilder::ChunksBuilder(const ChunksBuilderParams& params)
+    : m_dash(params.outputFormat != Smooth),
+      m_config(*params.config),
+      m_driftDetection(params.driftDetection),
+      m_clock(params.utcClockMs ? params.utcClockMs : std::function<std::int64_t()>(systemUtcMs)),
+      m_logger(*params.logger) {}
+
+ChunksBuilder::~ChunksBuilder() = default;
+
+void ChunksBuilder::AddStream(std::uint32_t streamId, std::uint32_t trackId,
+                              const ElementaryStreamAttributes& attributes) {
+    ChunkStreamRecord record;
+    record.attributes = attributes;
+    record.trackId = trackId;
+    m_streams[streamId] = std::move(record);
+    m_attributes[streamId] = attributes;
+}
+
+void ChunksBuilder::SetOutputs(const std::vector<ChunkOutputSeed>& outputs, bool inBandParameterSets,
+                               bool psshInFragments, bool allVideoInInit) {
+    // The three flags are a DASH matter.
+    m_inBandParameterSets = m_dash && inBandParameterSets;
+    m_psshInFragments = m_dash && psshInFragments;
+    m_allVideoInInit = m_dash && allVideoInInit;
+    m_outputs.clear();
+    int index = 0;
+    for (const ChunkOutputSeed& seed : outputs) {
+        ChunkOutput output;
+        output.name = seed.name;
+        output.streamIds = seed.streamIds;
+        output.output = seed.output;
+        output.firstNumber = seed.firstNumber;
+        // The first number applies to chunks; segments always count from 1.
+        output.chunkNumber = seed.firstNumber;
+        output.segmentNumber = 1;
+        m_outputs[index++] = std::move(output);
+    }
+}
+
+void ChunksBuilder::SetDefaultParentalRating(std::uint32_t age) { m_defaultRatingAge = age; }
+
+std::string ChunksBuilder::labelOf(int index, const ChunkOutput& output) const {
+    return outputLabel(index, output.streamIds, m_attributes);
+}
+
+std::uint64_t ChunksBuilder::segmentMs(const ChunkOutput& output) const {
+    if (output.timebaseDenominator == 0) return 0;
+    return mulDivU(output.segmentDuration, 1000, output.timebaseDenominator);
+}
+
+void ChunksBuilder::OnFirstSegments(const SegmentChunks& first, std::uint64_t timebase, std::uint64_t chunkDuration,
+                                    std::uint64_t segmentDuration) {
+    const ManifestDurations durations{timebase, segmentDuration, chunkDuration};
+    for (auto& [index, output] : m_outputs) {
+        // Timed-text outputs get an init chunk without encryption context; they have no sample entry yet.
+        InitChunk init(output.name, m_dash);
+        bool added = false;
+        for (const std::int32_t id : output.streamIds) {
+            const auto stream = m_streams.find(static_cast<std::uint32_t>(id));
+            const auto present = first.chunks.find(static_cast<std::uint32_t>(id));
+            if (stream == m_streams.end() || present == first.chunks.end() || !present->second) continue;
+            const ElementaryStreamAttributes& attributes = stream->second.attributes;
+            output.timebaseDenominator = timebase;
+            output.chunkDuration = chunkDuration;
+            output.segmentDuration = segmentDuration;
+            output.timescale = kHundredNs;
+            if (m_dash && isAudio(attributes.type) && output.streamIds.size() == 1 &&
+                (m_config.tag() == 2 || m_config.tag() == 3))
+                output.timescale = timebase;
+
+            if (isVideo(attributes.type) && m_allVideoInInit) {
+                // Every video stream as one more sample entry of track 1, all described by this output's stream.
+                for (auto& [otherId, other] : m_streams) {
+                    const auto otherChunk = first.chunks.find(otherId);
+                    if (!isVideo(other.attributes.type) || otherChunk == first.chunks.end() || !otherChunk->second)
+                        continue;
+                    const std::int32_t entry = init.AddStream(
+                        other.trackId, static_cast<std::uint32_t>(output.timescale), durations, other.attributes.type,
+                        attributes, m_inBandParameterSets, *otherChunk->second, otherId == stream->first);
+                    if (entry > 0) other.sampleDescriptionIndex = static_cast<std::uint32_t>(entry);
+                    added = added || entry != 0;
+                }
+            } else {
+                const std::int32_t entry =
+                    init.AddStream(stream->second.trackId, static_cast<std::uint32_t>(output.timescale), durations,
+                                   attributes.type, attributes, m_inBandParameterSets, *present->second, true);
+                if (entry > 0) stream->second.sampleDescriptionIndex = static_cast<std::uint32_t>(entry);
+                added = added || entry != 0;
+            }
+        }
+        output.atSegmentStart = true;
+        if (!added || output.output == nullptr) continue;
+        const std::vector<std::uint8_t> bytes = init.Serialise();
+        output.output->Write(bytes.data(), bytes.size(), nullptr, 0, true, false, false, 0);
+    }
+}
+
+void ChunksBuilder::OnChunks(const SegmentChunks& segments, bool last) {
+    if (m_outputs.empty() || segments.empty()) return;
+    if (!m_sessionStartMs) {
+        m_sessionStartMs = m_clock();
+    } else if (m_driftDetection) {
+        checkDrift(segments);
+    }
+    if (m_aligned) {
+        buildChunk(segments, last);
+        return;
+    }
+    // Hold until every registered stream has delivered, so that the time origin is the earliest of them all.
+    for (const auto& [id, chunk] : segments.chunks) {
+        if (!chunk || chunk->samples.empty()) continue;
+        const std::int64_t start = chunkStartTime(*chunk, kHundredNs);
+        const auto known = m_earliest.find(id);
+        if (known == m_earliest.end())
+            m_earliest[id] = start;
+        else
+            known->second = std::min(known->second, start);
+    }
+    m_held.push_back({segments, last});
+    if (m_earliest.size() < m_streams.size()) return;
+    m_timeOrigin = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [id, time] : m_earliest) m_timeOrigin = std::min(m_timeOrigin, time);
+    m_earliest.clear();
+    m_aligned = true;
+    std::deque<HeldChunks> held;
+    held.swap(m_held);
+    for (const HeldChunks& entry : held) buildChunk(entry.segments, entry.last);
+}
+
+void ChunksBuilder::checkDrift(const SegmentChunks& segments) {
+    const std::int64_t elapsed = m_clock() - *m_sessionStartMs;
+    for (auto& [index, output] : m_outputs) {
+        if (!output.atSegmentStart) continue;
+        const std::uint64_t ms = segmentMs(output);
+        if (ms == 0) continue;
+        const std::uint64_t expected = static_cast<std::uint64_t>(std::max<std::int64_t>(elapsed, 0)) / ms + 1;
+        const std::uint64_t current = output.segmentNumber;
+        if (segmentNumberWithinTolerance(current, expected)) continue;
+        const std::string noted = format("segment %llu is expected (drift of %lld ms)", static_cast<ull>(expected),
+                                         static_cast<ll>(elapsed - static_cast<std::int64_t>((current - 1) * ms)));
+        if (const auto reason = syncPointFailure(segments, ms)) {
+            m_logger.WriteMsg(LOG_WARNING, "drift detected but segments do not comply whith sync. point (%s).",
+                              reason->c_str());
+            continue;
+        }
+        // A new numbering and a new time origin start at this chunk, marked as a discontinuity.
+        m_aligned = false;
+        m_earliest.clear();
+        for (const std::int32_t id : output.streamIds) {
+            const auto chunk = segments.chunks.find(static_cast<std::uint32_t>(id));
+            if (chunk != segments.chunks.end() && chunk->second) chunk->second->discontinuity = 1;
+        }
+        m_logger.WriteMsg(LOG_WARNING, "%s : segment #%llu : drift detected : %s : new sequence number is %llu",
+                          labelOf(index, output).c_str(), static_cast<ull>(current), noted.c_str(),
+                          static_cast<ull>(expected));
+        output.segmentNumber = expected;
+    }
+}
+
+void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
+    // With an encryption provider: the key update at mid-chunk and the sample encryption run here, and the
+    // parental rating map and timed-text builders take the chunk, each with its own issue.
+    for (auto& [index, output] : m_outputs) {
+        std::vector<ChunkTrack> tracks;
+        bool discontinuity = false;
+        bool dataIdPresent = false;
+        std::uint64_t dataId = 0;
+        std::int64_t chunkTime = 0;
+        std::uint64_t chunkDuration = 0;
+        for (const std::int32_t id : output.streamIds) {
+            const auto record = m_streams.find(static_cast<std::uint32_t>(id));
+            const auto found = segments.chunks.find(static_cast<std::uint32_t>(id));
+            if (record == m_streams.end() || found == segments.chunks.end() || !found->second ||
+                found->second->samples.empty())
+                continue;
+            StreamChunk& chunk = *found->second;
+            chunk.sampleDescriptionIndex = record->second.sampleDescriptionIndex;
+            discontinuity = discontinuity || chunk.discontinuity != 0;
+            if (!dataIdPresent && chunk.dataIdPresent) {
+                dataIdPresent = true;
+                dataId = chunk.dataId;
+            }
+            const bool video = chunkIsVideo(chunk);
+            // The first chunk gives time and duration; a later video chunk overrides them, a later other chunk
+            // only fills a duration still missing.
+            if (tracks.empty() || video || chunkDuration == 0) {
+                chunkTime = chunkStartTime(chunk, kHundredNs);
+                chunkDuration = chunk.duration;
+            }
+            tracks.push_back({record->second.trackId, chunkContentType(chunkFirstKind(chunk)), &chunk});
+        }
+        const std::string label = labelOf(index, output);
+        if (tracks.empty()) {
+            if (!m_dash) continue;
+            if (m_config.tag() >= 2) continue;
+            m_logger.WriteMsg(LOG_WARNING, "%s : missing chunk detected %llu : incr seq. num. anyway", label.c_str(),
+                              static_cast<ull>(output.chunkNumber));
+        }
+
+        ChunkSerialisationParameters p;
+        p.tracks = std::move(tracks);
+        p.segmentNumber = output.segmentNumber;
+        p.chunkNumber = output.chunkNumber;
+        p.chunkDuration = chunkDuration;
+        p.atSegmentStart = output.atSegmentStart;
+        p.lastOfSegment = last;
+        p.dash = m_dash;
+        p.allVideoInInit = m_allVideoInInit;
+        p.psshInFragments = m_psshInFragments;
+        p.timescale = output.timescale;
+        p.negatedOrigin = -rescale(m_timeOrigin, kHundredNs, output.timescale);
+        const ChunkBytes bytes = serialiseChunk(p);
+
+        const bool written = output.output != nullptr &&
+                             output.output->Write(bytes.data.get(), bytes.size, &chunkTime, 0, false, discontinuity,
+                                                  dataIdPresent, dataId);
+        if (!written)
+            m_logger.WriteMsg(LOG_WARNING, "%s : drop segment %llu buffer (%llu kbytes) ", label.c_str(),
+                              static_cast<ull>(output.segmentNumber), static_cast<ull>(bytes.size / 1000));
+        ++output.chunkNumber;
+        if (last) ++output.segmentNumber;
+        output.atSegmentStart = last;
+    }
+}
+
+void ChunksBuilder::OnEndOfStream() {
+    for (auto& [index, output] : m_outputs)
+        if (output.output != nullptr) output.output->EndOfStream();
+}
+
+void ChunksBuilder::OnRestart() {
+    if (m_sessionStartMs) {
+        const std::int64_t elapsed = std::max<std::int64_t>(m_clock() - *m_sessionStartMs, 0);
+        for (auto& [index, output] : m_outputs) {
+            const std::uint64_t ms = segmentMs(output);
+            if (ms == 0) continue;
+            const std::uint64_t number = static_cast<std::uint64_t>(elapsed) / ms + output.firstNumber;
+            if (number == output.segmentNumber) continue;
+            m_logger.WriteMsg(LOG_WARNING, "%s : resynchronize: segment number changes from %llu to %llu",
+                              labelOf(index, output).c_str(), static_cast<ull>(output.segmentNumber),
+                              static_cast<ull>(number));
+            output.segmentNumber = number;
+        }
+    }
+    m_aligned = false;
+    m_earliest.clear();
+}
+
+}  // namespace v7_2
+}  // namespace tvrn::encoding::packaging::imff::fmp4

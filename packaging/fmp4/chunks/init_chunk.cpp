@@ -1,0 +1,65 @@
+#include "packaging/fmp4/chunks/init_chunk.h"
+
+#include "packaging/fmp4/chunks/video_sample_entry.h"
+#include "packaging/imff_box/movie_boxes.h"
+#include "packaging/imff_box/vendor_boxes.h"
+
+namespace tvrn::encoding::packaging::imff::fmp4 {
+inline namespace v7_2 {
+
+namespace {
+void putBigEndian32(std::uint8_t* at, std::uint32_t value) {
+    at[0] = static_cast<std::uint8_t>(value >> 24);
+    at[1] = static_cast<std::uint8_t>(value >> 16);
+    at[2] = static_cast<std::uint8_t>(value >> 8);
+    at[3] = static_cast<std::uint8_t>(value);
+}
+std::uint32_t getBigEndian32(const std::uint8_t* at) {
+    return (std::uint32_t{at[0]} << 24) | (std::uint32_t{at[1]} << 16) | (std::uint32_t{at[2]} << 8) | at[3];
+}
+constexpr std::uint8_t kEmptyMfra[8] = {0, 0, 0, 8, 'm', 'f', 'r', 'a'};
+}  // namespace
+
+InitChunk::InitChunk(std::string name, bool dash) : m_dash(dash), m_manifest(std::move(name), dash), m_movie(dash) {}
+
+InitChunk::~InitChunk() = default;
+
+std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale, const ManifestDurations& durations,
+                                  std::uint32_t streamType, const ElementaryStreamAttributes& attributes,
+                                  bool inBandParameterSets, const StreamChunk& firstChunk, bool isMain) {
+    if (streamType != H264_VIDEO && streamType != HEVC_VIDEO) return 0;
+    // The in-band entries ("avc3", "hev1") are a DASH matter; Smooth Streaming clients know "avc1" and "hvc1".
+    VideoSampleEntryResult video = makeVideoSampleEntry(streamType, firstChunk, m_dash && inBandParameterSets);
+    if (!video.entry) return 0;
+    // An encryption provider with keys wraps the entry here (its name changes to "encv").
+    const std::uint32_t width = video.entry->width;
+    const std::uint32_t height = video.entry->height;
+    const std::uint32_t index =
+        m_movie.addTrack(trackId, timescale, imff_box::TRACK_VIDEO, video.entry, width, height);
+    if (isMain) m_manifest.AddVideo(trackId, video.manifest, attributes, durations);
+    return static_cast<std::int32_t>(index);
+}
+
+std::vector<std::uint8_t> InitChunk::Serialise() {
+    m_movie.addBox(std::make_shared<imff_box::LiveServerManifestBox>(m_manifest.ToXml()));
+    const imff_box::BoxList boxes = m_movie.getBoxes();
+    const std::uint64_t movieSize = imff_box::getBoxesSize(boxes);
+    std::vector<std::uint8_t> bytes(8 + movieSize + sizeof kEmptyMfra);
+    imff_box::ImffBitWriter writer(bytes.data() + 8, movieSize);
+    for (const auto& box : boxes) imff_box::binarizeChecked(*box, writer);
+    putBigEndian32(bytes.data(), static_cast<std::uint32_t>(movieSize));
+    putBigEndian32(bytes.data() + 4, sizeof kEmptyMfra);
+    std::copy(std::begin(kEmptyMfra), std::end(kEmptyMfra), bytes.begin() + 8 + static_cast<std::ptrdiff_t>(movieSize));
+    return bytes;
+}
+
+std::vector<std::uint8_t> initChunkMoviePart(const std::uint8_t* data, std::size_t size) {
+    if (size < 8) return {};
+    const std::uint64_t movie = getBigEndian32(data);
+    const std::uint64_t index = getBigEndian32(data + 4);
+    if (8 + movie + index != size) return {};
+    return std::vector<std::uint8_t>(data + 8, data + 8 + movie);
+}
+
+}  // namespace v7_2
+}  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -1,0 +1,472 @@
+// The chunk builder on hand-made samples: the bytes of one DASH and one Smooth Streaming chunk worked out from
+// ISO/IEC 14496-12 field by field, numbering, the hold for the time origin, missing chunks, dropped writes,
+// and the drift rule with its limits.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "packaging/fmp4/chunks/chunks_builder.h"
+#include "packaging/fmp4/chunks/init_chunk.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "tests/packaging/fmp4/chunk_test_support.h"
+#include "tests/packaging/fmp4/fakes.h"
+#include "tests/packaging/imff_box/hex_bytes.h"
+
+namespace chunk_test {
+namespace {
+
+using box_test::hex;
+namespace samples = tvrn::encoding::packaging::imff::imff_samples;
+
+// A sample at 90 kHz holding `payload`.
+std::shared_ptr<ISyncSample> sampleOf(std::uint32_t streamId, std::int32_t kind, std::uint32_t type, std::int64_t dts,
+                                      std::int64_t pts, bool sync, const Bytes& payload) {
+    auto sample = std::make_shared<samples::Sample>();
+    sample->streamId = streamId;
+    sample->kind = kind;
+    sample->inputType = type;
+    sample->hasTimescale = true;
+    sample->timescale = 90000;
+    sample->hasDts = sample->hasPts = sample->hasDuration = true;
+    sample->dts = dts;
+    sample->pts = pts;
+    sample->duration = 3600;
+    sample->sync = sync;
+    sample->sapType = sync ? 1 : 0;
+    auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(payload.size()));
+    if (!payload.empty()) nal->append(payload.data(), static_cast<std::uint32_t>(payload.size()));
+    sample->addNal(std::move(nal));
+    return std::make_shared<Fmp4Sample>(sample);
+}
+
+std::shared_ptr<StreamChunk> chunkOf(std::vector<std::shared_ptr<ISyncSample>> samples, std::uint64_t duration) {
+    auto chunk = std::make_shared<StreamChunk>();
+    chunk->samples = std::move(samples);
+    chunk->duration = duration;
+    return chunk;
+}
+
+// A one-second video chunk of two frames starting at `seconds` on the 90 kHz clock.
+std::shared_ptr<StreamChunk> videoSecond(std::uint32_t streamId, std::int64_t seconds) {
+    const std::int64_t t = seconds * 90000;
+    return chunkOf({sampleOf(streamId, samples::KindVideo, H264_VIDEO, t, t, true, {1, 2}),
+                    sampleOf(streamId, samples::KindVideo, H264_VIDEO, t + 45000, t + 45000, false, {3})},
+                   10000000);
+}
+
+SegmentChunks segmentsOf(std::map<std::uint32_t, std::shared_ptr<StreamChunk>> chunks) {
+    SegmentChunks s;
+    s.chunks = std::move(chunks);
+    s.count = static_cast<std::uint32_t>(s.chunks.size());
+    return s;
+}
+
+struct Session {
+    explicit Session(OutputFormat format, Fmp4MuxConfig config = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0))
+        : config(std::move(config)) {
+        ChunksBuilderParams params{format, &this->config, true, &logger};
+        params.utcClockMs = [this] { return nowMs; };
+        builder = std::make_unique<ChunksBuilder>(params);
+    }
+    // Registers video streams (ids 0..n-1, 300 kbit/s) with one output each, and starts the session with
+    // one-second segments on a 1000 timebase.
+    void start(int streams, std::uint64_t firstNumber = 1, bool pssh = false) {
+        std::vector<ChunkOutputSeed> seeds;
+        for (int i = 0; i < streams; ++i) {
+            ElementaryStreamAttributes a;
+            a.type = H264_VIDEO;
+            a.bandwidth = 300000;
+            builder->AddStream(static_cast<std::uint32_t>(i), 1, a);
+            seeds.push_back({"", {i}, &outputs[i], firstNumber});
+        }
+        builder->SetOutputs(seeds, false, pssh, false);
+        std::map<std::uint32_t, std::shared_ptr<StreamChunk>> first;
+        for (int i = 0; i < streams; ++i) first[static_cast<std::uint32_t>(i)] = std::make_shared<StreamChunk>();
+        builder->OnFirstSegments(segmentsOf(first), 1000, 1000, 1000);
+    }
+    std::vector<WrittenChunk> media(int output) const {
+        std::vector<WrittenChunk> out;
+        for (const auto& c : outputs[output].chunks())
+            if (!c.init) out.push_back(c);
+        return out;
+    }
+    // The value of the first top-level box of `type` in a chunk, or 0.
+    static std::uint64_t numberBox(const WrittenChunk& chunk, const std::string& type) {
+        BoxInfo box;
+        return findBox(chunk.bytes, type, box) ? be64(&chunk.bytes[box.offset + 12]) : 0;
+    }
+
+    Fmp4MuxConfig config;
+    fmp4_test::RecordingLogger logger;
+    std::int64_t nowMs = 1000000;
+    KeepingOutput outputs[3];
+    std::unique_ptr<ChunksBuilder> builder;
+};
+
+// Two pictures at 10 s on the 90 kHz clock: an IDR decoded at 900000 and shown at 907200 (4 payload bytes), and a
+// picture decoded and shown at 903600 (2 bytes). The chunk lasts 80 ms. In 100 ns units the origin is 100000000.
+SegmentChunks smallChunk() {
+    return segmentsOf({{0, chunkOf({sampleOf(0, samples::KindVideo, H264_VIDEO, 900000, 907200, true, {0xAA, 0xBB, 0xCC, 0xDD}),
+                                    sampleOf(0, samples::KindVideo, H264_VIDEO, 903600, 903600, false, {0xEE, 0xFF})},
+                                   800000)}});
+}
+
+TEST(ChunkBytes, DashChunkAsWorkedOutFromTheStandard) {
+    Session s(Dash);
+    s.start(1, 100);
+    s.builder->OnChunks(smallChunk(), true);
+    const auto chunks = s.media(0);
+    ASSERT_EQ(chunks.size(), 1u);
+    const Bytes expected = hex(
+        // tnsb: full box, version 0, the segment number 1
+        "00000014 'tnsb' 00000000 0000000000000001"
+        // styp: major brand msdh, minor 0, compatible msdh msix
+        "00000018 'styp' 'msdh' 00000000 'msdh' 'msix'"
+        // sidx v1: reference_ID 1, timescale 10000000, earliest presentation 903600 ticks = 100400000 less the
+        // origin, first_offset 0, reserved, 1 reference: type 0 and size of moof + mdat = 116 + 14, duration 80 ms,
+        // starts_with_SAP 1, SAP_type 1, delta 0
+        "00000034 'sidx' 01000000 00000001 00989680 0000000000061A80 0000000000000000 0000 0001"
+        "00000082 000C3500 90000000"
+        // moof, mfhd with the chunk number 100 (the first number)
+        "00000074 'moof' 00000010 'mfhd' 00000000 00000064"
+        // traf: tfhd with default-base-is-moof only, track 1; tfdt v1 0 (the origin)
+        "0000005C 'traf' 00000010 'tfhd' 00020000 00000001 00000014 'tfdt' 01000000 0000000000000000"
+        // trun: data offset, first sample flags, duration, size, composition offset; 2 samples; data at moof
+        // size + mdat header = 124; first sample flags: depends on none (2), depended on (1)
+        "00000030 'trun' 00000B05 00000002 0000007C 02400000"
+        "00061A80 00000004 000C3500"  // 40 ms, 4 bytes, shown 80 ms after decoding
+        "00061A80 00000002 00000000"  // the rest of the 80 ms, 2 bytes
+        // mdat with both payloads
+        "0000000E 'mdat' AABBCCDD EEFF"
+        // teoc with the chunk number, teos with the segment number
+        "00000014 'teoc' 00000000 0000000000000064"
+        "00000014 'teos' 00000000 0000000000000001");
+    EXPECT_EQ(chunks[0].bytes, expected);
+    ASSERT_TRUE(chunks[0].hasTime);
+    EXPECT_EQ(chunks[0].time, 100000000);
+    EXPECT_FALSE(chunks[0].discontinuity);
+}
+
+TEST(ChunkBytes, SmoothChunkAsWorkedOutFromTheStandard) {
+    Session s(Smooth);
+    s.start(1, 100);
+    s.builder->OnChunks(smallChunk(), true);
+    const auto chunks = s.media(0);
+    ASSERT_EQ(chunks.size(), 1u);
+    const Bytes expected = hex(
+        "000000C7 'moof' 00000010 'mfhd' 00000000 00000064"
+        // traf: tfhd without flags (data relative to moof)
+        "000000AF 'traf' 00000010 'tfhd' 00000000 00000001"
+        // tfxd v1: absolute decode time (no origin taken off) and duration
+        "0000002C 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 01000000 0000000005F5E100 00000000000C3500"
+        // tfrf v1: one entry announcing the next fragment at time + duration
+        "0000002D 'uuid' D4807EF2CA3946958E5426CB9E46A79F 01000000 01 0000000006021600 00000000000C3500"
+        // trun as in DASH, data offset 199 + 8
+        "00000030 'trun' 00000B05 00000002 000000CF 02400000"
+        "00061A80 00000004 000C3500 00061A80 00000002 00000000"
+        // sdtp: IDR depends on none, is depended on (0x24); the other picture depends on others (0x14)
+        "0000000E 'sdtp' 00000000 24 14"
+        "0000000E 'mdat' AABBCCDD EEFF");
+    EXPECT_EQ(box_test::dumpHex(chunks[0].bytes), box_test::dumpHex(expected));
+}
+
+TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
+    Session s(Dash, Fmp4MuxConfig::fromMode(LowLatency, 1000, 1, 0, 500));
+    s.start(1, 100);
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 10)}}), false);
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 11)}}), true);
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 12)}}), false);
+    const auto chunks = s.media(0);
+    ASSERT_EQ(chunks.size(), 3u);
+    // Chunk numbers in mfhd and teoc run from 100; tnsb opens each segment, teos closes it.
+    const std::vector<std::vector<std::string>> order = {{"tnsb", "styp", "sidx", "moof", "mdat", "teoc"},
+                                                         {"styp", "sidx", "moof", "mdat", "teoc", "teos"},
+                                                         {"tnsb", "styp", "sidx", "moof", "mdat", "teoc"}};
+    for (std::size_t i = 0; i < chunks.size(); ++i) {
+        std::vector<std::string> types;
+        for (const BoxInfo& b : boxesIn(chunks[i].bytes)) types.push_back(b.type);
+        EXPECT_EQ(types, order[i]) << i;
+        BoxInfo mfhd;
+        ASSERT_TRUE(findBox(chunks[i].bytes, "moof/mfhd", mfhd));
+        EXPECT_EQ(be32(&chunks[i].bytes[mfhd.offset + 12]), 100 + i);
+        EXPECT_EQ(Session::numberBox(chunks[i], "teoc"), 100 + i);
+    }
+    EXPECT_EQ(Session::numberBox(chunks[0], "tnsb"), 1u);
+    EXPECT_EQ(Session::numberBox(chunks[1], "teos"), 1u);
+    EXPECT_EQ(Session::numberBox(chunks[2], "tnsb"), 2u);
+}
+
+// Two video streams, one output each, all video in each init chunk: both init chunks describe both streams on
+// track 1, and each chunk names its stream's entry in tfhd.
+TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
+    Session s(Dash);
+    ElementaryStreamAttributes h264;
+    h264.type = H264_VIDEO;
+    h264.bandwidth = 300000;
+    ElementaryStreamAttributes hevc = h264;
+    hevc.type = HEVC_VIDEO;
+    s.builder->AddStream(0, 1, h264);
+    s.builder->AddStream(1, 1, hevc);
+    s.builder->SetOutputs({{"", {0}, &s.outputs[0], 1}, {"", {1}, &s.outputs[1], 1}}, false, false, true);
+    s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>(firstChunkOf("h264_plain", H264_VIDEO))},
+                                           {1, std::make_shared<StreamChunk>(firstChunkOf("hevc_bframes", HEVC_VIDEO))}}),
+                               1000, 960, 960);
+    for (int o = 0; o < 2; ++o) {
+        const auto chunks = s.outputs[o].chunks();
+        ASSERT_EQ(chunks.size(), 1u);
+        ASSERT_TRUE(chunks[0].init);
+        const Bytes movie = initChunkMoviePart(chunks[0].bytes.data(), chunks[0].bytes.size());
+        BoxInfo stsd;
+        ASSERT_TRUE(findBox(movie, "moov/trak/mdia/minf/stbl/stsd", stsd));
+        std::vector<std::string> entries;
+        for (const BoxInfo& b : boxesIn(movie, stsd.offset + 16, stsd.offset + stsd.size)) entries.push_back(b.type);
+        EXPECT_EQ(entries, (std::vector<std::string>{"avc1", "hvc1"}));
+        // The manifest announces the output's own stream only.
+        const std::string text(movie.begin(), movie.end());
+        EXPECT_NE(text.find(o == 0 ? "codecs=\"avc1." : "codecs=\"hvc1."), std::string::npos);
+        EXPECT_EQ(text.find(o == 0 ? "codecs=\"hvc1." : "codecs=\"avc1."), std::string::npos);
+    }
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}, {1, videoSecond(1, 1)}}), true);
+    for (int o = 0; o < 2; ++o) {
+        const auto chunks = s.media(o);
+        ASSERT_EQ(chunks.size(), 1u);
+        BoxInfo tfhd;
+        ASSERT_TRUE(findBox(chunks[0].bytes, "moof/traf/tfhd", tfhd));
+        // default-base-is-moof and sample-description-index-present; track 1; the entry of the stream.
+        EXPECT_EQ(Bytes(chunks[0].bytes.begin() + static_cast<std::ptrdiff_t>(tfhd.offset),
+                        chunks[0].bytes.begin() + static_cast<std::ptrdiff_t>(tfhd.offset + tfhd.size)),
+                  hex(o == 0 ? "00000014 'tfhd' 00020002 00000001 00000001" : "00000014 'tfhd' 00020002 00000001 00000002"));
+    }
+}
+
+// One output with a video and an audio stream: DASH counts each run's data from the start of moof; Smooth
+// Streaming (no default-base-is-moof) counts the first from moof and the next from the end of the first's data.
+TEST(MuxedOutput, DataOffsetsOfTheSecondTrackFragment) {
+    for (OutputFormat format : {Dash, Smooth}) {
+        Session s(format);
+        ElementaryStreamAttributes video;
+        video.type = H264_VIDEO;
+        ElementaryStreamAttributes audio;
+        audio.type = AAC_ADTS_AUDIO;
+        s.builder->AddStream(0, 1, video);
+        s.builder->AddStream(1, 2, audio);
+        s.builder->SetOutputs({{"", {1, 0}, &s.outputs[0], 1}}, false, false, false);
+        s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>()}, {1, std::make_shared<StreamChunk>()}}),
+                                   1000, 1000, 1000);
+        auto sound = chunkOf({sampleOf(1, samples::KindAudio, AAC_ADTS_AUDIO, 90000, 90000, true, {7, 7, 7, 7, 7})},
+                             10000000);
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}, {1, sound}}), true);
+        const auto chunks = s.media(0);
+        ASSERT_EQ(chunks.size(), 1u);
+        const Bytes& b = chunks[0].bytes;
+        BoxInfo moof;
+        ASSERT_TRUE(findBox(b, "moof", moof));
+        std::vector<BoxInfo> trafs;
+        for (const BoxInfo& box : boxesIn(b, moof.offset + 8, moof.offset + moof.size))
+            if (box.type == "traf") trafs.push_back(box);
+        ASSERT_EQ(trafs.size(), 2u);
+        std::vector<std::uint32_t> tracks, offsets;
+        for (const BoxInfo& traf : trafs) {
+            BoxInfo tfhd, trun;
+            ASSERT_TRUE(findBox(b, traf.offset + 8, traf.offset + traf.size, "tfhd", tfhd));
+            ASSERT_TRUE(findBox(b, traf.offset + 8, traf.offset + traf.size, "trun", trun));
+            tracks.push_back(be32(&b[tfhd.offset + 12]));
+            offsets.push_back(be32(&b[trun.offset + 16]));
+        }
+        // Track fragments in track order whatever the output's stream order; 3 bytes of video go first.
+        EXPECT_EQ(tracks, (std::vector<std::uint32_t>{1, 2}));
+        const auto first = static_cast<std::uint32_t>(moof.size + 8);
+        EXPECT_EQ(offsets, (std::vector<std::uint32_t>{first, format == Dash ? first + 3 : 0u}));
+        BoxInfo mdat;
+        ASSERT_TRUE(findBox(b, "mdat", mdat));
+        EXPECT_EQ(Bytes(b.begin() + static_cast<std::ptrdiff_t>(mdat.offset + 8),
+                        b.begin() + static_cast<std::ptrdiff_t>(mdat.offset + mdat.size)),
+                  (Bytes{1, 2, 3, 7, 7, 7, 7, 7}));
+    }
+}
+
+TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
+    Session s(Dash);
+    s.start(2);
+    // Stream 1 is missing from the first slice: nothing leaves.
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 20)}}), true);
+    EXPECT_TRUE(s.media(0).empty());
+    EXPECT_FALSE(s.builder->aligned());
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 21)}, {1, videoSecond(1, 19)}}), true);
+    EXPECT_TRUE(s.builder->aligned());
+    EXPECT_EQ(s.builder->timeOrigin(), 190000000);
+    ASSERT_EQ(s.media(0).size(), 2u);
+    // Output 1 had nothing in the first slice: an empty chunk went out for it, counted (DASH, GOP segments).
+    ASSERT_EQ(s.media(1).size(), 2u);
+    // Decode times less the origin of stream 1, at the 10 MHz timescale.
+    BoxInfo tfdt;
+    ASSERT_TRUE(findBox(s.media(0)[0].bytes, "moof/traf/tfdt", tfdt));
+    EXPECT_EQ(be64(&s.media(0)[0].bytes[tfdt.offset + 12]), 10000000u);
+    ASSERT_TRUE(findBox(s.media(0)[1].bytes, "moof/traf/tfdt", tfdt));
+    EXPECT_EQ(be64(&s.media(0)[1].bytes[tfdt.offset + 12]), 20000000u);
+    EXPECT_FALSE(findBox(s.media(1)[0].bytes, "moof/traf/tfdt", tfdt));
+    ASSERT_TRUE(findBox(s.media(1)[1].bytes, "moof/traf/tfdt", tfdt));
+    EXPECT_EQ(be64(&s.media(1)[1].bytes[tfdt.offset + 12]), 0u);
+}
+
+TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
+    struct Case {
+        OutputFormat format;
+        Fmp4MuxConfig config;
+        std::size_t written;
+    };
+    const Case cases[] = {{Dash, Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0), 3},
+                          {Dash, Fmp4MuxConfig::fromMode(GopSegmentsAlt, 1000, 1, 0, 0), 3},
+                          {Dash, Fmp4MuxConfig::fromMode(SeparateAudioSegments, 1000, 1, 1000, 0), 2},
+                          {Dash, Fmp4MuxConfig::fromMode(LowLatency, 1000, 1, 0, 1000), 2},
+                          {Smooth, Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0), 2}};
+    for (const Case& c : cases) {
+        Session s(c.format, c.config);
+        s.start(2);
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}, {1, videoSecond(1, 1)}}), true);
+        // Output 0 has nothing in the second slice.
+        s.builder->OnChunks(segmentsOf({{0, std::make_shared<StreamChunk>()}, {1, videoSecond(1, 2)}}), true);
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 3)}, {1, videoSecond(1, 3)}}), true);
+        const auto chunks = s.media(0);
+        ASSERT_EQ(chunks.size(), c.written);
+        const bool counted = c.written == 3;
+        if (counted) {
+            // The empty chunk goes out without a track fragment, and numbering runs on.
+            BoxInfo traf;
+            EXPECT_FALSE(findBox(chunks[1].bytes, "moof/traf", traf));
+            EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : missing chunk detected 2 : incr seq. num. anyway"));
+        }
+        if (c.format == Dash) {
+            EXPECT_EQ(Session::numberBox(chunks.back(), "teoc"), counted ? 3u : 2u);
+        }
+        EXPECT_EQ(s.builder->outputs().at(0).segmentNumber, counted ? 4u : 3u);
+        EXPECT_EQ(s.builder->outputs().at(1).segmentNumber, 4u);
+    }
+}
+
+TEST(Writes, RefusedChunkIsLoggedAndNumberingGoesOn) {
+    Session s(Dash);
+    s.start(1);
+    s.outputs[0].refuse = true;
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
+    s.outputs[0].refuse = false;
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 2)}}), true);
+    EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : drop segment 1 buffer (0 kbytes) "));
+    const auto chunks = s.media(0);
+    ASSERT_EQ(chunks.size(), 1u);
+    EXPECT_EQ(Session::numberBox(chunks[0], "tnsb"), 2u);
+}
+
+TEST(Writes, PsshInFragmentsWithoutProviderFails) {
+    Session s(Dash);
+    s.start(1, 1, true);
+    try {
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
+        FAIL() << "no exception";
+    } catch (const std::exception& e) {
+        EXPECT_STREQ(e.what(), "No Encryption Provider Specified");
+    }
+}
+
+TEST(Writes, EndOfStreamReachesEveryOutput) {
+    Session s(Dash);
+    s.start(3);
+    s.builder->OnEndOfStream();
+    for (const auto& output : s.outputs) EXPECT_EQ(output.ends(), 1);
+}
+
+// --- the sync point test -------------------------------------------------------------------------------
+
+std::shared_ptr<StreamChunk> startingAt(std::uint32_t id, std::int32_t kind, std::int64_t ms, std::uint64_t durationMs) {
+    const std::int64_t t = ms * 90;
+    return chunkOf({sampleOf(id, kind, kind == samples::KindAudio ? AAC_ADTS_AUDIO : H264_VIDEO, t, t, true, {1})},
+                   durationMs * 10000);
+}
+
+TEST(SyncPoint, DurationLimitIsAQuarterAboveTheSegment) {
+    EXPECT_EQ(syncPointFailure(segmentsOf({{0, startingAt(0, samples::KindVideo, 0, 2500)}}), 2000), std::nullopt);
+    EXPECT_EQ(syncPointFailure(segmentsOf({{0, startingAt(0, samples::KindVideo, 0, 2520)}}), 2000),
+              "Invalid duration 2520 ms");
+    EXPECT_EQ(syncPointFailure(SegmentChunks{}, 2000), "Empty segment");
+}
+
+TEST(SyncPoint, VideoStartsWithin50MsAndAllStartsWithin150Ms) {
+    const auto video = [](std::uint32_t id, std::int64_t ms) { return startingAt(id, samples::KindVideo, ms, 2000); };
+    const auto audio = [](std::uint32_t id, std::int64_t ms) { return startingAt(id, samples::KindAudio, ms, 2000); };
+    EXPECT_EQ(syncPointFailure(segmentsOf({{0, video(0, 10000)}, {1, video(1, 10049)}}), 2000), std::nullopt);
+    EXPECT_EQ(syncPointFailure(segmentsOf({{0, video(0, 10000)}, {1, video(1, 10051)}}), 2000),
+              "Mis-aligned video segments start times: min = 10051 ms, max = 10000 ms");
+    EXPECT_EQ(syncPointFailure(segmentsOf({{0, video(0, 10000)}, {1, audio(1, 10150)}}), 2000), std::nullopt);
+    EXPECT_EQ(syncPointFailure(segmentsOf({{0, video(0, 10000)}, {1, audio(1, 10151)}}), 2000),
+              "Mis-aligned segments start times: delta = 151 ms : pts(ms) V0=10000 A1=10151 ");
+}
+
+// --- the drift rule -------------------------------------------------------------------------------------
+
+TEST(Drift, OneSegmentAheadAndTwoBehindAreTolerated) {
+    EXPECT_TRUE(segmentNumberWithinTolerance(5, 6));
+    EXPECT_FALSE(segmentNumberWithinTolerance(5, 7));
+    EXPECT_TRUE(segmentNumberWithinTolerance(7, 5));
+    EXPECT_FALSE(segmentNumberWithinTolerance(8, 5));
+}
+
+TEST(Drift, WallClockAheadRenumbersWithADiscontinuity) {
+    Session s(Dash);
+    s.start(1);
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);  // the session starts at this clock
+    s.nowMs += 2999;  // expected 3 for current 2: tolerated
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 2)}}), true);
+    EXPECT_EQ(s.builder->outputs().at(0).segmentNumber, 3u);
+    s.nowMs += 1001;  // 4000 ms in: expected 5, current 3
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 3)}}), true);
+    EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : segment #3 : drift detected : segment 5 is expected "
+                                  "(drift of 2000 ms) : new sequence number is 5"));
+    const auto chunks = s.media(0);
+    ASSERT_EQ(chunks.size(), 3u);
+    EXPECT_EQ(Session::numberBox(chunks[2], "tnsb"), 5u);
+    EXPECT_TRUE(chunks[2].discontinuity);
+    EXPECT_FALSE(chunks[1].discontinuity);
+    // A new origin: the renumbered chunk starts at decode time 0.
+    BoxInfo tfdt;
+    ASSERT_TRUE(findBox(chunks[2].bytes, "moof/traf/tfdt", tfdt));
+    EXPECT_EQ(be64(&chunks[2].bytes[tfdt.offset + 12]), 0u);
+}
+
+TEST(Drift, WallClockBehindByThreeRenumbers) {
+    Session s(Dash);
+    s.start(1);
+    for (int i = 1; i <= 4; ++i) s.builder->OnChunks(segmentsOf({{0, videoSecond(0, i)}}), true);
+    // Chunks 2 and 3 ran at current 2 and 3 against expected 1: tolerated; chunk 4 at current 4 is not.
+    EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : segment #4 : drift detected : segment 1 is expected "
+                                  "(drift of -3000 ms) : new sequence number is 1"));
+    EXPECT_EQ(Session::numberBox(s.media(0)[3], "tnsb"), 1u);
+}
+
+TEST(Drift, SegmentsThatAreNoSyncPointChangeNothing) {
+    Session s(Dash);
+    s.start(1);
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
+    s.nowMs += 10000;
+    auto tooLong = videoSecond(0, 2);
+    tooLong->duration = 12600000;  // 1260 ms against segments of 1000
+    s.builder->OnChunks(segmentsOf({{0, tooLong}}), true);
+    EXPECT_TRUE(s.logger.contains("1 drift detected but segments do not comply whith sync. point (Invalid duration "
+                                  "1260 ms)."));
+    EXPECT_EQ(Session::numberBox(s.media(0)[1], "tnsb"), 2u);
+    EXPECT_FALSE(s.media(0)[1].discontinuity);
+}
+
+TEST(Restart, ResynchronisesFromTheWallClock) {
+    Session s(Dash);
+    s.start(1);
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
+    s.nowMs += 5500;
+    s.builder->OnRestart();
+    EXPECT_FALSE(s.builder->aligned());
+    EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : resynchronize: segment number changes from 2 to 6"));
+    s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 7)}}), true);
+    EXPECT_EQ(Session::numberBox(s.media(0).back(), "tnsb"), 6u);
+}
+
+}  // namespace
+}  // namespace chunk_test
