@@ -157,14 +157,33 @@ TEST_P(AudioDecodesLikeTheSource, WholeAndWithoutError) {
     const std::vector<WrittenChunk> audioChunks = outputs.back().chunks();
     ASSERT_GE(audioChunks.size(), 2u);
     EXPECT_TRUE(audioChunks[0].init);
+    EXPECT_EQ(std::count_if(audioChunks.begin(), audioChunks.end(), [](const auto& w) { return w.init; }), 1);
+
+    // The server manifest in the init chunk announces the audio with its configuration.
+    const std::string init(audioChunks[0].bytes.begin(), audioChunks[0].bytes.end());
+    if (c.format == Dash) {
+        EXPECT_NE(init.find("codecs=\"mp4a.40.2\""), std::string::npos) << init;
+        EXPECT_NE(init.find("audioSamplingRate=\"48000\""), std::string::npos);
+        EXPECT_NE(init.find("lang=\"eng\""), std::string::npos);
+    } else {
+        EXPECT_NE(init.find("name=\"FourCC\" value=\"mp4a\""), std::string::npos) << init;
+        EXPECT_NE(init.find("name=\"CodecPrivateData\" value=\"1190\""), std::string::npos);
+        EXPECT_NE(init.find("name=\"Channels\" value=\"2\""), std::string::npos);
+        EXPECT_NE(init.find("name=\"SamplingRate\" value=\"48000\""), std::string::npos);
+    }
     const std::string audioFile = dir.file("audio.mp4");
     writeFile(audioFile, playableFile(audioChunks));
     expectCleanDecode(audioFile);
     EXPECT_NEAR(static_cast<double>(decodedSamples(audioFile)), static_cast<double>(sourceSamples), 1024.0);
 
-    // What the file says of the track, read by ffprobe.
+    // What the file says of the track, read by ffprobe. The track is timed in 100 ns units, except a DASH output
+    // of a single audio stream in separate audio segments, which takes the synchroniser's timebase (1 ms).
     const std::string stream = run("/usr/bin/ffprobe -v error -select_streams a:0 -show_entries "
-                                   "stream=codec_name,profile,sample_rate,channels -of default=nw=1 " + audioFile);
+                                   "stream=codec_name,profile,sample_rate,channels,time_base -of default=nw=1 " +
+                                   audioFile);
+    const bool millisecondTrack = c.format == Dash && c.mode == SeparateAudioSegments;
+    EXPECT_NE(stream.find(millisecondTrack ? "time_base=1/1000\n" : "time_base=1/10000000\n"), std::string::npos)
+        << stream;
     EXPECT_NE(stream.find("codec_name=aac"), std::string::npos) << stream;
     EXPECT_NE(stream.find("profile=LC"), std::string::npos) << stream;
     EXPECT_NE(stream.find("sample_rate=48000"), std::string::npos) << stream;
@@ -175,9 +194,8 @@ TEST_P(AudioDecodesLikeTheSource, WholeAndWithoutError) {
     const std::vector<std::string> times =
         lines(run("/usr/bin/ffprobe -v error -select_streams a:0 -show_entries packet=pts_time -of csv=p=0 " + audioFile));
     ASSERT_EQ(times.size(), adts.packets.size());
-    // A single audio stream of a DASH output in separate audio segments is timed in the synchroniser's
-    // milliseconds; every other output in 100 ns units.
-    const double tolerance = c.format == Dash && c.mode == SeparateAudioSegments ? 0.001 : 1.0 / 48000;
+    // Within one unit of the track's timescale.
+    const double tolerance = millisecondTrack ? 0.001 : 1.0 / 48000;
     const double origin = std::stod(times[0]);
     for (std::size_t i = 0; i < times.size(); ++i)
         EXPECT_NEAR(std::stod(times[i]) - origin, static_cast<double>(adts.packets[i].pts) / es_test::kProbeTimeBase,
