@@ -95,7 +95,16 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
         entry.compositionOffset = static_cast<std::uint32_t>(rescaledGap(t.pts, t.dts, t.rate, T));
         std::int64_t duration;
         if (i + 1 < timed.size()) {
-            duration = rescaledGap(timed[i + 1].dts, t.dts, t.rate, T);
+            // The difference of the two times rescaled, not the rescaled difference: when the track's timescale
+            // is coarser than the samples' (audio at 48 kHz in a 1 ms track), rounding then stays within one
+            // unit of the true time instead of adding up over the run.
+            if (timed[i + 1].rate == t.rate) {
+                const std::int64_t end = rescaleTime(timed[i + 1].dts, t.rate, T);
+                const std::int64_t start = rescaleTime(t.dts, t.rate, T);
+                duration = rescaledGap(end, start, 1, 1);
+            } else {
+                duration = rescaledGap(timed[i + 1].dts, t.dts, t.rate, T);
+            }
         } else {
             // The last sample absorbs every rounding error, so that the run adds up to the segment.
             duration = std::max<std::int64_t>(segmentDuration - durationSoFar, 0);

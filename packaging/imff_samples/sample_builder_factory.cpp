@@ -1,4 +1,5 @@
 #include "packaging/imff_samples/sample_builder.h"
+#include "packaging/imff_samples/sample_builder_audio.h"
 #include "packaging/imff_samples/sample_builder_h264.h"
 #include "packaging/imff_samples/sample_builder_hevc.h"
 
@@ -10,6 +11,9 @@ std::unique_ptr<SampleBuilder> createSampleBuilder(std::uint32_t streamType, boo
     switch (streamType) {
         case fmp4::H264_VIDEO: return std::make_unique<SampleBuilderH264>(listener, inBandParameterSets);
         case fmp4::HEVC_VIDEO: return std::make_unique<SampleBuilderHEVC>(listener, inBandParameterSets);
+        case fmp4::AAC_ADTS_AUDIO: return std::make_unique<SampleBuilderAACADTSAudio>(listener, inBandParameterSets);
+        case fmp4::AAC_LATM_AUDIO: return std::make_unique<SampleBuilderAACLATMAudio>(listener, inBandParameterSets);
+        case fmp4::AAC_RAW_AUDIO: return std::make_unique<SampleBuilderAACRAWAudio>(listener, inBandParameterSets);
         // Each further codec's sample builder adds its case here.
         default: return nullptr;
     }

@@ -1,4 +1,5 @@
 #include "packaging/lib_parse_es/nal_builder.h"
+#include "packaging/lib_parse_es/nal_builder_aac.h"
 #include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
 
@@ -9,6 +10,9 @@ std::unique_ptr<NALBuilder> createNalBuilder(std::uint32_t streamType) {
     switch (streamType) {
         case StreamType::H264_VIDEO: return std::make_unique<NALBuilderH264>();
         case StreamType::HEVC_VIDEO: return std::make_unique<NALBuilderHEVC>();
+        case StreamType::AAC_ADTS_AUDIO: return std::make_unique<NALBuilderAACADTSAudio>();
+        case StreamType::AAC_LATM_AUDIO: return std::make_unique<NALBuilderAACLATMLOASAudio>();
+        case StreamType::AAC_RAW_AUDIO: return std::make_unique<NALBuilderAACRawAudio>();
         case StreamType::H263_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALH263>>();
         case StreamType::MPEG4_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALMPEG4Visual>>();
         case StreamType::PRORES: return std::make_unique<NalBuilderStartCodeBased<NALProRes>>();

@@ -1,5 +1,6 @@
 #include "packaging/fmp4/chunks/init_chunk.h"
 
+#include "packaging/fmp4/chunks/audio_sample_entry.h"
 #include "packaging/fmp4/chunks/video_sample_entry.h"
 #include "packaging/imff_box/movie_boxes.h"
 #include "packaging/imff_box/vendor_boxes.h"
@@ -27,6 +28,14 @@ InitChunk::~InitChunk() = default;
 std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale, const ManifestDurations& durations,
                                   std::uint32_t streamType, const ElementaryStreamAttributes& attributes,
                                   bool inBandParameterSets, const StreamChunk& firstChunk, bool isMain) {
+    if (streamType == AAC_ADTS_AUDIO || streamType == AAC_LATM_AUDIO || streamType == AAC_RAW_AUDIO) {
+        // "mp4a" from the stream's decoder configuration; the track's timescale is the output's, not the rate.
+        AudioSampleEntryResult audio = makeAudioSampleEntry(streamType, firstChunk, attributes);
+        if (!audio.entry) return 0;
+        const std::uint32_t index = m_movie.addTrack(trackId, timescale, imff_box::TRACK_AUDIO, audio.entry, 0, 0);
+        if (isMain) m_manifest.AddAudio(trackId, audio.manifest, attributes, durations);
+        return static_cast<std::int32_t>(index);
+    }
     if (streamType != H264_VIDEO && streamType != HEVC_VIDEO) return 0;
     // The in-band entries ("avc3", "hev1") are a DASH matter; Smooth Streaming clients know "avc1" and "hvc1".
     VideoSampleEntryResult video = makeVideoSampleEntry(streamType, firstChunk, m_dash && inBandParameterSets);

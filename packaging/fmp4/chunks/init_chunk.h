@@ -22,9 +22,10 @@ public:
     InitChunk(std::string name, bool dash);
     virtual ~InitChunk();
 
-    // Adds one stream: its sample entry comes from the parameter sets of `firstChunk`. With `isMain` the stream
-    // also gets its manifest entry. Returns the sample description index of the entry, or 0 when nothing was
-    // added (a stream type without a sample entry here, or no parameter sets).
+    // Adds one stream: its sample entry comes from the parameter sets (video) or the decoder configuration
+    // (AAC) of `firstChunk`. With `isMain` the stream also gets its manifest entry. Returns the sample
+    // description index of the entry, or 0 when nothing was added (a stream type without a sample entry here,
+    // or no configuration).
     std::int32_t AddStream(std::uint32_t trackId, std::uint32_t timescale, const ManifestDurations& durations,
                            std::uint32_t streamType, const ElementaryStreamAttributes& attributes,
                            bool inBandParameterSets, const StreamChunk& firstChunk, bool isMain);

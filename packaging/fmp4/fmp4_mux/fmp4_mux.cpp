@@ -33,6 +33,32 @@ void Fmp4SampleListener::onSample(std::unique_ptr<imff_box::ISample>& sample) {
 
 void Fmp4SampleListener::onEnd(std::uint32_t streamId) { m_synchronizator->eof(streamId); }
 
+void JoinedSynchronizatorListener::addSource() {
+    std::lock_guard lock(m_mutex);
+    ++m_sources;
+}
+
+void JoinedSynchronizatorListener::OnChunks(const SegmentChunks& chunks, bool lastOfSegment) {
+    std::lock_guard lock(m_mutex);
+    m_target.OnChunks(chunks, lastOfSegment);
+}
+
+void JoinedSynchronizatorListener::OnFirstSegments(const SegmentChunks& first, std::uint64_t timebase,
+                                                   std::uint64_t chunkDuration, std::uint64_t segmentDuration) {
+    std::lock_guard lock(m_mutex);
+    m_target.OnFirstSegments(first, timebase, chunkDuration, segmentDuration);
+}
+
+void JoinedSynchronizatorListener::OnEndOfStream() {
+    std::lock_guard lock(m_mutex);
+    if (++m_ended == m_sources) m_target.OnEndOfStream();
+}
+
+void JoinedSynchronizatorListener::OnRestart() {
+    std::lock_guard lock(m_mutex);
+    m_target.OnRestart();
+}
+
 Fmp4Mux::Fmp4Mux(OutputFormat outputFormat, const Fmp4MuxConfig& config, IChunkWarningNotifier* notifier,
                  tvrn::log::ILogger& logger, bool inBandParameterSets, bool psshInFragments, bool allVideoInInit,
                  bool driftDetection, bool offline, Fmp4MuxParts parts)
@@ -48,14 +74,20 @@ Fmp4Mux::Fmp4Mux(OutputFormat outputFormat, const Fmp4MuxConfig& config, IChunkW
         if (!m_parts.makeSegmentSynchronizator) throw CorvaneException("no segment synchroniser available for the session");
         const auto segmentMs = static_cast<std::uint32_t>(m_config.segmentDurationMs());
         const std::uint32_t gops = m_config.gopsPerSegment();
+        // With separate audio segments two synchronisers share the chunk builder.
+        ISynchronizatorListener* target = m_chunksBuilder.get();
+        if (m_config.tag() == 2) {
+            m_joinedListener = std::make_unique<JoinedSynchronizatorListener>(*m_chunksBuilder);
+            target = m_joinedListener.get();
+        }
         m_mainListener = std::make_unique<Fmp4SampleListener>(m_parts.makeSegmentSynchronizator(
-            SegmentSynchronizatorParams{m_chunksBuilder.get(), segmentMs, gops, notifier, &m_logger, offline}));
+            SegmentSynchronizatorParams{target, segmentMs, gops, notifier, &m_logger, offline}));
         m_logger.WriteMsg(LOG_INFO, "%sSynchronisator : segment of %d ms, %d video GOP in segments", offlineWord,
                           static_cast<int>(segmentMs), static_cast<int>(gops));
         if (m_config.tag() == 2) {
             const std::uint32_t audioMs = m_config.separateAudioSegments().audioSegmentDurationMs;
             m_audioListener = std::make_unique<Fmp4SampleListener>(m_parts.makeSegmentSynchronizator(
-                SegmentSynchronizatorParams{m_chunksBuilder.get(), audioMs, 1, notifier, &m_logger, offline}));
+                SegmentSynchronizatorParams{target, audioMs, 1, notifier, &m_logger, offline}));
             m_logger.WriteMsg(LOG_INFO, "Audio %sSynchronisator : segment of  %d", offlineWord, static_cast<int>(audioMs));
         }
     } else {
@@ -89,6 +121,7 @@ void Fmp4Mux::AddStream(std::uint32_t streamId, const ElementaryStreamAttributes
 
     Fmp4SampleListener* listener =
         (isAudio(attributes.type) && m_audioListener) ? m_audioListener.get() : m_mainListener.get();
+    if (m_joinedListener && m_listenersWithStreams.insert(listener).second) m_joinedListener->addSource();
     listener->onStreamAdded(attributes.type, streamId);
 
     auto nalBuilder = m_parts.makeNalBuilder(attributes.type);

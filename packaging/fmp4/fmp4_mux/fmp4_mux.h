@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <memory>
 #include <set>
 #include <vector>
@@ -85,6 +86,29 @@ private:
     std::unique_ptr<ISampleSynchronizator> m_synchronizator;
 };
 
+// The chunk builder as two synchronisers share it (separate audio segments): each runs on its own worker, so
+// the calls are taken one at a time, and the end of stream goes on only when every synchroniser that has
+// streams has ended, so that no output ends while the other synchroniser still delivers to it.
+class JoinedSynchronizatorListener final : public ISynchronizatorListener {
+public:
+    explicit JoinedSynchronizatorListener(ISynchronizatorListener& target) : m_target(target) {}
+
+    // One more synchroniser with streams, whose end is to be awaited.
+    void addSource();
+
+    void OnChunks(const SegmentChunks& chunks, bool lastOfSegment) override;
+    void OnFirstSegments(const SegmentChunks& first, std::uint64_t timebase, std::uint64_t chunkDuration,
+                         std::uint64_t segmentDuration) override;
+    void OnEndOfStream() override;
+    void OnRestart() override;
+
+private:
+    ISynchronizatorListener& m_target;
+    std::mutex m_mutex;
+    std::uint32_t m_sources = 0;
+    std::uint32_t m_ended = 0;
+};
+
 class Fmp4Mux final : public IMuxSession {
 public:
     struct Options {
@@ -123,6 +147,8 @@ private:
     std::map<std::uint32_t, std::unique_ptr<imff_samples::SampleBuilder>> m_sampleBuilders;
     std::set<std::uint32_t> m_started;
     std::unique_ptr<IChunksBuilder> m_chunksBuilder;
+    std::unique_ptr<JoinedSynchronizatorListener> m_joinedListener;  // only for separate audio segments
+    std::set<const Fmp4SampleListener*> m_listenersWithStreams;
     std::unique_ptr<Fmp4SampleListener> m_mainListener;
     std::unique_ptr<Fmp4SampleListener> m_audioListener;  // only for separate audio segments
     std::uint32_t m_nextTrackId = 2;

@@ -63,6 +63,7 @@ struct ChunksBuilderLog {
     std::vector<ElementaryStreamAttributes> attributes;
     std::vector<ChunkOutputSeed> outputs;
     bool flags[3] = {};
+    int endsOfStream = 0;
 };
 
 class FakeChunksBuilder : public IChunksBuilder {
@@ -81,7 +82,7 @@ public:
     void SetDefaultParentalRating(std::uint32_t) override {}
     void OnChunks(const SegmentChunks&, bool) override {}
     void OnFirstSegments(const SegmentChunks&, std::uint64_t, std::uint64_t, std::uint64_t) override {}
-    void OnEndOfStream() override {}
+    void OnEndOfStream() override { ++m_log.endsOfStream; }
     void OnRestart() override {}
 
 private:

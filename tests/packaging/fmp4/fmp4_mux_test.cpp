@@ -146,6 +146,38 @@ TEST(Fmp4Mux, SeparateAudioSegmentsRouteAudioToTheSecondSynchroniser) {
     EXPECT_EQ(f.audioSync.added, (std::vector<std::string>{"1:1:input 1(AAC LATM Audio)", "2:0:input 2(AC4 Audio)"}));
 }
 
+TEST(Fmp4Mux, SeparateAudioSegmentsEndOnceEverySynchroniserWithStreamsHasEnded) {
+    {
+        SessionFixture f;
+        auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
+        mux->AddStream(0, attributesOf(H264_VIDEO));
+        mux->AddStream(1, attributesOf(AAC_ADTS_AUDIO));
+        ASSERT_EQ(f.syncParams.size(), 2u);
+        // Both synchronisers report through one joint listener, not to the chunk builder directly.
+        EXPECT_EQ(f.syncParams[0].listener, f.syncParams[1].listener);
+        EXPECT_NE(f.syncParams[0].listener, &mux->chunksBuilder());
+        f.syncParams[1].listener->OnEndOfStream();  // audio done, video still going
+        EXPECT_EQ(f.chunks.endsOfStream, 0);
+        f.syncParams[0].listener->OnEndOfStream();
+        EXPECT_EQ(f.chunks.endsOfStream, 1);
+    }
+    {
+        // Audio only: the video synchroniser has no stream and never ends; the audio one ends the session.
+        SessionFixture f;
+        auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
+        mux->AddStream(0, attributesOf(AAC_ADTS_AUDIO));
+        mux->AddStream(1, attributesOf(AAC_LATM_AUDIO));
+        f.syncParams[1].listener->OnEndOfStream();
+        EXPECT_EQ(f.chunks.endsOfStream, 1);
+    }
+    {
+        SessionFixture f;
+        auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
+        ASSERT_EQ(f.syncParams.size(), 1u);
+        EXPECT_EQ(f.syncParams[0].listener, &mux->chunksBuilder());
+    }
+}
+
 TEST(Fmp4Mux, SampleBuildersTakeTheInBandFlagFromTheFormat) {
     SessionFixture dash;
     auto a = dash.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Dash, false);

@@ -227,7 +227,7 @@ TEST(SampleBuilderH264, UnitsOfOtherTypesAndBrokenUnitsAreDropped) {
     ASSERT_EQ(collector.all.size(), 0u);
     EXPECT_EQ(collector.ends, 1);
     EXPECT_EQ(samples::createSampleBuilder(0, false, &collector), nullptr);
-    EXPECT_EQ(samples::createSampleBuilder(4, false, &collector), nullptr);
+    EXPECT_EQ(samples::createSampleBuilder(6, false, &collector), nullptr);
 }
 
 // HEVC units: a two-byte header with the type in bits 6 to 1.

@@ -1,0 +1,60 @@
+#pragma once
+// Audio samples: one frame per NAL, the transport header stripped, times in units of the stream's sampling
+// rate, and the decoder configuration published once before the first frame.
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "packaging/imff_samples/sample_builder.h"
+
+namespace tvrn::encoding::packaging::imff::imff_samples {
+inline namespace v1 {
+
+// A time at 90 kHz in units of `rate`, truncated; split so that the product can't overflow for any time that
+// fits at 90 kHz.
+std::int64_t rescaleFrom90kHz(std::int64_t ticks, std::uint32_t rate);
+
+class SampleBuilderAudio : public SampleBuilder {
+public:
+    using SampleBuilder::SampleBuilder;
+
+    std::vector<std::uint8_t> decoderConfig;
+    std::int32_t sampleRate = 0;
+    std::int64_t baseTime = 0;
+    std::uint32_t frameCount = 0;
+
+protected:
+    // A configuration sample (kind 6) holding `decoderConfig`: timescale 90000, no times.
+    void sendDecoderConfig(std::uint32_t inputType);
+    // An audio frame (kind 1) holding `payload`, at `pts` = dts in units of `rate`.
+    void emitFrame(std::uint32_t inputType, std::unique_ptr<NAL> payload, std::int64_t pts, std::uint32_t rate,
+                   std::int64_t duration, const lib_parse_es::NalTimingInfo& timing);
+};
+
+// ADTS frames: the sample is the frame without its 7- or 9-byte header.
+class SampleBuilderAACADTSAudio : public SampleBuilderAudio {
+public:
+    using SampleBuilderAudio::SampleBuilderAudio;
+    void onNal(std::unique_ptr<NAL>& nal) override;
+};
+
+// LOAS/LATM frames: the sample is the payload of the AudioMuxElement, taken out of its unaligned bits.
+class SampleBuilderAACLATMAudio : public SampleBuilderAudio {
+public:
+    using SampleBuilderAudio::SampleBuilderAudio;
+    void onNal(std::unique_ptr<NAL>& nal) override;
+
+private:
+    std::vector<std::uint8_t> m_scratch;
+    bool m_lengthBytesFraming = false;  // the configuration in force gives payload lengths in bytes
+};
+
+// Raw packets: the sample is the frame after the packet header.
+class SampleBuilderAACRAWAudio : public SampleBuilderAudio {
+public:
+    using SampleBuilderAudio::SampleBuilderAudio;
+    void onNal(std::unique_ptr<NAL>& nal) override;
+};
+
+}  // namespace v1
+}  // namespace tvrn::encoding::packaging::imff::imff_samples

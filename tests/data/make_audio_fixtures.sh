@@ -1,0 +1,31 @@
+#!/bin/sh
+# Regenerates the AAC fixtures of the lib_parse_es and imff_samples tests.
+# Each stream is encoded once into MP4 with ffmpeg's native AAC encoder; its samples are copied out into ADTS
+# (and, for the stereo stream, into LOAS/LATM) without re-encoding, so the payloads are the MP4's samples.
+# Beside each stream, ffprobe's view of its packets: pts and duration in 1/28224000 s units, size in bytes.
+set -e
+cd "$(dirname "$0")"
+
+make() { # name input-args...
+  name=$1; shift
+  ffmpeg -v error -y "$@" -c:a aac -f mp4 "$name.mp4"
+  ffmpeg -v error -y -i "$name.mp4" -c copy -f adts "$name.adts"
+  probe "$name.adts"
+  rm -f "$name.mp4"
+}
+probe() {
+  [ "$(ffprobe -v error -show_entries stream=time_base -of csv=p=0 "$1")" = "1/28224000" ]
+  ffprobe -v error -show_packets -show_entries packet=pts,duration,size -of csv=p=0 "$1" \
+    | grep -E '^-?[0-9]+,' > "$1.packets.csv"
+}
+
+# AAC-LC stereo, 48 kHz, 2 s of two tones.
+make aac_lc_stereo_48k -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=2" \
+  -f lavfi -i "sine=frequency=660:sample_rate=48000:duration=2" \
+  -filter_complex "[0:a][1:a]join=inputs=2:channel_layout=stereo" -b:a 64k
+# AAC-LC 5.1, 44.1 kHz, 1 s.
+make aac_lc_51_44k -f lavfi -i "sine=frequency=300:sample_rate=44100:duration=1" \
+  -filter_complex "[0:a]asplit=6[a][b][c][d][e][f];[a][b][c][d][e][f]join=inputs=6:channel_layout=5.1" -b:a 96k
+# The stereo stream again, in LOAS/LATM (a StreamMuxConfig every 32 frames, the rest reuse it).
+ffmpeg -v error -y -i aac_lc_stereo_48k.adts -c copy -f latm aac_lc_stereo_48k.latm
+probe aac_lc_stereo_48k.latm
