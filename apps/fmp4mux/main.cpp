@@ -89,11 +89,14 @@ class Session {
 public:
     Session(const Options& options, bool live) : m_options(options), m_live(live), m_start(Clock::now()) {}
 
-    void addOutput(int index, const std::string& kind) {
+    // `channels` and `sampleRate` from the input stand in where the server manifest says nothing of them.
+    void addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate) {
         std::lock_guard lock(m_mutex);
         Output& out = m_outputs[index];
         out.index = index;
         out.track.kind = kind;
+        out.track.channels = channels;
+        out.track.sampleRate = sampleRate;
         out.nextNumber = static_cast<std::uint64_t>(m_options.firstNumber);
         out.track.representationId = kind + std::to_string(index);
     }
@@ -110,6 +113,8 @@ public:
         if (movie.empty()) return fail("output " + std::to_string(index) + ": the init chunk is not readable");
         Track track = out.track;
         readServerManifest(serverManifest(movie), m_options.dash, track);
+        if (track.channels == 0) track.channels = out.track.channels;
+        if (track.sampleRate == 0) track.sampleRate = out.track.sampleRate;
         track.representationId = out.track.representationId;
         track.adaptationSetId = adaptationSet(track);
         out.track = track;
@@ -187,6 +192,7 @@ public:
     std::string manifestPath() const {
         return m_options.outputDirectory + (m_options.dash ? "/manifest.mpd" : "/Manifest");
     }
+    std::string absoluteManifestPath() const { return std::filesystem::absolute(manifestPath()).lexically_normal().string(); }
 
 private:
     void fail(const std::string& message) {
@@ -412,7 +418,8 @@ int main(int argc, char** argv) {
             routes[d].push_back({pin});
             flt::MuxFmp4OutputPin* output = filter->outputFor(pin->streamId());
             const int index = static_cast<int>(sinks.size());
-            session.addOutput(index, info.kind);
+            session.addOutput(index, info.kind, static_cast<std::uint32_t>(std::max(info.channels, 0)),
+                              static_cast<std::uint32_t>(std::max(info.sampleRate, 0)));
             // Room for one chunk of a segment and a half at a high rate (40 Mb/s video, 2 Mb/s audio), whatever
             // bitrate the stream announced: the sink copies every buffer at once.
             const double peakBitsPerSecond = info.kind == "video" ? 40e6 : 2e6;
@@ -555,7 +562,7 @@ int main(int argc, char** argv) {
                      "fmp4mux: play it with: ffplay %s\n"
                      "         or serve the folder (python3 -m http.server -d %s 8000) and open\n"
                      "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
-                     session.manifestPath().c_str(), options.outputDirectory.c_str());
+                     session.absoluteManifestPath().c_str(), options.outputDirectory.c_str());
     else
         std::fprintf(stderr,
                      "fmp4mux: serve the folder (python3 -m http.server -d %s 8000) and open\n"

@@ -130,7 +130,13 @@ public:
 };
 const auto* const g_cleanUp = ::testing::AddGlobalTestEnvironment(new CleanUp);
 
-TEST_F(Fmp4muxEndToEnd, DashOfH264DecodesWithTheSourceFrameCount) {
+// The source's audio, decoded, within one AAC frame: the frame before the first video key frame has no segment.
+void expectAudioSamples(long got, long source) {
+    EXPECT_GT(got, 0);
+    EXPECT_LE(std::labs(got - source), 1024) << got << " samples against " << source;
+}
+
+TEST_F(Fmp4muxEndToEnd, DashOfH264AndAacDecodesWithTheSourceCounts) {
     const fs::path source = input("h264.ts", "h264", "640x360", "400k");
     const fs::path out = dir() / "dash-h264";
     const Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
@@ -138,6 +144,8 @@ TEST_F(Fmp4muxEndToEnd, DashOfH264DecodesWithTheSourceFrameCount) {
     expectValidMpd(out);
     const fs::path video = joinRepresentation(out, "video0", "dash-h264-video.mp4");
     EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
+    const fs::path audio = joinRepresentation(out, "audio1", "dash-h264-audio.mp4");
+    expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
 }
 
 TEST_F(Fmp4muxEndToEnd, SmoothOfH264DecodesWithTheSourceFrameCount) {
@@ -173,9 +181,29 @@ TEST_F(Fmp4muxEndToEnd, SmoothOfH264DecodesWithTheSourceFrameCount) {
     outFile.close();
     EXPECT_EQ(chunks, 3);
     EXPECT_EQ(decodedCount(joined, "video"), decodedCount(source, "video"));
+
+    // The audio stream index, joined the same way.
+    const std::string audioIndex = manifest.substr(manifest.find("Type=\"audio\""));
+    std::smatch audioUrl, audioBitrate;
+    ASSERT_TRUE(std::regex_search(audioIndex, audioUrl, std::regex("Url=\"([^\"]+)\"")));
+    ASSERT_TRUE(std::regex_search(audioIndex, audioBitrate, std::regex("Bitrate=\"(\\d+)\"")));
+    const std::string audioPattern = std::regex_replace(audioUrl[1].str(), std::regex("\\{bitrate\\}"), audioBitrate[1].str());
+    const fs::path audioJoined = dir() / "smooth-h264-audio.mp4";
+    std::ofstream audioFile(audioJoined, std::ios::binary);
+    std::ifstream audioInit((out / audioPattern).parent_path() / "smooth_init.mp4", std::ios::binary);
+    ASSERT_TRUE(audioInit.good());
+    audioFile << audioInit.rdbuf();
+    for (auto it = std::sregex_iterator(audioIndex.begin(), audioIndex.end(), c); it != std::sregex_iterator(); ++it) {
+        std::ifstream f(out / std::regex_replace(audioPattern, std::regex("\\{start time\\}"), (*it)[1].str()),
+                        std::ios::binary);
+        ASSERT_TRUE(f.good());
+        audioFile << f.rdbuf();
+    }
+    audioFile.close();
+    expectAudioSamples(decodedCount(audioJoined, "audio"), decodedCount(source, "audio"));
 }
 
-TEST_F(Fmp4muxEndToEnd, DashOfHevcDecodesWithTheSourceFrameCount) {
+TEST_F(Fmp4muxEndToEnd, DashOfHevcAndAacDecodesWithTheSourceCounts) {
     const fs::path source = input("hevc.ts", "hevc", "640x360", "300k");
     const fs::path out = dir() / "dash-hevc";
     const Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
@@ -183,6 +211,22 @@ TEST_F(Fmp4muxEndToEnd, DashOfHevcDecodesWithTheSourceFrameCount) {
     expectValidMpd(out);
     const fs::path video = joinRepresentation(out, "video0", "dash-hevc-video.mp4");
     EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
+    const fs::path audio = joinRepresentation(out, "audio1", "dash-hevc-audio.mp4");
+    expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
+}
+
+TEST_F(Fmp4muxEndToEnd, Mp4InputWithRawAacAndSeparateAudioSegments) {
+    // MP4 holds H.264 in length-prefixed form and AAC as raw frames with its configuration in the header.
+    const fs::path source = input("h264.mp4", "h264", "640x360", "400k", true, "mp4");
+    const fs::path out = dir() / "dash-mp4";
+    const Outcome r = fmp4mux("-m separate-audio --audio-segment-duration 1920 " + quote(source.string()) + " " +
+                              quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    const fs::path video = joinRepresentation(out, "video0", "dash-mp4-video.mp4");
+    EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
+    const fs::path audio = joinRepresentation(out, "audio1", "dash-mp4-audio.mp4");
+    expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
 }
 
 TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
