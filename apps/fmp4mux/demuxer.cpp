@@ -57,6 +57,12 @@ std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc,
 
 struct Demuxer::Impl {
     AVFormatContext* format = nullptr;
+    const std::atomic<bool>* interrupt = nullptr;
+    const std::atomic<bool>* stop = nullptr;
+    static int interrupted(void* self) {
+        const auto* impl = static_cast<const Impl*>(self);
+        return (impl->interrupt && impl->interrupt->load()) || (impl->stop && impl->stop->load()) ? 1 : 0;
+    }
     // Per kept stream: its source index, an optional bitstream filter to Annex B, and how AAC is carried.
     struct Kept {
         int sourceIndex;
@@ -76,8 +82,14 @@ struct Demuxer::Impl {
     }
 };
 
-Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string>& skipped)
+Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
+                 const std::atomic<bool>* interrupt)
     : m_impl(std::make_unique<Impl>()) {
+    m_impl->interrupt = interrupt;
+    m_impl->format = avformat_alloc_context();
+    if (m_impl->format == nullptr) throw std::runtime_error("out of memory opening '" + url + "'");
+    m_impl->format->interrupt_callback.callback = &Impl::interrupted;
+    m_impl->format->interrupt_callback.opaque = m_impl.get();
     const std::string source = url == "-" ? "pipe:0" : url;
     m_live = source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
              source == "pipe:0";
@@ -166,6 +178,7 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
 Demuxer::~Demuxer() = default;
 
 bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop, bool realtime) {
+    m_impl->stop = &stop;
     AVPacket* packet = av_packet_alloc();
     std::optional<std::int64_t> firstTime;
     const auto wallStart = std::chrono::steady_clock::now();
@@ -196,7 +209,7 @@ bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomi
 
     while (!stop.load()) {
         const int read = av_read_frame(m_impl->format, packet);
-        if (read == AVERROR_EOF) break;
+        if (read == AVERROR_EOF || read == AVERROR_EXIT) break;
         if (read < 0) {
             if (read == AVERROR(EAGAIN)) continue;
             m_error = avError(read);
@@ -226,6 +239,7 @@ bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomi
         }
     }
     av_packet_free(&packet);
+    m_impl->stop = nullptr;
     return ok;
 }
 

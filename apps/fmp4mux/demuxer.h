@@ -37,7 +37,9 @@ class Demuxer {
 public:
     // Opens the input and reads its stream list. Raises std::runtime_error with a clear message on failure.
     // Streams that the packager cannot carry are reported through `skipped` and left out.
-    Demuxer(const std::string& url, int inputIndex, std::vector<std::string>& skipped);
+    // `interrupt`, when set, aborts a blocking open or read (a live input that sends nothing).
+    Demuxer(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
+            const std::atomic<bool>* interrupt = nullptr);
     ~Demuxer();
     Demuxer(const Demuxer&) = delete;
     Demuxer& operator=(const Demuxer&) = delete;

@@ -168,8 +168,10 @@ public:
         if (m_live) writeManifestsLocked();
     }
 
-    void writeManifests() {
+    // The last manifests: the presentation has ended, so a live one becomes static with every segment written.
+    void writeFinalManifests() {
         std::lock_guard lock(m_mutex);
+        m_live = false;
         writeManifestsLocked();
     }
 
@@ -349,13 +351,17 @@ int main(int argc, char** argv) {
         return 4;
     }
 
+    // An interruption ends the run cleanly: the chunks under way are finished and the manifests written.
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+
     // Inputs.
     std::vector<std::unique_ptr<Demuxer>> demuxers;
     std::vector<std::string> skipped;
     bool live = false;
     for (std::size_t i = 0; i < options.inputs.size(); ++i) {
         try {
-            demuxers.push_back(std::make_unique<Demuxer>(options.inputs[i], static_cast<int>(i), skipped));
+            demuxers.push_back(std::make_unique<Demuxer>(options.inputs[i], static_cast<int>(i), skipped, &g_interrupted));
             live = live || demuxers.back()->isLive();
         } catch (const std::exception& e) {
             std::cerr << "fmp4mux: " << e.what() << "\n";
@@ -445,8 +451,6 @@ int main(int argc, char** argv) {
         return 3;
     }
 
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
     filter->Pause();
     filter->Run();
     // The session is built on the filter's worker; a configuration it cannot run leaves the worker idle.
@@ -540,7 +544,7 @@ int main(int argc, char** argv) {
 
     const double wall = std::chrono::duration<double>(Clock::now() - started).count();
     if (!options.quiet) std::fprintf(stderr, "\r\033[K");
-    session.writeManifests();
+    session.writeFinalManifests();
     for (std::size_t d = 0; d < readErrors.size(); ++d)
         if (!readErrors[d].empty())
             std::cerr << "fmp4mux: warning: reading input " << d << " stopped early: " << readErrors[d] << "\n";

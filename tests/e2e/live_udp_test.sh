@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# A live input: ffmpeg sends the sample over UDP on the loopback in real time; fmp4mux packages it as it comes,
+# keeps a dynamic MPD up to date, and on SIGINT finishes the chunks under way and exits 0.
+# Usage: live_udp_test.sh BUILD_DIR
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+fmp4mux="$1/apps/fmp4mux/fmp4mux"
+work=$(mktemp -d)
+sender=""
+muxer=""
+cleanup() {
+  [ -n "$sender" ] && kill "$sender" 2>/dev/null || true
+  [ -n "$muxer" ] && kill "$muxer" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+port=$(( 20000 + RANDOM % 20000 ))
+"$fmp4mux" -q "udp://127.0.0.1:$port?timeout=30000000" "$work/out" 2>"$work/fmp4mux.log" &
+muxer=$!
+sleep 1
+ffmpeg -hide_banner -loglevel error -re -i "$root/samples/sample.ts" -c copy -f mpegts \
+  "udp://127.0.0.1:$port?pkt_size=1316" &
+sender=$!
+
+# While the input runs, the MPD is dynamic and grows.
+mpd="$work/out/manifest.mpd"
+for _ in $(seq 1 100); do
+  [ -s "$mpd" ] && grep -q '<S ' "$mpd" && break
+  sleep 0.1
+done
+[ -s "$mpd" ] || { echo "no MPD while the live input runs"; cat "$work/fmp4mux.log"; exit 1; }
+grep -q 'type="dynamic"' "$mpd" || { echo "the live MPD is not dynamic"; cat "$mpd"; exit 1; }
+grep -q 'availabilityStartTime=' "$mpd" && grep -q 'timeShiftBufferDepth=' "$mpd" || { echo "live timing missing"; exit 1; }
+cp "$mpd" "$work/live.mpd"
+xmllint --noout --schema "$root/../shared/schemas/DASH-MPD.xsd" "$work/live.mpd"
+first=$(grep -c '<S ' "$work/live.mpd" || true)
+wait "$sender"
+sender=""
+sleep 1
+kill -INT "$muxer"
+status=0
+wait "$muxer" || status=$?
+muxer=""
+[ "$status" -eq 0 ] || { echo "fmp4mux exited with $status"; cat "$work/fmp4mux.log"; exit 1; }
+xmllint --noout --schema "$root/../shared/schemas/DASH-MPD.xsd" "$mpd"
+chunks=$(find "$work/out" -name 'chunk_*.mp4' | wc -l)
+echo "live run: $chunks chunk files; timeline entries first seen $first"
+[ "$chunks" -ge 8 ] || { echo "too few chunks from the live input"; cat "$work/fmp4mux.log"; exit 1; }
+# Once the input has ended the MPD is static, with every segment, and the whole presentation decodes.
+grep -q 'type="static"' "$mpd" || { echo "the final MPD is not static"; exit 1; }
+ffmpeg -hide_banner -loglevel error -xerror -i "$mpd" -f null - || { echo "the live output does not decode"; exit 1; }
+echo "live UDP input: passed"
