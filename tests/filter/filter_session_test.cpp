@@ -6,6 +6,7 @@
 
 #include "filter_helpers.h"
 #include "tests/packaging/fmp4/chunk_test_support.h"
+#include "tests/packaging/lib_parse_es/aac_test_support.h"
 
 namespace {
 using namespace filter_test;
@@ -50,65 +51,125 @@ void pushFixture(MuxFmp4InputPin& pin, const es_test::Fixture& fixture) {
     pin.EndOfStream();
 }
 
-// The same input through a session of its own, as the reference of what the filter must deliver.
-std::vector<chunk_test::WrittenChunk> referenceChunks(const es_test::Fixture& fixture) {
+// The AAC fixture's frames as samples of 100 ns times.
+struct AudioInput;
+fmp4::MediaDataRef SimpleMediaDataFor(const AudioInput& audio, std::size_t k);
+struct AudioInput {
+    std::vector<chunk_test::Bytes> frames;
+    std::vector<REFERENCE_TIME> times;
+};
+AudioInput loadAudio() {
+    const auto fixture = es_test::loadAudioFixture("aac_lc_stereo_48k.adts");
+    AudioInput input;
+    input.frames = es_test::packetBytes(fixture);
+    for (const auto& p : fixture.packets) input.times.push_back(p.pts * 10000000 / es_test::kProbeTimeBase);
+    return input;
+}
+
+fmp4::MediaDataRef SimpleMediaDataFor(const AudioInput& audio, std::size_t k) {
+    auto buffer = fmp4::SimpleMediaData::create(audio.frames[k].data(), audio.frames[k].size());
+    buffer->SetTime(&audio.times[k], nullptr);
+    return buffer;
+}
+
+void pushAudio(MuxFmp4InputPin& pin, const AudioInput& audio) {
+    for (std::size_t k = 0; k < audio.frames.size(); ++k) {
+        auto sample = COOBMediaSample::create(audio.frames[k].size());
+        std::uint8_t* data = nullptr;
+        sample->GetPointer(&data);
+        std::memcpy(data, audio.frames[k].data(), audio.frames[k].size());
+        sample->SetTime(&audio.times[k], nullptr);
+        ASSERT_EQ(pin.Receive(sample.get()), S_OK);
+    }
+    pin.EndOfStream();
+}
+
+fmp4::ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t bitrate) {
+    fmp4::ElementaryStreamAttributes attributes;
+    attributes.type = type;
+    attributes.bitrate = bitrate;
+    attributes.bandwidth = static_cast<std::uint32_t>(bitrate);
+    attributes.name = "main";
+    return attributes;
+}
+
+// The same input through a session of its own, as the reference of what the filter must deliver: the chunks of
+// the video output, then those of the audio output.
+std::vector<std::vector<chunk_test::WrittenChunk>> referenceChunks(const es_test::Fixture& video,
+                                                                   const AudioInput& audio) {
     chunk_test::SilentLogger logger;
-    chunk_test::KeepingOutput output;
+    chunk_test::KeepingOutput videoOutput, audioOutput;
     fmp4::Fmp4Mux mux(fmp4::Dash, fmp4::Fmp4MuxConfig::fromMode(fmp4::GopSegments, 1000, 1, 0, 0), nullptr, logger,
                       false, false, false, false, true, fmp4::Fmp4MuxParts{});
-    fmp4::ElementaryStreamAttributes attributes;
-    attributes.type = fmp4::H264_VIDEO;
-    attributes.bitrate = 1000000;
-    attributes.bandwidth = 1000000;
-    attributes.name = "main";
-    mux.AddStream(0, attributes);
-    mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &output, 1}});
-    for (const auto& buffer : chunk_test::fixtureBuffers(fixture, 0)) mux.ConsumeSample(0, buffer.get());
+    mux.AddStream(0, attributesOf(fmp4::H264_VIDEO, 1000000));
+    mux.AddStream(1, attributesOf(fmp4::AAC_ADTS_AUDIO, 128000));
+    mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &videoOutput, 1}, fmp4::ChunkOutputSeed{"", {1}, &audioOutput, 1}});
+    for (const auto& buffer : chunk_test::fixtureBuffers(video, 0)) mux.ConsumeSample(0, buffer.get());
+    for (std::size_t k = 0; k < audio.frames.size(); ++k) {
+        auto buffer = SimpleMediaDataFor(audio, k);
+        mux.ConsumeSample(1, buffer.get());
+    }
     mux.ConsumeEndOfStream(0);
-    EXPECT_TRUE(output.waitForEnd());
-    return output.chunks();
+    mux.ConsumeEndOfStream(1);
+    EXPECT_TRUE(videoOutput.waitForEnd());
+    EXPECT_TRUE(audioOutput.waitForEnd());
+    return {videoOutput.chunks(), audioOutput.chunks()};
 }
 
 TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     const es_test::Fixture video = es_test::loadFixture("h264_plain");
-    const auto expected = referenceChunks(video);
-    ASSERT_GT(expected.size(), 2u);
+    const AudioInput audio = loadAudio();
+    const auto expected = referenceChunks(video, audio);
+    ASSERT_GT(expected[0].size(), 2u);
+    ASSERT_GT(expected[1].size(), 2u);
 
     FilterHolder filter(CMuxFmp4Filter::Create());
     chunk_test::SilentLogger logger;
     filter->SetLogger(&logger);
     ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
     ASSERT_EQ(filter->ConfigureInputPin(1000000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
-    auto* pin = filter->inputPins().at(0);
-    ASSERT_EQ(pin->ReceiveConnection(inputType(1)), S_OK);
-    RecordingSink sink;
-    ASSERT_EQ(filter->outputPins().at(0)->Connect(&sink), S_OK);
+    auto* videoPin = filter->inputPins().at(0);
+    ASSERT_EQ(videoPin->ReceiveConnection(inputType(1)), S_OK);
+    ASSERT_EQ(filter->ConfigureInputPin(128000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
+    auto* audioPin = filter->inputPins().at(1);
+    ASSERT_EQ(audioPin->ReceiveConnection(inputType(8)), S_OK);
+    RecordingSink videoSink, audioSink;
+    ASSERT_EQ(filter->outputPins().at(0)->Connect(&videoSink), S_OK);
+    ASSERT_EQ(filter->outputPins().at(1)->Connect(&audioSink), S_OK);
 
     for (int session = 1; session <= 2; ++session) {
         ASSERT_EQ(filter->Pause(), S_OK);
         ASSERT_EQ(filter->Run(), S_OK);
         ASSERT_TRUE(eventually([&] { return filter->workerState() == fmp4::Running; }));
-        std::thread streaming([&] { pushFixture(*pin, video); });
-        streaming.join();
-        ASSERT_TRUE(eventually([&] { return sink.endCount() == session; }));
+        // Each input on a streaming thread of its own, as a graph delivers them.
+        std::thread videoThread([&] { pushFixture(*videoPin, video); });
+        std::thread audioThread([&] { pushAudio(*audioPin, audio); });
+        videoThread.join();
+        audioThread.join();
+        ASSERT_TRUE(eventually([&] { return videoSink.endCount() == session && audioSink.endCount() == session; }));
         ASSERT_EQ(filter->Stop(), S_OK);
         ASSERT_TRUE(eventually([&] { return filter->workerState() == fmp4::Idle; }));
 
-        const auto got = joinChunks(sink.snapshot());
-        // Each session sends its own init chunk first: sync point, no time; then the media chunks.
-        ASSERT_EQ(got.size(), expected.size() * static_cast<std::size_t>(session));
-        const std::size_t base = expected.size() * static_cast<std::size_t>(session - 1);
-        for (std::size_t k = 0; k < expected.size(); ++k) {
-            EXPECT_EQ(got[base + k].init, expected[k].init) << k;
-            EXPECT_EQ(got[base + k].hasTime, expected[k].hasTime) << k;
-            EXPECT_EQ(got[base + k].time, expected[k].time) << k;
-            EXPECT_EQ(got[base + k].bytes, expected[k].bytes) << "chunk " << k << " of session " << session;
+        RecordingSink* sinks[] = {&videoSink, &audioSink};
+        for (int o = 0; o < 2; ++o) {
+            const auto got = joinChunks(sinks[o]->snapshot());
+            const auto& want = expected[static_cast<std::size_t>(o)];
+            // Each session sends its own init chunk first (sync point, no time), then the media chunks.
+            ASSERT_EQ(got.size(), want.size() * static_cast<std::size_t>(session)) << "output " << o;
+            const std::size_t base = want.size() * static_cast<std::size_t>(session - 1);
+            for (std::size_t k = 0; k < want.size(); ++k) {
+                EXPECT_EQ(got[base + k].init, want[k].init) << k;
+                EXPECT_EQ(got[base + k].hasTime, want[k].hasTime) << k;
+                EXPECT_EQ(got[base + k].time, want[k].time) << k;
+                EXPECT_EQ(got[base + k].bytes, want[k].bytes)
+                    << "chunk " << k << " of output " << o << " in session " << session;
+            }
+            EXPECT_TRUE(got[base].init);
+            EXPECT_FALSE(got[base].hasTime);
         }
-        EXPECT_TRUE(got[base].init);
-        EXPECT_FALSE(got[base].hasTime);
     }
     std::uint32_t delivered = 0;
     filter->GetStatus(&delivered, nullptr, 0);
-    EXPECT_EQ(delivered, 2 * expected.size());
+    EXPECT_EQ(delivered, 2 * (expected[0].size() + expected[1].size()));
 }
 }  // namespace
