@@ -135,18 +135,30 @@ std::string serverManifest(const std::vector<std::uint8_t>& movie) {
     return {};
 }
 
-std::vector<std::uint8_t> withoutVendorBoxes(const std::vector<std::uint8_t>& chunk) {
-    std::vector<std::uint8_t> out;
-    out.reserve(chunk.size());
+std::vector<std::pair<const std::uint8_t*, std::size_t>> playerRanges(const std::vector<std::uint8_t>& chunk) {
+    std::vector<std::pair<const std::uint8_t*, std::size_t>> ranges;
     std::size_t consumed = 0;
+    auto keep = [&](std::size_t from, std::size_t to) {
+        if (to <= from) return;
+        if (!ranges.empty() && ranges.back().first + ranges.back().second == chunk.data() + from)
+            ranges.back().second += to - from;
+        else
+            ranges.emplace_back(chunk.data() + from, to - from);
+    };
     for (const auto& box : children(chunk.data(), 0, chunk.size())) {
         const std::size_t start = consumed;
         consumed = box.end;
         if (box.type == "tnsb" || box.type == "teoc" || box.type == "teos") continue;
-        out.insert(out.end(), chunk.begin() + static_cast<long>(start), chunk.begin() + static_cast<long>(box.end));
+        keep(start, box.end);
     }
     // Whatever follows the last whole box is kept as it is.
-    out.insert(out.end(), chunk.begin() + static_cast<long>(consumed), chunk.end());
+    keep(consumed, chunk.size());
+    return ranges;
+}
+
+std::vector<std::uint8_t> withoutVendorBoxes(const std::vector<std::uint8_t>& chunk) {
+    std::vector<std::uint8_t> out;
+    for (const auto& [data, size] : playerRanges(chunk)) out.insert(out.end(), data, data + size);
     return out;
 }
 
@@ -157,6 +169,10 @@ std::string lastCompleteBox(const std::uint8_t* data, std::size_t size) {
 }
 
 void writeFileAtomically(const std::string& path, const std::uint8_t* data, std::size_t size) {
+    writeFileAtomically(path, {{data, size}});
+}
+
+void writeFileAtomically(const std::string& path, const std::vector<std::pair<const std::uint8_t*, std::size_t>>& ranges) {
     const std::filesystem::path target(path);
     if (target.has_parent_path()) {
         std::error_code error;
@@ -166,7 +182,8 @@ void writeFileAtomically(const std::string& path, const std::uint8_t* data, std:
     const std::string temporary = path + ".tmp" + std::to_string(::getpid());
     std::FILE* file = std::fopen(temporary.c_str(), "wb");
     if (file == nullptr) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
-    const bool written = size == 0 || std::fwrite(data, 1, size, file) == size;
+    bool written = true;
+    for (const auto& [data, size] : ranges) written = written && (size == 0 || std::fwrite(data, 1, size, file) == size);
     const bool closed = std::fclose(file) == 0;
     if (!written || !closed) {
         std::remove(temporary.c_str());
@@ -197,6 +214,7 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         m_pendingHasTime = hasTime;
         m_pendingTime = start;
     }
+    if (m_pending.empty()) m_pending.reserve(m_lastChunkSize + 65536);
     m_pending.insert(m_pending.end(), data, data + std::max(length, 0L));
 
     if (m_pendingInit) {
@@ -214,6 +232,7 @@ void ChunkSink::finish() {
     if (m_pending.empty()) return;
     std::vector<std::uint8_t> chunk;
     chunk.swap(m_pending);
+    m_lastChunkSize = chunk.size();
     ++m_chunks;
     if (m_pendingInit)
         m_onInit(chunk);

@@ -37,12 +37,16 @@ std::string serverManifest(const std::vector<std::uint8_t>& movie);
 // downstream publisher where segments end and which players do not know. The segment index does not count them.
 std::vector<std::uint8_t> withoutVendorBoxes(const std::vector<std::uint8_t>& chunk);
 
+// The byte ranges of the chunk without its vendor boxes, for writing without a copy.
+std::vector<std::pair<const std::uint8_t*, std::size_t>> playerRanges(const std::vector<std::uint8_t>& chunk);
+
 // Top-level boxes: the type of the last box when the bytes end exactly at a box boundary, else empty.
 std::string lastCompleteBox(const std::uint8_t* data, std::size_t size);
 
 // Writes bytes to `path` through a temporary name and a rename, creating folders, so that a reader never sees
 // half a file. Raises std::runtime_error on failure.
 void writeFileAtomically(const std::string& path, const std::uint8_t* data, std::size_t size);
+void writeFileAtomically(const std::string& path, const std::vector<std::pair<const std::uint8_t*, std::size_t>>& ranges);
 
 // Receives one output's samples. A chunk is complete when its bytes end at the box that closes it (the index of
 // an init chunk, `mdat` of a Smooth chunk, the end-of-segment box of a DASH chunk); any other chunk is completed
@@ -72,6 +76,7 @@ private:
     InitHandler m_onInit;
     MediaHandler m_onMedia;
     std::vector<std::uint8_t> m_pending;
+    std::size_t m_lastChunkSize = 0;  // to reserve the next chunk's room at once
     bool m_pendingInit = false;
     bool m_pendingHasTime = false;
     std::int64_t m_pendingTime = 0;

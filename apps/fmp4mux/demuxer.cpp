@@ -192,10 +192,14 @@ bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomi
         if (p->pts != AV_NOPTS_VALUE) out.pts = av_rescale_q(p->pts, kept.timeBase, kHundredNs);
         if (p->dts != AV_NOPTS_VALUE) out.dts = av_rescale_q(p->dts, kept.timeBase, kHundredNs);
         if (p->duration > 0) out.duration = av_rescale_q(p->duration, kept.timeBase, kHundredNs);
-        if (kept.rawAac)
-            out.bytes = makeRawAacPacket(kept.asc, kept.bitrate, p->data, static_cast<std::size_t>(p->size));
-        else
-            out.bytes.assign(p->data, p->data + p->size);
+        if (kept.rawAac) {
+            out.owned = makeRawAacPacket(kept.asc, kept.bitrate, p->data, static_cast<std::size_t>(p->size));
+            out.data = out.owned.data();
+            out.size = out.owned.size();
+        } else {
+            out.data = p->data;
+            out.size = static_cast<std::size_t>(p->size);
+        }
         if (realtime && (out.dts || out.pts)) {
             // File input paced as a live source: a packet leaves when its time has come.
             const std::int64_t t = out.dts ? *out.dts : *out.pts;

@@ -26,7 +26,11 @@ struct StreamInfo {
 
 struct Packet {
     std::size_t stream = 0;  // index into Demuxer::streams()
-    std::vector<std::uint8_t> bytes;
+    // The packet's bytes, valid during the callback only: they point into the demuxer's packet, or into
+    // `owned` when the packet was rewrapped (raw AAC).
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    std::vector<std::uint8_t> owned;
     std::optional<std::int64_t> pts;  // 100 ns units
     std::optional<std::int64_t> dts;
     std::int64_t duration = 0;        // 100 ns units, 0 when unknown

@@ -142,12 +142,11 @@ public:
         const std::uint64_t number = out.nextNumber++;
         try {
             const std::string path = expandName(m_options.mediaTemplateOrDefault(), out, timing->time, number);
-            if (m_options.dash) {
-                const auto media = withoutVendorBoxes(chunk);
-                writeFileAtomically(m_options.outputDirectory + "/" + path, media.data(), media.size());
-            } else {
-                writeFileAtomically(m_options.outputDirectory + "/" + path, chunk.data(), chunk.size());
-            }
+            const std::string target = m_options.outputDirectory + "/" + path;
+            if (m_options.dash)
+                writeFileAtomically(target, playerRanges(chunk));
+            else
+                writeFileAtomically(target, chunk.data(), chunk.size());
         } catch (const std::exception& e) {
             return fail(e.what());
         }
@@ -497,10 +496,10 @@ int main(int argc, char** argv) {
                             }
                         }
                     }
-                    auto sample = flt::COOBMediaSample::create(packet.bytes.size());
+                    auto sample = flt::COOBMediaSample::createUninitialised(packet.size);
                     std::uint8_t* data = nullptr;
                     sample->GetPointer(&data);
-                    std::memcpy(data, packet.bytes.data(), packet.bytes.size());
+                    std::memcpy(data, packet.data, packet.size);
                     if (packet.pts) {
                         const std::int64_t stopTime = *packet.pts + packet.duration;
                         sample->SetTime(&*packet.pts, packet.duration > 0 ? &stopTime : nullptr);

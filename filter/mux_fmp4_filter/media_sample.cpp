@@ -15,6 +15,12 @@ SampleRef<COOBMediaSample> COOBMediaSample::create(std::size_t size) {
     return SampleRef<COOBMediaSample>::adopt(sample);
 }
 
+SampleRef<COOBMediaSample> COOBMediaSample::createUninitialised(std::size_t size) {
+    auto* sample = new COOBMediaSample(size, false);
+    sample->m_actualLength = static_cast<long>(size);
+    return SampleRef<COOBMediaSample>::adopt(sample);
+}
+
 unsigned long COOBMediaSample::AddRef() { return m_refCount.fetch_add(1, std::memory_order_relaxed) + 1; }
 
 unsigned long COOBMediaSample::Release() {

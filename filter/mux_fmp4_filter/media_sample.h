@@ -102,6 +102,8 @@ class COOBMediaSample : public IMediaSample3 {
 public:
     // Starts with one reference, held by the creator.
     static SampleRef<COOBMediaSample> create(std::size_t size);
+    // The same, with storage left as it comes, for a creator that fills it at once.
+    static SampleRef<COOBMediaSample> createUninitialised(std::size_t size);
 
     unsigned long AddRef() override;
     unsigned long Release() override;
