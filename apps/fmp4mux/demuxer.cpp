@@ -169,6 +169,13 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
                               info.codec + "' is not supported by this packager");
             continue;
         }
+        if (info.bitrate <= 0 && par->codec_type == AVMEDIA_TYPE_VIDEO && fmt->bit_rate > 0) {
+            // The container's rate less what its other streams declare: a fair first estimate of the video's.
+            std::int64_t others = 0;
+            for (unsigned j = 0; j < fmt->nb_streams; ++j)
+                if (j != i) others += std::max<std::int64_t>(fmt->streams[j]->codecpar->bit_rate, 0);
+            if (fmt->bit_rate > others) info.bitrate = fmt->bit_rate - others;
+        }
         m_impl->sourceToKept[i] = static_cast<int>(m_impl->kept.size());
         m_impl->kept.push_back(kept);
         m_streams.push_back(info);

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "apps/fmp4mux/chunk_sink.h"
@@ -394,12 +395,15 @@ int main(int argc, char** argv) {
     std::vector<std::vector<Route>> routes(demuxers.size());
     std::vector<std::unique_ptr<ChunkSink>> sinks;
     std::size_t connected = 0;
+    std::set<std::string> usedBitrates;
     for (std::size_t d = 0; d < demuxers.size(); ++d) {
         for (const StreamInfo& info : demuxers[d]->streams()) {
             const std::string spec = std::to_string(info.input) + ":" + std::to_string(info.sourceIndex);
             const StreamSettings settings = options.streams.count(spec) ? options.streams.at(spec) : StreamSettings{};
             std::uint32_t bitrate = settings.bitrate.value_or(static_cast<std::uint32_t>(info.bitrate));
             if (bitrate == 0) bitrate = info.kind == "video" ? 2000000 : 128000;
+            // Quality levels of one kind must differ in bitrate: Smooth names their folders and URLs by it.
+            while (!usedBitrates.insert(info.kind + "/" + std::to_string(bitrate)).second) ++bitrate;
             const std::string language = settings.language.value_or(info.language.empty() ? "und" : info.language);
             const std::string name = settings.name.value_or(info.kind + std::to_string(connected));
             if (filter->ConfigureInputPin(bitrate, language.c_str(), 0, name.c_str(), "", 0, 0, nullptr) != tvrn::com::S_OK) {

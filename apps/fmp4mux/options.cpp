@@ -35,6 +35,7 @@ Output:
   -g, --gop-duration MS           GOP duration of the inputs (default 2000)
   -n, --gops-per-segment N        GOPs in a segment (default 1)
       --audio-segment-duration MS audio segment duration in separate-audio mode (default: the segment duration)
+      --chunk-duration MS         chunk duration of the low-latency mode (default 500)
       --in-band-parameter-sets    DASH: parameter sets in the samples (avc3/hev1)
       --all-video-in-init         DASH: every video sample entry in each init segment
       --drift-detection           restart numbering when the input drifts from the wall clock
@@ -169,6 +170,9 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         } else if (arg == "--audio-segment-duration") {
             if (!number(1, 600000, n)) return ParseResult::Error;
             options.audioSegmentDurationMs = static_cast<std::int32_t>(n);
+        } else if (arg == "--chunk-duration") {
+            if (!number(1, 600000, n)) return ParseResult::Error;
+            options.chunkDurationMs = static_cast<std::int32_t>(n);
         } else if (arg == "--in-band-parameter-sets") {
             options.inBandParameterSets = true;
         } else if (arg == "--all-video-in-init") {

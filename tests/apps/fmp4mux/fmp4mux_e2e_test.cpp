@@ -117,6 +117,13 @@ protected:
     }
 };
 
+fs::path Fmp4muxEndToEnd_dir() {
+    struct Access : Fmp4muxEndToEnd {
+        using Fmp4muxEndToEnd::dir;
+    };
+    return Access::dir();
+}
+
 // Removes the working folder when the test program ends.
 class CleanUp : public ::testing::Environment {
 public:
@@ -129,6 +136,8 @@ public:
     };
 };
 const auto* const g_cleanUp = ::testing::AddGlobalTestEnvironment(new CleanUp);
+
+fs::path Fmp4muxEndToEnd_dir();
 
 // The source's audio, decoded, within one AAC frame: the frame before the first video key frame has no segment.
 void expectAudioSamples(long got, long source) {
@@ -148,59 +157,74 @@ TEST_F(Fmp4muxEndToEnd, DashOfH264AndAacDecodesWithTheSourceCounts) {
     expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
 }
 
-TEST_F(Fmp4muxEndToEnd, SmoothOfH264DecodesWithTheSourceFrameCount) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "smooth-h264";
-    const Outcome r = fmp4mux("-f smooth " + quote(source.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
+// Joins one quality level of a Smooth stream index: its init file, then its chunks in manifest order.
+fs::path joinSmooth(const fs::path& out, const std::string& type, int qualityLevel, const std::string& name) {
     std::ifstream in(out / "Manifest");
     std::stringstream text;
     text << in.rdbuf();
     const std::string manifest = text.str();
-    std::smatch url;
-    ASSERT_TRUE(std::regex_search(manifest, url, std::regex("Type=\"video\"[^>]*Url=\"([^\"]+)\""))) << manifest;
-    std::smatch bitrate;
-    ASSERT_TRUE(std::regex_search(manifest, bitrate, std::regex("QualityLevel Index=\"0\" Bitrate=\"(\\d+)\"")));
-    // The init file sits beside the chunks; join it with the chunks in manifest order.
-    std::string pattern = std::regex_replace(url[1].str(), std::regex("\\{bitrate\\}"), bitrate[1].str());
-    const fs::path joined = dir() / "smooth-h264-video.mp4";
+    std::smatch index;
+    EXPECT_TRUE(std::regex_search(manifest, index,
+                                  std::regex("<StreamIndex Type=\"" + type + "\"[\\s\\S]*?</StreamIndex>")))
+        << manifest;
+    if (index.empty()) return {};
+    const std::string block = index[0];
+    std::smatch url, bitrate;
+    EXPECT_TRUE(std::regex_search(block, url, std::regex("Url=\"([^\"]+)\"")));
+    EXPECT_TRUE(std::regex_search(
+        block, bitrate, std::regex("QualityLevel Index=\"" + std::to_string(qualityLevel) + "\" Bitrate=\"(\\d+)\"")));
+    if (url.empty() || bitrate.empty()) return {};
+    const std::string pattern = std::regex_replace(url[1].str(), std::regex("\\{bitrate\\}"), bitrate[1].str());
+    const fs::path joined = Fmp4muxEndToEnd_dir() / name;
     std::ofstream outFile(joined, std::ios::binary);
-    const fs::path chunkDir = (out / pattern).parent_path();
-    std::ifstream init(chunkDir / "smooth_init.mp4", std::ios::binary);
-    ASSERT_TRUE(init.good());
+    std::ifstream init((out / pattern).parent_path() / "smooth_init.mp4", std::ios::binary);
+    EXPECT_TRUE(init.good()) << (out / pattern).parent_path();
     outFile << init.rdbuf();
     const std::regex c("<c t=\"(\\d+)\" d=\"\\d+\"/>");
-    int chunks = 0;
-    const std::string videoIndex = manifest.substr(0, manifest.find("</StreamIndex>"));
-    for (auto it = std::sregex_iterator(videoIndex.begin(), videoIndex.end(), c); it != std::sregex_iterator(); ++it) {
-        std::ifstream f(out / std::regex_replace(pattern, std::regex("\\{start time\\}"), (*it)[1].str()), std::ios::binary);
-        ASSERT_TRUE(f.good());
-        outFile << f.rdbuf();
-        ++chunks;
-    }
-    outFile.close();
-    EXPECT_EQ(chunks, 3);
-    EXPECT_EQ(decodedCount(joined, "video"), decodedCount(source, "video"));
-
-    // The audio stream index, joined the same way.
-    const std::string audioIndex = manifest.substr(manifest.find("Type=\"audio\""));
-    std::smatch audioUrl, audioBitrate;
-    ASSERT_TRUE(std::regex_search(audioIndex, audioUrl, std::regex("Url=\"([^\"]+)\"")));
-    ASSERT_TRUE(std::regex_search(audioIndex, audioBitrate, std::regex("Bitrate=\"(\\d+)\"")));
-    const std::string audioPattern = std::regex_replace(audioUrl[1].str(), std::regex("\\{bitrate\\}"), audioBitrate[1].str());
-    const fs::path audioJoined = dir() / "smooth-h264-audio.mp4";
-    std::ofstream audioFile(audioJoined, std::ios::binary);
-    std::ifstream audioInit((out / audioPattern).parent_path() / "smooth_init.mp4", std::ios::binary);
-    ASSERT_TRUE(audioInit.good());
-    audioFile << audioInit.rdbuf();
-    for (auto it = std::sregex_iterator(audioIndex.begin(), audioIndex.end(), c); it != std::sregex_iterator(); ++it) {
-        std::ifstream f(out / std::regex_replace(audioPattern, std::regex("\\{start time\\}"), (*it)[1].str()),
+    for (auto it = std::sregex_iterator(block.begin(), block.end(), c); it != std::sregex_iterator(); ++it) {
+        std::ifstream f(out / std::regex_replace(pattern, std::regex("\\{start time\\}"), (*it)[1].str()),
                         std::ios::binary);
-        ASSERT_TRUE(f.good());
-        audioFile << f.rdbuf();
+        EXPECT_TRUE(f.good());
+        outFile << f.rdbuf();
     }
-    audioFile.close();
-    expectAudioSamples(decodedCount(audioJoined, "audio"), decodedCount(source, "audio"));
+    return joined;
+}
+
+TEST_F(Fmp4muxEndToEnd, SmoothOfH264AndAacDecodesWithTheSourceCounts) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "smooth-h264";
+    const Outcome r = fmp4mux("-f smooth " + quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(decodedCount(joinSmooth(out, "video", 0, "smooth-h264-video.mp4"), "video"), decodedCount(source, "video"));
+    expectAudioSamples(decodedCount(joinSmooth(out, "audio", 0, "smooth-h264-audio.mp4"), "audio"),
+                       decodedCount(source, "audio"));
+}
+
+TEST_F(Fmp4muxEndToEnd, SmoothOfHevcAndAacDecodesWithTheSourceCounts) {
+    const fs::path source = input("hevc.ts", "hevc", "640x360", "300k");
+    const fs::path out = dir() / "smooth-hevc";
+    const Outcome r = fmp4mux("-f smooth " + quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(decodedCount(joinSmooth(out, "video", 0, "smooth-hevc-video.mp4"), "video"), decodedCount(source, "video"));
+    expectAudioSamples(decodedCount(joinSmooth(out, "audio", 0, "smooth-hevc-audio.mp4"), "audio"),
+                       decodedCount(source, "audio"));
+}
+
+TEST_F(Fmp4muxEndToEnd, SmoothOfThreeRenditionsHasThreeQualityLevelsThatDecode) {
+    const fs::path low = input("r-low.ts", "h264", "416x234", "200k", false);
+    const fs::path mid = input("r-mid.ts", "h264", "640x360", "500k", false);
+    const fs::path high = input("r-high.ts", "h264", "960x540", "900k", false);
+    const fs::path out = dir() / "smooth-renditions";
+    // Distinct bitrates keep the three quality levels' folders apart.
+    const Outcome r = fmp4mux("-f smooth --bitrate 0:0=200000 --bitrate 1:0=500000 --bitrate 2:0=900000 " +
+                              quote(low.string()) + " " + quote(mid.string()) + " " + quote(high.string()) + " " +
+                              quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    const fs::path sources[] = {low, mid, high};
+    for (int k = 0; k < 3; ++k)
+        EXPECT_EQ(decodedCount(joinSmooth(out, "video", k, "smooth-rendition-" + std::to_string(k) + ".mp4"), "video"),
+                  decodedCount(sources[k], "video"))
+            << k;
 }
 
 TEST_F(Fmp4muxEndToEnd, DashOfHevcAndAacDecodesWithTheSourceCounts) {
