@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# A live input: ffmpeg sends the sample over UDP on the loopback in real time; fmp4mux packages it as it comes,
-# keeps a dynamic MPD up to date, and on SIGINT finishes the chunks under way and exits 0.
-# Usage: live_udp_test.sh BUILD_DIR
+# A live input: ffmpeg sends the sample over UDP or SRT on the loopback in real time; fmp4mux packages it as it
+# comes, keeps a dynamic MPD up to date, and on SIGINT finishes the chunks under way and exits 0.
+# Usage: live_input_test.sh BUILD_DIR udp|srt
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 fmp4mux="$1/apps/fmp4mux/fmp4mux"
+protocol=${2:-udp}
 work=$(mktemp -d)
 sender=""
 muxer=""
@@ -16,11 +17,15 @@ cleanup() {
 trap cleanup EXIT
 
 port=$(( 20000 + RANDOM % 20000 ))
-"$fmp4mux" -q "udp://127.0.0.1:$port?timeout=30000000" "$work/out" 2>"$work/fmp4mux.log" &
+case "$protocol" in
+  udp) listen="udp://127.0.0.1:$port?timeout=30000000"; send="udp://127.0.0.1:$port?pkt_size=1316" ;;
+  srt) listen="srt://127.0.0.1:$port?mode=listener"; send="srt://127.0.0.1:$port?pkt_size=1316" ;;
+  *) echo "unknown protocol $protocol"; exit 2 ;;
+esac
+"$fmp4mux" -q "$listen" "$work/out" 2>"$work/fmp4mux.log" &
 muxer=$!
 sleep 1
-ffmpeg -hide_banner -loglevel error -re -i "$root/samples/sample.ts" -c copy -f mpegts \
-  "udp://127.0.0.1:$port?pkt_size=1316" &
+ffmpeg -hide_banner -loglevel error -re -i "$root/samples/sample.ts" -c copy -f mpegts "$send" &
 sender=$!
 
 # While the input runs, the MPD is dynamic and grows.
@@ -38,7 +43,7 @@ first=$(grep -c '<S ' "$work/live.mpd" || true)
 wait "$sender"
 sender=""
 sleep 1
-kill -INT "$muxer"
+kill -INT "$muxer" 2>/dev/null || true  # an input that ends (SRT) may have ended the run already
 status=0
 wait "$muxer" || status=$?
 muxer=""
@@ -50,4 +55,4 @@ echo "live run: $chunks chunk files; timeline entries first seen $first"
 # Once the input has ended the MPD is static, with every segment, and the whole presentation decodes.
 grep -q 'type="static"' "$mpd" || { echo "the final MPD is not static"; exit 1; }
 ffmpeg -hide_banner -loglevel error -xerror -i "$mpd" -f null - || { echo "the live output does not decode"; exit 1; }
-echo "live UDP input: passed"
+echo "live $protocol input: passed"
