@@ -37,24 +37,10 @@ HRESULT COOBMediaSample::GetPointer(std::uint8_t** buffer) {
 
 long COOBMediaSample::GetSize() { return static_cast<long>(m_size); }
 
-HRESULT COOBMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
-    if (!m_start) return VFW_E_SAMPLE_TIME_NOT_SET;
-    if (start) *start = *m_start;
-    if (!m_stop) {
-        if (stop) *stop = *m_start + 1;
-        return VFW_S_NO_STOP_TIME;
-    }
-    if (stop) *stop = *m_stop;
-    return S_OK;
-}
+HRESULT COOBMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) { return m_times.getTime(start, stop); }
 
 HRESULT COOBMediaSample::SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
-    m_start.reset();
-    m_stop.reset();
-    if (start == nullptr) return S_OK;
-    m_start = *start;
-    if (stop) m_stop = *stop;
-    return S_OK;
+    return m_times.setTime(start, stop);
 }
 
 HRESULT COOBMediaSample::SetSyncPoint(bool value) {
@@ -79,19 +65,11 @@ HRESULT COOBMediaSample::SetActualDataLength(long length) {
 }
 
 HRESULT COOBMediaSample::GetMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
-    if (!m_mediaStart) return VFW_E_MEDIA_TIME_NOT_SET;
-    if (start) *start = *m_mediaStart;
-    if (stop) *stop = m_mediaStop ? *m_mediaStop : *m_mediaStart;
-    return S_OK;
+    return m_times.getMediaTime(start, stop);
 }
 
 HRESULT COOBMediaSample::SetMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
-    m_mediaStart.reset();
-    m_mediaStop.reset();
-    if (start == nullptr) return S_OK;
-    m_mediaStart = *start;
-    if (stop) m_mediaStop = *stop;
-    return S_OK;
+    return m_times.setMediaTime(start, stop);
 }
 
 HRESULT COOBMediaSample::GetMetadata(std::uint32_t type, const std::uint8_t** data, std::size_t* size) {
@@ -114,10 +92,7 @@ HRESULT COOBMediaSample::RemoveMetadata(std::uint32_t type) {
 }
 
 void COOBMediaSample::resetProperties() {
-    m_start.reset();
-    m_stop.reset();
-    m_mediaStart.reset();
-    m_mediaStop.reset();
+    m_times = {};
     m_sync = m_preroll = m_discontinuity = false;
     m_metadata.clear();
 }

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "packaging/fmp4/types/media_data.h"
 #include "support/exceptions/result_codes.h"
 
 namespace tvrn::encoding::filter {
@@ -141,7 +142,7 @@ protected:
     std::unique_ptr<std::uint8_t[]> m_buffer;
     std::size_t m_size = 0;
     long m_actualLength = 0;
-    std::optional<REFERENCE_TIME> m_start, m_stop, m_mediaStart, m_mediaStop;
+    packaging::imff::fmp4::MediaTimes m_times;  // presentation and decoding times
     bool m_sync = false;
     bool m_preroll = false;
     bool m_discontinuity = false;

@@ -16,7 +16,7 @@ bool readItem(const std::optional<T>& item, T& out) {
 }
 }  // namespace
 
-HRESULT MediaDataProperties::setTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
+HRESULT MediaTimes::setTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
     m_start.reset();
     m_stop.reset();
     if (start == nullptr) return S_OK;
@@ -25,7 +25,7 @@ HRESULT MediaDataProperties::setTime(const REFERENCE_TIME* start, const REFERENC
     return S_OK;
 }
 
-HRESULT MediaDataProperties::getTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) const {
+HRESULT MediaTimes::getTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) const {
     if (!m_start) return VFW_E_SAMPLE_TIME_NOT_SET;
     if (start) *start = *m_start;
     if (!m_stop) {
@@ -36,7 +36,7 @@ HRESULT MediaDataProperties::getTime(REFERENCE_TIME* start, REFERENCE_TIME* stop
     return S_OK;
 }
 
-HRESULT MediaDataProperties::setMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
+HRESULT MediaTimes::setMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop) {
     m_mediaStart.reset();
     m_mediaStop.reset();
     if (start == nullptr) return S_OK;
@@ -45,7 +45,7 @@ HRESULT MediaDataProperties::setMediaTime(const REFERENCE_TIME* start, const REF
     return S_OK;
 }
 
-HRESULT MediaDataProperties::getMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) const {
+HRESULT MediaTimes::getMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) const {
     if (!m_mediaStart) return VFW_E_MEDIA_TIME_NOT_SET;
     if (start) *start = *m_mediaStart;
     if (stop) *stop = *m_mediaStop;

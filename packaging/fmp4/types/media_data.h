@@ -141,14 +141,24 @@ private:
     IMediaData* m_data = nullptr;
 };
 
-// The time and flags part of a buffer, with its metadata items, shared by the buffer kinds.
-class MediaDataProperties {
+// The presentation and decoding times of a buffer, with the answers of the media graph's sample calls.
+class MediaTimes {
 public:
     HRESULT setTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop);
     HRESULT getTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) const;
     HRESULT setMediaTime(const REFERENCE_TIME* start, const REFERENCE_TIME* stop);
     HRESULT getMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) const;
 
+private:
+    std::optional<REFERENCE_TIME> m_start;
+    std::optional<REFERENCE_TIME> m_stop;
+    std::optional<REFERENCE_TIME> m_mediaStart;
+    std::optional<REFERENCE_TIME> m_mediaStop;
+};
+
+// The times and flags of a buffer, with its metadata items.
+class MediaDataProperties : public MediaTimes {
+public:
     bool syncPoint = false;
     bool discontinuity = false;
     bool preroll = false;
@@ -158,12 +168,6 @@ public:
     std::optional<DolbyMetadata> dolbyMetadata;
     std::optional<ParentalRatingEventBlock> parentalRating;
     std::optional<RecordingEvent> recordingEvent;
-
-private:
-    std::optional<REFERENCE_TIME> m_start;
-    std::optional<REFERENCE_TIME> m_stop;
-    std::optional<REFERENCE_TIME> m_mediaStart;
-    std::optional<REFERENCE_TIME> m_mediaStop;
 };
 
 // An IMediaData that owns a plain buffer. Created with one reference, which the creator holds.
