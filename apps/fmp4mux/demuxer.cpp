@@ -102,6 +102,10 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
     if (found < 0) throw std::runtime_error("cannot read the streams of '" + url + "': " + avError(found));
 
     AVFormatContext* fmt = m_impl->format;
+    // The packager finds access units itself (start codes, ADTS and LOAS syncs, timestamps), so the container's
+    // payloads go to it as they are: no codec parser splits or joins them on the way, which halves the cost of
+    // reading an MPEG-TS. The stream list above was read with the parsers on.
+    if (std::string(fmt->iformat->name) == "mpegts") fmt->flags |= AVFMT_FLAG_NOPARSE | AVFMT_FLAG_NOFILLIN;
     m_impl->sourceToKept.assign(fmt->nb_streams, -1);
     for (unsigned i = 0; i < fmt->nb_streams; ++i) {
         const AVStream* stream = fmt->streams[i];
