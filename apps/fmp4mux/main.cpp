@@ -398,8 +398,8 @@ int main(int argc, char** argv) {
     std::set<std::string> usedBitrates;
     for (std::size_t d = 0; d < demuxers.size(); ++d) {
         for (const StreamInfo& info : demuxers[d]->streams()) {
-            const std::string spec = std::to_string(info.input) + ":" + std::to_string(info.sourceIndex);
-            const StreamSettings settings = options.streams.count(spec) ? options.streams.at(spec) : StreamSettings{};
+            const std::string selector = std::to_string(info.input) + ":" + std::to_string(info.sourceIndex);
+            const StreamSettings settings = options.streams.count(selector) ? options.streams.at(selector) : StreamSettings{};
             std::uint32_t bitrate = settings.bitrate.value_or(static_cast<std::uint32_t>(info.bitrate));
             if (bitrate == 0) bitrate = info.kind == "video" ? 2000000 : 128000;
             // Quality levels of one kind must differ in bitrate: Smooth names their folders and URLs by it.
@@ -407,7 +407,7 @@ int main(int argc, char** argv) {
             const std::string language = settings.language.value_or(info.language.empty() ? "und" : info.language);
             const std::string name = settings.name.value_or(info.kind + std::to_string(connected));
             if (filter->ConfigureInputPin(bitrate, language.c_str(), 0, name.c_str(), "", 0, 0, nullptr) != tvrn::com::S_OK) {
-                std::cerr << "fmp4mux: cannot configure an input for stream " << spec << "\n";
+                std::cerr << "fmp4mux: cannot configure an input for stream " << selector << "\n";
                 filter->Release();
                 return 1;
             }
@@ -420,7 +420,7 @@ int main(int argc, char** argv) {
             const auto type = mediaTypeFor(changesType ? 4 : info.streamType);
             if (pin == nullptr || pin->ReceiveConnection(type) != tvrn::com::S_OK ||
                 (changesType && pin->SetMediaType(mediaTypeFor(info.streamType)) != tvrn::com::S_OK)) {
-                std::cerr << "fmp4mux: cannot connect stream " << spec << " (" << info.codec << ")\n";
+                std::cerr << "fmp4mux: cannot connect stream " << selector << " (" << info.codec << ")\n";
                 filter->Release();
                 return 1;
             }
@@ -438,11 +438,11 @@ int main(int argc, char** argv) {
                 options.dash, bufferCount, [&session, index](const auto& c) { session.onInit(index, c); },
                 [&session, index](const auto& c) { session.onMedia(index, c); }));
             if (output == nullptr || output->Connect(sinks.back().get()) != tvrn::com::S_OK) {
-                std::cerr << "fmp4mux: cannot connect the output of stream " << spec << "\n";
+                std::cerr << "fmp4mux: cannot connect the output of stream " << selector << "\n";
                 filter->Release();
                 return 1;
             }
-            std::cerr << "fmp4mux: input " << spec << ": " << info.codec << " " << info.kind
+            std::cerr << "fmp4mux: input " << selector << ": " << info.codec << " " << info.kind
                       << (info.width ? " " + std::to_string(info.width) + "x" + std::to_string(info.height) : "")
                       << (info.sampleRate ? " " + std::to_string(info.sampleRate) + " Hz" : "") << "\n";
             ++connected;

@@ -45,10 +45,10 @@ Output:
       --media-template TEMPLATE   name of media files (default per format, see below)
       --time-shift-buffer SECONDS live DASH: how much of the past the MPD keeps (default 60)
 
-Streams (SPEC is INPUT:STREAM, both from 0, e.g. 0:1 for the second stream of the first input):
-      --bitrate SPEC=BPS          bitrate announced for a stream
-      --language SPEC=CODE        ISO 639 language of a stream
-      --name SPEC=NAME            name of a stream
+Streams (STREAM_ID is INPUT:STREAM, both from 0, e.g. 0:1 for the second stream of the first input):
+      --bitrate STREAM_ID=BPS          bitrate announced for a stream
+      --language STREAM_ID=CODE        ISO 639 language of a stream
+      --name STREAM_ID=NAME            name of a stream
 
 Running:
       --realtime                  pace file inputs by their timestamps, as a live source would
@@ -119,7 +119,7 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
             }
             return true;
         };
-        auto streamSetting = [&](std::string& spec, std::string& setting) -> bool {
+        auto streamSetting = [&](std::string& selector, std::string& setting) -> bool {
             std::string text;
             if (!next(text)) return false;
             const auto eq = text.find('=');
@@ -131,7 +131,7 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
                 error = "option " + arg + " takes INPUT:STREAM=VALUE, not '" + text + "'";
                 return false;
             }
-            spec = std::to_string(a) + ":" + std::to_string(b);
+            selector = std::to_string(a) + ":" + std::to_string(b);
             setting = text.substr(eq + 1);
             return true;
         };
@@ -199,13 +199,13 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
             if (!number(1, 86400, n)) return ParseResult::Error;
             options.timeShiftBufferSeconds = static_cast<std::uint32_t>(n);
         } else if (arg == "--bitrate" || arg == "--language" || arg == "--name") {
-            std::string spec, setting;
-            if (!streamSetting(spec, setting)) return ParseResult::Error;
-            auto& stream = options.streams[spec];
+            std::string selector, setting;
+            if (!streamSetting(selector, setting)) return ParseResult::Error;
+            auto& stream = options.streams[selector];
             if (arg == "--bitrate") {
                 long long bps = 0;
                 if (!parseInteger(setting, 1, 0x7FFFFFFF, bps)) {
-                    error = "--bitrate " + spec + ": '" + setting + "' is not a bitrate in bits per second";
+                    error = "--bitrate " + selector + ": '" + setting + "' is not a bitrate in bits per second";
                     return ParseResult::Error;
                 }
                 stream.bitrate = static_cast<std::uint32_t>(bps);
