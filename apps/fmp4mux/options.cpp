@@ -46,9 +46,9 @@ Output:
       --time-shift-buffer SECONDS live DASH: how much of the past the MPD keeps (default 60)
 
 Streams (STREAM_ID is INPUT:STREAM, both from 0, e.g. 0:1 for the second stream of the first input):
-      --bitrate STREAM_ID=BPS          bitrate announced for a stream
-      --language STREAM_ID=CODE        ISO 639 language of a stream
-      --name STREAM_ID=NAME            name of a stream
+      --bitrate STREAM_ID=BPS     bitrate announced for a stream
+      --language STREAM_ID=CODE   ISO 639 language of a stream
+      --name STREAM_ID=NAME       name of a stream
 
 Running:
       --realtime                  pace file inputs by their timestamps, as a live source would
