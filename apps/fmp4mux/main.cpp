@@ -158,8 +158,11 @@ public:
                          static_cast<double>(timing->duration))));
         ++m_files;
         ++m_chunks;
+        // Media packaged so far, from the earliest chunk start: Smooth times are absolute, DASH ones start near 0.
+        const double start = static_cast<double>(timing->time) / static_cast<double>(timing->timescale);
+        if (!m_firstStart || start < *m_firstStart) m_firstStart = start;
         m_mediaSeconds = std::max(m_mediaSeconds, static_cast<double>(timing->time + timing->duration) /
-                                                      static_cast<double>(timing->timescale));
+                                                      static_cast<double>(timing->timescale) - *m_firstStart);
         if (!m_availabilityStart) {
             const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
             m_availabilityStart = now - static_cast<double>(timing->time + timing->duration) /
@@ -286,6 +289,7 @@ private:
     std::uint64_t m_chunks = 0;
     std::uint64_t m_files = 0;
     double m_mediaSeconds = 0;
+    std::optional<double> m_firstStart;
     std::optional<double> m_availabilityStart;
     std::string m_error;
 };
