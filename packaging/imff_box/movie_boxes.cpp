@@ -43,6 +43,15 @@ void writeVersioned(ImffBitWriter& writer, bool wide, std::uint64_t value) {
         writer.writeBits(32, value);
     }
 }
+
+// The times of a movie or media header: creation, modification, timescale, duration.
+void writeHeaderTimes(ImffBitWriter& writer, bool wide, std::uint64_t creation, std::uint64_t modification,
+                      std::uint32_t timescale, std::uint64_t duration) {
+    writeVersioned(writer, wide, creation);
+    writeVersioned(writer, wide, modification);
+    writer.writeBits(32, timescale);
+    writeVersioned(writer, wide, duration);
+}
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------------------
@@ -82,11 +91,7 @@ std::uint64_t MovieHeaderBox::getSize() const {
 
 void MovieHeaderBox::binarize(ImffBitWriter& writer) const {
     binarizeFullBoxHeader(writer);
-    const bool wide = getVersion() == 1;
-    writeVersioned(writer, wide, m_creationTime);
-    writeVersioned(writer, wide, m_modificationTime);
-    writer.writeBits(32, m_timescale);
-    writeVersioned(writer, wide, m_duration);
+    writeHeaderTimes(writer, getVersion() == 1, m_creationTime, m_modificationTime, m_timescale, m_duration);
     writer.writeBits(32, 0x10000);  // rate 1.0
     writer.writeBits(16, 256);      // volume 1.0
     writer.writeBits(16, 0);
@@ -160,11 +165,7 @@ std::uint64_t MediaHeaderBox::getSize() const { return getFullBoxHeaderSize() + 
 
 void MediaHeaderBox::binarize(ImffBitWriter& writer) const {
     binarizeFullBoxHeader(writer);
-    const bool wide = getVersion() == 1;
-    writeVersioned(writer, wide, m_creationTime);
-    writeVersioned(writer, wide, m_modificationTime);
-    writer.writeBits(32, m_timescale);
-    writeVersioned(writer, wide, m_duration);
+    writeHeaderTimes(writer, getVersion() == 1, m_creationTime, m_modificationTime, m_timescale, m_duration);
     writer.writeBit(false);
     // ISO 639-2/T packed as three 5-bit letters: the low five bits of each character.
     for (char letter : m_language) writer.writeBits(5, static_cast<std::uint32_t>(letter) & 0x1F);
