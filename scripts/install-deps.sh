@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs every Debian package the project needs to build, test, benchmark and run.
 # Idempotent: packages already present are left alone, and apt is asked only for missing ones.
-# chromium runs the end-to-end playback tests (tests/e2e/player); Node.js and npm are expected on the machine
-# already and are not installed here.
+# chromium, Node.js and npm run the end-to-end playback tests (tests/e2e/player). A machine that already has
+# node and npm (from another packaging of Node.js) keeps them: Debian's npm would conflict with such a nodejs.
 set -euo pipefail
 
 PACKAGES=(
@@ -12,11 +12,14 @@ PACKAGES=(
   libssl-dev
   libcurl4-openssl-dev libcurlpp-dev
   gsoap libgsoap-dev
-  libjsoncpp-dev libtinyxml2-dev
+  libjsoncpp-dev libtinyxml2-dev libcli11-dev
   libavformat-dev libavcodec-dev libavutil-dev
   ffmpeg libxml2-utils time
   chromium
 )
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+  PACKAGES+=(nodejs npm)
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

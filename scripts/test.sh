@@ -14,8 +14,8 @@ configure_and_build() {
   ninja -C "$dir" -j "$jobs"
 }
 
-echo "== plain build: all tests"
-configure_and_build build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+echo "== Release build: all tests"
+configure_and_build build/release -DCMAKE_BUILD_TYPE=Release
 ctest --test-dir build/release --output-on-failure -j "$jobs"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer: unit tests"

@@ -1,6 +1,8 @@
 #include "apps/fmp4mux/demuxer.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -27,11 +29,12 @@ std::string avError(int code) {
     return text;
 }
 
-void putBe32(std::vector<std::uint8_t>& out, std::uint32_t v) {
-    out.push_back(static_cast<std::uint8_t>(v >> 24));
-    out.push_back(static_cast<std::uint8_t>(v >> 16));
-    out.push_back(static_cast<std::uint8_t>(v >> 8));
-    out.push_back(static_cast<std::uint8_t>(v));
+std::uint8_t* putBe32(std::uint8_t* out, std::uint32_t v) {
+    out[0] = static_cast<std::uint8_t>(v >> 24);
+    out[1] = static_cast<std::uint8_t>(v >> 16);
+    out[2] = static_cast<std::uint8_t>(v >> 8);
+    out[3] = static_cast<std::uint8_t>(v);
+    return out + 4;
 }
 bool packagerReads(std::uint32_t streamType) {
     namespace es = tvrn::encoding::packaging::lib_parse_es;
@@ -42,16 +45,16 @@ bool packagerReads(std::uint32_t streamType) {
 
 std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc, std::uint32_t averageBitrate,
                                            const std::uint8_t* frame, std::size_t frameSize) {
-    std::vector<std::uint8_t> out;
     const std::size_t total = 20 + asc.size() + frameSize;
-    out.reserve(total);
-    out.insert(out.end(), {0xFF, 0xFA, 0xFA, 0xFA});
-    putBe32(out, static_cast<std::uint32_t>(total));
-    putBe32(out, averageBitrate);
-    putBe32(out, static_cast<std::uint32_t>(asc.size() * 8));
-    out.insert(out.end(), asc.begin(), asc.end());
-    putBe32(out, static_cast<std::uint32_t>(frameSize));
-    out.insert(out.end(), frame, frame + frameSize);
+    std::vector<std::uint8_t> out(total);
+    std::uint8_t* p = out.data();
+    p = putBe32(p, 0xFFFAFAFAu);
+    p = putBe32(p, static_cast<std::uint32_t>(total));
+    p = putBe32(p, averageBitrate);
+    p = putBe32(p, static_cast<std::uint32_t>(asc.size() * 8));
+    p = std::copy(asc.begin(), asc.end(), p);
+    p = putBe32(p, static_cast<std::uint32_t>(frameSize));
+    if (frameSize > 0) std::memcpy(p, frame, frameSize);
     return out;
 }
 

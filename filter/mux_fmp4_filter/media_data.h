@@ -3,7 +3,7 @@
 // MediaData2 adopts the reference of a buffer just taken from an allocator. Metadata goes through the sample's
 // IMediaSample3, and a sample without it refuses metadata with a COMException.
 #include "filter/mux_fmp4_filter/media_sample.h"
-#include "packaging/fmp4/types/media_data.h"
+#include "packaging/fmp4_types/media_data.h"
 
 namespace tvrn::encoding::filter {
 

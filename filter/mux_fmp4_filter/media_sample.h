@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "packaging/fmp4/types/media_data.h"
+#include "packaging/fmp4_types/media_data.h"
 #include "support/exceptions/result_codes.h"
 
 namespace tvrn::encoding::filter {

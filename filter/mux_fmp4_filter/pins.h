@@ -10,7 +10,7 @@
 #include "filter/mux_fmp4_filter/guid.h"
 #include "filter/mux_fmp4_filter/media_data.h"
 #include "filter/mux_fmp4_filter/media_sample.h"
-#include "packaging/fmp4/types/stream_attributes.h"
+#include "packaging/fmp4_types/stream_attributes.h"
 
 namespace tvrn::encoding::filter {
 

@@ -5,8 +5,8 @@
 #include <span>
 #include <vector>
 
-#include "packaging/fmp4/types/media_data.h"
-#include "packaging/fmp4/types/stream_type.h"
+#include "packaging/fmp4_types/media_data.h"
+#include "packaging/fmp4_types/stream_type.h"
 
 namespace tvrn::encoding::packaging::lib_parse_es {
 inline namespace v2 {

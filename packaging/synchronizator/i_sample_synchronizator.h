@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/sync_sample.h"
 
 namespace tvrn::encoding::packaging::synchronizator {
 

@@ -38,7 +38,7 @@ done
 grep -q 'type="dynamic"' "$mpd" || { echo "the live MPD is not dynamic"; cat "$mpd"; exit 1; }
 grep -q 'availabilityStartTime=' "$mpd" && grep -q 'timeShiftBufferDepth=' "$mpd" || { echo "live timing missing"; exit 1; }
 cp "$mpd" "$work/live.mpd"
-xmllint --noout --schema "$root/../shared/schemas/DASH-MPD.xsd" "$work/live.mpd"
+xmllint --noout --schema "$root/tests/data/schemas/DASH-MPD.xsd" "$work/live.mpd"
 first=$(grep -c '<S ' "$work/live.mpd" || true)
 wait "$sender"
 sender=""
@@ -48,7 +48,7 @@ status=0
 wait "$muxer" || status=$?
 muxer=""
 [ "$status" -eq 0 ] || { echo "fmp4mux exited with $status"; cat "$work/fmp4mux.log"; exit 1; }
-xmllint --noout --schema "$root/../shared/schemas/DASH-MPD.xsd" "$mpd"
+xmllint --noout --schema "$root/tests/data/schemas/DASH-MPD.xsd" "$mpd"
 chunks=$(find "$work/out" -name 'chunk_*.mp4' | wc -l)
 echo "live run: $chunks chunk files; timeline entries first seen $first"
 [ "$chunks" -ge 8 ] || { echo "too few chunks from the live input"; cat "$work/fmp4mux.log"; exit 1; }

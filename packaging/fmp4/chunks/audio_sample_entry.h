@@ -5,8 +5,8 @@
 
 #include "packaging/codec_box/audio_boxes.h"
 #include "packaging/fmp4/manifest/live_server_manifest.h"
-#include "packaging/fmp4/types/stream_attributes.h"
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/stream_attributes.h"
+#include "packaging/fmp4_types/sync_sample.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {

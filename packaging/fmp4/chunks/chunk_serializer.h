@@ -5,8 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "packaging/fmp4/types/stream_attributes.h"
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/stream_attributes.h"
+#include "packaging/fmp4_types/sync_sample.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {

@@ -30,11 +30,10 @@ std::string hevcString(const codec_box::HEVCSampleEntry& entry) {
     for (int bit = 0; bit < 32; ++bit)
         if ((c.generalProfileCompatibilityFlags >> bit) & 1u) reversed |= 1u << (31 - bit);
     static const char* const kSpace[] = {"", "A", "B", "C"};
-    const std::string profile = std::string(kSpace[c.generalProfileSpace & 3]) + std::to_string(c.generalProfileIdc);
-    const std::string tierLevel = std::string(c.generalTierFlag ? "H" : "L") + std::to_string(c.generalLevelIdc);
     char text[96];
-    std::snprintf(text, sizeof text, "%s.%s.%x.%s", imff_box::fourCCText(entry.getType()).c_str(), profile.c_str(),
-                  reversed, tierLevel.c_str());
+    std::snprintf(text, sizeof text, "%s.%s%u.%x.%c%u", imff_box::fourCCText(entry.getType()).c_str(),
+                  kSpace[c.generalProfileSpace & 3], static_cast<unsigned>(c.generalProfileIdc), reversed,
+                  c.generalTierFlag ? 'H' : 'L', static_cast<unsigned>(c.generalLevelIdc));
     std::string out = text;
 
     const std::uint64_t flags48 = (std::uint64_t{c.progressiveSourceFlag} << 47) |

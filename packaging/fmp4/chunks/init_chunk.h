@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "packaging/fmp4/manifest/live_server_manifest.h"
-#include "packaging/fmp4/types/stream_attributes.h"
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/stream_attributes.h"
+#include "packaging/fmp4_types/sync_sample.h"
 #include "packaging/imff_box/file_header.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {

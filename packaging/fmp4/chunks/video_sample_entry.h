@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "packaging/fmp4/manifest/live_server_manifest.h"
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/sync_sample.h"
 #include "packaging/imff_box/sample_entry.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {

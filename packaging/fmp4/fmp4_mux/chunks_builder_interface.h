@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "packaging/fmp4/types/stream_attributes.h"
+#include "packaging/fmp4_types/stream_attributes.h"
 #include "packaging/synchronizator/i_sample_synchronizator.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {

@@ -1,6 +1,6 @@
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 
-#include "packaging/fmp4/types/stream_type.h"
+#include "packaging/fmp4_types/stream_type.h"
 #include "support/text/fraction.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {

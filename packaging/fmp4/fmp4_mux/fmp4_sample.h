@@ -2,7 +2,7 @@
 // A sample as both the synchroniser and the box layer see it, over one Sample of the sample model.
 #include <memory>
 
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/sync_sample.h"
 #include "packaging/imff_samples/sample.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {

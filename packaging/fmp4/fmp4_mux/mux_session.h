@@ -2,7 +2,7 @@
 // The two entry points of a session that the worker calls for each queued entry.
 #include <cstdint>
 
-#include "packaging/fmp4/types/media_data.h"
+#include "packaging/fmp4_types/media_data.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {

@@ -8,7 +8,7 @@
 #include <deque>
 #include <mutex>
 
-#include "packaging/fmp4/types/media_data.h"
+#include "packaging/fmp4_types/media_data.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {

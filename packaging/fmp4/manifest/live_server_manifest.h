@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "packaging/fmp4/types/stream_attributes.h"
+#include "packaging/fmp4_types/stream_attributes.h"
 
 namespace tinyxml2 {
 class XMLDocument;

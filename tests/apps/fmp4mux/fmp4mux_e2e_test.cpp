@@ -111,7 +111,7 @@ protected:
     }
 
     static void expectValidMpd(const fs::path& out) {
-        const Outcome r = run("xmllint --noout --schema " + quote(std::string(FMP4_SOURCE_DIR) + "/../shared/schemas/DASH-MPD.xsd") +
+        const Outcome r = run("xmllint --noout --schema " + quote(std::string(FMP4_SOURCE_DIR) + "/tests/data/schemas/DASH-MPD.xsd") +
                           " " + quote((out / "manifest.mpd").string()));
         EXPECT_EQ(r.exitCode, 0) << r.output;
     }

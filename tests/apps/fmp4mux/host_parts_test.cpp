@@ -62,10 +62,9 @@ TEST(InitChunk, TheMoviePartAndItsManifestComeOutOfTheContainer) {
     const auto movie = join({box("ftyp", {'d', 'a', 's', 'h', 0, 0, 0, 1}), box("uuid", manifest), box("moov", {})});
     const auto mfra = box("mfra", {});
     const auto a = static_cast<std::uint32_t>(movie.size());
-    std::vector<std::uint8_t> container{static_cast<std::uint8_t>(a >> 24), static_cast<std::uint8_t>(a >> 16),
-                                        static_cast<std::uint8_t>(a >> 8), static_cast<std::uint8_t>(a), 0, 0, 0, 8};
-    container.insert(container.end(), movie.begin(), movie.end());
-    container.insert(container.end(), mfra.begin(), mfra.end());
+    auto container = join({{static_cast<std::uint8_t>(a >> 24), static_cast<std::uint8_t>(a >> 16),
+                            static_cast<std::uint8_t>(a >> 8), static_cast<std::uint8_t>(a), 0, 0, 0, 8},
+                           movie, mfra});
     EXPECT_EQ(moviePart(container), movie);
     EXPECT_EQ(serverManifest(movie), xml);
     container.pop_back();
@@ -101,10 +100,7 @@ TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     ChunkSink sink(true, 10, [&](const auto& c) { inits.push_back(c); }, [&](const auto& c) { media.push_back(c); });
     Feeder feeder;
     const auto movie = box("moov", std::vector<std::uint8_t>(9000, 1));
-    std::vector<std::uint8_t> init{0, 0, 0x23, 0x30, 0, 0, 0, 8};  // A = 9008, B = 8
-    init.insert(init.end(), movie.begin(), movie.end());
-    const auto mfra = box("mfra", {});
-    init.insert(init.end(), mfra.begin(), mfra.end());
+    const auto init = join({{0, 0, 0x23, 0x30, 0, 0, 0, 8}, movie, box("mfra", {})});  // A = 9008, B = 8
     feeder.send(sink, init, true, 0);
     ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
     EXPECT_EQ(inits[0], init);

@@ -5,8 +5,7 @@
 #
 #   bash tests/e2e/player/run_playback_test.sh BUILD_DIR dash|smooth
 #
-# Needs node and npm (expected on the machine), /usr/bin/chromium and xmllint (scripts/install-deps.sh), and the
-# MPD schema in the shared folder beside the repository. The npm packages are installed with `npm ci` into this
+# Needs node, npm, /usr/bin/chromium and xmllint (scripts/install-deps.sh installs them). The npm packages are installed with `npm ci` into this
 # folder's node_modules/ when the lock file changed since the last install.
 set -euo pipefail
 
@@ -21,18 +20,18 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 ROOT=$(cd "$HERE/../../.." && pwd)
 FMP4MUX="$BUILD_DIR/apps/fmp4mux/fmp4mux"
 SAMPLE="$ROOT/samples/sample.ts"
-SCHEMA="$ROOT/../shared/schemas/DASH-MPD.xsd"
+SCHEMA="$ROOT/tests/data/schemas/DASH-MPD.xsd"
 CHROMIUM=${E2E_CHROMIUM:-/usr/bin/chromium}
 
 # What the test needs is there, or the test fails saying what is missing.
-command -v node >/dev/null || fail "node is not installed: the playback tests need Node.js (and npm) on the machine"
+command -v node >/dev/null || fail "node is not installed: run scripts/install-deps.sh"
 command -v npm >/dev/null || fail "npm is not installed: the playback tests need it to install dash.js and playwright-core"
 [ -x "$CHROMIUM" ] || fail "$CHROMIUM is missing: run scripts/install-deps.sh (it installs Debian's chromium)"
 command -v xmllint >/dev/null || fail "xmllint is missing: run scripts/install-deps.sh (libxml2-utils)"
 [ -x "$FMP4MUX" ] || fail "$FMP4MUX is not built"
 [ -f "$SAMPLE" ] || fail "the sample $SAMPLE is missing"
 if [ "$FORMAT" = dash ]; then
-  [ -f "$SCHEMA" ] || fail "the MPD schema $SCHEMA is missing (the shared folder sits beside the repository)"
+  [ -f "$SCHEMA" ] || fail "the MPD schema $SCHEMA is missing"
 fi
 
 # npm packages, pinned by package-lock.json. Both tests may start together: one installs, the other waits.

@@ -131,9 +131,11 @@ inline Bytes latmFrame(const Bytes& payload, const AscOptions* config) {
     w.bits(left, 8);
     for (std::uint8_t b : payload) w.bits(b, 8);
     const Bytes& element = w.bytes();  // the writer pads its last byte with zeros
-    Bytes frame = {0x56, static_cast<std::uint8_t>(0xE0 | (element.size() >> 8)),
-                   static_cast<std::uint8_t>(element.size())};
-    frame.insert(frame.end(), element.begin(), element.end());
+    Bytes frame(3 + element.size());
+    frame[0] = 0x56;
+    frame[1] = static_cast<std::uint8_t>(0xE0 | (element.size() >> 8));
+    frame[2] = static_cast<std::uint8_t>(element.size());
+    std::copy(element.begin(), element.end(), frame.begin() + 3);
     return frame;
 }
 

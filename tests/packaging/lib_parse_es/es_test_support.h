@@ -142,8 +142,10 @@ private:
 
 // A unit with a 4-byte start code: header byte(s), then the payload with emulation prevention inserted.
 inline Bytes annexB(const Bytes& header, const Bytes& payload) {
-    Bytes out = {0, 0, 0, 1};
-    out.insert(out.end(), header.begin(), header.end());
+    Bytes out;
+    out.reserve(4 + header.size() + payload.size() + payload.size() / 2);
+    for (std::uint8_t b : {0, 0, 0, 1}) out.push_back(b);
+    for (std::uint8_t b : header) out.push_back(b);
     unsigned zeros = 0;
     for (std::uint8_t b : payload) {
         if (zeros >= 2 && b <= 3) {

@@ -1,4 +1,4 @@
-#include "packaging/fmp4/types/stream_type.h"
+#include "packaging/fmp4_types/stream_type.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {

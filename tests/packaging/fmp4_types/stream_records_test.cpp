@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "packaging/fmp4/types/media_data.h"
-#include "packaging/fmp4/types/stream_attributes.h"
-#include "packaging/fmp4/types/stream_type.h"
-#include "packaging/fmp4/types/sync_sample.h"
+#include "packaging/fmp4_types/media_data.h"
+#include "packaging/fmp4_types/stream_attributes.h"
+#include "packaging/fmp4_types/stream_type.h"
+#include "packaging/fmp4_types/sync_sample.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::fmp4;

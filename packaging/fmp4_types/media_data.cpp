@@ -1,4 +1,4 @@
-#include "packaging/fmp4/types/media_data.h"
+#include "packaging/fmp4_types/media_data.h"
 
 #include <cstring>
 

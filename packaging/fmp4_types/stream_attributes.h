@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "packaging/fmp4/types/stream_type.h"
+#include "packaging/fmp4_types/stream_type.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {

@@ -1,4 +1,4 @@
-#include "packaging/fmp4/types/stream_attributes.h"
+#include "packaging/fmp4_types/stream_attributes.h"
 
 #include <cstdio>
 
