@@ -1,10 +1,8 @@
 #include "apps/fmp4mux/demuxer.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/lib_parse_es/nal_builder.h"
@@ -191,11 +189,9 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
 
 Demuxer::~Demuxer() = default;
 
-bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop, bool realtime) {
+bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
     m_impl->stop = &stop;
     AVPacket* packet = av_packet_alloc();
-    std::optional<std::int64_t> firstTime;
-    const auto wallStart = std::chrono::steady_clock::now();
     bool ok = true;
 
     auto emit = [&](AVPacket* p, std::size_t keptIndex) {
@@ -213,14 +209,6 @@ bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomi
         } else {
             out.data = p->data;
             out.size = static_cast<std::size_t>(p->size);
-        }
-        if (realtime && (out.dts || out.pts)) {
-            // File input paced as a live source: a packet leaves when its time has come.
-            const std::int64_t t = out.dts ? *out.dts : *out.pts;
-            if (!firstTime) firstTime = t;
-            const auto due = wallStart + std::chrono::microseconds((t - *firstTime) / 10);
-            while (!stop.load() && std::chrono::steady_clock::now() < due)
-                std::this_thread::sleep_until(std::min(due, std::chrono::steady_clock::now() + std::chrono::milliseconds(50)));
         }
         onPacket(out);
     };

@@ -50,9 +50,9 @@ public:
 
     const std::vector<StreamInfo>& streams() const { return m_streams; }
     bool isLive() const { return m_live; }
-    // Reads to the end (or until `stop`), calling `onPacket` for each packet of a kept stream. With `realtime`,
-    // packets leave no faster than their timestamps. False when reading failed before the end.
-    bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop, bool realtime);
+    // Reads to the end (or until `stop`), calling `onPacket` for each packet of a kept stream, with the times the
+    // input gives. False when reading failed before the end.
+    bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop);
     const std::string& error() const { return m_error; }
 
 private:

@@ -17,6 +17,8 @@
 
 #include "apps/fmp4mux/chunk_sink.h"
 #include "apps/fmp4mux/demuxer.h"
+#include "apps/fmp4mux/inputs/pacing.h"
+#include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests.h"
 #include "apps/fmp4mux/options.h"
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
@@ -471,6 +473,11 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // Timestamp jumps are taken out before anything is paced or packaged; a step of more than two segments (and
+    // never less than two seconds) counts as one.
+    TimelineKeeper timeline(std::max<std::int64_t>(2LL * segmentMs, 2000) * 10000,
+                            [](const std::string& line) { std::fprintf(stderr, "\r\033[Kfmp4mux: warning: %s\n", line.c_str()); });
+
     // One streaming thread per input, as a live source would deliver.
     const auto started = Clock::now();
     std::atomic<bool> stop{false};
@@ -486,9 +493,16 @@ int main(int argc, char** argv) {
             // (a stream that never delivers), the reader goes on rather than wait for ever.
             const bool throttle = !live && !options.realtime;
             const double aheadLimit = 4.0 * segmentMs / 1000.0 + 2.0;
+            RealtimePacer pacer;
+            const auto& streams = demuxers[d]->streams();
             demuxers[d]->run(
                 [&](Packet& packet) {
+                    if (!timeline.place(static_cast<int>(d), static_cast<int>(packet.stream),
+                                        streams[packet.stream].kind == "video", packet.key, packet.pts, packet.dts,
+                                        packet.duration))
+                        return;
                     const std::optional<std::int64_t> t = packet.dts ? packet.dts : packet.pts;
+                    if (options.realtime && t) pacer.wait(*t, stop);
                     if (throttle && t) {
                         if (!firstTime) firstTime = *t;
                         const double inputSeconds = static_cast<double>(*t - *firstTime) / 1e7;
@@ -516,7 +530,7 @@ int main(int argc, char** argv) {
                     sample->SetSyncPoint(packet.key);
                     routesOf[packet.stream].pin->Receive(sample.get());
                 },
-                stop, options.realtime);
+                stop);
             if (!demuxers[d]->error().empty()) readErrors[d] = demuxers[d]->error();
             for (auto& route : routesOf) route.pin->EndOfStream();
             --running;
@@ -552,6 +566,9 @@ int main(int argc, char** argv) {
     const double wall = std::chrono::duration<double>(Clock::now() - started).count();
     if (!options.quiet) std::fprintf(stderr, "\r\033[K");
     session.writeFinalManifests();
+    if (timeline.dropped() > 0)
+        std::cerr << "fmp4mux: warning: " << timeline.dropped()
+                  << " packets that went back behind their stream at a timestamp jump were dropped\n";
     for (std::size_t d = 0; d < readErrors.size(); ++d)
         if (!readErrors[d].empty())
             std::cerr << "fmp4mux: warning: reading input " << d << " stopped early: " << readErrors[d] << "\n";

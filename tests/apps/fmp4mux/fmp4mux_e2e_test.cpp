@@ -139,6 +139,31 @@ const auto* const g_cleanUp = ::testing::AddGlobalTestEnvironment(new CleanUp);
 
 fs::path Fmp4muxEndToEnd_dir();
 
+std::string readText(const fs::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Each SegmentTimeline of an MPD expanded into its segments' (start, duration), in document order.
+std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> timelines(const std::string& mpd) {
+    std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> all;
+    const std::regex timeline("<SegmentTimeline>([\\s\\S]*?)</SegmentTimeline>");
+    const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
+    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), timeline); it != std::sregex_iterator(); ++it) {
+        const std::string block = (*it)[1];
+        auto& list = all.emplace_back();
+        for (auto e = std::sregex_iterator(block.begin(), block.end(), s); e != std::sregex_iterator(); ++e) {
+            std::uint64_t t = std::stoull((*e)[1]);
+            const std::uint64_t d = std::stoull((*e)[2]);
+            const int repeat = (*e)[3].matched ? std::stoi((*e)[3]) : 0;
+            for (int k = 0; k <= repeat; ++k, t += d) list.emplace_back(t, d);
+        }
+    }
+    return all;
+}
+
 // The source's audio, decoded, within one AAC frame: the frame before the first video key frame has no segment.
 void expectAudioSamples(long got, long source) {
     EXPECT_GT(got, 0);
@@ -262,10 +287,7 @@ TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
                           quote(out.string()));
     ASSERT_EQ(r.exitCode, 0) << r.output;
     expectValidMpd(out);
-    std::ifstream in(out / "manifest.mpd");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string mpd = text.str();
+    const std::string mpd = readText(out / "manifest.mpd");
     auto count = [&mpd](const std::string& needle) {
         std::size_t n = 0;
         for (auto at = mpd.find(needle); at != std::string::npos; at = mpd.find(needle, at + 1)) ++n;
@@ -274,21 +296,12 @@ TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
     // One adaptation set with three representations whose timelines are the same.
     EXPECT_EQ(count("<AdaptationSet "), 1u);
     ASSERT_EQ(count("<Representation "), 3u);
-    // Segment starts, expanded from each timeline. The last segment's length may differ by a frame between
-    // renditions, since each encoder ends its last GOP with its own frame order.
+    // Segment starts of each timeline. The last segment's length may differ by a frame between renditions, since
+    // each encoder ends its last GOP with its own frame order.
     std::vector<std::vector<std::uint64_t>> starts;
-    const std::regex timeline("<SegmentTimeline>([\\s\\S]*?)</SegmentTimeline>");
-    const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
-    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), timeline); it != std::sregex_iterator(); ++it) {
-        const std::string block = (*it)[1];
-        std::vector<std::uint64_t> list;
-        for (auto e = std::sregex_iterator(block.begin(), block.end(), s); e != std::sregex_iterator(); ++e) {
-            std::uint64_t t = std::stoull((*e)[1]);
-            const std::uint64_t d = std::stoull((*e)[2]);
-            const int repeat = (*e)[3].matched ? std::stoi((*e)[3]) : 0;
-            for (int k = 0; k <= repeat; ++k, t += d) list.push_back(t);
-        }
-        starts.push_back(list);
+    for (const auto& list : timelines(mpd)) {
+        starts.emplace_back();
+        for (const auto& segment : list) starts.back().push_back(segment.first);
     }
     ASSERT_EQ(starts.size(), 3u);
     EXPECT_EQ(starts[0].size(), 3u);
@@ -335,4 +348,49 @@ TEST_F(Fmp4muxEndToEnd, ClearErrorsAndExitCodes) {
     r = fmp4mux(quote(audioOnly.string()) + " " + quote((dir() / "none").string()));
     EXPECT_EQ(r.exitCode, 3) << r.output;
 }
+
+// An input whose timestamps jump (two recordings spliced, an encoder restarted) gives one continuous timeline that
+// decodes whole: the 6 s input, then the same input with its timestamps moved by the offset.
+class TimestampJumps : public Fmp4muxEndToEnd, public ::testing::WithParamInterface<std::pair<const char*, int>> {};
+
+TEST_P(TimestampJumps, TimelineStaysContinuousAndEveryFrameDecodes) {
+    const auto [name, offset] = GetParam();
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path moved = dir() / (std::string(name) + "-moved.ts"), spliced = dir() / (std::string(name) + ".ts");
+    const Outcome made = run("ffmpeg -hide_banner -loglevel error -y -i " + quote(source.string()) +
+                             " -map 0 -c copy -output_ts_offset " + std::to_string(std::abs(offset)) + " -f mpegts " +
+                             quote(moved.string()));
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    const fs::path first = offset > 0 ? source : moved, second = offset > 0 ? moved : source;
+    ASSERT_EQ(run("cat " + quote(first.string()) + " " + quote(second.string()) + " > " + quote(spliced.string())).exitCode, 0);
+
+    const fs::path out = dir() / name;
+    const Outcome r = fmp4mux(quote(spliced.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    std::size_t logged = 0;
+    for (auto at = r.output.find("timestamps jump by"); at != std::string::npos; at = r.output.find("timestamps jump by", at + 1))
+        ++logged;
+    EXPECT_EQ(logged, 1u) << r.output;
+    expectValidMpd(out);
+    // Every segment starts where the one before it ended, and lasts about the 2 s asked for (the last may be shorter).
+    for (const auto& list : timelines(readText(out / "manifest.mpd"))) {
+        ASSERT_EQ(list.size(), 6u);
+        for (std::size_t k = 0; k < list.size(); ++k) {
+            const double seconds = static_cast<double>(list[k].second) / 1e7;
+            EXPECT_TRUE(seconds > 1.9 && seconds < 2.1) << "segment " << k << " lasts " << seconds << " s";
+            if (k > 0) {
+                EXPECT_EQ(list[k].first, list[k - 1].first + list[k - 1].second) << "segment " << k;
+            }
+        }
+    }
+    EXPECT_EQ(decodedCount(joinRepresentation(out, "video0", std::string(name) + "-video.mp4"), "video"),
+              2 * decodedCount(source, "video"));
+    // Each half may lose the audio frame before its first key frame.
+    const long audio = decodedCount(joinRepresentation(out, "audio1", std::string(name) + "-audio.mp4"), "audio");
+    EXPECT_LE(std::labs(audio - 2 * decodedCount(source, "audio")), 2048) << audio;
+}
+
+INSTANTIATE_TEST_SUITE_P(Splices, TimestampJumps,
+                         ::testing::Values(std::make_pair("forward", 5000), std::make_pair("backward", -100)),
+                         [](const auto& info) { return std::string(info.param.first); });
 }  // namespace

@@ -3,7 +3,11 @@
 # Streaming, the DASH MPD is checked against the MPD schema, and dash.js in headless Chromium must play the result
 # (play.mjs): currentTime past 6 s, frames decoded, no player or video element error.
 #
-#   bash tests/e2e/player/run_playback_test.sh BUILD_DIR dash|smooth
+#   bash tests/e2e/player/run_playback_test.sh BUILD_DIR dash|smooth [CASE]
+#
+# CASE picks another input, made from the sample with ffmpeg, and how far the player must get:
+#   jump-forward   the sample, then the sample again with its timestamps 5000 s later: played past 14 s
+#   jump-backward  the sample 100 s later, then the sample as it is (its times go back): played past 14 s
 #
 # Needs node, npm, /usr/bin/chromium and xmllint (scripts/install-deps.sh installs them). The npm packages are installed with `npm ci` into this
 # folder's node_modules/ when the lock file changed since the last install.
@@ -11,9 +15,10 @@ set -euo pipefail
 
 fail() { echo "run_playback_test: FAIL: $*" >&2; exit 1; }
 
-[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR dash|smooth" >&2; exit 2; }
+[ $# -ge 2 ] && [ $# -le 3 ] || { echo "usage: $0 BUILD_DIR dash|smooth [CASE]" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 FORMAT=$2
+CASE=${3:-sample}
 case "$FORMAT" in dash|smooth) ;; *) echo "run_playback_test: unknown format '$FORMAT' (dash or smooth)" >&2; exit 2 ;; esac
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -51,6 +56,24 @@ fi
 OUT=$(mktemp -d "${TMPDIR:-/tmp}/fmp4mux-e2e-$FORMAT.XXXXXX")
 trap 'rm -rf "$OUT"' EXIT
 
+MIN_TIME=6
+shifted() {  # OFFSET OUTPUT: the sample with its timestamps moved by OFFSET seconds
+  ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c copy -output_ts_offset "$1" -f mpegts "$2" ||
+    fail "ffmpeg could not make $2"
+}
+case "$CASE" in
+  sample) INPUT=$SAMPLE ;;
+  jump-forward)
+    shifted 5000 "$OUT/later.ts"
+    cat "$SAMPLE" "$OUT/later.ts" >"$OUT/input.ts"
+    INPUT=$OUT/input.ts MIN_TIME=14 ;;
+  jump-backward)
+    shifted 100 "$OUT/later.ts"
+    cat "$OUT/later.ts" "$SAMPLE" >"$OUT/input.ts"
+    INPUT=$OUT/input.ts MIN_TIME=14 ;;
+  *) echo "run_playback_test: unknown case '$CASE'" >&2; exit 2 ;;
+esac
+
 args=(-q)
 manifest=manifest.mpd
 if [ "$FORMAT" = smooth ]; then
@@ -58,9 +81,9 @@ if [ "$FORMAT" = smooth ]; then
   manifest=Manifest
 fi
 
-echo "run_playback_test: $FMP4MUX ${args[*]} $SAMPLE $OUT/out"
+echo "run_playback_test: $FMP4MUX ${args[*]} $INPUT $OUT/out"
 rc=0
-timeout 120 "$FMP4MUX" "${args[@]}" "$SAMPLE" "$OUT/out" || rc=$?
+timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" "$OUT/out" || rc=$?
 [ "$rc" -eq 0 ] || fail "fmp4mux exited with $rc"
 [ -s "$OUT/out/$manifest" ] || fail "fmp4mux wrote no $manifest"
 echo "run_playback_test: fmp4mux wrote $(find "$OUT/out" -type f | wc -l) files"
@@ -71,6 +94,6 @@ else
   xmllint --noout --nonet "$OUT/out/$manifest" || fail "the Smooth Streaming manifest is not well-formed XML"
 fi
 
-node "$HERE/play.mjs" --format "$FORMAT" --min-time 6 --timeout 40 "$OUT/out" "$manifest" ||
-  fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux"
-echo "run_playback_test: PASS ($FORMAT)"
+node "$HERE/play.mjs" --format "$FORMAT" --min-time "$MIN_TIME" --timeout 60 "$OUT/out" "$manifest" ||
+  fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
+echo "run_playback_test: PASS ($FORMAT, $CASE)"

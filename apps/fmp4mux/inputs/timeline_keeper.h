@@ -1,0 +1,69 @@
+#pragma once
+// Keeps the times of every input on one running timeline across timestamp jumps.
+//
+// Broadcast inputs jump: two recordings spliced, an encoder restarted, a multiplexer that reset its clock. The
+// packager downstream needs times that keep going forward at the pace of the media, so a jump is taken out here,
+// before anything is timed, paced or packaged.
+//
+// A jump is a step of a stream's decode time (presentation time where there is none) backwards by a frame or more,
+// or forwards by more than `bound` beyond where its next packet was due. The first stream of an input to see a jump opens an
+// "epoch": one offset that moves the times after the jump onto the running timeline, so that this stream's packet
+// lands where its next one was due. The other streams of that input adopt the same offset when they reach the
+// jump, so audio and video stay in sync; the streams of another input that jumps alike at the same moment (a
+// rendition of the same encoder) adopt it too, so renditions stay aligned. A packet that the common offset would
+// put behind its stream's last one (a splice whose audio starts before its video) is dropped, and video then waits
+// for its next key frame; so is a packet a little behind its stream's last one. Gaps smaller than the bound are kept as they are: media that is missing stays missing.
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fmp4mux {
+
+class TimelineKeeper {
+public:
+    using Log = std::function<void(const std::string&)>;
+
+    // `bound` in 100 ns units; `log` receives one line for each jump an input takes.
+    TimelineKeeper(std::int64_t bound, Log log) : m_bound(bound), m_log(std::move(log)) {}
+
+    // Moves the times of one packet (100 ns units) onto the running timeline. False when the packet must be
+    // dropped. Safe to call from the reading threads of several inputs.
+    bool place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
+               std::optional<std::int64_t>& dts, std::int64_t duration);
+
+    std::uint64_t dropped() const;
+
+private:
+    struct Epoch {
+        std::int64_t offset;
+        int input;  // the input that opened it
+    };
+    struct Stream {
+        std::size_t epoch = 0;
+        std::int64_t last = 0;  // time of the last packet placed, on the running timeline
+        std::int64_t step = 0;  // the last forward step between two packets: the expected distance to the next
+        std::int64_t due = 0;   // where the next packet is expected
+        bool seen = false;
+        bool waitForKey = false;
+    };
+
+    bool fits(const Stream& s, std::int64_t t) const { return t > s.last - s.step && t <= s.due + m_bound; }
+    std::optional<std::size_t> adoptableEpoch(int input, const Stream& s, std::int64_t raw) const;
+    void announce(int input, std::size_t epoch, std::int64_t jump, std::int64_t at);
+
+    const std::int64_t m_bound;
+    const Log m_log;
+    mutable std::mutex m_mutex;
+    std::vector<Epoch> m_epochs{{0, -1}};
+    std::map<int, std::size_t> m_inputEpoch;             // the epoch an input's new streams start in
+    std::map<std::pair<int, int>, Stream> m_streams;
+    std::map<std::pair<int, std::size_t>, bool> m_told;  // (input, epoch) already logged
+    std::uint64_t m_dropped = 0;
+};
+
+}  // namespace fmp4mux
