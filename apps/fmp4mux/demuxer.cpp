@@ -189,6 +189,12 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
 
 Demuxer::~Demuxer() = default;
 
+void Demuxer::drop(std::size_t index) {
+    const int source = m_streams.at(index).sourceIndex;
+    m_impl->sourceToKept[static_cast<std::size_t>(source)] = -1;
+    m_impl->format->streams[source]->discard = AVDISCARD_ALL;
+}
+
 bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
     m_impl->stop = &stop;
     AVPacket* packet = av_packet_alloc();

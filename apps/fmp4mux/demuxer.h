@@ -49,6 +49,9 @@ public:
     Demuxer& operator=(const Demuxer&) = delete;
 
     const std::vector<StreamInfo>& streams() const { return m_streams; }
+    // Leaves streams()[index] out of reading, before run(): libavformat discards its packets. The stream keeps its
+    // place in streams(), so Packet::stream of the others is unchanged.
+    void drop(std::size_t index);
     bool isLive() const { return m_live; }
     // Reads to the end (or until `stop`), calling `onPacket` for each packet of a kept stream, with the times the
     // input gives. False when reading failed before the end.

@@ -1,6 +1,7 @@
 // fmp4mux: packages real inputs into DASH or Smooth Streaming with the Tovrane filter.
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -375,6 +376,13 @@ int main(int argc, char** argv) {
         }
     }
     for (const auto& s : skipped) std::cerr << "fmp4mux: warning: " << s << "; the stream is skipped\n";
+    std::vector<std::vector<StreamInfo>> streamLists;
+    for (const auto& demuxer : demuxers) streamLists.push_back(demuxer->streams());
+    std::vector<std::vector<bool>> selected;  // by --map, or every stream without it
+    if (!selectStreams(options.maps, streamLists, selected, error)) {
+        std::cerr << "fmp4mux: " << error << "\n";
+        return 2;
+    }
 
     StderrLogger logger(options.verbosity);
     flt::CMuxFmp4Filter* filter = flt::CMuxFmp4Filter::Create();
@@ -393,7 +401,8 @@ int main(int argc, char** argv) {
     }
     filter->SetFirstNumber(options.firstNumber);
 
-    // One input pin per stream, each with its own output and sink.
+    // One input pin per selected stream, each with its own output and sink. A stream left out keeps its place in
+    // the routes without a pin, so that Packet::stream still indexes them.
     Session session(options, live);
     struct Route {
         flt::MuxFmp4InputPin* pin;
@@ -403,7 +412,14 @@ int main(int argc, char** argv) {
     std::size_t connected = 0;
     std::set<std::string> usedBitrates;
     for (std::size_t d = 0; d < demuxers.size(); ++d) {
-        for (const StreamInfo& info : demuxers[d]->streams()) {
+        const auto& streams = demuxers[d]->streams();
+        for (std::size_t k = 0; k < streams.size(); ++k) {
+            const StreamInfo& info = streams[k];
+            if (!selected[d][k]) {
+                routes[d].push_back({nullptr});
+                demuxers[d]->drop(k);
+                continue;
+            }
             const std::string selector = std::to_string(info.input) + ":" + std::to_string(info.sourceIndex);
             const StreamSettings settings = options.streams.count(selector) ? options.streams.at(selector) : StreamSettings{};
             std::uint32_t bitrate = settings.bitrate.value_or(static_cast<std::uint32_t>(info.bitrate));
@@ -478,13 +494,20 @@ int main(int argc, char** argv) {
     TimelineKeeper timeline(std::max<std::int64_t>(2LL * segmentMs, 2000) * 10000,
                             [](const std::string& line) { std::fprintf(stderr, "\r\033[Kfmp4mux: warning: %s\n", line.c_str()); });
 
-    // One streaming thread per input, as a live source would deliver.
+    // One streaming thread per input, as a live source would deliver; an input with no selected stream is not read.
+    std::vector<std::size_t> read;
+    for (std::size_t d = 0; d < demuxers.size(); ++d) {
+        if (std::any_of(routes[d].begin(), routes[d].end(), [](const Route& r) { return r.pin != nullptr; }))
+            read.push_back(d);
+        else
+            std::cerr << "fmp4mux: input " << d << ": no stream selected, the input is not read\n";
+    }
     const auto started = Clock::now();
     std::atomic<bool> stop{false};
-    std::atomic<int> running{static_cast<int>(demuxers.size())};
+    std::atomic<int> running{static_cast<int>(read.size())};
     std::vector<std::string> readErrors(demuxers.size());
     std::vector<std::thread> readers;
-    for (std::size_t d = 0; d < demuxers.size(); ++d) {
+    for (const std::size_t d : read) {
         readers.emplace_back([&, d] {
             auto& routesOf = routes[d];
             std::optional<std::int64_t> firstTime;
@@ -497,6 +520,8 @@ int main(int argc, char** argv) {
             const auto& streams = demuxers[d]->streams();
             demuxers[d]->run(
                 [&](Packet& packet) {
+                    flt::MuxFmp4InputPin* pin = routesOf[packet.stream].pin;
+                    if (pin == nullptr) return;
                     if (!timeline.place(static_cast<int>(d), static_cast<int>(packet.stream),
                                         streams[packet.stream].kind == "video", packet.key, packet.pts, packet.dts,
                                         packet.duration))
@@ -528,11 +553,12 @@ int main(int argc, char** argv) {
                     }
                     if (packet.dts) sample->SetMediaTime(&*packet.dts, &*packet.dts);
                     sample->SetSyncPoint(packet.key);
-                    routesOf[packet.stream].pin->Receive(sample.get());
+                    pin->Receive(sample.get());
                 },
                 stop);
             if (!demuxers[d]->error().empty()) readErrors[d] = demuxers[d]->error();
-            for (auto& route : routesOf) route.pin->EndOfStream();
+            for (auto& route : routesOf)
+                if (route.pin != nullptr) route.pin->EndOfStream();
             --running;
         });
     }

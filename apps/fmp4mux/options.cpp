@@ -1,7 +1,10 @@
 #include "apps/fmp4mux/options.h"
 
+#include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <memory>
 
 #include "support/variable_expander/variable_expander.h"
 
@@ -19,57 +22,13 @@ std::string Options::mediaTemplateOrDefault() const {
     return dash ? ve::kDefaultDashMedia : ve::kDefaultSmoothMedia;
 }
 
-std::string usageText() {
-    return R"(Usage: fmp4mux [options] INPUT... OUTDIR
-
-Packages every H.264, HEVC and AAC stream of the inputs into fragmented MP4 chunks with a DASH MPD or a
-Smooth Streaming client manifest. Several inputs are renditions of one presentation (for example three
-MPEG-TS files with aligned GOPs). INPUT is anything libavformat opens: a file (MPEG-TS, MP4), udp://...,
-srt://..., or - for standard input.
-
-Output:
-  -f, --format dash|smooth        output flavour (default dash)
-  -m, --mode MODE                 gop (default): segments of whole GOPs, cut at common key frames;
-                                  gop-alt: the same, with another numbering of missing chunks;
-                                  separate-audio: audio cut on its own duration
-  -g, --gop-duration MS           GOP duration of the inputs (default 2000)
-  -n, --gops-per-segment N        GOPs in a segment (default 1)
-      --audio-segment-duration MS audio segment duration in separate-audio mode (default: the segment duration)
-      --chunk-duration MS         chunk duration of the low-latency mode (default 500)
-      --in-band-parameter-sets    DASH: parameter sets in the samples (avc3/hev1)
-      --all-video-in-init         DASH: every video sample entry in each init segment
-      --drift-detection           restart numbering when the input drifts from the wall clock
-      --first-number N            number of the first chunk (default 1)
-      --stream-name NAME          the session name, ${sessionId} in templates (default live)
-      --init-template TEMPLATE    name of init files (default per format, see below)
-      --media-template TEMPLATE   name of media files (default per format, see below)
-      --time-shift-buffer SECONDS live DASH: how much of the past the MPD keeps (default 60)
-
-Streams (STREAM_ID is INPUT:STREAM, both from 0, e.g. 0:1 for the second stream of the first input):
-      --bitrate STREAM_ID=BPS     bitrate announced for a stream
-      --language STREAM_ID=CODE   ISO 639 language of a stream
-      --name STREAM_ID=NAME       name of a stream
-
-Running:
-      --realtime                  pace file inputs by their timestamps, as a live source would
-  -q, --quiet                     no progress line
-  -v, --verbose                   more log lines (repeat for debug)
-  -h, --help                      this text
-  -V, --version                   the version
-
-Templates use ${sessionId}, ${adaptationSetId}, ${representationId}, ${bitrate}, ${time}, ${number}.
-DASH defaults: ${sessionId}/${adaptationSetId}/${representationId}/init.mp4 and
-  ${sessionId}/${adaptationSetId}/${representationId}/chunk_${time}.mp4
-Smooth defaults: ${sessionId}/${adaptationSetId}/${bitrate}/smooth_init.mp4 and
-  ${sessionId}/${adaptationSetId}/${bitrate}/smooth_segment_${time}
-
-Exit codes: 0 done; 1 packaging failed; 2 bad command line or template; 3 input missing, unreadable or with
-nothing to package; 4 output folder not writable.
-)";
+bool StreamSelector::matches(const StreamInfo& info) const {
+    return info.input == input && (stream ? info.sourceIndex == *stream : info.kind == kind);
 }
 
 namespace {
 
+// Base 10 only, the whole text: "010" is ten and "10ms" is refused.
 bool parseInteger(const std::string& text, long long low, long long high, long long& value) {
     if (text.empty()) return false;
     char* end = nullptr;
@@ -80,160 +39,242 @@ bool parseInteger(const std::string& text, long long low, long long high, long l
     return true;
 }
 
+// A refusal raised while an option's value is read, reported by parseOptions as it is worded (CLI11 would put the
+// option's name before the text of its own validation errors).
+struct Refusal : CLI::ParseError {
+    explicit Refusal(const std::string& message) : CLI::ParseError("Refusal", message, CLI::ExitCodes::ValidationError) {}
+};
+[[noreturn]] void refuse(const std::string& message) { throw Refusal(message); }
+
+// "INPUT:STREAM", both numbers from 0 to 1000, rewritten without leading zeros.
+std::optional<std::string> streamId(const std::string& text) {
+    const auto colon = text.find(':');
+    long long input = 0, stream = 0;
+    if (colon == std::string::npos || !parseInteger(text.substr(0, colon), 0, 1000, input) ||
+        !parseInteger(text.substr(colon + 1), 0, 1000, stream))
+        return std::nullopt;
+    return std::to_string(input) + ":" + std::to_string(stream);
+}
+
+StreamSelector parseSelector(const std::string& text) {
+    StreamSelector selector;
+    selector.text = text;
+    const auto colon = text.find(':');
+    const std::string what = colon == std::string::npos ? "" : text.substr(colon + 1);
+    long long input = 0, stream = 0;
+    if (colon == std::string::npos || !parseInteger(text.substr(0, colon), 0, 1000, input) ||
+        (what != "v" && what != "a" && !parseInteger(what, 0, 1000, stream)))
+        refuse("--map takes INPUT:STREAM, INPUT:v or INPUT:a, not '" + text + "'");
+    selector.input = static_cast<int>(input);
+    if (what == "v" || what == "a")
+        selector.kind = what == "v" ? "video" : "audio";
+    else
+        selector.stream = static_cast<int>(stream);
+    return selector;
+}
+
+// The help as this command has always laid it out: "-f, --format dash|smooth" in a left column of 34, the
+// groups in the order the options are defined, the positional arguments only in the usage line.
+class HelpLayout : public CLI::Formatter {
+public:
+    HelpLayout() { column_width(34); }
+
+    std::string make_help(const CLI::App* app, std::string, CLI::AppFormatMode) const override {
+        std::string out = "Usage: fmp4mux [options] INPUT... OUTDIR\n\n" + app->get_description() + "\n";
+        for (const std::string& group : app->get_groups()) {
+            if (group.empty()) continue;
+            out += "\n" + group + ":\n";
+            for (const CLI::Option* option : app->get_options([&](const CLI::Option* o) { return o->get_group() == group; }))
+                out += make_option(option, false);
+        }
+        return out + "\n" + app->get_footer();
+    }
+    std::string make_option_name(const CLI::Option* option, bool) const override {
+        const auto& shortNames = option->get_snames();
+        return (shortNames.empty() ? "    " : "-" + shortNames.front() + ", ") + "--" + option->get_lnames().front();
+    }
+    std::string make_option_opts(const CLI::Option* option) const override {
+        return option->get_type_size() == 0 ? "" : " " + option->get_type_name();
+    }
+};
+
+// The command line's definition, for parsing and for the help. Options write into `options` as they are parsed.
+struct CommandLine {
+    CLI::App app;
+    std::vector<std::string> positional;
+
+    explicit CommandLine(Options& options);
+
+    // An integer option from `low` to `high`.
+    template <typename T>
+    void number(const std::string& names, const char* unit, T& target, long long low, long long high,
+                const std::string& description) {
+        const std::string name = names.substr(names.rfind(',') + 1);
+        app.add_option_function<std::string>(
+               names,
+               [&target, name, low, high](const std::string& text) {
+                   long long value = 0;
+                   if (!parseInteger(text, low, high, value))
+                       refuse("option " + name + ": '" + text + "' is not a number from " + std::to_string(low) +
+                              " to " + std::to_string(high));
+                   target = static_cast<T>(value);
+               },
+               description)
+            ->type_name(unit);
+    }
+
+    // A repeatable option, each value handed to `take` in command-line order.
+    void repeatable(const std::string& name, const char* unit, const std::string& description,
+                    std::function<void(const std::string&)> take) {
+        app.add_option(name)
+            ->description(description)
+            ->type_name(unit)
+            ->each(std::move(take))
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    }
+
+    // --bitrate, --language and --name: INPUT:STREAM=VALUE.
+    void streamSetting(Options& options, const std::string& name, const char* unit, const std::string& description,
+                       std::function<void(StreamSettings&, const std::string& id, const std::string& value)> apply) {
+        repeatable(name, unit, description, [&options, name, apply](const std::string& text) {
+            const auto eq = text.find('=');
+            const auto id = eq == std::string::npos ? std::nullopt : streamId(text.substr(0, eq));
+            if (!id) refuse("option " + name + " takes INPUT:STREAM=VALUE, not '" + text + "'");
+            apply(options.streams[*id], *id, text.substr(eq + 1));
+        });
+    }
+};
+
+CommandLine::CommandLine(Options& o) {
+    app.name("fmp4mux");
+    app.set_help_flag();  // -h is an ordinary flag here: its text is usageText()
+    app.formatter(std::make_shared<HelpLayout>());
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last wins
+    app.description(
+        "Packages every H.264, HEVC and AAC stream of the inputs (or those that --map selects) into fragmented MP4\n"
+        "chunks with a DASH MPD or a Smooth Streaming client manifest. Several inputs are renditions of one\n"
+        "presentation (for example three MPEG-TS files with aligned GOPs). INPUT is anything libavformat opens: a\n"
+        "file (MPEG-TS, MP4), udp://..., srt://..., or - for standard input; put -- before inputs that begin with -.");
+    app.footer(R"(Templates use ${sessionId}, ${adaptationSetId}, ${representationId}, ${bitrate}, ${time}, ${number}.
+DASH defaults: ${sessionId}/${adaptationSetId}/${representationId}/init.mp4 and
+  ${sessionId}/${adaptationSetId}/${representationId}/chunk_${time}.mp4
+Smooth defaults: ${sessionId}/${adaptationSetId}/${bitrate}/smooth_init.mp4 and
+  ${sessionId}/${adaptationSetId}/${bitrate}/smooth_segment_${time}
+
+Exit codes: 0 done; 1 packaging failed; 2 bad command line, template or --map; 3 input missing, unreadable or
+with nothing to package; 4 output folder not writable.
+)");
+    app.add_option("INPUT", positional)->group("");  // INPUT... OUTDIR, told in the usage line
+
+    app.option_defaults()->group("Output");
+    app.add_option_function<std::string>(
+           "-f,--format",
+           [&o](const std::string& text) {
+               if (text != "dash" && text != "smooth") refuse("unknown format '" + text + "' (dash or smooth)");
+               o.dash = text == "dash";
+           },
+           "output flavour (default dash)")
+        ->type_name("dash|smooth");
+    app.add_option_function<std::string>(
+           "-m,--mode",
+           [&o](const std::string& text) {
+               if (text == "gop")
+                   o.mode = 0;
+               else if (text == "separate-audio")
+                   o.mode = 1;
+               else if (text == "gop-alt")
+                   o.mode = 2;
+               else
+                   refuse("unknown mode '" + text + "' (gop, gop-alt or separate-audio)");
+           },
+           "gop (default): segments of whole GOPs, cut at common key frames;\n"
+           "gop-alt: the same, with another numbering of missing chunks;\n"
+           "separate-audio: audio cut on its own duration")
+        ->type_name("MODE");
+    number("-g,--gop-duration", "MS", o.gopDurationMs, 1, 600000, "GOP duration of the inputs (default 2000)");
+    number("-n,--gops-per-segment", "N", o.gopsPerSegment, 1, 1000, "GOPs in a segment (default 1)");
+    number("--audio-segment-duration", "MS", o.audioSegmentDurationMs, 1, 600000,
+           "audio segment duration in separate-audio mode (default: the segment duration)");
+    number("--chunk-duration", "MS", o.chunkDurationMs, 1, 600000, "chunk duration of the low-latency mode (default 500)");
+    app.add_flag("--in-band-parameter-sets", o.inBandParameterSets, "DASH: parameter sets in the samples (avc3/hev1)");
+    app.add_flag("--all-video-in-init", o.allVideoInInit, "DASH: every video sample entry in each init segment");
+    app.add_flag("--drift-detection", o.driftDetection, "restart numbering when the input drifts from the wall clock");
+    number("--first-number", "N", o.firstNumber, 0, std::numeric_limits<std::int32_t>::max(),
+           "number of the first chunk (default 1)");
+    app.add_option_function<std::string>(
+           "--stream-name",
+           [&o](const std::string& text) {
+               if (text.empty() || text.find('/') != std::string::npos)
+                   refuse("the stream name must be a non-empty name without '/'");
+               o.streamName = text;
+           },
+           "the session name, ${sessionId} in templates (default live)")
+        ->type_name("NAME");
+    app.add_option("--init-template", o.initTemplate, "name of init files (default per format, see below)")
+        ->type_name("TEMPLATE");
+    app.add_option("--media-template", o.mediaTemplate, "name of media files (default per format, see below)")
+        ->type_name("TEMPLATE");
+    number("--time-shift-buffer", "SECONDS", o.timeShiftBufferSeconds, 1, 86400,
+           "live DASH: how much of the past the MPD keeps (default 60)");
+
+    app.option_defaults()->group(
+        "Streams (STREAM_ID is INPUT:STREAM, both from 0, e.g. 0:1 for the second stream of the first input)");
+    repeatable("--map", "SELECTOR",
+               "package only the selected streams (repeat it): STREAM_ID, INPUT:v for\n"
+               "the video streams of an input, INPUT:a for its audio streams",
+               [&o](const std::string& text) { o.maps.push_back(parseSelector(text)); });
+    streamSetting(o, "--bitrate", "STREAM_ID=BPS", "bitrate announced for a stream",
+                  [](StreamSettings& s, const std::string& id, const std::string& value) {
+                      long long bps = 0;
+                      if (!parseInteger(value, 1, 0x7FFFFFFF, bps))
+                          refuse("--bitrate " + id + ": '" + value + "' is not a bitrate in bits per second");
+                      s.bitrate = static_cast<std::uint32_t>(bps);
+                  });
+    streamSetting(o, "--language", "STREAM_ID=CODE", "ISO 639 language of a stream",
+                  [](StreamSettings& s, const std::string&, const std::string& value) { s.language = value; });
+    streamSetting(o, "--name", "STREAM_ID=NAME", "name of a stream",
+                  [](StreamSettings& s, const std::string&, const std::string& value) { s.name = value; });
+
+    app.option_defaults()->group("Running");
+    app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");
+    app.add_flag("-q,--quiet", o.quiet, "no progress line");
+    app.add_flag_function("-v,--verbose", [&o](std::int64_t count) { o.verbosity += static_cast<int>(count); },
+                          "more log lines (repeat for debug: -vv)");
+    // Acted on as soon as they are seen: a mistake elsewhere on the line does not hide the help.
+    app.add_flag_function("-h,--help", [](std::int64_t) { throw CLI::CallForHelp(); }, "this text")->trigger_on_parse();
+    app.add_flag_function("-V,--version", [](std::int64_t) { throw CLI::CallForVersion(); }, "the version")
+        ->trigger_on_parse();
+}
+
 }  // namespace
 
+std::string usageText() {
+    Options unused;
+    return CommandLine(unused).app.help();
+}
+
 ParseResult parseOptions(int argc, char** argv, Options& options, std::string& error) {
-    std::vector<std::string> positional;
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        std::string value;
-        bool hasInlineValue = false;
-        if (arg.rfind("--", 0) == 0) {
-            const auto eq = arg.find('=');
-            if (eq != std::string::npos && arg.find("--bitrate") != 0 && arg.find("--language") != 0 &&
-                arg.find("--name") != 0) {
-                value = arg.substr(eq + 1);
-                arg = arg.substr(0, eq);
-                hasInlineValue = true;
-            }
-        }
-        auto next = [&](std::string& out) -> bool {
-            if (hasInlineValue) {
-                out = value;
-                return true;
-            }
-            if (i + 1 >= argc) {
-                error = "option " + arg + " needs a value";
-                return false;
-            }
-            out = argv[++i];
-            return true;
-        };
-        auto number = [&](long long low, long long high, long long& out) -> bool {
-            std::string text;
-            if (!next(text)) return false;
-            if (!parseInteger(text, low, high, out)) {
-                error = "option " + arg + ": '" + text + "' is not a number from " + std::to_string(low) + " to " +
-                        std::to_string(high);
-                return false;
-            }
-            return true;
-        };
-        auto streamSetting = [&](std::string& selector, std::string& setting) -> bool {
-            std::string text;
-            if (!next(text)) return false;
-            const auto eq = text.find('=');
-            const auto colon = text.find(':');
-            long long a = 0, b = 0;
-            if (eq == std::string::npos || colon == std::string::npos || colon > eq ||
-                !parseInteger(text.substr(0, colon), 0, 1000, a) ||
-                !parseInteger(text.substr(colon + 1, eq - colon - 1), 0, 1000, b)) {
-                error = "option " + arg + " takes INPUT:STREAM=VALUE, not '" + text + "'";
-                return false;
-            }
-            selector = std::to_string(a) + ":" + std::to_string(b);
-            setting = text.substr(eq + 1);
-            return true;
-        };
-        long long n = 0;
-        std::string text;
-        if (arg == "-h" || arg == "--help") return ParseResult::Help;
-        if (arg == "-V" || arg == "--version") return ParseResult::Version;
-        if (arg == "-f" || arg == "--format") {
-            if (!next(text)) return ParseResult::Error;
-            if (text == "dash")
-                options.dash = true;
-            else if (text == "smooth")
-                options.dash = false;
-            else {
-                error = "unknown format '" + text + "' (dash or smooth)";
-                return ParseResult::Error;
-            }
-        } else if (arg == "-m" || arg == "--mode") {
-            if (!next(text)) return ParseResult::Error;
-            if (text == "gop")
-                options.mode = 0;
-            else if (text == "separate-audio")
-                options.mode = 1;
-            else if (text == "gop-alt")
-                options.mode = 2;
-            else {
-                error = "unknown mode '" + text + "' (gop, gop-alt or separate-audio)";
-                return ParseResult::Error;
-            }
-        } else if (arg == "-g" || arg == "--gop-duration") {
-            if (!number(1, 600000, n)) return ParseResult::Error;
-            options.gopDurationMs = static_cast<std::int32_t>(n);
-        } else if (arg == "-n" || arg == "--gops-per-segment") {
-            if (!number(1, 1000, n)) return ParseResult::Error;
-            options.gopsPerSegment = static_cast<std::uint32_t>(n);
-        } else if (arg == "--audio-segment-duration") {
-            if (!number(1, 600000, n)) return ParseResult::Error;
-            options.audioSegmentDurationMs = static_cast<std::int32_t>(n);
-        } else if (arg == "--chunk-duration") {
-            if (!number(1, 600000, n)) return ParseResult::Error;
-            options.chunkDurationMs = static_cast<std::int32_t>(n);
-        } else if (arg == "--in-band-parameter-sets") {
-            options.inBandParameterSets = true;
-        } else if (arg == "--all-video-in-init") {
-            options.allVideoInInit = true;
-        } else if (arg == "--drift-detection") {
-            options.driftDetection = true;
-        } else if (arg == "--first-number") {
-            if (!number(0, std::numeric_limits<std::int32_t>::max(), n)) return ParseResult::Error;
-            options.firstNumber = static_cast<std::int32_t>(n);
-        } else if (arg == "--stream-name") {
-            if (!next(text)) return ParseResult::Error;
-            if (text.empty() || text.find('/') != std::string::npos) {
-                error = "the stream name must be a non-empty name without '/'";
-                return ParseResult::Error;
-            }
-            options.streamName = text;
-        } else if (arg == "--init-template") {
-            if (!next(text)) return ParseResult::Error;
-            options.initTemplate = text;
-        } else if (arg == "--media-template") {
-            if (!next(text)) return ParseResult::Error;
-            options.mediaTemplate = text;
-        } else if (arg == "--time-shift-buffer") {
-            if (!number(1, 86400, n)) return ParseResult::Error;
-            options.timeShiftBufferSeconds = static_cast<std::uint32_t>(n);
-        } else if (arg == "--bitrate" || arg == "--language" || arg == "--name") {
-            std::string selector, setting;
-            if (!streamSetting(selector, setting)) return ParseResult::Error;
-            auto& stream = options.streams[selector];
-            if (arg == "--bitrate") {
-                long long bps = 0;
-                if (!parseInteger(setting, 1, 0x7FFFFFFF, bps)) {
-                    error = "--bitrate " + selector + ": '" + setting + "' is not a bitrate in bits per second";
-                    return ParseResult::Error;
-                }
-                stream.bitrate = static_cast<std::uint32_t>(bps);
-            } else if (arg == "--language") {
-                stream.language = setting;
-            } else {
-                stream.name = setting;
-            }
-        } else if (arg == "--realtime") {
-            options.realtime = true;
-        } else if (arg == "-q" || arg == "--quiet") {
-            options.quiet = true;
-        } else if (arg == "-v" || arg == "--verbose") {
-            ++options.verbosity;
-        } else if (arg.size() > 1 && arg[0] == '-' ) {
-            error = "unknown option " + arg;
-            return ParseResult::Error;
-        } else {
-            positional.push_back(arg);
-        }
+    CommandLine line(options);
+    try {
+        line.app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        return ParseResult::Help;
+    } catch (const CLI::CallForVersion&) {
+        return ParseResult::Version;
+    } catch (const CLI::ExtrasError&) {
+        error = "unknown option " + line.app.remaining().front();
+        return ParseResult::Error;
+    } catch (const CLI::ParseError& e) {
+        error = e.what();
+        return ParseResult::Error;
     }
-    if (positional.size() < 2) {
+    if (line.positional.size() < 2) {
         error = "give at least one INPUT and the OUTDIR";
         return ParseResult::Error;
     }
-    options.outputDirectory = positional.back();
-    positional.pop_back();
-    options.inputs = positional;
+    options.outputDirectory = line.positional.back();
+    line.positional.pop_back();
+    options.inputs = line.positional;
 
     const int validatorMode = options.dash ? 1 : 0;
     std::string why;
@@ -246,6 +287,38 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         return ParseResult::Error;
     }
     return ParseResult::Run;
+}
+
+bool selectStreams(const std::vector<StreamSelector>& maps, const std::vector<std::vector<StreamInfo>>& inputs,
+                   std::vector<std::vector<bool>>& selected, std::string& error) {
+    selected.clear();
+    for (const auto& streams : inputs) selected.emplace_back(streams.size(), maps.empty());
+    for (const StreamSelector& selector : maps) {
+        bool matched = false;
+        for (std::size_t i = 0; i < inputs.size(); ++i)
+            for (std::size_t k = 0; k < inputs[i].size(); ++k)
+                if (selector.matches(inputs[i][k])) {
+                    selected[i][k] = true;
+                    matched = true;
+                }
+        if (matched) continue;
+        error = "--map " + selector.text + " matches no stream (";
+        const auto input = static_cast<std::size_t>(selector.input);
+        if (input >= inputs.size()) {
+            error += inputs.size() == 1 ? "there is 1 input" : "there are " + std::to_string(inputs.size()) + " inputs";
+        } else if (inputs[input].empty()) {
+            error += "input " + std::to_string(input) + " has no stream that can be packaged";
+        } else {
+            error += "input " + std::to_string(input) + " has streams ";
+            for (std::size_t k = 0; k < inputs[input].size(); ++k) {
+                const StreamInfo& info = inputs[input][k];
+                error += (k ? ", " : "") + std::to_string(info.sourceIndex) + " (" + info.codec + " " + info.kind + ")";
+            }
+        }
+        error += ")";
+        return false;
+    }
+    return true;
 }
 
 }  // namespace fmp4mux

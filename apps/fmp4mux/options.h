@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/fmp4mux/demuxer.h"
+
 namespace fmp4mux {
 
 // Per-stream settings, keyed by "INPUT:STREAM" (both counted from 0, streams as the input lists them).
@@ -13,6 +15,16 @@ struct StreamSettings {
     std::optional<std::uint32_t> bitrate;
     std::optional<std::string> language;
     std::optional<std::string> name;
+};
+
+// One --map: a stream of an input ("1:0"), or every video ("1:v") or audio ("1:a") stream of an input.
+struct StreamSelector {
+    int input = 0;
+    std::optional<int> stream;  // the stream's index in its input; unset when the selector names a kind
+    std::string kind;           // "video" or "audio" when `stream` is unset
+    std::string text;           // as written on the command line, for messages
+
+    bool matches(const StreamInfo& info) const;
 };
 
 struct Options {
@@ -28,6 +40,7 @@ struct Options {
     std::int32_t firstNumber = 1;
     std::string streamName = "live";
     std::map<std::string, StreamSettings> streams;
+    std::vector<StreamSelector> maps;  // empty: every stream is packaged
     std::optional<std::string> initTemplate;
     std::optional<std::string> mediaTemplate;
     bool realtime = false;
@@ -47,5 +60,11 @@ enum class ParseResult { Run, Help, Version, Error };
 ParseResult parseOptions(int argc, char** argv, Options& options, std::string& error);
 
 std::string usageText();
+
+// Which streams of each input (`inputs[i]` is input i's stream list) are packaged: every one when there is no
+// selector, otherwise those that some selector matches. False, with `error` naming the selector, when a selector
+// matches no stream.
+bool selectStreams(const std::vector<StreamSelector>& maps, const std::vector<std::vector<StreamInfo>>& inputs,
+                   std::vector<std::vector<bool>>& selected, std::string& error);
 
 }  // namespace fmp4mux

@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -313,6 +316,59 @@ TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
         const fs::path joined = joinRepresentation(out, id, "rendition-" + id + ".mp4");
         EXPECT_EQ(decodedCount(joined, "video"), decodedCount(sources[k], "video")) << id;
     }
+}
+
+TEST_F(Fmp4muxEndToEnd, MapPicksThreeVideoRenditionsAndOneSharedAudio) {
+    // Three renditions that carry the same audio: only the first input's audio is packaged.
+    const int widths[] = {416, 640, 960};
+    const fs::path sources[] = {input("m-low.ts", "h264", "416x234", "200k"), input("m-mid.ts", "h264", "640x360", "500k"),
+                                input("m-high.ts", "h264", "960x540", "900k")};
+    const std::string inputs = quote(sources[0].string()) + " " + quote(sources[1].string()) + " " +
+                               quote(sources[2].string()) + " ";
+    const fs::path out = dir() / "dash-map";
+    const Outcome r = fmp4mux("--map 0:v --map 1:v --map 2:v --map 0:a " + inputs + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    std::ifstream in(out / "manifest.mpd");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string mpd = text.str();
+    std::map<std::string, std::vector<std::string>> representations;  // by content type
+    const std::regex set("<AdaptationSet [^>]*contentType=\"(\\w+)\"[\\s\\S]*?</AdaptationSet>");
+    const std::regex id("<Representation id=\"([^\"]+)\"");
+    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), set); it != std::sregex_iterator(); ++it) {
+        const std::string block = (*it)[0];
+        for (auto r = std::sregex_iterator(block.begin(), block.end(), id); r != std::sregex_iterator(); ++r)
+            representations[(*it)[1]].push_back((*r)[1]);
+    }
+    ASSERT_EQ(representations["video"].size(), 3u) << mpd;
+    ASSERT_EQ(representations["audio"].size(), 1u) << mpd;
+    std::set<int> widthsSeen;
+    for (const std::string& rep : representations["video"]) {
+        const fs::path joined = joinRepresentation(out, rep, "map-" + rep + ".mp4");
+        const Outcome probe = run("ffprobe -hide_banner -loglevel error -select_streams v:0 -show_entries stream=width "
+                                  "-of csv=p=0 " + quote(joined.string()));
+        ASSERT_EQ(probe.exitCode, 0) << probe.output;
+        const int width = std::stoi(probe.output);
+        widthsSeen.insert(width);
+        const auto k = std::find(std::begin(widths), std::end(widths), width) - std::begin(widths);
+        ASSERT_LT(k, 3) << width;
+        EXPECT_EQ(decodedCount(joined, "video"), decodedCount(sources[k], "video")) << rep;
+    }
+    EXPECT_EQ(widthsSeen, (std::set<int>{416, 640, 960}));
+    const std::string audio = representations["audio"][0];
+    expectAudioSamples(decodedCount(joinRepresentation(out, audio, "map-" + audio + ".mp4"), "audio"),
+                       decodedCount(sources[0], "audio"));
+
+    // A selector that matches nothing is named with what the input holds; a malformed one is refused at once.
+    Outcome bad = fmp4mux("--map 0:v --map 1:7 " + inputs + quote((dir() / "map-none").string()));
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_NE(bad.output.find("fmp4mux: --map 1:7 matches no stream (input 1 has streams 0 (h264 video), 1 (aac audio))"),
+              std::string::npos) << bad.output;
+    bad = fmp4mux("--map 0:x " + inputs + quote((dir() / "map-none").string()));
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_NE(bad.output.find("--map takes INPUT:STREAM, INPUT:v or INPUT:a, not '0:x'\nTry 'fmp4mux --help'."),
+              std::string::npos) << bad.output;
 }
 
 TEST_F(Fmp4muxEndToEnd, ClearErrorsAndExitCodes) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 #include "apps/fmp4mux/chunk_sink.h"
 #include "apps/fmp4mux/demuxer.h"
@@ -177,31 +178,170 @@ TEST(Manifests, TimelineRunsAndTheLiveWindow) {
     EXPECT_NE(live.find("<S t=\"120\" d=\"20\" r=\"3\"/>"), std::string::npos);
 }
 
-TEST(Options, ParsesAndRefusesWithClearMessages) {
-    auto parse = [](std::vector<std::string> args, Options& o, std::string& e) {
-        std::vector<char*> argv{const_cast<char*>("fmp4mux")};
-        for (auto& a : args) argv.push_back(a.data());
-        return parseOptions(static_cast<int>(argv.size()), argv.data(), o, e);
+ParseResult parse(std::vector<std::string> args, Options& options, std::string& error) {
+    std::vector<char*> argv{const_cast<char*>("fmp4mux")};
+    for (auto& a : args) argv.push_back(a.data());
+    return parseOptions(static_cast<int>(argv.size()), argv.data(), options, error);
+}
+
+std::string joined(const std::vector<std::string>& args) {
+    std::string out;
+    for (const auto& a : args) out += a + " ";
+    return out;
+}
+
+TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
+    using Inputs = std::vector<std::string>;
+    const struct {
+        std::vector<std::string> args;
+        std::function<void(const Options&)> check;
+    } cases[] = {
+        {{"a.ts", "out"},
+         [](const Options& o) {
+             EXPECT_TRUE(o.dash);
+             EXPECT_EQ(o.gopDurationMs, 2000);
+             EXPECT_EQ(o.verbosity, 1);
+             EXPECT_TRUE(o.maps.empty());
+             EXPECT_EQ(o.inputs, Inputs{"a.ts"});
+             EXPECT_EQ(o.outputDirectory, "out");
+         }},
+        // Options may come between the positional arguments; the last of a repeated option wins.
+        {{"-f", "smooth", "a.ts", "-n", "3", "b.ts", "-g", "1000", "-g", "1500", "out"},
+         [](const Options& o) {
+             EXPECT_FALSE(o.dash);
+             EXPECT_EQ(o.gopsPerSegment, 3u);
+             EXPECT_EQ(o.gopDurationMs, 1500);
+             EXPECT_EQ(o.inputs, (Inputs{"a.ts", "b.ts"}));
+         }},
+        {{"-g3000", "-vv", "-q", "a", "out"},
+         [](const Options& o) {
+             EXPECT_EQ(o.gopDurationMs, 3000);
+             EXPECT_EQ(o.verbosity, 3);
+             EXPECT_TRUE(o.quiet);
+         }},
+        {{"--gop-duration=0100", "--mode=separate-audio", "--audio-segment-duration=1920", "--first-number=0", "a", "out"},
+         [](const Options& o) {
+             EXPECT_EQ(o.gopDurationMs, 100);  // base 10, not octal
+             EXPECT_EQ(o.mode, 1u);
+             EXPECT_EQ(o.audioSegmentDurationMs, 1920);
+             EXPECT_EQ(o.firstNumber, 0);
+         }},
+        {{"--bitrate", "0:1=96000", "--bitrate=00:0=500000", "--language", "0:1=fra", "--name=0:1=a=b", "a", "out"},
+         [](const Options& o) {
+             EXPECT_EQ(o.streams.at("0:1").bitrate, 96000u);
+             EXPECT_EQ(o.streams.at("0:0").bitrate, 500000u);
+             EXPECT_EQ(o.streams.at("0:1").language, "fra");
+             EXPECT_EQ(o.streams.at("0:1").name, "a=b");
+         }},
+        {{"-", "out"}, [](const Options& o) { EXPECT_EQ(o.inputs, Inputs{"-"}); }},
+        {{"-v", "--", "-in.ts", "--x", "out"},
+         [](const Options& o) {
+             EXPECT_EQ(o.verbosity, 2);
+             EXPECT_EQ(o.inputs, (Inputs{"-in.ts", "--x"}));
+         }},
+        {{"--map", "0:v", "--map=1:0", "--map", "2:a", "a", "b", "c", "out"},
+         [](const Options& o) {
+             ASSERT_EQ(o.maps.size(), 3u);
+             EXPECT_EQ(o.maps[0].input, 0);
+             EXPECT_EQ(o.maps[0].kind, "video");
+             EXPECT_FALSE(o.maps[0].stream);
+             EXPECT_EQ(o.maps[1].input, 1);
+             EXPECT_EQ(o.maps[1].stream, 0);
+             EXPECT_EQ(o.maps[2].kind, "audio");
+             EXPECT_EQ(o.maps[2].text, "2:a");
+             EXPECT_EQ(o.inputs.size(), 3u);
+         }},
     };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(joined(c.args));
+        Options o;
+        std::string e;
+        ASSERT_EQ(parse(c.args, o, e), ParseResult::Run) << e;
+        c.check(o);
+    }
     Options o;
     std::string e;
-    EXPECT_EQ(parse({"-f", "smooth", "-g", "1000", "-n", "3", "--bitrate", "0:1=96000", "a.ts", "b.ts", "out"}, o, e),
-              ParseResult::Run);
-    EXPECT_FALSE(o.dash);
-    EXPECT_EQ(o.gopsPerSegment, 3u);
-    EXPECT_EQ(o.inputs, (std::vector<std::string>{"a.ts", "b.ts"}));
-    EXPECT_EQ(o.outputDirectory, "out");
-    EXPECT_EQ(*o.streams["0:1"].bitrate, 96000u);
-    Options bad;
-    EXPECT_EQ(parse({"--media-template", "${sessionId}/${time}", "a.ts", "out"}, bad, e), ParseResult::Error);
-    EXPECT_EQ(e, "media template '${sessionId}/${time}': '${adaptationSetId}' is mandatory");
-    Options bad2;
-    EXPECT_EQ(parse({"--mode", "sometimes", "a.ts", "out"}, bad2, e), ParseResult::Error);
-    EXPECT_EQ(e, "unknown mode 'sometimes' (gop, gop-alt or separate-audio)");
-    Options bad3;
-    EXPECT_EQ(parse({"out"}, bad3, e), ParseResult::Error);
-    Options help;
-    EXPECT_EQ(parse({"--help"}, help, e), ParseResult::Help);
+    EXPECT_EQ(parse({"-g", "nonsense", "--help"}, o, e), ParseResult::Help);
+    EXPECT_EQ(parse({"-V"}, o, e), ParseResult::Version);
+}
+
+TEST(Options, RefusedCommandLinesSayWhy) {
+    const struct {
+        std::vector<std::string> args;
+        std::string message;
+    } cases[] = {
+        {{"out"}, "give at least one INPUT and the OUTDIR"},
+        {{"--frobnicate", "a", "out"}, "unknown option --frobnicate"},
+        {{"-vx", "a", "out"}, "unknown option -x"},
+        {{"a", "out", "-g"}, "--gop-duration"},
+        {{"-f", "hls", "a", "out"}, "unknown format 'hls' (dash or smooth)"},
+        {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt or separate-audio)"},
+        {{"-g0", "a", "out"}, "option --gop-duration: '0' is not a number from 1 to 600000"},
+        {{"--time-shift-buffer=1h", "a", "out"}, "'1h' is not a number from 1 to 86400"},
+        {{"--first-number", "2147483648", "a", "out"}, "is not a number from 0 to 2147483647"},
+        {{"--stream-name", "a/b", "a", "out"}, "without '/'"},
+        {{"--bitrate", "0:1", "a", "out"}, "option --bitrate takes INPUT:STREAM=VALUE, not '0:1'"},
+        {{"--language", "x:1=fra", "a", "out"}, "option --language takes INPUT:STREAM=VALUE"},
+        {{"--bitrate", "0:1=fast", "a", "out"}, "--bitrate 0:1: 'fast' is not a bitrate in bits per second"},
+        {{"--map", "0:x", "a", "out"}, "--map takes INPUT:STREAM, INPUT:v or INPUT:a, not '0:x'"},
+        {{"--map", "1", "a", "out"}, "not '1'"},
+        {{"--map=:0", "a", "out"}, "not ':0'"},
+        {{"--media-template", "${sessionId}/${time}", "a", "out"},
+         "media template '${sessionId}/${time}': '${adaptationSetId}' is mandatory"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(joined(c.args));
+        Options o;
+        std::string e;
+        EXPECT_EQ(parse(c.args, o, e), ParseResult::Error);
+        EXPECT_NE(e.find(c.message), std::string::npos) << e;
+    }
+}
+
+TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
+    auto stream = [](int input, int index, const char* codec, const char* kind) {
+        StreamInfo s;
+        s.input = input;
+        s.sourceIndex = index;
+        s.codec = codec;
+        s.kind = kind;
+        return s;
+    };
+    // Input 0 lists a skipped stream 1 (absent here), so its AAC stays at source index 2.
+    const std::vector<std::vector<StreamInfo>> inputs{
+        {stream(0, 0, "h264", "video"), stream(0, 2, "aac", "audio")},
+        {stream(1, 0, "h264", "video"), stream(1, 1, "aac", "audio")},
+        {},
+    };
+    using Selected = std::vector<std::vector<bool>>;
+    const struct {
+        std::vector<std::string> maps;
+        Selected selected;  // empty: refused with `message`
+        std::string message;
+    } cases[] = {
+        {{}, {{true, true}, {true, true}, {}}, ""},
+        {{"0:v", "1:v", "0:a"}, {{true, true}, {true, false}, {}}, ""},
+        {{"0:2", "1:0", "1:v"}, {{false, true}, {true, false}, {}}, ""},
+        {{"0:v", "1:7"}, {}, "--map 1:7 matches no stream (input 1 has streams 0 (h264 video), 1 (aac audio))"},
+        {{"0:1"}, {}, "--map 0:1 matches no stream (input 0 has streams 0 (h264 video), 2 (aac audio))"},
+        {{"2:a"}, {}, "--map 2:a matches no stream (input 2 has no stream that can be packaged)"},
+        {{"3:v"}, {}, "--map 3:v matches no stream (there are 3 inputs)"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args;
+        for (const auto& m : c.maps) args.insert(args.end(), {"--map", m});
+        args.insert(args.end(), {"a", "b", "c", "out"});
+        SCOPED_TRACE(joined(args));
+        Options o;
+        std::string e;
+        ASSERT_EQ(parse(args, o, e), ParseResult::Run) << e;
+        Selected selected;
+        EXPECT_EQ(selectStreams(o.maps, inputs, selected, e), c.message.empty());
+        if (c.message.empty())
+            EXPECT_EQ(selected, c.selected);
+        else
+            EXPECT_EQ(e, c.message);
+    }
 }
 
 TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
