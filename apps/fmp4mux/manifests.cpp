@@ -159,12 +159,12 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
     std::map<int, std::vector<const Track*>> sets;
     for (const auto& t : tracks) sets[t.adaptationSetId].push_back(&t);
     for (const auto& [id, members] : sets) {
-        const Track& first = *members.front();
+        const Track& lead = *members.front();
         indent(out, 2);
-        out += "<AdaptationSet id=\"" + std::to_string(id) + "\" contentType=\"" + first.kind + "\" mimeType=\"" +
-               (first.kind == "video" ? "video/mp4" : first.kind == "audio" ? "audio/mp4" : "application/mp4") +
+        out += "<AdaptationSet id=\"" + std::to_string(id) + "\" contentType=\"" + lead.kind + "\" mimeType=\"" +
+               (lead.kind == "video" ? "video/mp4" : lead.kind == "audio" ? "audio/mp4" : "application/mp4") +
                "\" segmentAlignment=\"true\" startWithSAP=\"1\"";
-        if (first.kind != "video") out += " lang=\"" + escape(first.language) + "\"";
+        if (lead.kind != "video") out += " lang=\"" + escape(lead.language) + "\"";
         out += ">\n";
         for (const Track* t : members) {
             indent(out, 3);
@@ -230,13 +230,13 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
 
 std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std::uint32_t dvrWindowSeconds) {
     // The presentation runs from the earliest chunk to the end of the latest one.
-    std::uint64_t first = UINT64_MAX, end = 0;
+    std::uint64_t earliest = UINT64_MAX, end = 0;
     for (const auto& t : tracks) {
         if (t.segments.empty()) continue;
-        first = std::min(first, t.segments.front().time);
+        earliest = std::min(earliest, t.segments.front().time);
         end = std::max(end, t.segments.back().time + t.segments.back().duration);
     }
-    const std::uint64_t duration = end > first ? end - first : 0;
+    const std::uint64_t duration = end > earliest ? end - earliest : 0;
     std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
     out += "<SmoothStreamingMedia MajorVersion=\"2\" MinorVersion=\"2\" TimeScale=\"10000000\" Duration=\"" +
            std::to_string(live ? 0 : duration) + "\"";

@@ -157,7 +157,7 @@ void BM_SessionDash(benchmark::State& state) {
         chunks = output.chunks;
         if (output.written < in.bytes) state.SkipWithError("output smaller than input");
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * in.bytes));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(in.bytes));
     state.counters["chunks"] = static_cast<double>(chunks);
     state.counters["input_MB"] = static_cast<double>(in.bytes) / 1e6;
 }
@@ -237,7 +237,7 @@ void BM_ChunksBuilderOnly(benchmark::State& state) {
         for (const SegmentChunks& segment : s.media) builder.OnChunks(segment, true);
         if (output.written < in.bytes) state.SkipWithError("output smaller than input");
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * in.bytes));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(in.bytes));
 }
 BENCHMARK(BM_ChunksBuilderOnly)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -261,7 +261,7 @@ void BM_MemcpySameBytes(benchmark::State& state) {
         benchmark::DoNotOptimize(out.data());
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * in.bytes));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(in.bytes));
 }
 BENCHMARK(BM_MemcpySameBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -289,7 +289,7 @@ int main(int argc, char** argv) {
     const auto copy = reporter.rates.find("BM_MemcpySameBytes/real_time");
     const auto builder = reporter.rates.find("BM_ChunksBuilderOnly/real_time");
     if (session != reporter.rates.end() && copy != reporter.rates.end()) {
-        std::cout << "60 s of 1080p H.264 (" << input().bytes / 1e6 << " MB in): session " << session->second / 1e6
+        std::cout << "60 s of 1080p H.264 (" << static_cast<double>(input().bytes) / 1e6 << " MB in): session " << session->second / 1e6
                   << " MB/s, memcpy " << copy->second / 1e6 << " MB/s, session/memcpy "
                   << session->second / copy->second;
         if (builder != reporter.rates.end()) std::cout << ", chunk builder alone " << builder->second / 1e6 << " MB/s";

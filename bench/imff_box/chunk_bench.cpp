@@ -130,7 +130,7 @@ void BM_PayloadCopy(benchmark::State& state) {
         benchmark::DoNotOptimize(buffer().data());
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * c.payload));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(c.payload));
 }
 BENCHMARK(BM_PayloadCopy);
 

@@ -51,7 +51,7 @@ void BM_Memcpy(benchmark::State& state) {
         benchmark::DoNotOptimize(target.data());
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * s.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(s.size()));
 }
 BENCHMARK(BM_Memcpy);
 
@@ -68,7 +68,7 @@ void BM_ZeroPairSearch(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(pairs);
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * s.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(s.size()));
 }
 BENCHMARK(BM_ZeroPairSearch);
 
@@ -82,7 +82,7 @@ void BM_AnnexBExtraction(benchmark::State& state) {
         for (const auto& buffer : input) builder.push(buffer.get());
         builder.flush();
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * stream().size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(stream().size()));
     state.counters["units"] = benchmark::Counter(static_cast<double>(listener.units) / static_cast<double>(state.iterations()));
 }
 BENCHMARK(BM_AnnexBExtraction)->Arg(1316)->Arg(65536);

@@ -10,7 +10,7 @@ using namespace sync_test;
 
 class CountingListener : public ISynchronizatorListener {
 public:
-    void OnChunks(const SegmentChunks& chunks, bool) override { segments += chunks.chunks.size() > 0 ? 1 : 0; }
+    void OnChunks(const SegmentChunks& chunks, bool) override { segments += chunks.chunks.empty() ? 0u : 1u; }
     void OnFirstSegments(const SegmentChunks&, std::uint64_t, std::uint64_t, std::uint64_t) override {}
     void OnEndOfStream() override {
         std::lock_guard lock(m_mutex);

@@ -67,7 +67,7 @@ protected:
 // 20 bytes of fixed fields, then the codec's configuration.
 class AudioSampleEntry : public SampleEntry {
 public:
-    explicit AudioSampleEntry(FourCC type, std::uint16_t channelCount = 6) : SampleEntry(type), channelCount(channelCount) {}
+    explicit AudioSampleEntry(FourCC type, std::uint16_t channels = 6) : SampleEntry(type), channelCount(channels) {}
     void dump(std::ostream* stream) const override;
     virtual void binarizeSpecific(ImffBitWriter& writer) const;
 

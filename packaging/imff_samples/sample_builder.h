@@ -10,8 +10,8 @@ inline namespace v1 {
 
 class SampleBuilder : public lib_parse_es::NALListener {
 public:
-    SampleBuilder(ISampleListener* listener, bool inBandParameterSets)
-        : listener(listener), inBandParameterSets(inBandParameterSets) {}
+    SampleBuilder(ISampleListener* sampleListener, bool parameterSetsInBand)
+        : listener(sampleListener), inBandParameterSets(parameterSetsInBand) {}
     ~SampleBuilder() override = default;
 
     void onEnd() override {

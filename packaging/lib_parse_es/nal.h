@@ -58,12 +58,12 @@ struct NalTimingInfo {
 class NAL {
 public:
     // type: the stream type, or -1 for a plain unit made by the sample builders.
-    NAL(std::int32_t type, std::int32_t capacity)
-        : type(type), capacity(capacity), data(capacity > 0 ? static_cast<std::size_t>(capacity) : 0),
+    NAL(std::int32_t streamType, std::int32_t size)
+        : type(streamType), capacity(size), data(size > 0 ? static_cast<std::size_t>(size) : 0),
           writePosition(data.data()) {}
     // A unit of the given pieces, copied once, in order, without zero-filling its storage first: capacity and
     // length are the pieces' total.
-    NAL(std::int32_t type, std::span<const std::span<const std::uint8_t>> pieces) : type(type), capacity(0) {
+    NAL(std::int32_t streamType, std::span<const std::span<const std::uint8_t>> pieces) : type(streamType), capacity(0) {
         std::size_t total = 0;
         for (const auto& piece : pieces) total += piece.size();
         data.reserve(total);
@@ -97,7 +97,7 @@ public:
 template <std::int32_t N>
 class NalInputTypeGeneric : public NAL {
 public:
-    explicit NalInputTypeGeneric(std::int32_t capacity) : NAL(N, capacity) {}
+    explicit NalInputTypeGeneric(std::int32_t size) : NAL(N, size) {}
 };
 
 }  // namespace v2

@@ -11,7 +11,7 @@ inline namespace v2 {
 // One ADTS frame, header included.
 class NALAACADTS : public NAL {
 public:
-    explicit NALAACADTS(std::int32_t capacity) : NAL(StreamType::AAC_ADTS_AUDIO, capacity) {}
+    explicit NALAACADTS(std::int32_t size) : NAL(StreamType::AAC_ADTS_AUDIO, size) {}
 
     // Reads the fixed and variable header once. False for a damaged header and for a frame of more than one
     // raw data block, which is not carried.
@@ -29,7 +29,7 @@ public:
 // One LOAS AudioSyncStream frame: the sync word, the length and one AudioMuxElement with muxConfigPresent set.
 class NALAACLATMLOAS : public NAL {
 public:
-    explicit NALAACLATMLOAS(std::int32_t capacity) : NAL(StreamType::AAC_LATM_AUDIO, capacity) {}
+    explicit NALAACLATMLOAS(std::int32_t size) : NAL(StreamType::AAC_LATM_AUDIO, size) {}
 
     // Reads the frame header and, when present, the StreamMuxConfig, once. False when the frame is short, its
     // sync or length is wrong, or its configuration is not one this code carries (several programs, layers or
@@ -53,7 +53,7 @@ public:
 // payload length, payload; all numbers 32-bit big-endian.
 class NALAACRaw : public NAL {
 public:
-    explicit NALAACRaw(std::int32_t capacity) : NAL(StreamType::AAC_RAW_AUDIO, capacity) {}
+    explicit NALAACRaw(std::int32_t size) : NAL(StreamType::AAC_RAW_AUDIO, size) {}
 };
 
 struct AACRawHeader {

@@ -169,21 +169,21 @@ private:
 // H.263 pictures begin with the 22-bit picture start code.
 class NALH263 : public NAL {
 public:
-    explicit NALH263(std::int32_t capacity) : NAL(StreamType::H263_VIDEO, capacity) {}
+    explicit NALH263(std::int32_t size) : NAL(StreamType::H263_VIDEO, size) {}
     static std::span<const BitPattern> patterns();
 };
 
 // MPEG-4 Visual units begin at every 00 00 01.
 class NALMPEG4Visual : public NAL {
 public:
-    explicit NALMPEG4Visual(std::int32_t capacity) : NAL(StreamType::MPEG4_VIDEO, capacity) {}
+    explicit NALMPEG4Visual(std::int32_t size) : NAL(StreamType::MPEG4_VIDEO, size) {}
     static std::span<const BitPattern> patterns();
 };
 
 // ProRes frames: a 32-bit size, then the tag "icpf".
 class NALProRes : public NAL {
 public:
-    explicit NALProRes(std::int32_t capacity) : NAL(StreamType::PRORES, capacity) {}
+    explicit NALProRes(std::int32_t size) : NAL(StreamType::PRORES, size) {}
     static std::span<const BitPattern> patterns();
 };
 

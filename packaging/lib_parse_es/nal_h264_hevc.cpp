@@ -26,7 +26,7 @@ std::size_t skipStartCode(const std::uint8_t* data, std::size_t size) {
     return i;
 }
 
-bool NALH264_HEVC::getNalUnitType(std::uint8_t& type, std::uint32_t& offset) {
+bool NALH264_HEVC::getNalUnitType(std::uint8_t& unitType, std::uint32_t& offset) {
     if (!nalUnitTypeKnown && !m_headerMissing) {
         const std::uint8_t* bytes = data.data();
         std::size_t i = 0;
@@ -42,7 +42,7 @@ bool NALH264_HEVC::getNalUnitType(std::uint8_t& type, std::uint32_t& offset) {
         }
     }
     if (!nalUnitTypeKnown) return false;
-    type = nalUnitType;
+    unitType = nalUnitType;
     offset = headerOffset;
     return true;
 }

@@ -14,13 +14,13 @@ std::vector<std::uint8_t> unescapeRbsp(const std::uint8_t* data, std::size_t siz
 
 class NALH264_HEVC : public NAL {
 public:
-    NALH264_HEVC(std::int32_t type, std::int32_t capacity, bool isHevc) : NAL(type, capacity), m_isHevc(isHevc) {}
-    NALH264_HEVC(std::int32_t type, std::span<const std::span<const std::uint8_t>> pieces, bool isHevc)
-        : NAL(type, pieces), m_isHevc(isHevc) {}
+    NALH264_HEVC(std::int32_t streamType, std::int32_t size, bool isHevc) : NAL(streamType, size), m_isHevc(isHevc) {}
+    NALH264_HEVC(std::int32_t streamType, std::span<const std::span<const std::uint8_t>> pieces, bool isHevc)
+        : NAL(streamType, pieces), m_isHevc(isHevc) {}
 
     // The unit type and the index of the first header byte. Leading zeros and a 01 are skipped; a unit
     // without a start code is read from its first non-zero byte. False when no header byte exists.
-    bool getNalUnitType(std::uint8_t& type, std::uint32_t& headerOffset);
+    bool getNalUnitType(std::uint8_t& unitType, std::uint32_t& offset);
     // The whole unit with emulation prevention removed, cached after the first call.
     const std::uint8_t* getRbsp(std::uint32_t& size);
 
@@ -37,14 +37,14 @@ private:
 
 class NALH264 : public NALH264_HEVC {
 public:
-    explicit NALH264(std::int32_t capacity) : NALH264_HEVC(StreamType::H264_VIDEO, capacity, false) {}
+    explicit NALH264(std::int32_t size) : NALH264_HEVC(StreamType::H264_VIDEO, size, false) {}
     explicit NALH264(std::span<const std::span<const std::uint8_t>> pieces)
         : NALH264_HEVC(StreamType::H264_VIDEO, pieces, false) {}
 };
 
 class NALHEVC : public NALH264_HEVC {
 public:
-    explicit NALHEVC(std::int32_t capacity) : NALH264_HEVC(StreamType::HEVC_VIDEO, capacity, true) {}
+    explicit NALHEVC(std::int32_t size) : NALH264_HEVC(StreamType::HEVC_VIDEO, size, true) {}
     explicit NALHEVC(std::span<const std::span<const std::uint8_t>> pieces)
         : NALH264_HEVC(StreamType::HEVC_VIDEO, pieces, true) {}
 };

@@ -9,7 +9,7 @@ Thread::Thread(std::function<void()> function, std::size_t stackSize) : m_functi
     int error = pthread_attr_init(&attributes);
     if (error != 0) throw std::system_error(error, std::generic_category(), "could not create thread");
     if (stackSize > 0) {
-        if (stackSize < static_cast<std::size_t>(PTHREAD_STACK_MIN)) stackSize = PTHREAD_STACK_MIN;
+        if (stackSize < static_cast<std::size_t>(PTHREAD_STACK_MIN)) stackSize = static_cast<std::size_t>(PTHREAD_STACK_MIN);
         pthread_attr_setstacksize(&attributes, stackSize);
     }
     error = pthread_create(&m_handle, &attributes, &Thread::entry, this);

@@ -39,8 +39,8 @@ struct RelativePath {
 
 struct AbsolutePath {
     AbsolutePath() = default;
-    AbsolutePath(std::variant<WindowsDrive, SmbShare, PosixRoot> root, DirectoryPath directory)
-        : root(std::move(root)), directory(std::move(directory)) {}
+    AbsolutePath(std::variant<WindowsDrive, SmbShare, PosixRoot> rootPart, DirectoryPath directoryPart)
+        : root(std::move(rootPart)), directory(std::move(directoryPart)) {}
     std::variant<WindowsDrive, SmbShare, PosixRoot> root{PosixRoot{}};
     DirectoryPath directory;
     bool operator==(const AbsolutePath&) const = default;

@@ -169,7 +169,7 @@ void LiveServerManifest::AddAudio(std::uint32_t trackId, const AudioManifestInfo
 std::string LiveServerManifest::ToXml() const {
     TwoBlankPrinter printer;
     m_document->Print(&printer);
-    return std::string(printer.CStr(), printer.CStrSize() > 0 ? printer.CStrSize() - 1 : 0);
+    return std::string(printer.CStr(), printer.CStrSize() > 0 ? static_cast<std::size_t>(printer.CStrSize() - 1) : 0u);
 }
 
 }  // namespace v7_2

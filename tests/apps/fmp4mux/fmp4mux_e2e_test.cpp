@@ -329,17 +329,14 @@ TEST_F(Fmp4muxEndToEnd, MapPicksThreeVideoRenditionsAndOneSharedAudio) {
     const Outcome r = fmp4mux("--map 0:v --map 1:v --map 2:v --map 0:a " + inputs + quote(out.string()));
     ASSERT_EQ(r.exitCode, 0) << r.output;
     expectValidMpd(out);
-    std::ifstream in(out / "manifest.mpd");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string mpd = text.str();
+    const std::string mpd = readText(out / "manifest.mpd");
     std::map<std::string, std::vector<std::string>> representations;  // by content type
     const std::regex set("<AdaptationSet [^>]*contentType=\"(\\w+)\"[\\s\\S]*?</AdaptationSet>");
     const std::regex id("<Representation id=\"([^\"]+)\"");
     for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), set); it != std::sregex_iterator(); ++it) {
         const std::string block = (*it)[0];
-        for (auto r = std::sregex_iterator(block.begin(), block.end(), id); r != std::sregex_iterator(); ++r)
-            representations[(*it)[1]].push_back((*r)[1]);
+        for (auto rep = std::sregex_iterator(block.begin(), block.end(), id); rep != std::sregex_iterator(); ++rep)
+            representations[(*it)[1]].push_back((*rep)[1]);
     }
     ASSERT_EQ(representations["video"].size(), 3u) << mpd;
     ASSERT_EQ(representations["audio"].size(), 1u) << mpd;
@@ -448,5 +445,5 @@ TEST_P(TimestampJumps, TimelineStaysContinuousAndEveryFrameDecodes) {
 
 INSTANTIATE_TEST_SUITE_P(Splices, TimestampJumps,
                          ::testing::Values(std::make_pair("forward", 5000), std::make_pair("backward", -100)),
-                         [](const auto& info) { return std::string(info.param.first); });
+                         [](const auto& test) { return std::string(test.param.first); });
 }  // namespace

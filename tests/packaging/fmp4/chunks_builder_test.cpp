@@ -62,8 +62,8 @@ SegmentChunks segmentsOf(std::map<std::uint32_t, std::shared_ptr<StreamChunk>> c
 }
 
 struct Session {
-    explicit Session(OutputFormat format, Fmp4MuxConfig config = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0))
-        : config(std::move(config)) {
+    explicit Session(OutputFormat format, Fmp4MuxConfig muxConfig = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0))
+        : config(std::move(muxConfig)) {
         ChunksBuilderParams params{format, &this->config, true, &logger};
         params.utcClockMs = [this] { return nowMs; };
         builder = std::make_unique<ChunksBuilder>(params);

@@ -48,7 +48,7 @@ TEST(ImffBitWriter, WideFieldsRepeatTheLow32BitsAndMinusOneIsAllOnes) {
     Bytes buffer(19, 0xAA);
     ImffBitWriter writer(buffer.data(), buffer.size());
     writer.writeBits(40, 0xFF);       // bit index modulo 32: FF, then 000000FF
-    writer.writeBits(16, -1);         // FFFF
+    writer.writeBits(16, 0xFFFF);     // FFFF
     writer.writeBits(48, 0);          // six zero bytes
     writer.writeBits64(44, 0xABCDEF0123456ull);  // the 44 low bits: CDEF0123456
     writer.writeBits(4, 0);

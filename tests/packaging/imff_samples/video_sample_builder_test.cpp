@@ -278,7 +278,7 @@ TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
 TEST(Sample, BytesInOrderOfAddition) {
     Sample sample;
     EXPECT_EQ(sample.getSize(), 0u);
-    for (std::uint8_t v : {1, 2}) {
+    for (std::uint8_t v : {std::uint8_t{1}, std::uint8_t{2}}) {
         auto nal = std::make_unique<es::NAL>(-1, 2);
         const std::uint8_t bytes[2] = {v, v};
         nal->append(bytes, 2);

@@ -33,7 +33,7 @@ TEST_P(AdtsFixtureTest, FramesAndRunningTimeMatchFfprobeWhateverTheCuts) {
     const AudioFixture fixture = loadAudioFixture(GetParam().file);
     ASSERT_GT(fixture.packets.size(), 40u);
     const std::vector<Bytes> expected = packetBytes(fixture);
-    for (std::size_t maxPiece : {1, 5, 300, 5000}) {
+    for (std::size_t maxPiece : {1u, 5u, 300u, 5000u}) {
         NalCollector c;
         auto builder = es::createNalBuilder(es::StreamType::AAC_ADTS_AUDIO);
         builder->setListener(&c);
@@ -54,7 +54,7 @@ TEST_P(AdtsFixtureTest, FramesAndRunningTimeMatchFfprobeWhateverTheCuts) {
             // One input time for the whole stream: the running time counts 1024 samples a frame, truncated,
             // and stays within a microsecond of ffprobe's times.
             EXPECT_EQ(nal.timing.time, start + static_cast<std::int64_t>(i) * step);
-            EXPECT_NEAR(nal.timing.time - start, probeTo100ns(fixture.packets[i].pts), 1 + static_cast<double>(i));
+            EXPECT_NEAR(static_cast<double>(nal.timing.time - start), static_cast<double>(probeTo100ns(fixture.packets[i].pts)), 1 + static_cast<double>(i));
         }
     }
 }
@@ -169,7 +169,7 @@ TEST(AdtsFraming, FalseSyncInsideAFrameDoesNotSplitItAndTheLastFrameGoesOutAtFlu
 TEST(LatmFraming, FfmpegLoasFramesWithSharedConfigurationAndAStreamJoinedMidway) {
     const AudioFixture fixture = loadAudioFixture("aac_lc_stereo_48k.latm");
     const std::vector<Bytes> frames = packetBytes(fixture);
-    for (std::size_t maxPiece : {1, 64, 4000}) {
+    for (std::size_t maxPiece : {1u, 64u, 4000u}) {
         NalCollector c;
         auto builder = es::createNalBuilder(es::StreamType::AAC_LATM_AUDIO);
         builder->setListener(&c);
@@ -187,7 +187,7 @@ TEST(LatmFraming, FfmpegLoasFramesWithSharedConfigurationAndAStreamJoinedMidway)
                 EXPECT_EQ(nal.muxConfig.audioSpecificConfig.audioObjectType, 2u);
             }
             EXPECT_EQ(nal.timing.time, static_cast<std::int64_t>(i) * (10240000000 / 48000));
-            EXPECT_NEAR(nal.timing.time, probeTo100ns(fixture.packets[i].pts), 1 + static_cast<double>(i));
+            EXPECT_NEAR(static_cast<double>(nal.timing.time), static_cast<double>(probeTo100ns(fixture.packets[i].pts)), 1 + static_cast<double>(i));
         }
         EXPECT_GE(withConfig, 2u);
         EXPECT_LT(withConfig, frames.size() / 2);

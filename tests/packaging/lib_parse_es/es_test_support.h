@@ -144,7 +144,8 @@ private:
 inline Bytes annexB(const Bytes& header, const Bytes& payload) {
     Bytes out;
     out.reserve(4 + header.size() + payload.size() + payload.size() / 2);
-    for (std::uint8_t b : {0, 0, 0, 1}) out.push_back(b);
+    out.resize(4);
+    out[3] = 1;
     for (std::uint8_t b : header) out.push_back(b);
     unsigned zeros = 0;
     for (std::uint8_t b : payload) {

@@ -131,10 +131,10 @@ TEST(H264Manager, HighProfileFieldsAreReadForTheFiveListedProfilesOnly) {
     high[5] = 100;  // profile_idc after the 4-byte start code and the header
     const auto asHigh = es::parseH264Sps(high.data(), high.size());
     EXPECT_NE(asHigh->pic_width_in_mbs_minus1, 10u);
-    for (std::uint8_t profile : {44, 66, 77, 88, 118, 128, 143, 145, 243, 245}) {
+    for (int profile : {44, 66, 77, 88, 118, 128, 143, 145, 243, 245}) {
         Bytes other = rbsp;
-        other[5] = profile;
-        EXPECT_EQ(es::parseH264Sps(other.data(), other.size())->pic_width_in_mbs_minus1, 10u) << int(profile);
+        other[5] = static_cast<std::uint8_t>(profile);
+        EXPECT_EQ(es::parseH264Sps(other.data(), other.size())->pic_width_in_mbs_minus1, 10u) << profile;
     }
 }
 
@@ -231,7 +231,7 @@ TEST(H264Manager, CaptionUserDataIsKeptWhenWellFormed) {
         payload.push_back(typeCode);
         payload.push_back(0x40 | 2);  // process_cc_data_flag, cc_count 2
         payload.push_back(0xFF);
-        for (std::uint8_t b : {0xFC, 0x94, 0x2C, 0xFC, 0x80, 0x80}) payload.push_back(b);
+        payload.insert(payload.end(), {0xFC, 0x94, 0x2C, 0xFC, 0x80, 0x80});
         payload.push_back(0xFF);
         Bytes messages;
         seiMessage(messages, 4, payload);
