@@ -14,6 +14,9 @@ configure_and_build() {
   ninja -C "$dir" -j "$jobs"
 }
 
+echo "== include layering"
+bash scripts/check-includes.sh
+
 echo "== Release build: all tests"
 configure_and_build build/release -DCMAKE_BUILD_TYPE=Release -DFMP4_WERROR=ON
 ctest --test-dir build/release --output-on-failure -j "$jobs"

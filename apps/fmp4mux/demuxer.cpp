@@ -4,8 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "packaging/imff_samples/sample_builder.h"
-#include "packaging/lib_parse_es/nal_builder.h"
+#include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -34,11 +33,7 @@ std::uint8_t* putBe32(std::uint8_t* out, std::uint32_t v) {
     out[3] = static_cast<std::uint8_t>(v);
     return out + 4;
 }
-bool packagerReads(std::uint32_t streamType) {
-    namespace es = tvrn::encoding::packaging::lib_parse_es;
-    namespace samples = tvrn::encoding::packaging::imff::imff_samples;
-    return es::createNalBuilder(streamType) != nullptr && samples::createSampleBuilder(streamType, false, nullptr) != nullptr;
-}
+
 }  // namespace
 
 std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc, std::uint32_t averageBitrate,
@@ -169,7 +164,7 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
             if (av_bsf_init(kept.toAnnexB) < 0) throw std::runtime_error(std::string("cannot start the ") + annexB + " filter");
         }
         // A stream type that the packager cannot analyse yet would hold the session: leave it out.
-        if (!packagerReads(info.streamType)) {
+        if (!tvrn::encoding::filter::packagesStreamType(info.streamType)) {
             skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(i) + ": codec '" +
                               info.codec + "' is not supported by this packager");
             continue;

@@ -4,11 +4,19 @@
 #include <cstring>
 
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
+#include "packaging/imff_samples/sample_builder.h"
+#include "packaging/lib_parse_es/nal_builder.h"
 
 namespace tvrn::encoding::filter {
 
 using namespace tvrn::com;
 namespace fmp4 = packaging::imff::fmp4;
+
+bool packagesStreamType(std::uint32_t streamType) {
+    namespace es = packaging::lib_parse_es;
+    namespace samples = packaging::imff::imff_samples;
+    return es::createNalBuilder(streamType) != nullptr && samples::createSampleBuilder(streamType, false, nullptr) != nullptr;
+}
 
 const std::vector<InputTypeEntry>& inputTypeTable() {
     static const std::vector<InputTypeEntry> table = {

@@ -42,6 +42,10 @@ struct InputTypeEntry {
 };
 const std::vector<InputTypeEntry>& inputTypeTable();
 
+// True when the engine analyses streams of this type through to samples, so that a pin of it delivers chunks; a
+// host leaves other streams out rather than hold the session with them.
+bool packagesStreamType(std::uint32_t streamType);
+
 // Told of the data id of samples as they cross a pin.
 class IDelayCrossingPointCallback {
 public:
