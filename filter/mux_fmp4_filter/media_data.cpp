@@ -16,10 +16,10 @@ fmp4::MediaDataRef MediaData2::adopt(IMediaSample3* buffer) {
     return fmp4::MediaDataRef::adopt(new MediaData2(SampleRef<IMediaSample>::adopt(buffer)));
 }
 
-unsigned long MediaData::AddRef() { return m_refCount.fetch_add(1, std::memory_order_relaxed) + 1; }
+unsigned long MediaData::AddRef() { return m_refCount.add(); }
 
 unsigned long MediaData::Release() {
-    const unsigned long left = m_refCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    const unsigned long left = m_refCount.release();
     if (left == 0) DeleteThis();
     return left;
 }

@@ -63,7 +63,7 @@ private:
     template <typename T>
     bool getItem(std::uint32_t type, T& value);
 
-    std::atomic<unsigned long> m_refCount{1};
+    RefCount m_refCount;
     SampleRef<IMediaSample> m_sample;
 };
 

@@ -21,10 +21,10 @@ SampleRef<COOBMediaSample> COOBMediaSample::createUninitialised(std::size_t size
     return SampleRef<COOBMediaSample>::adopt(sample);
 }
 
-unsigned long COOBMediaSample::AddRef() { return m_refCount.fetch_add(1, std::memory_order_relaxed) + 1; }
+unsigned long COOBMediaSample::AddRef() { return m_refCount.add(); }
 
 unsigned long COOBMediaSample::Release() {
-    const unsigned long left = m_refCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    const unsigned long left = m_refCount.release();
     if (left == 0) onFinalRelease();
     return left;
 }
@@ -100,7 +100,7 @@ void COOBMediaSample::resetProperties() {
 void CMediaSample::prepareForUse() {
     resetProperties();
     m_actualLength = 0;
-    m_refCount.store(1);
+    m_refCount.restart();
 }
 
 void CMediaSample::onFinalRelease() { m_allocator.giveBack(this); }

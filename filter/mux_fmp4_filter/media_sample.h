@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/system/ref_ptr.h"
 #include "packaging/fmp4_types/media_data.h"
 #include "support/exceptions/result_codes.h"
 
@@ -68,35 +69,7 @@ public:
 
 // A counted reference to a sample.
 template <typename T>
-class SampleRef {
-public:
-    SampleRef() = default;
-    explicit SampleRef(T* p) : m_p(p) {
-        if (m_p) m_p->AddRef();
-    }
-    static SampleRef adopt(T* p) {
-        SampleRef r;
-        r.m_p = p;
-        return r;
-    }
-    SampleRef(const SampleRef& o) : SampleRef(o.m_p) {}
-    SampleRef(SampleRef&& o) noexcept : m_p(std::exchange(o.m_p, nullptr)) {}
-    SampleRef& operator=(SampleRef o) noexcept {
-        std::swap(m_p, o.m_p);
-        return *this;
-    }
-    ~SampleRef() { reset(); }
-    void reset() {
-        if (m_p) std::exchange(m_p, nullptr)->Release();
-    }
-    T* get() const { return m_p; }
-    T* operator->() const { return m_p; }
-    explicit operator bool() const { return m_p != nullptr; }
-    T* detach() { return std::exchange(m_p, nullptr); }
-
-private:
-    T* m_p = nullptr;
-};
+using SampleRef = RefPtr<T>;
 
 // A sample whose fields and metadata are its own. Its bytes are its own too unless a subclass says otherwise.
 class COOBMediaSample : public IMediaSample3 {
@@ -138,7 +111,7 @@ protected:
     // Clears times, flags and metadata, for reuse of the object.
     void resetProperties();
 
-    std::atomic<unsigned long> m_refCount{1};
+    RefCount m_refCount;
     std::unique_ptr<std::uint8_t[]> m_buffer;
     std::size_t m_size = 0;
     long m_actualLength = 0;

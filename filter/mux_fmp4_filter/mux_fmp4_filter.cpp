@@ -39,10 +39,10 @@ HRESULT CMuxFmp4Filter::QueryInterface(const GUID& iid, void** object) {
     return E_NOINTERFACE;
 }
 
-unsigned long CMuxFmp4Filter::AddRef() { return m_refCount.fetch_add(1) + 1; }
+unsigned long CMuxFmp4Filter::AddRef() { return m_refCount.add(); }
 
 unsigned long CMuxFmp4Filter::Release() {
-    const unsigned long left = m_refCount.fetch_sub(1) - 1;
+    const unsigned long left = m_refCount.release();
     if (left == 0) delete this;
     return left;
 }

@@ -107,7 +107,7 @@ private:
     void pushEndOfStream(std::int32_t streamId);
     void countChunk();
 
-    std::atomic<unsigned long> m_refCount{1};
+    RefCount m_refCount;
     mutable std::recursive_mutex m_lock;
     std::atomic<FilterState> m_state{FilterState::Stopped};
     std::vector<std::unique_ptr<MuxFmp4InputPin>> m_inputs;

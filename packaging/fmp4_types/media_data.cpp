@@ -60,10 +60,10 @@ MediaDataRef SimpleMediaData::create(const std::uint8_t* bytes, std::size_t leng
     return MediaDataRef::adopt(data);
 }
 
-unsigned long SimpleMediaData::AddRef() { return m_refCount.fetch_add(1, std::memory_order_relaxed) + 1; }
+unsigned long SimpleMediaData::AddRef() { return m_refCount.add(); }
 
 unsigned long SimpleMediaData::Release() {
-    const unsigned long left = m_refCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    const unsigned long left = m_refCount.release();
     if (left == 0) DeleteThis();
     return left;
 }

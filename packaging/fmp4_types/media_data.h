@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/exceptions/result_codes.h"
+#include "support/system/ref_ptr.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
@@ -109,37 +110,7 @@ public:
 };
 
 // A counted reference to an IMediaData.
-class MediaDataRef {
-public:
-    MediaDataRef() = default;
-    // Takes a new reference.
-    explicit MediaDataRef(IMediaData* data) : m_data(data) {
-        if (m_data) m_data->AddRef();
-    }
-    // Adopts a reference that the caller already holds.
-    static MediaDataRef adopt(IMediaData* data) {
-        MediaDataRef ref;
-        ref.m_data = data;
-        return ref;
-    }
-    MediaDataRef(const MediaDataRef& other) : MediaDataRef(other.m_data) {}
-    MediaDataRef(MediaDataRef&& other) noexcept : m_data(std::exchange(other.m_data, nullptr)) {}
-    MediaDataRef& operator=(MediaDataRef other) noexcept {
-        std::swap(m_data, other.m_data);
-        return *this;
-    }
-    ~MediaDataRef() { reset(); }
-    void reset() {
-        if (m_data) std::exchange(m_data, nullptr)->Release();
-    }
-    IMediaData* get() const { return m_data; }
-    IMediaData* operator->() const { return m_data; }
-    IMediaData& operator*() const { return *m_data; }
-    explicit operator bool() const { return m_data != nullptr; }
-
-private:
-    IMediaData* m_data = nullptr;
-};
+using MediaDataRef = RefPtr<IMediaData>;
 
 // The presentation and decoding times of a buffer, with the answers of the media graph's sample calls.
 class MediaTimes {
@@ -212,7 +183,7 @@ public:
 private:
     explicit SimpleMediaData(std::size_t size) : m_buffer(size), m_actualLength(static_cast<long>(size)) {}
 
-    std::atomic<unsigned long> m_refCount{1};
+    RefCount m_refCount;
     std::vector<std::uint8_t> m_buffer;
     long m_actualLength;
     MediaDataProperties m_properties;
