@@ -50,6 +50,9 @@ public:
 
     const std::vector<StreamInfo>& streams() const { return m_streams; }
     bool isLive() const { return m_live; }
+    // The source keeps its data until it is read (a file, standard input), so the reader may wait for the
+    // packager without losing anything; a network input would drop what arrives meanwhile.
+    bool canWait() const { return m_canWait; }
     // Reads to the end (or until `stop`), calling `onPacket` for each packet of a kept stream. With `realtime`,
     // packets leave no faster than their timestamps. False when reading failed before the end.
     bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop, bool realtime);
@@ -60,6 +63,7 @@ private:
     std::unique_ptr<Impl> m_impl;
     std::vector<StreamInfo> m_streams;
     bool m_live = false;
+    bool m_canWait = true;
     std::string m_error;
 };
 

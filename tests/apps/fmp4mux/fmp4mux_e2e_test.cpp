@@ -302,6 +302,47 @@ TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
     }
 }
 
+// Standard input is a live input. Fed a file three times over with its times going on (ffmpeg -stream_loop), it
+// keeps a timeline that goes forward, with no empty segment where the file starts again, and the MPD that ends
+// the run lists the segments of the time-shift window, which decode.
+TEST_F(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "looped";
+    const Outcome r = run("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + quote(source.string()) +
+                          " -map 0 -c copy -f mpegts - | " + FMP4MUX_PATH + " -q --time-shift-buffer 6 - " +
+                          quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    std::ifstream in(out / "manifest.mpd");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string mpd = text.str();
+    const std::regex timeline("<SegmentTimeline>([\\s\\S]*?)</SegmentTimeline>");
+    const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
+    int timelines = 0;
+    for (auto tl = std::sregex_iterator(mpd.begin(), mpd.end(), timeline); tl != std::sregex_iterator(); ++tl) {
+        ++timelines;
+        const std::string block = (*tl)[1];
+        std::uint64_t end = 0;
+        int segments = 0;
+        for (auto it = std::sregex_iterator(block.begin(), block.end(), s); it != std::sregex_iterator(); ++it) {
+            // Where the file starts again ffmpeg's loop leaves the times a frame out of step, so a segment may
+            // overlap the one before by a frame (40 ms, at the 10 MHz timescale), never more.
+            EXPECT_GE(std::stoull((*it)[1]) + 400000, end) << mpd;
+            EXPECT_GT(std::stoull((*it)[2]), 0u) << mpd;
+            const int count = 1 + ((*it)[3].matched ? std::stoi((*it)[3]) : 0);
+            end = std::stoull((*it)[1]) + count * std::stoull((*it)[2]);
+            segments += count;
+        }
+        // 18 s of media in 2 s segments, of which a 6 s window: three or four segments (plus a short audio one
+        // where the file starts again).
+        EXPECT_GE(segments, 3) << mpd;
+        EXPECT_LE(segments, 5) << mpd;
+    }
+    EXPECT_EQ(timelines, 2) << mpd;
+    EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "looped-video.mp4"), "video"), 0);
+}
+
 TEST_F(Fmp4muxEndToEnd, ClearErrorsAndExitCodes) {
     const fs::path source = input("h264.ts", "h264", "640x360", "400k");
     Outcome r = fmp4mux(quote((dir() / "missing.ts").string()) + " " + quote((dir() / "x").string()));
