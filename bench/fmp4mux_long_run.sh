@@ -5,6 +5,7 @@
 # and rewritten on every chunk. Every INTERVAL seconds the script samples fmp4mux's resident memory (VmRSS),
 # its open file descriptors and the size of OUTDIR; a background loop deletes the media files that have left
 # the MPD's time-shift window, as a live origin would, so the disk use stays bounded.
+# It also reads the CPU time of fmp4mux, to show that the cost per second of media does not grow with the run.
 # At the end it prints the samples and a verdict: resident memory and descriptors are flat when the last sample
 # is within 5 % of the sample taken after the first tenth of the run (descriptors: or within 2). Exit status:
 # 0 flat, 1 not flat, 2 cannot run, 3 fmp4mux failed.
@@ -104,8 +105,9 @@ for ((i = 0; i <= limit / interval; ++i)); do
   kb=${kb:-0}
   max_kb=$((kb > max_kb ? kb : max_kb))
   mpd=$(stat -c %s "$out/manifest.mpd" 2>/dev/null || echo 0)
+  cpu=$(awk '{ print $14 + $15 }' "/proc/$fm_pid/stat" 2>/dev/null || echo 0)  # user + system, clock ticks
   now=$(date +%s%N)
-  echo "$(((now - start_ns) / 1000000)) $rss $fds $kb $mpd $(media_seconds)" >> "$samples"
+  echo "$(((now - start_ns) / 1000000)) $rss $fds $kb $mpd $cpu $(media_seconds)" >> "$samples"
   sleep "$interval"
 done
 timed_out=0
@@ -131,15 +133,18 @@ fi
 grep -E '^fmp4mux: [0-9.]+ s of media' "$work/fmp4mux.log" >&2 || true
 final_media=$(media_seconds)
 
-awk -v wall="$wall" -v maxkb="$max_kb" -v final="$final_media" -v tsb="$tsb" '
-  { n++; t[n] = $1 / 1000; rss[n] = $2; fd[n] = $3; kb[n] = $4; mpd[n] = $5; m[n] = $6 }
+awk -v wall="$wall" -v maxkb="$max_kb" -v final="$final_media" -v tsb="$tsb" -v hz="$(getconf CLK_TCK)" '
+  { n++; t[n] = $1 / 1000; rss[n] = $2; fd[n] = $3; kb[n] = $4; mpd[n] = $5; cpu[n] = $6 / hz; m[n] = $7 }
+  # CPU milliseconds fmp4mux spent per second of media between two samples, or empty.
+  function cost(a, b) { return (m[a] != "" && m[b] != "" && m[b] > m[a]) ? 1000 * (cpu[b] - cpu[a]) / (m[b] - m[a]) : "" }
   END {
     if (n < 3) { print "too few samples (" n "): the run was too short to judge"; exit 2 }
-    printf "%8s %9s %7s %8s %5s %10s %7s\n", "wall s", "media s", "speed", "RSS MB", "fds", "OUTDIR MB", "MPD KB"
+    printf "%8s %9s %7s %8s %5s %10s %7s %9s\n", "wall s", "media s", "speed", "RSS MB", "fds", "OUTDIR MB", "MPD KB", "CPU ms/s"
     for (i = 1; i <= n; ++i) {
-      speed = ""
+      speed = ""; c = ""
       if (i > 1 && m[i] != "" && m[i - 1] != "" && t[i] > t[i - 1]) speed = sprintf("%.0fx", (m[i] - m[i - 1]) / (t[i] - t[i - 1]))
-      printf "%8.1f %9s %7s %8.1f %5d %10.1f %7.1f\n", t[i], m[i], speed, rss[i] / 1024, fd[i], kb[i] / 1024, mpd[i] / 1024
+      if (i > 1 && cost(i - 1, i) != "") c = sprintf("%.1f", cost(i - 1, i))
+      printf "%8.1f %9s %7s %8.1f %5d %10.1f %7.1f %9s\n", t[i], m[i], speed, rss[i] / 1024, fd[i], kb[i] / 1024, mpd[i] / 1024, c
     }
     # The reference: the first sample taken after the first tenth of the run.
     ref = n
@@ -151,11 +156,12 @@ awk -v wall="$wall" -v maxkb="$max_kb" -v final="$final_media" -v tsb="$tsb" '
     printf "run: %.1f s wall for %s s of media (%.0fx real time); OUTDIR at most %.1f MB (time-shift window %d s)\n",
            wall / 1000, final, final / (wall / 1000), maxkb / 1024, tsb
     printf "reference sample at %.1f s, last at %.1f s\n", t[ref], t[n]
-    # The time per chunk must not grow with the run: the media packaged per second of wall time, from the
-    # reference to the middle sample and from there to the last (for information: the machine may be shared).
+    # The time per chunk must not grow with the run: the CPU time of fmp4mux per second of media, from the reference
+    # to the middle sample and from there to the last, with the wall-clock speed (which a shared machine sways).
     mid = int((ref + n) / 2)
-    if (m[ref] != "" && m[mid] != "" && m[n] != "" && t[mid] > t[ref] && t[n] > t[mid])
-      printf "speed: %.0fx real time from the reference to the middle sample, %.0fx from there to the last\n",
+    if (cost(ref, mid) != "" && cost(mid, n) != "" && t[mid] > t[ref] && t[n] > t[mid])
+      printf "per second of media: %.1f then %.1f CPU ms (%+.0f %%); speed %.0fx then %.0fx real time\n",
+             cost(ref, mid), cost(mid, n), 100 * (cost(mid, n) - cost(ref, mid)) / cost(ref, mid),
              (m[mid] - m[ref]) / (t[mid] - t[ref]), (m[n] - m[mid]) / (t[n] - t[mid])
     printf "RSS: %.1f MB -> %.1f MB (%+.1f %%): %s\n", rss[ref] / 1024, rss[n] / 1024, 100 * drss / rss[ref], rss_flat ? "flat" : "GROWS"
     printf "fds: %d -> %d (%+d): %s\n", fd[ref], fd[n], dfd, fd_flat ? "flat" : "GROWS"
