@@ -9,14 +9,8 @@ fmp4mux="$build/apps/fmp4mux/fmp4mux"
 [ -x "$fmp4mux" ] || { echo "build fmp4mux first: ninja -C $build fmp4mux" >&2; exit 2; }
 command -v /usr/bin/time >/dev/null || { echo "needs /usr/bin/time (Debian package 'time')" >&2; exit 2; }
 
-input="$build/bench-input-1080p-5min.ts"
-if [ ! -s "$input" ]; then
-  echo "making the input (once): 5 min of 1080p25 H.264 at 8 Mb/s with AAC ..." >&2
-  ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=1920x1080:rate=25 \
-    -f lavfi -i "sine=frequency=440:sample_rate=48000" -t 300 -map 0:v -map 1:a \
-    -c:v libx264 -preset ultrafast -g 50 -keyint_min 50 -sc_threshold 0 -b:v 8M -maxrate 8M -bufsize 16M \
-    -c:a aac -b:a 128k -ac 2 -f mpegts "$input"
-fi
+. bench/bench_input.sh
+input=$(bench_input "$build") || exit 2
 size=$(stat -c %s "$input")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -214,7 +214,6 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         m_pendingHasTime = hasTime;
         m_pendingTime = start;
     }
-    if (m_pending.empty()) m_pending.reserve(m_lastChunkSize + 65536);
     m_pending.insert(m_pending.end(), data, data + std::max(length, 0L));
 
     if (m_pendingInit) {
@@ -230,14 +229,17 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
 
 void ChunkSink::finish() {
     if (m_pending.empty()) return;
-    std::vector<std::uint8_t> chunk;
-    chunk.swap(m_pending);
-    m_lastChunkSize = chunk.size();
+    // The next chunk reuses the room of this one: taking and freeing a block the size of a chunk for every
+    // chunk would leave the allocator's heap in more and more pieces over a long run.
+    struct ClearAfter {
+        std::vector<std::uint8_t>& pending;
+        ~ClearAfter() { pending.clear(); }
+    } clearAfter{m_pending};
     ++m_chunks;
     if (m_pendingInit)
-        m_onInit(chunk);
+        m_onInit(m_pending);
     else
-        m_onMedia(chunk);
+        m_onMedia(m_pending);
 }
 
 HRESULT ChunkSink::EndOfStream() {

@@ -75,8 +75,7 @@ private:
     long m_bufferCount;
     InitHandler m_onInit;
     MediaHandler m_onMedia;
-    std::vector<std::uint8_t> m_pending;
-    std::size_t m_lastChunkSize = 0;  // to reserve the next chunk's room at once
+    std::vector<std::uint8_t> m_pending;  // keeps the room of the largest chunk for the next ones
     bool m_pendingInit = false;
     bool m_pendingHasTime = false;
     std::int64_t m_pendingTime = 0;

@@ -89,6 +89,7 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
     const std::string source = url == "-" ? "pipe:0" : url;
     m_live = source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
              source == "pipe:0";
+    m_canWait = !m_live || source == "pipe:0";
     AVDictionary* options = nullptr;
     if (m_live) av_dict_set(&options, "fifo_size", "1000000", 0);
     const int opened = avformat_open_input(&m_impl->format, source.c_str(), nullptr, &options);

@@ -53,6 +53,9 @@ public:
     // place in streams(), so Packet::stream of the others is unchanged.
     void drop(std::size_t index);
     bool isLive() const { return m_live; }
+    // The source keeps its data until it is read (a file, standard input), so the reader may wait for the
+    // packager without losing anything; a network input would drop what arrives meanwhile.
+    bool canWait() const { return m_canWait; }
     // Reads to the end (or until `stop`), calling `onPacket` for each packet of a kept stream, with the times the
     // input gives. False when reading failed before the end.
     bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop);
@@ -63,6 +66,7 @@ private:
     std::unique_ptr<Impl> m_impl;
     std::vector<StreamInfo> m_streams;
     bool m_live = false;
+    bool m_canWait = true;
     std::string m_error;
 };
 

@@ -84,6 +84,8 @@ struct Output {
     bool ready = false;
     bool bitrateGiven = false;    // the operator stated the bitrate: the manifests announce it as is
     std::uint32_t peakBitrate = 0;  // measured over the segments written
+    std::uint32_t maxSegmentMs = 0;  // the longest segment written
+    double packagedSeconds = 0;      // the durations of the segments written, added up
     Track track;
     std::uint64_t nextNumber = 1;
     std::string initPath;
@@ -142,6 +144,10 @@ public:
         Output& out = m_outputs.at(index);
         if (!out.ready) return;
         if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
+        // A chunk of no duration is the engine's stand-in for a chunk this output missed (its input had nothing
+        // for that segment, as at a jump in the input's times): it holds no sample and starts at 0, so written
+        // it would replace the first file of a $Time$ template and put the timeline back to 0.
+        if (timing->duration == 0) return;
         out.track.timescale = timing->timescale;
         const std::uint64_t number = out.nextNumber++;
         try {
@@ -155,10 +161,21 @@ public:
             return fail(e.what());
         }
         out.track.segments.push_back({timing->time, timing->duration, number});
-        if (timing->duration > 0)
-            out.peakBitrate = std::max(out.peakBitrate, static_cast<std::uint32_t>(std::min<double>(
-                4e9, static_cast<double>(chunk.size()) * 8 * static_cast<double>(timing->timescale) /
-                         static_cast<double>(timing->duration))));
+        // A live session keeps the records of its time-shift window only, so that neither its memory nor the
+        // MPD rewrite on every chunk grows with the run; the MPD that ends a live input therefore lists the
+        // segments still in the window. A file input keeps them all for its static MPD.
+        if (m_live)
+            out.track.segments.erase(out.track.segments.begin(),
+                                     out.track.segments.begin() +
+                                         static_cast<std::ptrdiff_t>(countBeforeWindow(
+                                             out.track.segments, out.track.timescale, m_options.timeShiftBufferSeconds)));
+        out.maxSegmentMs = std::max(out.maxSegmentMs, static_cast<std::uint32_t>(std::min<std::uint64_t>(
+                                                          UINT32_MAX, timing->duration * 1000 / timing->timescale)));
+        out.packagedSeconds += static_cast<double>(timing->duration) / static_cast<double>(timing->timescale);
+        m_packagedSeconds = std::max(m_packagedSeconds, out.packagedSeconds);
+        out.peakBitrate = std::max(out.peakBitrate, static_cast<std::uint32_t>(std::min<double>(
+            4e9, static_cast<double>(chunk.size()) * 8 * static_cast<double>(timing->timescale) /
+                     static_cast<double>(timing->duration))));
         ++m_files;
         ++m_chunks;
         // Media packaged so far, from the earliest chunk start: Smooth times are absolute, DASH ones start near 0.
@@ -174,7 +191,8 @@ public:
         if (m_live) writeManifestsLocked();
     }
 
-    // The last manifests: the presentation has ended, so a live one becomes static with every segment written.
+    // The last manifests: the presentation has ended, so a live one becomes static, with the segments recorded
+    // (every one of a file input, those of the time-shift window for a live input).
     void writeFinalManifests() {
         std::lock_guard lock(m_mutex);
         m_live = false;
@@ -192,6 +210,12 @@ public:
     double mediaSeconds() const {
         std::lock_guard lock(m_mutex);
         return m_mediaSeconds;
+    }
+    // The most media one output has packaged, as the sum of its segments' durations: unlike mediaSeconds, it
+    // goes on evenly whatever the input's times do.
+    double packagedSeconds() const {
+        std::lock_guard lock(m_mutex);
+        return m_packagedSeconds;
     }
     std::string error() const {
         std::lock_guard lock(m_mutex);
@@ -259,8 +283,7 @@ private:
             if (m_options.dash) track.bandwidth = out.bitrateGiven ? std::max(track.bandwidth, track.bitrate)
                                                                    : std::max<std::uint32_t>(out.peakBitrate, 1);
             tracks.push_back(std::move(track));
-            for (const auto& s : out.track.segments)
-                maxSegmentMs = std::max(maxSegmentMs, static_cast<std::uint32_t>(s.duration * 1000 / out.track.timescale));
+            maxSegmentMs = std::max(maxSegmentMs, out.maxSegmentMs);
         }
         if (tracks.empty()) return;
         std::string text;
@@ -292,9 +315,34 @@ private:
     std::uint64_t m_chunks = 0;
     std::uint64_t m_files = 0;
     double m_mediaSeconds = 0;
+    double m_packagedSeconds = 0;
     std::optional<double> m_firstStart;
     std::optional<double> m_availabilityStart;
     std::string m_error;
+};
+
+// How much media a reader has read, in seconds, whatever its timestamps do: each stream adds up its steps from
+// one timestamp to the next, and a step back or a leap of more than ten seconds (the source restarted or looped,
+// its clock wrapped) adds nothing. The stream furthest on counts.
+class ReadProgress {
+public:
+    double add(std::size_t stream, std::int64_t time) {
+        if (stream >= m_streams.size()) m_streams.resize(stream + 1);
+        Stream& s = m_streams[stream];
+        if (s.last && time > *s.last && time - *s.last <= kLeap) s.seconds += static_cast<double>(time - *s.last) / 1e7;
+        s.last = time;
+        m_furthest = std::max(m_furthest, s.seconds);
+        return m_furthest;
+    }
+
+private:
+    static constexpr std::int64_t kLeap = 10 * 10000000LL;  // 100 ns units
+    struct Stream {
+        std::optional<std::int64_t> last;
+        double seconds = 0;
+    };
+    std::vector<Stream> m_streams;
+    double m_furthest = 0;
 };
 
 bool prepareOutputDirectory(const std::string& dir, std::string& error) {
@@ -510,14 +558,17 @@ int main(int argc, char** argv) {
     for (const std::size_t d : read) {
         readers.emplace_back([&, d] {
             auto& routesOf = routes[d];
-            std::optional<std::int64_t> firstTime;
-            // A file is read as fast as the packager takes it, and no faster: the reader waits while it is more
-            // than a few segments ahead of the chunks written, so memory stays bounded. Should the output stall
-            // (a stream that never delivers), the reader goes on rather than wait for ever.
-            const bool throttle = !live && !options.realtime;
+            // An input that can wait (a file, standard input) is read as fast as the packager takes it, and no
+            // faster: the reader waits while it is more than a few segments ahead of the media packaged, so
+            // memory stays bounded however long the run (the packager's own queues do not bound themselves).
+            // Should the output stall (a stream that never delivers), the reader stops waiting until the output
+            // moves again rather than wait for ever.
+            const bool throttle = demuxers[d]->canWait() && !options.realtime;
             const double aheadLimit = 4.0 * segmentMs / 1000.0 + 2.0;
             RealtimePacer pacer;
             const auto& streams = demuxers[d]->streams();
+            ReadProgress readSoFar;
+            std::optional<std::uint64_t> stalledAt;  // the chunk count when the output last stalled
             demuxers[d]->run(
                 [&](Packet& packet) {
                     flt::MuxFmp4InputPin* pin = routesOf[packet.stream].pin;
@@ -529,17 +580,17 @@ int main(int argc, char** argv) {
                     const std::optional<std::int64_t> t = packet.dts ? packet.dts : packet.pts;
                     if (options.realtime && t) pacer.wait(*t, stop);
                     if (throttle && t) {
-                        if (!firstTime) firstTime = *t;
-                        const double inputSeconds = static_cast<double>(*t - *firstTime) / 1e7;
-                        auto lastProgress = Clock::now();
+                        const double inputSeconds = readSoFar.add(packet.stream, *t);
                         std::uint64_t chunksSeen = session.chunks();
-                        while (!stop.load() && inputSeconds - session.mediaSeconds() > aheadLimit) {
+                        if (stalledAt && chunksSeen != *stalledAt) stalledAt.reset();
+                        auto lastProgress = Clock::now();
+                        while (!stalledAt && !stop.load() && inputSeconds - session.packagedSeconds() > aheadLimit) {
                             std::this_thread::sleep_for(std::chrono::microseconds(500));
                             if (session.chunks() != chunksSeen) {
                                 chunksSeen = session.chunks();
                                 lastProgress = Clock::now();
                             } else if (Clock::now() - lastProgress > std::chrono::seconds(1)) {
-                                break;
+                                stalledAt = chunksSeen;
                             }
                         }
                     }

@@ -135,6 +135,19 @@ std::string isoUtc(double unixSeconds) {
     return text;
 }
 
+std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t timescale, std::uint32_t windowSeconds) {
+    if (segments.empty()) return 0;
+    const Segment& last = segments.back();
+    const std::uint64_t end = last.time + last.duration;
+    const std::uint64_t window = static_cast<std::uint64_t>(windowSeconds) * timescale;
+    std::size_t count = 0;
+    // Scans from the front: a session that drops as it goes finds at most the one or two segments just out.
+    while (count + 1 < segments.size() &&
+           (segments[count].time + window < end || segments[count].time > last.time))
+        ++count;
+    return count;
+}
+
 std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) {
     double duration = 0;
     for (const auto& t : tracks)
@@ -186,12 +199,8 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
                        "value=\"" + std::to_string(t->channels) + "\"/>\n";
             }
             // A dynamic MPD keeps the segments of the time-shift window only.
-            std::size_t from = 0;
-            if (timing.dynamic && !t->segments.empty()) {
-                const std::uint64_t end = t->segments.back().time + t->segments.back().duration;
-                const std::uint64_t window = static_cast<std::uint64_t>(timing.timeShiftBufferSeconds) * t->timescale;
-                while (from + 1 < t->segments.size() && t->segments[from].time + window < end) ++from;
-            }
+            const std::size_t from =
+                timing.dynamic ? countBeforeWindow(t->segments, t->timescale, timing.timeShiftBufferSeconds) : 0;
             indent(out, 4);
             out += "<SegmentTemplate timescale=\"" + std::to_string(t->timescale) + "\" initialization=\"" +
                    escape(t->initialization) + "\" media=\"" + escape(t->mediaTemplate) + "\"";

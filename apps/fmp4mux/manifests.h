@@ -2,6 +2,7 @@
 // Client manifests from what each output announced in its init chunk and the chunks it wrote: a DASH MPD (static
 // for files, dynamic for live inputs) and a Smooth Streaming client manifest.
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,14 @@ struct Track {
     std::string initialization;   // path of the init file, relative to the manifest
     std::string mediaTemplate;    // DASH: with $Time$ or $Number$; Smooth: with {bitrate} and {start time}
     bool mediaByNumber = false;
-    std::vector<Segment> segments;
+    std::deque<Segment> segments;  // in the order written
 };
+
+// How many segments at the front of `segments` a time-shift window of `windowSeconds` leaves out: those that
+// start more than the window before the end of the last one, and those that start after the last one (the
+// input's times went back). The last segment always stays. A dynamic MPD lists the rest, and a live session
+// drops the same records as it goes, so what it keeps does not grow with the run.
+std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t timescale, std::uint32_t windowSeconds);
 
 // Reads the server manifest of an init chunk into `track` (codecs, bitrates, picture, sound, Smooth fields).
 // False when the text is not a manifest with one video or audio entry.

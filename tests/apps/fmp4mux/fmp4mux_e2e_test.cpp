@@ -368,6 +368,37 @@ TEST_F(Fmp4muxEndToEnd, MapPicksThreeVideoRenditionsAndOneSharedAudio) {
               std::string::npos) << bad.output;
 }
 
+// Standard input is a live input. Fed a file three times over with its times going on (ffmpeg -stream_loop), it
+// keeps a timeline that goes forward, with no empty segment where the file starts again, and the MPD that ends
+// the run lists the segments of the time-shift window, which decode.
+TEST_F(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "looped";
+    const Outcome r = run("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + quote(source.string()) +
+                          " -map 0 -c copy -f mpegts - | " + FMP4MUX_PATH + " -q --time-shift-buffer 6 - " +
+                          quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    const std::string mpd = readText(out / "manifest.mpd");
+    const auto lists = timelines(mpd);
+    EXPECT_EQ(lists.size(), 2u) << mpd;
+    for (const auto& list : lists) {
+        std::uint64_t end = 0;
+        for (const auto& [t, d] : list) {
+            // Where the file starts again ffmpeg's loop leaves the times a frame out of step, so a segment may
+            // overlap the one before by a frame (40 ms, at the 10 MHz timescale), never more.
+            EXPECT_GE(t + 400000, end) << mpd;
+            EXPECT_GT(d, 0u) << mpd;
+            end = t + d;
+        }
+        // 18 s of media in 2 s segments, of which a 6 s window: three or four segments (plus a short audio one
+        // where the file starts again).
+        EXPECT_GE(list.size(), 3u) << mpd;
+        EXPECT_LE(list.size(), 5u) << mpd;
+    }
+    EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "looped-video.mp4"), "video"), 0);
+}
+
 TEST_F(Fmp4muxEndToEnd, ClearErrorsAndExitCodes) {
     const fs::path source = input("h264.ts", "h264", "640x360", "400k");
     Outcome r = fmp4mux(quote((dir() / "missing.ts").string()) + " " + quote((dir() / "x").string()));

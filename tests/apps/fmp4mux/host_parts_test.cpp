@@ -116,9 +116,11 @@ TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     feeder.send(sink, open, false, 200);
     EXPECT_EQ(media.size(), 1u);
     feeder.send(sink, open, false, 300);
-    EXPECT_EQ(media.size(), 2u);
+    ASSERT_EQ(media.size(), 2u);
+    EXPECT_EQ(media[1], open);  // the room of the previous chunk is reused, and nothing of it is left
     sink.EndOfStream();
-    EXPECT_EQ(media.size(), 3u);
+    ASSERT_EQ(media.size(), 3u);
+    EXPECT_EQ(media[2], open);
     EXPECT_TRUE(sink.ended());
 
     // The files players read lose the segment and chunk markers, and only those.
@@ -176,6 +178,17 @@ TEST(Manifests, TimelineRunsAndTheLiveWindow) {
     EXPECT_NE(live.find("publishTime=\"1970-01-01T00:00:01.500Z\""), std::string::npos);
     EXPECT_EQ(live.find("<S t=\"0\""), std::string::npos);
     EXPECT_NE(live.find("<S t=\"120\" d=\"20\" r=\"3\"/>"), std::string::npos);
+
+    // A live session drops the records the window leaves out as it goes: the MPD stays the same.
+    EXPECT_EQ(countBeforeWindow(t.segments, t.timescale, 20), 6u);
+    Track kept = t;
+    kept.segments.erase(kept.segments.begin(), kept.segments.begin() + 6);
+    EXPECT_EQ(buildMpd({kept}, timing), live);
+    EXPECT_EQ(countBeforeWindow(kept.segments, kept.timescale, 20), 0u);
+    // Times that go back (the source restarted) leave everything before them out; the last segment stays.
+    kept.segments.push_back({5, 20, 12});
+    EXPECT_EQ(countBeforeWindow(kept.segments, kept.timescale, 20), kept.segments.size() - 1);
+    EXPECT_EQ(countBeforeWindow({{0, 20, 1}}, 10, 0), 0u);
 }
 
 ParseResult parse(std::vector<std::string> args, Options& options, std::string& error) {
