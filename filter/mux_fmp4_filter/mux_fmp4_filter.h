@@ -84,6 +84,9 @@ public:
     MuxFmp4OutputPin* outputFor(std::int32_t streamId) const;
 
     fmp4::WorkerState workerState() const { return m_worker->state(); }
+    bool waitForWorkerState(fmp4::WorkerState wanted, std::chrono::milliseconds timeout) const {
+        return m_worker->waitForState(wanted, timeout);
+    }
     fmp4::SessionStats& stats() { return m_worker->stats(); }
     tvrn::log::ILogger& logger() { return m_logger; }
     std::recursive_mutex& filterLock() { return m_lock; }

@@ -35,7 +35,16 @@ void MuxWorker::pushEndOfStream(std::uint32_t streamId, bool filterStopped) {
 
 void MuxWorker::setState(WorkerState state) {
     std::lock_guard lock(m_filterLock);
-    m_state.store(state);
+    {
+        std::lock_guard stateLock(m_stateMutex);
+        m_state.store(state);
+    }
+    m_stateChanged.notify_all();
+}
+
+bool MuxWorker::waitForState(WorkerState wanted, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(m_stateMutex);
+    return m_stateChanged.wait_for(lock, timeout, [&] { return m_state.load() == wanted; });
 }
 
 WorkerState MuxWorker::consume(IMuxSession& session) {

@@ -2,6 +2,8 @@
 // The worker of a filter: one thread that builds a session when started, feeds it from the SampleQueue,
 // destroys it when stopped, and rebuilds it from the configuration after any failure.
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -38,6 +40,8 @@ public:
     void pushEndOfStream(std::uint32_t streamId, bool filterStopped = false);
 
     WorkerState state() const { return m_state.load(); }
+    // Waits until the worker is in `wanted`, or `timeout`; true when it is.
+    bool waitForState(WorkerState wanted, std::chrono::milliseconds timeout) const;
     SessionStats& stats() { return m_stats; }
     SampleQueue& queue() { return m_queue; }
     std::uint64_t sessionsBuilt() const { return m_sessionsBuilt.load(); }
@@ -54,6 +58,8 @@ private:
     SampleQueue m_queue;
     SessionStats m_stats;
     std::atomic<WorkerState> m_state{Idle};
+    mutable std::mutex m_stateMutex;
+    mutable std::condition_variable m_stateChanged;
     std::atomic<std::uint64_t> m_sessionsBuilt{0};
     std::unique_ptr<system::Thread> m_thread;  // last: starts once everything above exists
 };

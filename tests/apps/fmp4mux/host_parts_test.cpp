@@ -3,14 +3,25 @@
 #include <cstring>
 #include <functional>
 
-#include "apps/fmp4mux/chunk_sink.h"
-#include "apps/fmp4mux/demuxer.h"
-#include "apps/fmp4mux/manifests.h"
-#include "apps/fmp4mux/options.h"
+#include "apps/fmp4mux/cli/options.h"
+#include "apps/fmp4mux/engine/chunk_sink.h"
+#include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/manifests/manifests.h"
+#include "packaging/fmp4/output/chunk_reader.h"
 
 namespace {
 using namespace fmp4mux;
 namespace flt = tvrn::encoding::filter;
+using tvrn::encoding::packaging::imff::fmp4::moviePart;
+using tvrn::encoding::packaging::imff::fmp4::readChunkTiming;
+using tvrn::encoding::packaging::imff::fmp4::serverManifest;
+using tvrn::encoding::packaging::imff::fmp4::withoutMarkerBoxes;
+
+std::vector<std::uint8_t> joined(const std::vector<std::span<const std::uint8_t>>& ranges) {
+    std::vector<std::uint8_t> out;
+    for (const auto r : ranges) out.insert(out.end(), r.begin(), r.end());
+    return out;
+}
 
 std::vector<std::uint8_t> box(const char* type, std::vector<std::uint8_t> content) {
     const std::uint32_t size = static_cast<std::uint32_t>(content.size() + 8);
@@ -34,12 +45,12 @@ TEST(ChunkTiming, ReadsTheSegmentIndexOfADashChunk) {
     const auto sidx = box("sidx", {0, 0, 0, 0, 0, 0, 0, 1, 0, 1, 0x5F, 0x90, 0, 2, 0xBF, 0x20, 0, 0, 0, 0, 0, 0, 0, 1,
                                    0, 0, 4, 0, 0, 2, 0xBF, 0x20, 0x90, 0, 0, 0});
     const auto chunk = join({box("styp", {'m', 's', 'd', 'h', 0, 0, 0, 0}), sidx, box("moof", {}), box("mdat", {1, 2})});
-    const auto timing = readChunkTiming(chunk.data(), chunk.size(), true);
+    const auto timing = readChunkTiming(chunk, true);
     ASSERT_TRUE(timing);
     EXPECT_EQ(timing->timescale, 90000u);
     EXPECT_EQ(timing->time, 180000u);
     EXPECT_EQ(timing->duration, 180000u);
-    EXPECT_FALSE(readChunkTiming(chunk.data(), chunk.size() - 3, false));
+    EXPECT_FALSE(readChunkTiming(std::span(chunk).first(chunk.size() - 3), false));
 }
 
 TEST(ChunkTiming, ReadsTheTimeBoxOfASmoothChunk) {
@@ -49,7 +60,7 @@ TEST(ChunkTiming, ReadsTheTimeBoxOfASmoothChunk) {
     const auto chunk = join({box("moof", join({box("mfhd", {0, 0, 0, 0, 0, 0, 0, 1}),
                                                box("traf", join({box("tfhd", {0, 0, 0, 0, 0, 0, 0, 1}), box("uuid", tfxd)}))})),
                              box("mdat", {})});
-    const auto timing = readChunkTiming(chunk.data(), chunk.size(), false);
+    const auto timing = readChunkTiming(chunk, false);
     ASSERT_TRUE(timing);
     EXPECT_EQ(timing->timescale, 10000000u);
     EXPECT_EQ(timing->time, 10000000u);
@@ -66,7 +77,7 @@ TEST(InitChunk, TheMoviePartAndItsManifestComeOutOfTheContainer) {
     auto container = join({{static_cast<std::uint8_t>(a >> 24), static_cast<std::uint8_t>(a >> 16),
                             static_cast<std::uint8_t>(a >> 8), static_cast<std::uint8_t>(a), 0, 0, 0, 8},
                            movie, mfra});
-    EXPECT_EQ(moviePart(container), movie);
+    EXPECT_EQ(joined({moviePart(container)}), movie);
     EXPECT_EQ(serverManifest(movie), xml);
     container.pop_back();
     EXPECT_TRUE(moviePart(container).empty());
@@ -98,7 +109,7 @@ struct Feeder {
 
 TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     std::vector<std::vector<std::uint8_t>> inits, media;
-    ChunkSink sink(true, 10, [&](const auto& c) { inits.push_back(c); }, [&](const auto& c) { media.push_back(c); });
+    ChunkSink sink(true, 10, [&](bool init, std::vector<std::uint8_t>&& c) { (init ? inits : media).push_back(std::move(c)); });
     Feeder feeder;
     const auto movie = box("moov", std::vector<std::uint8_t>(9000, 1));
     const auto init = join({{0, 0, 0x23, 0x30, 0, 0, 0, 8}, movie, box("mfra", {})});  // A = 9008, B = 8
@@ -126,7 +137,7 @@ TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     // The files players read lose the segment and chunk markers, and only those.
     const auto tnsb = box("tnsb", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
     const auto body = join({box("styp", {}), box("sidx", {9}), box("moof", {}), box("mdat", {7})});
-    EXPECT_EQ(withoutVendorBoxes(join({tnsb, body, box("teoc", {1}), box("teos", {2})})), body);
+    EXPECT_EQ(joined(withoutMarkerBoxes(join({tnsb, body, box("teoc", {1}), box("teos", {2})}))), body);
 }
 
 TEST(Manifests, ReadTheServerManifestOfBothDialects) {

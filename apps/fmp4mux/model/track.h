@@ -1,10 +1,8 @@
 #pragma once
-// Client manifests from what each output announced in its init chunk and the chunks it wrote: a DASH MPD (static
-// for files, dynamic for live inputs) and a Smooth Streaming client manifest.
+// One output of the presentation as the manifests show it, with the segments it has written.
 #include <cstdint>
 #include <deque>
 #include <string>
-#include <vector>
 
 namespace fmp4mux {
 
@@ -46,21 +44,5 @@ std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t
 // Reads the server manifest of an init chunk into `track` (codecs, bitrates, picture, sound, Smooth fields).
 // False when the text is not a manifest with one video or audio entry.
 bool readServerManifest(const std::string& xml, bool dash, Track& track);
-
-struct MpdTiming {
-    bool dynamic = false;
-    std::string availabilityStartTime;  // ISO 8601 UTC, for a dynamic MPD
-    std::string publishTime;
-    std::uint32_t timeShiftBufferSeconds = 60;
-    std::uint32_t maxSegmentMs = 2000;
-};
-
-std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing);
-std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std::uint32_t dvrWindowSeconds);
-
-// "PT12.340S".
-std::string isoDuration(double seconds);
-// "2026-11-22T18:00:00.000Z".
-std::string isoUtc(double unixSeconds);
 
 }  // namespace fmp4mux

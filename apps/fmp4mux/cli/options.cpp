@@ -1,10 +1,11 @@
-#include "apps/fmp4mux/options.h"
+#include "apps/fmp4mux/cli/options.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <set>
 
 #include "support/variable_expander/variable_expander.h"
 
@@ -319,6 +320,52 @@ bool selectStreams(const std::vector<StreamSelector>& maps, const std::vector<st
         return false;
     }
     return true;
+}
+
+bool checkTemplateSyntax(const Options& options, std::string& error) {
+    for (const std::string& text : {options.initTemplateOrDefault(), options.mediaTemplateOrDefault()}) {
+        std::string result;
+        if (!ve::translateTemplate(text, result, options.streamName, 0, "mp4", error, 0, 0, "r")) {
+            // ${bitrate} is not a DASH variable of the translation: try again with it known.
+            ve::MapVariables v;
+            for (const char* name : {"sessionId", "adaptationSetId", "representationId", "bitrate", "time", "number", "ext"})
+                v.add(name, "0");
+            try {
+                ve::expand(text, v);
+            } catch (const std::exception& e) {
+                error = "template '" + text + "': " + e.what();
+                return false;
+            }
+        }
+    }
+    error.clear();
+    return true;
+}
+
+std::vector<StreamPlan> planStreams(const Options& options, const std::vector<std::vector<StreamInfo>>& inputs,
+                                    const std::vector<std::vector<bool>>& selected) {
+    std::vector<StreamPlan> plans;
+    std::set<std::string> usedBitrates;
+    for (std::size_t d = 0; d < inputs.size(); ++d) {
+        for (std::size_t k = 0; k < inputs[d].size(); ++k) {
+            if (!selected[d][k]) continue;
+            const StreamInfo& info = inputs[d][k];
+            StreamPlan plan;
+            plan.input = static_cast<int>(d);
+            plan.stream = k;
+            plan.label = std::to_string(info.input) + ":" + std::to_string(info.sourceIndex);
+            const auto given = options.streams.find(plan.label);
+            const StreamSettings settings = given != options.streams.end() ? given->second : StreamSettings{};
+            plan.bitrate = settings.bitrate.value_or(static_cast<std::uint32_t>(info.bitrate));
+            if (plan.bitrate == 0) plan.bitrate = info.kind == "video" ? 2000000 : 128000;
+            while (!usedBitrates.insert(info.kind + "/" + std::to_string(plan.bitrate)).second) ++plan.bitrate;
+            plan.bitrateGiven = settings.bitrate.has_value();
+            plan.language = settings.language.value_or(info.language.empty() ? "und" : info.language);
+            plan.name = settings.name.value_or(info.kind + std::to_string(plans.size()));
+            plans.push_back(std::move(plan));
+        }
+    }
+    return plans;
 }
 
 }  // namespace fmp4mux

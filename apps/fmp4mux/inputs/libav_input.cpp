@@ -1,4 +1,4 @@
-#include "apps/fmp4mux/demuxer.h"
+#include "apps/fmp4mux/inputs/libav_input.h"
 
 #include <algorithm>
 #include <cstring>
@@ -51,7 +51,7 @@ std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc,
     return out;
 }
 
-struct Demuxer::Impl {
+struct LibavInput::Impl {
     AVFormatContext* format = nullptr;
     const std::atomic<bool>* interrupt = nullptr;
     const std::atomic<bool>* stop = nullptr;
@@ -78,7 +78,7 @@ struct Demuxer::Impl {
     }
 };
 
-Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
+LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
                  const std::atomic<bool>* interrupt)
     : m_impl(std::make_unique<Impl>()) {
     m_impl->interrupt = interrupt;
@@ -183,15 +183,15 @@ Demuxer::Demuxer(const std::string& url, int inputIndex, std::vector<std::string
     }
 }
 
-Demuxer::~Demuxer() = default;
+LibavInput::~LibavInput() = default;
 
-void Demuxer::drop(std::size_t index) {
+void LibavInput::drop(std::size_t index) {
     const int source = m_streams.at(index).sourceIndex;
     m_impl->sourceToKept[static_cast<std::size_t>(source)] = -1;
     m_impl->format->streams[source]->discard = AVDISCARD_ALL;
 }
 
-bool Demuxer::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
+bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
     m_impl->stop = &stop;
     AVPacket* packet = av_packet_alloc();
     bool ok = true;

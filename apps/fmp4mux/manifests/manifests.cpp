@@ -1,6 +1,4 @@
-#include "apps/fmp4mux/manifests.h"
-
-#include <tinyxml2.h>
+#include "apps/fmp4mux/manifests/manifests.h"
 
 #include <algorithm>
 #include <cmath>
@@ -11,43 +9,6 @@
 namespace fmp4mux {
 
 namespace {
-
-std::string attribute(const tinyxml2::XMLElement* e, const char* name) {
-    const char* value = e->Attribute(name);
-    return value ? value : "";
-}
-
-std::uint32_t number(const std::string& text) {
-    try {
-        return text.empty() ? 0 : static_cast<std::uint32_t>(std::stoul(text));
-    } catch (...) {
-        return 0;
-    }
-}
-
-// The Smooth dialect's "param" children as a map.
-std::map<std::string, std::string> params(const tinyxml2::XMLElement* e) {
-    std::map<std::string, std::string> out;
-    for (auto* p = e->FirstChildElement("param"); p != nullptr; p = p->NextSiblingElement("param"))
-        if (p->Attribute("name") && p->Attribute("value")) out[p->Attribute("name")] = p->Attribute("value");
-    return out;
-}
-
-std::string smoothFourCC(const std::string& sampleEntry, const std::string& codecPrivateData) {
-    if (sampleEntry == "avc1" || sampleEntry == "avc3") return "H264";
-    if (sampleEntry == "hvc1" || sampleEntry == "hev1") return "HEVC";
-    if (sampleEntry == "mp4a") {
-        // Object type 5 in the first five bits of the configuration (0x28..0x2F) is HE-AAC.
-        if (codecPrivateData.size() >= 2) {
-            const unsigned first = static_cast<unsigned>(std::stoul(codecPrivateData.substr(0, 2), nullptr, 16));
-            if ((first >> 3) == 5 || (first >> 3) == 29) return "AACH";
-        }
-        return "AACL";
-    }
-    std::string upper = sampleEntry;
-    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-    return upper;
-}
 
 void indent(std::string& out, int level) { out.append(static_cast<std::size_t>(level) * 2, ' '); }
 
@@ -67,57 +28,6 @@ std::string escape(const std::string& text) {
 
 }  // namespace
 
-bool readServerManifest(const std::string& xml, bool dash, Track& track) {
-    tinyxml2::XMLDocument doc;
-    if (doc.Parse(xml.c_str(), xml.size()) != tinyxml2::XML_SUCCESS) return false;
-    const auto* smil = doc.FirstChildElement("smil");
-    const auto* body = smil ? smil->FirstChildElement("body") : nullptr;
-    const auto* sw = body ? body->FirstChildElement("switch") : nullptr;
-    if (sw == nullptr) return false;
-    if (const auto* video = sw->FirstChildElement("video")) {
-        track.kind = "video";
-        if (dash) {
-            track.bitrate = number(attribute(video, "systemBitrate"));
-            track.bandwidth = std::max(track.bitrate, number(attribute(video, "peakBitrate")));
-            track.width = static_cast<int>(number(attribute(video, "width")));
-            track.height = static_cast<int>(number(attribute(video, "height")));
-            track.frameRate = attribute(video, "frameRate");
-            track.codecs = attribute(video, "codecs");
-            track.sarWidth = std::max(1, static_cast<int>(number(attribute(video, "sar_width"))));
-            track.sarHeight = std::max(1, static_cast<int>(number(attribute(video, "sar_height"))));
-        } else {
-            auto p = params(video);
-            track.bitrate = track.bandwidth = number(attribute(video, "systemBitrate"));
-            track.width = static_cast<int>(number(p["MaxWidth"]));
-            track.height = static_cast<int>(number(p["MaxHeight"]));
-            track.codecPrivateData = p["CodecPrivateData"];
-            track.fourCC = smoothFourCC(p["FourCC"], track.codecPrivateData);
-        }
-        return true;
-    }
-    if (const auto* audio = sw->FirstChildElement("audio")) {
-        track.kind = "audio";
-        if (dash) {
-            track.bitrate = track.bandwidth = number(attribute(audio, "systemBitrate"));
-            track.language = attribute(audio, "lang").empty() ? "und" : attribute(audio, "lang");
-            track.codecs = attribute(audio, "codecs");
-            track.sampleRate = number(attribute(audio, "audioSamplingRate"));
-            if (const auto* channels = audio->FirstChildElement("AudioChannelConfiguration"))
-                track.channels = number(attribute(channels, "value"));
-        } else {
-            auto p = params(audio);
-            track.bitrate = track.bandwidth = number(attribute(audio, "systemBitrate"));
-            track.language = attribute(audio, "systemLanguage").empty() ? "und" : attribute(audio, "systemLanguage");
-            track.codecPrivateData = p["CodecPrivateData"];
-            track.fourCC = smoothFourCC(p["FourCC"], track.codecPrivateData);
-            track.sampleRate = number(p["SamplingRate"]);
-            track.channels = number(p["Channels"]);
-        }
-        return true;
-    }
-    return false;
-}
-
 std::string isoDuration(double seconds) {
     char text[64];
     std::snprintf(text, sizeof text, "PT%.3fS", std::max(0.0, seconds));
@@ -133,19 +43,6 @@ std::string isoUtc(double unixSeconds) {
     std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1,
                   tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis);
     return text;
-}
-
-std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t timescale, std::uint32_t windowSeconds) {
-    if (segments.empty()) return 0;
-    const Segment& last = segments.back();
-    const std::uint64_t end = last.time + last.duration;
-    const std::uint64_t window = static_cast<std::uint64_t>(windowSeconds) * timescale;
-    std::size_t count = 0;
-    // Scans from the front: a session that drops as it goes finds at most the one or two segments just out.
-    while (count + 1 < segments.size() &&
-           (segments[count].time + window < end || segments[count].time > last.time))
-        ++count;
-    return count;
 }
 
 std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) {
@@ -296,6 +193,20 @@ std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std
     }
     out += "</SmoothStreamingMedia>\n";
     return out;
+}
+
+std::string DashManifestWriter::build(const std::vector<Track>& tracks, const ManifestTiming& timing) const {
+    MpdTiming mpd;
+    mpd.dynamic = timing.dynamic;
+    mpd.maxSegmentMs = std::max<std::uint32_t>(timing.maxSegmentMs, 1000);
+    mpd.timeShiftBufferSeconds = timing.timeShiftBufferSeconds;
+    mpd.availabilityStartTime = isoUtc(timing.availabilityStart);
+    mpd.publishTime = isoUtc(timing.now);
+    return buildMpd(tracks, mpd);
+}
+
+std::string SmoothManifestWriter::build(const std::vector<Track>& tracks, const ManifestTiming& timing) const {
+    return buildSmoothManifest(tracks, timing.dynamic, timing.timeShiftBufferSeconds);
 }
 
 }  // namespace fmp4mux

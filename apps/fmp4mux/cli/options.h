@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/fmp4mux/demuxer.h"
+#include "apps/fmp4mux/inputs/input.h"
 
 namespace fmp4mux {
 
@@ -61,10 +61,31 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
 
 std::string usageText();
 
+// Checks that the templates expand, so that a syntax error stops the run before anything starts. False, with
+// `error` saying why, when one does not.
+bool checkTemplateSyntax(const Options& options, std::string& error);
+
 // Which streams of each input (`inputs[i]` is input i's stream list) are packaged: every one when there is no
 // selector, otherwise those that some selector matches. False, with `error` naming the selector, when a selector
 // matches no stream.
 bool selectStreams(const std::vector<StreamSelector>& maps, const std::vector<std::vector<StreamInfo>>& inputs,
                    std::vector<std::vector<bool>>& selected, std::string& error);
+
+// One stream to package, with what the command line and the input say of it.
+struct StreamPlan {
+    int input = 0;
+    std::size_t stream = 0;  // index in the input's stream list
+    std::string label;       // "INPUT:STREAM"
+    std::uint32_t bitrate = 0;
+    bool bitrateGiven = false;
+    std::string language;
+    std::string name;
+};
+
+// The selected streams in input order, with their bitrates (given, the input's, or a default by kind; quality
+// levels of one kind get distinct bitrates, since Smooth names their folders and URLs by them), languages and
+// names.
+std::vector<StreamPlan> planStreams(const Options& options, const std::vector<std::vector<StreamInfo>>& inputs,
+                                    const std::vector<std::vector<bool>>& selected);
 
 }  // namespace fmp4mux

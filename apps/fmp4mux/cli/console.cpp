@@ -1,0 +1,52 @@
+#include "apps/fmp4mux/cli/console.h"
+
+#include <cstdio>
+#include <filesystem>
+
+#include "support/log/format.h"
+
+namespace fmp4mux {
+
+void StderrLogger::WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) {
+    if (static_cast<int>(level) > m_verbosity) return;
+    va_list args;
+    va_start(args, format);
+    const std::string text = tvrn::log::formatV(format, args);
+    va_end(args);
+    static constexpr const char* kLabels[] = {"error", "warning", "info", "debug"};
+    std::lock_guard lock(m_mutex);
+    std::fprintf(stderr, "\r\033[Kfmp4mux: %s: %s\n", level < 4 ? kLabels[level] : "log", text.c_str());
+}
+
+void say(const std::string& text) { std::fprintf(stderr, "fmp4mux: %s\n", text.c_str()); }
+
+void warn(const std::string& text) { std::fprintf(stderr, "\r\033[Kfmp4mux: warning: %s\n", text.c_str()); }
+
+void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds) {
+    std::fprintf(stderr, "\r\033[Kfmp4mux: %.1f s packaged | %llu chunks | %.1fx real time", mediaSeconds,
+                 static_cast<unsigned long long>(chunks), wallSeconds > 0 ? mediaSeconds / wallSeconds : 0.0);
+}
+
+void clearProgress() { std::fprintf(stderr, "\r\033[K"); }
+
+void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files, double wallSeconds,
+                 const std::string& outputDirectory, const std::string& manifestName, bool dash) {
+    const std::string manifest = outputDirectory + "/" + manifestName;
+    std::fprintf(stderr, "fmp4mux: %.1f s of media in %llu chunks (%llu files) in %.2f s, %.1fx real time\n",
+                 mediaSeconds, static_cast<unsigned long long>(chunks), static_cast<unsigned long long>(files),
+                 wallSeconds, wallSeconds > 0 ? mediaSeconds / wallSeconds : 0.0);
+    std::fprintf(stderr, "fmp4mux: the result is in %s; its manifest is %s\n", outputDirectory.c_str(), manifest.c_str());
+    if (dash)
+        std::fprintf(stderr,
+                     "fmp4mux: play it with: ffplay %s\n"
+                     "         or serve the folder (python3 -m http.server -d %s 8000) and open\n"
+                     "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
+                     std::filesystem::absolute(manifest).lexically_normal().c_str(), outputDirectory.c_str());
+    else
+        std::fprintf(stderr,
+                     "fmp4mux: serve the folder (python3 -m http.server -d %s 8000) and open\n"
+                     "         http://localhost:8000/Manifest in a Smooth Streaming player (dash.js with its MSS module)\n",
+                     outputDirectory.c_str());
+}
+
+}  // namespace fmp4mux

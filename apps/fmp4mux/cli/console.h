@@ -1,0 +1,36 @@
+#pragma once
+// What fmp4mux says on the terminal: the engine's log lines up to the chosen level, the progress line, and the
+// summary at the end. Everything goes to standard error; a line that interrupts the progress line clears it.
+#include <cstdarg>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "support/log/i_logger.h"
+
+namespace fmp4mux {
+
+class StderrLogger : public tvrn::log::ILogger {
+public:
+    explicit StderrLogger(int verbosity) : m_verbosity(verbosity) {}
+    void WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) override __attribute__((format(printf, 3, 4)));
+
+private:
+    int m_verbosity;
+    std::mutex m_mutex;
+};
+
+// One line of the host's own, on a line of its own: "fmp4mux: <text>".
+void say(const std::string& text);
+// A warning: "fmp4mux: warning: <text>".
+void warn(const std::string& text);
+
+// The progress line, rewritten in place.
+void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds);
+void clearProgress();
+
+// Where the result is and how to play it.
+void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files, double wallSeconds,
+                 const std::string& outputDirectory, const std::string& manifestName, bool dash);
+
+}  // namespace fmp4mux

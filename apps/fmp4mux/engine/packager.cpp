@@ -1,0 +1,114 @@
+#include "apps/fmp4mux/engine/packager.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "apps/fmp4mux/exit_error.h"
+
+namespace fmp4mux {
+
+namespace flt = tvrn::encoding::filter;
+using tvrn::com::S_OK;
+
+namespace {
+
+// The row of the filter's input type table that carries a stream type.
+std::size_t inputTypeIndex(std::uint32_t streamType) {
+    switch (streamType) {
+        case 2: return 1;    // H.264
+        case 17: return 2;   // HEVC
+        case 10: return 3;   // raw AAC
+        case 5: return 7;    // LATM
+        default: return 8;   // ADTS
+    }
+}
+
+flt::MediaType mediaTypeFor(std::uint32_t streamType) {
+    const auto& row = flt::inputTypeTable().at(inputTypeIndex(streamType));
+    flt::MediaType type;
+    type.majortype = row.majortype;
+    type.subtype = row.subtype;
+    type.formattype = flt::guids::FORMAT_None;
+    return type;
+}
+
+}  // namespace
+
+Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
+    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create())), m_dash(s.dash) {
+    m_filter->SetLogger(&logger);
+    try {
+        m_filter->SetMuxMode(s.streamName.c_str(), s.dash ? 1 : 0, s.mode, s.gopDurationMs, s.gopsPerSegment,
+                             s.audioSegmentDurationMs, s.chunkDurationMs, s.inBandParameterSets, 0, s.allVideoInInit,
+                             s.driftDetection, s.offline);
+    } catch (const std::exception& e) {
+        throw ExitError(kExitUsage, e.what());
+    }
+    m_filter->SetFirstNumber(s.firstNumber);
+}
+
+Packager::~Packager() { stop(); }
+
+int Packager::connect(const StreamSetup& stream, long bufferCount, ChunkSink::Handler onChunk, ChunkSink::Rooms rooms) {
+    const StreamInfo& info = stream.info;
+    if (m_filter->ConfigureInputPin(stream.bitrate, stream.language.c_str(), 0, stream.name.c_str(), "", 0, 0,
+                                    nullptr) != S_OK)
+        throw ExitError(kExitFailed, "cannot configure an input for stream " + stream.label);
+    flt::MuxFmp4InputPin* pin = nullptr;
+    for (auto* p : m_filter->inputPins())
+        if (!p->IsConnected() && (pin == nullptr || p->streamId() < pin->streamId())) pin = p;
+    // LATM and raw AAC are not offered at connection: the stream connects as ADTS and then takes its real type
+    // through the pin's dynamic type change.
+    const bool changesType = info.streamType == 5 || info.streamType == 10;
+    if (pin == nullptr || pin->ReceiveConnection(mediaTypeFor(changesType ? 4 : info.streamType)) != S_OK ||
+        (changesType && pin->SetMediaType(mediaTypeFor(info.streamType)) != S_OK))
+        throw ExitError(kExitFailed, "cannot connect stream " + stream.label + " (" + info.codec + ")");
+    flt::MuxFmp4OutputPin* output = m_filter->outputFor(pin->streamId());
+    m_sinks.push_back(std::make_unique<ChunkSink>(m_dash, bufferCount, std::move(onChunk), std::move(rooms)));
+    if (output == nullptr || output->Connect(m_sinks.back().get()) != S_OK)
+        throw ExitError(kExitFailed, "cannot connect the output of stream " + stream.label);
+    m_pins.push_back(pin);
+    return static_cast<int>(m_pins.size() - 1);
+}
+
+void Packager::start() {
+    m_filter->Pause();
+    m_filter->Run();
+    m_running = true;
+    // The session is built on the filter's worker; a configuration it cannot run leaves the worker idle.
+    if (!m_filter->waitForWorkerState(tvrn::encoding::packaging::imff::fmp4::Running, std::chrono::seconds(10)))
+        throw ExitError(kExitFailed, "the packaging session did not start (see the messages above)");
+}
+
+void Packager::deliver(int stream, const Packet& packet) {
+    auto sample = flt::COOBMediaSample::createUninitialised(packet.size);
+    std::uint8_t* data = nullptr;
+    sample->GetPointer(&data);
+    if (packet.size > 0) std::memcpy(data, packet.data, packet.size);
+    if (packet.pts) {
+        const std::int64_t stopTime = *packet.pts + packet.duration;
+        sample->SetTime(&*packet.pts, packet.duration > 0 ? &stopTime : nullptr);
+    }
+    if (packet.dts) sample->SetMediaTime(&*packet.dts, &*packet.dts);
+    sample->SetSyncPoint(packet.key);
+    m_pins.at(static_cast<std::size_t>(stream))->Receive(sample.get());
+}
+
+void Packager::endOfStream(int stream) { m_pins.at(static_cast<std::size_t>(stream))->EndOfStream(); }
+
+bool Packager::waitForEnd(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (const auto& sink : m_sinks) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (!sink->waitForEnd(std::max(left, std::chrono::milliseconds(0)))) return false;
+    }
+    return true;
+}
+
+void Packager::stop() {
+    if (!m_running) return;
+    m_running = false;
+    m_filter->Stop();
+}
+
+}  // namespace fmp4mux

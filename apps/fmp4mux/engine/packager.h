@@ -1,0 +1,72 @@
+#pragma once
+// The packaging engine as fmp4mux drives it: one filter, configured once, with one input pin and one output per
+// stream. The only host code that knows pins, media types, GUIDs and result codes.
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "apps/fmp4mux/engine/chunk_sink.h"
+#include "apps/fmp4mux/inputs/input.h"
+#include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
+#include "support/log/i_logger.h"
+#include "support/system/ref_ptr.h"
+
+namespace fmp4mux {
+
+struct EngineSettings {
+    bool dash = true;
+    std::uint32_t mode = 0;
+    std::int32_t gopDurationMs = 2000;
+    std::uint32_t gopsPerSegment = 1;
+    std::int32_t audioSegmentDurationMs = 2000;
+    std::int32_t chunkDurationMs = 500;
+    bool inBandParameterSets = false;
+    bool allVideoInInit = false;
+    bool driftDetection = false;
+    bool offline = true;  // a file read as fast as it goes: nothing is dropped for being late
+    std::int32_t firstNumber = 1;
+    std::string streamName = "live";
+};
+
+// One stream to package.
+struct StreamSetup {
+    std::string label;  // "INPUT:STREAM", for messages
+    StreamInfo info;
+    std::uint32_t bitrate = 0;
+    std::string language;
+    std::string name;
+};
+
+class Packager {
+public:
+    // Raises ExitError (bad command line) when the engine refuses the settings.
+    Packager(const EngineSettings& settings, tvrn::log::ILogger& logger);
+    ~Packager();
+    Packager(const Packager&) = delete;
+    Packager& operator=(const Packager&) = delete;
+
+    // Connects a stream and its output, whose whole chunks go to `onChunk`; `bufferCount` buffers of 8192 bytes
+    // hold one chunk. Returns the stream's handle. Raises ExitError when the engine refuses the stream.
+    int connect(const StreamSetup& stream, long bufferCount, ChunkSink::Handler onChunk, ChunkSink::Rooms rooms);
+    // Starts the session. Raises ExitError when it does not start.
+    void start();
+    // From the input's reading thread.
+    void deliver(int stream, const Packet& packet);
+    void endOfStream(int stream);
+    // Waits until every output has ended, or `timeout`; true when all have.
+    bool waitForEnd(std::chrono::milliseconds timeout);
+    // Stops the session: what is queued is dropped, nothing more is delivered.
+    void stop();
+
+private:
+    // The sinks outlive the filter, whose outputs deliver to them.
+    std::vector<std::unique_ptr<ChunkSink>> m_sinks;
+    tvrn::encoding::RefPtr<tvrn::encoding::filter::CMuxFmp4Filter> m_filter;
+    const bool m_dash;
+    std::vector<tvrn::encoding::filter::MuxFmp4InputPin*> m_pins;
+    bool m_running = false;
+};
+
+}  // namespace fmp4mux

@@ -1,0 +1,56 @@
+#pragma once
+// An input of fmp4mux: a source of elementary streams, each packet in the byte form the packager reads, with its
+// times in 100 ns units. Readers (libavformat today; our own MPEG-TS reader and subtitle files later) implement it.
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace fmp4mux {
+
+struct StreamInfo {
+    int input = 0;          // index of the input on the command line
+    int sourceIndex = 0;    // index of the stream in its input
+    std::uint32_t streamType = 0xFFFFFFFFu;
+    std::string codec;      // codec name, for messages
+    std::string kind;       // "video", "audio" or "other"
+    std::int64_t bitrate = 0;
+    std::string language;
+    int width = 0, height = 0;
+    int sampleRate = 0, channels = 0;
+};
+
+struct Packet {
+    std::size_t stream = 0;  // index into Input::streams()
+    // The packet's bytes, valid during the callback only: they point into the demuxer's packet, or into
+    // `owned` when the packet was rewrapped (raw AAC).
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    std::vector<std::uint8_t> owned;
+    std::optional<std::int64_t> pts;  // 100 ns units
+    std::optional<std::int64_t> dts;
+    std::int64_t duration = 0;        // 100 ns units, 0 when unknown
+    bool key = false;
+};
+
+class Input {
+public:
+    virtual ~Input() = default;
+    virtual const std::vector<StreamInfo>& streams() const = 0;
+    // Leaves streams()[index] out of reading, before run(). The stream keeps its place in streams(), so
+    // Packet::stream of the others is unchanged.
+    virtual void drop(std::size_t index) = 0;
+    // A live source: it goes on at its own pace and has no end of its own.
+    virtual bool isLive() const = 0;
+    // The source keeps its data until it is read (a file, standard input), so the reader may wait for the
+    // packager without losing anything; a network input would drop what arrives meanwhile.
+    virtual bool canWait() const = 0;
+    // Reads to the end (or until `stop`), calling `onPacket` for each packet of a kept stream, with the times the
+    // input gives. False when reading failed before the end; error() says why.
+    virtual bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) = 0;
+    virtual const std::string& error() const = 0;
+};
+
+}  // namespace fmp4mux

@@ -1,0 +1,45 @@
+#pragma once
+// Reads one input with libavformat (file, udp://, srt://, or "-" for standard input) and hands out each packet of
+// every supported elementary stream in the byte form the packager reads: Annex B for H.264 and HEVC, ADTS or
+// LOAS/LATM as the input carries AAC, or the packager's raw AAC packets when the input holds raw AAC frames.
+#include <memory>
+
+#include "apps/fmp4mux/inputs/input.h"
+
+namespace fmp4mux {
+
+class LibavInput : public Input {
+public:
+    // Opens the input and reads its stream list. Raises std::runtime_error with a clear message on failure.
+    // Streams that the packager cannot carry are reported through `skipped` and left out.
+    // `interrupt`, when set, aborts a blocking open or read (a live input that sends nothing).
+    LibavInput(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
+               const std::atomic<bool>* interrupt = nullptr);
+    ~LibavInput() override;
+    LibavInput(const LibavInput&) = delete;
+    LibavInput& operator=(const LibavInput&) = delete;
+
+    const std::vector<StreamInfo>& streams() const override { return m_streams; }
+    // libavformat discards the packets of a dropped stream.
+    void drop(std::size_t index) override;
+    bool isLive() const override { return m_live; }
+    bool canWait() const override { return m_canWait; }
+    bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) override;
+    const std::string& error() const override { return m_error; }
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+    std::vector<StreamInfo> m_streams;
+    bool m_live = false;
+    bool m_canWait = true;
+    std::string m_error;
+};
+
+// The packager's raw AAC packet around one AAC frame: marker FF FA FA FA, packet size, average bit rate,
+// configuration bit length, AudioSpecificConfig, payload length, payload.
+std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& audioSpecificConfig,
+                                           std::uint32_t averageBitrate, const std::uint8_t* frame,
+                                           std::size_t frameSize);
+
+}  // namespace fmp4mux

@@ -1,0 +1,92 @@
+#include "apps/fmp4mux/inputs/reader.h"
+
+#include <algorithm>
+#include <optional>
+#include <vector>
+
+#include "apps/fmp4mux/inputs/pacing.h"
+
+namespace fmp4mux {
+
+namespace {
+
+// How much media a reader has read, in seconds, whatever its timestamps do: each stream adds up its steps from
+// one timestamp to the next, and a step back or a leap of more than ten seconds (the source restarted or looped,
+// its clock wrapped) adds nothing. The stream furthest on counts.
+class ReadProgress {
+public:
+    double add(std::size_t stream, std::int64_t time) {
+        if (stream >= m_streams.size()) m_streams.resize(stream + 1);
+        Stream& s = m_streams[stream];
+        if (s.last && time > *s.last && time - *s.last <= kLeap) s.seconds += static_cast<double>(time - *s.last) / 1e7;
+        s.last = time;
+        m_furthest = std::max(m_furthest, s.seconds);
+        return m_furthest;
+    }
+
+private:
+    static constexpr std::int64_t kLeap = 10 * 10000000LL;  // 100 ns units
+    struct Stream {
+        std::optional<std::int64_t> last;
+        double seconds = 0;
+    };
+    std::vector<Stream> m_streams;
+    double m_furthest = 0;
+};
+
+}  // namespace
+
+InputReader::InputReader(Input& input, int index, TimelineKeeper& timeline, PacketDestination destination,
+                         PackagingProgress progress, ReaderSettings settings, const std::atomic<bool>& stop)
+    : m_input(input), m_index(index), m_timeline(timeline), m_destination(std::move(destination)),
+      m_progress(std::move(progress)), m_settings(settings), m_stop(stop), m_thread([this] { run(); }) {}
+
+InputReader::~InputReader() { join(); }
+
+void InputReader::join() {
+    if (m_thread.joinable()) m_thread.join();
+}
+
+void InputReader::run() {
+    using Clock = std::chrono::steady_clock;
+    const auto& streams = m_input.streams();
+    RealtimePacer pacer;
+    ReadProgress readSoFar;
+    std::optional<std::uint64_t> stalledAt;  // the chunk count when the output last stalled
+    std::uint64_t chunksSeen = 0;
+    m_input.run(
+        [&](Packet& packet) {
+            if (!m_destination.wants(packet.stream)) return;
+            if (!m_timeline.place(m_index, static_cast<int>(packet.stream), streams[packet.stream].kind == "video",
+                                  packet.key, packet.pts, packet.dts, packet.duration))
+                return;
+            const std::optional<std::int64_t> t = packet.dts ? packet.dts : packet.pts;
+            if (m_settings.realtime && t) pacer.wait(*t, m_stop);
+            if (m_settings.throttle && t) {
+                // The packager's own queues do not bound themselves: an input that can wait is read no more than
+                // a few segments ahead of the media packaged, so memory stays bounded however long the run.
+                // Should the output stall (a stream that never delivers), the reader stops waiting until the
+                // output moves again rather than wait for ever.
+                const double inputSeconds = readSoFar.add(packet.stream, *t);
+                chunksSeen = m_progress.waitForChunk(chunksSeen, std::chrono::milliseconds(0));
+                if (stalledAt && chunksSeen != *stalledAt) stalledAt.reset();
+                auto lastProgress = Clock::now();
+                while (!stalledAt && !m_stop.load() &&
+                       inputSeconds - m_progress.packagedSeconds() > m_settings.aheadLimitSeconds) {
+                    const std::uint64_t now = m_progress.waitForChunk(chunksSeen, std::chrono::milliseconds(100));
+                    if (now != chunksSeen) {
+                        chunksSeen = now;
+                        lastProgress = Clock::now();
+                    } else if (Clock::now() - lastProgress > std::chrono::seconds(1)) {
+                        stalledAt = chunksSeen;
+                    }
+                }
+            }
+            m_destination.deliver(packet.stream, packet);
+        },
+        m_stop);
+    m_error = m_input.error();
+    m_destination.endOfStream();
+}
+
+}  // namespace fmp4mux

@@ -1,0 +1,63 @@
+#pragma once
+// Reads one input on a thread of its own, as a live source would deliver: each packet's times are put on the
+// running timeline (timestamp jumps taken out), paced by its time when the input is to be read in real time,
+// held back when the input can wait and is too far ahead of what has been packaged, and handed on.
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "apps/fmp4mux/inputs/input.h"
+#include "apps/fmp4mux/inputs/timeline_keeper.h"
+
+namespace fmp4mux {
+
+// Where a reader hands its packets.
+struct PacketDestination {
+    std::function<bool(std::size_t stream)> wants;  // the stream is packaged
+    std::function<void(std::size_t stream, const Packet& packet)> deliver;
+    std::function<void()> endOfStream;  // every stream of the input has ended
+};
+
+// How far packaging has got, for a reader that must not run too far ahead of it.
+struct PackagingProgress {
+    std::function<double()> packagedSeconds;
+    // Waits until the chunk count differs from `seen`, or a timeout; the chunk count then.
+    std::function<std::uint64_t(std::uint64_t seen, std::chrono::milliseconds timeout)> waitForChunk;
+};
+
+struct ReaderSettings {
+    bool realtime = false;           // pace by the packets' times
+    bool throttle = false;           // wait while too far ahead of the media packaged
+    double aheadLimitSeconds = 10;   // how far ahead is too far
+};
+
+class InputReader {
+public:
+    InputReader(Input& input, int index, TimelineKeeper& timeline, PacketDestination destination,
+                PackagingProgress progress, ReaderSettings settings, const std::atomic<bool>& stop);
+    ~InputReader();
+    InputReader(const InputReader&) = delete;
+    InputReader& operator=(const InputReader&) = delete;
+
+    void join();
+    // Why reading stopped before the end, if it did; valid after join().
+    const std::string& error() const { return m_error; }
+
+private:
+    void run();
+
+    Input& m_input;
+    const int m_index;
+    TimelineKeeper& m_timeline;
+    const PacketDestination m_destination;
+    const PackagingProgress m_progress;
+    const ReaderSettings m_settings;
+    const std::atomic<bool>& m_stop;
+    std::string m_error;
+    std::thread m_thread;  // last: starts once everything above exists
+};
+
+}  // namespace fmp4mux

@@ -1,0 +1,57 @@
+#pragma once
+// Client manifests from what each output announced in its init chunk and the chunks it wrote: a DASH MPD (static
+// for files, dynamic for live inputs) and a Smooth Streaming client manifest.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "apps/fmp4mux/model/track.h"
+
+namespace fmp4mux {
+
+struct MpdTiming {
+    bool dynamic = false;
+    std::string availabilityStartTime;  // ISO 8601 UTC, for a dynamic MPD
+    std::string publishTime;
+    std::uint32_t timeShiftBufferSeconds = 60;
+    std::uint32_t maxSegmentMs = 2000;
+};
+
+std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing);
+std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std::uint32_t dvrWindowSeconds);
+
+// "PT12.340S".
+std::string isoDuration(double seconds);
+// "2026-11-22T18:00:00.000Z".
+std::string isoUtc(double unixSeconds);
+
+// What a manifest says of time besides the tracks' timelines.
+struct ManifestTiming {
+    bool dynamic = false;             // a live presentation, still going on
+    double availabilityStart = 0;     // Unix seconds at which the timeline's time 0 became available
+    double now = 0;                   // Unix seconds
+    std::uint32_t timeShiftBufferSeconds = 60;
+    std::uint32_t maxSegmentMs = 0;   // the longest segment written
+};
+
+// One client manifest format: the file it is and its text for the tracks written so far.
+class ManifestWriter {
+public:
+    virtual ~ManifestWriter() = default;
+    virtual std::string fileName() const = 0;
+    virtual std::string build(const std::vector<Track>& tracks, const ManifestTiming& timing) const = 0;
+};
+
+class DashManifestWriter : public ManifestWriter {
+public:
+    std::string fileName() const override { return "manifest.mpd"; }
+    std::string build(const std::vector<Track>& tracks, const ManifestTiming& timing) const override;
+};
+
+class SmoothManifestWriter : public ManifestWriter {
+public:
+    std::string fileName() const override { return "Manifest"; }
+    std::string build(const std::vector<Track>& tracks, const ManifestTiming& timing) const override;
+};
+
+}  // namespace fmp4mux

@@ -1,0 +1,104 @@
+#pragma once
+// The presentation fmp4mux writes: one track per output, each with its init file and its timeline of segments;
+// the names of their files; what the manifests announce (bitrates, the live window). Chunks come in whole from
+// the engine's outputs; files and manifests go out through a publisher, never written here, so that no I/O
+// happens on the engine's threads.
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/fmp4mux/manifests/manifests.h"
+#include "apps/fmp4mux/model/track.h"
+#include "apps/fmp4mux/outputs/publisher.h"
+
+namespace fmp4mux {
+
+struct PresentationSettings {
+    bool dash = true;
+    bool live = false;                 // a dynamic manifest, rewritten as chunks come; a window of records
+    std::string streamName = "live";   // ${sessionId}
+    std::string initTemplate;          // naming templates, already checked
+    std::string mediaTemplate;
+    std::uint64_t firstNumber = 1;
+    std::uint32_t timeShiftBufferSeconds = 60;
+};
+
+class Presentation {
+public:
+    using WallClock = std::function<double()>;  // Unix seconds
+
+    Presentation(PresentationSettings settings, Publisher& publisher, const ManifestWriter& manifest,
+                 WallClock now = {});
+
+    // Declares output `index` before its chunks come. `channels` and `sampleRate` from the input stand in where
+    // the init chunk's manifest says nothing of them; `bitrateGiven`: the operator stated the bitrate, and the
+    // manifests announce it as is.
+    void addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
+                   bool bitrateGiven);
+
+    // A whole chunk of output `index`, given away.
+    void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk);
+
+    // The last manifest: the presentation has ended, so a live one becomes static, with the segments recorded
+    // (every one of a file input, those of the time-shift window for a live input).
+    void finish();
+
+    std::uint64_t chunks() const;
+    std::uint64_t files() const;
+    // Media packaged so far, from the earliest chunk start to the furthest chunk end.
+    double mediaSeconds() const;
+    // The most media one output has packaged, as the sum of its segments' durations: unlike mediaSeconds, it
+    // goes on evenly whatever the input's times do.
+    double packagedSeconds() const;
+    // Waits until a chunk beyond `seen` has been packaged, or `timeout`, or wake(); the chunk count then.
+    std::uint64_t waitForChunk(std::uint64_t seen, std::chrono::milliseconds timeout) const;
+    // Wakes every waiter (the run is stopping).
+    void wake() const;
+    // The first failure: of the chunks (unreadable) or of the publisher (a file not written).
+    std::optional<std::string> failure() const;
+    std::string manifestName() const { return m_manifest.fileName(); }
+
+private:
+    struct Output {
+        bool ready = false;
+        bool bitrateGiven = false;
+        std::uint32_t peakBitrate = 0;   // measured over the segments written
+        std::uint32_t maxSegmentMs = 0;  // the longest segment written
+        double packagedSeconds = 0;      // the durations of its segments, added up
+        Track track;
+        std::uint64_t nextNumber = 1;
+    };
+
+    void onInit(int index, Output& out, std::vector<std::uint8_t>&& chunk);
+    void onMedia(int index, Output& out, std::vector<std::uint8_t>&& chunk);
+    void publishManifestLocked();
+    void fail(const std::string& message);
+    int adaptationSet(const Track& track);
+    std::string expandName(const std::string& pattern, const Output& out, std::uint64_t time, std::uint64_t number) const;
+    std::string manifestMediaTemplate(const Output& out) const;
+
+    const PresentationSettings m_settings;
+    Publisher& m_publisher;
+    const ManifestWriter& m_manifest;
+    const WallClock m_now;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_progress;
+    std::map<int, Output> m_outputs;
+    std::map<std::string, int> m_sets;
+    bool m_live;
+    std::uint64_t m_chunks = 0;
+    std::uint64_t m_files = 0;
+    double m_mediaSeconds = 0;
+    double m_packagedSeconds = 0;
+    std::optional<double> m_firstStart;
+    std::optional<double> m_availabilityStart;
+    std::optional<std::string> m_failure;
+};
+
+}  // namespace fmp4mux

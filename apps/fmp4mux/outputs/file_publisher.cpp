@@ -1,0 +1,119 @@
+#include "apps/fmp4mux/outputs/file_publisher.h"
+
+#include "apps/fmp4mux/exit_error.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+namespace fmp4mux {
+
+void prepareFolder(const std::string& dir) {
+    std::error_code code;
+    std::filesystem::create_directories(dir, code);
+    if (code || !std::filesystem::is_directory(dir))
+        throw ExitError(kExitOutput, "cannot create the output folder '" + dir + "'" + (code ? ": " + code.message() : ""));
+    const std::string probe = dir + "/.fmp4mux-write-test";
+    std::FILE* file = std::fopen(probe.c_str(), "wb");
+    if (file == nullptr)
+        throw ExitError(kExitOutput, "the output folder '" + dir + "' is not writable: " + std::strerror(errno));
+    std::fclose(file);
+    std::remove(probe.c_str());
+}
+
+void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
+                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
+    const std::filesystem::path target(path);
+    if (target.has_parent_path()) {
+        std::error_code error;
+        std::filesystem::create_directories(target.parent_path(), error);
+        if (error) throw std::runtime_error("cannot create folder " + target.parent_path().string() + ": " + error.message());
+    }
+    const std::string temporary = path + ".tmp" + std::to_string(::getpid());
+    std::FILE* file = std::fopen(temporary.c_str(), "wb");
+    if (file == nullptr) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+    bool written = true;
+    auto write = [&](std::size_t offset, std::size_t length) {
+        written = written && (length == 0 || std::fwrite(bytes.data() + offset, 1, length, file) == length);
+    };
+    if (ranges.empty())
+        write(0, bytes.size());
+    else
+        for (const auto& [offset, length] : ranges) write(offset, length);
+    const bool closed = std::fclose(file) == 0;
+    if (!written || !closed) {
+        std::remove(temporary.c_str());
+        throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+    }
+    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+        std::remove(temporary.c_str());
+        throw std::runtime_error("cannot rename " + temporary + " to " + path + ": " + std::strerror(errno));
+    }
+}
+
+FilePublisher::FilePublisher(std::string root, std::function<void(std::vector<std::uint8_t>&&)> recycle)
+    : m_root(std::move(root)), m_recycle(std::move(recycle)), m_thread([this] { run(); }) {}
+
+FilePublisher::~FilePublisher() {
+    {
+        std::lock_guard lock(m_mutex);
+        m_closing = true;
+    }
+    m_work.notify_all();
+    m_thread.join();
+}
+
+void FilePublisher::publish(Publication&& publication) {
+    {
+        std::lock_guard lock(m_mutex);
+        if (publication.replaceable) {
+            // Only the newest manifest matters: it replaces one that has not been written yet.
+            for (auto& waiting : m_queue)
+                if (waiting.replaceable && waiting.path == publication.path) {
+                    waiting = std::move(publication);
+                    return;
+                }
+        }
+        m_queue.push_back(std::move(publication));
+    }
+    m_work.notify_one();
+}
+
+void FilePublisher::drain() {
+    std::unique_lock lock(m_mutex);
+    m_idle.wait(lock, [this] { return m_queue.empty() && !m_writing; });
+}
+
+std::optional<std::string> FilePublisher::failure() const {
+    std::lock_guard lock(m_mutex);
+    return m_failure;
+}
+
+void FilePublisher::run() {
+    std::unique_lock lock(m_mutex);
+    while (true) {
+        m_work.wait(lock, [this] { return m_closing || !m_queue.empty(); });
+        if (m_queue.empty()) return;  // closing with nothing left
+        Publication next = std::move(m_queue.front());
+        m_queue.pop_front();
+        m_writing = true;
+        lock.unlock();
+        std::optional<std::string> failed;
+        try {
+            writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges);
+        } catch (const std::exception& e) {
+            failed = e.what();
+        }
+        if (m_recycle) m_recycle(std::move(next.bytes));
+        lock.lock();
+        m_writing = false;
+        if (failed && !m_failure) m_failure = failed;
+        if (m_queue.empty()) m_idle.notify_all();
+    }
+}
+
+}  // namespace fmp4mux

@@ -1,0 +1,49 @@
+#pragma once
+// Publishes into a folder: each file is written under a temporary name and renamed, so that a reader never sees
+// half a file; folders are made as needed. One thread writes, in the order published.
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "apps/fmp4mux/outputs/publisher.h"
+
+namespace fmp4mux {
+
+class FilePublisher : public Publisher {
+public:
+    // `recycle`, when set, takes back the byte room of each publication once written.
+    explicit FilePublisher(std::string root, std::function<void(std::vector<std::uint8_t>&&)> recycle = {});
+    ~FilePublisher() override;
+    FilePublisher(const FilePublisher&) = delete;
+    FilePublisher& operator=(const FilePublisher&) = delete;
+
+    void publish(Publication&& publication) override;
+    void drain() override;
+    std::optional<std::string> failure() const override;
+
+private:
+    void run();
+
+    const std::string m_root;
+    const std::function<void(std::vector<std::uint8_t>&&)> m_recycle;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_work, m_idle;
+    std::deque<Publication> m_queue;
+    bool m_writing = false;
+    bool m_closing = false;
+    std::optional<std::string> m_failure;
+    std::thread m_thread;
+};
+
+// Makes the folder when it is missing and checks that files can be written in it. Raises ExitError (output folder
+// not writable) when not.
+void prepareFolder(const std::string& folder);
+
+// Writes the ranges of `bytes` (all of it when there are none) to `path` through a temporary name and a rename.
+// Raises std::runtime_error with the reason on failure.
+void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
+                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges = {});
+
+}  // namespace fmp4mux

@@ -1,0 +1,32 @@
+#pragma once
+// Where the files of a presentation go. A publisher takes each file whole, with the name it has below the
+// presentation's root, and makes it visible to players in the order given, on a thread of its own: whoever
+// publishes never waits for I/O.
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fmp4mux {
+
+struct Publication {
+    std::string path;                 // below the root, '/' separated
+    std::vector<std::uint8_t> bytes;  // given away with the publication
+    // The parts of `bytes` to write, as (offset, length); all of it when empty.
+    std::vector<std::pair<std::size_t, std::size_t>> ranges;
+    // A manifest: a newer publication of the same path replaces one still waiting.
+    bool replaceable = false;
+};
+
+class Publisher {
+public:
+    virtual ~Publisher() = default;
+    virtual void publish(Publication&& publication) = 0;
+    // Waits until everything published so far is written (or has failed).
+    virtual void drain() = 0;
+    // The first failure, if any: the presentation is incomplete from there on.
+    virtual std::optional<std::string> failure() const = 0;
+};
+
+}  // namespace fmp4mux
