@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
-#include "fakes.h"
+#include "tests/common/session_fakes.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace {
-using namespace fmp4_test;
+using namespace testkit;
 
 TEST(Fmp4MuxConfig, PublicModesMapToTheirRecordIndex) {
     auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);

@@ -5,11 +5,11 @@
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/imff_samples/sample_builder_h264.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
-#include "tests/packaging/imff_samples/sample_collector.h"
-#include "tests/packaging/lib_parse_es/es_test_support.h"
+#include "tests/common/samples.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 using samples::Sample;
 
@@ -291,4 +291,3 @@ TEST(Sample, BytesInOrderOfAddition) {
 }
 
 }  // namespace
-}  // namespace es_test

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "sync_fakes.h"
+#include "tests/packaging/synchronizator/sync_fakes.h"
 
 namespace {
 using namespace sync_test;
@@ -38,7 +38,7 @@ std::size_t sampleCount(const RecordingListener& listener, std::uint32_t stream)
 struct SyncRun {
     RecordingListener listener;
     RecordingNotifier notifier;
-    NullLogger logger;
+    testkit::RecordingLogger logger;
     std::unique_ptr<SampleSegmentSynchronisator> sync;
     SyncRun(std::uint32_t segmentMs, std::uint32_t gops, bool offline = false) {
         sync = std::make_unique<SampleSegmentSynchronisator>(listener, segmentMs, gops, &notifier, logger, offline);
@@ -272,8 +272,8 @@ TEST(SegmentSynchroniser, AnEndOfStreamForAnUnknownStreamIsLoggedAndSurvived) {
     run.sync->pushSample(config(0, 0, 1));
     run.sync->pushSample(media(0, 0, kFrame, true));
     run.endAll({0});
-    ASSERT_EQ(run.logger.texts.size(), 1u);
-    EXPECT_EQ(run.logger.texts[0], "unable to process sample: invalid map<K, T> key");
+    ASSERT_EQ(run.logger.entries().size(), 1u);
+    EXPECT_EQ(run.logger.entries()[0].text, "unable to process sample: invalid map<K, T> key");
     EXPECT_EQ(sampleCount(run.listener, 0), 1u);
 }
 }  // namespace

@@ -1,13 +1,12 @@
 #pragma once
 // Synthetic samples and a recording listener for driving a synchroniser in tests and benchmarks.
 #include <condition_variable>
-#include <cstdarg>
-#include <cstdio>
 #include <string>
 #include <mutex>
 #include <vector>
 
 #include "packaging/synchronizator/sample_segment_synchronisator.h"
+#include "tests/common/loggers.h"
 
 namespace sync_test {
 using namespace tvrn::encoding::packaging::synchronizator;
@@ -133,25 +132,6 @@ public:
 private:
     std::mutex m_mutex;
     std::condition_variable m_cv;
-};
-
-class NullLogger : public tvrn::log::ILogger {
-public:
-    void WriteMsg(tvrn::log::LOGLEVEL, const char* format, ...) override __attribute__((format(printf, 3, 4))) {
-        std::lock_guard lock(m_mutex);
-        lines.emplace_back(format);
-        va_list args;
-        va_start(args, format);
-        char buffer[512];
-        std::vsnprintf(buffer, sizeof buffer, format, args);
-        va_end(args);
-        texts.emplace_back(buffer);
-    }
-    std::vector<std::string> lines;
-    std::vector<std::string> texts;
-
-private:
-    std::mutex m_mutex;
 };
 
 }  // namespace sync_test
