@@ -156,7 +156,7 @@ TEST(InitChunk, HevcEntryHoldsVpsSpsPps) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(movie[at], (inBand ? 0 : 0x80) | types[i]);
             EXPECT_EQ(be32(&movie[at + 1]) >> 16, 1u);
-            const std::size_t length = (movie[at + 3] << 8) | movie[at + 4];
+            const std::size_t length = be16(&movie[at + 3]);
             EXPECT_EQ(Bytes(movie.begin() + static_cast<std::ptrdiff_t>(at + 5),
                             movie.begin() + static_cast<std::ptrdiff_t>(at + 5 + length)),
                       sets[static_cast<std::size_t>(i)]);
