@@ -56,7 +56,7 @@ void BM_PushSamples(benchmark::State& state) {
         }
     }
 
-    NullLogger logger;
+    testkit::RecordingLogger logger;
     std::uint64_t segments = 0;
     for (auto _ : state) {
         CountingListener listener;

@@ -31,7 +31,7 @@ public:
             if (matcher.byteLength == 0 || matcher.byteLength > pattern.bytes.size()) continue;
             for (std::size_t i = 0; i < matcher.byteLength; ++i) matcher.cells.push_back({pattern.bytes[i], false});
             const unsigned spare = pattern.bits % 8;
-            matcher.lastMask = spare == 0 ? 0xFF : static_cast<std::uint8_t>(0xFF << (8 - spare));
+            matcher.lastMask = static_cast<std::uint8_t>(spare == 0 ? 0xFFu : 0xFFu << (8 - spare));
             matcher.lastValue = static_cast<std::uint8_t>(pattern.bytes[matcher.byteLength - 1] & matcher.lastMask);
             matcher.lead = pattern.lead;
             m_matchers.push_back(std::move(matcher));

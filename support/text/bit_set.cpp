@@ -15,7 +15,7 @@ Bit_Set::Bit_Set(const std::string& bits) : Bit_Set(bits.size()) {
 
 bool Bit_Set::get(std::size_t index) const {
     if (index >= m_size) throw std::runtime_error("out of range");
-    return (m_bytes[index / 8] >> (7 - index % 8)) & 1u;
+    return (static_cast<unsigned>(m_bytes[index / 8]) >> (7 - index % 8)) & 1u;
 }
 
 void Bit_Set::set(std::size_t index, bool value) {

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "fakes.h"
 #include "filter_helpers.h"
 #include "support/exceptions/corvane_exception.h"
+#include "tests/common/session_fakes.h"
 
 namespace {
 using namespace filter_test;
@@ -99,10 +99,10 @@ TEST(InputPin, ConnectionAddsPinsPairsOutputsAndComputesBandwidth) {
 }
 
 TEST(Configuration, StateChecksAndArgumentCodes) {
-    fmp4_test::ChunksBuilderLog builderLog;
+    testkit::ChunksBuilderLog builderLog;
     fmp4::Fmp4MuxParts parts;
     parts.makeChunksBuilder = [&builderLog](const fmp4::ChunksBuilderParams&) {
-        return std::make_unique<fmp4_test::FakeChunksBuilder>(builderLog);
+        return std::make_unique<testkit::FakeChunksBuilder>(builderLog);
     };
     FilterHolder filter(CMuxFmp4Filter::Create(parts));
     EXPECT_EQ(filter->SetFirstNumber(-1), E_INVALIDARG);
@@ -127,11 +127,7 @@ TEST(Configuration, StateChecksAndArgumentCodes) {
     EXPECT_EQ(filter->inputPins().at(1)->attributes().bitrate, 500);
 
     ASSERT_EQ(filter->Pause(), S_OK);
-    ASSERT_TRUE([&] {
-        for (int i = 0; i < 20000 && filter->workerState() != fmp4::Running; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return filter->workerState() == fmp4::Running;
-    }());
+    ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Running));
     EXPECT_EQ(filter->ConfigureInputPin(500, "und", 0, "", "", 0, 0, nullptr), VFW_E_WRONG_STATE);
     EXPECT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0), E_FAIL);
     EXPECT_EQ(filter->SetLogger(nullptr), E_FAIL);
@@ -139,8 +135,7 @@ TEST(Configuration, StateChecksAndArgumentCodes) {
     EXPECT_EQ(filter->SetOverheadPercent(3), S_OK);
     EXPECT_EQ(pin->Disconnect(), VFW_E_NOT_STOPPED);
     ASSERT_EQ(filter->Stop(), S_OK);
-    for (int i = 0; i < 20000 && filter->workerState() != fmp4::Idle; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Idle));
     EXPECT_EQ(filter->SetLogger(nullptr), S_OK);
 
     std::uint32_t chunks = 99;
@@ -152,7 +147,7 @@ TEST(Configuration, StateChecksAndArgumentCodes) {
 
 TEST(KeyServerStatus, FollowsUpAndDownReports) {
     FilterHolder filter(CMuxFmp4Filter::Create());
-    fmp4_test::RecordingLogger logger;
+    testkit::RecordingLogger logger;
     filter->SetLogger(&logger);
     std::uint32_t status = 0;
     filter->GetKeyServerStatus(&status);

@@ -1,9 +1,9 @@
 #pragma once
 // A host's side of the filter in tests: upstream samples and a downstream sink that keeps what it gets.
-#include <mutex>
 #include <vector>
 
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
+#include "tests/common/waiting.h"
 
 namespace filter_test {
 using namespace tvrn::encoding::filter;
@@ -46,33 +46,34 @@ public:
             r.hasDataId = true;
             std::memcpy(&r.dataId, id, 8);
         }
-        std::lock_guard lock(m_mutex);
-        received.push_back(std::move(r));
+        m_state.update([&](State& s) { s.received.push_back(std::move(r)); });
         return S_OK;
     }
     HRESULT EndOfStream() override {
-        std::lock_guard lock(m_mutex);
-        ++ends;
+        m_state.update([](State& s) { ++s.ends; });
         return S_OK;
     }
     MemAllocator* GetAllocator() override { return &m_allocator; }
-    std::vector<Received> snapshot() {
-        std::lock_guard lock(m_mutex);
-        return received;
-    }
+    std::vector<Received> snapshot() const { return m_state.get().received; }
     MemAllocator& allocator() { return m_allocator; }
-    int endCount() {
-        std::lock_guard lock(m_mutex);
-        return ends;
+    int endCount() const { return m_state.get().ends; }
+    bool waitForEnds(int count) {
+        return m_state.waitFor([count](const State& s) { return s.ends >= count; });
     }
-
-    std::vector<Received> received;
-    int ends = 0;
 
 private:
-    std::mutex m_mutex;
+    struct State {
+        std::vector<Received> received;
+        int ends = 0;
+    };
+    testkit::Guarded<State> m_state;
     MemAllocator m_allocator;
 };
+
+// Waits until the filter's worker is in `state`: the filter shows it only as a value to poll.
+inline bool waitForWorker(CMuxFmp4Filter* filter, fmp4::WorkerState state) {
+    return testkit::spinUntil([&] { return filter->workerState() == state; });
+}
 
 // Releases a filter at the end of a scope.
 struct FilterHolder {

@@ -5,23 +5,17 @@
 #include <thread>
 
 #include "filter_helpers.h"
-#include "tests/packaging/fmp4/chunk_test_support.h"
-#include "tests/packaging/lib_parse_es/aac_test_support.h"
+#include "tests/common/chunks.h"
+#include "tests/common/loggers.h"
 
 namespace {
 using namespace filter_test;
 namespace fmp4 = tvrn::encoding::packaging::imff::fmp4;
-using chunk_test::Bytes;
-
-template <typename P>
-bool eventually(P predicate) {
-    for (int i = 0; i < 30000 && !predicate(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return predicate();
-}
+using testkit::Bytes;
 
 // Chunks as a downstream sees them: consecutive samples of one kind and time form one chunk.
-std::vector<chunk_test::WrittenChunk> joinChunks(const std::vector<RecordingSink::Received>& samples) {
-    std::vector<chunk_test::WrittenChunk> chunks;
+std::vector<testkit::WrittenChunk> joinChunks(const std::vector<RecordingSink::Received>& samples) {
+    std::vector<testkit::WrittenChunk> chunks;
     for (const auto& s : samples) {
         if (chunks.empty() || s.sync != chunks.back().init || s.hasTime != chunks.back().hasTime ||
             s.start != chunks.back().time || s.sync) {
@@ -34,16 +28,16 @@ std::vector<chunk_test::WrittenChunk> joinChunks(const std::vector<RecordingSink
 }
 
 // One input: the fixture's packets as filter samples, pushed in order from a streaming thread.
-void pushFixture(MuxFmp4InputPin& pin, const es_test::Fixture& fixture) {
+void pushFixture(MuxFmp4InputPin& pin, const testkit::Fixture& fixture) {
     std::size_t offset = 0;
-    for (const es_test::Packet& p : fixture.packets) {
+    for (const testkit::Packet& p : fixture.packets) {
         auto sample = COOBMediaSample::create(p.size);
         std::uint8_t* data = nullptr;
         sample->GetPointer(&data);
         std::memcpy(data, fixture.bytes.data() + offset, p.size);
         offset += p.size;
-        const REFERENCE_TIME pts = es_test::es::from90kHz(p.pts);
-        const REFERENCE_TIME dts = es_test::es::from90kHz(p.dts);
+        const REFERENCE_TIME pts = testkit::es::from90kHz(p.pts);
+        const REFERENCE_TIME dts = testkit::es::from90kHz(p.dts);
         sample->SetTime(&pts, nullptr);
         sample->SetMediaTime(&dts, &dts);
         ASSERT_EQ(pin.Receive(sample.get()), S_OK);
@@ -55,14 +49,14 @@ void pushFixture(MuxFmp4InputPin& pin, const es_test::Fixture& fixture) {
 struct AudioInput;
 fmp4::MediaDataRef SimpleMediaDataFor(const AudioInput& audio, std::size_t k);
 struct AudioInput {
-    std::vector<chunk_test::Bytes> frames;
+    std::vector<testkit::Bytes> frames;
     std::vector<REFERENCE_TIME> times;
 };
 AudioInput loadAudio() {
-    const auto fixture = es_test::loadAudioFixture("aac_lc_stereo_48k.adts");
+    const auto fixture = testkit::loadAudioFixture("aac_lc_stereo_48k.adts");
     AudioInput input;
-    input.frames = es_test::packetBytes(fixture);
-    for (const auto& p : fixture.packets) input.times.push_back(p.pts * 10000000 / es_test::kProbeTimeBase);
+    input.frames = testkit::packetBytes(fixture);
+    for (const auto& p : fixture.packets) input.times.push_back(p.pts * 10000000 / testkit::kProbeTimeBase);
     return input;
 }
 
@@ -95,16 +89,16 @@ fmp4::ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t b
 
 // The same input through a session of its own, as the reference of what the filter must deliver: the chunks of
 // the video output, then those of the audio output.
-std::vector<std::vector<chunk_test::WrittenChunk>> referenceChunks(const es_test::Fixture& video,
+std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const testkit::Fixture& video,
                                                                    const AudioInput& audio) {
-    chunk_test::SilentLogger logger;
-    chunk_test::KeepingOutput videoOutput, audioOutput;
+    testkit::RecordingLogger logger;
+    testkit::KeepingOutput videoOutput, audioOutput;
     fmp4::Fmp4Mux mux(fmp4::Dash, fmp4::Fmp4MuxConfig::fromMode(fmp4::GopSegments, 1000, 1, 0, 0), nullptr, logger,
                       false, false, false, false, true, fmp4::Fmp4MuxParts{});
     mux.AddStream(0, attributesOf(fmp4::H264_VIDEO, 1000000));
     mux.AddStream(1, attributesOf(fmp4::AAC_ADTS_AUDIO, 128000));
     mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &videoOutput, 1}, fmp4::ChunkOutputSeed{"", {1}, &audioOutput, 1}});
-    for (const auto& buffer : chunk_test::fixtureBuffers(video, 0)) mux.ConsumeSample(0, buffer.get());
+    for (const auto& buffer : testkit::fixtureBuffers(video, 0)) mux.ConsumeSample(0, buffer.get());
     for (std::size_t k = 0; k < audio.frames.size(); ++k) {
         auto buffer = SimpleMediaDataFor(audio, k);
         mux.ConsumeSample(1, buffer.get());
@@ -117,14 +111,14 @@ std::vector<std::vector<chunk_test::WrittenChunk>> referenceChunks(const es_test
 }
 
 TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
-    const es_test::Fixture video = es_test::loadFixture("h264_plain");
+    const testkit::Fixture video = testkit::loadFixture("h264_plain");
     const AudioInput audio = loadAudio();
     const auto expected = referenceChunks(video, audio);
     ASSERT_GT(expected[0].size(), 2u);
     ASSERT_GT(expected[1].size(), 2u);
 
     FilterHolder filter(CMuxFmp4Filter::Create());
-    chunk_test::SilentLogger logger;
+    testkit::RecordingLogger logger;
     filter->SetLogger(&logger);
     ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
     ASSERT_EQ(filter->ConfigureInputPin(1000000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
@@ -140,15 +134,15 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     for (int session = 1; session <= 2; ++session) {
         ASSERT_EQ(filter->Pause(), S_OK);
         ASSERT_EQ(filter->Run(), S_OK);
-        ASSERT_TRUE(eventually([&] { return filter->workerState() == fmp4::Running; }));
+        ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Running));
         // Each input on a streaming thread of its own, as a graph delivers them.
         std::thread videoThread([&] { pushFixture(*videoPin, video); });
         std::thread audioThread([&] { pushAudio(*audioPin, audio); });
         videoThread.join();
         audioThread.join();
-        ASSERT_TRUE(eventually([&] { return videoSink.endCount() == session && audioSink.endCount() == session; }));
+        ASSERT_TRUE(videoSink.waitForEnds(session) && audioSink.waitForEnds(session));
         ASSERT_EQ(filter->Stop(), S_OK);
-        ASSERT_TRUE(eventually([&] { return filter->workerState() == fmp4::Idle; }));
+        ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Idle));
 
         RecordingSink* sinks[] = {&videoSink, &audioSink};
         for (int o = 0; o < 2; ++o) {

@@ -1,26 +1,19 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
-#include <thread>
 
-#include "fakes.h"
 #include "filter_helpers.h"
+#include "tests/common/session_fakes.h"
 
 namespace {
 using namespace filter_test;
 namespace fmp4 = tvrn::encoding::packaging::imff::fmp4;
 
-template <typename P>
-bool eventually(P predicate) {
-    for (int i = 0; i < 20000 && !predicate(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return predicate();
-}
-
 // A filter with one connected H.264 input whose output goes to `sink`, and a session whose chunk builder only
 // records the outputs it is given, so the test writes chunks itself through the filter's own sink.
 struct OutputFixture {
-    fmp4_test::ChunksBuilderLog chunks;
-    fmp4_test::RecordingLogger logger;
+    testkit::ChunksBuilderLog chunks;
+    testkit::RecordingLogger logger;
     RecordingSink sink;
     FilterHolder filter;
 
@@ -31,12 +24,12 @@ struct OutputFixture {
         EXPECT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, bitrate)), S_OK);
         EXPECT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
         filter->Pause();
-        EXPECT_TRUE(eventually([&] { return filter->workerState() == fmp4::Running; }));
+        EXPECT_TRUE(waitForWorker(filter.filter, fmp4::Running));
     }
     fmp4::Fmp4MuxParts parts() {
         fmp4::Fmp4MuxParts p;
         p.makeChunksBuilder = [this](const fmp4::ChunksBuilderParams&) {
-            return std::make_unique<fmp4_test::FakeChunksBuilder>(chunks);
+            return std::make_unique<testkit::FakeChunksBuilder>(chunks);
         };
         return p;
     }
@@ -51,7 +44,7 @@ std::vector<std::uint8_t> pattern(std::size_t size) {
 
 TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     // 6000 ms x 3 x 2 Mbit/s / 8000 = 4.5 MB: (4500000 + 8191) / 8192 = 550 buffers of 8192 bytes.
-    fmp4_test::ChunksBuilderLog log;
+    testkit::ChunksBuilderLog log;
     FilterHolder filter(CMuxFmp4Filter::Create());
     filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
     ASSERT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);

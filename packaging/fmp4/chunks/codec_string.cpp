@@ -79,7 +79,7 @@ public:
                 value <<= 1;
                 continue;
             }
-            value = (value << 1) | ((m_data[byte] >> (7 - m_position % 8)) & 1u);
+            value = (value << 1) | ((static_cast<unsigned>(m_data[byte]) >> (7 - m_position % 8)) & 1u);
         }
         return value;
     }

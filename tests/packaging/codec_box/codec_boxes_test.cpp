@@ -4,17 +4,17 @@
 
 #include "packaging/codec_box/audio_boxes.h"
 #include "packaging/codec_box/video_boxes.h"
-#include "tests/packaging/imff_box/hex_bytes.h"
+#include "tests/common/bytes.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::codec_box;
-using box_test::cat;
-using box_test::hex;
-using box_test::zeros;
+using testkit::cat;
+using testkit::hex;
+using testkit::zeros;
 
 template <typename T>
-box_test::Bytes writeOne(const T& box) {
-    box_test::Bytes bytes(box.getSize() + 64, 0xEE);
+testkit::Bytes writeOne(const T& box) {
+    testkit::Bytes bytes(box.getSize() + 64, 0xEE);
     ImffBitWriter writer(bytes.data(), bytes.size());
     box.binarize(writer);
     EXPECT_EQ(writer.getBytePosition(), box.getSize());

@@ -5,7 +5,7 @@
 #include "packaging/fmp4/chunks/audio_sample_entry.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "packaging/imff_box/box.h"
-#include "tests/packaging/lib_parse_es/aac_test_support.h"
+#include "tests/common/synthetic.h"
 
 namespace {
 
@@ -43,8 +43,8 @@ TEST(AudioSampleEntry, EachConfigurationGivesItsRateChannelsAndCodecString) {
     const Case cases[] = {
         {{0x11, 0x90}, 48000, 2, "mp4a.40.2"},
         {{0x12, 0x30}, 44100, 6, "mp4a.40.2"},
-        {es_test::ascBytes({5, 6, 2, 3}), 48000, 2, "mp4a.40.5"},
-        {es_test::ascBytes({29, 6, 1, 3}), 48000, 2, "mp4a.40.29"},
+        {testkit::ascBytes({5, 6, 2, 3}), 48000, 2, "mp4a.40.5"},
+        {testkit::ascBytes({29, 6, 1, 3}), 48000, 2, "mp4a.40.29"},
         {{0x11, 0x88}, 48000, 1, "mp4a.40.2"},
     };
     for (const Case& c : cases) {

@@ -8,15 +8,11 @@
 #include "packaging/fmp4/chunks/chunks_builder.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
-#include "tests/packaging/fmp4/chunk_test_support.h"
-#include "tests/packaging/fmp4/fakes.h"
-#include "tests/packaging/imff_box/hex_bytes.h"
+#include "tests/common/chunks.h"
+#include "tests/common/loggers.h"
 
-namespace chunk_test {
 namespace {
-
-using box_test::hex;
-namespace samples = tvrn::encoding::packaging::imff::imff_samples;
+using namespace testkit;
 
 // A sample at 90 kHz holding `payload`.
 std::shared_ptr<ISyncSample> sampleOf(std::uint32_t streamId, std::int32_t kind, std::uint32_t type, std::int64_t dts,
@@ -84,20 +80,20 @@ struct Session {
         for (int i = 0; i < streams; ++i) first[static_cast<std::uint32_t>(i)] = std::make_shared<StreamChunk>();
         builder->OnFirstSegments(segmentsOf(first), 1000, 1000, 1000);
     }
-    std::vector<WrittenChunk> media(int output) const {
-        std::vector<WrittenChunk> out;
-        for (const auto& c : outputs[output].chunks())
-            if (!c.init) out.push_back(c);
-        return out;
-    }
-    // The value of the first top-level box of `type` in a chunk, or 0.
+    std::vector<WrittenChunk> media(int output) const { return outputs[output].media(); }
+    // The number in the first top-level box of `type` in a chunk (tnsb, teoc, teos), or 0.
     static std::uint64_t numberBox(const WrittenChunk& chunk, const std::string& type) {
-        BoxInfo box;
-        return findBox(chunk.bytes, type, box) ? be64(&chunk.bytes[box.offset + 12]) : 0;
+        const auto box = findBox(chunk.bytes, type);
+        return box ? u64In(chunk.bytes, *box, 4) : 0;
+    }
+    // The decoding time in a media chunk's tfdt, or nothing without one.
+    static std::optional<std::uint64_t> decodeTime(const WrittenChunk& chunk) {
+        const auto tfdt = findBox(chunk.bytes, "moof/traf/tfdt");
+        return tfdt ? std::optional(u64In(chunk.bytes, *tfdt, 4)) : std::nullopt;
     }
 
     Fmp4MuxConfig config;
-    fmp4_test::RecordingLogger logger;
+    RecordingLogger logger;
     std::int64_t nowMs = 1000000;
     KeepingOutput outputs[3];
     std::unique_ptr<ChunksBuilder> builder;
@@ -167,7 +163,7 @@ TEST(ChunkBytes, SmoothChunkAsWorkedOutFromTheStandard) {
         // sdtp: IDR depends on none, is depended on (0x24); the other picture depends on others (0x14)
         "0000000E 'sdtp' 00000000 24 14"
         "0000000E 'mdat' AABBCCDD EEFF");
-    EXPECT_EQ(box_test::dumpHex(chunks[0].bytes), box_test::dumpHex(expected));
+    EXPECT_BYTES(chunks[0].bytes, expected);
 }
 
 TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
@@ -184,11 +180,11 @@ TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
                                                          {"tnsb", "styp", "sidx", "moof", "mdat", "teoc"}};
     for (std::size_t i = 0; i < chunks.size(); ++i) {
         std::vector<std::string> types;
-        for (const BoxInfo& b : boxesIn(chunks[i].bytes)) types.push_back(b.type);
+        for (const BoxView& b : boxesIn(chunks[i].bytes)) types.push_back(b.type);
         EXPECT_EQ(types, order[i]) << i;
-        BoxInfo mfhd;
-        ASSERT_TRUE(findBox(chunks[i].bytes, "moof/mfhd", mfhd));
-        EXPECT_EQ(be32(&chunks[i].bytes[mfhd.offset + 12]), 100 + i);
+        const auto mfhd = findBox(chunks[i].bytes, "moof/mfhd");
+        ASSERT_TRUE(mfhd);
+        EXPECT_EQ(u32In(chunks[i].bytes, *mfhd, 4), 100 + i);
         EXPECT_EQ(Session::numberBox(chunks[i], "teoc"), 100 + i);
     }
     EXPECT_EQ(Session::numberBox(chunks[0], "tnsb"), 1u);
@@ -215,14 +211,14 @@ TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
         const auto chunks = s.outputs[o].chunks();
         ASSERT_EQ(chunks.size(), 1u);
         ASSERT_TRUE(chunks[0].init);
-        const Bytes movie = initChunkMoviePart(chunks[0].bytes.data(), chunks[0].bytes.size());
-        BoxInfo stsd;
-        ASSERT_TRUE(findBox(movie, "moov/trak/mdia/minf/stbl/stsd", stsd));
+        const ByteView movie = moviePart(chunks[0].bytes);
+        const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
+        ASSERT_TRUE(stsd);
         std::vector<std::string> entries;
-        for (const BoxInfo& b : boxesIn(movie, stsd.offset + 16, stsd.offset + stsd.size)) entries.push_back(b.type);
+        for (const BoxView& b : boxesIn(movie, stsd->contentStart + 8, stsd->end)) entries.push_back(b.type);
         EXPECT_EQ(entries, (std::vector<std::string>{"avc1", "hvc1"}));
         // The manifest announces the output's own stream only.
-        const std::string text(movie.begin(), movie.end());
+        const std::string text = serverManifest(movie);
         EXPECT_NE(text.find(o == 0 ? "codecs=\"avc1." : "codecs=\"hvc1."), std::string::npos);
         EXPECT_EQ(text.find(o == 0 ? "codecs=\"hvc1." : "codecs=\"avc1."), std::string::npos);
     }
@@ -230,12 +226,11 @@ TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
     for (int o = 0; o < 2; ++o) {
         const auto chunks = s.media(o);
         ASSERT_EQ(chunks.size(), 1u);
-        BoxInfo tfhd;
-        ASSERT_TRUE(findBox(chunks[0].bytes, "moof/traf/tfhd", tfhd));
+        const auto tfhd = findBox(chunks[0].bytes, "moof/traf/tfhd");
+        ASSERT_TRUE(tfhd);
         // default-base-is-moof and sample-description-index-present; track 1; the entry of the stream.
-        EXPECT_EQ(Bytes(chunks[0].bytes.begin() + static_cast<std::ptrdiff_t>(tfhd.offset),
-                        chunks[0].bytes.begin() + static_cast<std::ptrdiff_t>(tfhd.offset + tfhd.size)),
-                  hex(o == 0 ? "00000014 'tfhd' 00020002 00000001 00000001" : "00000014 'tfhd' 00020002 00000001 00000002"));
+        EXPECT_BYTES(slice(chunks[0].bytes, tfhd->offset, tfhd->size()),
+                     hex(o == 0 ? "00000014 'tfhd' 00020002 00000001 00000001" : "00000014 'tfhd' 00020002 00000001 00000002"));
     }
 }
 
@@ -259,29 +254,22 @@ TEST(MuxedOutput, DataOffsetsOfTheSecondTrackFragment) {
         const auto chunks = s.media(0);
         ASSERT_EQ(chunks.size(), 1u);
         const Bytes& b = chunks[0].bytes;
-        BoxInfo moof;
-        ASSERT_TRUE(findBox(b, "moof", moof));
-        std::vector<BoxInfo> trafs;
-        for (const BoxInfo& box : boxesIn(b, moof.offset + 8, moof.offset + moof.size))
-            if (box.type == "traf") trafs.push_back(box);
+        const auto moof = findBox(b, "moof");
+        ASSERT_TRUE(moof);
+        const auto trafs = childrenOf(b, *moof, "traf");
         ASSERT_EQ(trafs.size(), 2u);
         std::vector<std::uint32_t> tracks, offsets;
-        for (const BoxInfo& traf : trafs) {
-            BoxInfo tfhd, trun;
-            ASSERT_TRUE(findBox(b, traf.offset + 8, traf.offset + traf.size, "tfhd", tfhd));
-            ASSERT_TRUE(findBox(b, traf.offset + 8, traf.offset + traf.size, "trun", trun));
-            tracks.push_back(be32(&b[tfhd.offset + 12]));
-            offsets.push_back(be32(&b[trun.offset + 16]));
+        for (const BoxView& traf : trafs) {
+            tracks.push_back(u32In(b, childrenOf(b, traf, "tfhd").at(0), 4));
+            offsets.push_back(u32In(b, childrenOf(b, traf, "trun").at(0), 8));
         }
         // Track fragments in track order whatever the output's stream order; 3 bytes of video go first.
         EXPECT_EQ(tracks, (std::vector<std::uint32_t>{1, 2}));
-        const auto first = static_cast<std::uint32_t>(moof.size + 8);
+        const auto first = static_cast<std::uint32_t>(moof->size() + 8);
         EXPECT_EQ(offsets, (std::vector<std::uint32_t>{first, format == Dash ? first + 3 : 0u}));
-        BoxInfo mdat;
-        ASSERT_TRUE(findBox(b, "mdat", mdat));
-        EXPECT_EQ(Bytes(b.begin() + static_cast<std::ptrdiff_t>(mdat.offset + 8),
-                        b.begin() + static_cast<std::ptrdiff_t>(mdat.offset + mdat.size)),
-                  (Bytes{1, 2, 3, 7, 7, 7, 7, 7}));
+        const auto mdat = findBox(b, "mdat");
+        ASSERT_TRUE(mdat);
+        EXPECT_EQ(slice(b, mdat->contentStart, mdat->end - mdat->contentStart), (Bytes{1, 2, 3, 7, 7, 7, 7, 7}));
     }
 }
 
@@ -298,15 +286,11 @@ TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
     ASSERT_EQ(s.media(0).size(), 2u);
     // Output 1 had nothing in the first slice: an empty chunk went out for it, counted (DASH, GOP segments).
     ASSERT_EQ(s.media(1).size(), 2u);
-    // Decode times less the origin of stream 1, at the 10 MHz timescale.
-    BoxInfo tfdt;
-    ASSERT_TRUE(findBox(s.media(0)[0].bytes, "moof/traf/tfdt", tfdt));
-    EXPECT_EQ(be64(&s.media(0)[0].bytes[tfdt.offset + 12]), 10000000u);
-    ASSERT_TRUE(findBox(s.media(0)[1].bytes, "moof/traf/tfdt", tfdt));
-    EXPECT_EQ(be64(&s.media(0)[1].bytes[tfdt.offset + 12]), 20000000u);
-    EXPECT_FALSE(findBox(s.media(1)[0].bytes, "moof/traf/tfdt", tfdt));
-    ASSERT_TRUE(findBox(s.media(1)[1].bytes, "moof/traf/tfdt", tfdt));
-    EXPECT_EQ(be64(&s.media(1)[1].bytes[tfdt.offset + 12]), 0u);
+    // Decode times less the origin of stream 1, at the 10 MHz timescale; no track fragment in the empty chunk.
+    EXPECT_EQ(Session::decodeTime(s.media(0)[0]), 10000000u);
+    EXPECT_EQ(Session::decodeTime(s.media(0)[1]), 20000000u);
+    EXPECT_EQ(Session::decodeTime(s.media(1)[0]), std::nullopt);
+    EXPECT_EQ(Session::decodeTime(s.media(1)[1]), 0u);
 }
 
 TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
@@ -332,8 +316,7 @@ TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
         const bool counted = c.written == 3;
         if (counted) {
             // The empty chunk goes out without a track fragment, and numbering runs on.
-            BoxInfo traf;
-            EXPECT_FALSE(findBox(chunks[1].bytes, "moof/traf", traf));
+            EXPECT_FALSE(findBox(chunks[1].bytes, "moof/traf"));
             EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : missing chunk detected 2 : incr seq. num. anyway"));
         }
         if (c.format == Dash) {
@@ -427,9 +410,7 @@ TEST(Drift, WallClockAheadRenumbersWithADiscontinuity) {
     EXPECT_TRUE(chunks[2].discontinuity);
     EXPECT_FALSE(chunks[1].discontinuity);
     // A new origin: the renumbered chunk starts at decode time 0.
-    BoxInfo tfdt;
-    ASSERT_TRUE(findBox(chunks[2].bytes, "moof/traf/tfdt", tfdt));
-    EXPECT_EQ(be64(&chunks[2].bytes[tfdt.offset + 12]), 0u);
+    EXPECT_EQ(Session::decodeTime(chunks[2]), 0u);
 }
 
 TEST(Drift, WallClockBehindByThreeRenumbers) {
@@ -469,4 +450,3 @@ TEST(Restart, ResynchronisesFromTheWallClock) {
 }
 
 }  // namespace
-}  // namespace chunk_test

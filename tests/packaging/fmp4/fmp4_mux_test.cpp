@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
-#include "fakes.h"
+#include "tests/common/session_fakes.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace {
-using namespace fmp4_test;
+using namespace testkit;
 
 TEST(Fmp4MuxConfig, PublicModesMapToTheirRecordIndex) {
     auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);
@@ -179,18 +181,13 @@ TEST(Fmp4Mux, SeparateAudioSegmentsEndOnceEverySynchroniserWithStreamsHasEnded) 
 }
 
 TEST(Fmp4Mux, SampleBuildersTakeTheInBandFlagFromTheFormat) {
-    SessionFixture dash;
-    auto a = dash.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Dash, false);
-    a->AddStream(0, attributesOf(H264_VIDEO));
-    SessionFixture dashInBand;
-    auto b = dashInBand.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Dash, true);
-    b->AddStream(0, attributesOf(H264_VIDEO));
-    SessionFixture smooth;
-    auto c = smooth.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), Smooth, false);
-    c->AddStream(0, attributesOf(H264_VIDEO));
-    EXPECT_FALSE(dash.sampleBuilders.at(0).second);
-    EXPECT_TRUE(dashInBand.sampleBuilders.at(0).second);
-    EXPECT_TRUE(smooth.sampleBuilders.at(0).second);
+    // Smooth Streaming always carries parameter sets in band; DASH as configured.
+    for (const auto& [format, inBand, expected] : {std::tuple{Dash, false, false}, {Dash, true, true}, {Smooth, false, true}}) {
+        SessionFixture f;
+        auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), format, inBand);
+        mux->AddStream(0, attributesOf(H264_VIDEO));
+        EXPECT_EQ(f.sampleBuilders.at(0).second, expected);
+    }
 }
 
 TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {

@@ -8,23 +8,19 @@
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/lib_parse_es/nal_h264_hevc.h"
-#include "tests/packaging/fmp4/chunk_test_support.h"
-#include "tests/packaging/imff_box/hex_bytes.h"
-#include "tests/packaging/imff_samples/sample_collector.h"
+#include "tests/common/chunks.h"
 
-namespace chunk_test {
 namespace {
-
-using box_test::hex;
+using namespace testkit;
 namespace codec_box = tvrn::encoding::packaging::imff::codec_box;
 namespace imff_box = tvrn::encoding::packaging::imff::imff_box;
 
 // The parameter set units of a fixture as a plain walk over its start codes finds them, without start codes.
 std::vector<Bytes> parameterSets(const char* name, bool hevc) {
     std::vector<Bytes> out;
-    for (const Bytes& unit : es_test::referenceUnits(es_test::loadFixture(name).bytes)) {
-        const std::size_t header = es_test::es::skipStartCode(unit.data(), unit.size());
-        const unsigned t = hevc ? (unit[header] >> 1) & 0x3F : unit[header] & 0x1F;
+    for (const Bytes& unit : referenceUnits(loadFixture(name).bytes)) {
+        const std::size_t header = es::skipStartCode(unit.data(), unit.size());
+        const unsigned t = unitType(unit, hevc);
         const bool wanted = hevc ? t >= 32 && t <= 34 : t == 7 || t == 8;
         Bytes bare(unit.begin() + static_cast<std::ptrdiff_t>(header), unit.end());
         while (!bare.empty() && bare.back() == 0) bare.pop_back();  // the zero of a following 4-byte start code
@@ -42,12 +38,17 @@ ElementaryStreamAttributes videoOf(std::uint32_t type) {
 
 const ManifestDurations kDurations{1000, 960, 960};
 
+// The movie part of an init chunk, as bytes.
+Bytes movieOf(const Bytes& init) {
+    const ByteView movie = moviePart(init);
+    return Bytes(movie.begin(), movie.end());
+}
+
 // The first sample entry of track 1's stsd.
-BoxInfo sampleEntry(const Bytes& movie) {
-    BoxInfo stsd;
-    EXPECT_TRUE(findBox(movie, "moov/trak/mdia/minf/stbl/stsd", stsd));
-    const auto entries = boxesIn(movie, stsd.offset + 16, stsd.offset + stsd.size);
-    return entries.empty() ? BoxInfo{} : entries.front();
+BoxView sampleEntry(const Bytes& movie) {
+    const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
+    const auto entries = stsd ? boxesIn(movie, stsd->contentStart + 8, stsd->end) : std::vector<BoxView>{};
+    return entries.empty() ? BoxView{} : entries.front();
 }
 
 TEST(InitChunk, ContainerFileTypeAndManifestBox) {
@@ -62,10 +63,10 @@ TEST(InitChunk, ContainerFileTypeAndManifestBox) {
         EXPECT_EQ(be32(&bytes[0]), bytes.size() - 16);
         EXPECT_EQ(be32(&bytes[4]), 8u);
         EXPECT_EQ(Bytes(bytes.end() - 8, bytes.end()), hex("00000008 'mfra'"));
-        const Bytes movie = initChunkMoviePart(bytes.data(), bytes.size());
+        const Bytes movie = movieOf(bytes);
         const auto top = boxesIn(movie);
         ASSERT_EQ(top.size(), 3u);
-        EXPECT_EQ(Bytes(movie.begin(), movie.begin() + static_cast<std::ptrdiff_t>(top[0].size)),
+        EXPECT_EQ(slice(movie, 0, top[0].size()),
                   dash ? hex("0000001C 'ftyp' 'dash' 00000001 'isom' 'avc1' 'dash'")
                        : hex("00000020 'ftyp' 'isml' 00000000 'isom' 'iso2' 'piff' 'avc1'"));
         // The manifest box: uuid a5d40b30-e814-11dd-ba2f-0800200c9a66, version and flags 0, then the text.
@@ -73,14 +74,14 @@ TEST(InitChunk, ContainerFileTypeAndManifestBox) {
         const auto uuid = movie.begin() + static_cast<std::ptrdiff_t>(top[1].offset);
         EXPECT_EQ(Bytes(uuid + 8, uuid + 28), hex("a5d40b30e81411ddba2f0800200c9a66 00000000"));
         const std::string text(movie.begin() + static_cast<std::ptrdiff_t>(top[1].offset + 28),
-                               movie.begin() + static_cast<std::ptrdiff_t>(top[1].offset + top[1].size));
+                               movie.begin() + static_cast<std::ptrdiff_t>(top[1].end));
         EXPECT_EQ(text, init.manifest().ToXml());
         EXPECT_EQ(top[2].type, "moov");
         // Track duration unknown in Smooth Streaming (tkhd version 0: the duration after two times, the track id
         // and a reserved word).
-        BoxInfo tkhd;
-        ASSERT_TRUE(findBox(movie, "moov/trak/tkhd", tkhd));
-        EXPECT_EQ(be32(&movie[tkhd.offset + 28]), dash ? 0u : 0xFFFFFFFFu);
+        const auto tkhd = findBox(movie, "moov/trak/tkhd");
+        ASSERT_TRUE(tkhd);
+        EXPECT_EQ(u32In(movie, *tkhd, 20), dash ? 0u : 0xFFFFFFFFu);
     }
 }
 
@@ -98,8 +99,8 @@ TEST(InitChunk, AvcEntryHoldsTheStreamsParameterSets) {
         init.AddStream(1, 10000000, kDurations, H264_VIDEO, videoOf(H264_VIDEO), c.inBand,
                        firstChunkOf("h264_plain", H264_VIDEO), true);
         const Bytes bytes = init.Serialise();
-        const Bytes movie = initChunkMoviePart(bytes.data(), bytes.size());
-        const BoxInfo entry = sampleEntry(movie);
+        const Bytes movie = movieOf(bytes);
+        const BoxView entry = sampleEntry(movie);
         EXPECT_EQ(entry.type, c.type);
         // Visual sample entry: 8 header, 6 reserved, data reference index, 16 bytes, width and height.
         EXPECT_EQ(movie[entry.offset + 32] * 256 + movie[entry.offset + 33], 176);
@@ -136,8 +137,8 @@ TEST(InitChunk, HevcEntryHoldsVpsSpsPps) {
                                  firstChunkOf("hevc_bframes", HEVC_VIDEO), true),
                   1);
         const Bytes bytes = init.Serialise();
-        const Bytes movie = initChunkMoviePart(bytes.data(), bytes.size());
-        const BoxInfo entry = sampleEntry(movie);
+        const Bytes movie = movieOf(bytes);
+        const BoxView entry = sampleEntry(movie);
         EXPECT_EQ(entry.type, inBand ? "hev1" : "hvc1");
         EXPECT_EQ(movie[entry.offset + 32] * 256 + movie[entry.offset + 33], 176);
         EXPECT_EQ(movie[entry.offset + 34] * 256 + movie[entry.offset + 35], 96);
@@ -146,7 +147,7 @@ TEST(InitChunk, HevcEntryHoldsVpsSpsPps) {
         // three arrays of one unit each: completeness, type, count, length, unit. The fields are read from the
         // SPS without its emulation prevention bytes (its zero constraint flags hold some).
         const std::size_t hvcc = entry.offset + 8 + 78;
-        const Bytes sps = es_test::es::unescapeRbsp(sets[1].data(), sets[1].size());
+        const Bytes sps = es::unescapeRbsp(sets[1].data(), sets[1].size());
         EXPECT_EQ(movie[hvcc + 8 + 1], sps[3]);
         EXPECT_EQ(movie[hvcc + 8 + 12], sps[14]);
         std::size_t at = hvcc + 8 + 23;
@@ -155,7 +156,7 @@ TEST(InitChunk, HevcEntryHoldsVpsSpsPps) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(movie[at], (inBand ? 0 : 0x80) | types[i]);
             EXPECT_EQ(be32(&movie[at + 1]) >> 16, 1u);
-            const std::size_t length = (movie[at + 3] << 8) | movie[at + 4];
+            const std::size_t length = be16(&movie[at + 3]);
             EXPECT_EQ(Bytes(movie.begin() + static_cast<std::ptrdiff_t>(at + 5),
                             movie.begin() + static_cast<std::ptrdiff_t>(at + 5 + length)),
                       sets[static_cast<std::size_t>(i)]);
@@ -173,15 +174,13 @@ TEST(InitChunk, AllVideoInInitSharesTrackOne) {
                              firstChunkOf("hevc_bframes", HEVC_VIDEO), false),
               2);
     const Bytes bytes = init.Serialise();
-    const Bytes movie = initChunkMoviePart(bytes.data(), bytes.size());
-    BoxInfo moov;
-    ASSERT_TRUE(findBox(movie, "moov", moov));
-    int traks = 0;
-    for (const BoxInfo& b : boxesIn(movie, moov.offset + 8, moov.offset + moov.size)) traks += b.type == "trak";
-    EXPECT_EQ(traks, 1);
-    BoxInfo stsd;
-    ASSERT_TRUE(findBox(movie, "moov/trak/mdia/minf/stbl/stsd", stsd));
-    EXPECT_EQ(be32(&movie[stsd.offset + 12]), 2u);
+    const Bytes movie = movieOf(bytes);
+    const auto moov = findBox(movie, "moov");
+    ASSERT_TRUE(moov);
+    EXPECT_EQ(childrenOf(movie, *moov, "trak").size(), 1u);
+    const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
+    ASSERT_TRUE(stsd);
+    EXPECT_EQ(u32In(movie, *stsd, 4), 2u);
     // Only the main stream has a manifest entry.
     const std::string xml = init.manifest().ToXml();
     EXPECT_EQ(xml.find("<video"), xml.rfind("<video"));
@@ -198,9 +197,9 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
     // Parameter sets cut short or of garbage: an entry or nothing, never a crash or a read past the data.
     for (std::uint32_t type : {H264_VIDEO, HEVC_VIDEO}) {
         for (const Bytes& unit : {Bytes{0x67}, Bytes{0x42, 0x01, 0x01}, Bytes(40, 0xFF), Bytes{0x67, 0, 0, 0, 0, 0}}) {
-            auto sample = std::make_shared<es_test::samples::Sample>();
-            sample->kind = es_test::samples::KindSequenceParameterSet;
-            auto nal = std::make_unique<es_test::samples::NAL>(-1, static_cast<std::int32_t>(unit.size() + 4));
+            auto sample = std::make_shared<samples::Sample>();
+            sample->kind = samples::KindSequenceParameterSet;
+            auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(unit.size() + 4));
             const Bytes length = {0, 0, 0, static_cast<std::uint8_t>(unit.size())};
             nal->append(length.data(), 4);
             nal->append(unit.data(), static_cast<std::uint32_t>(unit.size()));
@@ -291,4 +290,3 @@ TEST(CodecString, AudioEntries) {
 }
 
 }  // namespace
-}  // namespace chunk_test

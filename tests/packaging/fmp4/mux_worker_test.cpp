@@ -2,96 +2,77 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <thread>
-
-#include "fakes.h"
 #include "support/exceptions/corvane_exception.h"
+#include "tests/common/session_fakes.h"
+#include "tests/common/waiting.h"
 
 namespace {
-using namespace fmp4_test;
+using namespace testkit;
 
-// Waits for a condition that another thread makes true; fails the test only after a long bound.
-template <typename Predicate>
-bool eventually(Predicate predicate) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-// What one session saw. Samples of stream 99 make it fail; while `hold` is set the first sample blocks it.
-struct SessionRecord {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::uint32_t> samples;
-    std::vector<std::uint32_t> ends;
+// What the sessions of a worker saw, in build order. Samples of stream 99 make a session fail; with `hold`, the
+// first session blocks in its first sample until released.
+struct Sessions {
+    std::vector<std::vector<std::uint32_t>> samples;
+    std::vector<std::vector<std::uint32_t>> ends;
     bool holding = false;
     bool released = false;
 };
 
 class RecordingSession : public IMuxSession {
 public:
-    RecordingSession(SessionRecord& record, bool hold) : m_record(record), m_hold(hold) {}
+    RecordingSession(Guarded<Sessions>& record, std::size_t index, bool hold)
+        : m_record(record), m_index(index), m_hold(hold) {}
     void ConsumeSample(std::uint32_t streamId, IMediaData*) override {
         if (streamId == 99) throw CorvaneException("boom");
-        std::unique_lock lock(m_record.mutex);
-        m_record.samples.push_back(streamId);
-        if (m_hold && m_record.samples.size() == 1) {
-            m_record.holding = true;
-            m_record.cv.notify_all();
-            m_record.cv.wait(lock, [this] { return m_record.released; });
-        }
+        m_record.update([&](Sessions& s) {
+            s.samples[m_index].push_back(streamId);
+            s.holding = m_hold && s.samples[m_index].size() == 1;
+        });
+        if (m_hold) m_record.waitFor([](const Sessions& s) { return s.released; });
     }
     void ConsumeEndOfStream(std::uint32_t streamId) override {
-        std::lock_guard lock(m_record.mutex);
-        m_record.ends.push_back(streamId);
+        m_record.update([&](Sessions& s) { s.ends[m_index].push_back(streamId); });
     }
 
 private:
-    SessionRecord& m_record;
+    Guarded<Sessions>& m_record;
+    std::size_t m_index;
     bool m_hold;
 };
 
-struct WorkerFixture {
-    std::recursive_mutex filterLock;
-    RecordingLogger logger;
-    std::vector<std::unique_ptr<SessionRecord>> sessions;
-    std::mutex sessionsMutex;
-    bool holdFirst = false;
-    std::unique_ptr<MuxWorker> worker;
+constexpr std::uint32_t kMarker = 1000;
 
-    WorkerFixture() {
-        worker = std::make_unique<MuxWorker>(filterLock, logger, [this]() -> std::unique_ptr<IMuxSession> {
-            std::lock_guard lock(sessionsMutex);
-            sessions.push_back(std::make_unique<SessionRecord>());
-            return std::make_unique<RecordingSession>(*sessions.back(), holdFirst && sessions.size() == 1);
+struct WorkerFixture {
+    explicit WorkerFixture(bool holdFirst = false) {
+        worker = std::make_unique<MuxWorker>(filterLock, logger, [this, holdFirst]() -> std::unique_ptr<IMuxSession> {
+            std::size_t index = 0;
+            record.update([&](Sessions& s) {
+                index = s.samples.size();
+                s.samples.emplace_back();
+                s.ends.emplace_back();
+            });
+            return std::make_unique<RecordingSession>(record, index, holdFirst && index == 0);
         });
     }
-    SessionRecord& session(std::size_t i) {
-        std::lock_guard lock(sessionsMutex);
-        return *sessions.at(i);
-    }
-    std::size_t sampleCount(std::size_t i) {
-        auto& s = session(i);
-        std::lock_guard lock(s.mutex);
-        return s.samples.size();
-    }
     void push(std::uint32_t id) { worker->push(id, timedBuffer(0).get()); }
-    void waitHolding() {
-        auto& s = session(0);
-        std::unique_lock lock(s.mutex);
-        s.cv.wait(lock, [&] { return s.holding; });
+    void startSession(std::size_t index) {
+        worker->start();
+        awaitSession(index);
     }
-    void release() {
-        auto& s = session(0);
-        std::lock_guard lock(s.mutex);
-        s.released = true;
-        s.cv.notify_all();
+    // Waits until session `index` consumes: a marker put straight into the queue once the session is built
+    // reaches it only when the worker runs it, whatever the worker's state when the marker was queued.
+    void awaitSession(std::size_t index) {
+        ASSERT_TRUE(record.waitFor([&](const Sessions& s) { return s.samples.size() > index; }));
+        worker->queue().push(kMarker, timedBuffer(0));
+        ASSERT_TRUE(record.waitFor([&](const Sessions& s) { return !s.samples[index].empty(); }));
+        ASSERT_EQ(worker->state(), Running);
     }
+    std::vector<std::uint32_t> samplesOf(std::size_t index) const { return record.get().samples.at(index); }
+
+    std::recursive_mutex filterLock;
+    RecordingLogger logger;
+    Guarded<Sessions> record;
+    std::unique_ptr<MuxWorker> worker;
 };
 
 TEST(MuxWorker, SamplesArriveOnlyWhileASessionRuns) {
@@ -101,48 +82,41 @@ TEST(MuxWorker, SamplesArriveOnlyWhileASessionRuns) {
     EXPECT_EQ(f.worker->stats().samplesReceived.load(), 1u);
     EXPECT_EQ(f.worker->queue().size(), 0u);
 
-    f.worker->start();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Running; }));
+    f.startSession(0);
     f.push(1);
     f.push(2);
     f.worker->pushEndOfStream(1);
-    ASSERT_TRUE(eventually([&] { return f.sampleCount(0) == 2 && !f.session(0).ends.empty(); }));
-    EXPECT_EQ(f.session(0).samples, (std::vector<std::uint32_t>{1, 2}));
-    EXPECT_EQ(f.session(0).ends, std::vector<std::uint32_t>{1});
+    ASSERT_TRUE(f.record.waitFor([](const Sessions& s) { return !s.ends[0].empty(); }));
+    EXPECT_EQ(f.samplesOf(0), (std::vector<std::uint32_t>{kMarker, 1, 2}));
+    EXPECT_EQ(f.record.get().ends[0], std::vector<std::uint32_t>{1});
 
+    // A stop ends the session; the next start builds a new one.
     f.worker->stop();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Idle; }));
-    f.push(3);
-    EXPECT_EQ(f.worker->queue().size(), 0u);
-    // Pausing again builds a new session.
-    f.worker->start();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Running && f.worker->sessionsBuilt() == 2; }));
+    f.startSession(1);
     f.push(4);
-    ASSERT_TRUE(eventually([&] { return f.sampleCount(1) == 1; }));
-    EXPECT_EQ(f.worker->stats().samplesReceived.load(), 5u);
+    ASSERT_TRUE(f.record.waitFor([](const Sessions& s) { return s.samples[1].size() == 2; }));
+    EXPECT_EQ(f.samplesOf(1), (std::vector<std::uint32_t>{kMarker, 4}));
+    EXPECT_EQ(f.worker->stats().samplesReceived.load(), 4u);
 }
 
 TEST(MuxWorker, AFailureInTheConsumeLoopRebuildsTheSession) {
     WorkerFixture f;
-    f.worker->start();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Running; }));
+    f.startSession(0);
     f.push(1);
     f.push(99);
-    ASSERT_TRUE(eventually([&] { return f.worker->sessionsBuilt() == 2 && f.worker->state() == Running; }));
-    EXPECT_TRUE(f.logger.contains("0 consuming samples failed: boom"));
+    // The rebuilt session runs without a new start.
+    f.awaitSession(1);
     f.push(2);
-    ASSERT_TRUE(eventually([&] { return f.sampleCount(1) == 1; }));
-    EXPECT_EQ(f.session(0).samples, std::vector<std::uint32_t>{1});
-    EXPECT_EQ(f.session(1).samples, std::vector<std::uint32_t>{2});
+    ASSERT_TRUE(f.record.waitFor([](const Sessions& s) { return s.samples[1].size() == 2; }));
+    EXPECT_TRUE(f.logger.contains("0 consuming samples failed: boom"));
+    EXPECT_EQ(f.samplesOf(0), (std::vector<std::uint32_t>{kMarker, 1}));
+    EXPECT_EQ(f.samplesOf(1), (std::vector<std::uint32_t>{kMarker, 2}));
 }
 
 TEST(MuxWorker, StopDiscardsWhatIsQueuedAndAPushNeverBlocks) {
-    WorkerFixture f;
-    f.holdFirst = true;
-    f.worker->start();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Running; }));
-    f.push(1);
-    f.waitHolding();  // the session is busy with its first sample
+    WorkerFixture f(true);
+    f.startSession(0);  // the session now holds on its first sample
+    ASSERT_TRUE(f.record.waitFor([](const Sessions& s) { return s.holding; }));
     // A million entries queue up behind it; each push returns without waiting for the session.
     constexpr std::size_t kEntries = 1000000;
     MediaDataRef buffer = timedBuffer(0);
@@ -150,21 +124,21 @@ TEST(MuxWorker, StopDiscardsWhatIsQueuedAndAPushNeverBlocks) {
     f.worker->pushEndOfStream(2);
     EXPECT_EQ(f.worker->queue().size(), kEntries + 1);
     f.worker->stop();
-    f.release();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Idle; }));
-    EXPECT_EQ(f.worker->queue().size(), 0u);
-    EXPECT_EQ(f.sampleCount(0), 1u);  // nothing queued at stop time was processed
-    EXPECT_TRUE(f.session(0).ends.empty());
-    EXPECT_EQ(f.worker->stats().samplesReceived.load(), kEntries + 1);
+    f.record.update([](Sessions& s) { s.released = true; });
+    // The next session sees only its own marker: nothing queued at the stop was processed.
+    f.startSession(1);
+    EXPECT_EQ(f.samplesOf(0), std::vector<std::uint32_t>{kMarker});
+    EXPECT_TRUE(f.record.get().ends[0].empty());
+    EXPECT_EQ(f.samplesOf(1), std::vector<std::uint32_t>{kMarker});
+    EXPECT_EQ(f.worker->stats().samplesReceived.load(), kEntries);  // the marker went straight to the queue
 }
 
 TEST(MuxWorker, AStopWhileIdleDoesNotEndTheNextSession) {
     WorkerFixture f;
     f.worker->stop();
-    f.worker->start();
-    ASSERT_TRUE(eventually([&] { return f.worker->state() == Running; }));
+    f.startSession(0);
     f.push(5);
-    ASSERT_TRUE(eventually([&] { return f.sampleCount(0) == 1; }));
+    ASSERT_TRUE(f.record.waitFor([](const Sessions& s) { return s.samples[0].size() == 2; }));
     EXPECT_EQ(f.worker->state(), Running);
 }
 }  // namespace

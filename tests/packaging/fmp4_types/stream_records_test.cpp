@@ -65,7 +65,7 @@ TEST(StreamRecords, DefaultsLabelsAndContentTypes) {
     EXPECT_TRUE(segments.empty());
 }
 
-TEST(SimpleMediaData, TimesFlagsMetadataAndReferenceCount) {
+TEST(SimpleMediaData, TimesMetadataAndReferenceCount) {
     const std::uint8_t bytes[] = {0, 0, 1, 0x65};
     MediaDataRef data = SimpleMediaData::create(bytes, sizeof bytes);
     EXPECT_EQ(data->GetActualDataLength(), 4);
@@ -92,25 +92,12 @@ TEST(SimpleMediaData, TimesFlagsMetadataAndReferenceCount) {
     EXPECT_EQ(data->GetMediaTime(&start, &stop), S_OK);
     EXPECT_EQ(start, t1);
 
-    EXPECT_EQ(data->IsSyncPoint(), S_FALSE);
-    data->SetSyncPoint(true);
-    data->SetDiscontinuity(true);
-    EXPECT_EQ(data->IsSyncPoint(), S_OK);
-    EXPECT_EQ(data->IsDiscontinuity(), S_OK);
-    EXPECT_EQ(data->IsPreroll(), S_FALSE);
-
     DataId id;
     EXPECT_FALSE(data->GetDataId(id));
     data->SetDataId(DataId{77});
     EXPECT_TRUE(data->GetDataId(id));
     EXPECT_EQ(id.value, 77u);
-    DolbyMetadata dolby;
-    EXPECT_FALSE(data->GetDolbyMetadata(dolby));
-    // The record is packed: read its members by value.
-    const std::uint16_t header = dolby.header;
-    const std::int32_t last = dolby.values[17];
-    EXPECT_EQ(header, 0xFFFF);
-    EXPECT_EQ(last, -1);
+    // The parental rating block is copied whole, to its last byte.
     ParentalRatingEventBlock rating;
     rating.bytes[5143] = 9;
     data->SetParentalRating(rating);

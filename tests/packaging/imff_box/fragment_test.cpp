@@ -2,17 +2,68 @@
 // ISO/IEC 23009-1 (emsg) and the Smooth Streaming uuid boxes.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <optional>
+
 #include "packaging/imff_box/fragment_boxes.h"
 #include "packaging/imff_box/fragment_builder.h"
 #include "packaging/imff_box/movie_boxes.h"
-#include "tests/packaging/imff_box/hex_bytes.h"
-#include "tests/packaging/imff_box/test_sample.h"
+#include "tests/common/boxes.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::imff_box;
-using box_test::Bytes;
-using box_test::hex;
-using box_test::TestSample;
+using testkit::Bytes;
+using testkit::hex;
+
+// A sample for the builder: every value may be left unknown.
+class TestSample : public ISample {
+public:
+    std::optional<std::int64_t> pts, dts, duration;
+    std::optional<std::uint64_t> timescale;
+    bool sync = false;
+    std::vector<std::uint8_t> data;
+
+    static TestSample make(std::int64_t pts, std::int64_t dts, std::uint64_t timescale, std::int64_t duration,
+                           std::size_t size, bool sync, std::uint8_t fill = 0) {
+        TestSample s;
+        s.pts = pts;
+        s.dts = dts;
+        s.timescale = timescale;
+        s.duration = duration;
+        s.data.assign(size, fill);
+        s.sync = sync;
+        return s;
+    }
+
+    bool getPts(std::int64_t& v) const override { return get(pts, v); }
+    bool getDts(std::int64_t& v) const override { return get(dts, v); }
+    bool getTimescale(std::uint64_t& v) const override { return get(timescale, v); }
+    bool getDuration(std::int64_t& v) const override { return get(duration, v); }
+    std::uint32_t getSapType() const override { return sync ? 1 : 0; }
+    bool isSync() const override { return sync; }
+    std::size_t getSize() const override { return data.size(); }
+    void getData(std::uint8_t* dest) const override {
+        if (!data.empty()) std::memcpy(dest, data.data(), data.size());
+    }
+    bool getEncryptionInfo(SampleEncryptionInfo&) const override {
+        return false;
+    }
+
+private:
+    template <typename T>
+    static bool get(const std::optional<T>& source, T& out) {
+        if (!source) return false;
+        out = *source;
+        return true;
+    }
+};
+
+template <typename Container>
+std::vector<const ISample*> pointers(const Container& samples) {
+    std::vector<const ISample*> out;
+    for (const auto& s : samples) out.push_back(&s);
+    return out;
+}
 
 TEST(TrackRunBox, EveryFieldPresent) {
     auto trun = std::make_shared<TrackRunBox>(0x000F05);
@@ -30,7 +81,7 @@ TEST(TrackRunBox, EveryFieldPresent) {
     all.degradationPriority = 0x1234;
     trun->addEntry({3600, 1000, all, 7200});
     trun->addEntry({3601, 20, SampleFlags{}, 0});
-    EXPECT_BYTES(box_test::write(trun),
+    EXPECT_BYTES(testkit::writeBox(trun),
                  hex("00000038 'trun' 00 000F05"  // 12 + 4 + 4 + 4 + 2 x 16 = 56
                      "00000002"                   // sample count
                      "00001234"                   // data offset
@@ -65,7 +116,7 @@ TEST(TrackRunBox, EachFlagAddsItsField) {
         trun->setFirstSampleFlags(other);
         trun->addEntry({1024, 100, nonSyncVideo, 3600});
         SCOPED_TRACE(c.flags);
-        EXPECT_BYTES(box_test::write(trun), hex(c.bytes));
+        EXPECT_BYTES(testkit::writeBox(trun), hex(c.bytes));
     }
 }
 
@@ -76,26 +127,26 @@ TEST(FragmentBoxes, HeadersAndDependencies) {
     tfhd->defaultSampleDuration = 1024;
     tfhd->defaultSampleSize = 100;
     tfhd->defaultSampleFlags = 0x01010000;
-    EXPECT_BYTES(box_test::write(tfhd), hex("00000028 'tfhd' 0000003B 00000005 0000000100000000 00000002"
+    EXPECT_BYTES(testkit::writeBox(tfhd), hex("00000028 'tfhd' 0000003B 00000005 0000000100000000 00000002"
                                             "00000400 00000064 01010000"));
-    EXPECT_BYTES(box_test::write(std::make_shared<TrackFragmentDecodeTimeBox>(0x123456789ull)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<TrackFragmentDecodeTimeBox>(0x123456789ull)),
                  hex("00000014 'tfdt' 01000000 0000000123456789"));
-    EXPECT_BYTES(box_test::write(std::make_shared<TrackFragmentDecodeTimeBox>(0x12345678, 0)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<TrackFragmentDecodeTimeBox>(0x12345678, 0)),
                  hex("00000010 'tfdt' 00000000 12345678"));
-    EXPECT_BYTES(box_test::write(std::make_shared<MovieFragmentHeaderBox>(7)), hex("00000010 'mfhd' 00000000 00000007"));
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<MovieFragmentHeaderBox>(7)), hex("00000010 'mfhd' 00000000 00000007"));
 
     auto sdtp = std::make_shared<SampleDependencyTypeBox>();
     sdtp->addSample(sampleDependencyFlags(true, true));    // 00 10 01 00
     sdtp->addSample(sampleDependencyFlags(false, true));   // 00 01 01 00
     sdtp->addSample(sampleDependencyFlags(false, false));  // 00 10 10 00
-    EXPECT_BYTES(box_test::write(sdtp), hex("0000000F 'sdtp' 00000000 24 14 28"));
+    EXPECT_BYTES(testkit::writeBox(sdtp), hex("0000000F 'sdtp' 00000000 24 14 28"));
 }
 
 TEST(FragmentBoxes, SegmentIndex) {
     auto sidx = std::make_shared<SegmentIndexBox>(1, 90000, 0x100000000ull);
     sidx->addReference(1000, 180000, 1);
     sidx->addReference(0x7FFFFFFF, 90000, 2);
-    EXPECT_BYTES(box_test::write(sidx),
+    EXPECT_BYTES(testkit::writeBox(sidx),
                  hex("00000040 'sidx' 01 000000"  // 20 + 16 + 4 + 2 x 12 = 64, version 1
                      "00000001"                   // reference id
                      "00015F90"                   // timescale 90000
@@ -106,13 +157,13 @@ TEST(FragmentBoxes, SegmentIndex) {
                      "7FFFFFFF 00015F90 A0000000"));
     auto v0 = std::make_shared<SegmentIndexBox>(2, 1000, 5, 0);
     v0->addReference(16, 2000, 1);
-    EXPECT_BYTES(box_test::write(v0), hex("0000002C 'sidx' 00000000 00000002 000003E8 00000005 00000000 0000 0001"
+    EXPECT_BYTES(testkit::writeBox(v0), hex("0000002C 'sidx' 00000000 00000002 000003E8 00000005 00000000 0000 0001"
                                           "00000010 000007D0 90000000"));
 }
 
 TEST(FragmentBoxes, EventMessageAndRandomAccess) {
     auto emsg = std::make_shared<EventMessageBox>("urn:a", "1", 90000, 0, 900, 7, Bytes{0xDE, 0xAD});
-    EXPECT_BYTES(box_test::write(emsg),
+    EXPECT_BYTES(testkit::writeBox(emsg),
                  hex("00000026 'emsg' 00000000"  // 12 + 2 + 16 + 5 + 1 + 2 = 38
                      "'urn:a' 00 '1' 00"         // scheme id uri, value
                      "00015F90 00000000"         // timescale, presentation time delta
@@ -122,26 +173,26 @@ TEST(FragmentBoxes, EventMessageAndRandomAccess) {
     auto tfra = std::make_shared<TrackFragmentRandomAccessBox>(1, 1);
     tfra->addEntry(0x10, 0x200);
     tfra->addEntry(0x5, 0x100);  // insertion order is kept
-    EXPECT_BYTES(box_test::write(tfra),
+    EXPECT_BYTES(testkit::writeBox(tfra),
                  hex("0000003E 'tfra' 01000000 00000001 00000000 00000002"  // 24 + 2 x 19 = 62
                      "0000000000000010 0000000000000200 01 01 01"
                      "0000000000000005 0000000000000100 01 01 01"));
     auto tfra0 = std::make_shared<TrackFragmentRandomAccessBox>(2, 0);
     tfra0->addEntry(3, 4);
-    EXPECT_BYTES(box_test::write(tfra0), hex("00000023 'tfra' 00000000 00000002 00000000 00000001 00000003 00000004 010101"));
+    EXPECT_BYTES(testkit::writeBox(tfra0), hex("00000023 'tfra' 00000000 00000002 00000000 00000001 00000003 00000004 010101"));
 }
 
 TEST(FragmentBoxes, SmoothUuidBoxes) {
-    EXPECT_BYTES(box_test::write(std::make_shared<SmoothTfrfBox>(0x0102030405060708ull, 20000000)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<SmoothTfrfBox>(0x0102030405060708ull, 20000000)),
                  hex("0000002D 'uuid' D4807EF2CA3946958E5426CB9E46A79F"  // 24 + 21 = 45
                      "01 000000"                   // version 1, flags 0, written by hand
                      "01"                          // fragment count
                      "0102030405060708"            // next fragment's absolute time
                      "0000000001312D00"));         // its duration
-    EXPECT_BYTES(box_test::write(std::make_shared<TrackFragmentExtendedHeaderBox>(0x11, 20000000)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<TrackFragmentExtendedHeaderBox>(0x11, 20000000)),
                  hex("0000002C 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 01000000"
                      "0000000000000011 0000000001312D00"));
-    EXPECT_BYTES(box_test::write(std::make_shared<TrackFragmentExtendedHeaderBox>(0x11, 2, 0)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<TrackFragmentExtendedHeaderBox>(0x11, 2, 0)),
                  hex("00000024 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 00000000 00000011 00000002"));
 }
 
@@ -157,8 +208,8 @@ TEST(TrackFragmentBuilder, AudioTrafInDash) {
     p.segmentDuration = 3000;
     p.trackTimescale = 48000;
     p.timestampOffset = 100;
-    const TrackFragment fragment = TrackFragmentBuilder::build(p, box_test::pointers(samples));
-    EXPECT_BYTES(box_test::write(fragment.traf),
+    const TrackFragment fragment = TrackFragmentBuilder::build(p, pointers(samples));
+    EXPECT_BYTES(testkit::writeBox(fragment.traf),
                  hex("00000058 'traf'"
                      "  00000010 'tfhd' 00 020000 00000002"  // default-base-is-moof, track 2
                      "  00000014 'tfdt' 01 000000 0000000000000064"  // offset 100 + first DTS 0
@@ -182,8 +233,8 @@ TEST(TrackFragmentBuilder, VideoRunWithReorderingAndRescaling) {
     p.video = true;
     p.segmentDuration = 14400;
     p.trackTimescale = 90000;
-    const TrackFragment fragment = TrackFragmentBuilder::build(p, box_test::pointers(samples));
-    EXPECT_BYTES(box_test::write(fragment.trun),
+    const TrackFragment fragment = TrackFragmentBuilder::build(p, pointers(samples));
+    EXPECT_BYTES(testkit::writeBox(fragment.trun),
                  hex("00000048 'trun' 00 000B05 00000004"  // 12 + 4 + 4 + 4 + 4 x 12 = 72
                      "00000000"                            // data offset
                      "02400000"                            // first sample flags: a sync sample
@@ -201,7 +252,7 @@ TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
     p.video = true;
     p.segmentDuration = 167;
     p.trackTimescale = 1000;
-    auto entries = TrackFragmentBuilder::build(p, box_test::pointers(samples)).trun->getEntries();
+    auto entries = TrackFragmentBuilder::build(p, pointers(samples)).trun->getEntries();
     ASSERT_EQ(entries.size(), 5u);
     // Each duration is the difference of the rescaled times 0, 33, 66, 100, 133 (33.37 ms a frame, cut): the
     // rounding never adds up past one unit, and the last sample takes what is left, 167 - 133.
@@ -210,11 +261,11 @@ TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
 
     // One sample: the whole segment.
     std::vector<TestSample> one = {TestSample::make(0, 0, 30000, 1001, 1, true)};
-    EXPECT_EQ(TrackFragmentBuilder::build(p, box_test::pointers(one)).trun->getEntries()[0].duration, 167u);
+    EXPECT_EQ(TrackFragmentBuilder::build(p, pointers(one)).trun->getEntries()[0].duration, 167u);
 
     // DTS differences past the segment: the last is 0, not negative.
     p.segmentDuration = 100;
-    entries = TrackFragmentBuilder::build(p, box_test::pointers(samples)).trun->getEntries();
+    entries = TrackFragmentBuilder::build(p, pointers(samples)).trun->getEntries();
     EXPECT_EQ(entries[4].duration, 0u);
 }
 
@@ -226,8 +277,8 @@ TEST(TrackFragmentBuilder, ExactRescaleOfLargeTimes) {
     p.segmentDuration = 400000;
     p.trackTimescale = 10000000;
     p.timestampOffset = 1;
-    const auto traf = TrackFragmentBuilder::build(p, box_test::pointers(late)).traf;
-    EXPECT_BYTES(box_test::write(traf->getChildren()[1]), hex("00000014 'tfdt' 01000000 018ABEF7846071C8"));
+    const auto traf = TrackFragmentBuilder::build(p, pointers(late)).traf;
+    EXPECT_BYTES(testkit::writeBox(traf->getChildren()[1]), hex("00000014 'tfdt' 01000000 018ABEF7846071C8"));
 }
 
 TEST(TrackFragmentBuilder, UnknownTimesSkipAndNegativeOffsetsClamp) {
@@ -239,7 +290,7 @@ TEST(TrackFragmentBuilder, UnknownTimesSkipAndNegativeOffsetsClamp) {
     p.video = true;
     p.segmentDuration = 10800;
     p.trackTimescale = 90000;
-    const TrackFragment fragment = TrackFragmentBuilder::build(p, box_test::pointers(samples));
+    const TrackFragment fragment = TrackFragmentBuilder::build(p, pointers(samples));
     const auto& entries = fragment.trun->getEntries();
     ASSERT_EQ(entries.size(), 2u);
     EXPECT_EQ(entries[0].duration, 7200u);  // up to the next sample that takes part
@@ -249,7 +300,7 @@ TEST(TrackFragmentBuilder, UnknownTimesSkipAndNegativeOffsetsClamp) {
     ASSERT_EQ(fragment.samples.size(), 2u);
     EXPECT_EQ(fragment.samples[1], &samples[2]);
     EXPECT_EQ(fragment.payloadSize, 12u);
-    const Bytes trun = box_test::write(fragment.trun);
+    const Bytes trun = testkit::writeBox(fragment.trun);
     EXPECT_BYTES(Bytes(trun.begin() + 12, trun.begin() + 16), hex("00000002"));  // the count matches the entries
 }
 
@@ -263,7 +314,7 @@ TEST(TrackFragmentBuilder, ExtremeTimesNeitherOverflowNorGoNegative) {
     p.segmentDuration = 10;
     p.trackTimescale = 90000;
     p.timestampOffset = INT64_MAX;
-    const auto entries = TrackFragmentBuilder::build(p, box_test::pointers(samples)).trun->getEntries();
+    const auto entries = TrackFragmentBuilder::build(p, pointers(samples)).trun->getEntries();
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0].duration, 0xFFFFFFFFu);  // a gap beyond 32 bits is held at the largest value
     EXPECT_EQ(entries[0].compositionOffset, 0xFFFFFFFFu);
@@ -283,8 +334,8 @@ TEST(TrackFragmentBuilder, SmoothTrafOrderAndFlags) {
     p.dash = false;
     p.writeSampleDescriptionIndex = true;
     p.sampleDescriptionIndex = 2;
-    const TrackFragment fragment = TrackFragmentBuilder::build(p, box_test::pointers(samples));
-    EXPECT_BYTES(box_test::write(fragment.traf),
+    const TrackFragment fragment = TrackFragmentBuilder::build(p, pointers(samples));
+    EXPECT_BYTES(testkit::writeBox(fragment.traf),
                  hex("000000A7 'traf'"                              // 8 + 20 + 44 + 45 + 36 + 14 = 167
                      "  00000014 'tfhd' 00 000002 00000001 00000002"  // no base-is-moof, description index 2
                      "  0000002C 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 01000000"
@@ -297,7 +348,7 @@ TEST(TrackFragmentBuilder, SmoothTrafOrderAndFlags) {
 
     TrackFragmentParameters dash;
     dash.writeSampleDescriptionIndex = false;
-    EXPECT_EQ(TrackFragmentBuilder::build(dash, box_test::pointers(samples)).tfhd->getFlags(), 0x020000u);
+    EXPECT_EQ(TrackFragmentBuilder::build(dash, pointers(samples)).tfhd->getFlags(), 0x020000u);
 }
 
 }  // namespace

@@ -1,19 +1,17 @@
 // Init segment boxes and FileHeader, against layouts worked out from ISO/IEC 14496-12.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "packaging/imff_box/file_header.h"
 #include "packaging/imff_box/movie_boxes.h"
 #include "packaging/imff_box/sample_entry.h"
-#include "tests/packaging/imff_box/hex_bytes.h"
+#include "tests/common/boxes.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::imff_box;
-using box_test::Bytes;
-using box_test::cat;
-using box_test::hex;
-using box_test::zeros;
+using testkit::Bytes;
+using testkit::cat;
+using testkit::hex;
+using testkit::zeros;
 
 const char* kMatrix = "00010000 00000000 00000000 00000000 00010000 00000000 00000000 00000000 40000000";
 
@@ -92,15 +90,15 @@ TEST(FileHeader, SecondEntryOfATrackAndTheExtraBoxInSmoothMode) {
     EXPECT_EQ(boxes[0]->getType(), fourCC("ftyp"));
     EXPECT_EQ(boxes[1]->getType(), fourCC("free"));
     EXPECT_EQ(boxes[2]->getType(), fourCC("moov"));
-    EXPECT_BYTES(box_test::write(boxes[0]), hex("00000020 'ftyp' 'isml' 00000000 'isom' 'iso2' 'piff' 'avc1'"));
+    EXPECT_BYTES(testkit::writeBox(boxes[0]), hex("00000020 'ftyp' 'isml' 00000000 'isom' 'iso2' 'piff' 'avc1'"));
 
     const auto& moov = boxes[2]->getChildren();
     ASSERT_EQ(moov.size(), 3u);  // mvhd, mvex, one trak
-    const Bytes mvhd = box_test::write(moov[0]);
+    const Bytes mvhd = testkit::writeBox(moov[0]);
     EXPECT_BYTES(Bytes(mvhd.begin() + 20, mvhd.begin() + 28), hex("00989680 FFFFFFFF"));  // timescale, duration
     EXPECT_BYTES(Bytes(mvhd.end() - 4, mvhd.end()), hex("00000004"));  // next track id
     const auto& trak = moov[2]->getChildren();
-    const Bytes tkhd = box_test::write(trak[0]);
+    const Bytes tkhd = testkit::writeBox(trak[0]);
     EXPECT_BYTES(Bytes(tkhd.begin() + 28, tkhd.begin() + 32), hex("FFFFFFFF"));  // duration in Smooth mode
     EXPECT_BYTES(Bytes(tkhd.begin() + 36 + 8, tkhd.begin() + 36 + 8 + 4), hex("0000 0000"));  // volume 0 for video
     EXPECT_BYTES(Bytes(tkhd.end() - 8, tkhd.end()), hex("02800000 02D00000"));  // the larger width and height
@@ -123,19 +121,19 @@ TEST(FileHeader, SecondEntryOfATrackAndTheExtraBoxInSmoothMode) {
         hex("'x264'"), zeros(28),                   // name bytes, zero-padded, no length byte
         hex("0018 FFFF"),
     });
-    EXPECT_BYTES(box_test::write(stbl->getChildren()[0]), expected);
+    EXPECT_BYTES(testkit::writeBox(stbl->getChildren()[0]), expected);
 }
 
 TEST(MovieBoxes, HandlersAndMediaHeadersByTrackKind) {
-    EXPECT_BYTES(box_test::write(std::make_shared<HandlerReferenceBox>(TRACK_VIDEO)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<HandlerReferenceBox>(TRACK_VIDEO)),
                  hex("00000026 'hdlr' 00000000 00000000 'vide' 000000000000000000000000 'video' 00"));
-    EXPECT_BYTES(box_test::write(std::make_shared<HandlerReferenceBox>(TRACK_SUBTITLE)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<HandlerReferenceBox>(TRACK_SUBTITLE)),
                  hex("00000025 'hdlr' 00000000 00000000 'subt' 000000000000000000000000 'subt' 00"));
-    EXPECT_BYTES(box_test::write(std::make_shared<HandlerReferenceBox>(9)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<HandlerReferenceBox>(9)),
                  hex("00000021 'hdlr' 00000000 00000000 00000000 000000000000000000000000 00"));
-    EXPECT_BYTES(box_test::write(std::make_shared<VideoMediaHeaderBox>()),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<VideoMediaHeaderBox>()),
                  hex("00000014 'vmhd' 00 000001 0000 000000000000"));
-    EXPECT_BYTES(box_test::write(std::make_shared<HintMediaHeaderBox>(1, 2, 3, 4)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<HintMediaHeaderBox>(1, 2, 3, 4)),
                  hex("0000001C 'hmhd' 00000000 0001 0002 00000003 00000004 00000000"));  // reserved 32
 
     // A subtitle track has sthd in DASH and nmhd in Smooth.
@@ -150,80 +148,43 @@ TEST(MovieBoxes, HandlersAndMediaHeadersByTrackKind) {
 TEST(MovieBoxes, SampleTables) {
     auto stsz = std::make_shared<SampleSizeBox>();
     for (int i = 0; i < 9; ++i) stsz->addSize(3600);
-    EXPECT_BYTES(box_test::write(stsz), hex("00000014 'stsz' 00000000 00000E10 00000009"));  // constant form
+    EXPECT_BYTES(testkit::writeBox(stsz), hex("00000014 'stsz' 00000000 00000E10 00000009"));  // constant form
 
     auto turned = std::make_shared<SampleSizeBox>();
     for (int i = 0; i < 3; ++i) turned->addSize(7);
     turned->addSize(9);  // turns the box over: three 7 then 9
     turned->addSize(7);
-    EXPECT_BYTES(box_test::write(turned),
+    EXPECT_BYTES(testkit::writeBox(turned),
                  hex("00000028 'stsz' 00000000 00000000 00000005 00000007 00000007 00000007 00000009 00000007"));
 
     auto stts = std::make_shared<TimeToSampleBox>();
     for (std::uint32_t d : {1024u, 1024u, 1024u, 512u, 1024u, 1024u}) stts->addDelta(d);
-    EXPECT_BYTES(box_test::write(stts), hex("00000028 'stts' 00000000 00000003"
+    EXPECT_BYTES(testkit::writeBox(stts), hex("00000028 'stts' 00000000 00000003"
                                             "00000003 00000400 00000001 00000200 00000002 00000400"));
 
     auto ctts = std::make_shared<CompositionOffsetBox>();
     ctts->addOffset(2);
     ctts->addOffset(2);
     ctts->addEntry(1, 2);  // always a new entry
-    EXPECT_BYTES(box_test::write(ctts), hex("00000020 'ctts' 00000000 00000002 00000002 00000002 00000001 00000002"));
+    EXPECT_BYTES(testkit::writeBox(ctts), hex("00000020 'ctts' 00000000 00000002 00000002 00000002 00000001 00000002"));
 
     auto stsc = std::make_shared<SampleToChunkBox>();
     stsc->addEntry(1, 30, 2);
-    EXPECT_BYTES(box_test::write(stsc), hex("0000001C 'stsc' 00000000 00000001 00000001 0000001E 00000002"));
+    EXPECT_BYTES(testkit::writeBox(stsc), hex("0000001C 'stsc' 00000000 00000001 00000001 0000001E 00000002"));
 
     auto co64 = std::make_shared<ChunkLargeOffsetBox>();
     co64->addOffset(0x100000000ull);
-    EXPECT_BYTES(box_test::write(co64), hex("00000018 'co64' 00000000 00000001 0000000100000000"));
+    EXPECT_BYTES(testkit::writeBox(co64), hex("00000018 'co64' 00000000 00000001 0000000100000000"));
 
     auto elst = std::make_shared<EditListBox>(1);  // the version-0 entry layout in any version
     elst->addEntry(90000, 3600);
-    EXPECT_BYTES(box_test::write(elst), hex("0000001C 'elst' 01000000 00000001 00015F90 00000E10 0001 0000"));
+    EXPECT_BYTES(testkit::writeBox(elst), hex("0000001C 'elst' 01000000 00000001 00015F90 00000E10 0001 0000"));
 
-    EXPECT_BYTES(box_test::write(std::make_shared<MovieExtendsHeaderBox>(0x1122334455ull, 1)),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<MovieExtendsHeaderBox>(0x1122334455ull, 1)),
                  hex("00000014 'mehd' 01000000 0000001122334455"));
-    EXPECT_BYTES(box_test::write(std::make_shared<DataEntryUrlBox>(0, "a")), hex("0000000E 'url ' 00000000 'a' 00"));
-    EXPECT_BYTES(box_test::write(std::make_shared<DataEntryUrnBox>(0, "n", "l")),
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<DataEntryUrlBox>(0, "a")), hex("0000000E 'url ' 00000000 'a' 00"));
+    EXPECT_BYTES(testkit::writeBox(std::make_shared<DataEntryUrnBox>(0, "n", "l")),
                  hex("00000010 'urn ' 00000000 'n' 00 'l' 00"));
-}
-
-TEST(MovieBoxes, DumpForms) {
-    std::ostringstream out;
-    TrackHeaderBox tkhd(2);
-    tkhd.setVolume(256);
-    tkhd.setWidth(640);
-    tkhd.dump(&out);
-    HandlerReferenceBox(TRACK_AUDIO).dump(&out);
-    SampleSizeBox stsz;
-    stsz.addSize(5);
-    stsz.dump(&out);
-    EXPECT_EQ(out.str(),
-              "<TrackHeaderBox CreationTime=\"0\" ModificationTime=\"0\" TrackID=\"2\" Duration=\"0\" "
-              "m_uiVolume=\"256\" Width=\"640\" Height=\"0\" >\n"
-              "<tkhd_FullBox Size=\"92 Type=\"tkhd\" Version=\"0\" Flags=\"7\"/>\n"
-              "</TrackHeaderBox>\n"
-              "<HandlerReferenceBox HandlerType=\"nuos\" Name=\"audio\" >\n"  // last character first
-              "<hdlr_FullBox Size=\"38 Type=\"hdlr\" Version=\"0\" Flags=\"0\"/>\n"
-              "</HandlerReferenceBox>\n"
-              "<SampleSizeBox SampleSize=\"5\" SampleCount =\"1\">\n"
-              "<stsz_FullBox Size=\"20 Type=\"stsz\" Version=\"0\" Flags=\"0\"/>\n"
-              "</SampleSizeBox>\n");
-
-    // These print on standard output whatever stream they are given.
-    std::ostringstream unused;
-    testing::internal::CaptureStdout();
-    MediaHeaderBox(90000).dump(&unused);
-    SampleToChunkBox().dump(&unused);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "<MediaHeaderBox CreationTime=\"0\" ModificationTime=\"0\" Timescale=\"90000\" Duration=\"0\" "
-              "Language=\"todo\" >\n"
-              "<mdhd_FullBox Size=\"44 Type=\"mdhd\" Version=\"1\" Flags=\"0\"/>\n"
-              "</MediaHeaderBox>\n"
-              "</SampleToChunkBox>\n");
-    EXPECT_EQ(unused.str(), "<SampleToChunkBox EntryCount =\"0\">\n"
-                            "<stsc_FullBox Size=\"16 Type=\"stsc\" Version=\"0\" Flags=\"0\"/>\n");
 }
 
 }  // namespace

@@ -5,11 +5,11 @@
 #include "packaging/imff_samples/sample_builder_audio.h"
 #include "packaging/lib_parse_es/nal_aac.h"
 #include "packaging/lib_parse_es/nal_builder_aac.h"
-#include "tests/packaging/imff_samples/sample_collector.h"
-#include "tests/packaging/lib_parse_es/aac_test_support.h"
+#include "tests/common/samples.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 // Pushes the frames one buffer each, every buffer with its ffprobe time (or only the first with `firstOnly`),
 // each buffer split at a random point.
@@ -200,4 +200,3 @@ TEST(AacSamples, RateChangeAndWrongUnitsAndNoConfiguration) {
 }
 
 }  // namespace
-}  // namespace es_test

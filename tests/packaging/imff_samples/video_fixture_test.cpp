@@ -5,11 +5,11 @@
 
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/lib_parse_es/nal_h264_hevc.h"
-#include "tests/packaging/imff_samples/sample_collector.h"
-#include "tests/packaging/lib_parse_es/es_test_support.h"
+#include "tests/common/samples.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 enum class Times { PtsAndDts, PtsOnly };
 
@@ -183,4 +183,3 @@ TEST(VideoFixtureHevc, InBandParameterSetsAppearOnceEach) {
 }
 
 }  // namespace
-}  // namespace es_test

@@ -5,11 +5,11 @@
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/imff_samples/sample_builder_h264.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
-#include "tests/packaging/imff_samples/sample_collector.h"
-#include "tests/packaging/lib_parse_es/es_test_support.h"
+#include "tests/common/samples.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 using samples::Sample;
 
@@ -182,32 +182,23 @@ TEST(SampleBuilderH264, RandomAccessFollowsTheFirstSliceIntraNotIdr) {
 }
 
 TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
-    {
-        Chain chain;  // no VUI timing
-        H264SpsOptions o;
-        o.timing = false;
-        chain.setup(o);
-        chain.push(h264Slice(5, 2), 0, 0);
+    H264SpsOptions noTiming;
+    noTiming.timing = false;
+    H264SpsOptions rateOfOne;  // time_scale twice num_units_in_tick: a rate of 1/1, refused on purpose
+    rateOfOne.timeScale = 2;
+    struct Case {
+        H264SpsOptions sps;
+        bool timestamps;
+    };
+    for (const Case& c : {Case{noTiming, true}, Case{rateOfOne, true}, Case{H264SpsOptions{}, false}}) {
+        Chain chain;
+        chain.setup(c.sps);
+        chain.push(h264Sei({}));
+        if (c.timestamps) chain.push(h264Slice(5, 2), 0, 0);
+        else chain.push(h264Slice(5, 2));
         chain.builder->flush();
         EXPECT_TRUE(chain.pictures().empty());
         EXPECT_EQ(chain.collector.ends, 1);
-    }
-    {
-        Chain chain;  // time_scale equal to twice num_units_in_tick: a rate of 1/1, refused on purpose
-        H264SpsOptions o;
-        o.timeScale = 2;
-        chain.setup(o);
-        chain.push(h264Slice(5, 2), 0, 0);
-        chain.builder->flush();
-        EXPECT_TRUE(chain.pictures().empty());
-    }
-    {
-        Chain chain;  // no timestamp at all
-        chain.setup();
-        chain.push(h264Sei({}));
-        chain.push(h264Slice(5, 2));
-        chain.builder->flush();
-        EXPECT_TRUE(chain.pictures().empty());
     }
 }
 
@@ -291,4 +282,3 @@ TEST(Sample, BytesInOrderOfAddition) {
 }
 
 }  // namespace
-}  // namespace es_test

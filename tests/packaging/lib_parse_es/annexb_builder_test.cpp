@@ -1,84 +1,15 @@
-// The Annex B builder of H.264 and HEVC: units found across any buffer cut, and their timing.
+// The Annex B builder of H.264 and HEVC: the timing of units, flushes, and the zero-pair search.
 #include <gtest/gtest.h>
 
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
 #include "packaging/lib_parse_es/nal_h264_hevc.h"
-#include "tests/packaging/lib_parse_es/es_test_support.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 using es::NALBuilderH264;
 using es::NALBuilderHEVC;
-
-std::vector<Bytes> unitsOf(const NalCollector& c) {
-    std::vector<Bytes> out;
-    for (std::size_t i = 0; i < c.nals.size(); ++i) out.push_back(c.bytesOf(i));
-    return out;
-}
-
-// Bytes before the first code, 3- and 4-byte codes, a run of five zeros before a code, a unit that ends in
-// zeros, an emulation-prevented 00 00 03, and 00 00 02 that is no start code.
-const Bytes kMixed = {0xAB, 0x00, 0x00, 0x02, 0x11,                    // garbage, never delivered
-                      0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x03, 0x01,  // 4-byte code
-                      0x00, 0x00, 0x01, 0x68, 0xCE, 0x00,                // 3-byte code, ends with a zero
-                      0x00, 0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x02, 0x80,
-                      0x00, 0x00, 0x01, 0x41, 0x9A, 0x00, 0x00};
-
-TEST(AnnexBBuilder, ReferenceSplitOfTheMixedStream) {
-    // The walk that the other tests compare against must itself cut as intended.
-    const std::vector<Bytes> expected = {
-        {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x03, 0x01},
-        {0x00, 0x00, 0x01, 0x68, 0xCE, 0x00, 0x00},  // zeros beyond the four of the next code stay here
-        {0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x02, 0x80},
-        {0x00, 0x00, 0x01, 0x41, 0x9A, 0x00, 0x00}};
-    EXPECT_EQ(referenceUnits(kMixed), expected);
-}
-
-// Every cut into two and into three buffers gives the same units, so a start code split after any of its
-// bytes is found and the unit before it ends exactly at the code's first byte.
-TEST(AnnexBBuilder, EveryCutIntoTwoAndThreeBuffersGivesTheSameUnits) {
-    const std::vector<Bytes> expected = referenceUnits(kMixed);
-    for (std::size_t a = 0; a <= kMixed.size(); ++a) {
-        for (std::size_t b = a; b <= kMixed.size(); ++b) {
-            NALBuilderH264 builder;
-            NalCollector collector;
-            builder.setListener(&collector);
-            pushCut(builder, kMixed, {a, b});
-            builder.flush();
-            ASSERT_EQ(unitsOf(collector), expected) << "cuts at " << a << " and " << b;
-            ASSERT_EQ(collector.ends, 1);
-        }
-    }
-}
-
-TEST(AnnexBBuilder, ByteByByteInputOfARealStreamGivesItsUnits) {
-    const Fixture fixture = loadFixture("h264_hrd_slices");
-    const Bytes head(fixture.bytes.begin(), fixture.bytes.begin() + 20000);
-    NALBuilderH264 builder;
-    NalCollector collector;
-    builder.setListener(&collector);
-    for (std::uint8_t byte : head) builder.push(makeBuffer(&byte, 1).get());
-    builder.flush();
-    EXPECT_EQ(unitsOf(collector), referenceUnits(head));
-}
-
-// A real stream cut once at every byte position of its first picture: the units never change.
-TEST(AnnexBBuilder, RealStreamCutAtEveryPosition) {
-    const Fixture fixture = loadFixture("hevc_bframes");
-    const Bytes head(fixture.bytes.begin(), fixture.bytes.begin() + 4500);
-    const std::vector<Bytes> expected = referenceUnits(head);
-    ASSERT_GT(expected.size(), 6u);
-    for (std::size_t cut = 0; cut <= head.size(); ++cut) {
-        NALBuilderHEVC builder;
-        NalCollector collector;
-        builder.setListener(&collector);
-        pushCut(builder, head, {cut});
-        builder.flush();
-        ASSERT_EQ(unitsOf(collector), expected) << "cut at " << cut;
-        ASSERT_EQ(collector.nals.front()->type, 17);
-    }
-}
 
 TEST(AnnexBBuilder, UnitsTakeTheTimingOfTheBufferTheyStartIn) {
     const Bytes first = {0x00, 0x00, 0x01, 0x09, 0xF0, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00};  // two starts
@@ -192,4 +123,3 @@ TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
 }
 
 }  // namespace
-}  // namespace es_test

@@ -5,10 +5,10 @@
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
 #include "packaging/lib_parse_es/nal_builder_mpeg2.h"
 #include "packaging/lib_parse_es/nal_builder_raw.h"
-#include "tests/packaging/lib_parse_es/es_test_support.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 TEST(Mpeg2Builder, OnlyTheFirstUnitStartingAfterABufferArrivedCarriesItsTime) {
     es::NALBuilderMPEG2 builder;
@@ -31,28 +31,6 @@ TEST(Mpeg2Builder, OnlyTheFirstUnitStartingAfterABufferArrivedCarriesItsTime) {
     EXPECT_FALSE(collector.nals[2]->timing.hasTime);
     EXPECT_EQ(collector.nals[0]->type, 0);
     EXPECT_EQ(collector.ends, 1);
-}
-
-TEST(Mpeg2Builder, EveryCutGivesTheSameUnits) {
-    const Bytes stream = {0x00, 0x00, 0x01, 0xB3, 0x00, 0x00, 0x00, 0x01, 0xB8, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00};
-    std::vector<Bytes> expected;
-    for (std::size_t a = 0; a <= stream.size(); ++a) {
-        for (std::size_t b = a; b <= stream.size(); ++b) {
-            es::NALBuilderMPEG2 builder;
-            NalCollector collector;
-            builder.setListener(&collector);
-            pushCut(builder, stream, {a, b});
-            builder.flush();
-            std::vector<Bytes> units;
-            for (std::size_t i = 0; i < collector.nals.size(); ++i) units.push_back(collector.bytesOf(i));
-            if (expected.empty()) {
-                expected = units;
-                ASSERT_EQ(expected.size(), 3u);
-                EXPECT_EQ(expected[0], (Bytes{0x00, 0x00, 0x01, 0xB3, 0x00}));  // the extra zero stays here
-            }
-            ASSERT_EQ(units, expected) << a << " " << b;
-        }
-    }
 }
 
 TEST(BitPatternBuilder, H263PatternComparesOnlyItsTwentyTwoBits) {
@@ -165,4 +143,3 @@ TEST(NalBuilderFactory, MakesTheBuildersWhoseFramingExists) {
 }
 
 }  // namespace
-}  // namespace es_test

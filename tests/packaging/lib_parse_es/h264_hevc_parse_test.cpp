@@ -5,10 +5,10 @@
 #include "packaging/lib_parse_es/h264_manager.h"
 #include "packaging/lib_parse_es/hevc_sps.h"
 #include "packaging/lib_parse_es/nal_h264_hevc.h"
-#include "tests/packaging/lib_parse_es/es_test_support.h"
+#include "tests/common/synthetic.h"
 
-namespace es_test {
 namespace {
+using namespace testkit;
 
 std::unique_ptr<es::NALH264_HEVC> unit(const Bytes& bytes, bool hevc = false) {
     std::unique_ptr<es::NALH264_HEVC> nal;
@@ -271,4 +271,3 @@ TEST(HevcSps, FixtureSpsGivesItsVuiTiming) {
 }
 
 }  // namespace
-}  // namespace es_test

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "sync_fakes.h"
+#include "tests/packaging/synchronizator/sync_fakes.h"
 
 namespace {
 using namespace sync_test;
@@ -26,7 +26,7 @@ std::int64_t firstTime(const SegmentChunks& segment, std::uint32_t stream) {
     return chunk->samples.empty() ? -1 : chunk->samples.front()->getTime();
 }
 
-std::size_t sampleCount(const RecordingListener& listener, std::uint32_t stream) {
+std::size_t sampleCount(const RecordingListener::Record& listener, std::uint32_t stream) {
     std::size_t count = 0;
     for (const auto& segment : listener.segments) {
         const auto it = segment.chunks.find(stream);
@@ -38,15 +38,18 @@ std::size_t sampleCount(const RecordingListener& listener, std::uint32_t stream)
 struct SyncRun {
     RecordingListener listener;
     RecordingNotifier notifier;
-    NullLogger logger;
+    testkit::RecordingLogger logger;
     std::unique_ptr<SampleSegmentSynchronisator> sync;
     SyncRun(std::uint32_t segmentMs, std::uint32_t gops, bool offline = false) {
         sync = std::make_unique<SampleSegmentSynchronisator>(listener, segmentMs, gops, &notifier, logger, offline);
     }
     void endAll(const std::vector<std::uint32_t>& streams) {
         for (auto id : streams) sync->eof(id);
-        listener.waitForEnd();
+        got = listener.waitForEnd();
+        notes = notifier.record();
     }
+    RecordingListener::Record got;      // what the listener had at the end
+    RecordingNotifier::Record notes;    // what the notifier had at the end
 };
 
 TEST(SegmentSynchroniser, RenditionsAreCutAtTheSameRandomAccessPointsForAnyGopCount) {
@@ -62,13 +65,13 @@ TEST(SegmentSynchroniser, RenditionsAreCutAtTheSameRandomAccessPointsForAnyGopCo
         pushVideo(*run.sync, streams, 1500, 50);
         run.endAll(streams);
 
-        ASSERT_EQ(run.listener.firstSegments.size(), 1u);
-        EXPECT_EQ(run.listener.firstArguments, (std::vector<std::uint64_t>{1000, s.segmentMs, s.segmentMs}));
+        ASSERT_EQ(run.got.firstSegments.size(), 1u);
+        EXPECT_EQ(run.got.firstArguments, (std::vector<std::uint64_t>{1000, s.segmentMs, s.segmentMs}));
         // The first segments carry the configuration samples of each stream.
-        EXPECT_EQ(run.listener.firstSegments[0].chunks.at(1)->samples.size(), 2u);
-        ASSERT_EQ(run.listener.segments.size(), s.segments) << s.segmentMs;
+        EXPECT_EQ(run.got.firstSegments[0].chunks.at(1)->samples.size(), 2u);
+        ASSERT_EQ(run.got.segments.size(), s.segments) << s.segmentMs;
         for (std::size_t k = 0; k < s.segments; ++k) {
-            const auto& segment = run.listener.segments[k];
+            const auto& segment = run.got.segments[k];
             const std::int64_t expected = static_cast<std::int64_t>(k) * s.gops * 2 * kSecond;
             for (auto id : streams) {
                 EXPECT_EQ(firstTime(segment, id), expected) << "segment " << k << " stream " << id;
@@ -76,11 +79,11 @@ TEST(SegmentSynchroniser, RenditionsAreCutAtTheSameRandomAccessPointsForAnyGopCo
                 EXPECT_EQ(segment.chunks.at(id)->duration, static_cast<std::uint64_t>(s.gops * 2 * kSecond));
             }
         }
-        for (auto id : streams) EXPECT_EQ(sampleCount(run.listener, id), 1500u);
-        EXPECT_EQ(run.listener.ends, 1);
+        for (auto id : streams) EXPECT_EQ(sampleCount(run.got, id), 1500u);
+        EXPECT_EQ(run.got.ends, 1);
         // Every cut but the final flush was announced, all on real random access points.
-        EXPECT_EQ(run.notifier.cuts.size(), s.segments - 1);
-        for (const auto& cut : run.notifier.cuts) EXPECT_TRUE(cut.randomAccess);
+        EXPECT_EQ(run.notes.cuts.size(), s.segments - 1);
+        for (const auto& cut : run.notes.cuts) EXPECT_TRUE(cut.randomAccess);
     }
 }
 
@@ -95,11 +98,11 @@ TEST(SegmentSynchroniser, ASparseStreamNeverHoldsACutAndGoesWhereItsTimesFall) {
         if (f == 30 || f == 140) run.sync->pushSample(media(5, f * kFrame, kSecond / 2, true));
     }
     run.endAll({0, 5});
-    ASSERT_EQ(run.listener.segments.size(), 5u);
+    ASSERT_EQ(run.got.segments.size(), 5u);
     // Cue at 1.2 s in segment 0, at 5.6 s in segment 2; the others carry an empty text chunk.
     const std::vector<std::size_t> expected{1, 0, 1, 0, 0};
     for (std::size_t k = 0; k < 5; ++k) {
-        const auto& chunks = run.listener.segments[k].chunks;
+        const auto& chunks = run.got.segments[k].chunks;
         const auto it = chunks.find(5);
         EXPECT_EQ(it == chunks.end() ? 0u : it->second->samples.size(), expected[k]) << k;
     }
@@ -115,7 +118,7 @@ TEST(SegmentSynchroniser, AudioOnlyBoundariesSnapToFramesWithoutDriftOverAnHour)
     for (std::int64_t n = 0; n < frames; ++n)
         run.sync->pushSample(media(3, frameTime(n) + 1000, frameTime(n + 1) - frameTime(n), true));
     run.endAll({3});
-    const auto& segments = run.listener.segments;
+    const auto& segments = run.got.segments;
     // 2 s is 93.75 frames: each boundary is the first frame at or past the previous segment's first frame
     // plus 2 s, so every segment holds exactly 94 frames, from the first to the last hour, and starts on a
     // frame time with no rounding carried over. 168750 frames make 1795 segments and a last one of 20 frames.
@@ -129,7 +132,7 @@ TEST(SegmentSynchroniser, AudioOnlyBoundariesSnapToFramesWithoutDriftOverAnHour)
             ASSERT_EQ(chunk.duration, static_cast<std::uint64_t>(frameTime(first + 94) - frameTime(first)));
         }
     }
-    EXPECT_EQ(sampleCount(run.listener, 3), static_cast<std::size_t>(frames));
+    EXPECT_EQ(sampleCount(run.got, 3), static_cast<std::size_t>(frames));
 }
 
 TEST(SegmentSynchroniser, AMissingKeyFrameGivesAForcedBoundaryOneSegmentAfterTheStart) {
@@ -140,16 +143,16 @@ TEST(SegmentSynchroniser, AMissingKeyFrameGivesAForcedBoundaryOneSegmentAfterThe
     for (std::int64_t f = 0; f < 250; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0 && f != 150));
     run.endAll({0});
     std::vector<std::int64_t> starts;
-    for (const auto& s : run.listener.segments) starts.push_back(firstTime(s, 0));
+    for (const auto& s : run.got.segments) starts.push_back(firstTime(s, 0));
     // The key frame at 6 s is missing: the segment from 4 s is still closed at 6 s.
     EXPECT_EQ(starts, (std::vector<std::int64_t>{0, 2 * kSecond, 4 * kSecond, 6 * kSecond, 8 * kSecond}));
-    ASSERT_EQ(run.notifier.cuts.size(), 4u);
-    EXPECT_TRUE(run.notifier.cuts[1].randomAccess);
-    EXPECT_EQ(run.notifier.cuts[2].time, 6 * kSecond);
-    EXPECT_FALSE(run.notifier.cuts[2].randomAccess);
-    EXPECT_EQ(run.notifier.cuts[2].segmentMs, 2000u);
-    EXPECT_TRUE(run.notifier.cuts[3].randomAccess);
-    EXPECT_FALSE(run.listener.segments[3].chunks.at(0)->samples.front()->isSync());
+    ASSERT_EQ(run.notes.cuts.size(), 4u);
+    EXPECT_TRUE(run.notes.cuts[1].randomAccess);
+    EXPECT_EQ(run.notes.cuts[2].time, 6 * kSecond);
+    EXPECT_FALSE(run.notes.cuts[2].randomAccess);
+    EXPECT_EQ(run.notes.cuts[2].segmentMs, 2000u);
+    EXPECT_TRUE(run.notes.cuts[3].randomAccess);
+    EXPECT_FALSE(run.got.segments[3].chunks.at(0)->samples.front()->isSync());
 }
 
 TEST(SegmentSynchroniser, AForcedBoundaryStopsTheGopCountEarly) {
@@ -164,11 +167,11 @@ TEST(SegmentSynchroniser, AForcedBoundaryStopsTheGopCountEarly) {
         run.sync->pushSample(media(0, f * kFrame, kFrame, key));
     }
     run.endAll({0});
-    ASSERT_GE(run.listener.segments.size(), 3u);
-    EXPECT_EQ(firstTime(run.listener.segments[0], 0), 0);
-    EXPECT_EQ(firstTime(run.listener.segments[1], 0), 6 * kSecond);
-    EXPECT_EQ(firstTime(run.listener.segments[2], 0), 160 * kFrame);  // the next real key frame, at 6.4 s
-    EXPECT_FALSE(run.notifier.cuts[0].randomAccess);
+    ASSERT_GE(run.got.segments.size(), 3u);
+    EXPECT_EQ(firstTime(run.got.segments[0], 0), 0);
+    EXPECT_EQ(firstTime(run.got.segments[1], 0), 6 * kSecond);
+    EXPECT_EQ(firstTime(run.got.segments[2], 0), 160 * kFrame);  // the next real key frame, at 6.4 s
+    EXPECT_FALSE(run.notes.cuts[0].randomAccess);
 }
 
 TEST(SegmentSynchroniser, VideoBuffersStartOnAKeyFrame) {
@@ -179,9 +182,9 @@ TEST(SegmentSynchroniser, VideoBuffersStartOnAKeyFrame) {
     pushVideo(*run.sync, {}, 0, 1);
     for (std::int64_t f = 20; f < 130; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
     run.endAll({0});
-    ASSERT_FALSE(run.listener.segments.empty());
-    EXPECT_EQ(firstTime(run.listener.segments[0], 0), 2 * kSecond);
-    EXPECT_EQ(sampleCount(run.listener, 0), 80u);
+    ASSERT_FALSE(run.got.segments.empty());
+    EXPECT_EQ(firstTime(run.got.segments[0], 0), 2 * kSecond);
+    EXPECT_EQ(sampleCount(run.got, 0), 80u);
 }
 
 TEST(SegmentSynchroniser, DifferingFirstVideoTimesDropTheFirstSegmentOnly) {
@@ -198,9 +201,9 @@ TEST(SegmentSynchroniser, DifferingFirstVideoTimesDropTheFirstSegmentOnly) {
     for (std::int64_t f = 2; f < 200; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
     for (std::int64_t f = 0; f < 200; ++f) run.sync->pushSample(media(1, f * kFrame, kFrame, f % 50 == 0));
     run.endAll({0, 1});
-    ASSERT_EQ(run.listener.segments.size(), 3u);
-    EXPECT_EQ(firstTime(run.listener.segments[0], 0), 2 * kSecond);
-    EXPECT_EQ(firstTime(run.listener.segments[0], 1), 2 * kSecond);
+    ASSERT_EQ(run.got.segments.size(), 3u);
+    EXPECT_EQ(firstTime(run.got.segments[0], 0), 2 * kSecond);
+    EXPECT_EQ(firstTime(run.got.segments[0], 1), 2 * kSecond);
 }
 
 TEST(SegmentSynchroniser, ALateStreamInLiveModeCostsTheOldestSamplesButOfflineLosesNothing) {
@@ -214,26 +217,25 @@ TEST(SegmentSynchroniser, ALateStreamInLiveModeCostsTheOldestSamplesButOfflineLo
         // Stream 0 runs 10 s (5 segments) before stream 1 starts.
         for (std::int64_t f = 0; f <= 250; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
         if (!offline) {
-            run.notifier.waitForDrop();
             // Samples older than the newest (10 s) minus 3 segments (6 s) went: frames 0 to 99.
-            EXPECT_EQ(run.notifier.dropped.front(), 100u);
+            EXPECT_EQ(run.notifier.waitForDrop().front(), 100u);
         }
         for (std::int64_t f = 251; f < 400; ++f) {
             run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
             run.sync->pushSample(media(1, f * kFrame, kFrame, true));
         }
         run.endAll({0, 1});
-        ASSERT_FALSE(run.listener.segments.empty());
+        ASSERT_FALSE(run.got.segments.empty());
         // The video starts the session at its first key frame still held; the audio joins where it begins.
         if (offline) {
-            EXPECT_TRUE(run.notifier.dropped.empty());
-            EXPECT_EQ(firstTime(run.listener.segments[0], 0), 0);
-            EXPECT_EQ(sampleCount(run.listener, 0), 400u);
+            EXPECT_TRUE(run.notes.dropped.empty());
+            EXPECT_EQ(firstTime(run.got.segments[0], 0), 0);
+            EXPECT_EQ(sampleCount(run.got, 0), 400u);
         } else {
-            EXPECT_EQ(firstTime(run.listener.segments[0], 0), 4 * kSecond);
-            EXPECT_EQ(sampleCount(run.listener, 0), 300u);
+            EXPECT_EQ(firstTime(run.got.segments[0], 0), 4 * kSecond);
+            EXPECT_EQ(sampleCount(run.got, 0), 300u);
         }
-        EXPECT_EQ(sampleCount(run.listener, 1), 149u);
+        EXPECT_EQ(sampleCount(run.got, 1), 149u);
     }
 }
 
@@ -249,20 +251,20 @@ TEST(SegmentSynchroniser, EndOfStreamFlushesEverythingOnceWithDataIds) {
         run.sync->pushSample(media(1, f * kFrame, kFrame, true));
     }
     run.endAll({0, 1});
-    ASSERT_EQ(run.listener.segments.size(), 3u);
-    const auto& last = run.listener.segments.back();
+    ASSERT_EQ(run.got.segments.size(), 3u);
+    const auto& last = run.got.segments.back();
     EXPECT_EQ(last.chunks.at(0)->samples.size(), 30u);
     EXPECT_EQ(last.chunks.at(1)->samples.size(), 30u);
     EXPECT_EQ(last.chunks.at(0)->duration, static_cast<std::uint64_t>(30 * kFrame));
     EXPECT_EQ(last.chunks.at(0)->dataIdPresent, 1);
     EXPECT_EQ(last.chunks.at(0)->dataId, 42u);
-    EXPECT_EQ(sampleCount(run.listener, 1), 130u);
-    for (bool flag : run.listener.lastFlags) EXPECT_TRUE(flag);
+    EXPECT_EQ(sampleCount(run.got, 1), 130u);
+    for (bool flag : run.got.lastFlags) EXPECT_TRUE(flag);
     // After the end, samples are ignored and no second end comes.
     run.sync->pushSample(media(0, 200 * kFrame, kFrame, true));
     run.sync->eof(0);
     run.sync.reset();
-    EXPECT_EQ(run.listener.ends, 1);
+    EXPECT_EQ(run.listener.record().ends, 1);
 }
 
 TEST(SegmentSynchroniser, AnEndOfStreamForAnUnknownStreamIsLoggedAndSurvived) {
@@ -272,8 +274,8 @@ TEST(SegmentSynchroniser, AnEndOfStreamForAnUnknownStreamIsLoggedAndSurvived) {
     run.sync->pushSample(config(0, 0, 1));
     run.sync->pushSample(media(0, 0, kFrame, true));
     run.endAll({0});
-    ASSERT_EQ(run.logger.texts.size(), 1u);
-    EXPECT_EQ(run.logger.texts[0], "unable to process sample: invalid map<K, T> key");
-    EXPECT_EQ(sampleCount(run.listener, 0), 1u);
+    ASSERT_EQ(run.logger.entries().size(), 1u);
+    EXPECT_EQ(run.logger.entries()[0].text, "unable to process sample: invalid map<K, T> key");
+    EXPECT_EQ(sampleCount(run.got, 0), 1u);
 }
 }  // namespace

@@ -1,13 +1,12 @@
 #pragma once
 // Synthetic samples and a recording listener for driving a synchroniser in tests and benchmarks.
-#include <condition_variable>
-#include <cstdarg>
-#include <cstdio>
+#include <stdexcept>
 #include <string>
-#include <mutex>
 #include <vector>
 
 #include "packaging/synchronizator/sample_segment_synchronisator.h"
+#include "tests/common/loggers.h"
+#include "tests/common/waiting.h"
 
 namespace sync_test {
 using namespace tvrn::encoding::packaging::synchronizator;
@@ -69,89 +68,70 @@ inline std::shared_ptr<ISyncSample> config(std::uint32_t stream, std::uint32_t i
     return s;
 }
 
-// Keeps every delivery; waits for the end of stream or for a count of segments.
+// Keeps every delivery, from the synchroniser's thread; waits for the end of stream.
 class RecordingListener : public ISynchronizatorListener {
 public:
     void OnChunks(const SegmentChunks& chunks, bool last) override {
-        std::lock_guard lock(m_mutex);
-        segments.push_back(chunks);
-        lastFlags.push_back(last);
-        m_cv.notify_all();
+        m_state.update([&](Record& r) {
+            r.segments.push_back(chunks);
+            r.lastFlags.push_back(last);
+        });
     }
     void OnFirstSegments(const SegmentChunks& first, std::uint64_t timebase, std::uint64_t chunkDuration,
                          std::uint64_t segmentDuration) override {
-        std::lock_guard lock(m_mutex);
-        firstSegments.push_back(first);
-        firstArguments = {timebase, chunkDuration, segmentDuration};
+        m_state.update([&](Record& r) {
+            r.firstSegments.push_back(first);
+            r.firstArguments = {timebase, chunkDuration, segmentDuration};
+        });
     }
     void OnEndOfStream() override {
-        std::lock_guard lock(m_mutex);
-        ++ends;
-        m_cv.notify_all();
+        m_state.update([](Record& r) { ++r.ends; });
     }
     void OnRestart() override {}
 
-    void waitForEnd() {
-        std::unique_lock lock(m_mutex);
-        m_cv.wait(lock, [this] { return ends > 0; });
+    struct Record {
+        std::vector<SegmentChunks> segments;
+        std::vector<bool> lastFlags;
+        std::vector<SegmentChunks> firstSegments;
+        std::vector<std::uint64_t> firstArguments;
+        int ends = 0;
+    };
+    // What was delivered, once the end of stream has come.
+    Record waitForEnd() {
+        if (!m_state.waitFor([](const Record& r) { return r.ends > 0; })) throw std::runtime_error("no end of stream");
+        return m_state.get();
     }
-
-    std::vector<SegmentChunks> segments;
-    std::vector<bool> lastFlags;
-    std::vector<SegmentChunks> firstSegments;
-    std::vector<std::uint64_t> firstArguments;
-    int ends = 0;
+    Record record() const { return m_state.get(); }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
+    testkit::Guarded<Record> m_state;
 };
 
 class RecordingNotifier : public i_chunk_warning_notifier::IChunkWarningNotifier {
 public:
-    void onCut(std::int64_t time, bool rap, std::uint32_t ms) override {
-        std::lock_guard lock(m_mutex);
-        cuts.push_back({time, rap, ms});
-    }
-    void onSamplesDropped(std::uint64_t count) override {
-        std::lock_guard lock(m_mutex);
-        dropped.push_back(count);
-        m_cv.notify_all();
-    }
-    void waitForDrop() {
-        std::unique_lock lock(m_mutex);
-        m_cv.wait(lock, [this] { return !dropped.empty(); });
-    }
     struct Cut {
         std::int64_t time;
         bool randomAccess;
         std::uint32_t segmentMs;
     };
-    std::vector<Cut> cuts;
-    std::vector<std::uint64_t> dropped;
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-};
-
-class NullLogger : public tvrn::log::ILogger {
-public:
-    void WriteMsg(tvrn::log::LOGLEVEL, const char* format, ...) override __attribute__((format(printf, 3, 4))) {
-        std::lock_guard lock(m_mutex);
-        lines.emplace_back(format);
-        va_list args;
-        va_start(args, format);
-        char buffer[512];
-        std::vsnprintf(buffer, sizeof buffer, format, args);
-        va_end(args);
-        texts.emplace_back(buffer);
+    struct Record {
+        std::vector<Cut> cuts;
+        std::vector<std::uint64_t> dropped;
+    };
+    void onCut(std::int64_t time, bool rap, std::uint32_t ms) override {
+        m_state.update([&](Record& r) { r.cuts.push_back({time, rap, ms}); });
     }
-    std::vector<std::string> lines;
-    std::vector<std::string> texts;
+    void onSamplesDropped(std::uint64_t count) override {
+        m_state.update([&](Record& r) { r.dropped.push_back(count); });
+    }
+    std::vector<std::uint64_t> waitForDrop() {
+        if (!m_state.waitFor([](const Record& r) { return !r.dropped.empty(); })) throw std::runtime_error("no drop");
+        return m_state.get().dropped;
+    }
+    Record record() const { return m_state.get(); }
 
 private:
-    std::mutex m_mutex;
+    testkit::Guarded<Record> m_state;
 };
 
 }  // namespace sync_test

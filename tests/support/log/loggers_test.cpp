@@ -6,27 +6,11 @@
 #include "support/log/log_perf.h"
 #include "support/log/ostream_logger.h"
 #include "support/log/prefixed_logger.h"
+#include "tests/common/loggers.h"
 
 namespace {
 using namespace tvrn::log;
-
-// Records what reaches it, level and text.
-class RecordingLogger : public ILogger {
-public:
-    void WriteMsg(LOGLEVEL level, const char* format, ...) override __attribute__((format(printf, 3, 4))) {
-        va_list args;
-        va_start(args, format);
-        char buffer[4096];
-        std::vsnprintf(buffer, sizeof buffer, format, args);
-        va_end(args);
-        levels.push_back(level);
-        texts.emplace_back(buffer);
-        formats.emplace_back(format);
-    }
-    std::vector<LOGLEVEL> levels;
-    std::vector<std::string> texts;
-    std::vector<std::string> formats;
-};
+using testkit::RecordingLogger;
 
 TEST(OstreamLogger, WritesOneLabelledLinePerMessage) {
     std::ostringstream out;
@@ -62,10 +46,11 @@ TEST(PrefixedLogger, KeepsTheLevelAndPassesTheTextAsAnArgument) {
     RecordingLogger target;
     prefixed_logger::PrefixedLogger logger(target, "Fmp4 mux: ");
     logger.WriteMsg(1, "%d%% done", 50);
-    ASSERT_EQ(target.levels.size(), 1u);
-    EXPECT_EQ(target.levels[0], 1u);
-    EXPECT_EQ(target.texts[0], "Fmp4 mux: 50% done");
-    EXPECT_EQ(target.formats[0], "%s%s");
+    const auto got = target.entries();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].level, 1u);
+    EXPECT_EQ(got[0].text, "Fmp4 mux: 50% done");
+    EXPECT_EQ(got[0].format, "%s%s");
 }
 
 TEST(SmartLogPerf, CutsAt259CharactersAndRestoresTheDefaultOnNull) {
@@ -74,16 +59,17 @@ TEST(SmartLogPerf, CutsAt259CharactersAndRestoresTheDefaultOnNull) {
     logger.SetTarget(&target);
     const std::string text(300, 'a');
     logger.WriteMsg(0, "%s", text.c_str());
-    ASSERT_EQ(target.texts.size(), 1u);
-    EXPECT_EQ(target.texts[0], std::string(259, 'a'));
-    EXPECT_EQ(target.formats[0], "%s");
     logger.WriteMsg(3, "short %d", 7);
-    EXPECT_EQ(target.texts[1], "short 7");
-    EXPECT_EQ(target.levels[1], 3u);
+    auto got = target.entries();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].text, std::string(259, 'a'));
+    EXPECT_EQ(got[0].format, "%s");
+    EXPECT_EQ(got[1].text, "short 7");
+    EXPECT_EQ(got[1].level, 3u);
 
     logger.SetTarget(nullptr);
     EXPECT_NE(logger.GetTarget(), &target);
     logger.WriteMsg(2, "to the debug output");
-    EXPECT_EQ(target.texts.size(), 2u);
+    EXPECT_EQ(target.entries().size(), 2u);
 }
 }  // namespace

@@ -1,10 +1,11 @@
 #pragma once
+// A listener that keeps every sample a sample builder delivers.
 #include <memory>
 #include <vector>
 
 #include "packaging/imff_samples/sample.h"
 
-namespace es_test {
+namespace testkit {
 
 namespace samples = tvrn::encoding::packaging::imff::imff_samples;
 
@@ -28,4 +29,4 @@ struct SampleCollector : samples::ISampleListener {
     std::uint32_t endedStream = 0;
 };
 
-}  // namespace es_test
+}  // namespace testkit

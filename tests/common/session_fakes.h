@@ -1,43 +1,16 @@
 #pragma once
-// Recording stand-ins for the parts of a session, for tests.
-#include <cstdarg>
-#include <cstdio>
+// Recording stand-ins for the parts of a session: synchroniser, chunk builder and NAL builder.
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+#include "tests/common/loggers.h"
 
-namespace fmp4_test {
+namespace testkit {
 using namespace tvrn::encoding::packaging::imff::fmp4;
 namespace lib_parse_es = tvrn::encoding::packaging::lib_parse_es;
 namespace imff_samples = tvrn::encoding::packaging::imff::imff_samples;
-
-class RecordingLogger : public tvrn::log::ILogger {
-public:
-    void WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) override __attribute__((format(printf, 3, 4))) {
-        va_list args;
-        va_start(args, format);
-        char buffer[1024];
-        std::vsnprintf(buffer, sizeof buffer, format, args);
-        va_end(args);
-        std::lock_guard lock(m_mutex);
-        m_lines.push_back(std::to_string(level) + " " + buffer);
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(m_mutex);
-        return m_lines;
-    }
-    bool contains(const std::string& line) const {
-        for (const auto& l : lines())
-            if (l == line) return true;
-        return false;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
 
 struct SynchronizatorLog {
     std::vector<std::string> added;  // "id:kind:label"
@@ -119,4 +92,4 @@ inline MediaDataRef timedBuffer(std::int64_t time) {
     return data;
 }
 
-}  // namespace fmp4_test
+}  // namespace testkit

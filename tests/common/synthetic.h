@@ -1,113 +1,14 @@
 #pragma once
-// Helpers of the elementary-stream tests: fixtures from ffmpeg, input buffers, collecting listeners.
+// Streams made bit by bit for the parsing tests: an Exp-Golomb bit writer, H.264 parameter sets, SEI and
+// slices, and AAC configurations, LOAS frames and raw packets around real payloads.
+#include <algorithm>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
-#include <memory>
-#include <optional>
-#include <sstream>
-#include <string>
+#include <initializer_list>
 #include <vector>
 
-#include "packaging/lib_parse_es/nal.h"
-#include "packaging/lib_parse_es/nal_builder.h"
+#include "tests/common/fixtures.h"
 
-namespace es_test {
-
-namespace es = tvrn::encoding::packaging::lib_parse_es;
-using Bytes = std::vector<std::uint8_t>;
-
-// One packet of ffprobe's view of the fixture's transport stream, times at 90 kHz.
-struct Packet {
-    std::int64_t pts = 0;
-    std::int64_t dts = 0;
-    std::int64_t duration = 0;
-    std::size_t size = 0;
-    bool key = false;
-};
-
-struct Fixture {
-    Bytes bytes;                  // the Annex B elementary stream
-    std::vector<Packet> packets;  // in stream (decoding) order; sizes add up to bytes.size()
-};
-
-inline Fixture loadFixture(const std::string& name) {
-    Fixture fixture;
-    const std::string base = std::string(FMP4_TEST_DATA_DIR) + "/" + name;
-    std::ifstream es(base + ".es", std::ios::binary);
-    fixture.bytes.assign(std::istreambuf_iterator<char>(es), std::istreambuf_iterator<char>());
-    std::ifstream csv(base + ".packets.csv");
-    std::string line;
-    while (std::getline(csv, line)) {
-        std::istringstream fields(line);
-        std::string pts, dts, duration, size, flags;
-        std::getline(fields, pts, ',');
-        std::getline(fields, dts, ',');
-        std::getline(fields, duration, ',');
-        std::getline(fields, size, ',');
-        std::getline(fields, flags, ',');
-        if (size.empty()) continue;
-        fixture.packets.push_back({std::stoll(pts), std::stoll(dts), std::stoll(duration),
-                                   static_cast<std::size_t>(std::stoull(size)), flags.find('K') != std::string::npos});
-    }
-    return fixture;
-}
-
-// A buffer with optional presentation and decoding times given at 90 kHz.
-inline es::MediaDataRef makeBuffer(const std::uint8_t* bytes, std::size_t size,
-                                   std::optional<std::int64_t> pts90 = std::nullopt,
-                                   std::optional<std::int64_t> dts90 = std::nullopt) {
-    es::MediaDataRef buffer = tvrn::encoding::packaging::imff::fmp4::SimpleMediaData::create(bytes, size);
-    if (pts90) {
-        const std::int64_t start = es::from90kHz(*pts90);
-        buffer->SetTime(&start, nullptr);
-    }
-    if (dts90) {
-        const std::int64_t start = es::from90kHz(*dts90);
-        buffer->SetMediaTime(&start, nullptr);
-    }
-    return buffer;
-}
-inline es::MediaDataRef makeBuffer(const Bytes& bytes, std::optional<std::int64_t> pts90 = std::nullopt,
-                                   std::optional<std::int64_t> dts90 = std::nullopt) {
-    return makeBuffer(bytes.data(), bytes.size(), pts90, dts90);
-}
-
-struct NalCollector : es::NALListener {
-    void onNal(std::unique_ptr<es::NAL>& nal) override { nals.push_back(std::move(nal)); }
-    void onEnd() override { ++ends; }
-    Bytes bytesOf(std::size_t i) const { return Bytes(nals[i]->bytes(), nals[i]->bytes() + nals[i]->length); }
-    std::vector<std::unique_ptr<es::NAL>> nals;
-    int ends = 0;
-};
-
-// Pushes `stream` cut at the given ascending positions.
-inline void pushCut(es::NALBuilder& builder, const Bytes& stream, const std::vector<std::size_t>& cuts) {
-    std::size_t from = 0;
-    for (std::size_t cut : cuts) {
-        if (cut > from) builder.push(makeBuffer(stream.data() + from, cut - from).get());
-        from = cut;
-    }
-    if (from < stream.size()) builder.push(makeBuffer(stream.data() + from, stream.size() - from).get());
-}
-
-// The units of a stream as a plain walk over its start codes finds them: from each 00 00 01 (with one more
-// leading zero when present) to the next.
-inline std::vector<Bytes> referenceUnits(const Bytes& s) {
-    std::vector<std::size_t> starts;
-    for (std::size_t i = 0; i + 2 < s.size(); ++i) {
-        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) {
-            starts.push_back(i > 0 && s[i - 1] == 0 ? i - 1 : i);
-            i += 2;
-        }
-    }
-    std::vector<Bytes> units;
-    for (std::size_t k = 0; k < starts.size(); ++k) {
-        const std::size_t end = k + 1 < starts.size() ? starts[k + 1] : s.size();
-        units.emplace_back(s.begin() + static_cast<std::ptrdiff_t>(starts[k]), s.begin() + static_cast<std::ptrdiff_t>(end));
-    }
-    return units;
-}
+namespace testkit {
 
 // MSB-first bit writer with Exp-Golomb codes, for building parameter sets and SEI in tests.
 class BitWriter {
@@ -158,10 +59,6 @@ inline Bytes annexB(const Bytes& header, const Bytes& payload) {
     }
     return out;
 }
-
-}  // namespace es_test
-
-namespace es_test {
 
 // Synthetic H.264 units with 4-byte start codes.
 struct H264SpsOptions {
@@ -290,5 +187,96 @@ inline Bytes concat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
+// The ADTS stream with a 2-byte CRC field in every header: protection_absent cleared, frame length + 2.
+inline Bytes withCrc(const AudioFixture& fixture) {
+    Bytes out;
+    for (Bytes frame : packetBytes(fixture)) {
+        const std::uint32_t length = static_cast<std::uint32_t>(frame.size()) + 2;
+        frame[1] &= 0xFE;
+        frame[3] = static_cast<std::uint8_t>((frame[3] & 0xFC) | (length >> 11));
+        frame[4] = static_cast<std::uint8_t>(length >> 3);
+        frame[5] = static_cast<std::uint8_t>((frame[5] & 0x1F) | ((length & 7) << 5));
+        frame.insert(frame.begin() + 7, {0x5A, 0xA5});
+        out.insert(out.end(), frame.begin(), frame.end());
+    }
+    return out;
+}
 
-}  // namespace es_test
+// An AudioSpecificConfig; object types 5 and 29 signal SBR (and PS) explicitly around an AAC-LC core.
+struct AscOptions {
+    unsigned objectType = 2;
+    unsigned samplingIndex = 3;
+    unsigned channels = 2;
+    unsigned extensionIndex = 3;  // for 5 and 29
+};
+
+inline void writeAsc(BitWriter& w, const AscOptions& o) {
+    w.bits(o.objectType, 5);
+    w.bits(o.samplingIndex, 4);
+    w.bits(o.channels, 4);
+    if (o.objectType == 5 || o.objectType == 29) {
+        w.bits(o.extensionIndex, 4);
+        w.bits(2, 5);  // core: AAC-LC
+    }
+    w.bits(0, 3);  // GASpecificConfig: frameLengthFlag, dependsOnCoreCoder, extensionFlag
+}
+
+inline Bytes ascBytes(const AscOptions& o) {
+    BitWriter w;
+    writeAsc(w, o);
+    return w.bytes();  // padded with zeros to a whole byte
+}
+
+inline unsigned ascBits(const AscOptions& o) { return (o.objectType == 5 || o.objectType == 29) ? 25 : 16; }
+
+// One LOAS frame around `payload`: with `config`, a StreamMuxConfig holding that AudioSpecificConfig,
+// otherwise useSameStreamMux.
+inline Bytes latmFrame(const Bytes& payload, const AscOptions* config) {
+    BitWriter w;
+    w.bit(config == nullptr);  // useSameStreamMux
+    if (config != nullptr) {
+        w.bit(false);       // audioMuxVersion
+        w.bit(true);        // allStreamsSameTimeFraming
+        w.bits(0, 6);       // numSubFrames
+        w.bits(0, 4);       // numProgram
+        w.bits(0, 3);       // numLayer
+        writeAsc(w, *config);
+        w.bits(0, 3);       // frameLengthType
+        w.bits(0xFF, 8);    // latmBufferFullness
+        w.bit(false);       // otherDataPresent
+        w.bit(false);       // crcCheckPresent
+    }
+    std::size_t left = payload.size();
+    while (left >= 255) {
+        w.bits(255, 8);
+        left -= 255;
+    }
+    w.bits(left, 8);
+    for (std::uint8_t b : payload) w.bits(b, 8);
+    const Bytes& element = w.bytes();  // the writer pads its last byte with zeros
+    Bytes frame(3 + element.size());
+    frame[0] = 0x56;
+    frame[1] = static_cast<std::uint8_t>(0xE0 | (element.size() >> 8));
+    frame[2] = static_cast<std::uint8_t>(element.size());
+    std::copy(element.begin(), element.end(), frame.begin() + 3);
+    return frame;
+}
+
+inline void putBE32(Bytes& out, std::uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
+}
+
+// One raw packet: marker, size, bit rate, configuration bit length and bytes, payload length, payload.
+inline Bytes rawPacket(const Bytes& payload, const Bytes& config, std::uint32_t configBits,
+                       std::uint32_t bitRate = 64000) {
+    Bytes out = {0xFF, 0xFA, 0xFA, 0xFA};
+    putBE32(out, static_cast<std::uint32_t>(20 + config.size() + payload.size()));
+    putBE32(out, bitRate);
+    putBE32(out, configBits);
+    out.insert(out.end(), config.begin(), config.end());
+    putBE32(out, static_cast<std::uint32_t>(payload.size()));
+    out.insert(out.end(), payload.begin(), payload.end());
+    return out;
+}
+
+}  // namespace testkit

@@ -1,0 +1,216 @@
+#pragma once
+// What a session writes, kept and read back: an output that keeps every chunk, real fixtures fed with their
+// times, and a readable tree of a chunk's boxes (with the engine's chunk reader) for comparing chunks.
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "packaging/fmp4/output/chunk_reader.h"
+#include "packaging/imff_samples/sample_builder.h"
+#include "tests/common/bytes.h"
+#include "tests/common/fixtures.h"
+#include "tests/common/samples.h"
+#include "tests/common/waiting.h"
+
+namespace testkit {
+
+using namespace tvrn::encoding::packaging::imff::fmp4;
+
+struct WrittenChunk {
+    Bytes bytes;
+    bool init = false;
+    bool hasTime = false;
+    std::int64_t time = 0;
+    bool discontinuity = false;
+};
+
+// Keeps every chunk, from whichever thread writes; refuses writes while `refuse` is set.
+class KeepingOutput : public IOutputFmp4 {
+public:
+    bool Write(const std::uint8_t* data, std::size_t size, const std::int64_t* startTime, std::int64_t, bool init,
+               bool discontinuity, bool, std::uint64_t) override {
+        if (refuse) return false;
+        m_state.update([&](State& s) {
+            s.chunks.push_back({Bytes(data, data + size), init, startTime != nullptr, startTime ? *startTime : 0,
+                                discontinuity});
+        });
+        return true;
+    }
+    void EndOfStream() override {
+        m_state.update([](State& s) { ++s.ends; });
+    }
+    bool waitForEnd() {
+        return m_state.waitFor([](const State& s) { return s.ends > 0; });
+    }
+    std::vector<WrittenChunk> chunks() const { return m_state.get().chunks; }
+    std::vector<WrittenChunk> media() const {
+        std::vector<WrittenChunk> out;
+        for (const auto& c : chunks())
+            if (!c.init) out.push_back(c);
+        return out;
+    }
+    int ends() const { return m_state.get().ends; }
+    bool refuse = false;
+
+private:
+    struct State {
+        std::vector<WrittenChunk> chunks;
+        int ends = 0;
+    };
+    Guarded<State> m_state;
+};
+
+// The fixture's packets as input buffers, their 90 kHz times moved by `offset90k`; the first `count` only.
+inline std::vector<es::MediaDataRef> fixtureBuffers(const Fixture& fixture, std::int64_t offset90k,
+                                                    std::size_t count = SIZE_MAX) {
+    std::vector<es::MediaDataRef> buffers;
+    std::size_t offset = 0;
+    for (const Packet& p : fixture.packets) {
+        if (buffers.size() == count) break;
+        buffers.push_back(makeBuffer(fixture.bytes.data() + offset, p.size, p.pts + offset90k, p.dts + offset90k));
+        offset += p.size;
+    }
+    return buffers;
+}
+
+// The first chunk of a stream as the synchroniser gives it: the configuration samples of the fixture.
+inline StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
+    SampleCollector collector;
+    auto nals = es::createNalBuilder(type);
+    auto builder = samples::createSampleBuilder(type, false, &collector);
+    nals->setListener(builder.get());
+    for (const auto& buffer : fixtureBuffers(loadFixture(name), 0)) nals->push(buffer.get());
+    nals->flush();
+    StreamChunk chunk;
+    for (auto& sample : collector.all)
+        if (sample->kind >= samples::KindSequenceParameterSet && sample->kind <= samples::KindVideoParameterSet)
+            chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<samples::Sample>(sample.release())));
+    return chunk;
+}
+
+// The big-endian number at `at` bytes into a box's content.
+inline std::uint32_t u32In(ByteView bytes, const BoxView& box, std::size_t at) {
+    return be32(bytes.data() + box.contentStart + at);
+}
+inline std::uint64_t u64In(ByteView bytes, const BoxView& box, std::size_t at) {
+    return be64(bytes.data() + box.contentStart + at);
+}
+// The children of `box` of one type, in order.
+inline std::vector<BoxView> childrenOf(ByteView bytes, const BoxView& box, const std::string& type) {
+    std::vector<BoxView> out;
+    for (auto& child : boxesIn(bytes, box.contentStart, box.end))
+        if (child.type == type) out.push_back(child);
+    return out;
+}
+
+// The movie part of the init chunk followed by every media chunk: a file that players read.
+inline Bytes playableFile(const std::vector<WrittenChunk>& chunks) {
+    Bytes file;
+    for (const WrittenChunk& chunk : chunks) {
+        const ByteView part = chunk.init ? moviePart(chunk.bytes) : ByteView(chunk.bytes);
+        file.insert(file.end(), part.begin(), part.end());
+    }
+    return file;
+}
+
+namespace detail {
+
+inline std::string field(const char* name, std::uint64_t value) {
+    return std::string(" ") + name + "=" + std::to_string(value);
+}
+
+// Where the children of a box start, for the boxes that hold boxes.
+inline std::size_t childrenAt(const std::string& type) {
+    static const std::string containers = " moov trak mdia minf stbl mvex moof traf dinf edts mfra udta ";
+    if (containers.find(" " + type + " ") != std::string::npos) return 0;
+    if (type == "stsd" || type == "dref") return 8;
+    if (type == "avc1" || type == "avc3" || type == "hvc1" || type == "hev1" || type == "encv") return 78;
+    if (type == "mp4a" || type == "enca" || type == "ac-3" || type == "ec-3" || type == "ac-4") return 28;
+    return SIZE_MAX;
+}
+
+// The fields that tell one chunk from another, by box type.
+inline std::string fieldsOf(ByteView b, const BoxView& box) {
+    const std::string& t = box.type;
+    const std::size_t length = box.end - box.contentStart;
+    if (length < 4 || t == "mdat" || t == "ftyp" || t == "styp") return "";
+    const std::uint8_t version = b[box.contentStart];
+    const std::uint32_t flags = u32In(b, box, 0) & 0xFFFFFF;
+    char text[32];
+    std::snprintf(text, sizeof text, " v=%u flags=%06x", version, flags);
+    std::string out = text;
+    const auto u32 = [&](const char* name, std::size_t at) {
+        if (at + 4 <= length) out += field(name, u32In(b, box, at));
+    };
+    const auto u64 = [&](const char* name, std::size_t at) {
+        if (at + 8 <= length) out += field(name, u64In(b, box, at));
+    };
+    if (t == "mfhd") u32("sequence", 4);
+    if (t == "tfhd") u32("track", 4);
+    if (t == "tkhd") u32("track", version == 1 ? 20 : 12);
+    if (t == "mdhd" || t == "mvhd") u32("timescale", version == 1 ? 20 : 12);
+    if (t == "tfdt") version == 1 ? u64("decodeTime", 4) : u32("decodeTime", 4);
+    if (t == "trun") {
+        // Each sample on a line of its own: duration, size, flags and composition offset, as present.
+        u32("samples", 4);
+        std::size_t at = 8u + (flags & 1 ? 4u : 0u) + (flags & 4 ? 4u : 0u);
+        const unsigned fields = ((flags >> 8) & 1) + ((flags >> 9) & 1) + ((flags >> 10) & 1) + ((flags >> 11) & 1);
+        for (std::uint32_t i = 0; fields > 0 && at + 4 * fields <= length && i < u32In(b, box, 4); ++i) {
+            out += "\n" + std::string(32, ' ') + "sample";
+            for (unsigned f = 0; f < fields; ++f, at += 4) out += " " + std::to_string(u32In(b, box, at));
+        }
+    }
+    if (t == "tnsb" || t == "teoc" || t == "teos") u64("number", 4);
+    if (t == "sidx") {
+        u32("timescale", 8);
+        version == 1 ? u64("earliest", 12) : u32("earliest", 12);
+        if (const auto timing = readChunkTiming(b.subspan(box.offset, box.size()), true))
+            out += field("duration", timing->duration);
+    }
+    if (t == "uuid" && length >= 28 && b[box.contentStart] == 0x6D) {  // Smooth's fragment time
+        out = " tfxd" + field("time", u64In(b, box, 20)) + field("duration", u64In(b, box, 28));
+    }
+    return out;
+}
+
+inline void describe(std::string& out, ByteView b, std::size_t from, std::size_t to, int depth) {
+    for (const BoxView& box : boxesIn(b, from, to)) {
+        out += std::string(static_cast<std::size_t>(depth) * 2, ' ') + box.type + field("size", box.size()) +
+               fieldsOf(b, box);
+        const std::size_t at = childrenAt(box.type);
+        if (at != SIZE_MAX && box.contentStart + at <= box.end) {
+            out += "\n";
+            describe(out, b, box.contentStart + at, box.end, depth + 1);
+            continue;
+        }
+        // Leaves show a checksum of their content, so that a change of payload shows on its line.
+        std::uint32_t hash = 2166136261u;
+        for (std::size_t i = box.contentStart; i < box.end; ++i) hash = (hash ^ b[i]) * 16777619u;
+        char text[16];
+        std::snprintf(text, sizeof text, " #%08x\n", hash);
+        out += text;
+    }
+}
+
+}  // namespace detail
+
+// A tree of the boxes of a chunk, one line a box: type, size, the fields that tell chunks apart and a checksum
+// of each leaf's content. An init chunk shows its movie part and its server manifest line by line.
+inline std::string describeChunk(ByteView chunk, bool init) {
+    std::string out;
+    if (!init) {
+        detail::describe(out, chunk, 0, chunk.size(), 0);
+        return out;
+    }
+    const ByteView movie = moviePart(chunk);
+    out = "movie part" + detail::field("size", movie.size()) + "\n";
+    detail::describe(out, movie, 0, movie.size(), 1);
+    out += "manifest\n" + serverManifest(movie) + "\n";
+    return out;
+}
+
+}  // namespace testkit

@@ -1,0 +1,54 @@
+#pragma once
+// Waiting for what other threads do: state changed under a lock and waited on with a condition variable.
+// A wait gives up after a minute so that a hang fails its test instead of the whole run.
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace testkit {
+
+inline constexpr std::chrono::seconds kWaitLimit{60};
+
+template <typename T>
+class Guarded {
+public:
+    // Changes the value under the lock and wakes every waiter.
+    template <typename F>
+    void update(F&& change) {
+        {
+            std::lock_guard lock(m_mutex);
+            change(m_value);
+        }
+        m_changed.notify_all();
+    }
+    // Waits until `predicate(value)` holds; false if it never does.
+    template <typename P>
+    bool waitFor(P&& predicate) {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, kWaitLimit, [&] { return predicate(m_value); });
+    }
+    T get() const {
+        std::lock_guard lock(m_mutex);
+        return m_value;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    T m_value{};
+};
+
+// For the one state the engine shows only as an atomic it signals to nobody (a worker's state, which a host
+// polls too): yields until `predicate` holds; false if it never does.
+template <typename P>
+bool spinUntil(P&& predicate) {
+    const auto limit = std::chrono::steady_clock::now() + kWaitLimit;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+}  // namespace testkit

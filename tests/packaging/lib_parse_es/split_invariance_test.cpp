@@ -1,0 +1,133 @@
+// Every framing finds the same units however its input is cut into buffers: a start code, a sync word or a
+// header split after any of its bytes is found, and the unit before it ends exactly where the next begins.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "packaging/lib_parse_es/nal_builder.h"
+#include "packaging/lib_parse_es/nal_builder_mpeg2.h"
+#include "tests/common/fixtures.h"
+
+namespace {
+using namespace testkit;
+
+// How a stream is cut: at every pair of positions, at every single position, one byte a buffer, or in random
+// pieces of 1 to `maxPiece` bytes.
+enum class Cuts { EveryPair, EverySingle, ByteByByte, Random };
+
+struct SplitCase {
+    const char* name;
+    std::function<std::unique_ptr<es::NALBuilder>()> makeBuilder;
+    Bytes stream;
+    std::vector<Bytes> expected;
+    Cuts cuts;
+    std::size_t maxPiece = 0;
+};
+
+void PrintTo(const SplitCase& c, std::ostream* os) { *os << c.name; }
+
+// Bytes before the first code, 3- and 4-byte codes, a run of five zeros before a code, a unit that ends in
+// zeros, an emulation-prevented 00 00 03, and 00 00 02 that is no start code.
+const Bytes kMixed = {0xAB, 0x00, 0x00, 0x02, 0x11,                                // garbage, never delivered
+                      0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x03, 0x01,  // 4-byte code
+                      0x00, 0x00, 0x01, 0x68, 0xCE, 0x00,                          // 3-byte code, ends with a zero
+                      0x00, 0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x02, 0x80,
+                      0x00, 0x00, 0x01, 0x41, 0x9A, 0x00, 0x00};
+
+TEST(ReferenceWalk, CutsTheMixedStreamAsIntended) {
+    // The walk that the cases below compare against must itself cut as intended.
+    const std::vector<Bytes> expected = {
+        {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0x00, 0x03, 0x01},
+        {0x00, 0x00, 0x01, 0x68, 0xCE, 0x00, 0x00},  // zeros beyond the four of the next code stay here
+        {0x00, 0x00, 0x00, 0x01, 0x65, 0x88, 0x00, 0x00, 0x02, 0x80},
+        {0x00, 0x00, 0x01, 0x41, 0x9A, 0x00, 0x00}};
+    EXPECT_EQ(referenceUnits(kMixed), expected);
+}
+
+std::function<std::unique_ptr<es::NALBuilder>()> builderOf(std::uint32_t streamType) {
+    return [streamType] { return es::createNalBuilder(streamType); };
+}
+
+Bytes head(const Bytes& bytes, std::size_t size) { return Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)); }
+
+std::vector<SplitCase> splitCases() {
+    const Bytes h264 = head(loadFixture("h264_hrd_slices").bytes, 20000);
+    const Bytes hevc = head(loadFixture("hevc_bframes").bytes, 4500);  // the first picture and a little more
+    const AudioFixture stereo = loadAudioFixture("aac_lc_stereo_48k.adts");
+    const AudioFixture surround = loadAudioFixture("aac_lc_51_44k.adts");
+    const AudioFixture latm = loadAudioFixture("aac_lc_stereo_48k.latm");
+    // MPEG-2 video start codes; a zero before a code stays with the unit before it.
+    const Bytes mpeg2 = {0x00, 0x00, 0x01, 0xB3, 0x00, 0x00, 0x00, 0x01, 0xB8, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00};
+    const std::vector<Bytes> mpeg2Units = {{0x00, 0x00, 0x01, 0xB3, 0x00},
+                                           {0x00, 0x00, 0x01, 0xB8, 0x01},
+                                           {0x00, 0x00, 0x01, 0x00, 0x00}};
+    std::vector<SplitCase> cases = {
+        {"AnnexBMixed", builderOf(es::StreamType::H264_VIDEO), kMixed, referenceUnits(kMixed), Cuts::EveryPair},
+        {"Mpeg2Video", [] { return std::unique_ptr<es::NALBuilder>(std::make_unique<es::NALBuilderMPEG2>()); }, mpeg2, mpeg2Units, Cuts::EveryPair},
+        {"H264Fixture", builderOf(es::StreamType::H264_VIDEO), h264, referenceUnits(h264), Cuts::ByteByByte},
+        {"HevcFixture", builderOf(es::StreamType::HEVC_VIDEO), hevc, referenceUnits(hevc), Cuts::EverySingle},
+    };
+    for (std::size_t maxPiece : {1u, 5u, 300u, 5000u}) {
+        cases.push_back({"AdtsStereo", builderOf(es::StreamType::AAC_ADTS_AUDIO), stereo.bytes, packetBytes(stereo), Cuts::Random,
+                         maxPiece});
+        cases.push_back({"Adts51", builderOf(es::StreamType::AAC_ADTS_AUDIO), surround.bytes, packetBytes(surround), Cuts::Random,
+                         maxPiece});
+        cases.push_back({"Loas", builderOf(es::StreamType::AAC_LATM_AUDIO), latm.bytes, packetBytes(latm), Cuts::Random, maxPiece});
+    }
+    return cases;
+}
+
+// The units of `stream` pushed in buffers that end at `cuts`.
+std::vector<Bytes> unitsFor(const SplitCase& c, const std::vector<std::size_t>& cuts) {
+    auto builder = c.makeBuilder();
+    NalCollector collector;
+    builder->setListener(&collector);
+    std::size_t from = 0;
+    for (std::size_t cut : cuts) {
+        if (cut > from) builder->push(makeBuffer(c.stream.data() + from, cut - from).get());
+        from = std::max(from, cut);
+    }
+    if (from < c.stream.size()) builder->push(makeBuffer(c.stream.data() + from, c.stream.size() - from).get());
+    builder->flush();
+    EXPECT_EQ(collector.ends, 1);
+    return collector.all();
+}
+
+class SplitInvariance : public ::testing::TestWithParam<SplitCase> {};
+
+TEST_P(SplitInvariance, TheSameUnitsWhereverTheBuffersEnd) {
+    const SplitCase& c = GetParam();
+    ASSERT_FALSE(c.expected.empty());
+    const std::size_t n = c.stream.size();
+    switch (c.cuts) {
+        case Cuts::EveryPair:
+            for (std::size_t a = 0; a <= n; ++a)
+                for (std::size_t b = a; b <= n; ++b) ASSERT_EQ(unitsFor(c, {a, b}), c.expected) << a << " " << b;
+            break;
+        case Cuts::EverySingle:
+            for (std::size_t a = 0; a <= n; ++a) ASSERT_EQ(unitsFor(c, {a}), c.expected) << a;
+            break;
+        case Cuts::ByteByByte: {
+            std::vector<std::size_t> every(n);
+            for (std::size_t i = 0; i < n; ++i) every[i] = i + 1;
+            EXPECT_EQ(unitsFor(c, every), c.expected);
+            break;
+        }
+        case Cuts::Random: {
+            auto builder = c.makeBuilder();
+            NalCollector collector;
+            builder->setListener(&collector);
+            pushPieces(*builder, c.stream, 77 + static_cast<std::uint32_t>(c.maxPiece), c.maxPiece);
+            builder->flush();
+            EXPECT_EQ(collector.all(), c.expected);
+            break;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Framings, SplitInvariance, ::testing::ValuesIn(splitCases()),
+                         [](const ::testing::TestParamInfo<SplitCase>& p) {
+                             return std::string(p.param.name) + "_" + std::to_string(p.index);
+                         });
+
+}  // namespace
