@@ -10,7 +10,7 @@ namespace fmp4mux {
 
 class BufferPool {
 public:
-    explicit BufferPool(std::size_t keep = 16) : m_keep(keep) {}
+    explicit BufferPool(std::size_t keep = 4) : m_keep(keep) {}
 
     std::vector<std::uint8_t> take() {
         std::lock_guard lock(m_mutex);
