@@ -39,16 +39,4 @@ private:
     T m_value{};
 };
 
-// For the one state the engine shows only as an atomic it signals to nobody (a worker's state, which a host
-// polls too): yields until `predicate` holds; false if it never does.
-template <typename P>
-bool spinUntil(P&& predicate) {
-    const auto limit = std::chrono::steady_clock::now() + kWaitLimit;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > limit) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 }  // namespace testkit

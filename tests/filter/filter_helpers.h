@@ -70,9 +70,9 @@ private:
     MemAllocator m_allocator;
 };
 
-// Waits until the filter's worker is in `state`: the filter shows it only as a value to poll.
+// Waits until the filter's worker is in `state`.
 inline bool waitForWorker(CMuxFmp4Filter* filter, fmp4::WorkerState state) {
-    return testkit::spinUntil([&] { return filter->workerState() == state; });
+    return filter->waitForWorkerState(state, testkit::kWaitLimit);
 }
 
 // Releases a filter at the end of a scope.
