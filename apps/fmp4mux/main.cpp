@@ -46,12 +46,12 @@ int run(int argc, char** argv) {
         case ParseResult::Run: break;
     }
     if (!checkTemplateSyntax(options, error)) throw ExitError(kExitUsage, error);
-    prepareFolder(options.outputDirectory);
+    checkInputsOutsideOutput(options);
 
     // An interruption ends the run cleanly: the chunks under way are finished and the manifests written.
     RunControl control;
     StopSignals signals([&control] {
-        control.interrupted = true;
+        if (!control.interrupted.exchange(true)) std::cerr << "\nfmp4mux: interrupted, finishing the chunks under way\n";
         control.stop = true;
     });
 
@@ -75,6 +75,8 @@ int run(int argc, char** argv) {
     if (!selectStreams(options.maps, streamLists, selected, error)) throw ExitError(kExitUsage, error);
     const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
     if (plans.empty()) throw ExitError(kExitInput, "the inputs hold no stream that can be packaged");
+    // The output folder is made (and held) only once the inputs are known to be there.
+    const OutputFolder folder(options.outputDirectory);
 
     // Outputs: files through a publisher of their own, the presentation that names them and writes manifests.
     BufferPool rooms;
@@ -116,7 +118,7 @@ int run(int argc, char** argv) {
         const StreamInfo& info = streamLists[static_cast<std::size_t>(plan.input)][plan.stream];
         const int output = static_cast<int>(&plan - plans.data());
         presentation.addOutput(output, info.kind, static_cast<std::uint32_t>(std::max(info.channels, 0)),
-                               static_cast<std::uint32_t>(std::max(info.sampleRate, 0)), plan.bitrateGiven);
+                               static_cast<std::uint32_t>(std::max(info.sampleRate, 0)), plan.bitrateGiven, plan.name);
         // Room for one chunk of a segment and a half at a high rate (40 Mb/s video, 2 Mb/s audio), whatever
         // bitrate the stream announced: the sink copies every buffer at once.
         const double peakBitsPerSecond = info.kind == "video" ? 40e6 : 2e6;
@@ -168,12 +170,7 @@ int run(int argc, char** argv) {
 
     // Progress until every output has ended; a failure or an interruption stops the readers, and the chunks under
     // way are finished.
-    bool told = false;
     while (!packager.waitForEnd(std::chrono::seconds(1))) {
-        if (control.interrupted.load() && !told) {
-            told = true;
-            std::cerr << "\nfmp4mux: interrupted, finishing the chunks under way\n";
-        }
         if (presentation.failure()) control.stop = true;
         if (control.stop.load()) presentation.wake();
         if (!options.quiet)

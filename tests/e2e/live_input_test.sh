@@ -22,7 +22,7 @@ case "$protocol" in
   srt) listen="srt://127.0.0.1:$port?mode=listener"; send="srt://127.0.0.1:$port?pkt_size=1316" ;;
   *) echo "unknown protocol $protocol"; exit 2 ;;
 esac
-"$fmp4mux" -q "$listen" "$work/out" 2>"$work/fmp4mux.log" &
+"$fmp4mux" -q --time-shift-buffer 4 "$listen" "$work/out" 2>"$work/fmp4mux.log" &
 muxer=$!
 sleep 1
 ffmpeg -hide_banner -loglevel error -re -i "$root/samples/sample.ts" -c copy -f mpegts "$send" &
@@ -38,6 +38,11 @@ done
 grep -q 'type="dynamic"' "$mpd" || { echo "the live MPD is not dynamic"; cat "$mpd"; exit 1; }
 grep -q 'availabilityStartTime=' "$mpd" && grep -q 'timeShiftBufferDepth=' "$mpd" || { echo "live timing missing"; exit 1; }
 cp "$mpd" "$work/live.mpd"
+# Players find their clock in the MPD itself, and the delay they start at stays inside the time-shift window.
+grep -q '<UTCTiming schemeIdUri="urn:mpeg:dash:utc:direct:2014" value="' "$work/live.mpd" || { echo "no UTCTiming"; exit 1; }
+seconds() { sed -n "s/.* $1=\"PT\([0-9.]*\)S\".*/\1/p" "$work/live.mpd"; }
+awk -v d="$(seconds suggestedPresentationDelay)" -v w="$(seconds timeShiftBufferDepth)" 'BEGIN { exit !(d > 0 && d < w) }' ||
+  { echo "suggestedPresentationDelay is not inside timeShiftBufferDepth"; cat "$work/live.mpd"; exit 1; }
 xmllint --noout --schema "$root/tests/data/schemas/DASH-MPD.xsd" "$work/live.mpd"
 first=$(grep -c '<S ' "$work/live.mpd" || true)
 wait "$sender"
@@ -52,7 +57,7 @@ xmllint --noout --schema "$root/tests/data/schemas/DASH-MPD.xsd" "$mpd"
 chunks=$(find "$work/out" -name 'chunk_*.mp4' | wc -l)
 echo "live run: $chunks chunk files; timeline entries first seen $first"
 [ "$chunks" -ge 8 ] || { echo "too few chunks from the live input"; cat "$work/fmp4mux.log"; exit 1; }
-# Once the input has ended the MPD is static, with every segment, and the whole presentation decodes.
+# Once the input has ended the MPD is static, with the segments of the window, and they decode.
 grep -q 'type="static"' "$mpd" || { echo "the final MPD is not static"; exit 1; }
 ffmpeg -hide_banner -loglevel error -xerror -i "$mpd" -f null - || { echo "the live output does not decode"; exit 1; }
 echo "live $protocol input: passed"

@@ -29,6 +29,17 @@ void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds)
 
 void clearProgress() { std::fprintf(stderr, "\r\033[K"); }
 
+namespace {
+// A path as a shell reads it back: as it is when it holds only safe characters, else in single quotes.
+std::string shellQuoted(const std::string& path) {
+    if (!path.empty() && path.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:+@%,") == std::string::npos)
+        return path;
+    std::string out = "'";
+    for (const char c : path) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+}  // namespace
+
 void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files, double wallSeconds,
                  const std::string& outputDirectory, const std::string& manifestName, bool dash) {
     const std::string manifest = outputDirectory + "/" + manifestName;
@@ -41,12 +52,13 @@ void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files,
                      "fmp4mux: play it with: ffplay %s\n"
                      "         or serve the folder (python3 -m http.server -d %s 8000) and open\n"
                      "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
-                     std::filesystem::absolute(manifest).lexically_normal().c_str(), outputDirectory.c_str());
+                     shellQuoted(std::filesystem::absolute(manifest).lexically_normal().string()).c_str(),
+                     shellQuoted(outputDirectory).c_str());
     else
         std::fprintf(stderr,
                      "fmp4mux: serve the folder (python3 -m http.server -d %s 8000) and open\n"
                      "         http://localhost:8000/Manifest in a Smooth Streaming player (dash.js with its MSS module)\n",
-                     outputDirectory.c_str());
+                     shellQuoted(outputDirectory).c_str());
 }
 
 }  // namespace fmp4mux

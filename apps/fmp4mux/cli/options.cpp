@@ -1,10 +1,17 @@
 #include "apps/fmp4mux/cli/options.h"
 
+#include "apps/fmp4mux/exit_error.h"
+#include "apps/fmp4mux/model/track.h"
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <limits>
 #include <memory>
+#include <regex>
 #include <set>
 
 #include "support/variable_expander/variable_expander.h"
@@ -28,6 +35,20 @@ bool StreamSelector::matches(const StreamInfo& info) const {
 }
 
 namespace {
+
+bool isPlainName(const std::string& text) {
+    if (text.empty() || text == "." || text == ".." || text.size() > 128) return false;
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' || c == '.';
+    });
+}
+
+// An ISO 639 code of two or three letters, with optional subtags ("en", "fra", "pt-BR"), as manifests take it.
+bool isLanguageCode(const std::string& text) {
+    static const std::regex code("[A-Za-z]{2,3}(-[A-Za-z0-9]{1,8})*");
+    return std::regex_match(text, code);
+}
+
 
 // Base 10 only, the whole text: "010" is ten and "10ms" is refused.
 bool parseInteger(const std::string& text, long long low, long long high, long long& value) {
@@ -192,7 +213,7 @@ with nothing to package; 4 output folder not writable.
            "gop-alt: the same, with another numbering of missing chunks;\n"
            "separate-audio: audio cut on its own duration")
         ->type_name("MODE");
-    number("-g,--gop-duration", "MS", o.gopDurationMs, 1, 600000, "GOP duration of the inputs (default 2000)");
+    number("-g,--gop-duration", "MS", o.gopDurationMs, 100, 600000, "GOP duration of the inputs (default 2000)");
     number("-n,--gops-per-segment", "N", o.gopsPerSegment, 1, 1000, "GOPs in a segment (default 1)");
     number("--audio-segment-duration", "MS", o.audioSegmentDurationMs, 1, 600000,
            "audio segment duration in separate-audio mode (default: the segment duration)");
@@ -205,8 +226,9 @@ with nothing to package; 4 output folder not writable.
     app.add_option_function<std::string>(
            "--stream-name",
            [&o](const std::string& text) {
-               if (text.empty() || text.find('/') != std::string::npos)
-                   refuse("the stream name must be a non-empty name without '/'");
+               if (!isPlainName(text))
+                   refuse("the stream name '" + text + "' must be a plain name: letters, digits, '-', '_' and '.', not "
+                          "'.' or '..'");
                o.streamName = text;
            },
            "the session name, ${sessionId} in templates (default live)")
@@ -232,9 +254,17 @@ with nothing to package; 4 output folder not writable.
                       s.bitrate = static_cast<std::uint32_t>(bps);
                   });
     streamSetting(o, "--language", "STREAM_ID=CODE", "ISO 639 language of a stream",
-                  [](StreamSettings& s, const std::string&, const std::string& value) { s.language = value; });
-    streamSetting(o, "--name", "STREAM_ID=NAME", "name of a stream",
-                  [](StreamSettings& s, const std::string&, const std::string& value) { s.name = value; });
+                  [](StreamSettings& s, const std::string& id, const std::string& value) {
+                      if (!isLanguageCode(value))
+                          refuse("--language " + id + ": '" + value + "' is not a language code (ISO 639, e.g. 'fra')");
+                      s.language = value;
+                  });
+    streamSetting(o, "--name", "STREAM_ID=NAME", "name of a stream: its representation id, ${representationId}",
+                  [](StreamSettings& s, const std::string& id, const std::string& value) {
+                      if (!isPlainName(value))
+                          refuse("--name " + id + ": '" + value + "' must be a plain name: letters, digits, '-', '_' and '.'");
+                      s.name = value;
+                  });
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");
@@ -276,6 +306,10 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
     options.outputDirectory = line.positional.back();
     line.positional.pop_back();
     options.inputs = line.positional;
+    if (std::count(options.inputs.begin(), options.inputs.end(), std::string("-")) > 1) {
+        error = "standard input ('-') can be read only once";
+        return ParseResult::Error;
+    }
 
     const int validatorMode = options.dash ? 1 : 0;
     std::string why;
@@ -287,6 +321,11 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         error = "media template '" + options.mediaTemplateOrDefault() + "': " + why;
         return ParseResult::Error;
     }
+    for (const std::string& text : {options.initTemplateOrDefault(), options.mediaTemplateOrDefault()})
+        if (!nameStaysInside(text, why)) {
+            error = "template '" + text + "': " + why;
+            return ParseResult::Error;
+        }
     return ParseResult::Run;
 }
 
@@ -322,6 +361,20 @@ bool selectStreams(const std::vector<StreamSelector>& maps, const std::vector<st
     return true;
 }
 
+void checkInputsOutsideOutput(const Options& options) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const fs::path out = fs::weakly_canonical(options.outputDirectory, ignored);
+    for (const std::string& input : options.inputs) {
+        if (input == "-" || input.find("://") != std::string::npos) continue;
+        const fs::path in = fs::weakly_canonical(input, ignored);
+        const auto [o, i] = std::mismatch(out.begin(), out.end(), in.begin(), in.end());
+        if (o == out.end() && i != in.end())
+            throw ExitError(kExitUsage, "the input '" + input + "' is inside the output folder '" +
+                                            options.outputDirectory + "', where the run could overwrite it");
+    }
+}
+
 bool checkTemplateSyntax(const Options& options, std::string& error) {
     for (const std::string& text : {options.initTemplateOrDefault(), options.mediaTemplateOrDefault()}) {
         std::string result;
@@ -344,8 +397,18 @@ bool checkTemplateSyntax(const Options& options, std::string& error) {
 
 std::vector<StreamPlan> planStreams(const Options& options, const std::vector<std::vector<StreamInfo>>& inputs,
                                     const std::vector<std::vector<bool>>& selected) {
+    // Settings must name a stream that exists, and fit it.
+    for (const auto& [id, given] : options.streams) {
+        const StreamInfo* found = nullptr;
+        for (const auto& streams : inputs)
+            for (const StreamInfo& info : streams)
+                if (std::to_string(info.input) + ":" + std::to_string(info.sourceIndex) == id) found = &info;
+        if (found == nullptr) throw ExitError(kExitUsage, "stream " + id + " named by a stream setting does not exist");
+        if (given.language && found->kind == "video")
+            throw ExitError(kExitUsage, "--language " + id + ": stream " + id + " is video, which has no language");
+    }
     std::vector<StreamPlan> plans;
-    std::set<std::string> usedBitrates;
+    std::set<std::string> usedBitrates, usedNames;
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         for (std::size_t k = 0; k < inputs[d].size(); ++k) {
             if (!selected[d][k]) continue;
@@ -362,6 +425,8 @@ std::vector<StreamPlan> planStreams(const Options& options, const std::vector<st
             plan.bitrateGiven = settings.bitrate.has_value();
             plan.language = settings.language.value_or(info.language.empty() ? "und" : info.language);
             plan.name = settings.name.value_or(info.kind + std::to_string(plans.size()));
+            if (!usedNames.insert(plan.name).second)
+                throw ExitError(kExitUsage, "two streams are named '" + plan.name + "'");
             plans.push_back(std::move(plan));
         }
     }

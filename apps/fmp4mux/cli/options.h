@@ -65,6 +65,9 @@ std::string usageText();
 // `error` saying why, when one does not.
 bool checkTemplateSyntax(const Options& options, std::string& error);
 
+// Refuses (ExitError, bad command line) an input file inside the output folder, where the run could overwrite it.
+void checkInputsOutsideOutput(const Options& options);
+
 // Which streams of each input (`inputs[i]` is input i's stream list) are packaged: every one when there is no
 // selector, otherwise those that some selector matches. False, with `error` naming the selector, when a selector
 // matches no stream.
@@ -79,12 +82,12 @@ struct StreamPlan {
     std::uint32_t bitrate = 0;
     bool bitrateGiven = false;
     std::string language;
-    std::string name;
+    std::string name;        // its representation id
 };
 
 // The selected streams in input order, with their bitrates (given, the input's, or a default by kind; quality
 // levels of one kind get distinct bitrates, since Smooth names their folders and URLs by them), languages and
-// names.
+// names. Raises ExitError when a stream setting names no stream or does not fit it, or two names are the same.
 std::vector<StreamPlan> planStreams(const Options& options, const std::vector<std::vector<StreamInfo>>& inputs,
                                     const std::vector<std::vector<bool>>& selected);
 

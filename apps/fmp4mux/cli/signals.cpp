@@ -13,6 +13,8 @@ sigset_t stopSignals() {
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);   // the terminal went away
+    sigaddset(&set, SIGPIPE);  // standard output or error went away: writes to it fail instead
     return set;
 }
 }  // namespace

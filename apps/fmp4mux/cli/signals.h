@@ -1,5 +1,5 @@
 #pragma once
-// Interruptions (SIGINT, SIGTERM) end a run cleanly: a thread of its own waits for them, so that what it does
+// Interruptions (SIGINT, SIGTERM, SIGHUP, SIGPIPE) end a run cleanly: a thread of its own waits for them, so that what it does
 // about one (wake the waiting threads, finish the chunks under way) needs none of the care of a signal handler.
 // Made before any other thread starts: the signals are blocked in this thread and so in every thread made after.
 #include <functional>

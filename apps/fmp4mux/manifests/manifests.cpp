@@ -26,6 +26,14 @@ std::string escape(const std::string& text) {
     return out;
 }
 
+// Three segments behind the live edge, but always inside the time-shift window, with a segment to spare where
+// the window allows it.
+double suggestedDelay(const MpdTiming& timing) {
+    const double segment = timing.maxSegmentMs / 1000.0;
+    const double window = timing.timeShiftBufferSeconds;
+    return std::min(3.0 * segment, std::max(window - segment, window / 2.0));
+}
+
 }  // namespace
 
 std::string isoDuration(double seconds) {
@@ -58,7 +66,7 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
         out += " type=\"dynamic\" availabilityStartTime=\"" + timing.availabilityStartTime + "\" publishTime=\"" +
                timing.publishTime + "\" minimumUpdatePeriod=\"" + isoDuration(timing.maxSegmentMs / 1000.0) +
                "\" timeShiftBufferDepth=\"" + isoDuration(timing.timeShiftBufferSeconds) +
-               "\" suggestedPresentationDelay=\"" + isoDuration(3.0 * timing.maxSegmentMs / 1000.0) + "\"";
+               "\" suggestedPresentationDelay=\"" + isoDuration(suggestedDelay(timing)) + "\"";
     } else {
         out += " type=\"static\" mediaPresentationDuration=\"" + isoDuration(duration) + "\"";
     }
@@ -130,7 +138,13 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
         out += "</AdaptationSet>\n";
     }
     indent(out, 1);
-    out += "</Period>\n</MPD>\n";
+    out += "</Period>\n";
+    if (timing.dynamic) {
+        // Players set their clock from the MPD itself: no time server is needed, and none outside is reached.
+        indent(out, 1);
+        out += "<UTCTiming schemeIdUri=\"urn:mpeg:dash:utc:direct:2014\" value=\"" + timing.publishTime + "\"/>\n";
+    }
+    out += "</MPD>\n";
     return out;
 }
 

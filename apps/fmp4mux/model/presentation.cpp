@@ -1,6 +1,7 @@
 #include "apps/fmp4mux/model/presentation.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "packaging/fmp4/output/chunk_reader.h"
 #include "support/variable_expander/variable_expander.h"
@@ -22,13 +23,13 @@ Presentation::Presentation(PresentationSettings settings, Publisher& publisher, 
       m_now(now ? std::move(now) : WallClock(systemNow)), m_live(m_settings.live) {}
 
 void Presentation::addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
-                             bool bitrateGiven) {
+                             bool bitrateGiven, const std::string& representationId) {
     std::lock_guard lock(m_mutex);
     Output& out = m_outputs[index];
     out.track.kind = kind;
     out.track.channels = channels;
     out.track.sampleRate = sampleRate;
-    out.track.representationId = kind + std::to_string(index);
+    out.track.representationId = representationId;
     out.nextNumber = m_settings.firstNumber;
     out.bitrateGiven = bitrateGiven;
 }
@@ -209,7 +210,10 @@ std::string Presentation::expandName(const std::string& pattern, const Output& o
     variables.add("time", std::to_string(time));
     variables.add("number", std::to_string(number));
     variables.add("ext", "mp4");
-    return ve::expand(pattern, variables);
+    std::string name = ve::expand(pattern, variables);
+    std::string why;
+    if (!nameStaysInside(name, why)) throw std::runtime_error("the file name '" + name + "' is refused: " + why);
+    return name;
 }
 
 // The media template as a manifest states it: DASH placeholders, or Smooth's {bitrate} and {start time}.
@@ -220,7 +224,9 @@ std::string Presentation::manifestMediaTemplate(const Output& out) const {
     variables.add("ext", "mp4");
     if (m_settings.dash) {
         variables.add("representationId", "$RepresentationID$");
-        variables.add("bitrate", "$Bandwidth$");
+        // The files are named by the stream's own bitrate, which may differ from the bandwidth the MPD
+        // announces (the peak measured): the template states the number itself.
+        variables.add("bitrate", std::to_string(out.track.bitrate));
         variables.add("time", "$Time$");
         variables.add("number", "$Number$");
     } else {

@@ -40,7 +40,7 @@ public:
     // the init chunk's manifest says nothing of them; `bitrateGiven`: the operator stated the bitrate, and the
     // manifests announce it as is.
     void addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
-                   bool bitrateGiven);
+                   bool bitrateGiven, const std::string& representationId);
 
     // A whole chunk of output `index`, given away.
     void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk);

@@ -113,4 +113,25 @@ std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t
     return count;
 }
 
+bool nameStaysInside(const std::string& text, std::string& why) {
+    if (!text.empty() && text.front() == '/') {
+        why = "names must be relative to the output folder";
+        return false;
+    }
+    if (text.find_first_of("#?%\\") != std::string::npos) {
+        why = "names must not hold '#', '?', '%' or '\\', which break URLs";
+        return false;
+    }
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        const std::size_t end = std::min(text.find('/', start), text.size());
+        if (text.compare(start, end - start, "..") == 0) {
+            why = "names must not leave the output folder ('..')";
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
+}
+
 }  // namespace fmp4mux

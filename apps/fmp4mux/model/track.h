@@ -45,4 +45,8 @@ std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t
 // False when the text is not a manifest with one video or audio entry.
 bool readServerManifest(const std::string& xml, bool dash, Track& track);
 
+// A file name (or a naming template's literal text) stays below the output folder and reads the same as a URL:
+// no absolute path, no '..' segment, none of '#', '?', '%', '\\'. False, with `why`, when it does not.
+bool nameStaysInside(const std::string& name, std::string& why);
+
 }  // namespace fmp4mux

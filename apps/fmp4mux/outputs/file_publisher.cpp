@@ -2,6 +2,8 @@
 
 #include "apps/fmp4mux/exit_error.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,17 +14,33 @@
 
 namespace fmp4mux {
 
-void prepareFolder(const std::string& dir) {
+OutputFolder::OutputFolder(const std::string& dir) {
     std::error_code code;
     std::filesystem::create_directories(dir, code);
     if (code || !std::filesystem::is_directory(dir))
         throw ExitError(kExitOutput, "cannot create the output folder '" + dir + "'" + (code ? ": " + code.message() : ""));
-    const std::string probe = dir + "/.fmp4mux-write-test";
-    std::FILE* file = std::fopen(probe.c_str(), "wb");
-    if (file == nullptr)
+    const std::string lockPath = dir + "/.fmp4mux.lock";
+    m_lock = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (m_lock < 0)
         throw ExitError(kExitOutput, "the output folder '" + dir + "' is not writable: " + std::strerror(errno));
-    std::fclose(file);
-    std::remove(probe.c_str());
+    if (::flock(m_lock, LOCK_EX | LOCK_NB) != 0) {
+        char holder[32] = {};
+        const ssize_t n = ::pread(m_lock, holder, sizeof holder - 1, 0);
+        ::close(m_lock);
+        m_lock = -1;
+        throw ExitError(kExitOutput, "the output folder '" + dir + "' is in use by another fmp4mux" +
+                                         (n > 0 ? " (process " + std::string(holder, static_cast<std::size_t>(n)) + ")" : ""));
+    }
+    const std::string pid = std::to_string(::getpid());
+    if (::ftruncate(m_lock, 0) != 0 || ::pwrite(m_lock, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+        ::close(m_lock);
+        m_lock = -1;
+        throw ExitError(kExitOutput, "the output folder '" + dir + "' is not writable: " + std::strerror(errno));
+    }
+}
+
+OutputFolder::~OutputFolder() {
+    if (m_lock >= 0) ::close(m_lock);
 }
 
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,

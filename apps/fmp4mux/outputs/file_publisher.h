@@ -37,9 +37,20 @@ private:
     std::thread m_thread;
 };
 
-// Makes the folder when it is missing and checks that files can be written in it. Raises ExitError (output folder
-// not writable) when not.
-void prepareFolder(const std::string& folder);
+// The output folder, made when it is missing and held for one run: a second fmp4mux writing into the same folder
+// would interleave its files with this one's, so it is refused. The lock is on ".fmp4mux.lock" in the folder and
+// ends with the process. Raises ExitError (output folder not usable) when the folder cannot be made or written,
+// or another fmp4mux holds it.
+class OutputFolder {
+public:
+    explicit OutputFolder(const std::string& folder);
+    ~OutputFolder();
+    OutputFolder(const OutputFolder&) = delete;
+    OutputFolder& operator=(const OutputFolder&) = delete;
+
+private:
+    int m_lock = -1;
+};
 
 // Writes the ranges of `bytes` (all of it when there are none) to `path` through a temporary name and a rename.
 // Raises std::runtime_error with the reason on failure.

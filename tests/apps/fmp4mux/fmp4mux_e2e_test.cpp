@@ -477,4 +477,66 @@ TEST_P(TimestampJumps, TimelineStaysContinuousAndEveryFrameDecodes) {
 INSTANTIATE_TEST_SUITE_P(Splices, TimestampJumps,
                          ::testing::Values(std::make_pair("forward", 5000), std::make_pair("backward", -100)),
                          [](const auto& test) { return std::string(test.param.first); });
+
+// What operators get wrong is refused with exit 2 (4 for the output folder) and a message that says what.
+TEST_F(Fmp4muxEndToEnd, OperatorMistakesAreRefusedBeforeAnythingIsWritten) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "refused";
+    fs::create_directories(out);
+    fs::copy_file(source, out / "inside.ts", fs::copy_options::overwrite_existing);
+    const struct {
+        std::string args;
+        int exitCode;
+        std::string message;
+    } cases[] = {
+        {"--bitrate 0:7=100000 " + quote(source.string()), 2, "stream 0:7 named by a stream setting does not exist"},
+        {"--language 0:0=fra " + quote(source.string()), 2, "stream 0:0 is video, which has no language"},
+        {"--name 0:0=same --name 0:1=same " + quote(source.string()), 2, "two streams are named 'same'"},
+        {quote((out / "inside.ts").string()), 2, "is inside the output folder"},
+        // A second fmp4mux on a folder that one already writes to (flock holds its lock meanwhile).
+        {"", 4, "is in use by another fmp4mux"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        const Outcome r = c.args.empty()
+                              ? run("flock " + quote((out / ".fmp4mux.lock").string()) + " " + FMP4MUX_PATH + " -q " +
+                                    quote(source.string()) + " " + quote(out.string()))
+                              : fmp4mux(c.args + " " + quote(out.string()));
+        EXPECT_EQ(r.exitCode, c.exitCode) << r.output;
+        EXPECT_NE(r.output.find(c.message), std::string::npos) << r.output;
+        EXPECT_FALSE(fs::exists(out / "manifest.mpd"));
+    }
+    // An input that cannot be opened leaves no output folder behind.
+    EXPECT_EQ(fmp4mux(quote((dir() / "missing.ts").string()) + " " + quote((dir() / "never-made").string())).exitCode, 3);
+    EXPECT_FALSE(fs::exists(dir() / "never-made"));
+}
+
+// --name gives a stream its representation id, and a ${bitrate} template names files by the number the MPD states.
+TEST_F(Fmp4muxEndToEnd, NamesAndBitrateTemplatesAgreeWithTheManifest) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "named";
+    const Outcome r = fmp4mux("--name 0:0=hd --name 0:1=stereo --media-template "
+                              "'${sessionId}/${adaptationSetId}/${representationId}/${bitrate}_${time}.m4s' " +
+                              quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidMpd(out);
+    // Every segment the MPD lists is there: the whole representation decodes.
+    EXPECT_EQ(decodedCount(joinRepresentation(out, "hd", "named-video.mp4"), "video"), decodedCount(source, "video"));
+    expectAudioSamples(decodedCount(joinRepresentation(out, "stereo", "named-audio.mp4"), "audio"),
+                       decodedCount(source, "audio"));
+}
+
+// SIGHUP (the terminal went away) finishes the run as SIGINT does: the chunks under way, a static MPD, exit 0.
+TEST_F(Fmp4muxEndToEnd, HangUpFinishesTheRunCleanly) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "hangup";
+    const Outcome r = run("( " + std::string(FMP4MUX_PATH) + " -q --realtime " + quote(source.string()) + " " +
+                          quote(out.string()) + " & pid=$!; for i in $(seq 1 100); do ls " + quote(out.string()) +
+                          "/live/0/video0/chunk_* >/dev/null 2>&1 && break; sleep 0.1; done; kill -HUP $pid; wait $pid )");
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("interrupted"), std::string::npos) << r.output;
+    expectValidMpd(out);
+    EXPECT_NE(readText(out / "manifest.mpd").find("type=\"static\""), std::string::npos);
+    EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "hangup-video.mp4"), "video"), 0);
+}
 }  // namespace

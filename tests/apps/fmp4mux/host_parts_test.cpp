@@ -250,12 +250,12 @@ TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
              EXPECT_EQ(o.audioSegmentDurationMs, 1920);
              EXPECT_EQ(o.firstNumber, 0);
          }},
-        {{"--bitrate", "0:1=96000", "--bitrate=00:0=500000", "--language", "0:1=fra", "--name=0:1=a=b", "a", "out"},
+        {{"--bitrate", "0:1=96000", "--bitrate=00:0=500000", "--language", "0:1=fra", "--name=0:1=audio-fr", "a", "out"},
          [](const Options& o) {
              EXPECT_EQ(o.streams.at("0:1").bitrate, 96000u);
              EXPECT_EQ(o.streams.at("0:0").bitrate, 500000u);
              EXPECT_EQ(o.streams.at("0:1").language, "fra");
-             EXPECT_EQ(o.streams.at("0:1").name, "a=b");
+             EXPECT_EQ(o.streams.at("0:1").name, "audio-fr");
          }},
         {{"-", "out"}, [](const Options& o) { EXPECT_EQ(o.inputs, Inputs{"-"}); }},
         {{"-v", "--", "-in.ts", "--x", "out"},
@@ -300,10 +300,20 @@ TEST(Options, RefusedCommandLinesSayWhy) {
         {{"a", "out", "-g"}, "--gop-duration"},
         {{"-f", "hls", "a", "out"}, "unknown format 'hls' (dash or smooth)"},
         {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt or separate-audio)"},
-        {{"-g0", "a", "out"}, "option --gop-duration: '0' is not a number from 1 to 600000"},
+        {{"-g50", "a", "out"}, "option --gop-duration: '50' is not a number from 100 to 600000"},
         {{"--time-shift-buffer=1h", "a", "out"}, "'1h' is not a number from 1 to 86400"},
         {{"--first-number", "2147483648", "a", "out"}, "is not a number from 0 to 2147483647"},
-        {{"--stream-name", "a/b", "a", "out"}, "without '/'"},
+        // Names that would leave the output folder or break URLs.
+        {{"--stream-name", "a/b", "a", "out"}, "the stream name 'a/b' must be a plain name"},
+        {{"--stream-name", "..", "a", "out"}, "the stream name '..' must be a plain name"},
+        {{"--name", "0:0=../x", "a", "out"}, "--name 0:0: '../x' must be a plain name"},
+        {{"--media-template", "../../x_${adaptationSetId}_${representationId}_${time}.mp4", "a", "out"},
+         "names must not leave the output folder ('..')"},
+        {{"--init-template", "/tmp/${adaptationSetId}/${representationId}/i.mp4", "a", "out"},
+         "names must be relative to the output folder"},
+        {{"--media-template", "${adaptationSetId}/${representationId}/c#${time}.mp4", "a", "out"}, "break URLs"},
+        {{"--language", "0:1=français", "a", "out"}, "--language 0:1: 'français' is not a language code"},
+        {{"-", "-", "out"}, "standard input ('-') can be read only once"},
         {{"--bitrate", "0:1", "a", "out"}, "option --bitrate takes INPUT:STREAM=VALUE, not '0:1'"},
         {{"--language", "x:1=fra", "a", "out"}, "option --language takes INPUT:STREAM=VALUE"},
         {{"--bitrate", "0:1=fast", "a", "out"}, "--bitrate 0:1: 'fast' is not a bitrate in bits per second"},

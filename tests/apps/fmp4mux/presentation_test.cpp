@@ -77,7 +77,7 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
     Recorder out;
     DashManifestWriter mpd;
     Presentation p(settings(false), out, mpd, [] { return 1000.0; });
-    p.addOutput(0, "video", 0, 0, false);
+    p.addOutput(0, "video", 0, 0, false, "video0");
     const Bytes init = initChunk();
     p.onChunk(0, true, Bytes(init));
     ASSERT_EQ(out.files.size(), 1u);
@@ -97,14 +97,16 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
     const std::string text = out.text(11);
     EXPECT_NE(text.find("type=\"static\""), std::string::npos) << text;
     EXPECT_NE(text.find("<S t=\"0\" d=\"180000\" r=\"9\"/>"), std::string::npos) << text;
-    EXPECT_NE(text.find("media=\"ch1/0/$RepresentationID$/$Bandwidth$_$Time$.mp4\""), std::string::npos) << text;
+    // Files are named by the stream's own bitrate, and the template says that very number, not $Bandwidth$ (the
+    // measured peak the MPD announces).
+    EXPECT_NE(text.find("media=\"ch1/0/$RepresentationID$/500000_$Time$.mp4\""), std::string::npos) << text;
 }
 
 TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnly) {
     Recorder out;
     DashManifestWriter mpd;
     Presentation p(settings(true), out, mpd, [] { return 1000.0; });
-    p.addOutput(0, "video", 0, 0, false);
+    p.addOutput(0, "video", 0, 0, false, "video0");
     p.onChunk(0, true, initChunk());
     for (std::uint32_t k = 0; k < 100; ++k) p.onChunk(0, false, mediaChunk(180000 * k, 180000));
     ASSERT_EQ(out.files.size(), 1u + 2 * 100);  // each media file, then the manifest that lists it
