@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <csignal>
 
 namespace fmp4mux {
 
@@ -20,6 +21,8 @@ sigset_t stopSignals() {
 }  // namespace
 
 StopSignals::StopSignals(std::function<void()> onSignal) : m_onSignal(std::move(onSignal)) {
+    // A file size limit makes a write fail (EFBIG), which the publisher reports, rather than kill the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     const sigset_t set = stopSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     m_thread = std::thread([this, set] {

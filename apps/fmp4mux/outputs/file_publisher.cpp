@@ -88,6 +88,12 @@ FilePublisher::~FilePublisher() {
 void FilePublisher::publish(Publication&& publication) {
     {
         std::lock_guard lock(m_mutex);
+        // After a failure nothing more is written: a manifest published after a file that was not written would
+        // list it. What is on disk stays consistent: every manifest written lists files written before it.
+        if (m_failure) {
+            if (m_recycle) m_recycle(std::move(publication.bytes));
+            return;
+        }
         if (publication.replaceable) {
             // Only the newest manifest matters: it replaces one that has not been written yet.
             for (auto& waiting : m_queue)
@@ -129,7 +135,12 @@ void FilePublisher::run() {
         if (m_recycle) m_recycle(std::move(next.bytes));
         lock.lock();
         m_writing = false;
-        if (failed && !m_failure) m_failure = failed;
+        if (failed && !m_failure) {
+            m_failure = failed;
+            for (auto& dropped : m_queue)
+                if (m_recycle) m_recycle(std::move(dropped.bytes));
+            m_queue.clear();
+        }
         if (m_queue.empty()) m_idle.notify_all();
     }
 }

@@ -1,6 +1,8 @@
 #pragma once
 // Publishes into a folder: each file is written under a temporary name and renamed, so that a reader never sees
-// half a file; folders are made as needed. One thread writes, in the order published.
+// half a file; folders are made as needed. One thread writes, in the order published. The first file that cannot
+// be written (a full disk, a file size limit) stops all writing: what is on disk stays consistent, since every
+// manifest is published after the files it lists.
 #include <condition_variable>
 #include <deque>
 #include <functional>

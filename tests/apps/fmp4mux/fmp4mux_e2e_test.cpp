@@ -539,4 +539,22 @@ TEST_F(Fmp4muxEndToEnd, HangUpFinishesTheRunCleanly) {
     EXPECT_NE(readText(out / "manifest.mpd").find("type=\"static\""), std::string::npos);
     EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "hangup-video.mp4"), "video"), 0);
 }
+
+// A full disk (here a file size limit of 64 KB) fails the run clearly: no temporary file is left, and no manifest
+// lists a file that was not written.
+TEST_F(Fmp4muxEndToEnd, AFullDiskFailsClearlyAndLeavesNoManifestOfWhatWasNotWritten) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "full";
+    const Outcome r = run("ulimit -f 64; " + std::string(FMP4MUX_PATH) + " -q " + quote(source.string()) + " " +
+                          quote(out.string()));
+    EXPECT_EQ(r.exitCode, 1) << r.output;
+    EXPECT_NE(r.output.find("File too large"), std::string::npos) << r.output;
+    for (const auto& entry : fs::recursive_directory_iterator(out))
+        EXPECT_EQ(entry.path().filename().string().find(".tmp"), std::string::npos) << entry.path();
+    if (fs::exists(out / "manifest.mpd")) {
+        const std::string mpd = readText(out / "manifest.mpd");
+        for (const auto& list : timelines(mpd)) EXPECT_FALSE(list.empty());
+        EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "full-video.mp4"), "video"), 0);
+    }
+}
 }  // namespace
