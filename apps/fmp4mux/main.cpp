@@ -3,6 +3,7 @@
 // presentation), manifests (one writer per format) and outputs (the publisher). docs/dataflow.md follows one
 // packet from its input to a file on disk.
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <chrono>
 #include <iostream>
@@ -75,6 +76,26 @@ int run(int argc, char** argv) {
     if (!selectStreams(options.maps, streamLists, selected, error)) throw ExitError(kExitUsage, error);
     const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
     if (plans.empty()) throw ExitError(kExitInput, "the inputs hold no stream that can be packaged");
+    // Segments are cut at key frames, so the GOP duration must be the input's: measured on the first input with a
+    // video stream to package, it is the default, and a -g that disagrees with it is said loudly.
+    for (const StreamPlan& plan : plans) {
+        const auto d = static_cast<std::size_t>(plan.input);
+        if (streamLists[d][plan.stream].kind != "video") continue;
+        if (const auto interval = inputs[d]->keyFrameInterval(20.0)) {
+            const auto measuredMs = static_cast<std::int32_t>(std::lround(*interval * 1000));
+            if (!options.gopDurationGiven && measuredMs >= 100 && measuredMs <= 600000) {
+                options.gopDurationMs = measuredMs;
+                say("input " + std::to_string(d) + ": key frames every " + std::to_string(measuredMs) +
+                    " ms: GOP duration " + std::to_string(measuredMs) + " ms (-g sets another)");
+            } else if (options.gopDurationGiven && std::abs(measuredMs - options.gopDurationMs) * 10 > options.gopDurationMs) {
+                warn("input " + std::to_string(d) + " has key frames every " + std::to_string(measuredMs) +
+                     " ms, but -g says " + std::to_string(options.gopDurationMs) +
+                     " ms: segments follow the input's key frames and may not last what -g asks");
+            }
+        }
+        break;
+    }
+
     // The output folder is made (and held) only once the inputs are known to be there.
     const OutputFolder folder(options.outputDirectory);
 
@@ -118,7 +139,8 @@ int run(int argc, char** argv) {
         const StreamInfo& info = streamLists[static_cast<std::size_t>(plan.input)][plan.stream];
         const int output = static_cast<int>(&plan - plans.data());
         presentation.addOutput(output, info.kind, static_cast<std::uint32_t>(std::max(info.channels, 0)),
-                               static_cast<std::uint32_t>(std::max(info.sampleRate, 0)), plan.bitrateGiven, plan.name);
+                               static_cast<std::uint32_t>(std::max(info.sampleRate, 0)), plan.bitrateGiven, plan.name,
+                               plan.language);
         // Room for one chunk of a segment and a half at a high rate (40 Mb/s video, 2 Mb/s audio), whatever
         // bitrate the stream announced: the sink copies every buffer at once.
         const double peakBitsPerSecond = info.kind == "video" ? 40e6 : 2e6;

@@ -213,7 +213,7 @@ with nothing to package; 4 output folder not writable.
            "gop-alt: the same, with another numbering of missing chunks;\n"
            "separate-audio: audio cut on its own duration")
         ->type_name("MODE");
-    number("-g,--gop-duration", "MS", o.gopDurationMs, 100, 600000, "GOP duration of the inputs (default 2000)");
+    number("-g,--gop-duration", "MS", o.gopDurationMs, 100, 600000, "GOP duration of the inputs (default: measured on\nthe first video input, else 2000)");
     number("-n,--gops-per-segment", "N", o.gopsPerSegment, 1, 1000, "GOPs in a segment (default 1)");
     number("--audio-segment-duration", "MS", o.audioSegmentDurationMs, 1, 600000,
            "audio segment duration in separate-audio mode (default: the segment duration)");
@@ -303,6 +303,7 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         error = "give at least one INPUT and the OUTDIR";
         return ParseResult::Error;
     }
+    options.gopDurationGiven = line.app.count("--gop-duration") > 0;
     options.outputDirectory = line.positional.back();
     line.positional.pop_back();
     options.inputs = line.positional;

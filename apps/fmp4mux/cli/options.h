@@ -31,6 +31,7 @@ struct Options {
     bool dash = true;
     std::uint32_t mode = 0;  // 0 gop segments, 1 separate audio segments, 2 gop segments (alt), 3 low latency
     std::int32_t gopDurationMs = 2000;
+    bool gopDurationGiven = false;  // -g was given; otherwise the input's key-frame interval is measured
     std::uint32_t gopsPerSegment = 1;
     std::optional<std::int32_t> audioSegmentDurationMs;
     std::int32_t chunkDurationMs = 500;

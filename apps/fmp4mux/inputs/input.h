@@ -51,6 +51,13 @@ public:
     // input gives. False when reading failed before the end; error() says why.
     virtual bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) = 0;
     virtual const std::string& error() const = 0;
+    // The interval between the key frames of the first video stream, in seconds, measured on what the input
+    // holds before run() (at most `maxSeconds` of it, kept to be read again by run()); none when there is no
+    // video or fewer than two key frames.
+    virtual std::optional<double> keyFrameInterval(double maxSeconds) {
+        (void)maxSeconds;
+        return std::nullopt;
+    }
 };
 
 }  // namespace fmp4mux

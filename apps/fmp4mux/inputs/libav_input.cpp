@@ -1,6 +1,7 @@
 #include "apps/fmp4mux/inputs/libav_input.h"
 
 #include <algorithm>
+#include <deque>
 #include <cstring>
 #include <stdexcept>
 
@@ -71,8 +72,19 @@ struct LibavInput::Impl {
     };
     std::vector<Kept> kept;
     std::vector<int> sourceToKept;
+    std::deque<AVPacket*> readAhead;  // read to measure the input, handed out again first
+
+    // The next packet: one read ahead, or a new one.
+    int next(AVPacket* packet) {
+        if (readAhead.empty()) return av_read_frame(format, packet);
+        av_packet_move_ref(packet, readAhead.front());
+        av_packet_free(&readAhead.front());
+        readAhead.pop_front();
+        return 0;
+    }
 
     ~Impl() {
+        for (auto* p : readAhead) av_packet_free(&p);
         for (auto& k : kept) av_bsf_free(&k.toAnnexB);
         if (format) avformat_close_input(&format);
     }
@@ -191,6 +203,62 @@ void LibavInput::drop(std::size_t index) {
     m_impl->format->streams[source]->discard = AVDISCARD_ALL;
 }
 
+namespace {
+// Whether an Annex B access unit holds a random access picture: an IDR slice of H.264, an IRAP picture of HEVC.
+// MPEG-TS is read without libavformat's parsers, so its packets carry no key-frame flag of their own.
+bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
+    for (std::size_t i = 0; i + 3 < size; ++i) {
+        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+        const std::uint8_t header = data[i + 3];
+        if (hevc ? ((header >> 1) & 0x3F) >= 16 && ((header >> 1) & 0x3F) <= 21 : (header & 0x1F) == 5) return true;
+        i += 2;
+    }
+    return false;
+}
+}  // namespace
+
+std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
+    AVFormatContext* fmt = m_impl->format;
+    int video = -1;
+    for (const auto& k : m_impl->kept)
+        if (fmt->streams[k.sourceIndex]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+            video = k.sourceIndex;
+            break;
+        }
+    if (video < 0) return std::nullopt;
+    const AVRational timeBase = fmt->streams[video]->time_base;
+    std::vector<double> keys;  // seconds
+    std::optional<double> first;
+    std::size_t bytes = 0;
+    // Four key frames give three intervals; the read-ahead is bounded in time and in memory.
+    while (keys.size() < 4 && bytes < (64u << 20)) {
+        AVPacket* packet = av_packet_alloc();
+        if (av_read_frame(fmt, packet) < 0) {
+            av_packet_free(&packet);
+            break;
+        }
+        bytes += static_cast<std::size_t>(packet->size);
+        m_impl->readAhead.push_back(packet);
+        if (packet->stream_index != video) continue;
+        const std::int64_t t = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+        if (t == AV_NOPTS_VALUE) continue;
+        const double seconds = static_cast<double>(t) * av_q2d(timeBase);
+        if (!first) first = seconds;
+        if (seconds - *first > maxSeconds) break;
+        const bool hevc = fmt->streams[video]->codecpar->codec_id == AV_CODEC_ID_HEVC;
+        if ((packet->flags & AV_PKT_FLAG_KEY) != 0 ||
+            annexBRandomAccess(packet->data, static_cast<std::size_t>(packet->size), hevc))
+            keys.push_back(seconds);
+    }
+    if (keys.size() < 2) return std::nullopt;
+    std::vector<double> intervals;
+    for (std::size_t i = 1; i < keys.size(); ++i) intervals.push_back(keys[i] - keys[i - 1]);
+    std::sort(intervals.begin(), intervals.end());
+    const double interval = intervals[intervals.size() / 2];
+    if (interval <= 0) return std::nullopt;
+    return interval;
+}
+
 bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
     m_impl->stop = &stop;
     AVPacket* packet = av_packet_alloc();
@@ -216,7 +284,7 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
     };
 
     while (!stop.load()) {
-        const int read = av_read_frame(m_impl->format, packet);
+        const int read = m_impl->next(packet);
         if (read == AVERROR_EOF || read == AVERROR_EXIT) break;
         if (read < 0) {
             if (read == AVERROR(EAGAIN)) continue;

@@ -26,6 +26,7 @@ public:
     bool canWait() const override { return m_canWait; }
     bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) override;
     const std::string& error() const override { return m_error; }
+    std::optional<double> keyFrameInterval(double maxSeconds) override;
 
 private:
     struct Impl;

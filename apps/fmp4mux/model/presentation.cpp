@@ -23,13 +23,15 @@ Presentation::Presentation(PresentationSettings settings, Publisher& publisher, 
       m_now(now ? std::move(now) : WallClock(systemNow)), m_live(m_settings.live) {}
 
 void Presentation::addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
-                             bool bitrateGiven, const std::string& representationId) {
+                             bool bitrateGiven, const std::string& representationId, const std::string& language) {
     std::lock_guard lock(m_mutex);
     Output& out = m_outputs[index];
     out.track.kind = kind;
     out.track.channels = channels;
     out.track.sampleRate = sampleRate;
     out.track.representationId = representationId;
+    out.track.language = language;
+    out.track.adaptationSetId = adaptationSet(out.track);
     out.nextNumber = m_settings.firstNumber;
     out.bitrateGiven = bitrateGiven;
 }
@@ -53,7 +55,7 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     if (track.channels == 0) track.channels = out.track.channels;
     if (track.sampleRate == 0) track.sampleRate = out.track.sampleRate;
     track.representationId = out.track.representationId;
-    track.adaptationSetId = adaptationSet(track);
+    track.adaptationSetId = out.track.adaptationSetId;
     out.track = track;
     out.track.segments.clear();  // a new session starts the timeline again
     try {

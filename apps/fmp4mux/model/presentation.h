@@ -36,11 +36,12 @@ public:
     Presentation(PresentationSettings settings, Publisher& publisher, const ManifestWriter& manifest,
                  WallClock now = {});
 
-    // Declares output `index` before its chunks come. `channels` and `sampleRate` from the input stand in where
+    // Declares output `index` before its chunks come; outputs of one kind (and, but for video, one language) share
+    // an adaptation set, numbered in the order declared. `channels` and `sampleRate` from the input stand in where
     // the init chunk's manifest says nothing of them; `bitrateGiven`: the operator stated the bitrate, and the
     // manifests announce it as is.
     void addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
-                   bool bitrateGiven, const std::string& representationId);
+                   bool bitrateGiven, const std::string& representationId, const std::string& language);
 
     // A whole chunk of output `index`, given away.
     void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk);

@@ -557,4 +557,26 @@ TEST_F(Fmp4muxEndToEnd, AFullDiskFailsClearlyAndLeavesNoManifestOfWhatWasNotWrit
         EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "full-video.mp4"), "video"), 0);
     }
 }
+
+// An input with 4 s GOPs under the default options: the GOP duration is measured, segments last 4 s and the
+// whole input decodes; a -g that disagrees with the input is said.
+TEST_F(Fmp4muxEndToEnd, TheInputsGopDurationIsMeasured) {
+    const fs::path source = dir() / "gop4.ts";
+    const Outcome made = run("ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=640x360:rate=25 -t 12 "
+                             "-c:v libx264 -g 100 -keyint_min 100 -sc_threshold 0 -bf 2 -b:v 300k -f mpegts " +
+                             quote(source.string()));
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    const fs::path out = dir() / "gop4";
+    Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("key frames every 4000 ms: GOP duration 4000 ms"), std::string::npos) << r.output;
+    const auto lists = timelines(readText(out / "manifest.mpd"));
+    ASSERT_EQ(lists.size(), 1u);
+    ASSERT_EQ(lists[0].size(), 3u);
+    for (std::size_t k = 1; k < 3; ++k) EXPECT_EQ(lists[0][k].first, lists[0][k - 1].first + lists[0][k - 1].second);
+    EXPECT_EQ(lists[0][0].second, 40000000u);
+    EXPECT_EQ(decodedCount(joinRepresentation(out, "video0", "gop4-video.mp4"), "video"), decodedCount(source, "video"));
+    r = fmp4mux("-g 2000 " + quote(source.string()) + " " + quote((dir() / "gop4-g2000").string()));
+    EXPECT_NE(r.output.find("has key frames every 4000 ms, but -g says 2000 ms"), std::string::npos) << r.output;
+}
 }  // namespace

@@ -77,7 +77,7 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
     Recorder out;
     DashManifestWriter mpd;
     Presentation p(settings(false), out, mpd, [] { return 1000.0; });
-    p.addOutput(0, "video", 0, 0, false, "video0");
+    p.addOutput(0, "video", 0, 0, false, "video0", "und");
     const Bytes init = initChunk();
     p.onChunk(0, true, Bytes(init));
     ASSERT_EQ(out.files.size(), 1u);
@@ -106,7 +106,7 @@ TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnly
     Recorder out;
     DashManifestWriter mpd;
     Presentation p(settings(true), out, mpd, [] { return 1000.0; });
-    p.addOutput(0, "video", 0, 0, false, "video0");
+    p.addOutput(0, "video", 0, 0, false, "video0", "und");
     p.onChunk(0, true, initChunk());
     for (std::uint32_t k = 0; k < 100; ++k) p.onChunk(0, false, mediaChunk(180000 * k, 180000));
     ASSERT_EQ(out.files.size(), 1u + 2 * 100);  // each media file, then the manifest that lists it

@@ -8,6 +8,7 @@
 # CASE picks another input, made from the sample with ffmpeg, and how far the player must get:
 #   jump-forward   the sample, then the sample again with its timestamps 5000 s later: played past 14 s
 #   jump-backward  the sample 100 s later, then the sample as it is (its times go back): played past 14 s
+#   gop-4s         the sample encoded again with 4 s GOPs, packaged with the default options: played past 8 s
 #
 # Needs node, npm, /usr/bin/chromium and xmllint (scripts/install-deps.sh installs them). The npm packages are installed with `npm ci` into this
 # folder's node_modules/ when the lock file changed since the last install.
@@ -71,6 +72,10 @@ case "$CASE" in
     shifted 100 "$OUT/later.ts"
     cat "$OUT/later.ts" "$SAMPLE" >"$OUT/input.ts"
     INPUT=$OUT/input.ts MIN_TIME=14 ;;
+  gop-4s)
+    ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c:a copy -c:v libx264 -preset veryfast -g 100 \
+      -keyint_min 100 -sc_threshold 0 -b:v 600k -f mpegts "$OUT/input.ts" || fail "ffmpeg could not make the input"
+    INPUT=$OUT/input.ts MIN_TIME=8 ;;
   *) echo "run_playback_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
