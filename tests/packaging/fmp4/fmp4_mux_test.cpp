@@ -242,20 +242,16 @@ std::unique_ptr<imff_samples::Sample> makeSample(std::uint32_t type, std::int32_
 TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     SynchronizatorLog log;
     Fmp4SampleListener listener(std::make_unique<FakeSynchronizator>(log));
-    std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
-        makeSample(H264_VIDEO, 0, 900000, 3600, 90000);
-    listener.onSample(holder);
-    EXPECT_FALSE(holder);
-    holder = makeSample(AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000);
-    listener.onSample(holder);
-    holder = makeSample(H264_VIDEO, 2, 0, 0, 90000);
-    listener.onSample(holder);
-    holder = makeSample(HEVC_VIDEO, 4, 0, 0, 90000);
-    listener.onSample(holder);
-    holder = makeSample(HEVC_VIDEO, 3, 0, 0, 90000);
-    listener.onSample(holder);
-    holder = makeSample(AAC_LATM_AUDIO, 6, 0, 0, 90000);
-    listener.onSample(holder);
+    const std::tuple<std::uint32_t, std::int32_t, std::int64_t, std::int64_t, std::uint64_t> made[] = {
+        {H264_VIDEO, 0, 900000, 3600, 90000}, {AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000},
+        {H264_VIDEO, 2, 0, 0, 90000},         {HEVC_VIDEO, 4, 0, 0, 90000},
+        {HEVC_VIDEO, 3, 0, 0, 90000},         {AAC_LATM_AUDIO, 6, 0, 0, 90000}};
+    for (const auto& [type, kind, pts, duration, timescale] : made) {
+        std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
+            makeSample(type, kind, pts, duration, timescale);
+        listener.onSample(holder);
+        EXPECT_FALSE(holder);
+    }
     listener.onEnd(4);
     ASSERT_EQ(log.samples.size(), 6u);
     EXPECT_EQ(log.ends, std::vector<std::uint32_t>{4});
