@@ -200,10 +200,4 @@ TEST(NumberBox, ShortBuffersFailWithTheirMessages) {
               0x42u);
 }
 
-TEST(LiveServerManifestBox, TextWithoutZeroByte) {
-    auto box = std::make_shared<LiveServerManifestBox>("<smil/>");
-    EXPECT_BYTES(testkit::writeBox(box), hex("00000023 'uuid' A5D40B30E81411DDBA2F0800200C9A66"  // 12 + 16 + 7
-                                           "00 000000 '<smil/>'"));
-}
-
 }  // namespace
