@@ -343,12 +343,8 @@ TEST(Writes, RefusedChunkIsLoggedAndNumberingGoesOn) {
 TEST(Writes, PsshInFragmentsWithoutProviderFails) {
     Session s(Dash);
     s.start(1, 1, true);
-    try {
-        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
-        FAIL() << "no exception";
-    } catch (const std::exception& e) {
-        EXPECT_STREQ(e.what(), "No Encryption Provider Specified");
-    }
+    EXPECT_EQ(failureOf([&] { s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true); }),
+              "No Encryption Provider Specified");
 }
 
 TEST(Writes, EndOfStreamReachesEveryOutput) {

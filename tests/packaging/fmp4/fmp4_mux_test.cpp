@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "tests/common/bytes.h"
 #include "tests/common/session_fakes.h"
 #include "support/exceptions/corvane_exception.h"
 
@@ -26,18 +27,8 @@ TEST(Fmp4MuxConfig, PublicModesMapToTheirRecordIndex) {
     EXPECT_EQ(low.lowLatency().chunkDurationMs, 500u);
     EXPECT_EQ(low.segmentDurationMs(), 6000u);
     EXPECT_EQ(low.gopsPerSegment(), 0u);
-    try {
-        Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0);
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "Unknown Fmp4 MuxMode");
-    }
-    try {
-        (void)alt.gopSegments();
-        FAIL();
-    } catch (const std::logic_error& e) {
-        EXPECT_STREQ(e.what(), "cannot convert union to given type");
-    }
+    EXPECT_EQ(failureOf<CorvaneException>([] { Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0); }), "Unknown Fmp4 MuxMode");
+    EXPECT_EQ(failureOf<std::logic_error>([&] { (void)alt.gopSegments(); }), "cannot convert union to given type");
 }
 
 TEST(Fmp4MuxConfig, CopiesOwnTheirRecordAndSwapExchangesTags) {

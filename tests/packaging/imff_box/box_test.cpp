@@ -15,17 +15,9 @@
 namespace {
 using namespace tvrn::encoding::packaging::imff::imff_box;
 using testkit::Bytes;
+using testkit::failureOf;
 using testkit::hex;
 
-template <typename F>
-std::string failureOf(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no failure";
-}
 
 TEST(ImffBitWriter, WritesMostSignificantBitFirstAcrossByteBoundaries) {
     Bytes buffer(6, 0);
