@@ -263,15 +263,13 @@ TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     EXPECT_EQ(audio.getStreamKind(), 1u);
 
     // Configuration: H.264 SPS is item 1 of 2; HEVC VPS item 2 of 3, PPS item 0; audio config item 0 of 1.
-    EXPECT_TRUE(log.samples[2]->isConfiguration());
-    EXPECT_EQ(log.samples[2]->getTime(), 0);
-    EXPECT_EQ(log.samples[2]->getConfigurationIndex(), 1u);
-    EXPECT_EQ(log.samples[2]->getConfigurationCount(), 2u);
-    EXPECT_EQ(log.samples[3]->getConfigurationIndex(), 2u);
-    EXPECT_EQ(log.samples[3]->getConfigurationCount(), 3u);
-    EXPECT_EQ(log.samples[4]->getConfigurationIndex(), 0u);
-    EXPECT_EQ(log.samples[5]->getConfigurationIndex(), 0u);
-    EXPECT_EQ(log.samples[5]->getConfigurationCount(), 1u);
+    const std::pair<std::uint32_t, std::uint32_t> items[] = {{1, 2}, {2, 3}, {0, 3}, {0, 1}};
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_TRUE(log.samples[i + 2]->isConfiguration());
+        EXPECT_EQ(log.samples[i + 2]->getTime(), 0);
+        EXPECT_EQ(std::pair(log.samples[i + 2]->getConfigurationIndex(), log.samples[i + 2]->getConfigurationCount()),
+                  items[i]) << i;
+    }
 
     // A chunk starts at its first sample's decoding time, exactly rescaled.
     StreamChunk chunk;
