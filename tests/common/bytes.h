@@ -13,6 +13,17 @@ namespace testkit {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// The message of the exception of type E that `f` throws, or "no failure"; another type goes through.
+template <typename E = std::exception, typename F>
+std::string failureOf(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "no failure";
+}
+
 inline Bytes hex(const std::string& text) {
     Bytes bytes;
     int high = -1;

@@ -181,12 +181,6 @@ inline Bytes h264Slice(std::uint8_t nalType, std::uint32_t sliceType, std::uint3
     return annexB({static_cast<std::uint8_t>(0x60 | nalType)}, w.bytes());
 }
 
-inline Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
 // The ADTS stream with a 2-byte CRC field in every header: protection_absent cleared, frame length + 2.
 inline Bytes withCrc(const AudioFixture& fixture) {
     Bytes out;

@@ -2,6 +2,7 @@
 
 #include "filter_helpers.h"
 #include "support/exceptions/corvane_exception.h"
+#include "tests/common/bytes.h"
 #include "tests/common/session_fakes.h"
 
 namespace {
@@ -110,12 +111,9 @@ TEST(Configuration, StateChecksAndArgumentCodes) {
     EXPECT_EQ(filter->ConfigureInputPin(0, "und", 0, "", "", 0, 0, nullptr), E_INVALIDARG);
     EXPECT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0), S_OK);
     EXPECT_EQ(filter->outputPins().size(), 0u);
-    try {
-        filter->SetMuxMode("s", fmp4::Dash, 7, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "Unknown Fmp4 MuxMode");
-    }
+    EXPECT_EQ(testkit::failureOf<CorvaneException>(
+                  [&] { filter->SetMuxMode("s", fmp4::Dash, 7, 2000, 3, 0, 0, 0, 0, 0, 0, 0); }),
+              "Unknown Fmp4 MuxMode");
     // Key-server configurations arrive with encryption; a disabled connection is accepted as a no-op.
     EXPECT_EQ(filter->SetHarmonicKmsEncryption(nullptr), E_FAIL);
     EXPECT_EQ(filter->SetKeyServerConnection(false, 0, nullptr), S_OK);

@@ -2,6 +2,7 @@
 // again, destroy; and what leaves the outputs compared with what the session's chunk builder writes.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <thread>
 
 #include "filter_helpers.h"
@@ -27,27 +28,19 @@ std::vector<testkit::WrittenChunk> joinChunks(const std::vector<RecordingSink::R
     return chunks;
 }
 
-// One input: the fixture's packets as filter samples, pushed in order from a streaming thread.
-void pushFixture(MuxFmp4InputPin& pin, const testkit::Fixture& fixture) {
-    std::size_t offset = 0;
-    for (const testkit::Packet& p : fixture.packets) {
-        auto sample = COOBMediaSample::create(p.size);
-        std::uint8_t* data = nullptr;
-        sample->GetPointer(&data);
-        std::memcpy(data, fixture.bytes.data() + offset, p.size);
-        offset += p.size;
-        const REFERENCE_TIME pts = testkit::es::from90kHz(p.pts);
-        const REFERENCE_TIME dts = testkit::es::from90kHz(p.dts);
-        sample->SetTime(&pts, nullptr);
-        sample->SetMediaTime(&dts, &dts);
-        ASSERT_EQ(pin.Receive(sample.get()), S_OK);
-    }
-    pin.EndOfStream();
+// One buffer as a filter sample, with its presentation time and, for video, its decoding time.
+void receive(MuxFmp4InputPin& pin, const std::uint8_t* bytes, std::size_t size, REFERENCE_TIME pts,
+             std::optional<REFERENCE_TIME> dts = std::nullopt) {
+    auto sample = COOBMediaSample::create(size);
+    std::uint8_t* data = nullptr;
+    sample->GetPointer(&data);
+    std::memcpy(data, bytes, size);
+    sample->SetTime(&pts, nullptr);
+    if (dts) sample->SetMediaTime(&*dts, &*dts);
+    ASSERT_EQ(pin.Receive(sample.get()), S_OK);
 }
 
-// The AAC fixture's frames as samples of 100 ns times.
-struct AudioInput;
-fmp4::MediaDataRef SimpleMediaDataFor(const AudioInput& audio, std::size_t k);
+// The AAC fixture's frames with their times in 100 ns.
 struct AudioInput {
     std::vector<testkit::Bytes> frames;
     std::vector<REFERENCE_TIME> times;
@@ -60,21 +53,18 @@ AudioInput loadAudio() {
     return input;
 }
 
-fmp4::MediaDataRef SimpleMediaDataFor(const AudioInput& audio, std::size_t k) {
-    auto buffer = fmp4::SimpleMediaData::create(audio.frames[k].data(), audio.frames[k].size());
-    buffer->SetTime(&audio.times[k], nullptr);
-    return buffer;
-}
-
-void pushAudio(MuxFmp4InputPin& pin, const AudioInput& audio) {
-    for (std::size_t k = 0; k < audio.frames.size(); ++k) {
-        auto sample = COOBMediaSample::create(audio.frames[k].size());
-        std::uint8_t* data = nullptr;
-        sample->GetPointer(&data);
-        std::memcpy(data, audio.frames[k].data(), audio.frames[k].size());
-        sample->SetTime(&audio.times[k], nullptr);
-        ASSERT_EQ(pin.Receive(sample.get()), S_OK);
+// Each input in order from a streaming thread, then its end of stream.
+void pushFixture(MuxFmp4InputPin& pin, const testkit::Fixture& fixture) {
+    std::size_t offset = 0;
+    for (const testkit::Packet& p : fixture.packets) {
+        receive(pin, fixture.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts));
+        offset += p.size;
     }
+    pin.EndOfStream();
+}
+void pushAudio(MuxFmp4InputPin& pin, const AudioInput& audio) {
+    for (std::size_t k = 0; k < audio.frames.size(); ++k)
+        receive(pin, audio.frames[k].data(), audio.frames[k].size(), audio.times[k]);
     pin.EndOfStream();
 }
 
@@ -100,7 +90,8 @@ std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const testkit::F
     mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &videoOutput, 1}, fmp4::ChunkOutputSeed{"", {1}, &audioOutput, 1}});
     for (const auto& buffer : testkit::fixtureBuffers(video, 0)) mux.ConsumeSample(0, buffer.get());
     for (std::size_t k = 0; k < audio.frames.size(); ++k) {
-        auto buffer = SimpleMediaDataFor(audio, k);
+        auto buffer = fmp4::SimpleMediaData::create(audio.frames[k].data(), audio.frames[k].size());
+        buffer->SetTime(&audio.times[k], nullptr);
         mux.ConsumeSample(1, buffer.get());
     }
     mux.ConsumeEndOfStream(0);

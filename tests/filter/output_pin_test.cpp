@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
+#include <tuple>
 
 #include "filter_helpers.h"
 #include "tests/common/session_fakes.h"
@@ -76,21 +77,18 @@ TEST(OutputPin, AChunkLeavesAsSamplesOfAtMost8192BytesMarkedOnTheFirst) {
     ASSERT_TRUE(f.output().Write(chunk.data(), chunk.size(), &time, 0, false, true, true, 77));
     const auto got = f.sink.snapshot();
     ASSERT_EQ(got.size(), 3u);
-    // The init chunk: sync point, no time.
-    EXPECT_TRUE(got[0].sync);
-    EXPECT_FALSE(got[0].hasTime);
     EXPECT_EQ(got[0].bytes, init);
-    // The media chunk: 8192 + 1 bytes, both with its time, the first with discontinuity and data id.
-    EXPECT_EQ(got[1].bytes.size(), 8192u);
-    EXPECT_EQ(got[2].bytes.size(), 1u);
-    EXPECT_FALSE(got[1].sync);
-    EXPECT_TRUE(got[1].discontinuity);
-    EXPECT_FALSE(got[2].discontinuity);
-    EXPECT_TRUE(got[1].hasDataId);
-    EXPECT_EQ(got[1].dataId, 77u);
-    EXPECT_FALSE(got[2].hasDataId);
-    EXPECT_EQ(got[1].start, time);
-    EXPECT_EQ(got[2].start, time);
+    // Size, sync point, time, discontinuity, data id: the init chunk is a sync point without time; the media
+    // chunk leaves as 8192 + 1 bytes, both with its time, the first with discontinuity and data id.
+    using Seen = std::tuple<std::size_t, bool, bool, std::int64_t, bool, bool, std::uint64_t>;
+    const auto seen = [&](std::size_t i) {
+        const auto& g = got[i];
+        return Seen{g.bytes.size(), g.sync, g.hasTime, g.hasTime ? g.start : -1, g.discontinuity, g.hasDataId,
+                    g.hasDataId ? g.dataId : 0};
+    };
+    EXPECT_EQ(seen(0), (Seen{300, true, false, -1, false, false, 0}));
+    EXPECT_EQ(seen(1), (Seen{8192, false, true, time, true, true, 77}));
+    EXPECT_EQ(seen(2), (Seen{1, false, true, time, false, false, 0}));
     std::vector<std::uint8_t> joined = got[1].bytes;
     joined.insert(joined.end(), got[2].bytes.begin(), got[2].bytes.end());
     EXPECT_EQ(joined, chunk);

@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "tests/common/bytes.h"
 #include "tests/common/session_fakes.h"
 #include "support/exceptions/corvane_exception.h"
 
@@ -26,18 +27,8 @@ TEST(Fmp4MuxConfig, PublicModesMapToTheirRecordIndex) {
     EXPECT_EQ(low.lowLatency().chunkDurationMs, 500u);
     EXPECT_EQ(low.segmentDurationMs(), 6000u);
     EXPECT_EQ(low.gopsPerSegment(), 0u);
-    try {
-        Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0);
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "Unknown Fmp4 MuxMode");
-    }
-    try {
-        (void)alt.gopSegments();
-        FAIL();
-    } catch (const std::logic_error& e) {
-        EXPECT_STREQ(e.what(), "cannot convert union to given type");
-    }
+    EXPECT_EQ(failureOf<CorvaneException>([] { Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0); }), "Unknown Fmp4 MuxMode");
+    EXPECT_EQ(failureOf<std::logic_error>([&] { (void)alt.gopSegments(); }), "cannot convert union to given type");
 }
 
 TEST(Fmp4MuxConfig, CopiesOwnTheirRecordAndSwapExchangesTags) {
@@ -242,20 +233,16 @@ std::unique_ptr<imff_samples::Sample> makeSample(std::uint32_t type, std::int32_
 TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     SynchronizatorLog log;
     Fmp4SampleListener listener(std::make_unique<FakeSynchronizator>(log));
-    std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
-        makeSample(H264_VIDEO, 0, 900000, 3600, 90000);
-    listener.onSample(holder);
-    EXPECT_FALSE(holder);
-    holder = makeSample(AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000);
-    listener.onSample(holder);
-    holder = makeSample(H264_VIDEO, 2, 0, 0, 90000);
-    listener.onSample(holder);
-    holder = makeSample(HEVC_VIDEO, 4, 0, 0, 90000);
-    listener.onSample(holder);
-    holder = makeSample(HEVC_VIDEO, 3, 0, 0, 90000);
-    listener.onSample(holder);
-    holder = makeSample(AAC_LATM_AUDIO, 6, 0, 0, 90000);
-    listener.onSample(holder);
+    const std::tuple<std::uint32_t, std::int32_t, std::int64_t, std::int64_t, std::uint64_t> made[] = {
+        {H264_VIDEO, 0, 900000, 3600, 90000}, {AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000},
+        {H264_VIDEO, 2, 0, 0, 90000},         {HEVC_VIDEO, 4, 0, 0, 90000},
+        {HEVC_VIDEO, 3, 0, 0, 90000},         {AAC_LATM_AUDIO, 6, 0, 0, 90000}};
+    for (const auto& [type, kind, pts, duration, timescale] : made) {
+        std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
+            makeSample(type, kind, pts, duration, timescale);
+        listener.onSample(holder);
+        EXPECT_FALSE(holder);
+    }
     listener.onEnd(4);
     ASSERT_EQ(log.samples.size(), 6u);
     EXPECT_EQ(log.ends, std::vector<std::uint32_t>{4});
@@ -276,15 +263,13 @@ TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     EXPECT_EQ(audio.getStreamKind(), 1u);
 
     // Configuration: H.264 SPS is item 1 of 2; HEVC VPS item 2 of 3, PPS item 0; audio config item 0 of 1.
-    EXPECT_TRUE(log.samples[2]->isConfiguration());
-    EXPECT_EQ(log.samples[2]->getTime(), 0);
-    EXPECT_EQ(log.samples[2]->getConfigurationIndex(), 1u);
-    EXPECT_EQ(log.samples[2]->getConfigurationCount(), 2u);
-    EXPECT_EQ(log.samples[3]->getConfigurationIndex(), 2u);
-    EXPECT_EQ(log.samples[3]->getConfigurationCount(), 3u);
-    EXPECT_EQ(log.samples[4]->getConfigurationIndex(), 0u);
-    EXPECT_EQ(log.samples[5]->getConfigurationIndex(), 0u);
-    EXPECT_EQ(log.samples[5]->getConfigurationCount(), 1u);
+    const std::pair<std::uint32_t, std::uint32_t> items[] = {{1, 2}, {2, 3}, {0, 3}, {0, 1}};
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_TRUE(log.samples[i + 2]->isConfiguration());
+        EXPECT_EQ(log.samples[i + 2]->getTime(), 0);
+        EXPECT_EQ(std::pair(log.samples[i + 2]->getConfigurationIndex(), log.samples[i + 2]->getConfigurationCount()),
+                  items[i]) << i;
+    }
 
     // A chunk starts at its first sample's decoding time, exactly rescaled.
     StreamChunk chunk;

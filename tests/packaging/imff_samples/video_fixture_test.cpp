@@ -148,16 +148,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"hevc_bframes", 17, Times::PtsAndDts, false},
                       Case{"hevc_bframes", 17, Times::PtsAndDts, true}));
 
-// Without picture-timing SEI and without input decoding times no decoding time can be had: no picture at all.
-TEST(VideoFixtureH264, NoDecodingTimeGivesNoPictures) {
-    const Fixture fixture = loadFixture("h264_plain");
-    SampleCollector collector;
-    feed(fixture, 2, Times::PtsOnly, false, false, collector);
-    EXPECT_TRUE(collector.ofKind(samples::KindVideo).empty());
-    EXPECT_EQ(collector.ofKind(samples::KindSequenceParameterSet).size(), 1u);
-    EXPECT_EQ(collector.ends, 1);
-}
-
 // In-band mode: every parameter set of the stream appears once in the samples, at the front of the picture
 // that follows it (after the SEI); out of band none does.
 TEST(VideoFixtureHevc, InBandParameterSetsAppearOnceEach) {

@@ -188,14 +188,16 @@ TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
     rateOfOne.timeScale = 2;
     struct Case {
         H264SpsOptions sps;
-        bool timestamps;
+        std::optional<std::int64_t> pts, dts;
     };
-    for (const Case& c : {Case{noTiming, true}, Case{rateOfOne, true}, Case{H264SpsOptions{}, false}}) {
+    // The last two: no input times at all, or a presentation time only and no buffering period to work out
+    // the decoding time from.
+    for (const Case& c : {Case{noTiming, 0, 0}, Case{rateOfOne, 0, 0}, Case{H264SpsOptions{}, std::nullopt, std::nullopt},
+                          Case{H264SpsOptions{}, 0, std::nullopt}}) {
         Chain chain;
         chain.setup(c.sps);
         chain.push(h264Sei({}));
-        if (c.timestamps) chain.push(h264Slice(5, 2), 0, 0);
-        else chain.push(h264Slice(5, 2));
+        chain.push(h264Slice(5, 2), c.pts, c.dts);
         chain.builder->flush();
         EXPECT_TRUE(chain.pictures().empty());
         EXPECT_EQ(chain.collector.ends, 1);

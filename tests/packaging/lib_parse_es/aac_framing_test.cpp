@@ -8,6 +8,7 @@
 #include "packaging/lib_parse_es/mpeg4_audio.h"
 #include "packaging/lib_parse_es/nal_aac.h"
 #include "packaging/lib_parse_es/nal_builder_aac.h"
+#include "tests/common/bytes.h"
 #include "tests/common/synthetic.h"
 
 namespace {
@@ -318,7 +319,7 @@ Bytes bitsOf(const std::string& text) {
     return w.bytes();
 }
 
-TEST(Mpeg4AudioConfig, ObjectTypesThatAreNotCarriedThrowAndOthersParse) {
+TEST(Mpeg4AudioConfig, ObjectTypesAndMuxVersionsThatAreNotCarriedThrow) {
     for (unsigned type : {8u, 9u, 12u, 13u, 16u, 17u, 19u, 23u, 24u, 27u}) {
         BitWriter w;
         w.bits(type, 5);
@@ -327,63 +328,62 @@ TEST(Mpeg4AudioConfig, ObjectTypesThatAreNotCarriedThrowAndOthersParse) {
         w.bits(0, 16);
         es::BitReader reader(w.bytes().data(), w.bytes().size());
         m4a::AudioSpecificConfig config;
-        try {
-            m4a::parseAudioSpecificConfig(reader, config);
-            ADD_FAILURE() << "object type " << type << " parsed";
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "mpeg4_audio(__LINE__): not implemented");
-        }
-    }
-    // The escape: 31 then 6 bits + 32 (object type 42 has no specific configuration here).
-    {
-        const Bytes b = bitsOf("11111 001010 0011 0010");
-        es::BitReader reader(b.data(), b.size());
-        m4a::AudioSpecificConfig config;
-        ASSERT_TRUE(m4a::parseAudioSpecificConfig(reader, config));
-        EXPECT_EQ(config.audioObjectType, 42u);
-        EXPECT_EQ(config.samplingFrequency, 48000u);
-    }
-    // An explicit frequency after index 15, and an SBR extension index with its own escape.
-    {
-        const Bytes b = bitsOf("00101 1111 000000000101110111000000 0010 1111 000000010111011100000000 00010 000");
-        es::BitReader reader(b.data(), b.size());
-        m4a::AudioSpecificConfig config;
-        ASSERT_TRUE(m4a::parseAudioSpecificConfig(reader, config));
-        EXPECT_EQ(config.samplingFrequency, 24000u);
-        EXPECT_EQ(config.extensionSamplingFrequency, 96000u);
-        EXPECT_EQ(reader.bitPosition(), 5u + 4 + 24 + 4 + 4 + 24 + 5 + 3);
-    }
-    // Channel configuration 0: a program config element with a comment aligned to the configuration's start,
-    // which here begins 3 bits into the buffer.
-    {
-        const Bytes b = bitsOf(
-            "101 00010 0011 0000 000 "                  // 3 bits ahead, LC, 48 kHz, channels in the PCE, GA bits
-            "0000 01 0011 0001 0000 0000 00 000 0000 "  // tag, profile, index, one front element, nothing else
-            "0 0 0 "                                    // no mixdowns
-            "1 0000 "                                   // front: a channel pair
-            "0 "                                        // to a whole byte from the configuration's start
-            "00000010 01000001 01000010 "               // comment of 2 bytes
-            "1");                                       // the next bit after the configuration
-        es::BitReader reader(b.data(), b.size());
-        reader.skipBits(3);
-        m4a::AudioSpecificConfig config;
-        ASSERT_TRUE(m4a::parseAudioSpecificConfig(reader, config));
-        EXPECT_EQ(config.channelConfiguration, 0u);
-        EXPECT_TRUE(reader.readFlag());
-    }
-    // A sampling index of 13 gives no rate: the configuration is refused.
-    {
-        const Bytes b = bitsOf("00010 1101 0010 000");
-        es::BitReader reader(b.data(), b.size());
-        m4a::AudioSpecificConfig config;
-        EXPECT_FALSE(m4a::parseAudioSpecificConfig(reader, config));
+        EXPECT_EQ(failureOf<std::runtime_error>([&] { (void)m4a::parseAudioSpecificConfig(reader, config); }),
+                  "mpeg4_audio(__LINE__): not implemented")
+            << type;
     }
     // audioMuxVersion 1 in a StreamMuxConfig.
-    {
-        const Bytes b = bitsOf("1 1 000000 0000 000");
+    const Bytes version1 = bitsOf("1 1 000000 0000 000");
+    es::BitReader muxReader(version1.data(), version1.size());
+    m4a::StreamMuxConfig mux;
+    EXPECT_THROW(m4a::parseStreamMuxConfig(muxReader, mux), std::runtime_error);
+}
+
+TEST(Mpeg4AudioConfig, FieldsAndWhereTheConfigurationEnds) {
+    struct Case {
+        const char* name;
+        const char* bits;
+        std::size_t skip;  // bits ahead of the configuration
+        bool ok;
+        unsigned objectType, channels;
+        std::uint32_t rate, extensionRate;  // 0: not checked
+        std::size_t end;                    // the reader's bit position after it
+    };
+    const Case cases[] = {
+        // The escape: 31 then 6 bits + 32 (object type 42 has no specific configuration here).
+        {"escape", "11111 001010 0011 0010", 0, true, 42, 2, 48000, 0, 19},
+        // An explicit frequency after index 15, and an SBR extension index with its own escape.
+        {"explicit rates", "00101 1111 000000000101110111000000 0010 1111 000000010111011100000000 00010 000", 0,
+         true, 2, 2, 24000, 96000, 5 + 4 + 24 + 4 + 4 + 24 + 5 + 3},
+        // Channel configuration 0: a program config element with a comment aligned to the configuration's start,
+        // which here begins 3 bits into the buffer.
+        {"program config element",
+         "101 00010 0011 0000 000 "                  // 3 bits ahead, LC, 48 kHz, channels in the PCE, GA bits
+         "0000 01 0011 0001 0000 0000 00 000 0000 "  // tag, profile, index, one front element, nothing else
+         "0 0 0 "                                    // no mixdowns
+         "1 0000 "                                   // front: a channel pair
+         "0 "                                        // to a whole byte from the configuration's start
+         "00000010 01000001 01000010 "               // comment of 2 bytes
+         "1",                                        // the next bit after the configuration
+         3, true, 2, 0, 48000, 0, 83},
+        // A sampling index of 13 gives no rate: the configuration is refused.
+        {"sampling index 13", "00010 1101 0010 000", 0, false, 0, 0, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Bytes b = bitsOf(c.bits);
         es::BitReader reader(b.data(), b.size());
-        m4a::StreamMuxConfig mux;
-        EXPECT_THROW(m4a::parseStreamMuxConfig(reader, mux), std::runtime_error);
+        reader.skipBits(c.skip);
+        m4a::AudioSpecificConfig config;
+        ASSERT_EQ(m4a::parseAudioSpecificConfig(reader, config), c.ok);
+        if (!c.ok) continue;
+        EXPECT_EQ(config.audioObjectType, c.objectType);
+        EXPECT_EQ(config.channelConfiguration, c.channels);
+        EXPECT_EQ(config.samplingFrequency, c.rate);
+        if (c.extensionRate != 0) {
+            EXPECT_EQ(config.extensionSamplingFrequency, c.extensionRate);
+        }
+        EXPECT_EQ(reader.bitPosition(), c.end);
     }
 }
 

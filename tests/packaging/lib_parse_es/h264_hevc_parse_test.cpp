@@ -1,6 +1,9 @@
 // H.264 and HEVC syntax: unit headers, emulation prevention, parameter sets, SEI timing and slice times.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "packaging/lib_parse_es/bit_reader.h"
 #include "packaging/lib_parse_es/h264_manager.h"
 #include "packaging/lib_parse_es/hevc_sps.h"
@@ -92,7 +95,7 @@ void addPps(es::NALH264Manager& m, std::uint32_t ppsId, std::uint32_t spsId) {
     m.addPps(rbsp.data(), rbsp.size());
 }
 
-TEST(H264Manager, SpsReplacesItsSlotAndBecomesActive) {
+TEST(H264Manager, SpsReplacesItsSlotAndSetsTheFrameRate) {
     es::NALH264Manager m;
     EXPECT_EQ(m.getFrameRate().numerator, -1);
     H264SpsOptions o;
@@ -100,17 +103,16 @@ TEST(H264Manager, SpsReplacesItsSlotAndBecomesActive) {
     EXPECT_EQ(addSps(m, h264Sps(o)), 3);
     EXPECT_EQ(m.getFrameRate().numerator, 50);
     EXPECT_EQ(m.getFrameRate().denominator, 2);
-    const Bytes raw3 = m.spsRaw[3];
     o.timeScale = 60000;
     o.unitsInTick = 1001;
-    EXPECT_EQ(addSps(m, h264Sps(o)), 3);
-    EXPECT_NE(m.spsRaw[3], raw3);
-    EXPECT_EQ(m.activeSps, m.spsTable[3].get());
-    EXPECT_EQ(m.getFrameRate().numerator, 60000);
+    const Bytes second = h264Sps(o);
+    EXPECT_EQ(addSps(m, second), 3);
+    EXPECT_EQ(m.spsRaw[3], es::unescapeRbsp(second.data(), second.size()));  // what the sample entry carries
     EXPECT_EQ(m.getFrameRate().denominator, 2002);
     o.id = 32;  // out of range: discarded, the active set stays
+    o.timeScale = 30;
     EXPECT_EQ(addSps(m, h264Sps(o)), -1);
-    EXPECT_EQ(m.activeSps, m.spsTable[3].get());
+    EXPECT_EQ(m.getFrameRate().numerator, 60000);
     o.id = 4;
     o.timing = false;
     EXPECT_EQ(addSps(m, h264Sps(o)), 4);
@@ -138,24 +140,22 @@ TEST(H264Manager, HighProfileFieldsAreReadForTheFiveListedProfilesOnly) {
     }
 }
 
-// A manager with one SPS of the given removal-delay length, PPS 0, and the first picture's SEI and slice.
+// A manager with one SPS of the given removal-delay length and PPS 0, fed one SEI and one I slice per picture.
 struct Timed {
-    explicit Timed(unsigned cpbLengthMinus1 = 23) {
+    explicit Timed(unsigned cpbLengthMinus1 = 23) : bits(cpbLengthMinus1 + 1) {
         H264SpsOptions o;
         o.cpbRemovalDelayLengthMinus1 = cpbLengthMinus1;
         addSps(m, h264Sps(o));
         addPps(m, 0, 0);
-        bits = cpbLengthMinus1 + 1;
+        m.baseTime = 10000;
     }
-    bool picture(std::uint32_t cpb, std::uint32_t dpb, bool bufferingPeriod, std::int64_t pts) {
+    bool picture(std::uint32_t cpb, std::uint32_t dpb, bool bufferingPeriod) {
         H264SeiOptions s;
         s.bufferingPeriod = bufferingPeriod;
         s.cpbRemovalDelay = cpb;
         s.dpbOutputDelay = dpb;
         s.cpbBits = bits;
         const bool seiOk = addSei(m, h264Sei(s));
-        m.baseTime = pts;
-        m.haveFirstOutputTick = false;
         const bool sliceOk = addSlice(m, h264Slice(5, 2));
         return seiOk && sliceOk;
     }
@@ -163,51 +163,63 @@ struct Timed {
     unsigned bits;
 };
 
-TEST(H264Manager, SliceTimesFollowTheOutputDelay) {
-    Timed t;
-    // One tick is 1/50 s, 1800 at 90 kHz: a picture output two ticks after its removal is decoded 3600 earlier.
-    ASSERT_TRUE(t.picture(0, 2, true, 10000));
-    EXPECT_EQ(t.m.computedPts, 10000);
-    EXPECT_EQ(t.m.computedDts, 10000 - 3600);
-    EXPECT_TRUE(t.m.iSlice);
-    ASSERT_TRUE(t.picture(2, 6, false, 20000));
-    EXPECT_EQ(t.m.computedDts, 20000 - 6 * 1800);
-    EXPECT_EQ(t.m.cpbAccumulated, 0);
+// Picture times over a short run. One tick is 1/50 s, 1800 at 90 kHz; times count from the first picture's
+// output (baseTime 10000), and a picture is decoded its output delay before it is presented.
+struct TimedPicture {
+    std::uint32_t cpb, dpb;
+    bool bufferingPeriod;
+    bool ok;
+    std::int64_t pts, dts;  // checked when ok
+};
+struct TimingCase {
+    const char* name;
+    unsigned cpbLengthMinus1;
+    std::vector<TimedPicture> pictures;
+};
+
+class H264Timing : public ::testing::TestWithParam<TimingCase> {};
+
+TEST_P(H264Timing, PtsAndDtsFollowTheRemovalAndOutputDelays) {
+    Timed t(GetParam().cpbLengthMinus1);
+    int index = 0;
+    for (const TimedPicture& p : GetParam().pictures) {
+        SCOPED_TRACE(index++);
+        ASSERT_EQ(t.picture(p.cpb, p.dpb, p.bufferingPeriod), p.ok);
+        if (!p.ok) continue;
+        EXPECT_EQ(t.m.computedPts, p.pts);
+        EXPECT_EQ(t.m.computedDts, p.dts);
+        EXPECT_TRUE(t.m.iSlice);
+    }
 }
 
-TEST(H264Manager, SmallerRemovalDelayAfterABufferingPeriodIsNoDiscontinuity) {
-    Timed t;
-    ASSERT_TRUE(t.picture(0, 2, true, 0));
-    ASSERT_TRUE(t.picture(10, 2, true, 0));  // cpbBase becomes 10
-    EXPECT_TRUE(t.picture(2, 2, false, 0));  // smaller, but the previous picture had a buffering period
-    EXPECT_EQ(t.m.cpbAccumulated, 10);
-    EXPECT_EQ(t.m.lastCpbRemovalDelay, 2);
-}
-
-TEST(H264Manager, CounterWrapAtItsWidthContinues) {
-    Timed t(3);  // 4-bit counter: wraps at 16
-    ASSERT_TRUE(t.picture(0, 2, true, 0));
-    ASSERT_TRUE(t.picture(14, 2, false, 0));
-    EXPECT_TRUE(t.picture(1, 2, false, 0));  // 16 <= 14 + 2: accepted as a wrap
-    EXPECT_EQ(t.m.cpbAccumulated, 16);
-    EXPECT_TRUE(t.picture(0, 2, false, 0));  // back to zero far from the top: taken as restart at p
-    EXPECT_EQ(t.m.cpbAccumulated, 17);
-}
-
-TEST(H264Manager, DropFarFromTheTopWithoutBufferingPeriodClearsTheBookkeeping) {
-    Timed t;
-    ASSERT_TRUE(t.picture(0, 2, true, 0));
-    ASSERT_TRUE(t.picture(40, 2, false, 0));
-    ASSERT_TRUE(t.picture(50, 2, false, 0));
-    EXPECT_FALSE(t.picture(7, 2, false, 0));
-    EXPECT_EQ(t.m.lastCpbRemovalDelay, 0);
-    EXPECT_EQ(t.m.cpbAccumulated, 0);
-    EXPECT_EQ(t.m.cpbBase, 0);
-    EXPECT_FALSE(t.m.firstTimingSei);
-    // The next picture is compared with 0 and goes on.
-    EXPECT_TRUE(t.picture(9, 2, false, 0));
-    EXPECT_EQ(t.m.lastCpbRemovalDelay, 9);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Runs, H264Timing,
+    ::testing::Values(
+        TimingCase{"OutputDelay", 23,
+                   {{0, 2, true, true, 10000, 10000 - 3600},
+                    {2, 6, false, true, 10000 + 6 * 1800, 10000},
+                    {4, 2, false, true, 10000 + 4 * 1800, 10000 + 2 * 1800}}},
+        // A smaller removal delay right after a buffering period counts from that period (10), no discontinuity.
+        TimingCase{"SmallerDelayAfterBufferingPeriod", 23,
+                   {{0, 2, true, true, 10000, 10000 - 3600},
+                    {10, 2, true, true, 10000 + 10 * 1800, 10000 + 8 * 1800},
+                    {2, 2, false, true, 10000 + 12 * 1800, 10000 + 10 * 1800}}},
+        // A 4-bit counter wraps at 16 when the last value was near the top; back to zero far from the top is
+        // taken as a restart at the last value.
+        TimingCase{"CounterWrapsAtItsWidth", 3,
+                   {{0, 2, true, true, 10000, 10000 - 3600},
+                    {14, 2, false, true, 10000 + 14 * 1800, 10000 + 12 * 1800},
+                    {1, 2, false, true, 10000 + 17 * 1800, 10000 + 15 * 1800},
+                    {0, 2, false, true, 10000 + 17 * 1800, 10000 + 15 * 1800}}},
+        // A drop far from the top without a buffering period clears the bookkeeping: the picture has no time
+        // and the next one counts from zero.
+        TimingCase{"DropWithoutBufferingPeriodRestarts", 23,
+                   {{0, 2, true, true, 10000, 10000 - 3600},
+                    {40, 2, false, true, 10000 + 40 * 1800, 10000 + 38 * 1800},
+                    {50, 2, false, true, 10000 + 50 * 1800, 10000 + 48 * 1800},
+                    {7, 2, false, false, 0, 0},
+                    {9, 2, false, true, 10000 + 9 * 1800, 10000 + 7 * 1800}}}),
+    [](const auto& param) { return std::string(param.param.name); });
 
 TEST(H264Manager, NoTimesWithoutPictureTimingOrParameterSets) {
     es::NALH264Manager empty;

@@ -10,17 +10,6 @@ using namespace sync_test;
 constexpr std::int64_t kSecond = 10000000;
 constexpr std::int64_t kFrame = kSecond / 25;  // 25 fps
 
-// Video streams with SPS + PPS, pushed interleaved by time, as live inputs deliver them.
-void pushVideo(ISampleSynchronizator& sync, const std::vector<std::uint32_t>& streams, std::int64_t frames,
-               std::int64_t gopFrames, std::int64_t firstFrame = 0) {
-    for (auto id : streams) {
-        sync.pushSample(config(id, 1, 2));
-        sync.pushSample(config(id, 0, 2));
-    }
-    for (std::int64_t f = firstFrame; f < frames; ++f)
-        for (auto id : streams) sync.pushSample(media(id, f * kFrame, kFrame, f % gopFrames == 0));
-}
-
 std::int64_t firstTime(const SegmentChunks& segment, std::uint32_t stream) {
     const auto& chunk = segment.chunks.at(stream);
     return chunk->samples.empty() ? -1 : chunk->samples.front()->getTime();
@@ -43,6 +32,20 @@ struct SyncRun {
     SyncRun(std::uint32_t segmentMs, std::uint32_t gops, bool offline = false) {
         sync = std::make_unique<SampleSegmentSynchronisator>(listener, segmentMs, gops, &notifier, logger, offline);
     }
+    // Adds the streams, then pushes their configuration samples: SPS and PPS for video, one for audio.
+    void open(std::initializer_list<std::pair<std::uint32_t, SyncKind>> streams) {
+        for (const auto& [id, kind] : streams)
+            sync->addStream(id, kind, kind == KindVideo ? "video" : kind == KindAudio ? "audio" : "text");
+        for (const auto& [id, kind] : streams) {
+            if (kind == KindVideo) sync->pushSample(config(id, 1, 2));
+            if (kind != KindSparse) sync->pushSample(config(id, 0, kind == KindVideo ? 2 : 1));
+        }
+    }
+    // Frames `from` to `to` (excluded) of a 25 fps stream, each a key frame where `key` says.
+    template <typename Key>
+    void frames(std::uint32_t id, std::int64_t from, std::int64_t to, Key key) {
+        for (std::int64_t f = from; f < to; ++f) sync->pushSample(media(id, f * kFrame, kFrame, key(f)));
+    }
     void endAll(const std::vector<std::uint32_t>& streams) {
         for (auto id : streams) sync->eof(id);
         got = listener.waitForEnd();
@@ -61,8 +64,9 @@ TEST(SegmentSynchroniser, RenditionsAreCutAtTheSameRandomAccessPointsForAnyGopCo
     for (const Setting s : {Setting{2000, 1, 30}, Setting{4000, 2, 15}, Setting{10000, 5, 6}}) {
         SyncRun run(s.segmentMs, s.gops);
         const std::vector<std::uint32_t> streams{0, 1, 2};
-        for (auto id : streams) run.sync->addStream(id, KindVideo, "video");
-        pushVideo(*run.sync, streams, 1500, 50);
+        run.open({{0, KindVideo}, {1, KindVideo}, {2, KindVideo}});
+        for (std::int64_t f = 0; f < 1500; ++f)  // interleaved by time, as live inputs deliver them
+            for (auto id : streams) run.sync->pushSample(media(id, f * kFrame, kFrame, f % 50 == 0));
         run.endAll(streams);
 
         ASSERT_EQ(run.got.firstSegments.size(), 1u);
@@ -89,10 +93,7 @@ TEST(SegmentSynchroniser, RenditionsAreCutAtTheSameRandomAccessPointsForAnyGopCo
 
 TEST(SegmentSynchroniser, ASparseStreamNeverHoldsACutAndGoesWhereItsTimesFall) {
     SyncRun run(2000, 1);
-    run.sync->addStream(0, KindVideo, "video");
-    run.sync->addStream(5, KindSparse, "text");
-    run.sync->pushSample(config(0, 1, 2));
-    run.sync->pushSample(config(0, 0, 2));
+    run.open({{0, KindVideo}, {5, KindSparse}});
     for (std::int64_t f = 0; f < 250; ++f) {
         run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
         if (f == 30 || f == 140) run.sync->pushSample(media(5, f * kFrame, kSecond / 2, true));
@@ -110,8 +111,7 @@ TEST(SegmentSynchroniser, ASparseStreamNeverHoldsACutAndGoesWhereItsTimesFall) {
 
 TEST(SegmentSynchroniser, AudioOnlyBoundariesSnapToFramesWithoutDriftOverAnHour) {
     SyncRun run(2000, 1);
-    run.sync->addStream(3, KindAudio, "audio");
-    run.sync->pushSample(config(3, 0, 1));
+    run.open({{3, KindAudio}});
     // AAC at 48 kHz: 1024 samples a frame, times rounded down to 100 ns as the session converts them.
     const std::int64_t frames = 3600LL * 48000 / 1024;
     auto frameTime = [](std::int64_t n) { return n * 1024 * kSecond / 48000; };
@@ -137,10 +137,8 @@ TEST(SegmentSynchroniser, AudioOnlyBoundariesSnapToFramesWithoutDriftOverAnHour)
 
 TEST(SegmentSynchroniser, AMissingKeyFrameGivesAForcedBoundaryOneSegmentAfterTheStart) {
     SyncRun run(2000, 1);
-    run.sync->addStream(0, KindVideo, "video");
-    run.sync->pushSample(config(0, 1, 2));
-    run.sync->pushSample(config(0, 0, 2));
-    for (std::int64_t f = 0; f < 250; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0 && f != 150));
+    run.open({{0, KindVideo}});
+    run.frames(0, 0, 250, [](std::int64_t f) { return f % 50 == 0 && f != 150; });
     run.endAll({0});
     std::vector<std::int64_t> starts;
     for (const auto& s : run.got.segments) starts.push_back(firstTime(s, 0));
@@ -157,15 +155,10 @@ TEST(SegmentSynchroniser, AMissingKeyFrameGivesAForcedBoundaryOneSegmentAfterThe
 
 TEST(SegmentSynchroniser, AForcedBoundaryStopsTheGopCountEarly) {
     SyncRun run(6000, 3);
-    run.sync->addStream(0, KindVideo, "video");
-    run.sync->pushSample(config(0, 1, 2));
-    run.sync->pushSample(config(0, 0, 2));
+    run.open({{0, KindVideo}});
     // Key frames every 2 s but a 2.4 s GOP in the middle (key at 4 s missing, next at 6.4 s): the forced
     // boundary at 6 s ends the first segment inside a GOP.
-    for (std::int64_t f = 0; f < 400; ++f) {
-        const bool key = (f < 100 && f % 50 == 0) || (f >= 160 && (f - 160) % 50 == 0);
-        run.sync->pushSample(media(0, f * kFrame, kFrame, key));
-    }
+    run.frames(0, 0, 400, [](std::int64_t f) { return (f < 100 && f % 50 == 0) || (f >= 160 && (f - 160) % 50 == 0); });
     run.endAll({0});
     ASSERT_GE(run.got.segments.size(), 3u);
     EXPECT_EQ(firstTime(run.got.segments[0], 0), 0);
@@ -176,11 +169,8 @@ TEST(SegmentSynchroniser, AForcedBoundaryStopsTheGopCountEarly) {
 
 TEST(SegmentSynchroniser, VideoBuffersStartOnAKeyFrame) {
     SyncRun run(2000, 1);
-    run.sync->addStream(0, KindVideo, "video");
-    run.sync->pushSample(config(0, 1, 2));
-    run.sync->pushSample(config(0, 0, 2));
-    pushVideo(*run.sync, {}, 0, 1);
-    for (std::int64_t f = 20; f < 130; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
+    run.open({{0, KindVideo}});
+    run.frames(0, 20, 130, [](std::int64_t f) { return f % 50 == 0; });
     run.endAll({0});
     ASSERT_FALSE(run.got.segments.empty());
     EXPECT_EQ(firstTime(run.got.segments[0], 0), 2 * kSecond);
@@ -189,17 +179,12 @@ TEST(SegmentSynchroniser, VideoBuffersStartOnAKeyFrame) {
 
 TEST(SegmentSynchroniser, DifferingFirstVideoTimesDropTheFirstSegmentOnly) {
     SyncRun run(2000, 1);
-    run.sync->addStream(0, KindVideo, "a");
-    run.sync->addStream(1, KindVideo, "b");
-    for (auto id : {0u, 1u}) {
-        run.sync->pushSample(config(id, 1, 2));
-        run.sync->pushSample(config(id, 0, 2));
-    }
+    run.open({{0, KindVideo}, {1, KindVideo}});
     // Stream 0 delivers a frame out of order at its start: its list begins 40 ms after the common point.
     run.sync->pushSample(media(0, kFrame, kFrame, true));
     run.sync->pushSample(media(0, 0, kFrame, true));
-    for (std::int64_t f = 2; f < 200; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
-    for (std::int64_t f = 0; f < 200; ++f) run.sync->pushSample(media(1, f * kFrame, kFrame, f % 50 == 0));
+    run.frames(0, 2, 200, [](std::int64_t f) { return f % 50 == 0; });
+    run.frames(1, 0, 200, [](std::int64_t f) { return f % 50 == 0; });
     run.endAll({0, 1});
     ASSERT_EQ(run.got.segments.size(), 3u);
     EXPECT_EQ(firstTime(run.got.segments[0], 0), 2 * kSecond);
@@ -209,13 +194,9 @@ TEST(SegmentSynchroniser, DifferingFirstVideoTimesDropTheFirstSegmentOnly) {
 TEST(SegmentSynchroniser, ALateStreamInLiveModeCostsTheOldestSamplesButOfflineLosesNothing) {
     for (const bool offline : {false, true}) {
         SyncRun run(2000, 1, offline);
-        run.sync->addStream(0, KindVideo, "early");
-        run.sync->addStream(1, KindAudio, "late");
-        run.sync->pushSample(config(0, 1, 2));
-        run.sync->pushSample(config(0, 0, 2));
-        run.sync->pushSample(config(1, 0, 1));
+        run.open({{0, KindVideo}, {1, KindAudio}});
         // Stream 0 runs 10 s (5 segments) before stream 1 starts.
-        for (std::int64_t f = 0; f <= 250; ++f) run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0));
+        run.frames(0, 0, 251, [](std::int64_t f) { return f % 50 == 0; });
         if (!offline) {
             // Samples older than the newest (10 s) minus 3 segments (6 s) went: frames 0 to 99.
             EXPECT_EQ(run.notifier.waitForDrop().front(), 100u);
@@ -241,11 +222,7 @@ TEST(SegmentSynchroniser, ALateStreamInLiveModeCostsTheOldestSamplesButOfflineLo
 
 TEST(SegmentSynchroniser, EndOfStreamFlushesEverythingOnceWithDataIds) {
     SyncRun run(2000, 1);
-    run.sync->addStream(0, KindVideo, "video");
-    run.sync->addStream(1, KindAudio, "audio");
-    run.sync->pushSample(config(0, 1, 2));
-    run.sync->pushSample(config(0, 0, 2));
-    run.sync->pushSample(config(1, 0, 1));
+    run.open({{0, KindVideo}, {1, KindAudio}});
     for (std::int64_t f = 0; f < 130; ++f) {
         run.sync->pushSample(media(0, f * kFrame, kFrame, f % 50 == 0, f == 110 ? 42 : 0));
         run.sync->pushSample(media(1, f * kFrame, kFrame, true));
@@ -269,9 +246,8 @@ TEST(SegmentSynchroniser, EndOfStreamFlushesEverythingOnceWithDataIds) {
 
 TEST(SegmentSynchroniser, AnEndOfStreamForAnUnknownStreamIsLoggedAndSurvived) {
     SyncRun run(2000, 1);
-    run.sync->addStream(0, KindAudio, "audio");
+    run.open({{0, KindAudio}});
     run.sync->eof(9);
-    run.sync->pushSample(config(0, 0, 1));
     run.sync->pushSample(media(0, 0, kFrame, true));
     run.endAll({0});
     ASSERT_EQ(run.logger.entries().size(), 1u);

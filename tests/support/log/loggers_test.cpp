@@ -6,6 +6,7 @@
 #include "support/log/log_perf.h"
 #include "support/log/ostream_logger.h"
 #include "support/log/prefixed_logger.h"
+#include "tests/common/bytes.h"
 #include "tests/common/loggers.h"
 
 namespace {
@@ -28,18 +29,9 @@ TEST(OstreamLogger, NeverCutsLongTextsAndRefusesBadLevelsAndStreams) {
     const std::string longText(5000, 'x');
     logger->WriteMsg(2, "%s", longText.c_str());
     EXPECT_EQ(out.str(), "Info   : " + longText + "\n");
-    try {
-        logger->WriteMsg(123, "");
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "invalid log level");
-    }
-    try {
-        ostream_logger::newOstreamLogger(nullptr);
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "cannot create ostream logger with null ostream");
-    }
+    EXPECT_EQ(testkit::failureOf<CorvaneException>([&] { logger->WriteMsg(123, ""); }), "invalid log level");
+    EXPECT_EQ(testkit::failureOf<CorvaneException>([] { (void)ostream_logger::newOstreamLogger(nullptr); }),
+              "cannot create ostream logger with null ostream");
 }
 
 TEST(PrefixedLogger, KeepsTheLevelAndPassesTheTextAsAnArgument) {

@@ -9,6 +9,7 @@
 #include "support/system/parallel_processor.h"
 #include "support/system/timer.h"
 #include "support/system/working_thread.h"
+#include "tests/common/bytes.h"
 #include "tests/common/waiting.h"
 
 namespace {
@@ -47,7 +48,6 @@ TEST(WorkingThread, HandlesInPostOrderAndSurvivesAHandlerThatCatches) {
             seen.push_back(v);
             cv.notify_all();
         });
-        std::vector<std::thread> producers;
         for (int i = 0; i < 5; ++i) worker.post(i);
         std::unique_lock lock(m);
         cv.wait(lock, [&] { return seen.size() == 5; });
@@ -88,12 +88,7 @@ TEST(Timer, CallsPeriodicallyAndStopsWhenTheHandleGoes) {
     EXPECT_TRUE(calls->waitFor([](int n) { return n >= 3; }));
     timer.reset();
     calls.reset();
-    try {
-        tvrn::timer::MakeTimer(0, [] {});
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "Could not create timer");
-    }
+    EXPECT_EQ(testkit::failureOf<CorvaneException>([] { tvrn::timer::MakeTimer(0, [] {}); }), "Could not create timer");
 }
 
 TEST(ParallelProcessor, RunsAllJobsAndJoinsTheirFailures) {
@@ -108,12 +103,7 @@ TEST(ParallelProcessor, RunsAllJobsAndJoinsTheirFailures) {
         ran++;
         throw CorvaneException("second");
     });
-    try {
-        processor.waitAll();
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "first, second");
-    }
+    EXPECT_EQ(testkit::failureOf<CorvaneException>([&] { processor.waitAll(); }), "first, second");
     EXPECT_EQ(ran.load(), 3);
     processor.submit([&] { ran++; });
     EXPECT_NO_THROW(processor.waitAll());
