@@ -62,8 +62,12 @@ int run(int argc, char** argv) {
     bool live = false;
     for (std::size_t i = 0; i < options.inputs.size(); ++i) {
         try {
+            std::vector<std::string> notes;
             inputs.push_back(std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
-                                                          &control.interrupted));
+                                                          &control.interrupted, options.program, &notes));
+            for (const auto& note : notes) say(note);
+        } catch (const ExitError&) {
+            throw;
         } catch (const std::exception& e) {
             throw ExitError(kExitInput, e.what());
         }

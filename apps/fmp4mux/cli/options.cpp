@@ -268,6 +268,11 @@ with nothing to package; 4 output folder not writable.
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");
+    app.add_option_function<int>(
+           "--program", [&o](int number) { o.program = number; },
+           "the program to package of inputs with several (an MPTS), by its number (default the first)")
+        ->type_name("N")
+        ->check(CLI::Range(1, 65535));
     app.add_flag("-q,--quiet", o.quiet, "no progress line");
     app.add_flag_function("-v,--verbose", [&o](std::int64_t count) { o.verbosity += static_cast<int>(count); },
                           "more log lines (repeat for debug: -vv)");

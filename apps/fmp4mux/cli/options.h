@@ -44,6 +44,7 @@ struct Options {
     std::vector<StreamSelector> maps;  // empty: every stream is packaged
     std::optional<std::string> initTemplate;
     std::optional<std::string> mediaTemplate;
+    std::optional<int> program;  // of an input with several programs; the first by default
     bool realtime = false;
     std::uint32_t timeShiftBufferSeconds = 60;
     bool quiet = false;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "apps/fmp4mux/exit_error.h"
 #include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
@@ -91,7 +92,7 @@ struct LibavInput::Impl {
 };
 
 LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
-                 const std::atomic<bool>* interrupt)
+                       const std::atomic<bool>* interrupt, std::optional<int> program, std::vector<std::string>* notes)
     : m_impl(std::make_unique<Impl>()) {
     m_impl->interrupt = interrupt;
     m_impl->format = avformat_alloc_context();
@@ -116,7 +117,32 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
     // reading an MPEG-TS. The stream list above was read with the parsers on.
     if (std::string(fmt->iformat->name) == "mpegts") fmt->flags |= AVFMT_FLAG_NOPARSE | AVFMT_FLAG_NOFILLIN;
     m_impl->sourceToKept.assign(fmt->nb_streams, -1);
+    // One program of several: its streams only.
+    std::vector<bool> inProgram(fmt->nb_streams, true);
+    if (fmt->nb_programs > 1 || (program && fmt->nb_programs > 0)) {
+        const AVProgram* chosen = nullptr;
+        std::string numbers;
+        for (unsigned p = 0; p < fmt->nb_programs; ++p) {
+            numbers += (p ? ", " : "") + std::to_string(fmt->programs[p]->id);
+            if (chosen == nullptr && (!program || fmt->programs[p]->id == *program)) chosen = fmt->programs[p];
+        }
+        if (chosen == nullptr)
+            throw ExitError(kExitUsage, "input " + std::to_string(inputIndex) + " has no program " +
+                                            std::to_string(*program) + " (its programs: " + numbers + ")");
+        inProgram.assign(fmt->nb_streams, false);
+        for (unsigned k = 0; k < chosen->nb_stream_indexes; ++k)
+            if (chosen->stream_index[k] < fmt->nb_streams) inProgram[chosen->stream_index[k]] = true;
+        if (notes != nullptr && fmt->nb_programs > 1)
+            notes->push_back("input " + std::to_string(inputIndex) + ": program " + std::to_string(chosen->id) +
+                             " of programs " + numbers + (program ? "" : " (--program picks another)"));
+    } else if (program && fmt->nb_programs == 0 && *program != 1) {
+        throw ExitError(kExitUsage, "input " + std::to_string(inputIndex) + " has no program " + std::to_string(*program));
+    }
     for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+        if (!inProgram[i]) {
+            fmt->streams[i]->discard = AVDISCARD_ALL;
+            continue;
+        }
         const AVStream* stream = fmt->streams[i];
         const AVCodecParameters* par = stream->codecpar;
         StreamInfo info;

@@ -12,9 +12,12 @@ class LibavInput : public Input {
 public:
     // Opens the input and reads its stream list. Raises std::runtime_error with a clear message on failure.
     // Streams that the packager cannot carry are reported through `skipped` and left out.
-    // `interrupt`, when set, aborts a blocking open or read (a live input that sends nothing).
+    // `interrupt`, when set, aborts a blocking open or read (a live input that sends nothing). An input of several
+    // programs (an MPTS) gives the streams of one: `program` (its number), or else the first, and says which
+    // through `notes`; a program it does not have raises ExitError (bad command line).
     LibavInput(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
-               const std::atomic<bool>* interrupt = nullptr);
+               const std::atomic<bool>* interrupt = nullptr, std::optional<int> program = std::nullopt,
+               std::vector<std::string>* notes = nullptr);
     ~LibavInput() override;
     LibavInput(const LibavInput&) = delete;
     LibavInput& operator=(const LibavInput&) = delete;

@@ -579,4 +579,33 @@ TEST_F(Fmp4muxEndToEnd, TheInputsGopDurationIsMeasured) {
     r = fmp4mux("-g 2000 " + quote(source.string()) + " " + quote((dir() / "gop4-g2000").string()));
     EXPECT_NE(r.output.find("has key frames every 4000 ms, but -g says 2000 ms"), std::string::npos) << r.output;
 }
+
+// A TS of two programs packages one: the first by default, or the one --program names; it says which.
+TEST_F(Fmp4muxEndToEnd, OneProgramOfAMultiProgramInput) {
+    const fs::path a = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path b = input("r-high.ts", "h264", "960x540", "900k", false);
+    const fs::path two = dir() / "two-programs.ts";
+    const Outcome made = run("ffmpeg -hide_banner -loglevel error -y -i " + quote(a.string()) + " -i " + quote(b.string()) +
+                             " -map 0:v -map 0:a -map 1:v -c copy -program title=A:st=0:st=1 -program title=B:st=2 "
+                             "-f mpegts " + quote(two.string()));
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    const struct {
+        std::string option;
+        std::string width;
+        std::size_t representations;
+    } cases[] = {{"", "width=\"640\"", 2u}, {"--program 2 ", "width=\"960\"", 1u}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.option);
+        const fs::path out = dir() / ("program" + std::to_string(c.representations));
+        const Outcome r = fmp4mux(c.option + quote(two.string()) + " " + quote(out.string()));
+        ASSERT_EQ(r.exitCode, 0) << r.output;
+        EXPECT_NE(r.output.find("of programs 1, 2"), std::string::npos) << r.output;
+        const std::string mpd = readText(out / "manifest.mpd");
+        EXPECT_NE(mpd.find(c.width), std::string::npos) << mpd;
+        EXPECT_EQ(timelines(mpd).size(), c.representations) << mpd;
+    }
+    const Outcome r = fmp4mux("--program 5 " + quote(two.string()) + " " + quote((dir() / "program5").string()));
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_NE(r.output.find("input 0 has no program 5 (its programs: 1, 2)"), std::string::npos) << r.output;
+}
 }  // namespace
