@@ -91,11 +91,20 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     // A live session keeps the records of its time-shift window only, so that neither its memory nor the
     // manifest rewrite on every chunk grows with the run; the manifest that ends a live input therefore lists
     // the segments still in the window. A file input keeps them all for its static manifest.
-    if (m_live)
-        out.track.segments.erase(out.track.segments.begin(),
-                                 out.track.segments.begin() +
-                                     static_cast<std::ptrdiff_t>(countBeforeWindow(
-                                         out.track.segments, out.track.timescale, m_settings.timeShiftBufferSeconds)));
+    const double end = static_cast<double>(timing->time + timing->duration) / static_cast<double>(timing->timescale);
+    if (m_live) {
+        const auto leaving = static_cast<std::ptrdiff_t>(
+            countBeforeWindow(out.track.segments, out.track.timescale, m_settings.timeShiftBufferSeconds));
+        // Their files go a window later: players that read the manifest before may still fetch them.
+        for (auto it = out.track.segments.begin(); it != out.track.segments.begin() + leaving; ++it) {
+            try {
+                m_leaving.emplace_back(end + m_settings.timeShiftBufferSeconds, expandName(m_settings.mediaTemplate, out, it->time, it->number));
+            } catch (const std::exception&) {
+                // a name that expanded once expands again
+            }
+        }
+        out.track.segments.erase(out.track.segments.begin(), out.track.segments.begin() + leaving);
+    }
     out.maxSegmentMs = std::max(out.maxSegmentMs, static_cast<std::uint32_t>(std::min<std::uint64_t>(
                                                       UINT32_MAX, timing->duration * 1000 / timing->timescale)));
     out.packagedSeconds += static_cast<double>(timing->duration) / static_cast<double>(timing->timescale);
@@ -107,7 +116,6 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     ++m_chunks;
     // Media packaged so far, from the earliest chunk start: Smooth times are absolute, DASH ones start near 0.
     const double start = static_cast<double>(timing->time) / static_cast<double>(timing->timescale);
-    const double end = static_cast<double>(timing->time + timing->duration) / static_cast<double>(timing->timescale);
     if (!m_firstStart || start < *m_firstStart) m_firstStart = start;
     m_mediaSeconds = std::max(m_mediaSeconds, end - *m_firstStart);
     if (!m_availabilityStart) m_availabilityStart = m_now() - end;
@@ -120,6 +128,11 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     file.bytes = std::move(chunk);
     m_publisher.publish(std::move(file));
     if (m_live) publishManifestLocked();
+    m_mediaEnd = std::max(m_mediaEnd, end);
+    while (!m_leaving.empty() && m_leaving.front().first <= m_mediaEnd) {
+        m_publisher.publish({std::move(m_leaving.front().second), {}, {}, false, true});
+        m_leaving.pop_front();
+    }
 }
 
 void Presentation::finish() {

@@ -5,6 +5,7 @@
 // happens on the engine's threads.
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -99,6 +100,10 @@ private:
     double m_packagedSeconds = 0;
     std::optional<double> m_firstStart;
     std::optional<double> m_availabilityStart;
+    // Files of segments that have left a live window, with the media time (seconds) after which they go: a grace
+    // of a window more, for players still fetching them.
+    std::deque<std::pair<double, std::string>> m_leaving;
+    double m_mediaEnd = 0;
     std::optional<std::string> m_failure;
 };
 

@@ -128,7 +128,10 @@ void FilePublisher::run() {
         lock.unlock();
         std::optional<std::string> failed;
         try {
-            writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges);
+            if (next.remove)
+                std::filesystem::remove(m_root + "/" + next.path);  // throws only when a file there stays
+            else
+                writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges);
         } catch (const std::exception& e) {
             failed = e.what();
         }

@@ -17,6 +17,8 @@ struct Publication {
     std::vector<std::pair<std::size_t, std::size_t>> ranges;
     // A manifest: a newer publication of the same path replaces one still waiting.
     bool replaceable = false;
+    // Takes the file away instead (a segment that has left a live window); a file already gone is no failure.
+    bool remove = false;
 };
 
 class Publisher {

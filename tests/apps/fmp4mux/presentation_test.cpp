@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,7 +51,13 @@ Bytes mediaChunk(std::uint32_t time, std::uint32_t duration) {
 // Records what is published, as the files would read.
 struct Recorder : Publisher {
     std::vector<std::pair<std::string, Bytes>> files;
+    std::set<std::string> onDisk;
     void publish(Publication&& p) override {
+        if (p.remove) {
+            EXPECT_EQ(onDisk.erase(p.path), 1u) << p.path;
+            return;
+        }
+        onDisk.insert(p.path);
         Bytes content;
         if (p.ranges.empty()) content = p.bytes;
         for (const auto& [offset, length] : p.ranges)
@@ -102,14 +109,20 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
     EXPECT_NE(text.find("media=\"ch1/0/$RepresentationID$/500000_$Time$.mp4\""), std::string::npos) << text;
 }
 
-TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnly) {
+TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnDisk) {
     Recorder out;
     DashManifestWriter mpd;
     Presentation p(settings(true), out, mpd, [] { return 1000.0; });
     p.addOutput(0, "video", 0, 0, false, "video0", "und");
     p.onChunk(0, true, initChunk());
     for (std::uint32_t k = 0; k < 100; ++k) p.onChunk(0, false, mediaChunk(180000 * k, 180000));
-    ASSERT_EQ(out.files.size(), 1u + 2 * 100);  // each media file, then the manifest that lists it
+    // Each media file, then the manifest that lists it; files that left the window go a window later.
+    std::size_t media = 0;
+    for (const auto& [path, bytes] : out.files) media += path.find("500000_") != std::string::npos ? 1u : 0u;
+    EXPECT_EQ(media, 100u);
+    EXPECT_LE(out.onDisk.size(), 1u + 1u + 8u) << "init, manifest, window and grace of media";
+    EXPECT_TRUE(out.onDisk.count("ch1/0/video0/500000_" + std::to_string(99u * 180000) + ".mp4"));
+    EXPECT_FALSE(out.onDisk.count("ch1/0/video0/500000_0.mp4"));
     const std::string last = out.text(out.files.size() - 1);
     EXPECT_NE(last.find("type=\"dynamic\""), std::string::npos) << last;
     // 6 s of window over 2 s segments: the last four segments' starts at most (one straddles the window's edge).
