@@ -128,6 +128,10 @@ void FilePublisher::run() {
         lock.unlock();
         std::optional<std::string> failed;
         try {
+            // Files written before would be missing under a folder made again (init files that the manifest
+            // names): a folder taken away during the run stops it.
+            if (!std::filesystem::is_directory(m_root))
+                throw std::runtime_error("the output folder '" + m_root + "' was removed during the run");
             if (next.remove)
                 std::filesystem::remove(m_root + "/" + next.path);  // throws only when a file there stays
             else

@@ -608,4 +608,16 @@ TEST_F(Fmp4muxEndToEnd, OneProgramOfAMultiProgramInput) {
     EXPECT_EQ(r.exitCode, 2);
     EXPECT_NE(r.output.find("input 0 has no program 5 (its programs: 1, 2)"), std::string::npos) << r.output;
 }
+
+// The output folder taken away during a run stops it with a clear error rather than a manifest of missing files.
+TEST_F(Fmp4muxEndToEnd, AnOutputFolderRemovedDuringTheRunStopsIt) {
+    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+    const fs::path out = dir() / "removed";
+    const Outcome r = run("( " + std::string(FMP4MUX_PATH) + " -q --realtime " + quote(source.string()) + " " +
+                          quote(out.string()) + " & pid=$!; for i in $(seq 1 100); do ls " + quote(out.string()) +
+                          "/live/0/video0/chunk_* >/dev/null 2>&1 && break; sleep 0.1; done; rm -rf " +
+                          quote(out.string()) + "; wait $pid )");
+    EXPECT_EQ(r.exitCode, 1) << r.output;
+    EXPECT_NE(r.output.find("was removed during the run"), std::string::npos) << r.output;
+}
 }  // namespace
