@@ -82,22 +82,24 @@ int run(int argc, char** argv) {
     if (plans.empty()) throw ExitError(kExitInput, "the inputs hold no stream that can be packaged");
     // Segments are cut at key frames, so the GOP duration must be the input's: measured on the first input with a
     // video stream to package, it is the default, and a -g that disagrees with it is said loudly.
+    std::vector<std::optional<std::int64_t>> firstKeys(inputs.size());  // each input's first key frame, 100 ns
+    bool measured = false;
     for (const StreamPlan& plan : plans) {
         const auto d = static_cast<std::size_t>(plan.input);
-        if (streamLists[d][plan.stream].kind != "video") continue;
-        if (const auto interval = inputs[d]->keyFrameInterval(20.0)) {
-            const auto measuredMs = static_cast<std::int32_t>(std::lround(*interval * 1000));
-            if (!options.gopDurationGiven && measuredMs >= 100 && measuredMs <= 600000) {
-                options.gopDurationMs = measuredMs;
-                say("input " + std::to_string(d) + ": key frames every " + std::to_string(measuredMs) +
-                    " ms: GOP duration " + std::to_string(measuredMs) + " ms (-g sets another)");
-            } else if (options.gopDurationGiven && std::abs(measuredMs - options.gopDurationMs) * 10 > options.gopDurationMs) {
-                warn("input " + std::to_string(d) + " has key frames every " + std::to_string(measuredMs) +
-                     " ms, but -g says " + std::to_string(options.gopDurationMs) +
-                     " ms: segments follow the input's key frames and may not last what -g asks");
-            }
+        if (streamLists[d][plan.stream].kind != "video" || firstKeys[d]) continue;
+        const auto interval = inputs[d]->keyFrameInterval(20.0);
+        firstKeys[d] = inputs[d]->firstKeyFrameTime();
+        if (!interval || measured) continue;
+        measured = true;
+        const auto measuredMs = static_cast<std::int32_t>(std::lround(*interval * 1000));
+        if (!options.gopDurationGiven && measuredMs >= 100 && measuredMs <= 600000) {
+            options.gopDurationMs = measuredMs;
+            say("input " + std::to_string(d) + ": key frames every " + std::to_string(measuredMs) + " ms: GOP duration " +
+                std::to_string(measuredMs) + " ms (-g sets another)");
+        } else if (options.gopDurationGiven && std::abs(measuredMs - options.gopDurationMs) * 10 > options.gopDurationMs) {
+            warn("input " + std::to_string(d) + " has key frames every " + std::to_string(measuredMs) + " ms, but -g says " +
+                 std::to_string(options.gopDurationMs) + " ms: segments follow the input's key frames and may not last what -g asks");
         }
-        break;
     }
 
     // The output folder is made (and held) only once the inputs are known to be there.
@@ -167,6 +169,22 @@ int run(int argc, char** argv) {
     // One reading thread per input that has a stream to package. Timestamp jumps are taken out before anything
     // is paced or packaged; a step of more than two segments (and never less than two seconds) counts as one.
     TimelineKeeper timeline(std::max<std::int64_t>(2LL * segmentMs, 2000) * 10000, [](const std::string& line) { warn(line); });
+    // Renditions from real encoders are never tick-identical: an input whose first key frame is within 20 ms of the
+    // first input's is moved onto it, so that they share their cut points; one further away is said, by how much.
+    std::optional<std::size_t> reference;
+    for (std::size_t d = 0; d < inputs.size(); ++d) {
+        if (!firstKeys[d]) continue;
+        if (!reference) {
+            reference = d;
+            continue;
+        }
+        const std::int64_t apart = *firstKeys[*reference] - *firstKeys[d];
+        if (apart != 0 && std::llabs(apart) <= 200000)
+            timeline.setInputOffset(static_cast<int>(d), apart);
+        else if (apart != 0)
+            warn("inputs " + std::to_string(*reference) + " and " + std::to_string(d) + " start their key frames " +
+                 std::to_string(std::llabs(apart) / 10000) + " ms apart: their segments cannot share cut points");
+    }
     const PackagingProgress progress{[&presentation] { return presentation.packagedSeconds(); },
                                      [&presentation](std::uint64_t seen, std::chrono::milliseconds timeout) {
                                          return presentation.waitForChunk(seen, timeout);

@@ -58,6 +58,8 @@ public:
         (void)maxSeconds;
         return std::nullopt;
     }
+    // The presentation time (100 ns units) of that stream's first key frame, once keyFrameInterval() has looked.
+    virtual std::optional<std::int64_t> firstKeyFrameTime() const { return std::nullopt; }
 };
 
 }  // namespace fmp4mux

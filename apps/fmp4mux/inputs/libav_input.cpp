@@ -273,8 +273,10 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
         if (seconds - *first > maxSeconds) break;
         const bool hevc = fmt->streams[video]->codecpar->codec_id == AV_CODEC_ID_HEVC;
         if ((packet->flags & AV_PKT_FLAG_KEY) != 0 ||
-            annexBRandomAccess(packet->data, static_cast<std::size_t>(packet->size), hevc))
+            annexBRandomAccess(packet->data, static_cast<std::size_t>(packet->size), hevc)) {
             keys.push_back(seconds);
+            if (!m_firstKey && packet->pts != AV_NOPTS_VALUE) m_firstKey = av_rescale_q(packet->pts, timeBase, kHundredNs);
+        }
     }
     if (keys.size() < 2) return std::nullopt;
     std::vector<double> intervals;

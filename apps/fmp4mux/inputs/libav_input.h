@@ -30,6 +30,7 @@ public:
     bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) override;
     const std::string& error() const override { return m_error; }
     std::optional<double> keyFrameInterval(double maxSeconds) override;
+    std::optional<std::int64_t> firstKeyFrameTime() const override { return m_firstKey; }
 
 private:
     struct Impl;
@@ -38,6 +39,7 @@ private:
     bool m_live = false;
     bool m_canWait = true;
     std::string m_error;
+    std::optional<std::int64_t> m_firstKey;
 };
 
 // The packager's raw AAC packet around one AAC frame: marker FF FA FA FA, packet size, average bit rate,

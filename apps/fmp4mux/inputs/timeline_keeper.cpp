@@ -72,6 +72,12 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
     return true;
 }
 
+void TimelineKeeper::setInputOffset(int input, std::int64_t offset) {
+    std::lock_guard lock(m_mutex);
+    m_epochs.push_back({offset, input});
+    m_inputEpoch[input] = m_epochs.size() - 1;
+}
+
 std::uint64_t TimelineKeeper::dropped() const {
     std::lock_guard lock(m_mutex);
     return m_dropped;

@@ -38,6 +38,10 @@ public:
 
     std::uint64_t dropped() const;
 
+    // Moves every time of `input` by `offset` (100 ns units) from its start: renditions of one source whose
+    // clocks differ by a little are brought onto the same key-frame times. Before any packet of the input.
+    void setInputOffset(int input, std::int64_t offset);
+
 private:
     struct Epoch {
         std::int64_t offset;

@@ -620,4 +620,21 @@ TEST_F(Fmp4muxEndToEnd, AnOutputFolderRemovedDuringTheRunStopsIt) {
     EXPECT_EQ(r.exitCode, 1) << r.output;
     EXPECT_NE(r.output.find("was removed during the run"), std::string::npos) << r.output;
 }
+
+// Two renditions whose clocks are 13 ms apart (as separate encodes of one source are) share their cut points.
+TEST_F(Fmp4muxEndToEnd, RenditionsAFewMillisecondsApartAreAligned) {
+    const fs::path low = input("r-low.ts", "h264", "416x234", "200k", false);
+    const fs::path mid = input("r-mid.ts", "h264", "640x360", "500k", false);
+    const fs::path later = dir() / "r-mid-13ms.ts";  // the TS muxer's delay moves every time by 1170 ticks
+    ASSERT_EQ(run("ffmpeg -hide_banner -loglevel error -y -i " + quote(mid.string()) +
+                  " -map 0 -c copy -muxdelay 0.7065 -f mpegts " + quote(later.string())).exitCode, 0);
+    const fs::path out = dir() / "apart";
+    const Outcome r = fmp4mux(quote(low.string()) + " " + quote(later.string()) + " " + quote(out.string()));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    const auto lists = timelines(readText(out / "manifest.mpd"));
+    ASSERT_EQ(lists.size(), 2u);
+    ASSERT_EQ(lists[0].size(), 3u);
+    for (std::size_t k = 0; k < 3; ++k) EXPECT_EQ(lists[0][k].first, lists[1][k].first) << k;
+    EXPECT_EQ(decodedCount(joinRepresentation(out, "video1", "apart-1.mp4"), "video"), decodedCount(mid, "video"));
+}
 }  // namespace

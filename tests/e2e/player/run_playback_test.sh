@@ -9,6 +9,7 @@
 #   jump-forward   the sample, then the sample again with its timestamps 5000 s later: played past 14 s
 #   jump-backward  the sample 100 s later, then the sample as it is (its times go back): played past 14 s
 #   gop-4s         the sample encoded again with 4 s GOPs, packaged with the default options: played past 8 s
+#   apart-13ms     two renditions, the sample and the sample with every time 13 ms later: played past 6 s
 #
 # Needs node, npm, /usr/bin/chromium and xmllint (scripts/install-deps.sh installs them). The npm packages are installed with `npm ci` into this
 # folder's node_modules/ when the lock file changed since the last install.
@@ -76,6 +77,10 @@ case "$CASE" in
     ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c:a copy -c:v libx264 -preset veryfast -g 100 \
       -keyint_min 100 -sc_threshold 0 -b:v 600k -f mpegts "$OUT/input.ts" || fail "ffmpeg could not make the input"
     INPUT=$OUT/input.ts MIN_TIME=8 ;;
+  apart-13ms)
+    ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c copy -muxdelay 0.7065 -f mpegts "$OUT/later.ts" ||
+      fail "ffmpeg could not make the input"
+    INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   *) echo "run_playback_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
@@ -88,7 +93,7 @@ fi
 
 echo "run_playback_test: $FMP4MUX ${args[*]} $INPUT $OUT/out"
 rc=0
-timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" "$OUT/out" || rc=$?
+timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" ${INPUT2:+"$INPUT2"} "$OUT/out" || rc=$?
 [ "$rc" -eq 0 ] || fail "fmp4mux exited with $rc"
 [ -s "$OUT/out/$manifest" ] || fail "fmp4mux wrote no $manifest"
 echo "run_playback_test: fmp4mux wrote $(find "$OUT/out" -type f | wc -l) files"
