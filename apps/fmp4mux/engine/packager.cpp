@@ -109,6 +109,9 @@ void Packager::stop() {
     if (!m_running) return;
     m_running = false;
     m_filter->Stop();
+    // The session ends on the filter's worker, which joins the threads that deliver chunks: once the worker is
+    // idle nothing reaches the sinks (and what they hand chunks to) any more, even when the run stops early.
+    m_filter->waitForWorkerState(tvrn::encoding::packaging::imff::fmp4::Idle, std::chrono::seconds(60));
 }
 
 }  // namespace fmp4mux

@@ -57,7 +57,7 @@ public:
     void endOfStream(int stream);
     // Waits until every output has ended, or `timeout`; true when all have.
     bool waitForEnd(std::chrono::milliseconds timeout);
-    // Stops the session: what is queued is dropped, nothing more is delivered.
+    // Stops the session and waits until it has ended: what is queued is dropped, nothing more is delivered.
     void stop();
 
 private:
