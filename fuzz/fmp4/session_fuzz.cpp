@@ -1,12 +1,13 @@
 // A whole session fed with arbitrary bytes: the input is split into buffers of an H.264 stream and an AAC ADTS
-// stream, each with times read from the input too, and everything the session writes is discarded. Nothing may
-// crash, hang or leak, whatever the bytes.
+// stream, each with times read from the input too. Nothing may crash, hang or leak, whatever the bytes, and every
+// chunk the session writes must read back as whole boxes.
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
 
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
+#include "packaging/fmp4/output/chunk_reader.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::fmp4;
@@ -24,6 +25,10 @@ public:
         volatile std::uint8_t sum = 0;
         for (std::size_t i = 0; i < size; i += 4096) sum = static_cast<std::uint8_t>(sum + data[i]);
         if (size > 0) sum = static_cast<std::uint8_t>(sum + data[size - 1]);
+        // Whatever the input, what is written reads back: an init chunk's container holds its movie part, and a
+        // media chunk is whole boxes to its last byte.
+        const ByteView chunk(data, size);
+        if (size > 0 && moviePart(chunk).empty() && lastCompleteBox(chunk).empty()) __builtin_trap();
         return true;
     }
     void EndOfStream() override {
