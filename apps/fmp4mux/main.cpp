@@ -74,6 +74,10 @@ int run(int argc, char** argv) {
         live = live || inputs.back()->isLive();
     }
     for (const auto& s : skipped) warn(s + "; the stream is skipped");
+    // Drift is measured against the wall clock: a file read as fast as it goes drifts by design, and renumbering
+    // would write over the segments already written.
+    if (options.driftDetection && !live && !options.realtime)
+        throw ExitError(kExitUsage, "--drift-detection needs a live input or --realtime");
     std::vector<std::vector<StreamInfo>> streamLists;
     for (const auto& input : inputs) streamLists.push_back(input->streams());
     std::vector<std::vector<bool>> selected;  // by --map, or every stream without it

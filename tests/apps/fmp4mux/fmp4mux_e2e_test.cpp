@@ -493,6 +493,7 @@ TEST_F(Fmp4muxEndToEnd, OperatorMistakesAreRefusedBeforeAnythingIsWritten) {
         {"--language 0:0=fra " + quote(source.string()), 2, "stream 0:0 is video, which has no language"},
         {"--name 0:0=same --name 0:1=same " + quote(source.string()), 2, "two streams are named 'same'"},
         {quote((out / "inside.ts").string()), 2, "is inside the output folder"},
+        {"--drift-detection " + quote(source.string()), 2, "--drift-detection needs a live input or --realtime"},
         // A second fmp4mux on a folder that one already writes to (flock holds its lock meanwhile).
         {"", 4, "is in use by another fmp4mux"},
     };
