@@ -116,6 +116,13 @@ HRESULT CMuxFmp4Filter::SetMuxMode(const char* streamName, std::uint32_t outputF
     return S_OK;
 }
 
+HRESULT CMuxFmp4Filter::SetPlayerCompatibleOutput(bool on) {
+    std::lock_guard lock(m_lock);
+    if (!isIdle()) return E_FAIL;
+    m_playerCompatible = on;
+    return S_OK;
+}
+
 HRESULT CMuxFmp4Filter::SetFirstNumber(std::int32_t firstNumber) {
     if (firstNumber < 0) return E_INVALIDARG;
     std::lock_guard lock(m_lock);
@@ -303,7 +310,7 @@ void CMuxFmp4Filter::onInputDisconnected(MuxFmp4InputPin& pin) {
 std::unique_ptr<fmp4::IMuxSession> CMuxFmp4Filter::buildSession() {
     auto session = std::make_unique<fmp4::Fmp4Mux>(m_outputFormat, m_config, m_notifier, m_logger, m_inBandParameterSets,
                                                    m_psshInFragments, m_allVideoInInit, m_driftDetection, m_offline,
-                                                   m_parts);
+                                                   m_parts, m_playerCompatible);
     std::vector<MuxFmp4InputPin*> connected;
     for (const auto& pin : m_inputs)
         if (pin->IsConnected()) connected.push_back(pin.get());

@@ -66,6 +66,11 @@ public:
     HRESULT GetKeyServerStatus(std::uint32_t* status) override;
     HRESULT SetOverheadPercent(std::uint32_t percent) override;
 
+    // Beyond the configuration interface: chunks as players read them (non-sync samples marked, sidx SAP types,
+    // the last sample's own duration) instead of the bytes the downstream of this filter is used to. Off by
+    // default; E_FAIL while a session runs.
+    HRESULT SetPlayerCompatibleOutput(bool on);
+
     // IEncryptionListener
     void OnKeyServerStatus(bool up) override;
 
@@ -130,6 +135,7 @@ private:
     bool m_allVideoInInit = false;
     bool m_driftDetection = false;
     bool m_offline = false;
+    bool m_playerCompatible = false;
     std::string m_streamName = "streamname";
     std::int32_t m_firstNumber = 1;
     std::optional<std::uint32_t> m_defaultParentalRating;

@@ -119,8 +119,8 @@ std::uint64_t SegmentIndexBox::getSize() const {
 }
 
 void SegmentIndexBox::addReference(std::uint32_t referencedSize, std::uint32_t subsegmentDuration,
-                                   std::uint8_t sapType) {
-    m_references.push_back({referencedSize, subsegmentDuration, sapType});
+                                   std::uint8_t sapType, bool startsWithSap) {
+    m_references.push_back({referencedSize, subsegmentDuration, sapType, startsWithSap});
 }
 
 void SegmentIndexBox::binarize(ImffBitWriter& writer) const {
@@ -140,7 +140,7 @@ void SegmentIndexBox::binarize(ImffBitWriter& writer) const {
         writer.writeBit(false);  // a media reference
         writer.writeBits(31, r.size);
         writer.writeBits(32, r.duration);
-        writer.writeBit(true);  // starts with a SAP
+        writer.writeBit(r.startsWithSap);
         writer.writeBits(3, r.sapType);
         writer.writeBits(28, 0);
     }

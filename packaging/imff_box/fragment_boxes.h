@@ -135,13 +135,15 @@ public:
     std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;
     // A media reference that starts with a SAP of the given type, SAP delta 0.
-    void addReference(std::uint32_t referencedSize, std::uint32_t subsegmentDuration, std::uint8_t sapType);
+    void addReference(std::uint32_t referencedSize, std::uint32_t subsegmentDuration, std::uint8_t sapType,
+                      bool startsWithSap = true);
 
 private:
     struct Reference {
         std::uint32_t size;
         std::uint32_t duration;
         std::uint8_t sapType;
+        bool startsWithSap;
     };
     std::uint32_t m_referenceId;
     std::uint32_t m_timescale;

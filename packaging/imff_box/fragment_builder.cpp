@@ -42,7 +42,14 @@ struct Timed {
     std::int64_t pts;
     std::int64_t dts;
     std::uint64_t rate;
+    std::int64_t duration;
 };
+
+SampleFlags playerFlags(bool sync) {
+    SampleFlags flags = sampleDependencyFlags(sync, true);
+    flags.isNonSync = !sync;
+    return flags;
+}
 }  // namespace
 
 TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, const std::vector<const ISample*>& samples) {
@@ -51,10 +58,9 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
     timed.reserve(samples.size());
     for (const ISample* sample : samples) {
         if (sample == nullptr) continue;
-        Timed t{sample, 0, 0, 0};
-        std::int64_t duration = 0;
+        Timed t{sample, 0, 0, 0, 0};
         if (!sample->getPts(t.pts) || !sample->getDts(t.dts) || !sample->getTimescale(t.rate) ||
-            !sample->getDuration(duration) || t.rate == 0) {
+            !sample->getDuration(t.duration) || t.rate == 0) {
             continue;
         }
         timed.push_back(t);
@@ -81,7 +87,19 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
         fragment.traf->addChild(std::make_shared<SmoothTfrfBox>(time + p.segmentDuration, p.segmentDuration));
     }
 
-    fragment.trun = std::make_shared<TrackRunBox>(p.video ? kVideoTrunFlags : kOtherTrunFlags);
+    const bool playerFlagged = p.playerCompatible && p.video;
+    std::uint32_t trunFlags = p.video ? kVideoTrunFlags : kOtherTrunFlags;
+    if (playerFlagged) {
+        const bool laterSync =
+            std::any_of(timed.begin() + (timed.empty() ? 0 : 1), timed.end(), [](const Timed& t) { return t.sample->isSync(); });
+        if (laterSync) {
+            trunFlags = kVideoPerSampleFlags;
+        } else {
+            fragment.tfhd->setFlags(fragment.tfhd->getFlags() | TrackFragmentHeaderBox::kDefaultSampleFlagsPresent);
+            fragment.tfhd->defaultSampleFlags = playerFlags(false).toUInt32();
+        }
+    }
+    fragment.trun = std::make_shared<TrackRunBox>(trunFlags);
     std::shared_ptr<SampleDependencyTypeBox> sdtp;
     if (!p.dash) sdtp = std::make_shared<SampleDependencyTypeBox>();
 
@@ -108,11 +126,18 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
         } else {
             // The last sample absorbs every rounding error, so that the run adds up to the segment.
             duration = std::max<std::int64_t>(segmentDuration - durationSoFar, 0);
+            // At the end of a stream the run's duration, measured on presentation times, can leave the last
+            // sample in decode order nothing: players then see a frame of no duration.
+            if (p.playerCompatible) {
+                const std::int64_t own = rescaledGap(t.duration, 0, t.rate, T);
+                if (2 * duration < own) duration = own;
+            }
         }
         durationSoFar += duration;
         entry.duration = static_cast<std::uint32_t>(duration);
         entry.size = static_cast<std::uint32_t>(t.sample->getSize());
-        const SampleFlags flags = sampleDependencyFlags(t.sample->isSync(), p.video);
+        const SampleFlags flags =
+            playerFlagged ? playerFlags(t.sample->isSync()) : sampleDependencyFlags(t.sample->isSync(), p.video);
         entry.flags = flags;
         if (i == 0) fragment.trun->setFirstSampleFlags(flags);
         fragment.trun->addEntry(entry);

@@ -21,6 +21,10 @@ struct TrackFragmentParameters {
     std::int64_t timestampOffset = 0;  // added to the DASH decode time, in track timescale units
     bool dash = true;
     bool writeSampleDescriptionIndex = false;
+    // Sample flags and durations as players read them: non-sync video samples say so (by the tfhd default, or
+    // per sample when a run holds a second sync sample), and a last sample the run's duration leaves (almost)
+    // nothing for keeps its own duration. Off, every sample after the first takes the trex default of 0.
+    bool playerCompatible = false;
 };
 
 struct TrackFragment {
@@ -44,6 +48,8 @@ class TrackFragmentBuilder {
 public:
     static constexpr std::uint32_t kVideoTrunFlags = 0x000B05;
     static constexpr std::uint32_t kOtherTrunFlags = 0x000301;
+    // Video when a sync sample follows the first one, for players: per-sample flags instead of first sample flags.
+    static constexpr std::uint32_t kVideoPerSampleFlags = 0x000F01;
 
     // Samples with an unknown PTS, DTS, rate or duration are skipped. Their rate must not be 0.
     static TrackFragment build(const TrackFragmentParameters& parameters, const std::vector<const ISample*>& samples);

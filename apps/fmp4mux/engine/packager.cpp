@@ -45,6 +45,8 @@ Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
         throw ExitError(kExitUsage, e.what());
     }
     m_filter->SetFirstNumber(s.firstNumber);
+    // fmp4mux writes for players and validators, which read the sample flags by the ISO rules.
+    m_filter->SetPlayerCompatibleOutput(true);
 }
 
 Packager::~Packager() { stop(); }

@@ -76,6 +76,7 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
         t.timestampOffset = p.negatedOrigin;
         t.dash = p.dash;
         t.writeSampleDescriptionIndex = p.allVideoInInit;
+        t.playerCompatible = p.playerCompatible;
         fragments.push_back(TrackFragmentBuilder::build(t, track.chunk ? boxSamples(*track.chunk) : std::vector<const ISample*>{}));
         moof->addChild(fragments.back().traf);
         payload += fragments.back().payloadSize;
@@ -111,12 +112,20 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
                                                       static_cast<std::uint32_t>(p.timescale),
                                                       static_cast<std::uint64_t>(std::max<std::int64_t>(ept, 0)));
         std::uint8_t sap = 0;
-        for (const TrackFragment& f : fragments)
-            if (!f.samples.empty()) {
-                sap = static_cast<std::uint8_t>(std::min<std::uint32_t>(f.samples.front()->getSapType(), 7));
-                break;
+        bool startsWithSap = true;
+        for (std::size_t i = 0; i < fragments.size(); ++i) {
+            if (fragments[i].samples.empty()) continue;
+            const ISample& first = *fragments[i].samples.front();
+            sap = static_cast<std::uint8_t>(std::min<std::uint32_t>(first.getSapType(), 7));
+            if (p.playerCompatible) {
+                // Every audio frame is a SAP of type 1; a video chunk starts with one only at a sync sample
+                // (a low-latency chunk inside a segment does not).
+                startsWithSap = tracks[i].contentType != ChunkVideo || first.isSync();
+                sap = startsWithSap ? std::max<std::uint8_t>(sap, 1) : 0;
             }
-        sidx->addReference(clamp32(moofSize + mdat->getSize()), clamp32(duration), sap);
+            break;
+        }
+        sidx->addReference(clamp32(moofSize + mdat->getSize()), clamp32(duration), sap, startsWithSap);
         head.push_back(sidx);
         tail.push_back(std::make_shared<TovraneBoxWith64bitsNumber>(TovraneBoxWith64bitsNumber::kEndOfChunk, p.chunkNumber));
         if (p.lastOfSegment)

@@ -28,6 +28,8 @@ struct ChunkSerialisationParameters {
     bool dash = true;
     bool allVideoInInit = false;
     bool psshInFragments = false;
+    // Sample flags, durations and sidx SAP types as players read them (see TrackFragmentParameters).
+    bool playerCompatible = false;
     std::uint64_t timescale = 10000000;
     std::int64_t negatedOrigin = 0;  // at the timescale, added to DASH decode and presentation times
 };

@@ -78,6 +78,7 @@ std::optional<std::string> syncPointFailure(const SegmentChunks& segments, std::
 
 ChunksBuilder::ChunksBuilder(const ChunksBuilderParams& params)
     : m_dash(params.outputFormat != Smooth),
+      m_playerCompatible(params.playerCompatible),
       m_config(*params.config),
       m_driftDetection(params.driftDetection),
       m_clock(params.utcClockMs ? params.utcClockMs : std::function<std::int64_t()>(systemUtcMs)),
@@ -285,6 +286,7 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
         p.dash = m_dash;
         p.allVideoInInit = m_allVideoInInit;
         p.psshInFragments = m_psshInFragments;
+        p.playerCompatible = m_playerCompatible;
         p.timescale = output.timescale;
         p.negatedOrigin = -rescale(m_timeOrigin, kHundredNs, output.timescale);
         const ChunkBytes bytes = serialiseChunk(p);

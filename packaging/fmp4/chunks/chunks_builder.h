@@ -89,6 +89,7 @@ private:
     bool m_inBandParameterSets = false;
     bool m_psshInFragments = false;
     bool m_allVideoInInit = false;
+    bool m_playerCompatible = false;
     Fmp4MuxConfig m_config;
     std::map<std::uint32_t, ChunkStreamRecord> m_streams;
     std::map<std::uint32_t, ElementaryStreamAttributes> m_attributes;  // the same, as the labels take them

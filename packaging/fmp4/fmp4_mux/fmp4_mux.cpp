@@ -61,13 +61,16 @@ void JoinedSynchronizatorListener::OnRestart() {
 
 Fmp4Mux::Fmp4Mux(OutputFormat outputFormat, const Fmp4MuxConfig& config, IChunkWarningNotifier* notifier,
                  tvrn::log::ILogger& logger, bool inBandParameterSets, bool psshInFragments, bool allVideoInInit,
-                 bool driftDetection, bool offline, Fmp4MuxParts parts)
+                 bool driftDetection, bool offline, Fmp4MuxParts parts, bool playerCompatible)
     : m_config(config),
-      m_options{outputFormat, inBandParameterSets, psshInFragments, allVideoInInit, driftDetection, offline},
+      m_options{outputFormat, inBandParameterSets, psshInFragments, allVideoInInit, driftDetection, offline,
+                playerCompatible},
       m_parts(std::move(parts)),
       m_logger(logger, "Fmp4 mux: ") {
     if (!m_parts.makeChunksBuilder) throw CorvaneException("no chunk builder available for the session");
-    m_chunksBuilder = m_parts.makeChunksBuilder(ChunksBuilderParams{outputFormat, &m_config, driftDetection, &m_logger});
+    ChunksBuilderParams builderParams{outputFormat, &m_config, driftDetection, &m_logger};
+    builderParams.playerCompatible = playerCompatible;
+    m_chunksBuilder = m_parts.makeChunksBuilder(builderParams);
 
     const char* offlineWord = offline ? "Offline " : "";
     if (m_config.tag() <= 2) {

@@ -51,6 +51,8 @@ struct ChunksBuilderParams {
     tvrn::log::ILogger* logger;
     // Milliseconds since 1970 UTC, read by the drift check; empty for the system clock.
     std::function<std::int64_t()> utcClockMs = {};
+    // Chunks as players read them: see TrackFragmentParameters.
+    bool playerCompatible = false;
 };
 
 std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params);
@@ -118,12 +120,13 @@ public:
         bool allVideoInInit = false;
         bool driftDetection = false;
         bool offline = false;
+        bool playerCompatible = false;
     };
 
     // Builds the chunk builder, then the synchroniser(s). A missing factory of the parts is a build failure.
     Fmp4Mux(OutputFormat outputFormat, const Fmp4MuxConfig& config, IChunkWarningNotifier* notifier,
             tvrn::log::ILogger& logger, bool inBandParameterSets, bool psshInFragments, bool allVideoInInit,
-            bool driftDetection, bool offline, Fmp4MuxParts parts);
+            bool driftDetection, bool offline, Fmp4MuxParts parts, bool playerCompatible = false);
     ~Fmp4Mux() override;
 
     // Registers one stream, before its first sample.

@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 
+#include "packaging/fmp4/chunks/chunk_serializer.h"
 #include "packaging/fmp4/chunks/chunks_builder.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
@@ -444,6 +445,35 @@ TEST(Restart, ResynchronisesFromTheWallClock) {
     EXPECT_TRUE(s.logger.contains("1 output#0video_300kbps : resynchronize: segment number changes from 2 to 6"));
     s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 7)}}), true);
     EXPECT_EQ(Session::numberBox(s.media(0).back(), "tnsb"), 6u);
+}
+
+// The last word of a sidx reference: starts_with_SAP (1 bit), SAP_type (3), SAP_delta_time (28). For players an
+// audio chunk starts with a SAP of type 1 (its samples say 0), and a video chunk starting inside a GOP with none.
+TEST(ChunkBytes, SegmentIndexSapForPlayers) {
+    struct Case {
+        ChunkContentType content;
+        bool sync;
+        bool players;
+        std::uint32_t sapWord;
+    } cases[] = {
+        {ChunkAudio, false, false, 0x80000000}, {ChunkAudio, false, true, 0x90000000},
+        {ChunkVideo, true, true, 0x90000000},   {ChunkVideo, false, true, 0x00000000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "content " << c.content << " sync " << c.sync << " players " << c.players);
+        const bool audio = c.content == ChunkAudio;
+        const auto chunk = chunkOf({sampleOf(0, audio ? samples::KindAudio : samples::KindVideo,
+                                             audio ? AAC_ADTS_AUDIO : H264_VIDEO, 0, 0, c.sync, {1})}, 400000);
+        ChunkSerialisationParameters p;
+        p.tracks = {{1, c.content, chunk.get()}};
+        p.chunkDuration = 400000;
+        p.playerCompatible = c.players;
+        const ChunkBytes bytes = serialiseChunk(p);
+        const ByteView view(bytes.data.get(), bytes.size);
+        const auto sidx = findBox(view, "sidx");
+        ASSERT_TRUE(sidx);
+        EXPECT_EQ(u32In(view, *sidx, 40), c.sapWord);  // after version, ids, times, reserved, count, size, duration
+    }
 }
 
 }  // namespace

@@ -351,4 +351,56 @@ TEST(TrackFragmentBuilder, SmoothTrafOrderAndFlags) {
     EXPECT_EQ(TrackFragmentBuilder::build(dash, pointers(samples)).tfhd->getFlags(), 0x020000u);
 }
 
+// For players: flags as ISO/IEC 14496-12 reads them. Sync: depends on 2, depended on 1 = 0x02400000; non-sync:
+// depends on 1, depended on 1, sample_is_non_sync_sample = 0x01410000.
+TEST(TrackFragmentBuilder, PlayerCompatibleFlagsAndLastDuration) {
+    struct Case {
+        const char* name;
+        std::vector<bool> sync;
+        std::uint64_t segmentDuration;
+        // traf: 8 + tfhd 20 (16 without defaults) + tfdt 20 + trun 12 + count 4 + offset 4 [+ first flags 4]
+        // + 12 (16 with flags) per sample
+        const char* traf;
+    } cases[] = {
+        {"one key frame first: tfhd default non-sync, first sample flags sync", {true, false, false}, 10800,
+         "0000006C 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
+         "0000003C 'trun' 00 000B05 00000003 00000000 02400000"
+         "  00000E10 00000001 00000000  00000E10 00000001 00000000  00000E10 00000001 00000000"},
+        {"a chunk inside a GOP: its first sample is non-sync too", {false, false}, 7200,
+         "00000060 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
+         "00000030 'trun' 00 000B05 00000002 00000000 01410000"
+         "  00000E10 00000001 00000000  00000E10 00000001 00000000"},
+        {"a second key frame: per-sample flags, no default", {true, false, true}, 10800,
+         "00000070 'traf' 00000010 'tfhd' 00 020000 00000001  00000014 'tfdt' 01000000 0000000000000000"
+         "00000044 'trun' 00 000F01 00000003 00000000"
+         "  00000E10 00000001 02400000 00000000  00000E10 00000001 01410000 00000000"
+         "  00000E10 00000001 02400000 00000000"},
+        {"the segment leaves the last sample nothing: it keeps its own 3600", {true, false, false}, 7200,
+         "0000006C 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
+         "0000003C 'trun' 00 000B05 00000003 00000000 02400000"
+         "  00000E10 00000001 00000000  00000E10 00000001 00000000  00000E10 00000001 00000000"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<TestSample> samples;
+        for (std::size_t i = 0; i < c.sync.size(); ++i)
+            samples.push_back(TestSample::make(static_cast<std::int64_t>(i) * 3600, static_cast<std::int64_t>(i) * 3600,
+                                               90000, 3600, 1, c.sync[i]));
+        TrackFragmentParameters p;
+        p.video = true;
+        p.segmentDuration = c.segmentDuration;
+        p.trackTimescale = 90000;
+        p.playerCompatible = true;
+        EXPECT_BYTES(testkit::writeBox(TrackFragmentBuilder::build(p, pointers(samples)).traf), hex(c.traf));
+    }
+    // Off, the last sample still absorbs the segment: 7200 - 2 x 3600 leaves 0.
+    std::vector<TestSample> three;
+    for (int i = 0; i < 3; ++i) three.push_back(TestSample::make(i * 3600, i * 3600, 90000, 3600, 1, i == 0));
+    TrackFragmentParameters off;
+    off.video = true;
+    off.segmentDuration = 7200;
+    off.trackTimescale = 90000;
+    EXPECT_EQ(TrackFragmentBuilder::build(off, pointers(three)).trun->getEntries()[2].duration, 0u);
+}
+
 }  // namespace
