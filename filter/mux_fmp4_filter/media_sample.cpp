@@ -86,6 +86,21 @@ HRESULT COOBMediaSample::SetMetadata(std::uint32_t type, const std::uint8_t* dat
     return S_OK;
 }
 
+HRESULT COOBMediaSample::GetMediaType(MediaType* type) {
+    if (type == nullptr) return E_POINTER;
+    if (!m_mediaType) return S_FALSE;
+    *type = *m_mediaType;
+    return S_OK;
+}
+
+HRESULT COOBMediaSample::SetMediaType(const MediaType* type) {
+    if (type != nullptr)
+        m_mediaType = *type;
+    else
+        m_mediaType.reset();
+    return S_OK;
+}
+
 HRESULT COOBMediaSample::RemoveMetadata(std::uint32_t type) {
     m_metadata.erase(type);
     return S_OK;
@@ -94,6 +109,7 @@ HRESULT COOBMediaSample::RemoveMetadata(std::uint32_t type) {
 void COOBMediaSample::resetProperties() {
     m_times = {};
     m_sync = m_preroll = m_discontinuity = false;
+    m_mediaType.reset();
     m_metadata.clear();
 }
 
@@ -171,6 +187,8 @@ SampleRef<CExternalMetaDataMediaSample> CExternalMetaDataMediaSample::wrap(IMedi
     wrapper->m_sync = foreign->IsSyncPoint() == S_OK;
     wrapper->m_preroll = foreign->IsPreroll() == S_OK;
     wrapper->m_discontinuity = foreign->IsDiscontinuity() == S_OK;
+    MediaType changed;
+    if (foreign->GetMediaType(&changed) == S_OK) wrapper->m_mediaType = std::move(changed);
     if (auto* with3 = dynamic_cast<IMediaSample3*>(foreign)) {
         for (std::uint32_t type = MetadataCuePoint; type <= MetadataRecordingEvent; ++type) {
             const std::uint8_t* data = nullptr;

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "filter/mux_fmp4_filter/guid.h"
 #include "support/system/ref_ptr.h"
 #include "packaging/fmp4_types/media_data.h"
 #include "support/exceptions/result_codes.h"
@@ -30,6 +31,18 @@ enum MediaSampleMetadata : std::uint32_t {
     MetadataRecordingEvent = 5,   // 2
 };
 
+struct MediaType {
+    GUID majortype;
+    GUID subtype;
+    bool fixedSizeSamples = false;
+    bool temporalCompression = true;
+    std::uint32_t sampleSize = 0;
+    GUID formattype;
+    std::vector<std::uint8_t> format;
+    // Bits per second of the stream, as the format block of the upstream type tells it; 0 when unknown.
+    std::uint32_t bitrate = 0;
+};
+
 // The flags of GetBuffer: do not wait for a free buffer.
 inline constexpr std::uint32_t AM_GBF_NOWAIT = 4;
 
@@ -47,6 +60,10 @@ public:
     virtual HRESULT SetPreroll(bool value) = 0;
     virtual long GetActualDataLength() = 0;
     virtual HRESULT SetActualDataLength(long length) = 0;
+    // S_OK with a copy of the type when the sample brings a new media type, S_FALSE when it keeps the one before.
+    virtual HRESULT GetMediaType(MediaType* type) = 0;
+    // Null clears the change.
+    virtual HRESULT SetMediaType(const MediaType* type) = 0;
     virtual HRESULT IsDiscontinuity() = 0;
     virtual HRESULT SetDiscontinuity(bool value) = 0;
     virtual HRESULT GetMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) = 0;
@@ -91,6 +108,8 @@ public:
     HRESULT SetPreroll(bool value) override;
     long GetActualDataLength() override;
     HRESULT SetActualDataLength(long length) override;
+    HRESULT GetMediaType(MediaType* type) override;
+    HRESULT SetMediaType(const MediaType* type) override;
     HRESULT IsDiscontinuity() override { return m_discontinuity ? tvrn::com::S_OK : tvrn::com::S_FALSE; }
     HRESULT SetDiscontinuity(bool value) override;
     HRESULT GetMediaTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;
@@ -119,6 +138,7 @@ protected:
     bool m_sync = false;
     bool m_preroll = false;
     bool m_discontinuity = false;
+    std::optional<MediaType> m_mediaType;
     std::map<std::uint32_t, std::vector<std::uint8_t>> m_metadata;
 };
 

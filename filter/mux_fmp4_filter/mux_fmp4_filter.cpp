@@ -297,10 +297,40 @@ HRESULT CMuxFmp4Filter::onInputConnected(MuxFmp4InputPin& pin, const MediaType& 
     return S_OK;
 }
 
+void CMuxFmp4Filter::SetEventSink(IMediaEventSink* sink) {
+    std::lock_guard lock(m_eventLock);
+    m_eventSink = sink;
+}
+
+void CMuxFmp4Filter::notifyEvent(long eventCode, std::intptr_t param1, std::intptr_t param2) {
+    std::lock_guard lock(m_eventLock);
+    if (m_eventSink != nullptr) m_eventSink->Notify(eventCode, param1, param2);
+}
+
 void CMuxFmp4Filter::onInputDisconnected(MuxFmp4InputPin& pin) {
     const std::int32_t id = pin.streamId();
     std::erase(m_videoInputs, id);
     std::erase(m_otherInputs, id);
+    // The stream leaves its pairings; an output left with no stream goes with its listener, so that a reconnected
+    // input gets one output again and no session writes a stream twice. Outputs keep their order and names.
+    std::vector<std::unique_ptr<MuxFmp4OutputPin>> outputs;
+    std::map<int, std::vector<std::int32_t>> pairings;
+    std::map<int, std::unique_ptr<CIsomffListener>> listeners;
+    for (std::size_t i = 0; i < m_outputs.size(); ++i) {
+        std::vector<std::int32_t>& ids = m_pairings[static_cast<int>(i)];
+        std::erase(ids, id);
+        if (ids.empty()) {
+            m_outputs[i]->Disconnect();
+            continue;
+        }
+        const int index = static_cast<int>(outputs.size());
+        outputs.push_back(std::move(m_outputs[i]));
+        pairings[index] = std::move(ids);
+        listeners[index] = std::move(m_listeners[static_cast<int>(i)]);
+    }
+    m_listeners = std::move(listeners);
+    m_outputs = std::move(outputs);
+    m_pairings = std::move(pairings);
     // Unconnected inputs go, except the first pin.
     for (std::size_t i = m_inputs.size(); i-- > 1;)
         if (!m_inputs[i]->IsConnected()) m_inputs.erase(m_inputs.begin() + static_cast<long>(i));

@@ -2,6 +2,7 @@
 // The filter: a session holder with configure, pause (start), run, stop and push calls. It owns the pins,
 // the configuration and one worker that builds a mux session when the filter pauses.
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,16 @@ class IEncryptionListener {
 public:
     virtual void OnKeyServerStatus(bool up) = 0;
     virtual ~IEncryptionListener() = default;
+};
+
+// The graph's event sink: told of errors that stop streaming, on the streaming thread.
+inline constexpr long EC_ERRORABORT = 0x03;
+class IMediaEventSink {
+public:
+    virtual HRESULT Notify(long eventCode, std::intptr_t param1, std::intptr_t param2) = 0;
+
+protected:
+    virtual ~IMediaEventSink() = default;
 };
 
 class CMuxFmp4Filter final : public IMuxFmp4Config, public IEncryptionListener {
@@ -70,6 +81,9 @@ public:
     // the last sample's own duration) instead of the bytes the downstream of this filter is used to. Off by
     // default; E_FAIL while a session runs.
     HRESULT SetPlayerCompatibleOutput(bool on);
+
+    // Where errors of the streaming threads go; null for nowhere. Held, not owned.
+    void SetEventSink(IMediaEventSink* sink);
 
     // IEncryptionListener
     void OnKeyServerStatus(bool up) override;
@@ -114,6 +128,7 @@ private:
     void pushSample(std::int32_t streamId, fmp4::IMediaData* data);
     void pushEndOfStream(std::int32_t streamId);
     void countChunk();
+    void notifyEvent(long eventCode, std::intptr_t param1, std::intptr_t param2);
 
     RefCount m_refCount;
     mutable std::recursive_mutex m_lock;
@@ -142,6 +157,8 @@ private:
     packaging::synchronizator::i_chunk_warning_notifier::IFmp4ChunkWarningNotifier* m_notifier = nullptr;
     std::uint32_t m_overheadPercent = 0;
 
+    std::mutex m_eventLock;
+    IMediaEventSink* m_eventSink = nullptr;
     mutable std::mutex m_keyStatusLock;
     std::uint32_t m_keyServerStatus = KeyServerUnknown;
 

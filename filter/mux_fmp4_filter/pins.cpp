@@ -120,6 +120,15 @@ HRESULT MuxFmp4InputPin::Disconnect() {
 HRESULT MuxFmp4InputPin::Receive(IMediaSample* sample) {
     if (sample == nullptr) return E_POINTER;
     if (!IsConnected()) return VFW_E_NOT_CONNECTED;
+    // A sample may bring a new media type: one this pin does not take stops the stream, and the graph is told.
+    MediaType changed;
+    if (sample->GetMediaType(&changed) == S_OK) {
+        if (CheckMediaType(changed) != S_OK) {
+            m_filter.notifyEvent(EC_ERRORABORT, VFW_E_TYPE_NOT_ACCEPTED, 0);
+            return VFW_E_TYPE_NOT_ACCEPTED;
+        }
+        SetMediaType(changed);
+    }
     // Metadata is edited on a wrapper, never on the source sample.
     auto wrapper = CExternalMetaDataMediaSample::wrap(sample);
     IDelayCrossingPointCallback* callback;

@@ -21,18 +21,6 @@ inline constexpr HRESULT VFW_E_NOT_STOPPED = static_cast<HRESULT>(0x80040224u);
 inline constexpr std::size_t kOutputBufferSize = 8192;
 inline constexpr std::size_t kMaxInputPins = 100;
 
-struct MediaType {
-    GUID majortype;
-    GUID subtype;
-    bool fixedSizeSamples = false;
-    bool temporalCompression = true;
-    std::uint32_t sampleSize = 0;
-    GUID formattype;
-    std::vector<std::uint8_t> format;
-    // Bits per second of the stream, as the format block of the upstream type tells it; 0 when unknown.
-    std::uint32_t bitrate = 0;
-};
-
 // The fourteen input types in enumeration order, with the stream type each one carries.
 struct InputTypeEntry {
     GUID majortype;
