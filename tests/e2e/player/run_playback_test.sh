@@ -31,8 +31,6 @@ SCHEMA="$ROOT/tests/data/schemas/DASH-MPD.xsd"
 CHROMIUM=${E2E_CHROMIUM:-/usr/bin/chromium}
 
 # What the test needs is there, or the test fails saying what is missing.
-command -v node >/dev/null || fail "node is not installed: run scripts/install-deps.sh"
-command -v npm >/dev/null || fail "npm is not installed: the playback tests need it to install dash.js and playwright-core"
 [ -x "$CHROMIUM" ] || fail "$CHROMIUM is missing: run scripts/install-deps.sh (it installs Debian's chromium)"
 command -v xmllint >/dev/null || fail "xmllint is missing: run scripts/install-deps.sh (libxml2-utils)"
 [ -x "$FMP4MUX" ] || fail "$FMP4MUX is not built"
@@ -41,19 +39,8 @@ if [ "$FORMAT" = dash ]; then
   [ -f "$SCHEMA" ] || fail "the MPD schema $SCHEMA is missing"
 fi
 
-# npm packages, pinned by package-lock.json. Both tests may start together: one installs, the other waits.
-(
-  flock -w 240 9 || fail "timed out waiting for another npm install in $HERE"
-  stamp="$HERE/node_modules/.installed-lock-sha256"
-  want=$(sha256sum "$HERE/package-lock.json" | cut -d' ' -f1)
-  if [ "$(cat "$stamp" 2>/dev/null)" != "$want" ] || [ ! -f "$HERE/node_modules/playwright-core/package.json" ] ||
-     [ ! -d "$HERE/node_modules/dashjs/dist" ]; then
-    echo "run_playback_test: npm ci in $HERE"
-    (cd "$HERE" && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 timeout 200 npm ci --no-audit --no-fund) ||
-      fail "npm ci failed in $HERE"
-    echo "$want" >"$stamp"
-  fi
-) 9>"$HERE/.npm-install.lock"
+. "$HERE/npm_packages.sh"
+install_npm_packages "$HERE"
 
 OUT=$(mktemp -d "${TMPDIR:-/tmp}/fmp4mux-e2e-$FORMAT.XXXXXX")
 trap 'rm -rf "$OUT"' EXIT
