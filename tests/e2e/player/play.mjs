@@ -1,12 +1,16 @@
 // Plays a packaged presentation with dash.js in headless Chromium and checks that it really plays.
 //
-//   node play.mjs [--format dash|smooth] [--min-time SECONDS] [--timeout SECONDS] FOLDER MANIFEST
+//   node play.mjs [--format dash|smooth] [--min-time SECONDS] [--timeout SECONDS] [--seek SECONDS --grab FILE]
+//                 FOLDER MANIFEST
 //
 // FOLDER is served over HTTP on 127.0.0.1 (ephemeral port) next to a small page that loads dash.js from this
 // folder's node_modules (and its Smooth Streaming module for --format smooth). The page plays FOLDER/MANIFEST
 // muted. Success: video.currentTime passes --min-time (default 6) within --timeout (default 40) seconds, the
 // video element decoded frames, and neither dash.js nor the video element reported an error, and no request
 // the player made failed. Exit code 0 on success, 1 on a failed check, 2 on a bad command line.
+// With --seek: once --min-time seconds are buffered (instead of played), the video is paused and seeked to
+// --seek seconds; the picture it then shows is written to --grab as raw RGBA, and its media time is printed as
+// "play.mjs: seek: shown MEDIA_TIME WIDTHxHEIGHT".
 // The browser and the server are closed on every path.
 
 import http from 'node:http';
@@ -31,7 +35,7 @@ function usage(message) {
 }
 
 function parseArgs(argv) {
-  const opts = { format: 'dash', minTime: 6, timeout: 40, positional: [] };
+  const opts = { format: 'dash', minTime: 6, timeout: 40, seek: null, grab: null, positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -41,12 +45,16 @@ function parseArgs(argv) {
     if (a === '--format') opts.format = value();
     else if (a === '--min-time') opts.minTime = Number(value());
     else if (a === '--timeout') opts.timeout = Number(value());
+    else if (a === '--seek') opts.seek = Number(value());
+    else if (a === '--grab') opts.grab = value();
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
   }
   if (!['dash', 'smooth'].includes(opts.format)) usage(`unknown format ${opts.format}`);
   if (!(opts.minTime > 0)) usage('--min-time must be a positive number');
   if (!(opts.timeout > 0 && opts.timeout <= 120)) usage('--timeout must be in (0, 120] seconds');
+  if ((opts.seek === null) !== (opts.grab === null)) usage('--seek and --grab go together');
+  if (opts.seek !== null && !(opts.seek >= 0)) usage('--seek must be a time in seconds');
   if (opts.positional.length !== 2) usage('FOLDER and MANIFEST are required');
   [opts.folder, opts.manifest] = opts.positional;
   opts.folder = path.resolve(opts.folder);
@@ -208,20 +216,48 @@ async function main() {
 
     const started = Date.now();
     let reached = true;
+    const seeking = opts.seek !== null;
     try {
       await page.waitForFunction(
-        (minTime) => {
+        ([minTime, buffered]) => {
           const s = window.__e2e;
           const v = document.getElementById('video');
-          return !s || s.fatal || s.dashErrors.length > 0 || s.videoErrors.length > 0 || v.error ||
-                 v.currentTime > minTime;
+          const reached = buffered ? v.buffered.length > 0 && v.buffered.end(v.buffered.length - 1) > minTime
+                                   : v.currentTime > minTime;
+          return !s || s.fatal || s.dashErrors.length > 0 || s.videoErrors.length > 0 || v.error || reached;
         },
-        opts.minTime, { timeout: opts.timeout * 1000, polling: 250 });
+        [opts.minTime, seeking], { timeout: opts.timeout * 1000, polling: 250 });
     } catch (e) {
       if (e?.name !== 'TimeoutError') throw e;
       reached = false;
     }
     const elapsed = (Date.now() - started) / 1000;
+
+    let shown = null;
+    if (seeking && reached) {
+      // Paused, seeked, and the picture then presented: its media time from requestVideoFrameCallback (the
+      // current time if no frame callback comes), its pixels drawn on a canvas of the video's own size.
+      shown = await page.evaluate(async (t) => {
+        const v = document.getElementById('video');
+        v.pause();
+        await new Promise((resolve) => { v.addEventListener('seeked', resolve, { once: true }); v.currentTime = t; });
+        const mediaTime = await new Promise((resolve) => {
+          const timer = setTimeout(() => resolve(v.currentTime), 3000);
+          v.requestVideoFrameCallback((now, meta) => { clearTimeout(timer); resolve(meta.mediaTime); });
+        });
+        const canvas = document.createElement('canvas');
+        canvas.width = v.videoWidth;
+        canvas.height = v.videoHeight;
+        const context = canvas.getContext('2d');
+        context.drawImage(v, 0, 0);
+        const pixels = context.getImageData(0, 0, canvas.width, canvas.height).data;
+        let text = '';
+        for (let i = 0; i < pixels.length; i += 0x8000) text += String.fromCharCode.apply(null, pixels.subarray(i, i + 0x8000));
+        return { mediaTime, width: canvas.width, height: canvas.height, rgba: btoa(text) };
+      }, opts.seek);
+      await fsp.writeFile(opts.grab, Buffer.from(shown.rgba, 'base64'));
+      console.log(`play.mjs: seek: shown ${shown.mediaTime} ${shown.width}x${shown.height}`);
+    }
 
     const seen = await page.evaluate(() => {
       const v = document.getElementById('video');
@@ -264,8 +300,9 @@ async function main() {
 
     const problems = [];
     if (seen.fatal) problems.push(`the page failed to set up dash.js: ${seen.fatal}`);
-    if (!reached) problems.push(`currentTime did not pass ${opts.minTime} s within ${opts.timeout} s`);
-    else if (!(seen.currentTime > opts.minTime)) problems.push(`stopped at currentTime ${seen.currentTime} (an error came first)`);
+    if (!reached) problems.push(`${seeking ? 'the buffer' : 'currentTime'} did not pass ${opts.minTime} s within ${opts.timeout} s`);
+    else if (!seeking && !(seen.currentTime > opts.minTime)) problems.push(`stopped at currentTime ${seen.currentTime} (an error came first)`);
+    if (seeking && shown && !(shown.width > 0)) problems.push('no picture was shown after the seek');
     if (!(seen.totalVideoFrames > 0)) problems.push('no video frame was decoded');
     if (seen.dashErrors.length) problems.push(`dash.js reported errors: ${JSON.stringify(seen.dashErrors)}`);
     if (seen.videoErrors.length || seen.videoElementError) {
@@ -282,7 +319,7 @@ async function main() {
       for (const l of consoleLines.slice(-200)) console.error(`  ${l}`);
       return 1;
     }
-    console.log(`play.mjs: PASS: ${opts.format} played past ${opts.minTime} s`);
+    console.log(`play.mjs: PASS: ${opts.format} ${seeking ? `buffered past ${opts.minTime} s and showed a picture at ${opts.seek} s` : `played past ${opts.minTime} s`}`);
     return 0;
   } catch (e) {
     console.error(`play.mjs: FAIL: ${e?.stack || e}`);

@@ -10,6 +10,8 @@
 #   jump-backward  the sample 100 s later, then the sample as it is (its times go back): played past 14 s
 #   gop-4s         the sample encoded again with 4 s GOPs, packaged with the default options: played past 8 s
 #   apart-13ms     two renditions, the sample and the sample with every time 13 ms later: played past 6 s
+#   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
+#                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
 # Needs node, npm, /usr/bin/chromium and xmllint (scripts/install-deps.sh installs them). The npm packages are installed with `npm ci` into this
 # folder's node_modules/ when the lock file changed since the last install.
@@ -68,6 +70,7 @@ case "$CASE" in
     ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c copy -muxdelay 0.7065 -f mpegts "$OUT/later.ts" ||
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
+  seek) INPUT=$SAMPLE MIN_TIME=8 ;;
   *) echo "run_playback_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
@@ -91,6 +94,35 @@ else
   xmllint --noout --nonet "$OUT/out/$manifest" || fail "the Smooth Streaming manifest is not well-formed XML"
 fi
 
-node "$HERE/play.mjs" --format "$FORMAT" --min-time "$MIN_TIME" --timeout 60 "$OUT/out" "$manifest" ||
-  fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
+if [ "$CASE" != seek ]; then
+  node "$HERE/play.mjs" --format "$FORMAT" --min-time "$MIN_TIME" --timeout 60 "$OUT/out" "$manifest" ||
+    fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
+  echo "run_playback_test: PASS ($FORMAT, $CASE)"
+  exit 0
+fi
+
+# Seek: the first video frame's time in the presentation, read by ffprobe from the video representation.
+init=$(find "$OUT/out" -name init.mp4 -path '*video*' | head -n 1)
+[ -n "$init" ] || fail "no video init segment"
+{ cat "$init"; find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n | xargs cat; } >"$OUT/video.mp4"
+first=$(ffprobe -v error -select_streams v:0 -show_entries packet=pts_time -of csv=p=0 "$OUT/video.mp4" | sort -g | head -n 1)
+fps=25  # the sample's frame rate; its key frames are 2 s apart
+target=$(awk -v f="$first" 'BEGIN { printf "%.3f", f + 3.02 }')  # the middle of the second GOP, half a frame on
+shown=$(node "$HERE/play.mjs" --format "$FORMAT" --min-time "$MIN_TIME" --timeout 60 --seek "$target" \
+          --grab "$OUT/shown.rgba" "$OUT/out" "$manifest" | tee /dev/stderr | sed -n 's/^play.mjs: seek: shown //p') ||
+  fail "dash.js in Chromium did not show a picture after seeking in the $FORMAT output of fmp4mux"
+read -r media size <<<"$shown"
+[ -n "$size" ] || fail "play.mjs told no picture"
+width=${size%x*} height=${size#*x}
+index=$(awk -v m="$media" -v f="$first" -v r="$fps" 'BEGIN { printf "%d", (m - f) * r + 0.001 }')  # the frame shown at m
+echo "run_playback_test: seeked to $target s, the player shows media time $media s: frame $index of the source"
+frame() {  # N: the source's frame N (presentation order) as raw RGBA, in BT.709 colours as Chromium shows video
+  # that does not say its colours
+  ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -frames:v 1 -f rawvideo \
+    -vf "select=eq(n\\,$1),scale=$width:$height:in_color_matrix=bt709,format=rgba" "$OUT/frame$1.rgba" || fail "ffmpeg could not decode frame $1"
+  echo "$OUT/frame$1.rgba"
+}
+node "$HERE/frame_diff.mjs" "$OUT/shown.rgba" "$width" "$height" "$(frame $((index - 1)))" "$(frame "$index")" \
+  "$(frame $((index + 1)))" -- "$(frame $((index - 12)))" "$(frame $((index + 12)))" ||
+  fail "the picture shown after the seek is not the source's frame $index"
 echo "run_playback_test: PASS ($FORMAT, $CASE)"
