@@ -78,8 +78,8 @@ public:
     HRESULT SetOverheadPercent(std::uint32_t percent) override;
 
     // Beyond the configuration interface: chunks as players read them (non-sync samples marked, sidx SAP types,
-    // the last sample's own duration) instead of the bytes the downstream of this filter is used to. Off by
-    // default; E_FAIL while a session runs.
+    // the last sample's own duration, the audio language in mdhd) instead of the bytes the downstream of this
+    // filter is used to. Off by default; E_FAIL while a session runs.
     HRESULT SetPlayerCompatibleOutput(bool on);
 
     // Where errors of the streaming threads go; null for nowhere. Held, not owned.

@@ -29,7 +29,7 @@ FileHeader::FileHeader(bool dash) : m_dash(dash) {
 
 std::uint32_t FileHeader::addTrack(std::uint32_t trackId, std::uint32_t timescale, std::uint32_t trackKind,
                                    std::shared_ptr<SampleEntry> sampleEntry, std::uint32_t width,
-                                   std::uint32_t height) {
+                                   std::uint32_t height, const std::string& language) {
     auto known = m_tracks.find(trackId);
     if (known != m_tracks.end()) {
         Track& track = known->second;
@@ -48,7 +48,9 @@ std::uint32_t FileHeader::addTrack(std::uint32_t trackId, std::uint32_t timescal
 
     auto mdia = std::make_shared<Box>(fourCC("mdia"));
     trak->addChild(mdia);
-    mdia->addChild(std::make_shared<MediaHeaderBox>(timescale, m_creationTime, m_modificationTime, 1));
+    auto mdhd = std::make_shared<MediaHeaderBox>(timescale, m_creationTime, m_modificationTime, 1);
+    mdhd->setLanguage(language);
+    mdia->addChild(mdhd);
     mdia->addChild(std::make_shared<HandlerReferenceBox>(trackKind));
 
     auto minf = std::make_shared<Box>(fourCC("minf"));

@@ -20,9 +20,11 @@ public:
     virtual ~FileHeader() = default;
 
     // Adds a track, or one more sample entry to a known track. Returns the entry count of the track's
-    // stsd, which is the sample description index of this entry.
+    // stsd, which is the sample description index of this entry. A new track's mdhd gets `language` (see
+    // MediaHeaderBox::setLanguage).
     std::uint32_t addTrack(std::uint32_t trackId, std::uint32_t timescale, std::uint32_t trackKind,
-                           std::shared_ptr<SampleEntry> sampleEntry, std::uint32_t width, std::uint32_t height);
+                           std::shared_ptr<SampleEntry> sampleEntry, std::uint32_t width, std::uint32_t height,
+                           const std::string& language = "und");
     // The box written between ftyp and moov.
     void addBox(std::shared_ptr<Box> box) { m_extraBox = std::move(box); }
 

@@ -172,6 +172,20 @@ void MediaHeaderBox::binarize(ImffBitWriter& writer) const {
     writer.writeBits(16, 0);
 }
 
+void MediaHeaderBox::setLanguage(const std::string& language) {
+    const std::size_t end = language.find('-');
+    const std::string primary = language.substr(0, end);
+    m_language = "und";
+    if (primary.size() != 3) return;
+    std::string code;
+    for (char c : primary) {
+        const char lower = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+        if (lower < 'a' || lower > 'z') return;
+        code += lower;
+    }
+    m_language = code;
+}
+
 void MediaHeaderBox::dump(std::ostream*) const {
     std::ostream& out = std::cout;
     out << "<MediaHeaderBox CreationTime=\"" << m_creationTime << "\" ModificationTime=\"" << m_modificationTime

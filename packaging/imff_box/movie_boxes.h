@@ -113,6 +113,10 @@ public:
     std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;
     void dump(std::ostream* stream) const override;  // prints on standard output
+    // The ISO 639-2/T code of the track: the first subtag of `language` when it is three letters ("fra",
+    // "deu-CH"), lower-cased; anything else leaves "und", which the box's packing cannot hold otherwise.
+    void setLanguage(const std::string& language);
+    const std::string& language() const { return m_language; }
 
 private:
     std::uint64_t m_creationTime;

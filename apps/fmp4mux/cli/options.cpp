@@ -253,7 +253,7 @@ with nothing to package; 4 output folder not writable.
                           refuse("--bitrate " + id + ": '" + value + "' is not a bitrate in bits per second");
                       s.bitrate = static_cast<std::uint32_t>(bps);
                   });
-    streamSetting(o, "--language", "STREAM_ID=CODE", "ISO 639 language of a stream",
+    streamSetting(o, "--language", "STREAM_ID=CODE", "ISO 639 language of a stream (three letters reach the track too)",
                   [](StreamSettings& s, const std::string& id, const std::string& value) {
                       if (!isLanguageCode(value))
                           refuse("--language " + id + ": '" + value + "' is not a language code (ISO 639, e.g. 'fra')");

@@ -132,7 +132,7 @@ void ChunksBuilder::OnFirstSegments(const SegmentChunks& first, std::uint64_t ti
     const ManifestDurations durations{timebase, segmentDuration, chunkDuration};
     for (auto& [index, output] : m_outputs) {
         // Timed-text outputs get an init chunk without encryption context; they have no sample entry yet.
-        InitChunk init(output.name, m_dash);
+        InitChunk init(output.name, m_dash, m_playerCompatible);
         bool added = false;
         for (const std::int32_t id : output.streamIds) {
             const auto stream = m_streams.find(static_cast<std::uint32_t>(id));

@@ -21,7 +21,8 @@ std::uint32_t getBigEndian32(const std::uint8_t* at) {
 constexpr std::uint8_t kEmptyMfra[8] = {0, 0, 0, 8, 'm', 'f', 'r', 'a'};
 }  // namespace
 
-InitChunk::InitChunk(std::string name, bool dash) : m_dash(dash), m_manifest(std::move(name), dash), m_movie(dash) {}
+InitChunk::InitChunk(std::string name, bool dash, bool languageInMediaHeader)
+    : m_dash(dash), m_languageInMediaHeader(languageInMediaHeader), m_manifest(std::move(name), dash), m_movie(dash) {}
 
 InitChunk::~InitChunk() = default;
 
@@ -32,7 +33,8 @@ std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale
         // "mp4a" from the stream's decoder configuration; the track's timescale is the output's, not the rate.
         AudioSampleEntryResult audio = makeAudioSampleEntry(streamType, firstChunk, attributes);
         if (!audio.entry) return 0;
-        const std::uint32_t index = m_movie.addTrack(trackId, timescale, imff_box::TRACK_AUDIO, audio.entry, 0, 0);
+        const std::uint32_t index = m_movie.addTrack(trackId, timescale, imff_box::TRACK_AUDIO, audio.entry, 0, 0,
+                                                     m_languageInMediaHeader ? attributes.language : "und");
         if (isMain) m_manifest.AddAudio(trackId, audio.manifest, attributes, durations);
         return static_cast<std::int32_t>(index);
     }

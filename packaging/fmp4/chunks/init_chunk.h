@@ -19,7 +19,9 @@ inline namespace v7_2 {
 class InitChunk {
 public:
     // The movie-wide protection boxes of an encryption provider join the moov here once encryption exists.
-    InitChunk(std::string name, bool dash);
+    // With `languageInMediaHeader` an audio track's mdhd carries the stream's language instead of "und", as
+    // players and MP4 tools read it there.
+    InitChunk(std::string name, bool dash, bool languageInMediaHeader = false);
     virtual ~InitChunk();
 
     // Adds one stream: its sample entry comes from the parameter sets (video) or the decoder configuration
@@ -37,6 +39,7 @@ public:
 
 private:
     bool m_dash;
+    bool m_languageInMediaHeader;
     LiveServerManifest m_manifest;
     imff_box::FileHeader m_movie;
 };

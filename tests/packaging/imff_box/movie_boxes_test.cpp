@@ -187,4 +187,27 @@ TEST(MovieBoxes, SampleTables) {
                  hex("00000010 'urn ' 00000000 'n' 00 'l' 00"));
 }
 
+// mdhd v1 (44 bytes): the pad bit and three 5-bit letters (the letter minus 0x60) sit at bytes 40 and 41.
+TEST(MovieBoxes, MediaHeaderLanguage) {
+    const struct {
+        const char* given;
+        const char* packed;
+    } cases[] = {
+        {"fra", "1A41"},     // 0 00110 10010 00001
+        {"deu-CH", "10B5"},  // the first subtag: 0 00100 00101 10101
+        {"FRA", "1A41"},     // lower-cased
+        {"en", "55C4"},      // two letters do not fit the field: und, 0 10101 01110 00100
+        {"f1a", "55C4"},
+        {"", "55C4"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.given);
+        auto mdhd = std::make_shared<MediaHeaderBox>(48000);
+        mdhd->setLanguage(c.given);
+        const Bytes bytes = testkit::writeBox(mdhd);
+        ASSERT_EQ(bytes.size(), 44u);
+        EXPECT_BYTES(Bytes(bytes.begin() + 40, bytes.begin() + 42), hex(c.packed));
+    }
+}
+
 }  // namespace
