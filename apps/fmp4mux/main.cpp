@@ -82,16 +82,21 @@ int run(int argc, char** argv) {
     for (const auto& input : inputs) streamLists.push_back(input->streams());
     std::vector<std::vector<bool>> selected;  // by --map, or every stream without it
     if (!selectStreams(options.maps, streamLists, selected, error)) throw ExitError(kExitUsage, error);
-    const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
-    if (plans.empty()) throw ExitError(kExitInput, "the inputs hold no stream that can be packaged");
+    // The stream options are checked before anything is read; the plans are made again below, with what the
+    // read-ahead measured.
+    if (planStreams(options, streamLists, selected).empty())
+        throw ExitError(kExitInput, "the inputs hold no stream that can be packaged");
     // Segments are cut at key frames, so the GOP duration must be the input's: measured on the first input with a
-    // video stream to package, it is the default, and a -g that disagrees with it is said loudly.
+    // video stream to package, it is the default, and a -g that disagrees with it is said loudly. The same
+    // read-ahead measures the bitrates that the inputs do not tell.
     std::vector<std::optional<std::int64_t>> firstKeys(inputs.size());  // each input's first key frame, 100 ns
     bool measured = false;
-    for (const StreamPlan& plan : plans) {
-        const auto d = static_cast<std::size_t>(plan.input);
-        if (streamLists[d][plan.stream].kind != "video" || firstKeys[d]) continue;
+    for (std::size_t d = 0; d < inputs.size(); ++d) {
+        bool video = false;
+        for (std::size_t k = 0; k < streamLists[d].size(); ++k) video = video || (selected[d][k] && streamLists[d][k].kind == "video");
+        if (!video) continue;
         const auto interval = inputs[d]->keyFrameInterval(20.0);
+        streamLists[d] = inputs[d]->streams();
         firstKeys[d] = inputs[d]->firstKeyFrameTime();
         if (!interval || measured) continue;
         measured = true;
@@ -105,6 +110,7 @@ int run(int argc, char** argv) {
                  std::to_string(options.gopDurationMs) + " ms: segments follow the input's key frames and may not last what -g asks");
         }
     }
+    const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
 
     // The output folder is made (and held) only once the inputs are known to be there.
     const OutputFolder folder(options.outputDirectory);

@@ -53,7 +53,7 @@ public:
     virtual const std::string& error() const = 0;
     // The interval between the key frames of the first video stream, in seconds, measured on what the input
     // holds before run() (at most `maxSeconds` of it, kept to be read again by run()); none when there is no
-    // video or fewer than two key frames.
+    // video or fewer than two key frames. Streams whose bitrate was unknown get the one measured on that read.
     virtual std::optional<double> keyFrameInterval(double maxSeconds) {
         (void)maxSeconds;
         return std::nullopt;

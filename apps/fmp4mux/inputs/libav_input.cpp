@@ -256,6 +256,12 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
     std::vector<double> keys;  // seconds
     std::optional<double> first;
     std::size_t bytes = 0;
+    // Per kept stream, what the read-ahead holds of it: bytes, and the first and last decoding times in seconds.
+    struct Seen {
+        std::size_t bytes = 0;
+        std::optional<double> first, last;
+    };
+    std::vector<Seen> seen(m_impl->kept.size());
     // Four key frames give three intervals; the read-ahead is bounded in time and in memory.
     while (keys.size() < 4 && bytes < (64u << 20)) {
         AVPacket* packet = av_packet_alloc();
@@ -265,6 +271,17 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
         }
         bytes += static_cast<std::size_t>(packet->size);
         m_impl->readAhead.push_back(packet);
+        const int keptIndex = packet->stream_index >= 0 && static_cast<std::size_t>(packet->stream_index) < m_impl->sourceToKept.size()
+                                  ? m_impl->sourceToKept[static_cast<std::size_t>(packet->stream_index)]
+                                  : -1;
+        const std::int64_t when = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+        if (keptIndex >= 0 && when != AV_NOPTS_VALUE) {
+            Seen& s = seen[static_cast<std::size_t>(keptIndex)];
+            const double at = static_cast<double>(when) * av_q2d(fmt->streams[packet->stream_index]->time_base);
+            s.bytes += static_cast<std::size_t>(packet->size);
+            if (!s.first) s.first = at;
+            s.last = at;
+        }
         if (packet->stream_index != video) continue;
         const std::int64_t t = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
         if (t == AV_NOPTS_VALUE) continue;
@@ -277,6 +294,13 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
             keys.push_back(seconds);
             if (!m_firstKey && packet->pts != AV_NOPTS_VALUE) m_firstKey = av_rescale_q(packet->pts, timeBase, kHundredNs);
         }
+    }
+    // A stream whose rate neither it nor its container tells (a live or piped input) is measured on what was
+    // read, so that manifests announce a real rate and renditions rank as their media do.
+    for (std::size_t k = 0; k < seen.size(); ++k) {
+        const Seen& s = seen[k];
+        if (m_streams[k].bitrate > 0 || !s.first || *s.last - *s.first < 0.5) continue;
+        m_streams[k].bitrate = std::llround(static_cast<double>(s.bytes) * 8 / (*s.last - *s.first));
     }
     if (keys.size() < 2) return std::nullopt;
     std::vector<double> intervals;
