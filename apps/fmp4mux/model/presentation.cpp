@@ -87,6 +87,15 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     } catch (const std::exception& e) {
         return fail(e.what());
     }
+    // Times and durations are each rounded to the track's timescale (1 ms for the audio of separate-audio
+    // segments), so a segment may start a tick before or after the end of the one before: the timeline stays
+    // continuous, the earlier segment lasting to the next one's start. Real gaps and overlaps stay as they are.
+    if (!out.track.segments.empty()) {
+        Segment& before = out.track.segments.back();
+        const std::uint64_t end = before.time + before.duration;
+        const std::uint64_t step = end > timing->time ? end - timing->time : timing->time - end;
+        if (step > 0 && step * 100 <= before.duration && timing->time > before.time) before.duration = timing->time - before.time;
+    }
     out.track.segments.push_back({timing->time, timing->duration, number});
     // A live session keeps the records of its time-shift window only, so that neither its memory nor the
     // manifest rewrite on every chunk grows with the run; the manifest that ends a live input therefore lists

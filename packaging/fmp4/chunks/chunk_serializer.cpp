@@ -41,6 +41,28 @@ bool earliestPresentation(const std::vector<TrackFragment>& fragments, std::uint
     return found;
 }
 
+// How long the chunk's pictures are shown, from the earliest start to the latest end, at `timescale`; 0 when no
+// sample tells its times. The synchroniser measures a chunk from its first sample's time to the time after its
+// last sample in decode order, which at the end of a stream with B frames falls short of the last picture shown.
+std::uint64_t presentedSpan(const std::vector<ChunkTrack>& tracks, std::uint64_t timescale) {
+    bool found = false;
+    std::int64_t start = 0, end = 0;
+    for (const ChunkTrack& track : tracks) {
+        if (track.chunk == nullptr) continue;
+        for (const ISample* sample : boxSamples(*track.chunk)) {
+            std::int64_t pts = 0, length = 0;
+            std::uint64_t rate = 0;
+            if (!sample->getPts(pts) || !sample->getDuration(length) || !sample->getTimescale(rate) || rate == 0) continue;
+            const std::int64_t from = rescale(pts, rate, timescale);
+            const std::int64_t to = rescale(pts + std::max<std::int64_t>(length, 0), rate, timescale);
+            start = found ? std::min(start, from) : from;
+            end = found ? std::max(end, to) : to;
+            found = true;
+        }
+    }
+    return found && end > start ? static_cast<std::uint64_t>(end - start) : 0;
+}
+
 std::uint32_t clamp32(std::uint64_t value) {
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(value, std::numeric_limits<std::uint32_t>::max()));
 }
@@ -57,8 +79,11 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
     std::stable_sort(tracks.begin(), tracks.end(),
                      [](const ChunkTrack& a, const ChunkTrack& b) { return a.trackId < b.trackId; });
 
-    const std::uint64_t duration =
+    std::uint64_t duration =
         p.timescale == kHundredNs ? p.chunkDuration : mulDivU(p.chunkDuration, p.timescale, kHundredNs);
+    // For players a chunk lasts at least as long as its pictures are shown: the last chunk of a stream with B
+    // frames then ends with its last picture, in the manifest and in the last sample's duration.
+    if (p.playerCompatible) duration = std::max(duration, presentedSpan(tracks, p.timescale));
 
     auto moof = std::make_shared<Box>(fourCC("moof"));
     // pssh boxes of an encrypted fragment go here, before mfhd.

@@ -136,4 +136,21 @@ TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnDi
     EXPECT_NE(out.text(out.files.size() - 1).find("type=\"static\""), std::string::npos);
 }
 
+// Starts and durations rounded apart by a tick meet again in the timeline; a real gap stays.
+TEST(Presentation, TimelineStaysContinuousAcrossRoundingButKeepsRealGaps) {
+    Recorder out;
+    DashManifestWriter mpd;
+    Presentation p(settings(false), out, mpd, [] { return 1000.0; });
+    p.addOutput(0, "audio", 2, 48000, false, "audio0", "und");
+    p.onChunk(0, true, initChunk());
+    for (const auto& [time, duration] : {std::pair{0u, 1002u}, {1003u, 1002u}, {2004u, 1002u}, {4000u, 1000u}})
+        p.onChunk(0, false, mediaChunk(time, duration));
+    p.finish();
+    const std::string text = out.text(out.files.size() - 1);
+    EXPECT_NE(text.find("<S t=\"0\" d=\"1003\"/>\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("<S t=\"1003\" d=\"1001\"/>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<S t=\"2004\" d=\"1002\"/>"), std::string::npos) << text;
+    EXPECT_NE(text.find("<S t=\"4000\" d=\"1000\"/>"), std::string::npos) << text;
+}
+
 }  // namespace

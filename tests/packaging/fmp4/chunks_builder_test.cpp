@@ -476,4 +476,27 @@ TEST(ChunkBytes, SegmentIndexSapForPlayers) {
     }
 }
 
+// The pictures of smallChunk() are shown from 903600 to 910800 on the 90 kHz clock, 80 ms, though the chunk is
+// told it lasts 40 ms, as the last chunk of a stream with B frames is. For players the sidx duration (at 36 bytes
+// into its content) covers the 80 ms and the last sample gets the rest of them; otherwise both follow the chunk.
+TEST(ChunkBytes, ForPlayersAChunkLastsAsLongAsItsPicturesAreShown) {
+    const SegmentChunks segments = smallChunk();
+    for (const bool players : {false, true}) {
+        SCOPED_TRACE(players);
+        ChunkSerialisationParameters p;
+        p.tracks = {{1, ChunkVideo, segments.chunks.at(0).get()}};
+        p.chunkDuration = 400000;
+        p.playerCompatible = players;
+        const ChunkBytes bytes = serialiseChunk(p);
+        const ByteView view(bytes.data.get(), bytes.size);
+        const auto sidx = findBox(view, "sidx");
+        const auto trun = findBox(view, "moof/traf/trun");
+        ASSERT_TRUE(sidx && trun);
+        EXPECT_EQ(u32In(view, *sidx, 36), players ? 800000u : 400000u);
+        // trun: version and flags, count, data offset, first sample flags, then duration, size, offset per sample
+        EXPECT_EQ(u32In(view, *trun, 16), 400000u);
+        EXPECT_EQ(u32In(view, *trun, 28), players ? 400000u : 0u);
+    }
+}
+
 }  // namespace
