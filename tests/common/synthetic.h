@@ -181,19 +181,18 @@ inline Bytes h264Slice(std::uint8_t nalType, std::uint32_t sliceType, std::uint3
     return annexB({static_cast<std::uint8_t>(0x60 | nalType)}, w.bytes());
 }
 
-// The ADTS stream with a 2-byte CRC field in every header: protection_absent cleared, frame length + 2.
-inline Bytes withCrc(const AudioFixture& fixture) {
-    Bytes out;
-    for (Bytes frame : packetBytes(fixture)) {
+// The ADTS frames with a 2-byte CRC field in every header: protection_absent cleared, frame length + 2.
+inline std::vector<Bytes> framesWithCrc(const AudioFixture& fixture) {
+    std::vector<Bytes> frames = packetBytes(fixture);
+    for (Bytes& frame : frames) {
         const std::uint32_t length = static_cast<std::uint32_t>(frame.size()) + 2;
         frame[1] &= 0xFE;
         frame[3] = static_cast<std::uint8_t>((frame[3] & 0xFC) | (length >> 11));
         frame[4] = static_cast<std::uint8_t>(length >> 3);
         frame[5] = static_cast<std::uint8_t>((frame[5] & 0x1F) | ((length & 7) << 5));
         frame.insert(frame.begin() + 7, {0x5A, 0xA5});
-        out.insert(out.end(), frame.begin(), frame.end());
     }
-    return out;
+    return frames;
 }
 
 // An AudioSpecificConfig; object types 5 and 29 signal SBR (and PS) explicitly around an AAC-LC core.

@@ -121,49 +121,6 @@ TEST(SampleBuilderH264, DelimitersAndFillerNeverReachASampleAndSeiGoesWithTheNex
     EXPECT_EQ(bytes.size(), pics[0]->getSize());
 }
 
-TEST(SampleBuilderH264, ConfigurationSamplesAndInBandParameterSets) {
-    for (bool inBand : {false, true}) {
-        Chain chain(2, inBand);
-        const Bytes sps = h264Sps({});
-        chain.setup();
-        chain.push(h264Sei({}), 0, 0);
-        chain.push(h264Slice(5, 2));
-        chain.setup();  // repeated before the next picture
-        chain.push(h264Slice(1, 0), 3600, 3600);
-        chain.push(h264Slice(1, 0), 7200, 7200);
-        chain.builder->flush();
-        const auto spsSamples = chain.collector.ofKind(samples::KindSequenceParameterSet);
-        ASSERT_EQ(spsSamples.size(), 1u);
-        EXPECT_EQ(chain.collector.ofKind(samples::KindPictureParameterSet).size(), 1u);
-        const Sample& config = *spsSamples[0];
-        std::int64_t t = 0;
-        std::uint64_t timescale = 0;
-        EXPECT_FALSE(config.getPts(t));
-        EXPECT_FALSE(config.getDts(t));
-        EXPECT_FALSE(config.getDuration(t));
-        EXPECT_TRUE(config.getTimescale(timescale));
-        EXPECT_EQ(timescale, 90000u);
-        EXPECT_EQ(config.inputType, 2u);
-        EXPECT_EQ(config.streamId, 3u);
-        Bytes bytes;
-        config.getBytes(bytes);
-        Bytes expected = {0, 0, 0, static_cast<std::uint8_t>(sps.size() - 4)};
-        expected.insert(expected.end(), sps.begin() + 4, sps.end());
-        EXPECT_EQ(bytes, expected);
-
-        const auto pics = chain.pictures();
-        ASSERT_EQ(pics.size(), 3u);
-        if (inBand) {
-            EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 7, 8, 5}));
-            EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{7, 8, 1}));
-        } else {
-            EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 5}));
-            EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{1}));
-        }
-        EXPECT_EQ(typesOf(*pics[2]), (std::vector<unsigned>{1}));
-    }
-}
-
 TEST(SampleBuilderH264, RandomAccessFollowsTheFirstSliceIntraNotIdr) {
     Chain chain;
     chain.setup();
@@ -266,21 +223,6 @@ TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
         EXPECT_EQ(pics[i + 1]->getSapType(), saps[i]) << types[i];
         EXPECT_EQ(pics[i + 1]->isSync(), types[i] == 20) << types[i];
     }
-}
-
-TEST(Sample, BytesInOrderOfAddition) {
-    Sample sample;
-    EXPECT_EQ(sample.getSize(), 0u);
-    for (std::uint8_t v : {std::uint8_t{1}, std::uint8_t{2}}) {
-        auto nal = std::make_unique<es::NAL>(-1, 2);
-        const std::uint8_t bytes[2] = {v, v};
-        nal->append(bytes, 2);
-        sample.addNal(std::move(nal));
-    }
-    sample.addNal(std::make_unique<es::NAL>(-1, 0));
-    Bytes out;
-    sample.getBytes(out);
-    EXPECT_EQ(out, (Bytes{1, 1, 2, 2}));
 }
 
 }  // namespace
