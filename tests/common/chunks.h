@@ -92,6 +92,13 @@ inline StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
     return chunk;
 }
 
+// A stream's first chunk with one configuration sample of `kind` holding `bytes`.
+inline StreamChunk configurationChunk(std::int32_t kind, const Bytes& bytes) {
+    StreamChunk chunk;
+    chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<samples::Sample>(sampleHolding(kind, bytes))));
+    return chunk;
+}
+
 // The big-endian number at `at` bytes into a box's content.
 inline std::uint32_t u32In(ByteView bytes, const BoxView& box, std::size_t at) {
     return be32(bytes.data() + box.contentStart + at);

@@ -14,24 +14,12 @@
 namespace {
 using namespace testkit;
 
-// A sample at 90 kHz holding `payload`.
+// A sample at 90 kHz of 3600 ticks holding `payload`.
 std::shared_ptr<ISyncSample> sampleOf(std::uint32_t streamId, std::int32_t kind, std::uint32_t type, std::int64_t dts,
                                       std::int64_t pts, bool sync, const Bytes& payload) {
-    auto sample = std::make_shared<samples::Sample>();
-    sample->streamId = streamId;
-    sample->kind = kind;
-    sample->inputType = type;
-    sample->hasTimescale = true;
-    sample->timescale = 90000;
-    sample->hasDts = sample->hasPts = sample->hasDuration = true;
-    sample->dts = dts;
-    sample->pts = pts;
-    sample->duration = 3600;
+    std::shared_ptr<samples::Sample> sample = timedSample(streamId, kind, type, dts, pts, 3600, payload);
     sample->sync = sync;
     sample->sapType = sync ? 1 : 0;
-    auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(payload.size()));
-    if (!payload.empty()) nal->append(payload.data(), static_cast<std::uint32_t>(payload.size()));
-    sample->addNal(std::move(nal));
     return std::make_shared<Fmp4Sample>(sample);
 }
 
