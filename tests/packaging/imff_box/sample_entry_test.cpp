@@ -48,15 +48,13 @@ TEST(SampleEntries, SubtitleAndWebVttEntries) {
                                              "00000008 'sinf'"));
 }
 
-TEST(SampleEntries, CompressorNameIsNotCut) {
-    VisualSampleEntry entry(fourCC("avc1"));
-    entry.compressorName = std::string(40, 'n');
-    testkit::Bytes buffer(entry.getSize() + 8, 0);
-    ImffBitWriter writer(buffer.data(), buffer.size());
-    entry.binarize(writer);
-    // 40 name bytes instead of 32: eight more than the announced size.
-    EXPECT_EQ(writer.getBytePosition(), entry.getSize() + 8);
-
+TEST(SampleEntries, ALongCompressorNameIsCutToItsThirtyTwoBytes) {
+    auto entry = std::make_shared<VisualSampleEntry>(fourCC("avc1"));
+    entry->compressorName = std::string(40, 'n');
+    const testkit::Bytes bytes = testkit::writeBox(entry);
+    ASSERT_EQ(bytes.size(), 86u);
+    // After the 50 bytes of header and fixed fields: the name, then the depth.
+    EXPECT_EQ(testkit::slice(bytes, 50, 36), cat({testkit::Bytes(32, 'n'), hex("0018 FFFF")}));
 }
 
 }  // namespace
