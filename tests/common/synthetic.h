@@ -73,12 +73,25 @@ struct H264SpsOptions {
     unsigned dpbOutputDelayLengthMinus1 = 23;
 };
 
+// The profiles whose SPS carries the chroma format, the bit depths and the scaling lists.
+inline bool carriesChromaFormat(unsigned profile) {
+    for (unsigned p : {100u, 110u, 122u, 244u, 44u, 83u, 86u, 118u, 128u, 138u, 139u, 134u, 135u})
+        if (p == profile) return true;
+    return false;
+}
+
 inline Bytes h264Sps(const H264SpsOptions& o) {
     BitWriter w;
     w.bits(o.profile, 8);
     w.bits(0, 8);   // constraint flags
     w.bits(30, 8);  // level_idc
     w.ue(o.id);
+    if (carriesChromaFormat(o.profile)) {
+        w.ue(1);       // chroma_format_idc 4:2:0
+        w.ue(0);       // bit_depth_luma_minus8
+        w.ue(0);       // bit_depth_chroma_minus8
+        w.bits(0, 2);  // qpprime_y_zero_transform_bypass_flag, seq_scaling_matrix_present_flag
+    }
     w.ue(0);  // log2_max_frame_num_minus4
     w.ue(2);  // pic_order_cnt_type
     w.ue(1);  // max_num_ref_frames
