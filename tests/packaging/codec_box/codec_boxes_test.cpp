@@ -29,13 +29,9 @@ TEST(AVCConfigurationBox, MainProfileHasNoChromaFields) {
     avcC.levelIndication = 30;
     avcC.sequenceParameterSets = {hex("674D401E")};
     avcC.pictureParameterSets = {hex("68EE3C80")};
-    EXPECT_BYTES(writeOne(avcC), hex("0000001B 'avcC'"  // 8 + 7 + 6 + 6 = 27
-                                     "01 4D 40 1E"      // version 1, profile 77, compatibility, level 3.0
-                                     "FF"               // 111111 + length size minus one 3
-                                     "E1"               // 111 + one SPS
-                                     "0004 674D401E"
-                                     "01"               // one PPS
-                                     "0004 68EE3C80"));
+    // Version 1, profile 77, compatibility, level 3.0, 111111 + length size minus one 3, 111 + one SPS, its length
+    // and bytes, one PPS, its length and bytes.
+    EXPECT_BYTES(writeOne(avcC), hex("0000001B 'avcC' 01 4D 40 1E FF E1 0004 674D401E 01 0004 68EE3C80"));
 }
 
 TEST(AVCConfigurationBox, HighProfilesAddChromaAndBitDepths) {
@@ -45,13 +41,8 @@ TEST(AVCConfigurationBox, HighProfilesAddChromaAndBitDepths) {
     avcC.sequenceParameterSets = {hex("6764001F AC")};
     avcC.pictureParameterSets = {hex("68EBE3CB"), hex("68")};
     avcC.chromaFormat = 1;
-    EXPECT_BYTES(writeOne(avcC), hex("00000023 'avcC'"   // 8 + 7 + 7 + 6 + 3 + 4 = 35
-                                     "01 64 00 1F FF E1 0005 6764001FAC"
-                                     "02 0004 68EBE3CB 0001 68"
-                                     "FD"                // 111111 + chroma format 1
-                                     "F8"                // 11111 + luma depth minus 8 = 0
-                                     "F8"                // 11111 + chroma depth minus 8 = 0
-                                     "00"));             // no SPS extension
+    // Then 111111 + chroma format 1, 11111 + luma and chroma depths minus 8, no SPS extension.
+    EXPECT_BYTES(writeOne(avcC), hex("00000023 'avcC' 01 64 00 1F FF E1 0005 6764001FAC 02 0004 68EBE3CB 0001 68 FD F8 F8 00"));
 
     AVCConfigurationBox high422;
     high422.profileIndication = 122;
@@ -78,23 +69,12 @@ TEST(HEVCConfigurationBox, ArraysInTypeOrder) {
     hvcC.addNalUnit(34, hex("440102"), false);
     hvcC.addNalUnit(32, hex("40010C01"));
     hvcC.addNalUnit(33, hex("420101"));
-    EXPECT_BYTES(writeOne(hvcC),
-                 hex("0000003C 'hvcC'"     // 8 + 23 + 3 x 3 + 6 + 5 + 4 + 5 = 60
-                     "01"                  // configuration version
-                     "01"                  // profile space 0, tier 0, profile idc 1
-                     "60000000"            // compatibility flags
-                     "90 00 00 00 00 01"   // progressive, -, -, frame only; 44 constraint bits
-                     "5D"                  // level 93
-                     "FABC"                // 1111 + min spatial segmentation 0xABC
-                     "FC"                  // 111111 + parallelism 0
-                     "FD"                  // 111111 + chroma format 1
-                     "F8 F8"               // 11111 + bit depths minus 8
-                     "0000"                // average frame rate
-                     "0F"                  // constant 0, 1 temporal layer, nested, length size minus one 3
-                     "03"                  // three arrays
-                     "A0 0001 0004 40010C01"   // complete, VPS (32)
-                     "A1 0001 0003 420101"     // complete, SPS (33)
-                     "22 0002 0002 4401 0003 440102"));  // not complete, PPS (34), two units
+    // Version 1; profile space 0, tier 0, profile 1; compatibility flags; progressive, -, -, frame only and the 44
+    // constraint bits; level 93; 1111 + min spatial segmentation; 111111 + parallelism 0; 111111 + chroma format 1;
+    // 11111 + bit depths minus 8 (twice); average frame rate; constant 0, 1 temporal layer, nested, length size
+    // minus one 3; three arrays: complete VPS (32), complete SPS (33), not complete PPS (34) with two units.
+    EXPECT_BYTES(writeOne(hvcC), hex("0000003C 'hvcC' 01 01 60000000 90 0000000001 5D FABC FC FD F8 F8 0000 0F 03"
+                                     "A0 0001 0004 40010C01  A1 0001 0003 420101  22 0002 0002 4401 0003 440102"));
 
     HEVCConfigurationBox empty;
     EXPECT_EQ(empty.getSize(), 8u + 23u);
@@ -104,14 +84,10 @@ TEST(HEVCConfigurationBox, ArraysInTypeOrder) {
 TEST(ESDescriptorBox, AacLowComplexityStereo) {
     ESDescriptorBox esds;
     esds.setDecoderSpecificInfo(hex("1190"));  // AAC LC, 48 kHz, 2 channels
-    EXPECT_BYTES(writeOne(esds), hex("00000027 'esds' 00000000"  // 12 + 25 + 2 = 39
-                                     "03 19 0000 00"    // ES descriptor, length 25, id 0, flags 0
-                                     "04 11 40 15"      // decoder config, length 17, MPEG-4 audio, audio stream
-                                     "00025E"           // buffer size 606
-                                     "00027580"         // max bitrate 161152
-                                     "000266B8"         // average bitrate 157368
-                                     "05 02 1190"       // decoder specific info
-                                     "06 01 02"));      // SL config, predefined 2
+    // ES descriptor (length 25, id 0, flags 0); decoder config (length 17, MPEG-4 audio, audio stream, buffer size
+    // 606, max bitrate 161152, average 157368); decoder specific info; SL config, predefined 2.
+    EXPECT_BYTES(writeOne(esds), hex("00000027 'esds' 00000000 03 19 0000 00 04 11 40 15 00025E 00027580 000266B8"
+                                     "05 02 1190 06 01 02"));
 }
 
 TEST(AudioConfigurationBoxes, Ac3AndEac3) {
@@ -127,22 +103,11 @@ TEST(AudioConfigurationBoxes, Ac3AndEac3) {
 
     EC3SpecificBox dec3;
     dec3.dataRate = 448;
-    EC3SpecificBox::Substream main;
-    main.bsid = 16;
-    main.acmod = 7;
-    main.lfeon = true;
-    dec3.substreams = {main};
+    dec3.substreams = {{.bsid = 16, .acmod = 7, .lfeon = true}};
     // 0000111000000 000 | 00 10000 00000 111 1 000 0000 0
     EXPECT_BYTES(writeOne(dec3), hex("0000000D 'dec3' 0E00 200F00"));
-
-    EC3SpecificBox::Substream withDependent;
-    withDependent.fscod = 1;
-    withDependent.bsid = 16;
-    withDependent.reservedAsvcBsmod = 2;
-    withDependent.acmod = 2;
-    withDependent.numDependentSubstreams = 1;
-    withDependent.channelLocation = 0x1FF;
-    dec3.substreams.push_back(withDependent);
+    dec3.substreams.push_back(
+        {.fscod = 1, .bsid = 16, .reservedAsvcBsmod = 2, .acmod = 2, .numDependentSubstreams = 1, .channelLocation = 0x1FF});
     // 0000111000000 001 | 200F00 | 01 10000 00010 010 0 000 0001 111111111
     EXPECT_BYTES(writeOne(dec3), hex("00000011 'dec3' 0E01 200F00 602403FF"));
 
