@@ -145,6 +145,13 @@ inline unsigned unitType(const Bytes& unit, bool hevc) {
     return hevc ? (unit[header] >> 1) & 0x3Fu : unit[header] & 0x1Fu;
 }
 
+// The first unit of `type` in an Annex B stream, with its start code; empty when there is none.
+inline Bytes firstUnitOf(const Bytes& stream, unsigned type, bool hevc) {
+    for (const Bytes& unit : referenceUnits(stream))
+        if (unitType(unit, hevc) == type) return unit;
+    return {};
+}
+
 // Keeps every unit a NAL builder delivers.
 struct NalCollector : es::NALListener {
     void onNal(std::unique_ptr<es::NAL>& nal) override { nals.push_back(std::move(nal)); }

@@ -186,12 +186,7 @@ Bytes hevcUnit(unsigned type, std::uint8_t fill = 0xA5) {
 }
 
 TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
-    const Fixture fixture = loadFixture("hevc_bframes");
-    Bytes sps;
-    for (const Bytes& u : referenceUnits(fixture.bytes)) {
-        const std::size_t h = es::skipStartCode(u.data(), u.size());
-        if (((u[h] >> 1) & 0x3F) == 33) sps = u;
-    }
+    const Bytes sps = firstUnitOf(loadFixture("hevc_bframes").bytes, 33, true);
     ASSERT_FALSE(sps.empty());
     Chain chain(17);
     chain.push(hevcUnit(32));
