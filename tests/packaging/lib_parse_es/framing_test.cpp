@@ -1,37 +1,12 @@
-// The other framings: MPEG-2 start codes, bit patterns, sync-point accumulation, raw buffers; and the factory.
+// The other framings the factory makes: bit patterns and sync-point accumulation; and the factory itself.
 #include <gtest/gtest.h>
 
 #include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
-#include "packaging/lib_parse_es/nal_builder_mpeg2.h"
-#include "packaging/lib_parse_es/nal_builder_raw.h"
 #include "tests/common/synthetic.h"
 
 namespace {
 using namespace testkit;
-
-TEST(Mpeg2Builder, OnlyTheFirstUnitStartingAfterABufferArrivedCarriesItsTime) {
-    es::NALBuilderMPEG2 builder;
-    NalCollector collector;
-    builder.setListener(&collector);
-    // Garbage, then two units in one buffer, then a third unit whose code is split 00 | 00 01.
-    builder.push(makeBuffer(Bytes{0x77, 0x00, 0x00, 0x01, 0xB3, 0x10, 0x00, 0x00, 0x01, 0xB5, 0x20, 0x00}, 900, 450).get());
-    builder.push(makeBuffer(Bytes{0x00, 0x01, 0x00, 0x30}, 1800).get());
-    builder.flush();
-    ASSERT_EQ(collector.nals.size(), 3u);
-    EXPECT_EQ(collector.bytesOf(0), (Bytes{0x00, 0x00, 0x01, 0xB3, 0x10}));
-    EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0xB5, 0x20}));
-    EXPECT_EQ(collector.bytesOf(2), (Bytes{0x00, 0x00, 0x01, 0x00, 0x30}));
-    EXPECT_TRUE(collector.nals[0]->timing.hasTime);
-    EXPECT_EQ(collector.nals[0]->timing.time90kHz(), 900);
-    EXPECT_FALSE(collector.nals[1]->timing.hasTime);
-    EXPECT_TRUE(collector.nals[1]->timing.hasMediaTime);  // the media time goes with every unit
-    EXPECT_EQ(collector.nals[1]->timing.mediaTime90kHz(), 450);
-    // The third unit starts in the first buffer, whose time the first unit already took.
-    EXPECT_FALSE(collector.nals[2]->timing.hasTime);
-    EXPECT_EQ(collector.nals[0]->type, 0);
-    EXPECT_EQ(collector.ends, 1);
-}
 
 TEST(BitPatternBuilder, H263PatternComparesOnlyItsTwentyTwoBits) {
     es::NalBuilderStartCodeBased<es::NALH263> builder;
@@ -111,25 +86,6 @@ TEST(SyncPointBuilder, BuffersBetweenSyncPointsMakeOneUnit) {
     EXPECT_EQ(collector.nals[0]->timing.time90kHz(), 900);
     EXPECT_EQ(collector.bytesOf(1), (Bytes{4, 5}));
     EXPECT_EQ(collector.nals[1]->type, 22);
-    EXPECT_EQ(collector.ends, 1);
-}
-
-TEST(RawBuilder, EveryBufferIsAUnitOfTheConfiguredType) {
-    es::NALBuilderRaw builder(es::StreamType::KLV);
-    NalCollector collector;
-    builder.setListener(&collector);
-    auto a = makeBuffer(Bytes{1, 2, 3}, 900, 800);
-    a->SetDiscontinuity(true);
-    builder.push(a.get());
-    builder.push(makeBuffer(Bytes{}).get());
-    builder.push(makeBuffer(Bytes{4}).get());
-    builder.flush();
-    ASSERT_EQ(collector.nals.size(), 2u);
-    EXPECT_EQ(collector.nals[0]->type, 19);
-    EXPECT_TRUE(collector.nals[0]->timing.hasTime);
-    EXPECT_TRUE(collector.nals[0]->timing.discontinuity);
-    EXPECT_EQ(collector.nals[0]->timing.mediaTime90kHz(), 800);
-    EXPECT_FALSE(collector.nals[1]->timing.hasTime);
     EXPECT_EQ(collector.ends, 1);
 }
 

@@ -12,6 +12,7 @@ namespace sync_test {
 using namespace tvrn::encoding::packaging::synchronizator;
 using tvrn::encoding::packaging::imff::fmp4::SegmentChunks;
 
+// A media sample (times in 100 ns) or a configuration sample, item `configurationIndex` of `configurationCount`.
 struct FakeSample : ISyncSample {
     std::uint32_t streamId = 0;
     bool sync = false;
@@ -20,14 +21,13 @@ struct FakeSample : ISyncSample {
     bool configuration = false;
     std::uint32_t configurationIndex = 3;
     std::uint32_t configurationCount = 0;
-    bool hasDataId = false;
-    std::uint64_t dataId = 0;
+    std::uint64_t dataId = 0;  // 0: none
 
     std::uint32_t getStreamId() const override { return streamId; }
     bool isSync() const override { return sync; }
     bool getDataId(std::uint64_t& id) const override {
         id = dataId;
-        return hasDataId;
+        return dataId != 0;
     }
     bool hasDiscontinuity() const override { return false; }
     std::int64_t getDuration() const override { return configuration ? 0 : duration; }
@@ -54,7 +54,6 @@ inline std::shared_ptr<ISyncSample> media(std::uint32_t stream, std::int64_t tim
     s->time = time;
     s->duration = duration;
     s->sync = sync;
-    s->hasDataId = dataId != 0;
     s->dataId = dataId;
     return s;
 }
