@@ -57,10 +57,7 @@ public:
     bool refuse = false;
 
 private:
-    struct State {
-        std::vector<WrittenChunk> chunks;
-        int ends = 0;
-    };
+    struct State { std::vector<WrittenChunk> chunks; int ends = 0; };
     Guarded<State> m_state;
 };
 

@@ -65,16 +65,9 @@ inline Fixture loadFixture(const std::string& name) {
 inline constexpr std::int64_t kProbeTimeBase = 28224000;
 inline std::int64_t probeTo100ns(std::int64_t pts) { return pts * 10000000 / kProbeTimeBase; }
 
-struct AudioPacket {
-    std::int64_t pts = 0;
-    std::int64_t duration = 0;
-    std::size_t size = 0;
-};
+struct AudioPacket { std::int64_t pts = 0; std::int64_t duration = 0; std::size_t size = 0; };
 
-struct AudioFixture {
-    Bytes bytes;
-    std::vector<AudioPacket> packets;
-};
+struct AudioFixture { Bytes bytes; std::vector<AudioPacket> packets; };
 
 inline AudioFixture loadAudioFixture(const std::string& file) {
     AudioFixture fixture{readData(file), {}};

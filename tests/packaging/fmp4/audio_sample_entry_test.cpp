@@ -13,12 +13,7 @@ using namespace testkit;
 StreamChunk configChunk(const Bytes& config) { return configurationChunk(samples::KindDecoderConfiguration, config); }
 
 TEST(AudioSampleEntry, EachConfigurationGivesItsRateChannelsAndCodecString) {
-    struct Case {
-        Bytes config;
-        std::uint32_t rate;
-        std::uint32_t channels;
-        const char* codecs;
-    };
+    struct Case { Bytes config; std::uint32_t rate; std::uint32_t channels; const char* codecs; };
     const Case cases[] = {
         {{0x11, 0x90}, 48000, 2, "mp4a.40.2"},
         {{0x12, 0x30}, 44100, 6, "mp4a.40.2"},

@@ -274,11 +274,7 @@ TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
 }
 
 TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
-    struct Case {
-        OutputFormat format;
-        Fmp4MuxConfig config;
-        std::size_t written;
-    };
+    struct Case { OutputFormat format; Fmp4MuxConfig config; std::size_t written; };
     const Case cases[] = {{Dash, Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0), 3},
                           {Dash, Fmp4MuxConfig::fromMode(GopSegmentsAlt, 1000, 1, 0, 0), 3},
                           {Dash, Fmp4MuxConfig::fromMode(SeparateAudioSegments, 1000, 1, 1000, 0), 2},

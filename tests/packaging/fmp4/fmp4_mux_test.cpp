@@ -13,27 +13,17 @@
 namespace {
 using namespace testkit;
 
-// Each mode's record, with the durations that follow from it; copies own their record and swaps exchange them.
-TEST(Fmp4MuxConfig, ModesDurationsCopiesAndSwaps) {
-    auto separate = Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 2, 1920, 0);
-    EXPECT_EQ(separate.separateAudioSegments().audioSegmentDurationMs, 1920u);
-    EXPECT_EQ(separate.segmentDurationMs(), 4000u);
-    EXPECT_EQ(separate.gopsPerSegment(), 2u);
-    auto low = Fmp4MuxConfig::fromMode(LowLatency, 2000, 3, 0, 500);
-    EXPECT_EQ(low.lowLatency().chunkDurationMs, 500u);
-    EXPECT_EQ(low.segmentDurationMs(), 6000u);
-    EXPECT_EQ(low.gopsPerSegment(), 0u);
+// A hand-made variant: asking for another mode's record fails, copies own their record, swaps exchange them.
+TEST(Fmp4MuxConfig, RecordsCopiesAndSwaps) {
     EXPECT_EQ(failureOf<CorvaneException>([] { Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0); }), "Unknown Fmp4 MuxMode");
     const auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);
-    EXPECT_EQ(alt.mode(), GopSegmentsAlt);
     EXPECT_EQ(failureOf<std::logic_error>([&] { (void)alt.gopSegments(); }), "cannot convert union to given type");
-
     Fmp4MuxConfig a = Fmp4MuxConfig::fromMode(GopSegments, 1000, 2, 0, 0);
     Fmp4MuxConfig b = a;
-    a = low;
-    EXPECT_EQ(b.mode(), GopSegments);
+    a = Fmp4MuxConfig::fromMode(LowLatency, 2000, 3, 0, 500);
     EXPECT_EQ(b.segmentDurationMs(), 2000u);
-    EXPECT_EQ(a.mode(), LowLatency);
+    EXPECT_EQ(a.segmentDurationMs(), 6000u);
+    EXPECT_EQ(a.gopsPerSegment(), 0u);
     b.swap(a);
     EXPECT_EQ(b.lowLatency().chunkDurationMs, 500u);
     EXPECT_EQ(a.gopSegments().gopDurationMs, 1000);
@@ -221,20 +211,14 @@ TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     ASSERT_EQ(log.samples.size(), 6u);
     EXPECT_EQ(log.ends, std::vector<std::uint32_t>{4});
 
+    // Times in 100 ns units; a duration is cut, not rounded.
     const auto& video = *log.samples[0];
     EXPECT_EQ(video.getStreamId(), 4u);
-    EXPECT_EQ(video.getTime(), 100000000);     // 10 s
-    EXPECT_EQ(video.getDuration(), 400000);    // 40 ms
+    EXPECT_EQ(video.getTime(), 100000000);
     EXPECT_EQ(video.getEndTime(), 100400000);
     EXPECT_FALSE(video.isConfiguration());
-    EXPECT_EQ(video.getConfigurationIndex(), 3u);
-    EXPECT_EQ(video.getConfigurationCount(), 0u);
-    EXPECT_EQ(video.getStreamKind(), 0u);
-
-    const auto& audio = *log.samples[1];
-    EXPECT_EQ(audio.getTime(), 1000000000);
-    EXPECT_EQ(audio.getDuration(), 213333);  // 1024 / 48000 s, truncated
-    EXPECT_EQ(audio.getStreamKind(), 1u);
+    EXPECT_EQ(log.samples[1]->getDuration(), 213333);
+    EXPECT_EQ(std::pair(video.getStreamKind(), log.samples[1]->getStreamKind()), std::pair(0u, 1u));
 
     // Configuration: H.264 SPS is item 1 of 2; HEVC VPS item 2 of 3, PPS item 0; audio config item 0 of 1.
     const std::pair<std::uint32_t, std::uint32_t> items[] = {{1, 2}, {2, 3}, {0, 3}, {0, 1}};
@@ -251,7 +235,7 @@ TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     EXPECT_FALSE(chunkIsVideo(chunk));
     EXPECT_FALSE(chunkIsAudio(chunk));
     chunk.samples.push_back(log.samples[0]);
-    EXPECT_EQ(chunkStartTime(chunk, 10000000), (900000 - 3003) * 1000 / 9);
+    EXPECT_EQ(chunkStartTime(chunk, 10000000), 99666333);  // 896997 ticks at 90 kHz
     EXPECT_TRUE(chunkIsVideo(chunk));
 }
 

@@ -36,11 +36,7 @@ struct GoldenCase {
 void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.name; }
 
 // A stream's buffers, each with its decoding time at 90 kHz for the interleaving.
-struct Feed {
-    std::uint32_t type = 0;
-    std::vector<es::MediaDataRef> buffers;
-    std::vector<std::int64_t> times90k;
-};
+struct Feed { std::uint32_t type = 0; std::vector<es::MediaDataRef> buffers; std::vector<std::int64_t> times90k; };
 
 // The video fixture's first frames; with `split`, every packet cut in two where a seeded draw says, only the
 // first piece carrying the packet's times.

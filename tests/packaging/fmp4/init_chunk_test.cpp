@@ -25,11 +25,7 @@ const ManifestDurations kDurations{1000, 960, 960};
 // Parameter sets in band in DASH (Smooth Streaming's are in the golden chunks): the entry is avc3 or hev1, the
 // codec string says so, and hvcC marks none of its arrays complete.
 TEST(InitChunk, InBandParameterSetsInDash) {
-    struct Case {
-        const char* fixture;
-        std::uint32_t type;
-        const char* entry;
-    };
+    struct Case { const char* fixture; std::uint32_t type; const char* entry; };
     for (const Case& c : {Case{"h264_plain", H264_VIDEO, "avc3"}, Case{"hevc_bframes", HEVC_VIDEO, "hev1"}}) {
         SCOPED_TRACE(c.entry);
         InitChunk init("out", true);

@@ -70,10 +70,7 @@ TEST(TrackRunBox, EveryFieldPresent) {
 }
 
 TEST(TrackRunBox, EachFlagAddsItsField) {
-    struct Case {
-        std::uint32_t flags;
-        const char* bytes;
-    };
+    struct Case { std::uint32_t flags; const char* bytes; };
     const Case cases[] = {
         {0x000000, "00000010 'trun' 00000000 00000001"},
         {0x000001, "00000014 'trun' 00000001 00000001 FFFFFFFE"},  // data offset -2
@@ -156,35 +153,7 @@ TEST(FragmentBoxes, SmoothUuidBoxes) {
 }
 
 // ---------------------------------------------------------------------------------------------------------
-// The builder
-
-TEST(TrackFragmentBuilder, AudioTrafInDash) {
-    const std::vector<TestSample> samples = {{0, 0, 48000, 1024, 10, true}, {1024, 1024, 48000, 1024, 11, true},
-                                             {2048, 2048, 48000, 1024, 12, true}};
-    const TrackFragment fragment = TrackFragmentBuilder::build(
-        {.trackId = 2, .segmentDuration = 3000, .trackTimescale = 48000, .timestampOffset = 100}, pointers(samples));
-    EXPECT_BYTES(writeBox(fragment.traf),
-                 hex("00000058 'traf'"
-                     "  00000010 'tfhd' 00 020000 00000002"          // default-base-is-moof, track 2
-                     "  00000014 'tfdt' 01 000000 0000000000000064"  // offset 100 + first DTS 0
-                     "  0000002C 'trun' 00 000301 00000003 00000000"  // data offset (set later), duration, size
-                     "  00000400 0000000A 00000400 0000000B"
-                     "  000003B8 0000000C"));                          // 3000 - 2048: the last absorbs the rest
-    EXPECT_EQ(fragment.payloadSize, 33u);
-}
-
-TEST(TrackFragmentBuilder, VideoRunWithReorderingAndRescaling) {
-    // Decode order I P B B at 25 fps in 100 ns units, into a 90 kHz track.
-    const std::int64_t f = 400000;
-    const std::vector<TestSample> samples = {{2 * f, 0, 10000000, f, 100, true}, {5 * f, f, 10000000, f, 50, false},
-                                             {3 * f, 2 * f, 10000000, f, 20, false}, {4 * f, 3 * f, 10000000, f, 21, false}};
-    const TrackFragment fragment =
-        TrackFragmentBuilder::build({.video = true, .segmentDuration = 14400, .trackTimescale = 90000}, pointers(samples));
-    // Data offset, first sample flags of a sync sample; duration 3600, size, composition offset per sample.
-    EXPECT_BYTES(writeBox(fragment.trun), hex("00000048 'trun' 00 000B05 00000004 00000000 02400000"
-                                              "00000E10 00000064 00001C20  00000E10 00000032 00003840"
-                                              "00000E10 00000014 00000E10  00000E10 00000015 00000E10"));
-}
+// The builder. The DASH track fragment of a whole chunk is worked out in chunks_builder_test (ChunkBytes).
 
 TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
     // 1001/30000 frames in milliseconds don't divide evenly: the run still adds up to the segment.

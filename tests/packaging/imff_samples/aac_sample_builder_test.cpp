@@ -121,11 +121,7 @@ TEST(AacSamples, LoasHeAacCarriesTheConfigurationBitsAndTheCoreRate) {
 TEST(AacSamples, RawPacketsLcAndHeAac) {
     const AudioFixture adts = loadAudioFixture("aac_lc_stereo_48k.adts");
     const std::vector<Bytes> payloads = adtsPayloads(adts);
-    struct Case {
-        AscOptions asc;
-        std::uint64_t rate;
-        std::int64_t duration;
-    };
+    struct Case { AscOptions asc; std::uint64_t rate; std::int64_t duration; };
     for (const Case& k : {Case{AscOptions{}, 48000, 1024}, Case{AscOptions{5, 6, 2, 3}, 48000, 2048},
                           Case{AscOptions{29, 6, 1, 3}, 48000, 2048}}) {
         const Bytes config = ascBytes(k.asc);

@@ -143,10 +143,7 @@ TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
     noTiming.timing = false;
     H264SpsOptions rateOfOne;  // time_scale twice num_units_in_tick: a rate of 1/1, refused on purpose
     rateOfOne.timeScale = 2;
-    struct Case {
-        H264SpsOptions sps;
-        std::optional<std::int64_t> pts, dts;
-    };
+    struct Case { H264SpsOptions sps; std::optional<std::int64_t> pts, dts; };
     // The last two: no input times at all, or a presentation time only and no buffering period to work out
     // the decoding time from.
     for (const Case& c : {Case{noTiming, 0, 0}, Case{rateOfOne, 0, 0}, Case{H264SpsOptions{}, std::nullopt, std::nullopt},

@@ -22,12 +22,7 @@ std::unique_ptr<es::NALH264_HEVC> unit(const Bytes& bytes, bool hevc = false) {
 }
 
 TEST(NalH264Hevc, UnitTypeAndHeaderOffset) {
-    struct Case {
-        Bytes unit;
-        bool hevc, ok;
-        std::uint8_t type;
-        std::uint32_t offset;
-    };
+    struct Case { Bytes unit; bool hevc, ok; std::uint8_t type; std::uint32_t offset; };
     const Case cases[] = {{{0, 0, 0, 1, 0x65, 0x88}, false, true, 5, 4},
                           {{0, 0, 1, 0x40, 0x01}, true, true, 32, 3},  // HEVC VPS
                           {{0x67, 0x42}, false, true, 7, 0},           // no start code: tolerated
@@ -169,11 +164,7 @@ struct TimedPicture {
     bool ok;
     std::int64_t pts, dts;  // checked when ok
 };
-struct TimingCase {
-    const char* name;
-    unsigned cpbLengthMinus1;
-    std::vector<TimedPicture> pictures;
-};
+struct TimingCase { const char* name; unsigned cpbLengthMinus1; std::vector<TimedPicture> pictures; };
 
 class H264Timing : public ::testing::TestWithParam<TimingCase> {};
 

@@ -57,10 +57,7 @@ struct SyncRun {
 
 TEST(SegmentSynchroniser, RenditionsAreCutAtTheSameRandomAccessPointsForAnyGopCount) {
     // 60 s at 25 fps with a key frame every 2 s: 30 GOPs.
-    struct Setting {
-        std::uint32_t segmentMs, gops;
-        std::size_t segments;
-    };
+    struct Setting { std::uint32_t segmentMs, gops; std::size_t segments; };
     for (const Setting s : {Setting{2000, 1, 30}, Setting{4000, 2, 15}, Setting{10000, 5, 6}}) {
         SyncRun run(s.segmentMs, s.gops);
         const std::vector<std::uint32_t> streams{0, 1, 2};

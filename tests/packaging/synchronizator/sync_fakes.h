@@ -108,15 +108,8 @@ private:
 
 class RecordingNotifier : public i_chunk_warning_notifier::IChunkWarningNotifier {
 public:
-    struct Cut {
-        std::int64_t time;
-        bool randomAccess;
-        std::uint32_t segmentMs;
-    };
-    struct Record {
-        std::vector<Cut> cuts;
-        std::vector<std::uint64_t> dropped;
-    };
+    struct Cut { std::int64_t time; bool randomAccess; std::uint32_t segmentMs; };
+    struct Record { std::vector<Cut> cuts; std::vector<std::uint64_t> dropped; };
     void onCut(std::int64_t time, bool rap, std::uint32_t ms) override {
         m_state.update([&](Record& r) { r.cuts.push_back({time, rap, ms}); });
     }
