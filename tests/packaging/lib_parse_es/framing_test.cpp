@@ -3,66 +3,37 @@
 
 #include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
+#include "tests/common/bytes.h"
 #include "tests/common/synthetic.h"
 
 namespace {
 using namespace testkit;
 
-TEST(BitPatternBuilder, H263PatternComparesOnlyItsTwentyTwoBits) {
-    es::NalBuilderStartCodeBased<es::NALH263> builder;
-    NalCollector collector;
-    builder.setListener(&collector);
-    // 00 00 83 matches (the low two bits are outside the pattern); 00 00 40 doesn't. The lead-in bytes
-    // before the first picture form a unit of their own.
-    const Bytes stream = {0x12, 0x34, 0x00, 0x00, 0x83, 0x01, 0x00, 0x00, 0x40, 0x00, 0x00, 0x80, 0x02};
-    for (std::size_t i = 0; i < stream.size(); ++i) builder.push(makeBuffer(&stream[i], 1, 100 * static_cast<std::int64_t>(i)).get());
-    builder.flush();
-    ASSERT_EQ(collector.nals.size(), 3u);
-    EXPECT_EQ(collector.bytesOf(0), (Bytes{0x12, 0x34}));
-    EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x83, 0x01, 0x00, 0x00, 0x40}));
-    EXPECT_EQ(collector.bytesOf(2), (Bytes{0x00, 0x00, 0x80, 0x02}));
-    // The last buffer that gave bytes to a unit sets its timing.
-    EXPECT_EQ(collector.nals[1]->timing.time90kHz(), 800);
-    EXPECT_EQ(collector.nals[2]->timing.time90kHz(), 1200);
-    EXPECT_EQ(collector.nals[1]->type, 7);
-    EXPECT_EQ(collector.ends, 1);
-}
-
-TEST(BitPatternBuilder, ProResUnitsStartAtTheSizeFieldAndCarryDurations) {
-    es::NalBuilderStartCodeBased<es::NALProRes> builder;
-    NalCollector collector;
-    builder.setListener(&collector);
-    const Bytes frame1 = {0x00, 0x00, 0x00, 0x0A, 'i', 'c', 'p', 'f', 0xAA, 0xBB};
-    const Bytes frame2 = {0x00, 0x00, 0x00, 0x09, 'i', 'c', 'p', 'f', 0xCC};
-    auto a = makeBuffer(frame1);
-    const std::int64_t start = 1000, stop = 1400;
-    a->SetTime(&start, &stop);
-    builder.push(a.get());
-    builder.push(makeBuffer(frame2, 90).get());  // a start without a stop: no duration
-    builder.flush();
-    ASSERT_EQ(collector.nals.size(), 2u);
-    EXPECT_EQ(collector.bytesOf(0), frame1);
-    EXPECT_EQ(collector.bytesOf(1), frame2);
-    EXPECT_TRUE(collector.nals[0]->timing.hasDuration);
-    EXPECT_EQ(collector.nals[0]->timing.duration, 400);
-    EXPECT_FALSE(collector.nals[1]->timing.hasDuration);
-    EXPECT_EQ(collector.nals[1]->type, 21);
-}
-
-TEST(BitPatternBuilder, PatternSplitAcrossBuffersAndFlushOfNothing) {
-    es::NalBuilderStartCodeBased<es::NALMPEG4Visual> builder;
-    NalCollector collector;
-    builder.setListener(&collector);
-    builder.flush();
-    EXPECT_EQ(collector.ends, 1);
-    EXPECT_TRUE(collector.nals.empty());
-    builder.push(makeBuffer(Bytes{0x00, 0x00, 0x01, 0xB6, 0x10, 0x00}).get());
-    builder.push(makeBuffer(Bytes{0x00}).get());
-    builder.push(makeBuffer(Bytes{0x01, 0xB6, 0x20}).get());
-    builder.flush();
-    ASSERT_EQ(collector.nals.size(), 2u);
-    EXPECT_EQ(collector.bytesOf(0), (Bytes{0x00, 0x00, 0x01, 0xB6, 0x10}));
-    EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0xB6, 0x20}));
+// The session runs these framings on the streams it can't package yet and drops their units; whatever the cuts,
+// the units must be the stream's own pieces, from one pattern to the next.
+TEST(BitPatternBuilder, UnitsRunFromPatternToPatternWhereverTheBuffersEnd) {
+    struct Case { std::uint32_t type; Bytes stream; std::vector<Bytes> units; };
+    const Case cases[] = {
+        // H.263: 00 00 83 matches (the low two bits are outside the 22-bit pattern), 00 00 40 doesn't; the lead-in
+        // before the first picture is a unit of its own.
+        {es::StreamType::H263_VIDEO, hex("1234 000083 01 000040 000080 02"), {hex("1234"), hex("000083 01 000040"), hex("000080 02")}},
+        {es::StreamType::MPEG4_VIDEO, hex("000001B6 10 000001B6 20"), {hex("000001B6 10"), hex("000001B6 20")}},
+        // ProRes: a unit starts at the frame size ahead of 'icpf'.
+        {es::StreamType::PRORES, hex("0000000A 'icpf' AABB 00000009 'icpf' CC"), {hex("0000000A 'icpf' AABB"), hex("00000009 'icpf' CC")}},
+    };
+    for (const Case& c : cases) {
+        for (std::size_t cut = 0; cut <= c.stream.size(); ++cut) {
+            SCOPED_TRACE(std::to_string(c.type) + " cut at " + std::to_string(cut));
+            auto builder = es::createNalBuilder(c.type);
+            NalCollector collector;
+            builder->setListener(&collector);
+            builder->push(makeBuffer(c.stream.data(), cut).get());
+            builder->push(makeBuffer(c.stream.data() + cut, c.stream.size() - cut).get());
+            builder->flush();
+            EXPECT_EQ(collector.all(), c.units);
+            EXPECT_EQ(collector.ends, 1);
+        }
+    }
 }
 
 TEST(SyncPointBuilder, BuffersBetweenSyncPointsMakeOneUnit) {
