@@ -11,7 +11,6 @@
 namespace {
 using namespace testkit;
 namespace codec_box = tvrn::encoding::packaging::imff::codec_box;
-namespace imff_box = tvrn::encoding::packaging::imff::imff_box;
 
 ElementaryStreamAttributes videoOf(std::uint32_t type) {
     ElementaryStreamAttributes a;
@@ -109,37 +108,16 @@ TEST(CodecString, VideoEntries) {
     bare.configuration.generalProfileCompatibilityFlags = 0x20000000;
     bare.configuration.generalLevelIdc = 120;
     EXPECT_EQ(codecString(bare), "hvc1.2.4.L120");
-
-    EXPECT_EQ(codecString(imff_box::VisualSampleEntry(imff_box::fourCC("mp4v"))), "mp4v.0x20");
-    EXPECT_EQ(codecString(imff_box::VisualSampleEntry(imff_box::fourCC("s263"))), "s263");
-    EXPECT_EQ(codecString(imff_box::VisualSampleEntry(imff_box::fourCC("vc-1"))), "vc-1");
-    EXPECT_EQ(failureOf([] { codecString(imff_box::VisualSampleEntry(imff_box::fourCC("mp2v"))); }),
-              "internal assertion failure");
 }
 
-TEST(CodecString, AudioEntries) {
+// AAC's object type after "mp4a.40."; one that players are not told of gives no string. (HE-AAC's are in the audio
+// sample entry's tests.)
+TEST(CodecString, AacEntries) {
     codec_box::MP4AudioSampleEntry aac;
     aac.esds.setDecoderSpecificInfo({0x11, 0x90});  // audio object type 2
     EXPECT_EQ(codecString(aac), "mp4a.40.2");
-    aac.esds.setDecoderSpecificInfo({0x2B, 0x92, 0x08, 0x00});  // 5
-    EXPECT_EQ(codecString(aac), "mp4a.40.5");
-    aac.esds.setDecoderSpecificInfo({0xEB, 0x09, 0x88, 0x00});  // 29
-    EXPECT_EQ(codecString(aac), "mp4a.40.29");
     aac.esds.setDecoderSpecificInfo({0x0A, 0x10});  // 1, AAC main: not announced
     EXPECT_EQ(codecString(aac), "");
-    codec_box::MP4AudioSampleEntry mpeg1;
-    mpeg1.esds.objectType = 0x6B;
-    EXPECT_EQ(codecString(mpeg1), "mp4a.6b");
-    EXPECT_EQ(codecString(codec_box::AC3AudioSampleEntry()), "ac-3");
-    EXPECT_EQ(codecString(codec_box::EC3AudioSampleEntry()), "ec-3");
-
-    // ac4_dsi_v1: version 1, bitstream version 2, 48 kHz, frame rate index 2, one presentation, no program id,
-    // bit rate mode and two 32-bit rates, byte alignment; presentation version 1, 10 bytes, config 0, mdcompat 3.
-    codec_box::AC4AudioSampleEntry ac4;
-    ac4.dac4.data = hex("20 a4 01 00 00 00 00 00 00 00 00 00 01 0a 03");
-    EXPECT_EQ(codecString(ac4), "ac-4.02.01.03");
-    ac4.dac4.data.resize(5);  // cut short: nothing announced rather than guesses
-    EXPECT_EQ(codecString(ac4), "");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Media segment boxes and the track fragment builder, against layouts worked out from ISO/IEC 14496-12,
-// ISO/IEC 23009-1 (emsg) and the Smooth Streaming uuid boxes.
+// Media segment boxes and the track fragment builder's edge cases, against layouts worked out from ISO/IEC 14496-12
+// and the Smooth Streaming uuid boxes.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -125,22 +125,6 @@ TEST(FragmentBoxes, SegmentIndex) {
                                    "00000010 000007D0 90000000"));
 }
 
-TEST(FragmentBoxes, EventMessageAndRandomAccess) {
-    auto emsg = std::make_shared<EventMessageBox>("urn:a", "1", 90000, 0, 900, 7, Bytes{0xDE, 0xAD});
-    // Scheme id uri, value, timescale, presentation time delta, event duration 900, id, message data to the end.
-    EXPECT_BYTES(writeBox(emsg), hex("00000026 'emsg' 00000000 'urn:a' 00 '1' 00 00015F90 00000000 00000384 00000007 DEAD"));
-
-    auto tfra = std::make_shared<TrackFragmentRandomAccessBox>(1, 1);
-    tfra->addEntry(0x10, 0x200);
-    tfra->addEntry(0x5, 0x100);  // insertion order is kept
-    // Track 1, 1-byte traf, trun and sample numbers, 2 entries of time, moof offset and the three numbers.
-    EXPECT_BYTES(writeBox(tfra), hex("0000003E 'tfra' 01000000 00000001 00000000 00000002"
-                                     "0000000000000010 0000000000000200 01 01 01  0000000000000005 0000000000000100 01 01 01"));
-    auto tfra0 = std::make_shared<TrackFragmentRandomAccessBox>(2, 0);
-    tfra0->addEntry(3, 4);
-    EXPECT_BYTES(writeBox(tfra0), hex("00000023 'tfra' 00000000 00000002 00000000 00000001 00000003 00000004 010101"));
-}
-
 TEST(FragmentBoxes, SmoothUuidBoxes) {
     // tfrf, version 1 and flags 0 written by hand: one fragment, the next one's absolute time and its duration.
     EXPECT_BYTES(writeBox(std::make_shared<SmoothTfrfBox>(0x0102030405060708ull, 20000000)),
@@ -153,7 +137,8 @@ TEST(FragmentBoxes, SmoothUuidBoxes) {
 }
 
 // ---------------------------------------------------------------------------------------------------------
-// The builder. The DASH track fragment of a whole chunk is worked out in chunks_builder_test (ChunkBytes).
+// The builder. The track fragments of whole DASH and Smooth Streaming chunks are worked out in chunks_builder_test
+// (ChunkBytes).
 
 TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
     // 1001/30000 frames in milliseconds don't divide evenly: the run still adds up to the segment.
@@ -218,24 +203,6 @@ TEST(TrackFragmentBuilder, ExtremeTimesNeitherOverflowNorGoNegative) {
     EXPECT_EQ(entries[1].duration, 0u);  // decode time going back
     EXPECT_EQ(entries[1].compositionOffset, 0u);
     EXPECT_EQ(entries[2].duration, 0u);  // the segment is long past
-}
-
-TEST(TrackFragmentBuilder, SmoothTrafOrderAndFlags) {
-    const std::vector<TestSample> samples = {{0, 20000000, 10000000, 400000, 3, true}, {0, 20400000, 10000000, 400000, 4, false}};
-    const TrackFragment fragment = TrackFragmentBuilder::build({.sampleDescriptionIndex = 2, .segmentDuration = 800000,
-                                                                .trackTimescale = 10000000, .dash = false,
-                                                                .writeSampleDescriptionIndex = true},
-                                                               pointers(samples));
-    EXPECT_BYTES(writeBox(fragment.traf),
-                 hex("000000A7 'traf'"                                // 8 + 20 + 44 + 45 + 36 + 14 = 167
-                     "  00000014 'tfhd' 00 000002 00000001 00000002"  // no base-is-moof, description index 2
-                     "  0000002C 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 01000000"
-                     "    0000000001312D00 00000000000C3500"  // tfxd: time 20000000, duration 800000
-                     "  0000002D 'uuid' D4807EF2CA3946958E5426CB9E46A79F 01000000 01"
-                     "    00000000013D6200 00000000000C3500"  // tfrf: next at 20800000, 800000
-                     "  00000024 'trun' 00 000301 00000002 00000000 00061A80 00000003 00061A80 00000004"
-                     "  0000000E 'sdtp' 00000000 24 28"));  // sync, then a non-video other sample
-    EXPECT_EQ(TrackFragmentBuilder::build({}, pointers(samples)).tfhd->getFlags(), 0x020000u);
 }
 
 }  // namespace
