@@ -176,18 +176,6 @@ TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     EXPECT_EQ(f.nals.flushes, 1);
 }
 
-TEST(Fmp4Mux, SetOutputsPassesTheOutputsAndFlags) {
-    SessionFixture f;
-    Fmp4Mux mux(Dash, Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), nullptr, f.logger, true, false, true, false,
-                false, f.parts());
-    mux.SetOutputs({ChunkOutputSeed{"", {0}, nullptr, 5}});
-    ASSERT_EQ(f.chunks.outputs.size(), 1u);
-    EXPECT_EQ(f.chunks.outputs[0].firstNumber, 5u);
-    EXPECT_TRUE(f.chunks.flags[0]);
-    EXPECT_FALSE(f.chunks.flags[1]);
-    EXPECT_TRUE(f.chunks.flags[2]);
-}
-
 // A sample of stream 4 decoded 3003 ticks before it is shown.
 std::unique_ptr<imff_samples::Sample> makeSample(std::uint32_t type, std::int32_t kind, std::int64_t pts,
                                                  std::int64_t duration, std::uint64_t timescale) {
@@ -239,16 +227,4 @@ TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
     EXPECT_TRUE(chunkIsVideo(chunk));
 }
 
-TEST(Fmp4Sample, AnAc4SampleCutsAsVideoAndUntimedSamplesReportZero) {
-    auto s = makeSample(AC4_AUDIO, 1, 1000, 2048, 48000);
-    Fmp4Sample ac4(std::shared_ptr<imff_samples::Sample>(std::move(s)));
-    EXPECT_EQ(ac4.getStreamKind(), 0u);
-    auto untimed = std::make_shared<imff_samples::Sample>();
-    untimed->inputType = H264_VIDEO;
-    untimed->hasPts = true;
-    untimed->pts = 90000;
-    Fmp4Sample noTimescale(untimed);
-    EXPECT_EQ(noTimescale.getTime(), 0);
-    EXPECT_EQ(noTimescale.getEndTime(), 0);
-}
 }  // namespace

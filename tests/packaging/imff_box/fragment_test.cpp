@@ -125,17 +125,6 @@ TEST(FragmentBoxes, SegmentIndex) {
                                    "00000010 000007D0 90000000"));
 }
 
-TEST(FragmentBoxes, SmoothUuidBoxes) {
-    // tfrf, version 1 and flags 0 written by hand: one fragment, the next one's absolute time and its duration.
-    EXPECT_BYTES(writeBox(std::make_shared<SmoothTfrfBox>(0x0102030405060708ull, 20000000)),
-                 hex("0000002D 'uuid' D4807EF2CA3946958E5426CB9E46A79F 01 000000 01 0102030405060708 0000000001312D00"));
-    // tfxd: the fragment's absolute time and duration, in 64 bits (version 1) or 32.
-    EXPECT_BYTES(writeBox(std::make_shared<TrackFragmentExtendedHeaderBox>(0x11, 20000000)),
-                 hex("0000002C 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 01000000 0000000000000011 0000000001312D00"));
-    EXPECT_BYTES(writeBox(std::make_shared<TrackFragmentExtendedHeaderBox>(0x11, 2, 0)),
-                 hex("00000024 'uuid' 6D1D9B0542D544E680E2141DAFF757B2 00000000 00000011 00000002"));
-}
-
 // ---------------------------------------------------------------------------------------------------------
 // The builder. The track fragments of whole DASH and Smooth Streaming chunks are worked out in chunks_builder_test
 // (ChunkBytes).

@@ -158,23 +158,16 @@ TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
     }
 }
 
-TEST(SampleBuilderH264, UnitsOfOtherTypesAndBrokenUnitsAreDropped) {
+TEST(SampleBuilderH264, AUnitWithNothingAfterItsStartCodeGivesNoSample) {
     SampleCollector collector;
     auto builder = samples::createSampleBuilder(2, false, &collector);
-    std::unique_ptr<es::NAL> other = std::make_unique<es::NALHEVC>(4);
-    builder->onNal(other);
-    EXPECT_TRUE(other);  // left in the caller's holder, which destroys it
     std::unique_ptr<es::NAL> empty = std::make_unique<es::NALH264>(3);
-    const std::uint8_t zeros[3] = {0, 0, 1};
-    empty->append(zeros, 3);
+    const std::uint8_t startCode[3] = {0, 0, 1};
+    empty->append(startCode, 3);
     builder->onNal(empty);
-    std::unique_ptr<es::NAL> plain = std::make_unique<es::NAL>(2, 5);
-    builder->onNal(plain);
     builder->onEnd();
-    ASSERT_EQ(collector.all.size(), 0u);
+    EXPECT_TRUE(collector.all.empty());
     EXPECT_EQ(collector.ends, 1);
-    EXPECT_EQ(samples::createSampleBuilder(0, false, &collector), nullptr);
-    EXPECT_EQ(samples::createSampleBuilder(6, false, &collector), nullptr);
 }
 
 // HEVC units: a two-byte header with the type in bits 6 to 1.

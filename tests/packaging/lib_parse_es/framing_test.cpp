@@ -1,4 +1,4 @@
-// The other framings the factory makes: bit patterns and sync-point accumulation; and the factory itself.
+// The bit-pattern framings the factory makes for the video streams the session does not package yet.
 #include <gtest/gtest.h>
 
 #include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
@@ -34,39 +34,6 @@ TEST(BitPatternBuilder, UnitsRunFromPatternToPatternWhereverTheBuffersEnd) {
             EXPECT_EQ(collector.ends, 1);
         }
     }
-}
-
-TEST(SyncPointBuilder, BuffersBetweenSyncPointsMakeOneUnit) {
-    es::NalBuilderSyncPointBased<es::NalInputTypeGeneric<22>> builder;
-    NalCollector collector;
-    builder.setListener(&collector);
-    auto a = makeBuffer(Bytes{1, 2}, 900);
-    a->SetSyncPoint(true);
-    auto b = makeBuffer(Bytes{3}, 1800);
-    auto empty = makeBuffer(Bytes{});
-    empty->SetSyncPoint(true);  // an empty sync point still closes the unit before it
-    auto c = makeBuffer(Bytes{4, 5}, 2700);
-    builder.push(a.get());
-    builder.push(b.get());
-    builder.push(empty.get());
-    EXPECT_EQ(collector.nals.size(), 1u);
-    builder.push(c.get());
-    builder.flush();
-    ASSERT_EQ(collector.nals.size(), 2u);
-    EXPECT_EQ(collector.bytesOf(0), (Bytes{1, 2, 3}));
-    EXPECT_EQ(collector.nals[0]->timing.time90kHz(), 900);
-    EXPECT_EQ(collector.bytesOf(1), (Bytes{4, 5}));
-    EXPECT_EQ(collector.nals[1]->type, 22);
-    EXPECT_EQ(collector.ends, 1);
-}
-
-TEST(NalBuilderFactory, MakesTheBuildersWhoseFramingExists) {
-    for (std::uint32_t type : {2u, 17u}) EXPECT_NE(dynamic_cast<es::NALBuilderH264_HEVC*>(es::createNalBuilder(type).get()), nullptr);
-    EXPECT_FALSE(dynamic_cast<es::NALBuilderH264_HEVC*>(es::createNalBuilder(2).get())->isHevc());
-    EXPECT_TRUE(dynamic_cast<es::NALBuilderH264_HEVC*>(es::createNalBuilder(17).get())->isHevc());
-    for (std::uint32_t type : {7u, 9u, 21u, 22u, 23u, 24u}) EXPECT_NE(es::createNalBuilder(type), nullptr) << type;
-    for (std::uint32_t type : {8u, 13u, 15u, 16u, 25u, 26u, 28u, 1000u, 0xFFFFFFFFu})
-        EXPECT_EQ(es::createNalBuilder(type), nullptr) << type;
 }
 
 }  // namespace

@@ -241,14 +241,4 @@ TEST(SegmentSynchroniser, EndOfStreamFlushesEverythingOnceWithDataIds) {
     EXPECT_EQ(run.listener.record().ends, 1);
 }
 
-TEST(SegmentSynchroniser, AnEndOfStreamForAnUnknownStreamIsLoggedAndSurvived) {
-    SyncRun run(2000, 1);
-    run.open({{0, KindAudio}});
-    run.sync->eof(9);
-    run.sync->pushSample(media(0, 0, kFrame, true));
-    run.endAll({0});
-    ASSERT_EQ(run.logger.entries().size(), 1u);
-    EXPECT_EQ(run.logger.entries()[0].text, "unable to process sample: invalid map<K, T> key");
-    EXPECT_EQ(sampleCount(run.got, 0), 1u);
-}
 }  // namespace
