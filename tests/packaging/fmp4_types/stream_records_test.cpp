@@ -48,15 +48,8 @@ TEST(SimpleMediaData, TimesMetadataAndReferenceCount) {
     data->SetTime(&t0, &t1);
     EXPECT_EQ(data->GetTime(&start, &stop), S_OK);
     EXPECT_EQ(stop, t1);
-    data->SetMediaTime(&t1, &t1);
-    EXPECT_EQ(data->GetMediaTime(&start, &stop), S_OK);
-    EXPECT_EQ(start, t1);
-
     DataId id;
     EXPECT_FALSE(data->GetDataId(id));
-    data->SetDataId(DataId{77});
-    EXPECT_TRUE(data->GetDataId(id));
-    EXPECT_EQ(id.value, 77u);
     // The parental rating block is copied whole, to its last byte.
     ParentalRatingEventBlock rating;
     rating.bytes[5143] = 9;
