@@ -1,12 +1,12 @@
+// The session over recording stand-ins of its parts: which synchroniser and track each stream gets, what reaches
+// the analysis, and when the session ends. The sample wrapping and time conversions are in the golden chunks.
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
 
 #include <gtest/gtest.h>
 
 #include <tuple>
 
-#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "tests/common/bytes.h"
-#include "tests/common/samples.h"
 #include "tests/common/session_fakes.h"
 #include "support/exceptions/corvane_exception.h"
 
@@ -174,57 +174,6 @@ TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     mux->ConsumeEndOfStream(2);
     mux->ConsumeEndOfStream(9);
     EXPECT_EQ(f.nals.flushes, 1);
-}
-
-// A sample of stream 4 decoded 3003 ticks before it is shown.
-std::unique_ptr<imff_samples::Sample> makeSample(std::uint32_t type, std::int32_t kind, std::int64_t pts,
-                                                 std::int64_t duration, std::uint64_t timescale) {
-    return timedSample(4, kind, type, pts - 3003, pts, duration, {}, timescale);
-}
-
-TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
-    SynchronizatorLog log;
-    Fmp4SampleListener listener(std::make_unique<FakeSynchronizator>(log));
-    const std::tuple<std::uint32_t, std::int32_t, std::int64_t, std::int64_t, std::uint64_t> made[] = {
-        {H264_VIDEO, 0, 900000, 3600, 90000}, {AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000},
-        {H264_VIDEO, 2, 0, 0, 90000},         {HEVC_VIDEO, 4, 0, 0, 90000},
-        {HEVC_VIDEO, 3, 0, 0, 90000},         {AAC_LATM_AUDIO, 6, 0, 0, 90000}};
-    for (const auto& [type, kind, pts, duration, timescale] : made) {
-        std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
-            makeSample(type, kind, pts, duration, timescale);
-        listener.onSample(holder);
-        EXPECT_FALSE(holder);
-    }
-    listener.onEnd(4);
-    ASSERT_EQ(log.samples.size(), 6u);
-    EXPECT_EQ(log.ends, std::vector<std::uint32_t>{4});
-
-    // Times in 100 ns units; a duration is cut, not rounded.
-    const auto& video = *log.samples[0];
-    EXPECT_EQ(video.getStreamId(), 4u);
-    EXPECT_EQ(video.getTime(), 100000000);
-    EXPECT_EQ(video.getEndTime(), 100400000);
-    EXPECT_FALSE(video.isConfiguration());
-    EXPECT_EQ(log.samples[1]->getDuration(), 213333);
-    EXPECT_EQ(std::pair(video.getStreamKind(), log.samples[1]->getStreamKind()), std::pair(0u, 1u));
-
-    // Configuration: H.264 SPS is item 1 of 2; HEVC VPS item 2 of 3, PPS item 0; audio config item 0 of 1.
-    const std::pair<std::uint32_t, std::uint32_t> items[] = {{1, 2}, {2, 3}, {0, 3}, {0, 1}};
-    for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_TRUE(log.samples[i + 2]->isConfiguration());
-        EXPECT_EQ(log.samples[i + 2]->getTime(), 0);
-        EXPECT_EQ(std::pair(log.samples[i + 2]->getConfigurationIndex(), log.samples[i + 2]->getConfigurationCount()),
-                  items[i]) << i;
-    }
-
-    // A chunk starts at its first sample's decoding time, exactly rescaled.
-    StreamChunk chunk;
-    EXPECT_EQ(chunkStartTime(chunk, 90000), 0);
-    EXPECT_FALSE(chunkIsVideo(chunk));
-    EXPECT_FALSE(chunkIsAudio(chunk));
-    chunk.samples.push_back(log.samples[0]);
-    EXPECT_EQ(chunkStartTime(chunk, 10000000), 99666333);  // 896997 ticks at 90 kHz
-    EXPECT_TRUE(chunkIsVideo(chunk));
 }
 
 }  // namespace
