@@ -24,7 +24,6 @@ TEST(StreamRecords, LabelsNameTheKindAndTheBandwidthInWholeKilobits) {
     registered[3] = attributes;
     registered[3].bandwidth = 96000;
     EXPECT_EQ(outputLabel(2, {8, 3}, registered), "output#2text_96kbps");
-    EXPECT_FALSE(isVideo(STREAM_TYPE_UNSET) || isAudio(STREAM_TYPE_UNSET));
 }
 
 TEST(SimpleMediaData, TimesMetadataAndReferenceCount) {

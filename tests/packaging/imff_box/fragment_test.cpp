@@ -111,10 +111,6 @@ TEST(FragmentBoxes, SegmentIndex) {
     // of type 0 + size, duration, SAP 1 + SAP type + delta 0.
     EXPECT_BYTES(writeBox(sidx), hex("00000040 'sidx' 01 000000 00000001 00015F90 0000000100000000 0000000000000000 0000 0002"
                                      "000003E8 0002BF20 90000000  7FFFFFFF 00015F90 A0000000"));
-    auto v0 = std::make_shared<SegmentIndexBox>(2, 1000, 5, 0);
-    v0->addReference(16, 2000, 1);
-    EXPECT_BYTES(writeBox(v0), hex("0000002C 'sidx' 00000000 00000002 000003E8 00000005 00000000 0000 0001"
-                                   "00000010 000007D0 90000000"));
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -100,19 +100,17 @@ TEST(AacSamples, LoasHeAacCarriesTheConfigurationBitsAndTheCoreRate) {
     const std::vector<Bytes> payloads = adtsPayloads(adts);
     for (unsigned objectType : {5u, 29u}) {
         const AscOptions asc{objectType, 6, objectType == 29 ? 1u : 2u, 3};
-        std::vector<Bytes> frames;
-        std::vector<AudioPacket> packets;
-        // A leading frame that reuses a configuration not yet seen gives nothing.
-        frames.push_back(latmFrame(payloads[0], nullptr));
+        // A leading frame that reuses a configuration not yet seen gives nothing and moves no time: the first
+        // usable frame starts at the input time. Core frames are 1024 samples at 24 kHz.
+        std::vector<Bytes> frames = {latmFrame(payloads[0], nullptr)};
+        std::vector<AudioPacket> packets(1), expectedTimes;
         for (std::size_t i = 1; i < 30; ++i) {
             frames.push_back(latmFrame(payloads[i], i % 8 == 1 ? &asc : nullptr));
-            packets.push_back({static_cast<std::int64_t>(i - 1) * 1024 * kProbeTimeBase / 24000, 0, 0});
+            expectedTimes.push_back({static_cast<std::int64_t>(i - 1) * 1024 * kProbeTimeBase / 24000, 0, 0});
+            packets.push_back(expectedTimes.back());
         }
-        packets.insert(packets.begin(), AudioPacket{});
         SampleCollector c;
         feedFrames(5, frames, packets, c, true);
-        // The skipped frame moves no time: the first usable frame starts at the input time.
-        const std::vector<AudioPacket> expectedTimes(packets.begin() + 1, packets.end());
         const std::vector<Bytes> expectedPayloads(payloads.begin() + 1, payloads.begin() + 30);
         expectSamples(c, ascBytes(asc), expectedPayloads, expectedTimes, 24000, 1024, 5);
     }

@@ -76,18 +76,6 @@ TEST(AnnexBBuilder, FlushWithoutUnitOnlyEndsAndBuilderIsReusable) {
     EXPECT_EQ(collector.nals[0]->type, 17);
 }
 
-TEST(AnnexBBuilder, EmitOnEveryPushEndsTheUnitWithTheBuffer) {
-    NALBuilderH264 builder;
-    builder.setEmitOnEveryPush(true);
-    NalCollector collector;
-    builder.setListener(&collector);
-    builder.push(makeBuffer(Bytes{0x00, 0x00, 0x01, 0x65, 0x11, 0x00, 0x00, 0x01, 0x41, 0x22}).get());
-    EXPECT_EQ(collector.nals.size(), 2u);
-    builder.push(makeBuffer(Bytes{0x33, 0x44}).get());  // no start code: nothing open, dropped
-    EXPECT_EQ(collector.nals.size(), 2u);
-    EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0x41, 0x22}));
-}
-
 TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
     // Lone zeros everywhere and one pair placed at every position, across the 64- and 16-byte blocks of the
     // fast search and its byte-wise tail.
