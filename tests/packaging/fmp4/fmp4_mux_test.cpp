@@ -71,6 +71,12 @@ ElementaryStreamAttributes attributesOf(std::uint32_t type) {
     return a;
 }
 
+// Adds streams 0, 1, ... of these types.
+void addStreams(Fmp4Mux& mux, std::initializer_list<std::uint32_t> types) {
+    std::uint32_t id = 0;
+    for (std::uint32_t type : types) mux.AddStream(id++, attributesOf(type));
+}
+
 TEST(Fmp4Mux, BuildsOneSynchroniserOrASecondForSeparateAudio) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 3, 0, 0));
@@ -89,12 +95,7 @@ TEST(Fmp4Mux, BuildsOneSynchroniserOrASecondForSeparateAudio) {
 TEST(Fmp4Mux, VideoIsTrackOneAndEverythingElseCountsFromTwo) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
-    mux->AddStream(0, attributesOf(H264_VIDEO));
-    mux->AddStream(1, attributesOf(HEVC_VIDEO));
-    mux->AddStream(2, attributesOf(AC4_AUDIO));
-    mux->AddStream(3, attributesOf(AAC_ADTS_AUDIO));
-    mux->AddStream(4, attributesOf(TTML));
-    mux->AddStream(5, attributesOf(H264_VIDEO));
+    addStreams(*mux, {H264_VIDEO, HEVC_VIDEO, AC4_AUDIO, AAC_ADTS_AUDIO, TTML, H264_VIDEO});
     EXPECT_EQ(f.chunks.streams, (std::vector<std::string>{"0:1", "1:1", "2:2", "3:3", "4:4", "5:1"}));
     // AC-4 cuts as video; text is sparse. Labels name the input and its type.
     EXPECT_EQ(f.mainSync.added,
@@ -110,10 +111,7 @@ TEST(Fmp4Mux, VideoIsTrackOneAndEverythingElseCountsFromTwo) {
 TEST(Fmp4Mux, SeparateAudioSegmentsRouteAudioToTheSecondSynchroniser) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
-    mux->AddStream(0, attributesOf(H264_VIDEO));
-    mux->AddStream(1, attributesOf(AAC_LATM_AUDIO));
-    mux->AddStream(2, attributesOf(AC4_AUDIO));
-    mux->AddStream(3, attributesOf(WEBVTT));
+    addStreams(*mux, {H264_VIDEO, AAC_LATM_AUDIO, AC4_AUDIO, WEBVTT});
     EXPECT_EQ(f.mainSync.added, (std::vector<std::string>{"0:0:input 0(H264 Video)", "3:2:input 3(WebVTT)"}));
     EXPECT_EQ(f.audioSync.added, (std::vector<std::string>{"1:1:input 1(AAC LATM Audio)", "2:0:input 2(AC4 Audio)"}));
 }
@@ -122,8 +120,7 @@ TEST(Fmp4Mux, SeparateAudioSegmentsEndOnceEverySynchroniserWithStreamsHasEnded) 
     {
         SessionFixture f;
         auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
-        mux->AddStream(0, attributesOf(H264_VIDEO));
-        mux->AddStream(1, attributesOf(AAC_ADTS_AUDIO));
+        addStreams(*mux, {H264_VIDEO, AAC_ADTS_AUDIO});
         ASSERT_EQ(f.syncParams.size(), 2u);
         // Both synchronisers report through one joint listener, not to the chunk builder directly.
         EXPECT_EQ(f.syncParams[0].listener, f.syncParams[1].listener);
@@ -137,8 +134,7 @@ TEST(Fmp4Mux, SeparateAudioSegmentsEndOnceEverySynchroniserWithStreamsHasEnded) 
         // Audio only: the video synchroniser has no stream and never ends; the audio one ends the session.
         SessionFixture f;
         auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
-        mux->AddStream(0, attributesOf(AAC_ADTS_AUDIO));
-        mux->AddStream(1, attributesOf(AAC_LATM_AUDIO));
+        addStreams(*mux, {AAC_ADTS_AUDIO, AAC_LATM_AUDIO});
         f.syncParams[1].listener->OnEndOfStream();
         EXPECT_EQ(f.chunks.endsOfStream, 1);
     }
@@ -157,9 +153,7 @@ TEST(Fmp4Mux, SampleBuildersTakeTheInBandFlagFromTheFormat) {
 TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
-    mux->AddStream(0, attributesOf(H264_VIDEO));
-    mux->AddStream(1, attributesOf(AAC_ADTS_AUDIO));
-    mux->AddStream(2, attributesOf(KLV));  // no analysis for it here
+    addStreams(*mux, {H264_VIDEO, AAC_ADTS_AUDIO, KLV});  // no analysis for KLV here
     mux->ConsumeSample(0, timedBuffer(-1).get());
     mux->ConsumeSample(0, timedBuffer(-1).get());
     mux->ConsumeSample(1, timedBuffer(500).get());

@@ -1,5 +1,6 @@
-// Init chunks with parameter sets in band or unusable, the "mp4a" entry of each form of AAC configuration, and codec
-// strings of hand-filled sample entries. The init chunks of real streams are compared whole in the golden chunks.
+// Init chunks with parameter sets in band or unusable, the "mp4a" entry of each form of AAC configuration, codec
+// strings of hand-filled sample entries, and what stream names, languages and extra parameters put in the server
+// manifest. The init chunks of real streams are compared whole in the golden chunks.
 #include <gtest/gtest.h>
 
 #include "packaging/codec_box/audio_boxes.h"
@@ -7,6 +8,7 @@
 #include "packaging/fmp4/chunks/audio_sample_entry.h"
 #include "packaging/fmp4/chunks/codec_string.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
+#include "packaging/fmp4/manifest/live_server_manifest.h"
 #include "tests/common/boxes.h"
 #include "tests/common/chunks.h"
 #include "tests/common/synthetic.h"
@@ -22,7 +24,7 @@ ElementaryStreamAttributes videoOf(std::uint32_t type) {
     return a;
 }
 
-const ManifestDurations kDurations{1000, 960, 960};
+const ManifestDurations kDurations{1000, 2000, 500};  // timescale, segment and chunk durations
 
 // Parameter sets in band in DASH (Smooth Streaming's are in the golden chunks): the entry is avc3 or hev1, the
 // codec string says so, and hvcC marks none of its arrays complete.
@@ -78,18 +80,8 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
 
 // --- codec strings -------------------------------------------------------------------------------------
 
-TEST(CodecString, VideoEntries) {
-    codec_box::AVCSampleEntry avc(false);
-    avc.configuration.profileIndication = 0x64;
-    avc.configuration.profileCompatibility = 0x00;
-    avc.configuration.levelIndication = 0x1F;
-    EXPECT_EQ(codecString(avc), "avc1.64001f");
-    codec_box::AVCSampleEntry avc3(true);
-    avc3.configuration.profileIndication = 0x42;
-    avc3.configuration.profileCompatibility = 0xC0;
-    avc3.configuration.levelIndication = 0x0D;
-    EXPECT_EQ(codecString(avc3), "avc3.42c00d");
-
+// AVC's string (profile, compatibility, level in hex) is in the golden manifests and the in-band test above.
+TEST(CodecString, HevcEntries) {
     // Main profile, compatible with Main and Main 10 (flags 1 and 2), level 3.1, progressive, non-packed,
     // frame only: the example of ISO/IEC 14496-15.
     codec_box::HEVCSampleEntry hevc(true);
@@ -171,6 +163,114 @@ TEST(AudioSampleEntry, NoEntryWithoutAUsableConfiguration) {
     EXPECT_FALSE(makeAudioSampleEntry(H264_VIDEO, configChunk({0x11, 0x90}), attributes).entry);
     EXPECT_EQ(channelCountOf(7), 8u);
     EXPECT_EQ(channelCountOf(0), 0u);
+}
+
+// --- the server manifest ------------------------------------------------------------------------------
+
+const std::string kHead =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<smil xmlns=\"http://www.w3.org/2001/SMIL20/Language\">\n"
+    "  <head>\n"
+    "    <meta name=\"Meta Data\" content=\"Common meta data\"/>\n"
+    "  </head>\n"
+    "  <body>\n";
+const std::string kTail =
+    "  </body>\n"
+    "</smil>\n";
+
+ElementaryStreamAttributes videoAttributes() {
+    ElementaryStreamAttributes a;
+    a.type = H264_VIDEO;
+    a.bitrate = 3000000;
+    a.bandwidth = 3300000;
+    a.name = "hd";
+    a.name2 = "Foo=1;bar=x";
+    return a;
+}
+
+const VideoManifestInfo kVideo{.fourCC = "avc1", .codecs = "avc1.64001f", .codecPrivateData = {0, 0, 0, 1, 0x67, 0x64, 0xAB},
+                               .width = 1280, .height = 720, .frameRateNumerator = 25, .sarWidth = 4, .sarHeight = 3};
+const AudioManifestInfo kAudio{.fourCC = "mp4a", .codecs = "mp4a.40.2", .codecPrivateData = {0x11, 0x90}, .channels = 2,
+                               .samplingRate = 48000};
+
+ElementaryStreamAttributes audioAttributes() {
+    ElementaryStreamAttributes a;
+    a.type = AAC_ADTS_AUDIO;
+    a.bitrate = 128000;
+    a.bandwidth = 128000;
+    a.name = "main";
+    a.language = "fra";
+    a.name2 = "k=v";
+    return a;
+}
+
+// Each of `lines` in `xml`, one after the other.
+void expectInOrder(const std::string& xml, const std::vector<std::string>& lines) {
+    std::size_t at = 0;
+    for (const std::string& line : lines) {
+        const std::size_t found = xml.find(line, at);
+        EXPECT_NE(found, std::string::npos) << "missing after byte " << at << ": " << line << "\nin\n" << xml;
+        if (found != std::string::npos) at = found + line.size();
+    }
+}
+
+TEST(LiveServerManifest, EmptyOutputHasAnEmptySwitch) {
+    for (bool dash : {false, true}) {
+        LiveServerManifest m("out", dash);
+        EXPECT_TRUE(m.empty());
+        EXPECT_EQ(m.ToXml(), kHead + "    <switch/>\n" + kTail);
+    }
+}
+
+// The golden init chunks hold whole documents of plain streams; here what names, languages, aspect ratios and
+// extra parameters add.
+TEST(LiveServerManifest, SmoothNamesLanguageAndExtraParameters) {
+    LiveServerManifest m("out", false);
+    m.AddVideo(1, kVideo, videoAttributes(), kDurations);
+    m.AddAudio(2, kAudio, audioAttributes(), kDurations);
+    expectInOrder(m.ToXml(),
+                  {"      <video src=\"videoStream\" systemBitrate=\"3000000\">\n"
+                   "        <param name=\"trackName\" value=\"videohd\" valuetype=\"data\"/>\n",
+                   "        <param name=\"CodecPrivateData\" value=\"000000016764ab\" valuetype=\"data\"/>\n",
+                   "        <param name=\"Subtype\" value=\"\" valuetype=\"data\"/>\n"
+                   "        <param name=\"Foo\" value=\"1\" valuetype=\"data\"/>\n"
+                   "        <param name=\"bar\" value=\"x\" valuetype=\"data\"/>\n"
+                   "      </video>\n"
+                   "      <audio src=\"audioStream_2\" systemBitrate=\"128000\" Name=\"main\" systemLanguage=\"fra\">\n"
+                   "        <param name=\"systemBitrate\" value=\"128000\" valuetype=\"data\"/>\n"
+                   "        <param name=\"trackName\" value=\"main\" valuetype=\"data\"/>\n",
+                   "        <param name=\"Subtype\" value=\"\" valuetype=\"data\"/>\n"
+                   "        <param name=\"k\" value=\"v\" valuetype=\"data\"/>\n"
+                   "      </audio>\n"});
+}
+
+TEST(LiveServerManifest, DashAspectRatioAndUndeterminedLanguage) {
+    LiveServerManifest m("out", true);
+    m.AddVideo(1, kVideo, videoAttributes(), kDurations);
+    ElementaryStreamAttributes audio = audioAttributes();
+    audio.language.clear();  // an empty language is announced as undetermined
+    m.AddAudio(2, kAudio, audio, kDurations);
+    expectInOrder(m.ToXml(),
+                  {"      <video trackId=\"1\" systemBitrate=\"3000000\" peakBitrate=\"3300000\" width=\"1280\" "
+                   "height=\"720\" startWithSAP=\"1\" frameRate=\"25/1\" scanType=\"progressive\" mimeType=\"video/mp4\" "
+                   "codecs=\"avc1.64001f\" sar_width=\"4\" sar_height=\"3\">\n"
+                   "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n",
+                   "      <audio systemBitrate=\"128000\" trackID=\"2\" lang=\"und\" startWithSAP=\"1\""});
+}
+
+TEST(ExtraParameters, AnyForbiddenCharacterVoidsTheWholeList) {
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
+    EXPECT_EQ(parseExtraParameters("a=1;b=two;;c"), (Pairs{{"a", "1"}, {"b", "two"}, {"c", ""}}));
+    EXPECT_EQ(parseExtraParameters(""), Pairs{});
+    for (const char* bad : {"a=1;b=x y", "a=1;b=\"x\"", "a=1;b='x'", "a=1;b=x=y", "a=<", "a=>", "a&=1"})
+        EXPECT_EQ(parseExtraParameters(bad), Pairs{}) << bad;
+
+    // In the document: none of an invalid list.
+    ElementaryStreamAttributes a = videoAttributes();
+    a.name2 = "good=1;bad=a&b";
+    LiveServerManifest m("out", false);
+    m.AddVideo(1, kVideo, a, kDurations);
+    EXPECT_EQ(m.ToXml().find("good"), std::string::npos);
 }
 
 }  // namespace
