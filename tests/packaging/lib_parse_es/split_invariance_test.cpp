@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "packaging/lib_parse_es/nal_builder.h"
+#include "tests/common/bytes.h"
 #include "tests/common/fixtures.h"
 
 namespace {
@@ -56,6 +57,15 @@ std::vector<SplitCase> splitCases() {
         {"AnnexBMixed", StreamType::H264_VIDEO, kMixed, referenceUnits(kMixed), Cuts::EveryPair},
         {"H264Fixture", StreamType::H264_VIDEO, h264, referenceUnits(h264), Cuts::ByteByByte},
         {"HevcFixture", StreamType::HEVC_VIDEO, hevc, referenceUnits(hevc), Cuts::EverySingle},
+        // The bit-pattern framings, whose units the session drops (it packages none of these codecs yet). H.263:
+        // 00 00 83 matches (the low two bits are outside the 22-bit pattern), 00 00 40 doesn't; the lead-in before
+        // the first picture is a unit of its own. ProRes: a unit starts at the frame size ahead of 'icpf'.
+        {"H263", StreamType::H263_VIDEO, hex("1234 000083 01 000040 000080 02"),
+         {hex("1234"), hex("000083 01 000040"), hex("000080 02")}, Cuts::EveryPair},
+        {"Mpeg4Visual", StreamType::MPEG4_VIDEO, hex("000001B6 10 000001B6 20"), {hex("000001B6 10"), hex("000001B6 20")},
+         Cuts::EveryPair},
+        {"ProRes", StreamType::PRORES, hex("0000000A 'icpf' AABB 00000009 'icpf' CC"),
+         {hex("0000000A 'icpf' AABB"), hex("00000009 'icpf' CC")}, Cuts::EveryPair},
     };
     for (std::size_t maxPiece : {1u, 5u, 300u, 5000u}) {
         cases.push_back({"AdtsStereo", StreamType::AAC_ADTS_AUDIO, stereo.bytes, packetBytes(stereo), Cuts::Random, maxPiece});
