@@ -1,5 +1,7 @@
 #include "packaging/imff_box/sample_entry.h"
 
+#include <algorithm>
+
 namespace tvrn::encoding::packaging::imff::imff_box {
 inline namespace v0 {
 
@@ -29,9 +31,10 @@ void VisualSampleEntry::binarizeSpecific(ImffBitWriter& writer) const {
     writer.writeBits(32, verticalResolution);
     writer.writeBits(32, 0);
     writer.writeBits(16, frameCount);
-    // 32 bytes of name, zero-padded, without a length byte.
-    writer.copyBuffer(reinterpret_cast<const std::uint8_t*>(compressorName.data()), compressorName.size());
-    for (std::size_t i = compressorName.size(); i < 32; ++i) writer.writeBits(8, 0);
+    // 32 bytes of name, zero-padded, without a length byte. A longer name is cut: the entry's size counts 32.
+    const std::size_t nameBytes = std::min<std::size_t>(compressorName.size(), 32);
+    writer.copyBuffer(reinterpret_cast<const std::uint8_t*>(compressorName.data()), nameBytes);
+    for (std::size_t i = nameBytes; i < 32; ++i) writer.writeBits(8, 0);
     writer.writeBits(16, depth);
     writer.writeBits(16, 0xFFFF);
 }

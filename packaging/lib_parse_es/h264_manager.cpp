@@ -117,8 +117,13 @@ std::unique_ptr<H264Sps> parseH264Sps(const std::uint8_t* rbsp, std::size_t size
     sps->constraint_flags = static_cast<std::uint8_t>(reader.readByte());
     sps->level_idc = static_cast<std::uint8_t>(reader.readByte());
     sps->seq_parameter_set_id = reader.readUe();
+    // The profiles whose SPS carries the chroma format, the bit depths and the scaling lists (144 is the former
+    // High 4:4:4, still found in old streams); for any other the fields below follow the id directly.
     const unsigned profile = sps->profile_idc;
-    if (profile == 100 || profile == 110 || profile == 122 || profile == 144 || profile == 244) {
+    bool chromaFields = false;
+    for (unsigned p : {100u, 110u, 122u, 244u, 44u, 83u, 86u, 118u, 128u, 138u, 139u, 134u, 135u, 144u})
+        chromaFields = chromaFields || profile == p;
+    if (chromaFields) {
         sps->chroma_format_idc = reader.readUe();
         if (sps->chroma_format_idc == 3) sps->separate_colour_plane_flag = reader.readFlag();
         sps->bit_depth_luma_minus8 = reader.readUe();

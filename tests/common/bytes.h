@@ -55,7 +55,8 @@ inline Bytes hex(const std::string& text) {
 
 inline Bytes zeros(std::size_t count) { return Bytes(count, 0); }
 
-inline Bytes cat(std::initializer_list<Bytes> parts) {
+// The parts one after the other.
+inline Bytes cat(const std::vector<Bytes>& parts) {
     Bytes all;
     for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
     return all;

@@ -1,7 +1,7 @@
 #pragma once
 // What a session writes, kept and read back: an output that keeps every chunk, real fixtures fed with their
 // times, and a readable tree of a chunk's boxes (with the engine's chunk reader) for comparing chunks.
-#include <cstdio>
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,10 +57,7 @@ public:
     bool refuse = false;
 
 private:
-    struct State {
-        std::vector<WrittenChunk> chunks;
-        int ends = 0;
-    };
+    struct State { std::vector<WrittenChunk> chunks; int ends = 0; };
     Guarded<State> m_state;
 };
 
@@ -92,6 +89,13 @@ inline StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
     return chunk;
 }
 
+// A stream's first chunk with one configuration sample of `kind` holding `bytes`.
+inline StreamChunk configurationChunk(std::int32_t kind, const Bytes& bytes) {
+    StreamChunk chunk;
+    chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<samples::Sample>(sampleHolding(kind, bytes))));
+    return chunk;
+}
+
 // The big-endian number at `at` bytes into a box's content.
 inline std::uint32_t u32In(ByteView bytes, const BoxView& box, std::size_t at) {
     return be32(bytes.data() + box.contentStart + at);
@@ -119,10 +123,6 @@ inline Bytes playableFile(const std::vector<WrittenChunk>& chunks) {
 
 namespace detail {
 
-inline std::string field(const char* name, std::uint64_t value) {
-    return std::string(" ") + name + "=" + std::to_string(value);
-}
-
 // Where the children of a box start, for the boxes that hold boxes.
 inline std::size_t childrenAt(const std::string& type) {
     static const std::string containers = " moov trak mdia minf stbl mvex moof traf dinf edts mfra udta ";
@@ -133,73 +133,31 @@ inline std::size_t childrenAt(const std::string& type) {
     return SIZE_MAX;
 }
 
-// The fields that tell one chunk from another, by box type.
-inline std::string fieldsOf(ByteView b, const BoxView& box) {
-    const std::string& t = box.type;
-    const std::size_t length = box.end - box.contentStart;
-    if (length < 4 || t == "mdat" || t == "ftyp" || t == "styp") return "";
-    const std::uint8_t version = b[box.contentStart];
-    const std::uint32_t flags = u32In(b, box, 0) & 0xFFFFFF;
-    char text[32];
-    std::snprintf(text, sizeof text, " v=%u flags=%06x", version, flags);
-    std::string out = text;
-    const auto u32 = [&](const char* name, std::size_t at) {
-        if (at + 4 <= length) out += field(name, u32In(b, box, at));
-    };
-    const auto u64 = [&](const char* name, std::size_t at) {
-        if (at + 8 <= length) out += field(name, u64In(b, box, at));
-    };
-    if (t == "mfhd") u32("sequence", 4);
-    if (t == "tfhd") u32("track", 4);
-    if (t == "tkhd") u32("track", version == 1 ? 20 : 12);
-    if (t == "mdhd" || t == "mvhd") u32("timescale", version == 1 ? 20 : 12);
-    if (t == "tfdt") version == 1 ? u64("decodeTime", 4) : u32("decodeTime", 4);
-    if (t == "trun") {
-        // Each sample on a line of its own: duration, size, flags and composition offset, as present.
-        u32("samples", 4);
-        std::size_t at = 8u + (flags & 1 ? 4u : 0u) + (flags & 4 ? 4u : 0u);
-        const unsigned fields = ((flags >> 8) & 1) + ((flags >> 9) & 1) + ((flags >> 10) & 1) + ((flags >> 11) & 1);
-        for (std::uint32_t i = 0; fields > 0 && at + 4 * fields <= length && i < u32In(b, box, 4); ++i) {
-            out += "\n" + std::string(32, ' ') + "sample";
-            for (unsigned f = 0; f < fields; ++f, at += 4) out += " " + std::to_string(u32In(b, box, at));
-        }
-    }
-    if (t == "tnsb" || t == "teoc" || t == "teos") u64("number", 4);
-    if (t == "sidx") {
-        u32("timescale", 8);
-        version == 1 ? u64("earliest", 12) : u32("earliest", 12);
-        if (const auto timing = readChunkTiming(b.subspan(box.offset, box.size()), true))
-            out += field("duration", timing->duration);
-    }
-    if (t == "uuid" && length >= 28 && b[box.contentStart] == 0x6D) {  // Smooth's fragment time
-        out = " tfxd" + field("time", u64In(b, box, 20)) + field("duration", u64In(b, box, 28));
-    }
-    return out;
-}
-
 inline void describe(std::string& out, ByteView b, std::size_t from, std::size_t to, int depth) {
     for (const BoxView& box : boxesIn(b, from, to)) {
-        out += std::string(static_cast<std::size_t>(depth) * 2, ' ') + box.type + field("size", box.size()) +
-               fieldsOf(b, box);
+        out += std::string(static_cast<std::size_t>(depth) * 2, ' ') + box.type + " size=" + std::to_string(box.size());
         const std::size_t at = childrenAt(box.type);
         if (at != SIZE_MAX && box.contentStart + at <= box.end) {
             out += "\n";
             describe(out, b, box.contentStart + at, box.end, depth + 1);
             continue;
         }
-        // Leaves show a checksum of their content, so that a change of payload shows on its line.
-        std::uint32_t hash = 2166136261u;
-        for (std::size_t i = box.contentStart; i < box.end; ++i) hash = (hash ^ b[i]) * 16777619u;
-        char text[16];
-        std::snprintf(text, sizeof text, " #%08x\n", hash);
-        out += text;
+        // A leaf shows its content (its first 256 bytes), 16 bytes to a line, so that a changed field shows.
+        const std::size_t shown = std::min<std::size_t>(box.end - box.contentStart, 256);
+        const Bytes content(b.begin() + static_cast<std::ptrdiff_t>(box.contentStart),
+                            b.begin() + static_cast<std::ptrdiff_t>(box.contentStart + shown));
+        const std::string indent = "\n" + std::string(static_cast<std::size_t>(depth) * 2 + 2, ' ');
+        std::string text = dumpHex(content);
+        for (std::size_t i = text.find('\n'); i != std::string::npos; i = text.find('\n', i + indent.size()))
+            text.replace(i, 1, indent);
+        out += text + (shown < box.end - box.contentStart ? "...\n" : "\n");
     }
 }
 
 }  // namespace detail
 
-// A tree of the boxes of a chunk, one line a box: type, size, the fields that tell chunks apart and a checksum
-// of each leaf's content. An init chunk shows its movie part and its server manifest line by line.
+// A tree of the boxes of a chunk, one line a box with its type and size, and the content of each leaf (its first
+// 256 bytes). An init chunk shows its movie part and its server manifest line by line.
 inline std::string describeChunk(ByteView chunk, bool init) {
     std::string out;
     if (!init) {
@@ -207,7 +165,7 @@ inline std::string describeChunk(ByteView chunk, bool init) {
         return out;
     }
     const ByteView movie = moviePart(chunk);
-    out = "movie part" + detail::field("size", movie.size()) + "\n";
+    out = "movie part size=" + std::to_string(movie.size()) + "\n";
     detail::describe(out, movie, 0, movie.size(), 1);
     out += "manifest\n" + serverManifest(movie) + "\n";
     return out;

@@ -65,16 +65,9 @@ inline Fixture loadFixture(const std::string& name) {
 inline constexpr std::int64_t kProbeTimeBase = 28224000;
 inline std::int64_t probeTo100ns(std::int64_t pts) { return pts * 10000000 / kProbeTimeBase; }
 
-struct AudioPacket {
-    std::int64_t pts = 0;
-    std::int64_t duration = 0;
-    std::size_t size = 0;
-};
+struct AudioPacket { std::int64_t pts = 0; std::int64_t duration = 0; std::size_t size = 0; };
 
-struct AudioFixture {
-    Bytes bytes;
-    std::vector<AudioPacket> packets;
-};
+struct AudioFixture { Bytes bytes; std::vector<AudioPacket> packets; };
 
 inline AudioFixture loadAudioFixture(const std::string& file) {
     AudioFixture fixture{readData(file), {}};
@@ -143,6 +136,13 @@ inline std::vector<Bytes> referenceUnits(const Bytes& s) {
 inline unsigned unitType(const Bytes& unit, bool hevc) {
     const std::size_t header = es::skipStartCode(unit.data(), unit.size());
     return hevc ? (unit[header] >> 1) & 0x3Fu : unit[header] & 0x1Fu;
+}
+
+// The first unit of `type` in an Annex B stream, with its start code; empty when there is none.
+inline Bytes firstUnitOf(const Bytes& stream, unsigned type, bool hevc) {
+    for (const Bytes& unit : referenceUnits(stream))
+        if (unitType(unit, hevc) == type) return unit;
+    return {};
 }
 
 // Keeps every unit a NAL builder delivers.

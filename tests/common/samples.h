@@ -1,5 +1,5 @@
 #pragma once
-// A listener that keeps every sample a sample builder delivers.
+// Samples made by hand, and a listener that keeps every sample a sample builder delivers.
 #include <memory>
 #include <vector>
 
@@ -8,6 +8,32 @@
 namespace testkit {
 
 namespace samples = tvrn::encoding::packaging::imff::imff_samples;
+
+// A sample of `kind` holding `payload` as one unit, with no times.
+inline std::unique_ptr<samples::Sample> sampleHolding(std::int32_t kind, const std::vector<std::uint8_t>& payload) {
+    auto sample = std::make_unique<samples::Sample>();
+    sample->kind = kind;
+    auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(payload.size()));
+    if (!payload.empty()) nal->append(payload.data(), static_cast<std::uint32_t>(payload.size()));
+    sample->addNal(std::move(nal));
+    return sample;
+}
+
+// A sample of stream `streamId` with presentation and decoding times and a duration at `timescale`.
+inline std::unique_ptr<samples::Sample> timedSample(std::uint32_t streamId, std::int32_t kind, std::uint32_t type,
+                                                    std::int64_t dts, std::int64_t pts, std::int64_t duration,
+                                                    const std::vector<std::uint8_t>& payload = {},
+                                                    std::uint64_t timescale = 90000) {
+    auto sample = sampleHolding(kind, payload);
+    sample->streamId = streamId;
+    sample->inputType = type;
+    sample->hasTimescale = sample->hasPts = sample->hasDts = sample->hasDuration = true;
+    sample->timescale = timescale;
+    sample->dts = dts;
+    sample->pts = pts;
+    sample->duration = duration;
+    return sample;
+}
 
 struct SampleCollector : samples::ISampleListener {
     void onStreamAdded(std::uint32_t, std::uint32_t) override {}

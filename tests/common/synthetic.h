@@ -60,18 +60,23 @@ inline Bytes annexB(const Bytes& header, const Bytes& payload) {
     return out;
 }
 
-// Synthetic H.264 units with 4-byte start codes.
+// Synthetic H.264 units with 4-byte start codes. An SPS of 176 x 144 with VUI and NAL HRD parameters, and timing
+// information unless `timing` is false.
 struct H264SpsOptions {
     std::uint32_t id = 0;
     std::uint8_t profile = 66;
-    bool vui = true;
     bool timing = true;
     std::uint32_t unitsInTick = 1;
     std::uint32_t timeScale = 50;
-    bool nalHrd = true;
     unsigned cpbRemovalDelayLengthMinus1 = 23;
-    unsigned dpbOutputDelayLengthMinus1 = 23;
 };
+
+// The profiles whose SPS carries the chroma format, the bit depths and the scaling lists.
+inline bool carriesChromaFormat(unsigned profile) {
+    for (unsigned p : {100u, 110u, 122u, 244u, 44u, 83u, 86u, 118u, 128u, 138u, 139u, 134u, 135u})
+        if (p == profile) return true;
+    return false;
+}
 
 inline Bytes h264Sps(const H264SpsOptions& o) {
     BitWriter w;
@@ -79,6 +84,12 @@ inline Bytes h264Sps(const H264SpsOptions& o) {
     w.bits(0, 8);   // constraint flags
     w.bits(30, 8);  // level_idc
     w.ue(o.id);
+    if (carriesChromaFormat(o.profile)) {
+        w.ue(1);       // chroma_format_idc 4:2:0
+        w.ue(0);       // bit_depth_luma_minus8
+        w.ue(0);       // bit_depth_chroma_minus8
+        w.bits(0, 2);  // qpprime_y_zero_transform_bypass_flag, seq_scaling_matrix_present_flag
+    }
     w.ue(0);  // log2_max_frame_num_minus4
     w.ue(2);  // pic_order_cnt_type
     w.ue(1);  // max_num_ref_frames
@@ -88,33 +99,29 @@ inline Bytes h264Sps(const H264SpsOptions& o) {
     w.bit(true);   // frame_mbs_only_flag
     w.bit(true);   // direct_8x8_inference_flag
     w.bit(false);  // frame_cropping_flag
-    w.bit(o.vui);
-    if (o.vui) {
-        w.bits(0, 4);  // aspect ratio, overscan, video signal, chroma location: absent
-        w.bit(o.timing);
-        if (o.timing) {
-            w.bits(o.unitsInTick, 32);
-            w.bits(o.timeScale, 32);
-            w.bit(true);
-        }
-        w.bit(o.nalHrd);
-        if (o.nalHrd) {
-            w.ue(0);
-            w.bits(4, 4);
-            w.bits(3, 4);
-            w.ue(1000);
-            w.ue(1000);
-            w.bit(true);
-            w.bits(23, 5);
-            w.bits(o.cpbRemovalDelayLengthMinus1, 5);
-            w.bits(o.dpbOutputDelayLengthMinus1, 5);
-            w.bits(24, 5);
-        }
-        w.bit(false);  // vcl_hrd_parameters_present_flag
-        if (o.nalHrd) w.bit(false);  // low_delay_hrd_flag
-        w.bit(false);  // pic_struct_present_flag
-        w.bit(false);  // bitstream_restriction_flag
+    w.bit(true);   // vui_parameters_present_flag
+    w.bits(0, 4);  // aspect ratio, overscan, video signal, chroma location: absent
+    w.bit(o.timing);
+    if (o.timing) {
+        w.bits(o.unitsInTick, 32);
+        w.bits(o.timeScale, 32);
+        w.bit(true);  // fixed_frame_rate_flag
     }
+    w.bit(true);  // nal_hrd_parameters_present_flag: one CPB, then the delay field lengths
+    w.ue(0);
+    w.bits(4, 4);
+    w.bits(3, 4);
+    w.ue(1000);
+    w.ue(1000);
+    w.bit(true);
+    w.bits(23, 5);
+    w.bits(o.cpbRemovalDelayLengthMinus1, 5);
+    w.bits(23, 5);  // dpb_output_delay_length_minus1
+    w.bits(24, 5);
+    w.bit(false);  // vcl_hrd_parameters_present_flag
+    w.bit(false);  // low_delay_hrd_flag
+    w.bit(false);  // pic_struct_present_flag
+    w.bit(false);  // bitstream_restriction_flag
     w.trailing();
     return annexB({0x67}, w.bytes());
 }
@@ -132,68 +139,61 @@ inline Bytes h264Pps(std::uint32_t ppsId, std::uint32_t spsId) {
 // One SEI unit with an optional buffering period and an optional picture timing (24-bit delays by default).
 struct H264SeiOptions {
     bool bufferingPeriod = false;
-    std::uint32_t spsId = 0;
-    std::uint32_t initialDelay = 90000;
     bool pictureTiming = true;
     std::uint32_t cpbRemovalDelay = 0;
     std::uint32_t dpbOutputDelay = 0;
     unsigned cpbBits = 24;
-    unsigned dpbBits = 24;
 };
-
-inline void seiMessage(Bytes& out, std::uint32_t type, const Bytes& payload) {
-    out.push_back(static_cast<std::uint8_t>(type));
-    out.push_back(static_cast<std::uint8_t>(payload.size()));
-    out.insert(out.end(), payload.begin(), payload.end());
-}
 
 inline Bytes h264Sei(const H264SeiOptions& o) {
     Bytes messages;
+    const auto add = [&](std::uint8_t type, const BitWriter& w) {
+        messages.insert(messages.end(), {type, static_cast<std::uint8_t>(w.bytes().size())});
+        messages.insert(messages.end(), w.bytes().begin(), w.bytes().end());
+    };
     if (o.bufferingPeriod) {
         BitWriter w;
-        w.ue(o.spsId);
-        w.bits(o.initialDelay, 24);
-        w.bits(0, 24);
+        w.ue(0);              // seq_parameter_set_id
+        w.bits(90000, 24);    // initial_cpb_removal_delay
+        w.bits(0, 24);        // initial_cpb_removal_delay_offset
         w.trailing();
-        seiMessage(messages, 0, w.bytes());
+        add(0, w);
     }
     if (o.pictureTiming) {
         BitWriter w;
         w.bits(o.cpbRemovalDelay, o.cpbBits);
-        w.bits(o.dpbOutputDelay, o.dpbBits);
+        w.bits(o.dpbOutputDelay, 24);
         w.trailing();
-        seiMessage(messages, 1, w.bytes());
+        add(1, w);
     }
     messages.push_back(0x80);
     return annexB({0x06}, messages);
 }
 
-// A slice header: nal type 5 (IDR) or 1, slice_type (2 = I, 0 = P, 1 = B).
-inline Bytes h264Slice(std::uint8_t nalType, std::uint32_t sliceType, std::uint32_t ppsId = 0,
-                       std::size_t padding = 8) {
+// A slice header: nal type 5 (IDR) or 1, slice_type (2 = I, 0 = P, 1 = B), and 8 bytes of slice data.
+inline Bytes h264Slice(std::uint8_t nalType, std::uint32_t sliceType, std::uint32_t ppsId = 0) {
     BitWriter w;
     w.ue(0);  // first_mb_in_slice
     w.ue(sliceType);
     w.ue(ppsId);
     w.bits(0, 4);  // frame_num
-    for (std::size_t i = 0; i < padding; ++i) w.bits(0xA5, 8);
+    for (int i = 0; i < 8; ++i) w.bits(0xA5, 8);
     w.trailing();
     return annexB({static_cast<std::uint8_t>(0x60 | nalType)}, w.bytes());
 }
 
-// The ADTS stream with a 2-byte CRC field in every header: protection_absent cleared, frame length + 2.
-inline Bytes withCrc(const AudioFixture& fixture) {
-    Bytes out;
-    for (Bytes frame : packetBytes(fixture)) {
+// The ADTS frames with a 2-byte CRC field in every header: protection_absent cleared, frame length + 2.
+inline std::vector<Bytes> framesWithCrc(const AudioFixture& fixture) {
+    std::vector<Bytes> frames = packetBytes(fixture);
+    for (Bytes& frame : frames) {
         const std::uint32_t length = static_cast<std::uint32_t>(frame.size()) + 2;
         frame[1] &= 0xFE;
         frame[3] = static_cast<std::uint8_t>((frame[3] & 0xFC) | (length >> 11));
         frame[4] = static_cast<std::uint8_t>(length >> 3);
         frame[5] = static_cast<std::uint8_t>((frame[5] & 0x1F) | ((length & 7) << 5));
         frame.insert(frame.begin() + 7, {0x5A, 0xA5});
-        out.insert(out.end(), frame.begin(), frame.end());
     }
-    return out;
+    return frames;
 }
 
 // An AudioSpecificConfig; object types 5 and 29 signal SBR (and PS) explicitly around an AAC-LC core.
@@ -261,11 +261,10 @@ inline void putBE32(Bytes& out, std::uint32_t v) {
 }
 
 // One raw packet: marker, size, bit rate, configuration bit length and bytes, payload length, payload.
-inline Bytes rawPacket(const Bytes& payload, const Bytes& config, std::uint32_t configBits,
-                       std::uint32_t bitRate = 64000) {
+inline Bytes rawPacket(const Bytes& payload, const Bytes& config, std::uint32_t configBits) {
     Bytes out = {0xFF, 0xFA, 0xFA, 0xFA};
     putBE32(out, static_cast<std::uint32_t>(20 + config.size() + payload.size()));
-    putBE32(out, bitRate);
+    putBE32(out, 64000);
     putBE32(out, configBits);
     out.insert(out.end(), config.begin(), config.end());
     putBE32(out, static_cast<std::uint32_t>(payload.size()));

@@ -15,24 +15,12 @@
 namespace {
 using namespace testkit;
 
-// A sample at 90 kHz holding `payload`.
+// A sample at 90 kHz of 3600 ticks holding `payload`.
 std::shared_ptr<ISyncSample> sampleOf(std::uint32_t streamId, std::int32_t kind, std::uint32_t type, std::int64_t dts,
                                       std::int64_t pts, bool sync, const Bytes& payload) {
-    auto sample = std::make_shared<samples::Sample>();
-    sample->streamId = streamId;
-    sample->kind = kind;
-    sample->inputType = type;
-    sample->hasTimescale = true;
-    sample->timescale = 90000;
-    sample->hasDts = sample->hasPts = sample->hasDuration = true;
-    sample->dts = dts;
-    sample->pts = pts;
-    sample->duration = 3600;
+    std::shared_ptr<samples::Sample> sample = timedSample(streamId, kind, type, dts, pts, 3600, payload);
     sample->sync = sync;
     sample->sapType = sync ? 1 : 0;
-    auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(payload.size()));
-    if (!payload.empty()) nal->append(payload.data(), static_cast<std::uint32_t>(payload.size()));
-    sample->addNal(std::move(nal));
     return std::make_shared<Fmp4Sample>(sample);
 }
 
@@ -58,6 +46,14 @@ SegmentChunks segmentsOf(std::map<std::uint32_t, std::shared_ptr<StreamChunk>> c
     return s;
 }
 
+// A stream of `type` at 300 kbit/s.
+ElementaryStreamAttributes attributesOf(std::uint32_t type) {
+    ElementaryStreamAttributes a;
+    a.type = type;
+    a.bandwidth = 300000;
+    return a;
+}
+
 struct Session {
     explicit Session(OutputFormat format, Fmp4MuxConfig muxConfig = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0))
         : config(std::move(muxConfig)) {
@@ -70,10 +66,7 @@ struct Session {
     void start(int streams, std::uint64_t firstNumber = 1, bool pssh = false) {
         std::vector<ChunkOutputSeed> seeds;
         for (int i = 0; i < streams; ++i) {
-            ElementaryStreamAttributes a;
-            a.type = H264_VIDEO;
-            a.bandwidth = 300000;
-            builder->AddStream(static_cast<std::uint32_t>(i), 1, a);
+            builder->AddStream(static_cast<std::uint32_t>(i), 1, attributesOf(H264_VIDEO));
             seeds.push_back({"", {i}, &outputs[i], firstNumber});
         }
         builder->SetOutputs(seeds, false, pssh, false);
@@ -102,19 +95,22 @@ struct Session {
 
 // Two pictures at 10 s on the 90 kHz clock: an IDR decoded at 900000 and shown at 907200 (4 payload bytes), and a
 // picture decoded and shown at 903600 (2 bytes). The chunk lasts 80 ms. In 100 ns units the origin is 100000000.
-SegmentChunks smallChunk() {
-    return segmentsOf({{0, chunkOf({sampleOf(0, samples::KindVideo, H264_VIDEO, 900000, 907200, true, {0xAA, 0xBB, 0xCC, 0xDD}),
-                                    sampleOf(0, samples::KindVideo, H264_VIDEO, 903600, 903600, false, {0xEE, 0xFF})},
-                                   800000)}});
+// The one media chunk of a session whose chunk numbers start at 100.
+WrittenChunk smallChunk(OutputFormat format) {
+    Session s(format);
+    s.start(1, 100);
+    s.builder->OnChunks(segmentsOf({{0, chunkOf({sampleOf(0, samples::KindVideo, H264_VIDEO, 900000, 907200, true, {0xAA, 0xBB, 0xCC, 0xDD}),
+                                                 sampleOf(0, samples::KindVideo, H264_VIDEO, 903600, 903600, false, {0xEE, 0xFF})},
+                                                800000)}}),
+                        true);
+    const auto chunks = s.media(0);
+    EXPECT_EQ(chunks.size(), 1u);
+    return chunks.empty() ? WrittenChunk{} : chunks[0];
 }
 
 TEST(ChunkBytes, DashChunkAsWorkedOutFromTheStandard) {
-    Session s(Dash);
-    s.start(1, 100);
-    s.builder->OnChunks(smallChunk(), true);
-    const auto chunks = s.media(0);
-    ASSERT_EQ(chunks.size(), 1u);
-    const Bytes expected = hex(
+    const WrittenChunk chunk = smallChunk(Dash);
+    EXPECT_BYTES(chunk.bytes, hex(
         // tnsb: full box, version 0, the segment number 1
         "00000014 'tnsb' 00000000 0000000000000001"
         // styp: major brand msdh, minor 0, compatible msdh msix
@@ -137,20 +133,14 @@ TEST(ChunkBytes, DashChunkAsWorkedOutFromTheStandard) {
         "0000000E 'mdat' AABBCCDD EEFF"
         // teoc with the chunk number, teos with the segment number
         "00000014 'teoc' 00000000 0000000000000064"
-        "00000014 'teos' 00000000 0000000000000001");
-    EXPECT_EQ(chunks[0].bytes, expected);
-    ASSERT_TRUE(chunks[0].hasTime);
-    EXPECT_EQ(chunks[0].time, 100000000);
-    EXPECT_FALSE(chunks[0].discontinuity);
+        "00000014 'teos' 00000000 0000000000000001"));
+    EXPECT_TRUE(chunk.hasTime);
+    EXPECT_EQ(chunk.time, 100000000);
+    EXPECT_FALSE(chunk.discontinuity);
 }
 
 TEST(ChunkBytes, SmoothChunkAsWorkedOutFromTheStandard) {
-    Session s(Smooth);
-    s.start(1, 100);
-    s.builder->OnChunks(smallChunk(), true);
-    const auto chunks = s.media(0);
-    ASSERT_EQ(chunks.size(), 1u);
-    const Bytes expected = hex(
+    EXPECT_BYTES(smallChunk(Smooth).bytes, hex(
         "000000C7 'moof' 00000010 'mfhd' 00000000 00000064"
         // traf: tfhd without flags (data relative to moof)
         "000000AF 'traf' 00000010 'tfhd' 00000000 00000001"
@@ -163,8 +153,7 @@ TEST(ChunkBytes, SmoothChunkAsWorkedOutFromTheStandard) {
         "00061A80 00000004 000C3500 00061A80 00000002 00000000"
         // sdtp: IDR depends on none, is depended on (0x24); the other picture depends on others (0x14)
         "0000000E 'sdtp' 00000000 24 14"
-        "0000000E 'mdat' AABBCCDD EEFF");
-    EXPECT_BYTES(chunks[0].bytes, expected);
+        "0000000E 'mdat' AABBCCDD EEFF"));
 }
 
 TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
@@ -197,13 +186,8 @@ TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
 // track 1, and each chunk names its stream's entry in tfhd.
 TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
     Session s(Dash);
-    ElementaryStreamAttributes h264;
-    h264.type = H264_VIDEO;
-    h264.bandwidth = 300000;
-    ElementaryStreamAttributes hevc = h264;
-    hevc.type = HEVC_VIDEO;
-    s.builder->AddStream(0, 1, h264);
-    s.builder->AddStream(1, 1, hevc);
+    s.builder->AddStream(0, 1, attributesOf(H264_VIDEO));
+    s.builder->AddStream(1, 1, attributesOf(HEVC_VIDEO));
     s.builder->SetOutputs({{"", {0}, &s.outputs[0], 1}, {"", {1}, &s.outputs[1], 1}}, false, false, true);
     s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>(firstChunkOf("h264_plain", H264_VIDEO))},
                                            {1, std::make_shared<StreamChunk>(firstChunkOf("hevc_bframes", HEVC_VIDEO))}}),
@@ -240,12 +224,8 @@ TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
 TEST(MuxedOutput, DataOffsetsOfTheSecondTrackFragment) {
     for (OutputFormat format : {Dash, Smooth}) {
         Session s(format);
-        ElementaryStreamAttributes video;
-        video.type = H264_VIDEO;
-        ElementaryStreamAttributes audio;
-        audio.type = AAC_ADTS_AUDIO;
-        s.builder->AddStream(0, 1, video);
-        s.builder->AddStream(1, 2, audio);
+        s.builder->AddStream(0, 1, attributesOf(H264_VIDEO));
+        s.builder->AddStream(1, 2, attributesOf(AAC_ADTS_AUDIO));
         s.builder->SetOutputs({{"", {1, 0}, &s.outputs[0], 1}}, false, false, false);
         s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>()}, {1, std::make_shared<StreamChunk>()}}),
                                    1000, 1000, 1000);
@@ -295,11 +275,7 @@ TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
 }
 
 TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
-    struct Case {
-        OutputFormat format;
-        Fmp4MuxConfig config;
-        std::size_t written;
-    };
+    struct Case { OutputFormat format; Fmp4MuxConfig config; std::size_t written; };
     const Case cases[] = {{Dash, Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0), 3},
                           {Dash, Fmp4MuxConfig::fromMode(GopSegmentsAlt, 1000, 1, 0, 0), 3},
                           {Dash, Fmp4MuxConfig::fromMode(SeparateAudioSegments, 1000, 1, 1000, 0), 2},
@@ -348,13 +324,6 @@ TEST(Writes, PsshInFragmentsWithoutProviderFails) {
               "No Encryption Provider Specified");
 }
 
-TEST(Writes, EndOfStreamReachesEveryOutput) {
-    Session s(Dash);
-    s.start(3);
-    s.builder->OnEndOfStream();
-    for (const auto& output : s.outputs) EXPECT_EQ(output.ends(), 1);
-}
-
 // --- the sync point test -------------------------------------------------------------------------------
 
 std::shared_ptr<StreamChunk> startingAt(std::uint32_t id, std::int32_t kind, std::int64_t ms, std::uint64_t durationMs) {
@@ -383,13 +352,6 @@ TEST(SyncPoint, DurationWithinAQuarterAboveTheSegmentVideoStartsWithin50MsAllSta
 }
 
 // --- the drift rule -------------------------------------------------------------------------------------
-
-TEST(Drift, OneSegmentAheadAndTwoBehindAreTolerated) {
-    EXPECT_TRUE(segmentNumberWithinTolerance(5, 6));
-    EXPECT_FALSE(segmentNumberWithinTolerance(5, 7));
-    EXPECT_TRUE(segmentNumberWithinTolerance(7, 5));
-    EXPECT_FALSE(segmentNumberWithinTolerance(8, 5));
-}
 
 TEST(Drift, WallClockAheadRenumbersWithADiscontinuity) {
     Session s(Dash);
@@ -476,15 +438,17 @@ TEST(ChunkBytes, SegmentIndexSapForPlayers) {
     }
 }
 
-// The pictures of smallChunk() are shown from 903600 to 910800 on the 90 kHz clock, 80 ms, though the chunk is
-// told it lasts 40 ms, as the last chunk of a stream with B frames is. For players the sidx duration (at 36 bytes
-// into its content) covers the 80 ms and the last sample gets the rest of them; otherwise both follow the chunk.
+// smallChunk()'s pictures, shown from 903600 to 910800 on the 90 kHz clock (80 ms), in a chunk told it lasts 40 ms,
+// as the last chunk of a stream with B frames is. For players the sidx duration (at 36 bytes into its content)
+// covers the 80 ms and the last sample gets the rest of them; otherwise both follow the chunk.
 TEST(ChunkBytes, ForPlayersAChunkLastsAsLongAsItsPicturesAreShown) {
-    const SegmentChunks segments = smallChunk();
+    const auto chunk = chunkOf({sampleOf(0, samples::KindVideo, H264_VIDEO, 900000, 907200, true, {1}),
+                                sampleOf(0, samples::KindVideo, H264_VIDEO, 903600, 903600, false, {2})},
+                               400000);
     for (const bool players : {false, true}) {
         SCOPED_TRACE(players);
         ChunkSerialisationParameters p;
-        p.tracks = {{1, ChunkVideo, segments.chunks.at(0).get()}};
+        p.tracks = {{1, ChunkVideo, chunk.get()}};
         p.chunkDuration = 400000;
         p.playerCompatible = players;
         const ChunkBytes bytes = serialiseChunk(p);

@@ -1,10 +1,11 @@
+// The session over recording stand-ins of its parts: which synchroniser and track each stream gets, what reaches
+// the analysis, and when the session ends. The sample wrapping and time conversions are in the golden chunks.
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
 
 #include <gtest/gtest.h>
 
 #include <tuple>
 
-#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "tests/common/bytes.h"
 #include "tests/common/session_fakes.h"
 #include "support/exceptions/corvane_exception.h"
@@ -12,40 +13,21 @@
 namespace {
 using namespace testkit;
 
-TEST(Fmp4MuxConfig, PublicModesMapToTheirRecordIndex) {
-    auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);
-    EXPECT_EQ(alt.tag(), 1u);
-    EXPECT_EQ(alt.mode(), GopSegmentsAlt);
-    auto separate = Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 2, 1920, 0);
-    EXPECT_EQ(separate.tag(), 2u);
-    EXPECT_EQ(separate.separateAudioSegments().audioSegmentDurationMs, 1920u);
-    EXPECT_EQ(separate.segmentDurationMs(), 4000u);
-    EXPECT_EQ(separate.gopsPerSegment(), 2u);
-    auto low = Fmp4MuxConfig::fromMode(LowLatency, 2000, 3, 0, 500);
-    EXPECT_EQ(low.tag(), 3u);
-    EXPECT_EQ(low.lowLatency().segmentDurationMs, 6000u);
-    EXPECT_EQ(low.lowLatency().chunkDurationMs, 500u);
-    EXPECT_EQ(low.segmentDurationMs(), 6000u);
-    EXPECT_EQ(low.gopsPerSegment(), 0u);
+// A hand-made variant: asking for another mode's record fails, copies own their record, swaps exchange them.
+TEST(Fmp4MuxConfig, RecordsCopiesAndSwaps) {
     EXPECT_EQ(failureOf<CorvaneException>([] { Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0); }), "Unknown Fmp4 MuxMode");
+    const auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);
     EXPECT_EQ(failureOf<std::logic_error>([&] { (void)alt.gopSegments(); }), "cannot convert union to given type");
-}
-
-TEST(Fmp4MuxConfig, CopiesOwnTheirRecordAndSwapExchangesTags) {
     Fmp4MuxConfig a = Fmp4MuxConfig::fromMode(GopSegments, 1000, 2, 0, 0);
     Fmp4MuxConfig b = a;
-    Fmp4MuxConfig c = Fmp4MuxConfig::fromMode(LowLatency, 1000, 4, 0, 250);
-    a = c;
-    EXPECT_EQ(b.tag(), 0u);
+    a = Fmp4MuxConfig::fromMode(LowLatency, 2000, 3, 0, 500);
     EXPECT_EQ(b.segmentDurationMs(), 2000u);
-    EXPECT_EQ(a.tag(), 3u);
-    b.swap(c);
-    EXPECT_EQ(b.tag(), 3u);
-    EXPECT_EQ(c.tag(), 0u);
-    EXPECT_EQ(c.gopSegments().gopDurationMs, 1000);
-    Fmp4MuxConfig defaults;
-    EXPECT_EQ(defaults.tag(), 0u);
-    EXPECT_EQ(defaults.segmentDurationMs(), 0u);
+    EXPECT_EQ(a.segmentDurationMs(), 6000u);
+    EXPECT_EQ(a.gopsPerSegment(), 0u);
+    b.swap(a);
+    EXPECT_EQ(b.lowLatency().chunkDurationMs, 500u);
+    EXPECT_EQ(a.gopSegments().gopDurationMs, 1000);
+    EXPECT_EQ(Fmp4MuxConfig().segmentDurationMs(), 0u);
 }
 
 // A session over recording parts.
@@ -89,33 +71,31 @@ ElementaryStreamAttributes attributesOf(std::uint32_t type) {
     return a;
 }
 
-TEST(Fmp4Mux, LogsTheSynchronisersItBuilds) {
+// Adds streams 0, 1, ... of these types.
+void addStreams(Fmp4Mux& mux, std::initializer_list<std::uint32_t> types) {
+    std::uint32_t id = 0;
+    for (std::uint32_t type : types) mux.AddStream(id++, attributesOf(type));
+}
+
+TEST(Fmp4Mux, BuildsOneSynchroniserOrASecondForSeparateAudio) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 3, 0, 0));
-    EXPECT_TRUE(f.logger.contains("2 Fmp4 mux: Synchronisator : segment of 6000 ms, 3 video GOP in segments"));
-    EXPECT_EQ(f.synchronisersBuilt, 1);
     ASSERT_EQ(f.syncParams.size(), 1u);
     EXPECT_EQ(f.syncParams[0].segmentDurationMs, 6000u);
+    EXPECT_EQ(f.syncParams[0].listener, &mux->chunksBuilder());
 
     SessionFixture g;
     auto separate = g.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 1920, 0), Dash, false, true);
-    EXPECT_TRUE(g.logger.contains("2 Fmp4 mux: Offline Synchronisator : segment of 2000 ms, 1 video GOP in segments"));
-    EXPECT_TRUE(g.logger.contains("2 Fmp4 mux: Audio Offline Synchronisator : segment of  1920"));
     ASSERT_EQ(g.syncParams.size(), 2u);
     EXPECT_EQ(g.syncParams[1].segmentDurationMs, 1920u);
     EXPECT_EQ(g.syncParams[1].gopsPerSegment, 1u);
-    EXPECT_TRUE(g.syncParams[1].offline);
+    EXPECT_TRUE(g.syncParams[0].offline && g.syncParams[1].offline);
 }
 
 TEST(Fmp4Mux, VideoIsTrackOneAndEverythingElseCountsFromTwo) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
-    mux->AddStream(0, attributesOf(H264_VIDEO));
-    mux->AddStream(1, attributesOf(HEVC_VIDEO));
-    mux->AddStream(2, attributesOf(AC4_AUDIO));
-    mux->AddStream(3, attributesOf(AAC_ADTS_AUDIO));
-    mux->AddStream(4, attributesOf(TTML));
-    mux->AddStream(5, attributesOf(H264_VIDEO));
+    addStreams(*mux, {H264_VIDEO, HEVC_VIDEO, AC4_AUDIO, AAC_ADTS_AUDIO, TTML, H264_VIDEO});
     EXPECT_EQ(f.chunks.streams, (std::vector<std::string>{"0:1", "1:1", "2:2", "3:3", "4:4", "5:1"}));
     // AC-4 cuts as video; text is sparse. Labels name the input and its type.
     EXPECT_EQ(f.mainSync.added,
@@ -131,10 +111,7 @@ TEST(Fmp4Mux, VideoIsTrackOneAndEverythingElseCountsFromTwo) {
 TEST(Fmp4Mux, SeparateAudioSegmentsRouteAudioToTheSecondSynchroniser) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
-    mux->AddStream(0, attributesOf(H264_VIDEO));
-    mux->AddStream(1, attributesOf(AAC_LATM_AUDIO));
-    mux->AddStream(2, attributesOf(AC4_AUDIO));
-    mux->AddStream(3, attributesOf(WEBVTT));
+    addStreams(*mux, {H264_VIDEO, AAC_LATM_AUDIO, AC4_AUDIO, WEBVTT});
     EXPECT_EQ(f.mainSync.added, (std::vector<std::string>{"0:0:input 0(H264 Video)", "3:2:input 3(WebVTT)"}));
     EXPECT_EQ(f.audioSync.added, (std::vector<std::string>{"1:1:input 1(AAC LATM Audio)", "2:0:input 2(AC4 Audio)"}));
 }
@@ -143,8 +120,7 @@ TEST(Fmp4Mux, SeparateAudioSegmentsEndOnceEverySynchroniserWithStreamsHasEnded) 
     {
         SessionFixture f;
         auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
-        mux->AddStream(0, attributesOf(H264_VIDEO));
-        mux->AddStream(1, attributesOf(AAC_ADTS_AUDIO));
+        addStreams(*mux, {H264_VIDEO, AAC_ADTS_AUDIO});
         ASSERT_EQ(f.syncParams.size(), 2u);
         // Both synchronisers report through one joint listener, not to the chunk builder directly.
         EXPECT_EQ(f.syncParams[0].listener, f.syncParams[1].listener);
@@ -158,16 +134,9 @@ TEST(Fmp4Mux, SeparateAudioSegmentsEndOnceEverySynchroniserWithStreamsHasEnded) 
         // Audio only: the video synchroniser has no stream and never ends; the audio one ends the session.
         SessionFixture f;
         auto mux = f.make(Fmp4MuxConfig::fromMode(SeparateAudioSegments, 2000, 1, 2000, 0));
-        mux->AddStream(0, attributesOf(AAC_ADTS_AUDIO));
-        mux->AddStream(1, attributesOf(AAC_LATM_AUDIO));
+        addStreams(*mux, {AAC_ADTS_AUDIO, AAC_LATM_AUDIO});
         f.syncParams[1].listener->OnEndOfStream();
         EXPECT_EQ(f.chunks.endsOfStream, 1);
-    }
-    {
-        SessionFixture f;
-        auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
-        ASSERT_EQ(f.syncParams.size(), 1u);
-        EXPECT_EQ(f.syncParams[0].listener, &mux->chunksBuilder());
     }
 }
 
@@ -184,9 +153,7 @@ TEST(Fmp4Mux, SampleBuildersTakeTheInBandFlagFromTheFormat) {
 TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     SessionFixture f;
     auto mux = f.make(Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0));
-    mux->AddStream(0, attributesOf(H264_VIDEO));
-    mux->AddStream(1, attributesOf(AAC_ADTS_AUDIO));
-    mux->AddStream(2, attributesOf(KLV));  // no analysis for it here
+    addStreams(*mux, {H264_VIDEO, AAC_ADTS_AUDIO, KLV});  // no analysis for KLV here
     mux->ConsumeSample(0, timedBuffer(-1).get());
     mux->ConsumeSample(0, timedBuffer(-1).get());
     mux->ConsumeSample(1, timedBuffer(500).get());
@@ -203,94 +170,4 @@ TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     EXPECT_EQ(f.nals.flushes, 1);
 }
 
-TEST(Fmp4Mux, SetOutputsPassesTheOutputsAndFlags) {
-    SessionFixture f;
-    Fmp4Mux mux(Dash, Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), nullptr, f.logger, true, false, true, false,
-                false, f.parts());
-    mux.SetOutputs({ChunkOutputSeed{"", {0}, nullptr, 5}});
-    ASSERT_EQ(f.chunks.outputs.size(), 1u);
-    EXPECT_EQ(f.chunks.outputs[0].firstNumber, 5u);
-    EXPECT_TRUE(f.chunks.flags[0]);
-    EXPECT_FALSE(f.chunks.flags[1]);
-    EXPECT_TRUE(f.chunks.flags[2]);
-}
-
-std::unique_ptr<imff_samples::Sample> makeSample(std::uint32_t type, std::int32_t kind, std::int64_t pts,
-                                                 std::int64_t duration, std::uint64_t timescale) {
-    auto s = std::make_unique<imff_samples::Sample>();
-    s->inputType = type;
-    s->kind = kind;
-    s->streamId = 4;
-    s->hasTimescale = true;
-    s->timescale = timescale;
-    s->hasPts = s->hasDts = s->hasDuration = true;
-    s->pts = pts;
-    s->dts = pts - 3003;
-    s->duration = duration;
-    return s;
-}
-
-TEST(Fmp4SampleListener, WrapsSamplesAndClassifiesThem) {
-    SynchronizatorLog log;
-    Fmp4SampleListener listener(std::make_unique<FakeSynchronizator>(log));
-    const std::tuple<std::uint32_t, std::int32_t, std::int64_t, std::int64_t, std::uint64_t> made[] = {
-        {H264_VIDEO, 0, 900000, 3600, 90000}, {AAC_ADTS_AUDIO, 1, 48000 * 100, 1024, 48000},
-        {H264_VIDEO, 2, 0, 0, 90000},         {HEVC_VIDEO, 4, 0, 0, 90000},
-        {HEVC_VIDEO, 3, 0, 0, 90000},         {AAC_LATM_AUDIO, 6, 0, 0, 90000}};
-    for (const auto& [type, kind, pts, duration, timescale] : made) {
-        std::unique_ptr<tvrn::encoding::packaging::imff::imff_box::ISample> holder =
-            makeSample(type, kind, pts, duration, timescale);
-        listener.onSample(holder);
-        EXPECT_FALSE(holder);
-    }
-    listener.onEnd(4);
-    ASSERT_EQ(log.samples.size(), 6u);
-    EXPECT_EQ(log.ends, std::vector<std::uint32_t>{4});
-
-    const auto& video = *log.samples[0];
-    EXPECT_EQ(video.getStreamId(), 4u);
-    EXPECT_EQ(video.getTime(), 100000000);     // 10 s
-    EXPECT_EQ(video.getDuration(), 400000);    // 40 ms
-    EXPECT_EQ(video.getEndTime(), 100400000);
-    EXPECT_FALSE(video.isConfiguration());
-    EXPECT_EQ(video.getConfigurationIndex(), 3u);
-    EXPECT_EQ(video.getConfigurationCount(), 0u);
-    EXPECT_EQ(video.getStreamKind(), 0u);
-
-    const auto& audio = *log.samples[1];
-    EXPECT_EQ(audio.getTime(), 1000000000);
-    EXPECT_EQ(audio.getDuration(), 213333);  // 1024 / 48000 s, truncated
-    EXPECT_EQ(audio.getStreamKind(), 1u);
-
-    // Configuration: H.264 SPS is item 1 of 2; HEVC VPS item 2 of 3, PPS item 0; audio config item 0 of 1.
-    const std::pair<std::uint32_t, std::uint32_t> items[] = {{1, 2}, {2, 3}, {0, 3}, {0, 1}};
-    for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_TRUE(log.samples[i + 2]->isConfiguration());
-        EXPECT_EQ(log.samples[i + 2]->getTime(), 0);
-        EXPECT_EQ(std::pair(log.samples[i + 2]->getConfigurationIndex(), log.samples[i + 2]->getConfigurationCount()),
-                  items[i]) << i;
-    }
-
-    // A chunk starts at its first sample's decoding time, exactly rescaled.
-    StreamChunk chunk;
-    EXPECT_EQ(chunkStartTime(chunk, 90000), 0);
-    EXPECT_FALSE(chunkIsVideo(chunk));
-    EXPECT_FALSE(chunkIsAudio(chunk));
-    chunk.samples.push_back(log.samples[0]);
-    EXPECT_EQ(chunkStartTime(chunk, 10000000), (900000 - 3003) * 1000 / 9);
-    EXPECT_TRUE(chunkIsVideo(chunk));
-}
-
-TEST(Fmp4Sample, AnAc4SampleCutsAsVideoAndUntimedSamplesReportZero) {
-    auto s = makeSample(AC4_AUDIO, 1, 1000, 2048, 48000);
-    Fmp4Sample ac4(std::shared_ptr<imff_samples::Sample>(std::move(s)));
-    EXPECT_EQ(ac4.getStreamKind(), 0u);
-    auto untimed = std::make_shared<imff_samples::Sample>();
-    untimed->inputType = H264_VIDEO;
-    untimed->hasPts = true;
-    untimed->pts = 90000;
-    Fmp4Sample noTimescale(untimed);
-    EXPECT_EQ(noTimescale.getTime(), 0);
-    EXPECT_EQ(noTimescale.getEndTime(), 0);
-}
 }  // namespace

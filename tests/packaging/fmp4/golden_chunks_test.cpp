@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <tuple>
 
 #include "tests/common/chunks.h"
 #include "tests/common/loggers.h"
@@ -36,11 +37,7 @@ struct GoldenCase {
 void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.name; }
 
 // A stream's buffers, each with its decoding time at 90 kHz for the interleaving.
-struct Feed {
-    std::uint32_t type = 0;
-    std::vector<es::MediaDataRef> buffers;
-    std::vector<std::int64_t> times90k;
-};
+struct Feed { std::uint32_t type = 0; std::vector<es::MediaDataRef> buffers; std::vector<std::int64_t> times90k; };
 
 // The video fixture's first frames; with `split`, every packet cut in two where a seeded draw says, only the
 // first piece carrying the packet's times.
@@ -109,16 +106,12 @@ std::map<std::string, std::vector<WrittenChunk>> runSession(OutputFormat format,
         seeds.push_back({"", {static_cast<std::int32_t>(i)}, &outputs[i], 1});
     }
     mux->SetOutputs(seeds);
-    std::vector<std::size_t> next(feeds.size(), 0);
-    for (;;) {
-        std::size_t pick = feeds.size();
-        for (std::size_t i = 0; i < feeds.size(); ++i)
-            if (next[i] < feeds[i].second.buffers.size() &&
-                (pick == feeds.size() || feeds[i].second.times90k[next[i]] < feeds[pick].second.times90k[next[pick]]))
-                pick = i;
-        if (pick == feeds.size()) break;
-        mux->ConsumeSample(static_cast<std::uint32_t>(pick), feeds[pick].second.buffers[next[pick]++].get());
-    }
+    // (time, stream, buffer index), sorted: each stream's buffers stay in order, ties go to the earlier stream.
+    std::vector<std::tuple<std::int64_t, std::uint32_t, std::size_t>> order;
+    for (std::uint32_t i = 0; i < feeds.size(); ++i)
+        for (std::size_t k = 0; k < feeds[i].second.buffers.size(); ++k) order.emplace_back(feeds[i].second.times90k[k], i, k);
+    std::sort(order.begin(), order.end());
+    for (const auto& [time, stream, k] : order) mux->ConsumeSample(stream, feeds[stream].second.buffers[k].get());
     for (std::uint32_t i = 0; i < feeds.size(); ++i) mux->ConsumeEndOfStream(i);
     std::map<std::string, std::vector<WrittenChunk>> chunks;
     for (std::size_t i = 0; i < feeds.size(); ++i) {

@@ -1,33 +1,21 @@
-// Init chunks from the parameter sets of real streams, and codec strings of hand-filled sample entries.
+// Init chunks with parameter sets in band or unusable, the "mp4a" entry of each form of AAC configuration, codec
+// strings of hand-filled sample entries, and what stream names, languages and extra parameters put in the server
+// manifest. The init chunks of real streams are compared whole in the golden chunks.
 #include <gtest/gtest.h>
 
 #include "packaging/codec_box/audio_boxes.h"
 #include "packaging/codec_box/video_boxes.h"
+#include "packaging/fmp4/chunks/audio_sample_entry.h"
 #include "packaging/fmp4/chunks/codec_string.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
-#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
-#include "packaging/imff_samples/sample_builder.h"
-#include "packaging/lib_parse_es/nal_h264_hevc.h"
+#include "packaging/fmp4/manifest/live_server_manifest.h"
+#include "tests/common/boxes.h"
 #include "tests/common/chunks.h"
+#include "tests/common/synthetic.h"
 
 namespace {
 using namespace testkit;
 namespace codec_box = tvrn::encoding::packaging::imff::codec_box;
-namespace imff_box = tvrn::encoding::packaging::imff::imff_box;
-
-// The parameter set units of a fixture as a plain walk over its start codes finds them, without start codes.
-std::vector<Bytes> parameterSets(const char* name, bool hevc) {
-    std::vector<Bytes> out;
-    for (const Bytes& unit : referenceUnits(loadFixture(name).bytes)) {
-        const std::size_t header = es::skipStartCode(unit.data(), unit.size());
-        const unsigned t = unitType(unit, hevc);
-        const bool wanted = hevc ? t >= 32 && t <= 34 : t == 7 || t == 8;
-        Bytes bare(unit.begin() + static_cast<std::ptrdiff_t>(header), unit.end());
-        while (!bare.empty() && bare.back() == 0) bare.pop_back();  // the zero of a following 4-byte start code
-        if (wanted && std::find(out.begin(), out.end(), bare) == out.end()) out.push_back(bare);
-    }
-    return out;
-}
 
 ElementaryStreamAttributes videoOf(std::uint32_t type) {
     ElementaryStreamAttributes a;
@@ -36,131 +24,32 @@ ElementaryStreamAttributes videoOf(std::uint32_t type) {
     return a;
 }
 
-const ManifestDurations kDurations{1000, 960, 960};
+const ManifestDurations kDurations{1000, 2000, 500};  // timescale, segment and chunk durations
 
-// The movie part of an init chunk, as bytes.
-Bytes movieOf(const Bytes& init) {
-    const ByteView movie = moviePart(init);
-    return Bytes(movie.begin(), movie.end());
-}
-
-// The first sample entry of track 1's stsd.
-BoxView sampleEntry(const Bytes& movie) {
-    const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
-    const auto entries = stsd ? boxesIn(movie, stsd->contentStart + 8, stsd->end) : std::vector<BoxView>{};
-    return entries.empty() ? BoxView{} : entries.front();
-}
-
-TEST(InitChunk, ContainerFileTypeAndManifestBox) {
-    for (bool dash : {true, false}) {
-        InitChunk init("out", dash);
-        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, videoOf(H264_VIDEO), false,
-                                 firstChunkOf("h264_plain", H264_VIDEO), true),
-                  1);
-        const Bytes bytes = init.Serialise();
-        // A, B = 8, the movie part, an empty mfra.
-        ASSERT_GT(bytes.size(), 16u);
-        EXPECT_EQ(be32(&bytes[0]), bytes.size() - 16);
-        EXPECT_EQ(be32(&bytes[4]), 8u);
-        EXPECT_EQ(Bytes(bytes.end() - 8, bytes.end()), hex("00000008 'mfra'"));
-        const Bytes movie = movieOf(bytes);
-        const auto top = boxesIn(movie);
-        ASSERT_EQ(top.size(), 3u);
-        EXPECT_EQ(slice(movie, 0, top[0].size()),
-                  dash ? hex("0000001C 'ftyp' 'dash' 00000001 'isom' 'avc1' 'dash'")
-                       : hex("00000020 'ftyp' 'isml' 00000000 'isom' 'iso2' 'piff' 'avc1'"));
-        // The manifest box: uuid a5d40b30-e814-11dd-ba2f-0800200c9a66, version and flags 0, then the text.
-        EXPECT_EQ(top[1].type, "uuid");
-        const auto uuid = movie.begin() + static_cast<std::ptrdiff_t>(top[1].offset);
-        EXPECT_EQ(Bytes(uuid + 8, uuid + 28), hex("a5d40b30e81411ddba2f0800200c9a66 00000000"));
-        const std::string text(movie.begin() + static_cast<std::ptrdiff_t>(top[1].offset + 28),
-                               movie.begin() + static_cast<std::ptrdiff_t>(top[1].end));
-        EXPECT_EQ(text, init.manifest().ToXml());
-        EXPECT_EQ(top[2].type, "moov");
-        // Track duration unknown in Smooth Streaming (tkhd version 0: the duration after two times, the track id
-        // and a reserved word).
-        const auto tkhd = findBox(movie, "moov/trak/tkhd");
-        ASSERT_TRUE(tkhd);
-        EXPECT_EQ(u32In(movie, *tkhd, 20), dash ? 0u : 0xFFFFFFFFu);
-    }
-}
-
-TEST(InitChunk, AvcEntryHoldsTheStreamsParameterSets) {
-    const auto sets = parameterSets("h264_plain", false);
-    ASSERT_EQ(sets.size(), 2u);  // one SPS, one PPS
-    const Bytes& sps = sets[0];
-    const Bytes& pps = sets[1];
-    struct Case {
-        bool dash, inBand;
-        const char* type;
-    };
-    for (const Case c : {Case{true, false, "avc1"}, Case{true, true, "avc3"}, Case{false, true, "avc1"}}) {
-        InitChunk init("out", c.dash);
-        init.AddStream(1, 10000000, kDurations, H264_VIDEO, videoOf(H264_VIDEO), c.inBand,
-                       firstChunkOf("h264_plain", H264_VIDEO), true);
-        const Bytes bytes = init.Serialise();
-        const Bytes movie = movieOf(bytes);
-        const BoxView entry = sampleEntry(movie);
-        EXPECT_EQ(entry.type, c.type);
-        // Visual sample entry: 8 header, 6 reserved, data reference index, 16 bytes, width and height.
-        EXPECT_EQ(movie[entry.offset + 32] * 256 + movie[entry.offset + 33], 176);
-        EXPECT_EQ(movie[entry.offset + 34] * 256 + movie[entry.offset + 35], 96);
-        // avcC after the 78 bytes of visual fields: version 1, profile, compatibility, level from the SPS,
-        // 4-byte lengths, one SPS, one PPS.
-        const std::size_t avcc = entry.offset + 8 + 78;
-        EXPECT_EQ(std::string(movie.begin() + static_cast<std::ptrdiff_t>(avcc + 4), movie.begin() + static_cast<std::ptrdiff_t>(avcc + 8)), "avcC");
-        Bytes record = {1, sps[1], sps[2], sps[3], 0xFF, 0xE1, 0, static_cast<std::uint8_t>(sps.size())};
-        record.insert(record.end(), sps.begin(), sps.end());
-        record.insert(record.end(), {1, 0, static_cast<std::uint8_t>(pps.size())});
-        record.insert(record.end(), pps.begin(), pps.end());
-        EXPECT_EQ(Bytes(movie.begin() + static_cast<std::ptrdiff_t>(avcc + 8),
-                        movie.begin() + static_cast<std::ptrdiff_t>(avcc + 8 + record.size())),
-                  record);
-
-        char codecs[32];
-        std::snprintf(codecs, sizeof codecs, "codecs=\"%s.%02x%02x%02x\"", c.type, sps[1], sps[2], sps[3]);
-        if (c.dash) {
-            EXPECT_NE(init.manifest().ToXml().find(codecs), std::string::npos);
-            EXPECT_NE(init.manifest().ToXml().find("width=\"176\" height=\"96\" startWithSAP=\"1\" frameRate=\"25/1\" "
-                                                   "scanType=\"progressive\""),
-                      std::string::npos);
-        }
-    }
-}
-
-TEST(InitChunk, HevcEntryHoldsVpsSpsPps) {
-    const auto sets = parameterSets("hevc_bframes", true);
-    ASSERT_EQ(sets.size(), 3u);
-    for (bool inBand : {false, true}) {
+// Parameter sets in band in DASH (Smooth Streaming's are in the golden chunks): the entry is avc3 or hev1, the
+// codec string says so, and hvcC marks none of its arrays complete.
+TEST(InitChunk, InBandParameterSetsInDash) {
+    struct Case { const char* fixture; std::uint32_t type; const char* entry; };
+    for (const Case& c : {Case{"h264_plain", H264_VIDEO, "avc3"}, Case{"hevc_bframes", HEVC_VIDEO, "hev1"}}) {
+        SCOPED_TRACE(c.entry);
         InitChunk init("out", true);
-        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, HEVC_VIDEO, videoOf(HEVC_VIDEO), inBand,
-                                 firstChunkOf("hevc_bframes", HEVC_VIDEO), true),
-                  1);
+        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, videoOf(c.type), true, firstChunkOf(c.fixture, c.type), true), 1);
         const Bytes bytes = init.Serialise();
-        const Bytes movie = movieOf(bytes);
-        const BoxView entry = sampleEntry(movie);
-        EXPECT_EQ(entry.type, inBand ? "hev1" : "hvc1");
-        EXPECT_EQ(movie[entry.offset + 32] * 256 + movie[entry.offset + 33], 176);
-        EXPECT_EQ(movie[entry.offset + 34] * 256 + movie[entry.offset + 35], 96);
-        // hvcC: 23 bytes of record header; byte 1 profile space, tier and profile copied from the SPS's
-        // profile_tier_level (one byte into the SPS body behind the 2-byte header), the level at byte 12; then
-        // three arrays of one unit each: completeness, type, count, length, unit. The fields are read from the
-        // SPS without its emulation prevention bytes (its zero constraint flags hold some).
-        const std::size_t hvcc = entry.offset + 8 + 78;
-        const Bytes sps = es::unescapeRbsp(sets[1].data(), sets[1].size());
-        EXPECT_EQ(movie[hvcc + 8 + 1], sps[3]);
-        EXPECT_EQ(movie[hvcc + 8 + 12], sps[14]);
-        std::size_t at = hvcc + 8 + 23;
-        EXPECT_EQ(movie[hvcc + 8 + 22], 3);
-        const std::uint8_t types[] = {32, 33, 34};
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(movie[at], (inBand ? 0 : 0x80) | types[i]);
-            EXPECT_EQ(be32(&movie[at + 1]) >> 16, 1u);
-            const std::size_t length = be16(&movie[at + 3]);
-            EXPECT_EQ(Bytes(movie.begin() + static_cast<std::ptrdiff_t>(at + 5),
-                            movie.begin() + static_cast<std::ptrdiff_t>(at + 5 + length)),
-                      sets[static_cast<std::size_t>(i)]);
-            at += 5 + length;
+        const ByteView movie = moviePart(bytes);
+        const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
+        ASSERT_TRUE(stsd);
+        const BoxView entry = boxesIn(movie, stsd->contentStart + 8, stsd->end).at(0);
+        EXPECT_EQ(entry.type, c.entry);
+        EXPECT_NE(init.manifest().ToXml().find(std::string("codecs=\"") + c.entry + "."), std::string::npos);
+        if (c.type != HEVC_VIDEO) continue;
+        // hvcC after the 78 bytes of visual fields: three arrays behind the 23 bytes of the record's header, each
+        // with its unit type (VPS, SPS, PPS) without the completeness bit, a count of 1, a length and the unit.
+        std::size_t at = entry.contentStart + 78 + 8 + 23;
+        for (unsigned type : {32u, 33u, 34u}) {
+            ASSERT_LT(at + 5, movie.size());
+            EXPECT_EQ(movie[at], type);
+            EXPECT_EQ(be16(&movie[at + 1]), 1u);
+            at += 5 + be16(&movie[at + 3]);
         }
     }
 }
@@ -175,19 +64,12 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
 
     // Parameter sets cut short or of garbage: an entry or nothing, never a crash or a read past the data.
     for (std::uint32_t type : {H264_VIDEO, HEVC_VIDEO}) {
-        for (const Bytes& unit : {Bytes{0x67}, Bytes{0x42, 0x01, 0x01}, Bytes(40, 0xFF), Bytes{0x67, 0, 0, 0, 0, 0}}) {
-            auto sample = std::make_shared<samples::Sample>();
-            sample->kind = samples::KindSequenceParameterSet;
-            auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(unit.size() + 4));
-            const Bytes length = {0, 0, 0, static_cast<std::uint8_t>(unit.size())};
-            nal->append(length.data(), 4);
-            nal->append(unit.data(), static_cast<std::uint32_t>(unit.size()));
-            sample->addNal(std::move(nal));
-            StreamChunk chunk;
-            chunk.samples.push_back(std::make_shared<Fmp4Sample>(sample));
+        for (const Bytes& unit : {hex("67"), hex("420101"), Bytes(40, 0xFF), hex("67 0000000000")}) {
+            const Bytes withLength = cat({hex("000000"), {static_cast<std::uint8_t>(unit.size())}, unit});
             InitChunk garbage("out", true);
-            const std::int32_t index = garbage.AddStream(1, 10000000, kDurations, type, videoOf(type), false, chunk, true);
-            EXPECT_GE(index, 0);
+            EXPECT_GE(garbage.AddStream(1, 10000000, kDurations, type, videoOf(type), false,
+                                        configurationChunk(samples::KindSequenceParameterSet, withLength), true),
+                      0);
             EXPECT_FALSE(garbage.Serialise().empty());
         }
     }
@@ -198,18 +80,8 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
 
 // --- codec strings -------------------------------------------------------------------------------------
 
-TEST(CodecString, VideoEntries) {
-    codec_box::AVCSampleEntry avc(false);
-    avc.configuration.profileIndication = 0x64;
-    avc.configuration.profileCompatibility = 0x00;
-    avc.configuration.levelIndication = 0x1F;
-    EXPECT_EQ(codecString(avc), "avc1.64001f");
-    codec_box::AVCSampleEntry avc3(true);
-    avc3.configuration.profileIndication = 0x42;
-    avc3.configuration.profileCompatibility = 0xC0;
-    avc3.configuration.levelIndication = 0x0D;
-    EXPECT_EQ(codecString(avc3), "avc3.42c00d");
-
+// AVC's string (profile, compatibility, level in hex) is in the golden manifests and the in-band test above.
+TEST(CodecString, HevcEntries) {
     // Main profile, compatible with Main and Main 10 (flags 1 and 2), level 3.1, progressive, non-packed,
     // frame only: the example of ISO/IEC 14496-15.
     codec_box::HEVCSampleEntry hevc(true);
@@ -231,37 +103,174 @@ TEST(CodecString, VideoEntries) {
     bare.configuration.generalProfileCompatibilityFlags = 0x20000000;
     bare.configuration.generalLevelIdc = 120;
     EXPECT_EQ(codecString(bare), "hvc1.2.4.L120");
-
-    EXPECT_EQ(codecString(imff_box::VisualSampleEntry(imff_box::fourCC("mp4v"))), "mp4v.0x20");
-    EXPECT_EQ(codecString(imff_box::VisualSampleEntry(imff_box::fourCC("s263"))), "s263");
-    EXPECT_EQ(codecString(imff_box::VisualSampleEntry(imff_box::fourCC("vc-1"))), "vc-1");
-    EXPECT_EQ(failureOf([] { codecString(imff_box::VisualSampleEntry(imff_box::fourCC("mp2v"))); }),
-              "internal assertion failure");
 }
 
-TEST(CodecString, AudioEntries) {
+// AAC's object type after "mp4a.40."; one that players are not told of gives no string. (HE-AAC's are in the audio
+// sample entry's tests.)
+TEST(CodecString, AacEntries) {
     codec_box::MP4AudioSampleEntry aac;
     aac.esds.setDecoderSpecificInfo({0x11, 0x90});  // audio object type 2
     EXPECT_EQ(codecString(aac), "mp4a.40.2");
-    aac.esds.setDecoderSpecificInfo({0x2B, 0x92, 0x08, 0x00});  // 5
-    EXPECT_EQ(codecString(aac), "mp4a.40.5");
-    aac.esds.setDecoderSpecificInfo({0xEB, 0x09, 0x88, 0x00});  // 29
-    EXPECT_EQ(codecString(aac), "mp4a.40.29");
     aac.esds.setDecoderSpecificInfo({0x0A, 0x10});  // 1, AAC main: not announced
     EXPECT_EQ(codecString(aac), "");
-    codec_box::MP4AudioSampleEntry mpeg1;
-    mpeg1.esds.objectType = 0x6B;
-    EXPECT_EQ(codecString(mpeg1), "mp4a.6b");
-    EXPECT_EQ(codecString(codec_box::AC3AudioSampleEntry()), "ac-3");
-    EXPECT_EQ(codecString(codec_box::EC3AudioSampleEntry()), "ec-3");
+}
 
-    // ac4_dsi_v1: version 1, bitstream version 2, 48 kHz, frame rate index 2, one presentation, no program id,
-    // bit rate mode and two 32-bit rates, byte alignment; presentation version 1, 10 bytes, config 0, mdcompat 3.
-    codec_box::AC4AudioSampleEntry ac4;
-    ac4.dac4.data = hex("20 a4 01 00 00 00 00 00 00 00 00 00 01 0a 03");
-    EXPECT_EQ(codecString(ac4), "ac-4.02.01.03");
-    ac4.dac4.data.resize(5);  // cut short: nothing announced rather than guesses
-    EXPECT_EQ(codecString(ac4), "");
+// --- AAC sample entries --------------------------------------------------------------------------------
+
+StreamChunk configChunk(const Bytes& config) { return configurationChunk(samples::KindDecoderConfiguration, config); }
+
+TEST(AudioSampleEntry, EachConfigurationGivesItsRateChannelsAndCodecString) {
+    struct Case { Bytes config; std::uint32_t rate; std::uint32_t channels; const char* codecs; };
+    const Case cases[] = {
+        {{0x11, 0x90}, 48000, 2, "mp4a.40.2"},
+        {{0x12, 0x30}, 44100, 6, "mp4a.40.2"},
+        {ascBytes({5, 6, 2, 3}), 48000, 2, "mp4a.40.5"},
+        {ascBytes({29, 6, 1, 3}), 48000, 2, "mp4a.40.29"},
+        {{0x11, 0x88}, 48000, 1, "mp4a.40.2"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.codecs + std::to_string(c.channels));
+        ElementaryStreamAttributes attributes;
+        attributes.bitrate = 96000;
+        const AudioSampleEntryResult result = makeAudioSampleEntry(AAC_ADTS_AUDIO, configChunk(c.config), attributes);
+        ASSERT_TRUE(result.entry);
+        EXPECT_EQ(result.entry->sampleRate, c.rate);
+        EXPECT_EQ(result.entry->channelCount, c.channels);
+        EXPECT_EQ(result.manifest.codecs, c.codecs);
+        EXPECT_EQ(result.manifest.fourCC, "mp4a");
+        EXPECT_EQ(result.manifest.codecPrivateData, c.config);
+        EXPECT_EQ(result.manifest.channels, c.channels);
+        EXPECT_EQ(result.manifest.samplingRate, c.rate);
+
+        // The entry's bytes: "mp4a", channels, the rate in the 16.16 field, then "esds" to the end, whose decoder
+        // specific info (tag 5 and its length) is the configuration, followed by the SL descriptor.
+        const Bytes bytes = writeBox(result.entry);
+        ASSERT_GE(bytes.size(), 36u + 8);
+        EXPECT_EQ(slice(bytes, 4, 4), hex("'mp4a'"));
+        EXPECT_EQ(be16(&bytes[24]), c.channels);
+        EXPECT_EQ(be16(&bytes[32]), c.rate & 0xFFFF);
+        EXPECT_EQ(slice(bytes, 36, 8), cat({Bytes{0, 0, 0, static_cast<std::uint8_t>(bytes.size() - 36)}, hex("'esds'")}));
+        EXPECT_EQ(slice(bytes, bytes.size() - c.config.size() - 5, c.config.size() + 5),
+                  cat({{0x05, static_cast<std::uint8_t>(c.config.size())}, c.config, hex("06 01 02")}));
+    }
+}
+
+TEST(AudioSampleEntry, NoEntryWithoutAUsableConfiguration) {
+    ElementaryStreamAttributes attributes;
+    EXPECT_FALSE(makeAudioSampleEntry(AAC_ADTS_AUDIO, StreamChunk{}, attributes).entry);
+    EXPECT_FALSE(makeAudioSampleEntry(AAC_LATM_AUDIO, configChunk({0x41, 0x90}), attributes).entry);  // object type 8
+    EXPECT_FALSE(makeAudioSampleEntry(AAC_RAW_AUDIO, configChunk({0x16, 0x90}), attributes).entry);   // index 13
+    EXPECT_FALSE(makeAudioSampleEntry(H264_VIDEO, configChunk({0x11, 0x90}), attributes).entry);
+    EXPECT_EQ(channelCountOf(7), 8u);
+    EXPECT_EQ(channelCountOf(0), 0u);
+}
+
+// --- the server manifest ------------------------------------------------------------------------------
+
+const std::string kHead =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<smil xmlns=\"http://www.w3.org/2001/SMIL20/Language\">\n"
+    "  <head>\n"
+    "    <meta name=\"Meta Data\" content=\"Common meta data\"/>\n"
+    "  </head>\n"
+    "  <body>\n";
+const std::string kTail =
+    "  </body>\n"
+    "</smil>\n";
+
+ElementaryStreamAttributes videoAttributes() {
+    ElementaryStreamAttributes a;
+    a.type = H264_VIDEO;
+    a.bitrate = 3000000;
+    a.bandwidth = 3300000;
+    a.name = "hd";
+    a.name2 = "Foo=1;bar=x";
+    return a;
+}
+
+const VideoManifestInfo kVideo{.fourCC = "avc1", .codecs = "avc1.64001f", .codecPrivateData = {0, 0, 0, 1, 0x67, 0x64, 0xAB},
+                               .width = 1280, .height = 720, .frameRateNumerator = 25, .sarWidth = 4, .sarHeight = 3};
+const AudioManifestInfo kAudio{.fourCC = "mp4a", .codecs = "mp4a.40.2", .codecPrivateData = {0x11, 0x90}, .channels = 2,
+                               .samplingRate = 48000};
+
+ElementaryStreamAttributes audioAttributes() {
+    ElementaryStreamAttributes a;
+    a.type = AAC_ADTS_AUDIO;
+    a.bitrate = 128000;
+    a.bandwidth = 128000;
+    a.name = "main";
+    a.language = "fra";
+    a.name2 = "k=v";
+    return a;
+}
+
+// Each of `lines` in `xml`, one after the other.
+void expectInOrder(const std::string& xml, const std::vector<std::string>& lines) {
+    std::size_t at = 0;
+    for (const std::string& line : lines) {
+        const std::size_t found = xml.find(line, at);
+        EXPECT_NE(found, std::string::npos) << "missing after byte " << at << ": " << line << "\nin\n" << xml;
+        if (found != std::string::npos) at = found + line.size();
+    }
+}
+
+TEST(LiveServerManifest, EmptyOutputHasAnEmptySwitch) {
+    for (bool dash : {false, true}) {
+        LiveServerManifest m("out", dash);
+        EXPECT_TRUE(m.empty());
+        EXPECT_EQ(m.ToXml(), kHead + "    <switch/>\n" + kTail);
+    }
+}
+
+// The golden init chunks hold whole documents of plain streams; here what names, languages, aspect ratios and
+// extra parameters add.
+TEST(LiveServerManifest, SmoothNamesLanguageAndExtraParameters) {
+    LiveServerManifest m("out", false);
+    m.AddVideo(1, kVideo, videoAttributes(), kDurations);
+    m.AddAudio(2, kAudio, audioAttributes(), kDurations);
+    expectInOrder(m.ToXml(),
+                  {"      <video src=\"videoStream\" systemBitrate=\"3000000\">\n"
+                   "        <param name=\"trackName\" value=\"videohd\" valuetype=\"data\"/>\n",
+                   "        <param name=\"CodecPrivateData\" value=\"000000016764ab\" valuetype=\"data\"/>\n",
+                   "        <param name=\"Subtype\" value=\"\" valuetype=\"data\"/>\n"
+                   "        <param name=\"Foo\" value=\"1\" valuetype=\"data\"/>\n"
+                   "        <param name=\"bar\" value=\"x\" valuetype=\"data\"/>\n"
+                   "      </video>\n"
+                   "      <audio src=\"audioStream_2\" systemBitrate=\"128000\" Name=\"main\" systemLanguage=\"fra\">\n"
+                   "        <param name=\"systemBitrate\" value=\"128000\" valuetype=\"data\"/>\n"
+                   "        <param name=\"trackName\" value=\"main\" valuetype=\"data\"/>\n",
+                   "        <param name=\"Subtype\" value=\"\" valuetype=\"data\"/>\n"
+                   "        <param name=\"k\" value=\"v\" valuetype=\"data\"/>\n"
+                   "      </audio>\n"});
+}
+
+TEST(LiveServerManifest, DashAspectRatioAndUndeterminedLanguage) {
+    LiveServerManifest m("out", true);
+    m.AddVideo(1, kVideo, videoAttributes(), kDurations);
+    ElementaryStreamAttributes audio = audioAttributes();
+    audio.language.clear();  // an empty language is announced as undetermined
+    m.AddAudio(2, kAudio, audio, kDurations);
+    expectInOrder(m.ToXml(),
+                  {"      <video trackId=\"1\" systemBitrate=\"3000000\" peakBitrate=\"3300000\" width=\"1280\" "
+                   "height=\"720\" startWithSAP=\"1\" frameRate=\"25/1\" scanType=\"progressive\" mimeType=\"video/mp4\" "
+                   "codecs=\"avc1.64001f\" sar_width=\"4\" sar_height=\"3\">\n"
+                   "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n",
+                   "      <audio systemBitrate=\"128000\" trackID=\"2\" lang=\"und\" startWithSAP=\"1\""});
+}
+
+TEST(ExtraParameters, AnyForbiddenCharacterVoidsTheWholeList) {
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
+    EXPECT_EQ(parseExtraParameters("a=1;b=two;;c"), (Pairs{{"a", "1"}, {"b", "two"}, {"c", ""}}));
+    EXPECT_EQ(parseExtraParameters(""), Pairs{});
+    for (const char* bad : {"a=1;b=x y", "a=1;b=\"x\"", "a=1;b='x'", "a=1;b=x=y", "a=<", "a=>", "a&=1"})
+        EXPECT_EQ(parseExtraParameters(bad), Pairs{}) << bad;
+
+    // In the document: none of an invalid list.
+    ElementaryStreamAttributes a = videoAttributes();
+    a.name2 = "good=1;bad=a&b";
+    LiveServerManifest m("out", false);
+    m.AddVideo(1, kVideo, a, kDurations);
+    EXPECT_EQ(m.ToXml().find("good"), std::string::npos);
 }
 
 }  // namespace

@@ -12,10 +12,8 @@ using namespace testkit;
 // What the sessions of a worker saw, in build order. Samples of stream 99 make a session fail; with `hold`, the
 // first session blocks in its first sample until released.
 struct Sessions {
-    std::vector<std::vector<std::uint32_t>> samples;
-    std::vector<std::vector<std::uint32_t>> ends;
-    bool holding = false;
-    bool released = false;
+    std::vector<std::vector<std::uint32_t>> samples, ends;
+    bool holding = false, released = false;
 };
 
 class RecordingSession : public IMuxSession {

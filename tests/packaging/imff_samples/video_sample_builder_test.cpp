@@ -1,10 +1,15 @@
-// The H.264 and HEVC sample builders on small synthetic streams: access-unit grouping, dropped units,
-// companion SEI and parameter sets, random-access marks.
+// The H.264 and HEVC sample builders on small synthetic streams (access-unit grouping, dropped units, companion SEI
+// and parameter sets, random-access marks), and on real encoder output with several slices a picture, in small
+// pieces: the samples must agree with ffprobe's packets. The golden chunks cover the other video fixtures, whole
+// and cut in two.
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/imff_samples/sample_builder_h264.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
+#include "tests/common/bytes.h"
 #include "tests/common/samples.h"
 #include "tests/common/synthetic.h"
 
@@ -121,49 +126,6 @@ TEST(SampleBuilderH264, DelimitersAndFillerNeverReachASampleAndSeiGoesWithTheNex
     EXPECT_EQ(bytes.size(), pics[0]->getSize());
 }
 
-TEST(SampleBuilderH264, ConfigurationSamplesAndInBandParameterSets) {
-    for (bool inBand : {false, true}) {
-        Chain chain(2, inBand);
-        const Bytes sps = h264Sps({});
-        chain.setup();
-        chain.push(h264Sei({}), 0, 0);
-        chain.push(h264Slice(5, 2));
-        chain.setup();  // repeated before the next picture
-        chain.push(h264Slice(1, 0), 3600, 3600);
-        chain.push(h264Slice(1, 0), 7200, 7200);
-        chain.builder->flush();
-        const auto spsSamples = chain.collector.ofKind(samples::KindSequenceParameterSet);
-        ASSERT_EQ(spsSamples.size(), 1u);
-        EXPECT_EQ(chain.collector.ofKind(samples::KindPictureParameterSet).size(), 1u);
-        const Sample& config = *spsSamples[0];
-        std::int64_t t = 0;
-        std::uint64_t timescale = 0;
-        EXPECT_FALSE(config.getPts(t));
-        EXPECT_FALSE(config.getDts(t));
-        EXPECT_FALSE(config.getDuration(t));
-        EXPECT_TRUE(config.getTimescale(timescale));
-        EXPECT_EQ(timescale, 90000u);
-        EXPECT_EQ(config.inputType, 2u);
-        EXPECT_EQ(config.streamId, 3u);
-        Bytes bytes;
-        config.getBytes(bytes);
-        Bytes expected = {0, 0, 0, static_cast<std::uint8_t>(sps.size() - 4)};
-        expected.insert(expected.end(), sps.begin() + 4, sps.end());
-        EXPECT_EQ(bytes, expected);
-
-        const auto pics = chain.pictures();
-        ASSERT_EQ(pics.size(), 3u);
-        if (inBand) {
-            EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 7, 8, 5}));
-            EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{7, 8, 1}));
-        } else {
-            EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 5}));
-            EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{1}));
-        }
-        EXPECT_EQ(typesOf(*pics[2]), (std::vector<unsigned>{1}));
-    }
-}
-
 TEST(SampleBuilderH264, RandomAccessFollowsTheFirstSliceIntraNotIdr) {
     Chain chain;
     chain.setup();
@@ -186,10 +148,7 @@ TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
     noTiming.timing = false;
     H264SpsOptions rateOfOne;  // time_scale twice num_units_in_tick: a rate of 1/1, refused on purpose
     rateOfOne.timeScale = 2;
-    struct Case {
-        H264SpsOptions sps;
-        std::optional<std::int64_t> pts, dts;
-    };
+    struct Case { H264SpsOptions sps; std::optional<std::int64_t> pts, dts; };
     // The last two: no input times at all, or a presentation time only and no buffering period to work out
     // the decoding time from.
     for (const Case& c : {Case{noTiming, 0, 0}, Case{rateOfOne, 0, 0}, Case{H264SpsOptions{}, std::nullopt, std::nullopt},
@@ -204,23 +163,16 @@ TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
     }
 }
 
-TEST(SampleBuilderH264, UnitsOfOtherTypesAndBrokenUnitsAreDropped) {
+TEST(SampleBuilderH264, AUnitWithNothingAfterItsStartCodeGivesNoSample) {
     SampleCollector collector;
     auto builder = samples::createSampleBuilder(2, false, &collector);
-    std::unique_ptr<es::NAL> other = std::make_unique<es::NALHEVC>(4);
-    builder->onNal(other);
-    EXPECT_TRUE(other);  // left in the caller's holder, which destroys it
     std::unique_ptr<es::NAL> empty = std::make_unique<es::NALH264>(3);
-    const std::uint8_t zeros[3] = {0, 0, 1};
-    empty->append(zeros, 3);
+    const std::uint8_t startCode[3] = {0, 0, 1};
+    empty->append(startCode, 3);
     builder->onNal(empty);
-    std::unique_ptr<es::NAL> plain = std::make_unique<es::NAL>(2, 5);
-    builder->onNal(plain);
     builder->onEnd();
-    ASSERT_EQ(collector.all.size(), 0u);
+    EXPECT_TRUE(collector.all.empty());
     EXPECT_EQ(collector.ends, 1);
-    EXPECT_EQ(samples::createSampleBuilder(0, false, &collector), nullptr);
-    EXPECT_EQ(samples::createSampleBuilder(6, false, &collector), nullptr);
 }
 
 // HEVC units: a two-byte header with the type in bits 6 to 1.
@@ -229,12 +181,7 @@ Bytes hevcUnit(unsigned type, std::uint8_t fill = 0xA5) {
 }
 
 TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
-    const Fixture fixture = loadFixture("hevc_bframes");
-    Bytes sps;
-    for (const Bytes& u : referenceUnits(fixture.bytes)) {
-        const std::size_t h = es::skipStartCode(u.data(), u.size());
-        if (((u[h] >> 1) & 0x3F) == 33) sps = u;
-    }
+    const Bytes sps = firstUnitOf(loadFixture("hevc_bframes").bytes, 33, true);
     ASSERT_FALSE(sps.empty());
     Chain chain(17);
     chain.push(hevcUnit(32));
@@ -268,19 +215,97 @@ TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
     }
 }
 
-TEST(Sample, BytesInOrderOfAddition) {
-    Sample sample;
-    EXPECT_EQ(sample.getSize(), 0u);
-    for (std::uint8_t v : {std::uint8_t{1}, std::uint8_t{2}}) {
-        auto nal = std::make_unique<es::NAL>(-1, 2);
-        const std::uint8_t bytes[2] = {v, v};
-        nal->append(bytes, 2);
-        sample.addNal(std::move(nal));
+// --- a real stream ------------------------------------------------------------------------------------
+
+bool isSlice(unsigned type) { return type == 1 || type == 5; }
+
+// The slices of each packet, without start codes. Units are cut over the whole stream, since a zero that ends
+// one packet may begin the next packet's start code, and each goes to the packet that holds its 01.
+std::vector<std::vector<Bytes>> slicesByPacket(const Fixture& fixture) {
+    std::vector<std::vector<Bytes>> out(fixture.packets.size());
+    std::size_t offset = 0, packet = 0, packetEnd = fixture.packets.at(0).size;
+    for (const Bytes& unit : referenceUnits(fixture.bytes)) {
+        const std::size_t header = es::skipStartCode(unit.data(), unit.size());
+        while (packet + 1 < fixture.packets.size() && offset + header - 1 >= packetEnd)
+            packetEnd += fixture.packets[++packet].size;
+        offset += unit.size();
+        if (isSlice(unitType(unit, false))) out[packet].emplace_back(unit.begin() + static_cast<std::ptrdiff_t>(header), unit.end());
     }
-    sample.addNal(std::make_unique<es::NAL>(-1, 0));
-    Bytes out;
-    sample.getBytes(out);
-    EXPECT_EQ(out, (Bytes{1, 1, 2, 2}));
+    return out;
+}
+
+// The slices that a sample holds, each without its 4-byte length.
+std::vector<Bytes> slicesOf(const samples::Sample& sample) {
+    std::vector<Bytes> units;
+    for (const auto& nal : sample.nals) {
+        const std::uint8_t* b = nal->bytes();
+        if (nal->length < 5 || be32(b) + 4 != nal->length) {
+            ADD_FAILURE() << "a unit without its length";
+            continue;
+        }
+        if (isSlice(b[4] & 0x1Fu)) units.emplace_back(b + 4, b + nal->length);
+    }
+    return units;
+}
+
+// Every packet cut into pieces of 1 to 300 bytes, only the first carrying the packet's times, as a demultiplexer
+// that splits PES payloads does. A unit takes its time from the buffer it starts in, so the first piece is long
+// enough (16 bytes) to hold the start of the packet's first picture unit; the other cuts fall anywhere. Without
+// decoding times, those come from the buffering-period and picture-timing SEI alone.
+TEST(VideoFixture, SlicedPicturesInPiecesMatchFfprobePackets) {
+    const Fixture fixture = loadFixture("h264_hrd_slices");
+    const auto expectedSlices = slicesByPacket(fixture);
+    for (bool withDts : {true, false}) {
+        SCOPED_TRACE(withDts ? "pts and dts" : "pts only");
+        SampleCollector collector;
+        auto builder = es::createNalBuilder(2);
+        auto sampleBuilder = samples::createSampleBuilder(2, false, &collector);
+        sampleBuilder->streamId = 7;
+        builder->setListener(sampleBuilder.get());
+        std::size_t offset = 0;
+        std::uint32_t seed = 12345;
+        for (const Packet& p : fixture.packets) {
+            for (std::size_t done = 0; done < p.size;) {
+                seed = seed * 1103515245u + 12345u;
+                std::size_t piece = 1 + (seed >> 16) % 300;
+                if (done == 0) piece = std::max<std::size_t>(piece, 16);
+                piece = std::min(piece, p.size - done);
+                const bool first = done == 0;
+                builder->push(makeBuffer(fixture.bytes.data() + offset + done, piece,
+                                         first ? std::optional(p.pts) : std::nullopt,
+                                         first && withDts ? std::optional(p.dts) : std::nullopt)
+                                  .get());
+                done += piece;
+            }
+            offset += p.size;
+        }
+        builder->flush();
+
+        EXPECT_EQ(collector.ends, 1);
+        EXPECT_EQ(collector.endedStream, 7u);
+        // One configuration sample of each parameter set, before any picture.
+        EXPECT_EQ(collector.ofKind(samples::KindSequenceParameterSet).size(), 1u);
+        EXPECT_EQ(collector.ofKind(samples::KindPictureParameterSet).size(), 1u);
+        EXPECT_NE(collector.all.front()->kind, samples::KindVideo);
+        const auto pictures = collector.ofKind(samples::KindVideo);
+        ASSERT_EQ(pictures.size(), fixture.packets.size());
+        for (std::size_t i = 0; i < pictures.size(); ++i) {
+            SCOPED_TRACE(i);
+            const samples::Sample& s = *pictures[i];
+            const Packet& p = fixture.packets[i];
+            std::int64_t pts = 0, dts = 0, duration = 0;
+            std::uint64_t timescale = 0;
+            ASSERT_TRUE(s.getTimescale(timescale) && s.getPts(pts) && s.getDts(dts) && s.getDuration(duration));
+            EXPECT_EQ(timescale, 90000u);
+            EXPECT_EQ(pts, p.pts);
+            EXPECT_EQ(dts, p.dts);
+            EXPECT_EQ(duration, p.duration);
+            EXPECT_EQ(s.isSync(), p.key);
+            EXPECT_EQ(s.isRandomAccess(), p.key);  // no open-GOP intra pictures in this stream
+            EXPECT_EQ(s.streamId, 7u);
+            EXPECT_EQ(slicesOf(s), expectedSlices[i]);
+        }
+    }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@ namespace sync_test {
 using namespace tvrn::encoding::packaging::synchronizator;
 using tvrn::encoding::packaging::imff::fmp4::SegmentChunks;
 
+// A media sample (times in 100 ns) or a configuration sample, item `configurationIndex` of `configurationCount`.
 struct FakeSample : ISyncSample {
     std::uint32_t streamId = 0;
     bool sync = false;
@@ -20,14 +21,13 @@ struct FakeSample : ISyncSample {
     bool configuration = false;
     std::uint32_t configurationIndex = 3;
     std::uint32_t configurationCount = 0;
-    bool hasDataId = false;
-    std::uint64_t dataId = 0;
+    std::uint64_t dataId = 0;  // 0: none
 
     std::uint32_t getStreamId() const override { return streamId; }
     bool isSync() const override { return sync; }
     bool getDataId(std::uint64_t& id) const override {
         id = dataId;
-        return hasDataId;
+        return dataId != 0;
     }
     bool hasDiscontinuity() const override { return false; }
     std::int64_t getDuration() const override { return configuration ? 0 : duration; }
@@ -54,7 +54,6 @@ inline std::shared_ptr<ISyncSample> media(std::uint32_t stream, std::int64_t tim
     s->time = time;
     s->duration = duration;
     s->sync = sync;
-    s->hasDataId = dataId != 0;
     s->dataId = dataId;
     return s;
 }
@@ -109,15 +108,8 @@ private:
 
 class RecordingNotifier : public i_chunk_warning_notifier::IChunkWarningNotifier {
 public:
-    struct Cut {
-        std::int64_t time;
-        bool randomAccess;
-        std::uint32_t segmentMs;
-    };
-    struct Record {
-        std::vector<Cut> cuts;
-        std::vector<std::uint64_t> dropped;
-    };
+    struct Cut { std::int64_t time; bool randomAccess; std::uint32_t segmentMs; };
+    struct Record { std::vector<Cut> cuts; std::vector<std::uint64_t> dropped; };
     void onCut(std::int64_t time, bool rap, std::uint32_t ms) override {
         m_state.update([&](Record& r) { r.cuts.push_back({time, rap, ms}); });
     }
