@@ -1,7 +1,6 @@
 // The presentation: chunks in, files and manifests out through the publisher, named by the templates.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <regex>
 #include <set>
 #include <string>
@@ -9,44 +8,14 @@
 
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
+#include "tests/apps/fmp4mux/host_chunks.h"
 
 namespace {
 using namespace fmp4mux;
-using Bytes = std::vector<std::uint8_t>;
+using namespace host_test;
 
-// (Built by copying into rooms of the final size: g++ 12 at -O3 sees false overflows in growing small vectors.)
-Bytes operator+(const Bytes& a, const Bytes& b) {
-    Bytes out(a.size() + b.size());
-    std::copy(b.begin(), b.end(), std::copy(a.begin(), a.end(), out.begin()));
-    return out;
-}
-
-Bytes be32(std::uint64_t v) {
-    return {static_cast<std::uint8_t>(v >> 24), static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 8),
-            static_cast<std::uint8_t>(v)};
-}
-
-Bytes box(const std::string& type, const Bytes& content) {
-    return be32(content.size() + 8) + Bytes(type.begin(), type.end()) + content;
-}
-
-// An init chunk: the container (movie part size, index size), ftyp, the manifest box, moov, then an empty mfra.
-Bytes initChunk() {
-    const std::string xml = R"(<?xml version="1.0" encoding="UTF-8"?><smil><body><switch>
+const std::string kManifest = R"(<?xml version="1.0" encoding="UTF-8"?><smil><body><switch>
 <video trackId="1" systemBitrate="500000" width="640" height="360" codecs="avc1.64001e"/></switch></body></smil>)";
-    const Bytes movie = box("ftyp", {'d', 'a', 's', 'h', 0, 0, 0, 0}) + box("uuid", Bytes(16, 0) + Bytes(xml.begin(), xml.end())) +
-                        box("moov", {});
-    const Bytes mfra = box("mfra", {});
-    return be32(movie.size()) + be32(mfra.size()) + movie + mfra;
-}
-
-// A DASH media chunk at 90 kHz: marker, styp, sidx (version 0, one reference of `duration`), moof, mdat, markers.
-Bytes mediaChunk(std::uint32_t time, std::uint32_t duration) {
-    const Bytes sidx = box("sidx", Bytes{0, 0, 0, 0} + be32(1) + be32(90000) + be32(time) + be32(0) + Bytes{0, 0, 0, 1} +
-                                       be32(100) + be32(duration) + be32(0x90000000));
-    return box("tnsb", Bytes(12, 0)) + box("styp", {'m', 's', 'd', 'h'}) + sidx + box("moof", {}) +
-           box("mdat", Bytes(1000, 7)) + box("teoc", Bytes(12, 0)) + box("teos", Bytes(12, 0));
-}
 
 // Records what is published, as the files would read.
 struct Recorder : Publisher {
@@ -85,16 +54,16 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
     DashManifestWriter mpd;
     Presentation p(settings(false), out, mpd, [] { return 1000.0; });
     p.addOutput(0, "video", 0, 0, false, "video0", "und");
-    const Bytes init = initChunk();
+    const Bytes init = initChunk(kManifest);
     p.onChunk(0, true, Bytes(init));
     ASSERT_EQ(out.files.size(), 1u);
     EXPECT_EQ(out.files[0].first, "ch1/0/video0/init.mp4");
     EXPECT_EQ(out.files[0].second, Bytes(init.begin() + 8, init.end() - 8));  // the movie part
-    for (std::uint32_t k = 0; k < 10; ++k) p.onChunk(0, false, mediaChunk(180000 * k, 180000));
-    p.onChunk(0, false, mediaChunk(0, 0));  // a stand-in for a missed chunk: no file, no segment at 0
+    for (std::uint32_t k = 0; k < 10; ++k) p.onChunk(0, false, dashChunk(180000 * k, 180000));
+    p.onChunk(0, false, dashChunk(0, 0));  // a stand-in for a missed chunk: no file, no segment at 0
     ASSERT_EQ(out.files.size(), 11u);
     EXPECT_EQ(out.files[3].first, "ch1/0/video0/500000_360000.mp4");  // the bitrate the manifest announces
-    const Bytes body = mediaChunk(0, 180000);
+    const Bytes body = dashChunk(0, 180000);
     EXPECT_EQ(out.files[1].second, Bytes(body.begin() + 20, body.end() - 40));  // markers left out
     EXPECT_EQ(p.chunks(), 10u);
     EXPECT_DOUBLE_EQ(p.mediaSeconds(), 20.0);
@@ -114,8 +83,8 @@ TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnDi
     DashManifestWriter mpd;
     Presentation p(settings(true), out, mpd, [] { return 1000.0; });
     p.addOutput(0, "video", 0, 0, false, "video0", "und");
-    p.onChunk(0, true, initChunk());
-    for (std::uint32_t k = 0; k < 100; ++k) p.onChunk(0, false, mediaChunk(180000 * k, 180000));
+    p.onChunk(0, true, initChunk(kManifest));
+    for (std::uint32_t k = 0; k < 100; ++k) p.onChunk(0, false, dashChunk(180000 * k, 180000));
     // Each media file, then the manifest that lists it; files that left the window go a window later.
     std::size_t media = 0;
     for (const auto& [path, bytes] : out.files) media += path.find("500000_") != std::string::npos ? 1u : 0u;
