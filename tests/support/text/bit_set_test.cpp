@@ -2,19 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
+#include "tests/common/bytes.h"
 
 namespace {
 using tvrn::encoding::bit_rw::Bit_Set;
-
-std::string failureOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
-}
 
 TEST(BitSet, ReadsWritesAndCombines) {
     Bit_Set a("1100101");
@@ -37,18 +28,20 @@ TEST(BitSet, ReadsWritesAndCombines) {
 }
 
 TEST(BitSet, FailuresCarryTheirMessages) {
+    using testkit::failureOf;
     Bit_Set a(4);
     EXPECT_EQ(failureOf([&] { a.get(4); }), "out of range");
     EXPECT_EQ(failureOf([&] { a.set(9, true); }), "out of range");
     EXPECT_EQ(failureOf([&] { a.sub_set(3, 2); }), "invalid sub_set Position or Size");
     EXPECT_EQ(failureOf([] { Bit_Set("0120"); }), "Bad Bit_Set input string");
     const Bit_Set other(5);
-    EXPECT_EQ(failureOf([&] { (void)(a == other); }), "Cannot compare 2 Bit_Set with different sizes (==)");
-    EXPECT_EQ(failureOf([&] { a ^= other; }), "Cannot compare 2 Bit_Set with different sizes (^=)");
-    EXPECT_EQ(failureOf([&] { (void)(a ^ other); }), "Cannot compare 2 Bit_Set with different sizes (^)");
-    EXPECT_EQ(failureOf([&] { a &= other; }), "Cannot compare 2 Bit_Set with different sizes (&=)");
-    EXPECT_EQ(failureOf([&] { (void)(a & other); }), "Cannot compare 2 Bit_Set with different sizes (&)");
-    EXPECT_EQ(failureOf([&] { a |= other; }), "Cannot compare 2 Bit_Set with different sizes (|=)");
-    EXPECT_EQ(failureOf([&] { (void)(a | other); }), "Cannot compare 2 Bit_Set with different sizes (|)");
+    const std::string differ = "Cannot compare 2 Bit_Set with different sizes ";
+    EXPECT_EQ(failureOf([&] { (void)(a == other); }), differ + "(==)");
+    EXPECT_EQ(failureOf([&] { a ^= other; }), differ + "(^=)");
+    EXPECT_EQ(failureOf([&] { (void)(a ^ other); }), differ + "(^)");
+    EXPECT_EQ(failureOf([&] { a &= other; }), differ + "(&=)");
+    EXPECT_EQ(failureOf([&] { (void)(a & other); }), differ + "(&)");
+    EXPECT_EQ(failureOf([&] { a |= other; }), differ + "(|=)");
+    EXPECT_EQ(failureOf([&] { (void)(a | other); }), differ + "(|)");
 }
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/common/bytes.h"
+
 namespace {
 using tvrn::encoding::Fraction;
 using tvrn::encoding::computeLCM;
@@ -16,16 +18,6 @@ TEST(MulDiv, ExactWhereThe64BitProductOverflows) {
               std::int64_t{-111111111111111111});
 }
 
-TEST(Fraction, LcmOfDurations) {
-    // 1/25 s and 1024/48000 s of audio: both divide 16/25 s... check against hand arithmetic:
-    // 1/25 = 1920/48000, 1024/48000; lcm(1920, 1024) = 15360 -> 15360/48000 = 8/25.
-    auto lcm = computeLCM(std::vector<Fraction<std::int64_t>>{{1, 25}, {1024, 48000}});
-    EXPECT_EQ(lcm.num, 8);
-    EXPECT_EQ(lcm.den, 25);
-}
-}  // namespace
-
-namespace {
 TEST(Fraction, RoundingAndReduction) {
     EXPECT_EQ((Fraction<std::int64_t>{7, 2}.floor()), 3);
     EXPECT_EQ((Fraction<std::int64_t>{-7, 2}.floor()), -4);
@@ -43,20 +35,16 @@ TEST(Fraction, RoundingAndReduction) {
                   Fraction<std::uint64_t>{3000000000001, 6000000000001}));
 }
 
-TEST(Fraction, LcmOfOneIsItselfReducedAndOfNoneFails) {
-    auto one = computeLCM(std::vector<Fraction<std::uint64_t>>{{6, 4}});
-    EXPECT_EQ(one.num, 3u);
-    EXPECT_EQ(one.den, 2u);
-    // 1001/30000 (a 29.97 fps frame) and 1024/48000 (an AAC frame): 1001/30000 = 1601.6/48000, so in
-    // 1/240000 units: 8008 and 5120; lcm = 5125120 -> 5125120/240000 = 16016/750 = 8008/375.
-    auto lcm = computeLCM(std::vector<Fraction<std::uint64_t>>{{1001, 30000}, {1024, 48000}});
-    EXPECT_EQ(lcm.num, 8008u);
-    EXPECT_EQ(lcm.den, 375u);
-    try {
-        computeLCM(std::vector<Fraction<std::int64_t>>{});
-        FAIL();
-    } catch (const CorvaneException& e) {
-        EXPECT_STREQ(e.what(), "Cannot compute LCM of no fraction");
-    }
+TEST(Fraction, LcmOfDurations) {
+    // 1/25 s (1920/48000) and an AAC frame of 1024/48000 s: lcm(1920, 1024) = 15360, so 15360/48000 = 8/25.
+    const auto lcm = computeLCM(std::vector<Fraction<std::int64_t>>{{1, 25}, {1024, 48000}});
+    EXPECT_EQ(std::make_pair(lcm.num, lcm.den), std::make_pair(std::int64_t{8}, std::int64_t{25}));
+    // A 29.97 fps frame, 1001/30000 s, is 8008/240000 and the AAC frame 5120/240000: lcm = 5125120/240000 = 8008/375.
+    const auto ntsc = computeLCM(std::vector<Fraction<std::uint64_t>>{{1001, 30000}, {1024, 48000}});
+    EXPECT_EQ(std::make_pair(ntsc.num, ntsc.den), std::make_pair(std::uint64_t{8008}, std::uint64_t{375}));
+    const auto one = computeLCM(std::vector<Fraction<std::uint64_t>>{{6, 4}});  // itself, reduced
+    EXPECT_EQ(std::make_pair(one.num, one.den), std::make_pair(std::uint64_t{3}, std::uint64_t{2}));
+    EXPECT_EQ(testkit::failureOf<CorvaneException>([] { computeLCM(std::vector<Fraction<std::int64_t>>{}); }),
+              "Cannot compute LCM of no fraction");
 }
 }  // namespace

@@ -2,16 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/common/bytes.h"
+
 namespace {
 using namespace tvrn::encoding::utf;
 
 std::string parseFailure(std::vector<std::uint8_t> bytes) {
-    try {
-        TextParserUTF8().parse(bytes.data(), bytes.size());
-    } catch (const UtfException& e) {
-        return e.what();
-    }
-    return "";
+    return testkit::failureOf<UtfException>([&] { TextParserUTF8().parse(bytes.data(), bytes.size()); });
 }
 
 TEST(Utf8, ParsesSequencesOfOneToFourBytes) {
@@ -30,12 +27,8 @@ TEST(Utf8, RefusesMalformedInputWithItsReason) {
     EXPECT_EQ(parseFailure({0xF0, 0x9D, 0x84}), "unfinished utf-8 sequence");
     std::string out;
     EXPECT_THROW(TextEmitterUTF8().emit(0x110000, out), UtfException);
-    try {
-        TextEmitterUTF16LE().emit(std::vector<char32_t>{0xD800});
-        FAIL();
-    } catch (const UtfException& e) {
-        EXPECT_STREQ(e.what(), "invalid Unicode codepoint");
-    }
+    EXPECT_EQ(testkit::failureOf<UtfException>([] { TextEmitterUTF16LE().emit(std::vector<char32_t>{0xD800}); }),
+              "invalid Unicode codepoint");
 }
 
 TEST(Utf16LE, RoundTripsThroughSurrogatePairs) {

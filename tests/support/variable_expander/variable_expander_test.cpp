@@ -2,16 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/common/bytes.h"
+
 namespace {
 using namespace tvrn::encoding::variable_expander;
 
 std::string failure(const std::string& text, const IVariables& variables) {
-    try {
-        expand(text, variables);
-    } catch (const ExpandVariableException& e) {
-        return e.what();
-    }
-    return "(no failure)";
+    return testkit::failureOf<ExpandVariableException>([&] { expand(text, variables); });
 }
 
 TEST(Expand, SubstitutesVariablesAndEscapes) {
