@@ -45,7 +45,6 @@ std::vector<std::uint8_t> pattern(std::size_t size) {
 
 TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     // 6000 ms x 3 x 2 Mbit/s / 8000 = 4.5 MB: (4500000 + 8191) / 8192 = 550 buffers of 8192 bytes.
-    testkit::ChunksBuilderLog log;
     FilterHolder filter(CMuxFmp4Filter::Create());
     filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
     ASSERT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);

@@ -1,101 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
-#include "apps/fmp4mux/engine/chunk_sink.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/manifests/manifests.h"
-#include "packaging/fmp4/output/chunk_reader.h"
-#include "tests/apps/fmp4mux/host_chunks.h"
+#include "tests/common/bytes.h"
 
 namespace {
 using namespace fmp4mux;
-using namespace host_test;
-namespace flt = tvrn::encoding::filter;
-using tvrn::encoding::packaging::imff::fmp4::moviePart;
-using tvrn::encoding::packaging::imff::fmp4::readChunkTiming;
-using tvrn::encoding::packaging::imff::fmp4::serverManifest;
-
-TEST(ChunkReader, TimesOfDashAndSmoothChunksAndTheMoviePartOfAnInitChunk) {
-    const Bytes dash = dashChunk(180000, 90000);
-    auto timing = readChunkTiming(dash, true);
-    ASSERT_TRUE(timing);
-    EXPECT_EQ(timing->timescale, 90000u);
-    EXPECT_EQ(timing->time, 180000u);
-    EXPECT_EQ(timing->duration, 90000u);
-    EXPECT_FALSE(readChunkTiming(std::span(dash).first(60), true));  // cut inside sidx
-
-    // A Smooth chunk's time box: uuid 6D1D9B05-42D5-44E6-80E2-141DAFF757B2, version 1, time and duration in 64 bits.
-    const Bytes tfxd = box("uuid", hex("6D1D9B0542D544E680E2141DAFF757B2 01000000 0000000000989680 0000000001312D00"));
-    const Bytes smooth = cat({box("moof", cat({box("mfhd", hex("00000000 00000001")),
-                                               box("traf", cat({box("tfhd", hex("00000000 00000001")), tfxd}))})),
-                              box("mdat")});
-    timing = readChunkTiming(smooth, false);
-    ASSERT_TRUE(timing);
-    EXPECT_EQ(timing->timescale, 10000000u);
-    EXPECT_EQ(timing->time, 10000000u);
-    EXPECT_EQ(timing->duration, 20000000u);
-
-    const std::string xml = "<?xml version=\"1.0\"?><smil/>";
-    Bytes init = initChunk(xml);
-    const auto movie = moviePart(init);
-    EXPECT_EQ(Bytes(movie.begin(), movie.end()), Bytes(init.begin() + 8, init.end() - 8));
-    EXPECT_EQ(serverManifest(movie), xml);
-    init.pop_back();
-    EXPECT_TRUE(moviePart(init).empty());
-}
-
-// Feeds a sink as the filter's output pin does: buffers of at most 8192 bytes.
-struct Feeder {
-    flt::MemAllocator allocator{100, 8192};
-    Feeder() {
-        flt::MemAllocator::Properties actual;
-        allocator.SetProperties({100, 8192, 1, 0}, actual);
-    }
-    void send(ChunkSink& sink, const Bytes& bytes, bool init, std::int64_t time) {
-        for (std::size_t at = 0; at < bytes.size(); at += 8192) {
-            flt::IMediaSample3* sample = nullptr;
-            ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
-            std::uint8_t* data = nullptr;
-            sample->GetPointer(&data);
-            const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
-            std::memcpy(data, bytes.data() + at, n);
-            sample->SetActualDataLength(static_cast<long>(n));
-            sample->SetSyncPoint(init);
-            if (!init) sample->SetTime(&time, nullptr);
-            sink.Receive(sample);
-            sample->Release();
-        }
-    }
-};
-
-TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
-    std::vector<Bytes> inits, media;
-    ChunkSink sink(true, 10, [&](bool init, Bytes&& c) { (init ? inits : media).push_back(std::move(c)); });
-    Feeder feeder;
-    const Bytes init = initChunk("<?xml?>", 9000);
-    feeder.send(sink, init, true, 0);
-    ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
-    EXPECT_EQ(inits[0], init);
-
-    const Bytes chunk = dashChunk(0, 100, 20000);
-    feeder.send(sink, chunk, false, 100);
-    ASSERT_EQ(media.size(), 1u);  // the end-of-segment box closes it
-    EXPECT_EQ(media[0], chunk);
-    // A chunk without a closing box is completed by the next one, and the last by the end of the stream.
-    const Bytes open = cat({box("moof"), box("mdat", {3}), box("teoc")});
-    feeder.send(sink, open, false, 200);
-    EXPECT_EQ(media.size(), 1u);
-    feeder.send(sink, open, false, 300);
-    ASSERT_EQ(media.size(), 2u);
-    EXPECT_EQ(media[1], open);  // the room of the previous chunk is reused, and nothing of it is left
-    sink.EndOfStream();
-    ASSERT_EQ(media.size(), 3u);
-    EXPECT_EQ(media[2], open);
-    EXPECT_TRUE(sink.ended());
-}
 
 TEST(Manifests, ReadTheServerManifestOfBothDialects) {
     Track video;
@@ -305,6 +218,6 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
 TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
     const std::uint8_t frame[3] = {0xAA, 0xBB, 0xCC};
     // Marker, whole size 20 + 2 + 3, 128000 bit/s, 16 configuration bits, the configuration, the frame's size and bytes.
-    EXPECT_EQ(makeRawAacPacket({0x11, 0x90}, 128000, frame, 3), hex("FFFAFAFA 00000019 0001F400 00000010 1190 00000003 AABBCC"));
+    EXPECT_EQ(makeRawAacPacket({0x11, 0x90}, 128000, frame, 3), testkit::hex("FFFAFAFA 00000019 0001F400 00000010 1190 00000003 AABBCC"));
 }
 }  // namespace

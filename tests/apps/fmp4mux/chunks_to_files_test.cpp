@@ -1,0 +1,212 @@
+// Chunks on their way to files: read, joined back from the filter's buffers, and published by the presentation,
+// named by the templates, with the manifests.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "apps/fmp4mux/engine/chunk_sink.h"
+#include "apps/fmp4mux/manifests/manifests.h"
+#include "apps/fmp4mux/model/presentation.h"
+#include "packaging/fmp4/output/chunk_reader.h"
+#include "tests/common/bytes.h"
+
+namespace {
+using namespace fmp4mux;
+using namespace tvrn::encoding::packaging::imff::fmp4;
+namespace flt = tvrn::encoding::filter;
+using testkit::Bytes;
+using testkit::cat;
+using testkit::hex;
+
+Bytes u32(std::uint64_t v) {
+    return {static_cast<std::uint8_t>(v >> 24), static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 8),
+            static_cast<std::uint8_t>(v)};
+}
+
+Bytes box(const std::string& type, const Bytes& content = {}) {
+    return cat({u32(content.size() + 8), Bytes(type.begin(), type.end()), content});
+}
+
+// An init chunk: its container (the sizes of the movie part and of the index), the movie part (ftyp, the manifest
+// box holding `xml` after its uuid, a moov of `moovSize` bytes), then the index (an empty mfra).
+Bytes initChunk(const std::string& xml, std::size_t moovSize = 0) {
+    const Bytes movie = cat({box("ftyp", hex("'dash' 00000000")), box("uuid", cat({Bytes(16, 0), Bytes(xml.begin(), xml.end())})),
+                             box("moov", Bytes(moovSize, 1))});
+    const Bytes index = box("mfra");
+    return cat({u32(movie.size()), u32(index.size()), movie, index});
+}
+
+// A DASH media chunk at 90 kHz between its markers (20 bytes before, 40 after): styp, sidx (version 0, one
+// reference of `duration` from `time`), moof, and an mdat of `mdatSize` bytes.
+Bytes dashChunk(std::uint32_t time, std::uint32_t duration, std::size_t mdatSize = 1000) {
+    const Bytes sidx = box("sidx", cat({hex("00000000 00000001 00015F90"), u32(time), hex("00000000 0000 0001 00000064"),
+                                        u32(duration), hex("90000000")}));
+    return cat({box("tnsb", Bytes(12, 0)), box("styp", hex("'msdh'")), sidx, box("moof"), box("mdat", Bytes(mdatSize, 7)),
+                box("teoc", Bytes(12, 0)), box("teos", Bytes(12, 0))});
+}
+
+// The DASH time and the movie part are read in the presentation tests below; here Smooth's time box, and chunks
+// cut short.
+TEST(ChunkReader, SmoothTimesAndChunksCutShort) {
+    // uuid 6D1D9B05-42D5-44E6-80E2-141DAFF757B2, version 1, time and duration in 64 bits.
+    const Bytes tfxd = box("uuid", hex("6D1D9B0542D544E680E2141DAFF757B2 01000000 0000000000989680 0000000001312D00"));
+    const Bytes smooth = cat({box("moof", cat({box("mfhd", hex("00000000 00000001")),
+                                               box("traf", cat({box("tfhd", hex("00000000 00000001")), tfxd}))})),
+                              box("mdat")});
+    const auto timing = readChunkTiming(smooth, false);
+    ASSERT_TRUE(timing);
+    EXPECT_EQ(timing->timescale, 10000000u);
+    EXPECT_EQ(timing->time, 10000000u);
+    EXPECT_EQ(timing->duration, 20000000u);
+    const Bytes dash = dashChunk(180000, 90000), init = initChunk("<?xml?>");
+    EXPECT_FALSE(readChunkTiming(std::span(dash).first(60), true));  // cut inside sidx
+    EXPECT_TRUE(moviePart(std::span(init).first(init.size() - 1)).empty());
+}
+
+// Feeds a sink as the filter's output pin does: buffers of at most 8192 bytes.
+struct Feeder {
+    flt::MemAllocator allocator{100, 8192};
+    Feeder() {
+        flt::MemAllocator::Properties actual;
+        allocator.SetProperties({100, 8192, 1, 0}, actual);
+    }
+    void send(ChunkSink& sink, const Bytes& bytes, bool init, std::int64_t time) {
+        for (std::size_t at = 0; at < bytes.size(); at += 8192) {
+            flt::IMediaSample3* sample = nullptr;
+            ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
+            std::uint8_t* data = nullptr;
+            sample->GetPointer(&data);
+            const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
+            std::memcpy(data, bytes.data() + at, n);
+            sample->SetActualDataLength(static_cast<long>(n));
+            sample->SetSyncPoint(init);
+            if (!init) sample->SetTime(&time, nullptr);
+            sink.Receive(sample);
+            sample->Release();
+        }
+    }
+};
+
+TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
+    std::vector<Bytes> inits, media;
+    ChunkSink sink(true, 10, [&](bool init, Bytes&& c) { (init ? inits : media).push_back(std::move(c)); });
+    Feeder feeder;
+    const Bytes init = initChunk("<?xml?>", 9000);
+    feeder.send(sink, init, true, 0);
+    ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
+    EXPECT_EQ(inits[0], init);
+
+    const Bytes chunk = dashChunk(0, 100, 20000);
+    feeder.send(sink, chunk, false, 100);
+    ASSERT_EQ(media.size(), 1u);  // the end-of-segment box closes it
+    EXPECT_EQ(media[0], chunk);
+    // A chunk without a closing box is completed by the next one, and the last by the end of the stream.
+    const Bytes open = cat({box("moof"), box("mdat", {3}), box("teoc")});
+    feeder.send(sink, open, false, 200);
+    EXPECT_EQ(media.size(), 1u);
+    feeder.send(sink, open, false, 300);
+    ASSERT_EQ(media.size(), 2u);
+    EXPECT_EQ(media[1], open);  // the room of the previous chunk is reused, and nothing of it is left
+    sink.EndOfStream();
+    ASSERT_EQ(media.size(), 3u);
+    EXPECT_EQ(media[2], open);
+    EXPECT_TRUE(sink.ended());
+}
+
+
+const std::string kManifest = R"(<?xml version="1.0" encoding="UTF-8"?><smil><body><switch>
+<video trackId="1" systemBitrate="500000" width="640" height="360" codecs="avc1.64001e"/></switch></body></smil>)";
+
+// Records what is published, as the files would read.
+struct Recorder : Publisher {
+    std::vector<std::pair<std::string, Bytes>> files;
+    std::set<std::string> onDisk;
+    void publish(Publication&& p) override {
+        if (p.remove) {
+            EXPECT_EQ(onDisk.erase(p.path), 1u) << p.path;
+            return;
+        }
+        onDisk.insert(p.path);
+        Bytes content;
+        if (p.ranges.empty()) content = p.bytes;
+        for (const auto& [offset, length] : p.ranges)
+            content.insert(content.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
+                           p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));
+        files.emplace_back(p.path, content);
+    }
+    void drain() override {}
+    std::optional<std::string> failure() const override { return std::nullopt; }
+    std::string text(std::size_t i) const { return std::string(files.at(i).second.begin(), files.at(i).second.end()); }
+};
+
+PresentationSettings settings(bool live) {
+    PresentationSettings s;
+    s.live = live;
+    s.streamName = "ch1";
+    s.initTemplate = "${sessionId}/${adaptationSetId}/${representationId}/init.mp4";
+    s.mediaTemplate = "${sessionId}/${adaptationSetId}/${representationId}/${bitrate}_${time}.mp4";
+    s.timeShiftBufferSeconds = 6;
+    return s;
+}
+
+TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOfEverySegment) {
+    Recorder out;
+    DashManifestWriter mpd;
+    Presentation p(settings(false), out, mpd, [] { return 1000.0; });
+    p.addOutput(0, "video", 0, 0, false, "video0", "und");
+    const Bytes init = initChunk(kManifest);
+    p.onChunk(0, true, Bytes(init));
+    ASSERT_EQ(out.files.size(), 1u);
+    EXPECT_EQ(out.files[0].first, "ch1/0/video0/init.mp4");
+    EXPECT_EQ(out.files[0].second, Bytes(init.begin() + 8, init.end() - 8));  // the movie part
+    for (std::uint32_t k = 0; k < 10; ++k) p.onChunk(0, false, dashChunk(180000 * k, 180000));
+    p.onChunk(0, false, dashChunk(0, 0));  // a stand-in for a missed chunk: no file, no segment at 0
+    ASSERT_EQ(out.files.size(), 11u);
+    EXPECT_EQ(out.files[3].first, "ch1/0/video0/500000_360000.mp4");  // the bitrate the manifest announces
+    const Bytes body = dashChunk(0, 180000);
+    EXPECT_EQ(out.files[1].second, Bytes(body.begin() + 20, body.end() - 40));  // markers left out
+    EXPECT_EQ(p.chunks(), 10u);
+    EXPECT_DOUBLE_EQ(p.mediaSeconds(), 20.0);
+    p.finish();
+    ASSERT_EQ(out.files.size(), 12u);
+    EXPECT_EQ(out.files[11].first, "manifest.mpd");
+    const std::string text = out.text(11);
+    EXPECT_NE(text.find("type=\"static\""), std::string::npos) << text;
+    EXPECT_NE(text.find("<S t=\"0\" d=\"180000\" r=\"9\"/>"), std::string::npos) << text;
+    // Files are named by the stream's own bitrate, and the template says that very number, not $Bandwidth$ (the
+    // measured peak the MPD announces).
+    EXPECT_NE(text.find("media=\"ch1/0/$RepresentationID$/500000_$Time$.mp4\""), std::string::npos) << text;
+}
+
+TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnDisk) {
+    Recorder out;
+    DashManifestWriter mpd;
+    Presentation p(settings(true), out, mpd, [] { return 1000.0; });
+    p.addOutput(0, "video", 0, 0, false, "video0", "und");
+    p.onChunk(0, true, initChunk(kManifest));
+    for (std::uint32_t k = 0; k < 100; ++k) p.onChunk(0, false, dashChunk(180000 * k, 180000));
+    // Each media file, then the manifest that lists it; files that left the window go a window later.
+    std::size_t media = 0;
+    for (const auto& [path, bytes] : out.files) media += path.find("500000_") != std::string::npos ? 1u : 0u;
+    EXPECT_EQ(media, 100u);
+    EXPECT_LE(out.onDisk.size(), 1u + 1u + 8u) << "init, manifest, window and grace of media";
+    EXPECT_TRUE(out.onDisk.count("ch1/0/video0/500000_" + std::to_string(99u * 180000) + ".mp4"));
+    EXPECT_FALSE(out.onDisk.count("ch1/0/video0/500000_0.mp4"));
+    const std::string last = out.text(out.files.size() - 1);
+    EXPECT_NE(last.find("type=\"dynamic\""), std::string::npos) << last;
+    // 6 s of window over 2 s segments: the last four segments' starts at most (one straddles the window's edge).
+    const std::regex segment("<S t=\"(\\d+)\" d=\"180000\"(?: r=\"(\\d+)\")?/>");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(last, m, segment)) << last;
+    const int listed = 1 + (m[2].matched ? std::stoi(m[2]) : 0);
+    EXPECT_LE(listed, 4) << last;
+    EXPECT_EQ(std::stoull(m[1]) + static_cast<std::uint64_t>(listed) * 180000, 100u * 180000) << last;
+    p.finish();
+    EXPECT_NE(out.text(out.files.size() - 1).find("type=\"static\""), std::string::npos);
+}
+
+}  // namespace
