@@ -1,5 +1,6 @@
 #pragma once
 // A logger that keeps every message, with its level, its text and its format; safe from any thread.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -37,9 +38,8 @@ public:
         return out;
     }
     bool contains(const std::string& line) const {
-        for (const std::string& l : lines())
-            if (l == line) return true;
-        return false;
+        const std::vector<std::string> all = lines();
+        return std::find(all.begin(), all.end(), line) != all.end();
     }
 
 private:

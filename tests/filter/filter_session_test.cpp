@@ -123,7 +123,7 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     for (int session = 1; session <= 2; ++session) {
         ASSERT_EQ(filter->Pause(), S_OK);
         ASSERT_EQ(filter->Run(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Running));
+        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
         // Each input on a streaming thread of its own, as a graph delivers them.
         std::thread videoThread([&] { push(*videoPin, inputs[0]); });
         std::thread audioThread([&] { push(*audioPin, inputs[1]); });
@@ -131,7 +131,7 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
         audioThread.join();
         ASSERT_TRUE(videoSink.waitForEnds(session) && audioSink.waitForEnds(session));
         ASSERT_EQ(filter->Stop(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Idle));
+        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
 
         RecordingSink* sinks[] = {&videoSink, &audioSink};
         for (int o = 0; o < 2; ++o) {

@@ -66,48 +66,44 @@ TEST(ChunkReader, SmoothTimesAndChunksCutShort) {
     EXPECT_TRUE(moviePart(std::span(init).first(init.size() - 1)).empty());
 }
 
-// Feeds a sink as the filter's output pin does: buffers of at most 8192 bytes.
-struct Feeder {
-    flt::MemAllocator allocator{100, 8192};
-    Feeder() {
-        flt::MemAllocator::Properties actual;
-        allocator.SetProperties({100, 8192, 1, 0}, actual);
+// Feeds a sink as the filter's output pin does: in buffers of at most 8192 bytes.
+void send(ChunkSink& sink, flt::MemAllocator& allocator, const Bytes& bytes, bool init, std::int64_t time) {
+    for (std::size_t at = 0; at < bytes.size(); at += 8192) {
+        flt::IMediaSample3* sample = nullptr;
+        ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
+        std::uint8_t* data = nullptr;
+        sample->GetPointer(&data);
+        const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
+        std::memcpy(data, bytes.data() + at, n);
+        sample->SetActualDataLength(static_cast<long>(n));
+        sample->SetSyncPoint(init);
+        if (!init) sample->SetTime(&time, nullptr);
+        sink.Receive(sample);
+        sample->Release();
     }
-    void send(ChunkSink& sink, const Bytes& bytes, bool init, std::int64_t time) {
-        for (std::size_t at = 0; at < bytes.size(); at += 8192) {
-            flt::IMediaSample3* sample = nullptr;
-            ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
-            std::uint8_t* data = nullptr;
-            sample->GetPointer(&data);
-            const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
-            std::memcpy(data, bytes.data() + at, n);
-            sample->SetActualDataLength(static_cast<long>(n));
-            sample->SetSyncPoint(init);
-            if (!init) sample->SetTime(&time, nullptr);
-            sink.Receive(sample);
-            sample->Release();
-        }
-    }
-};
+}
 
 TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     std::vector<Bytes> inits, media;
     ChunkSink sink(true, 10, [&](bool init, Bytes&& c) { (init ? inits : media).push_back(std::move(c)); });
-    Feeder feeder;
+    flt::MemAllocator allocator{100, 8192};
+    flt::MemAllocator::Properties actual;
+    allocator.SetProperties({100, 8192, 1, 0}, actual);
+    const auto feed = [&](const Bytes& bytes, bool init, std::int64_t time) { send(sink, allocator, bytes, init, time); };
     const Bytes init = initChunk("<?xml?>", 9000);
-    feeder.send(sink, init, true, 0);
+    feed(init, true, 0);
     ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
     EXPECT_EQ(inits[0], init);
 
     const Bytes chunk = dashChunk(0, 100, 20000);
-    feeder.send(sink, chunk, false, 100);
+    feed(chunk, false, 100);
     ASSERT_EQ(media.size(), 1u);  // the end-of-segment box closes it
     EXPECT_EQ(media[0], chunk);
     // A chunk without a closing box is completed by the next one, and the last by the end of the stream.
     const Bytes open = cat({box("moof"), box("mdat", {3}), box("teoc")});
-    feeder.send(sink, open, false, 200);
+    feed(open, false, 200);
     EXPECT_EQ(media.size(), 1u);
-    feeder.send(sink, open, false, 300);
+    feed(open, false, 300);
     ASSERT_EQ(media.size(), 2u);
     EXPECT_EQ(media[1], open);  // the room of the previous chunk is reused, and nothing of it is left
     sink.EndOfStream();

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,10 +39,8 @@ fs::path dir() {
 }
 
 std::string readText(const fs::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    const std::vector<std::uint8_t> bytes = testkit::readFile(file);
+    return {bytes.begin(), bytes.end()};
 }
 
 std::size_t count(const std::string& text, const std::string& needle) {
@@ -333,11 +330,7 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
     fs::create_directories(out);
     fs::copy_file(made(kH264), out / "inside.ts", fs::copy_options::overwrite_existing);
     const std::string to = " " + q(out);
-    const struct {
-        std::string command;
-        int exitCode;
-        std::string message;
-    } cases[] = {
+    const struct { std::string command; int exitCode; std::string message; } cases[] = {
         {mux("--bitrate 0:7=100000 " + source + to), 2, "stream 0:7 named by a stream setting does not exist"},
         {mux("--language 0:0=fra " + source + to), 2, "stream 0:0 is video, which has no language"},
         {mux("--name 0:0=same --name 0:1=same " + source + to), 2, "two streams are named 'same'"},
@@ -372,11 +365,8 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
 // SIGINT does: the chunks under way, a static MPD, exit 0. The output folder taken away stops the run with a clear
 // error rather than a manifest of missing files.
 TEST(Fmp4muxEndToEnd, AHangUpOrTheOutputFolderRemovedDuringTheRun) {
-    const struct {
-        std::string name, action;
-        int exitCode;
-        std::string message;
-    } cases[] = {{"hangup", "kill -HUP $pid", 0, "interrupted"}, {"removed", "rm -rf \"$3\"", 1, "was removed during the run"}};
+    const struct { std::string name, action; int exitCode; std::string message; } cases[] = {
+        {"hangup", "kill -HUP $pid", 0, "interrupted"}, {"removed", "rm -rf \"$3\"", 1, "was removed during the run"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const fs::path out = dir() / c.name;

@@ -95,10 +95,7 @@ std::string summary(const Options& o) {
 }
 
 TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
-    const struct {
-        std::vector<std::string> args;
-        std::string options;
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string options; } cases[] = {
         {{"a.ts", "out"}, "dash m0 g2000 n1 v1 first1 <a.ts >out"},
         // Options may come between the positional arguments; the last of a repeated option wins.
         {{"-f", "smooth", "a.ts", "-n", "3", "b.ts", "-g", "1000", "-g", "1500", "out"}, "smooth m0 g1500 n3 v1 first1 <a.ts <b.ts >out"},
@@ -127,10 +124,7 @@ TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
 }
 
 TEST(Options, RefusedCommandLinesSayWhy) {
-    const struct {
-        std::vector<std::string> args;
-        std::string message;
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string message; } cases[] = {
         {{"out"}, "give at least one INPUT and the OUTDIR"},
         {{"--frobnicate", "a", "out"}, "unknown option --frobnicate"},
         {{"-vx", "a", "out"}, "unknown option -x"},
@@ -185,11 +179,8 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
         {},
     };
     using Selected = std::vector<std::vector<bool>>;
-    const struct {
-        std::vector<std::string> maps;
-        Selected selected;  // empty: refused with `message`
-        std::string message;
-    } cases[] = {
+    // The streams each input has selected, or (when `selected` is empty) the message that refuses the maps.
+    const struct { std::vector<std::string> maps; Selected selected; std::string message; } cases[] = {
         {{}, {{true, true}, {true, true}, {}}, ""},
         {{"0:v", "1:v", "0:a"}, {{true, true}, {true, false}, {}}, ""},
         {{"0:2", "1:0", "1:v"}, {{false, true}, {true, false}, {}}, ""},
