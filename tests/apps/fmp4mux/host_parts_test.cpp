@@ -74,12 +74,6 @@ ParseResult parse(std::vector<std::string> args, Options& options, std::string& 
     return parseOptions(static_cast<int>(argv.size()), argv.data(), options, error);
 }
 
-std::string joined(const std::vector<std::string>& args) {
-    std::string out;
-    for (const auto& a : args) out += a + " ";
-    return out;
-}
-
 // What a command line sets, in one line: format, mode, -g, -n, verbosity, quiet, first number, audio segment
 // duration, stream settings (bitrate/language/name), maps (as written = input:stream or kind), inputs, output.
 std::string summary(const Options& o) {
@@ -111,7 +105,7 @@ TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
          "dash m0 g2000 n1 v1 first1 map 0:v=0:video map 1:0=1:0 map 2:a=2:audio <a <b <c >out"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(joined(c.args));
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         Options o;
         std::string e;
         ASSERT_EQ(parse(c.args, o, e), ParseResult::Run) << e;
@@ -155,7 +149,7 @@ TEST(Options, RefusedCommandLinesSayWhy) {
          "media template '${sessionId}/${time}': '${adaptationSetId}' is mandatory"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(joined(c.args));
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         Options o;
         std::string e;
         EXPECT_EQ(parse(c.args, o, e), ParseResult::Error);
@@ -193,7 +187,7 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
         std::vector<std::string> args;
         for (const auto& m : c.maps) args.insert(args.end(), {"--map", m});
         args.insert(args.end(), {"a", "b", "c", "out"});
-        SCOPED_TRACE(joined(args));
+        SCOPED_TRACE(::testing::PrintToString(args));
         Options o;
         std::string e;
         ASSERT_EQ(parse(args, o, e), ParseResult::Run) << e;
