@@ -1,9 +1,12 @@
+// The host's own parts: its command line, its manifests, raw AAC packets of MP4 inputs, and the keeper that takes
+// timestamp jumps out of inputs.
 #include <gtest/gtest.h>
 
 #include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "tests/common/bytes.h"
 
@@ -203,6 +206,76 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
 TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
     const std::uint8_t frame[3] = {0xAA, 0xBB, 0xCC};
     // Marker, whole size 20 + 2 + 3, 128000 bit/s, 16 configuration bits, the configuration, the frame's size and bytes.
-    EXPECT_EQ(makeRawAacPacket({0x11, 0x90}, 128000, frame, 3), testkit::hex("FFFAFAFA 00000019 0001F400 00000010 1190 00000003 AABBCC"));
+    EXPECT_EQ(makeRawAacPacket({0x11, 0x90}, 128000, frame, 3),
+              testkit::hex("FFFAFAFA 00000019 0001F400 00000010 1190 00000003 AABBCC"));
 }
+
+// Timestamp jumps taken out of inputs: packets fed in order, with the times (ms here) they must come out at.
+constexpr long long kDropped = -1;
+
+struct Fed {
+    int input, stream;
+    bool video, key;
+    long long raw;       // decode time in, ms
+    long long expected;  // decode time out, ms, or kDropped
+};
+
+struct JumpCase {
+    std::string name;
+    std::vector<Fed> packets;
+    std::size_t jumpsLogged;
+};
+
+class TimelineKeeperTable : public ::testing::TestWithParam<JumpCase> {};
+
+TEST_P(TimelineKeeperTable, PlacesEveryPacket) {
+    std::vector<std::string> lines;
+    TimelineKeeper keeper(4000 * 10000LL, [&](const std::string& line) { lines.push_back(line); });
+    std::uint64_t dropped = 0;
+    for (const Fed& p : GetParam().packets) {
+        std::optional<std::int64_t> dts = p.raw * 10000, pts = (p.raw + 80) * 10000;
+        const bool kept = keeper.place(p.input, p.stream, p.video, p.key, pts, dts, 0);
+        SCOPED_TRACE("packet " + std::to_string(p.input) + ":" + std::to_string(p.stream) + " at " + std::to_string(p.raw));
+        if (p.expected == kDropped) {
+            EXPECT_FALSE(kept);
+            ++dropped;
+            continue;
+        }
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(*dts, p.expected * 10000);
+        EXPECT_EQ(*pts, (p.expected + 80) * 10000);  // presentation times move with the same offset
+    }
+    EXPECT_EQ(keeper.dropped(), dropped);
+    EXPECT_EQ(lines.size(), GetParam().jumpsLogged);
+    for (const auto& line : lines) EXPECT_NE(line.find("timestamps jump by"), std::string::npos) << line;
+}
+
+const Fed V(int input, long long raw, long long expected, bool key = true) { return {input, 0, true, key, raw, expected}; }
+const Fed A(int input, long long raw, long long expected) { return {input, 1, false, true, raw, expected}; }
+
+INSTANTIATE_TEST_SUITE_P(
+    Jumps, TimelineKeeperTable,
+    ::testing::Values(
+        JumpCase{"ForwardJumpContinuesWhereTheNextPacketWasDue",
+             {V(0, 0, 0), V(0, 40, 40), V(0, 80, 80), V(0, 5000080, 120), V(0, 5000120, 160)}, 1},
+        JumpCase{"BackwardJumpContinuesWhereTheNextPacketWasDue",
+             {V(0, 10000, 10000), V(0, 10040, 10040), V(0, 0, 10080), V(0, 40, 10120)}, 1},
+        JumpCase{"GapBelowTheBoundIsKept", {V(0, 0, 0), V(0, 40, 40), V(0, 3040, 3040), V(0, 3080, 3080)}, 0},
+        JumpCase{"AudioAndVideoOfOneInputTakeOneOffset",
+             {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 21, 21), A(0, 42, 42), V(0, 80, 80), A(0, 63, 63),
+              A(0, 84, 84), A(0, 5000105, 105), V(0, 5000120, 120), A(0, 5000126, 126)},
+             1},
+        JumpCase{"RenditionsThatJumpTogetherStayAligned",
+             // input 1 lost its packet at 80 just before the jump: it still lands where input 0 does
+             {V(0, 0, 0), V(1, 0, 0), V(0, 40, 40), V(1, 40, 40), V(0, 80, 80), V(0, 5000120, 120),
+              V(1, 5000120, 120), V(1, 5000160, 160)},
+             2},
+        JumpCase{"RenditionThatDoesNotJumpKeepsItsTimes",
+             {V(0, 0, 0), V(1, 0, 0), V(0, 40, 40), V(1, 40, 40), V(0, 5000080, 80), V(1, 80, 80), V(1, 120, 120)}, 1},
+        JumpCase{"WhatTheCommonOffsetPutsBehindIsDroppedAndVideoWaitsForAKeyFrame",
+             {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 42, 42), V(0, 80, 80), A(0, 84, 84), A(0, 5000126, 126),
+              V(0, 5000070, kDropped), V(0, 5000110, kDropped, false), V(0, 5000150, 150), V(0, 5000190, 190, false)},
+             1}),
+    [](const auto& test) { return test.param.name; });
+
 }  // namespace

@@ -63,14 +63,12 @@ TEST(ParallelProcessor, RunsAllJobsAndJoinsTheirFailures) {
     tvrn::concurrency::WinParallelProcessor processor;
     std::atomic<int> ran{0};
     processor.submit([&] { ran++; });
-    processor.submit([&] {
-        ran++;
-        throw CorvaneException("first");
-    });
-    processor.submit([&] {
-        ran++;
-        throw CorvaneException("second");
-    });
+    for (const char* failure : {"first", "second"}) {
+        processor.submit([&ran, failure] {
+            ran++;
+            throw CorvaneException(failure);
+        });
+    }
     EXPECT_EQ(testkit::failureOf<CorvaneException>([&] { processor.waitAll(); }), "first, second");
     EXPECT_EQ(ran.load(), 3);
     processor.submit([&] { ran++; });
