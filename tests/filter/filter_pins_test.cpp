@@ -165,21 +165,18 @@ struct OutputFixture {
     RecordingSink sink;
     FilterHolder filter;
 
-    explicit OutputFixture(long maxBuffers)
-        : sink(maxBuffers), filter(CMuxFmp4Filter::Create(parts())) {
+    explicit OutputFixture(long maxBuffers) : sink(maxBuffers) {
+        fmp4::Fmp4MuxParts parts;
+        parts.makeChunksBuilder = [this](const fmp4::ChunksBuilderParams&) {
+            return std::make_unique<testkit::FakeChunksBuilder>(chunks);
+        };
+        filter.reset(CMuxFmp4Filter::Create(parts));
         filter->SetLogger(&logger);
         filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
         EXPECT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);
         EXPECT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
         filter->Pause();
         EXPECT_TRUE(waitForWorker(filter.get(), fmp4::Running));
-    }
-    fmp4::Fmp4MuxParts parts() {
-        fmp4::Fmp4MuxParts p;
-        p.makeChunksBuilder = [this](const fmp4::ChunksBuilderParams&) {
-            return std::make_unique<testkit::FakeChunksBuilder>(chunks);
-        };
-        return p;
     }
     fmp4::IOutputFmp4& output() { return *chunks.outputs.at(0).output; }
 };

@@ -89,25 +89,20 @@ TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     flt::MemAllocator::Properties actual;
     allocator.SetProperties({100, 8192, 1, 0}, actual);
     const auto feed = [&](const Bytes& bytes, bool init, std::int64_t time) { send(sink, allocator, bytes, init, time); };
-    const Bytes init = initChunk("<?xml?>", 9000);
+    const Bytes init = initChunk("<?xml?>", 9000), chunk = dashChunk(0, 100, 20000);
     feed(init, true, 0);
-    ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
-    EXPECT_EQ(inits[0], init);
-
-    const Bytes chunk = dashChunk(0, 100, 20000);
+    EXPECT_EQ(inits, std::vector<Bytes>{init});  // complete without waiting for what follows
     feed(chunk, false, 100);
-    ASSERT_EQ(media.size(), 1u);  // the end-of-segment box closes it
-    EXPECT_EQ(media[0], chunk);
-    // A chunk without a closing box is completed by the next one, and the last by the end of the stream.
+    EXPECT_EQ(media, std::vector<Bytes>{chunk});  // the end-of-segment box closes it
+    // A chunk without a closing box is completed by the next one, and the last by the end of the stream; the room
+    // of the previous chunk is reused, and nothing of it is left.
     const Bytes open = cat({box("moof"), box("mdat", {3}), box("teoc")});
     feed(open, false, 200);
     EXPECT_EQ(media.size(), 1u);
     feed(open, false, 300);
-    ASSERT_EQ(media.size(), 2u);
-    EXPECT_EQ(media[1], open);  // the room of the previous chunk is reused, and nothing of it is left
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, open}));
     sink.EndOfStream();
-    ASSERT_EQ(media.size(), 3u);
-    EXPECT_EQ(media[2], open);
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, open, open}));
     EXPECT_TRUE(sink.ended());
 }
 
