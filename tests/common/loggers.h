@@ -22,11 +22,7 @@ public:
         std::lock_guard lock(m_mutex);
         m_entries.push_back({level, buffer, format});
     }
-    struct Entry {
-        tvrn::log::LOGLEVEL level;
-        std::string text;
-        std::string format;
-    };
+    struct Entry { tvrn::log::LOGLEVEL level; std::string text, format; };
     std::vector<Entry> entries() const {
         std::lock_guard lock(m_mutex);
         return m_entries;

@@ -30,12 +30,7 @@ std::vector<testkit::WrittenChunk> joinChunks(const std::vector<RecordingSink::R
 }
 
 // One input buffer: its bytes, its presentation time and, for video, its decoding time (100 ns).
-struct Unit {
-    const std::uint8_t* bytes;
-    std::size_t size;
-    REFERENCE_TIME pts;
-    std::optional<REFERENCE_TIME> dts;
-};
+struct Unit { const std::uint8_t* bytes; std::size_t size; REFERENCE_TIME pts; std::optional<REFERENCE_TIME> dts; };
 
 // The H.264 fixture's access units (input 0) and the AAC fixture's frames (input 1).
 using Inputs = std::array<std::vector<Unit>, 2>;
@@ -43,7 +38,8 @@ Inputs loadInputs(const testkit::Fixture& video, const testkit::AudioFixture& au
     Inputs inputs;
     std::size_t offset = 0;
     for (const testkit::Packet& p : video.packets) {
-        inputs[0].push_back({video.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts)});
+        inputs[0].push_back(
+            {video.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts)});
         offset += p.size;
     }
     offset = 0;

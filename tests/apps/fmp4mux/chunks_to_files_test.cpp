@@ -32,8 +32,8 @@ Bytes box(const std::string& type, const Bytes& content = {}) {
 // An init chunk: its container (the sizes of the movie part and of the index), the movie part (ftyp, the manifest
 // box holding `xml` after its uuid, a moov of `moovSize` bytes), then the index (an empty mfra).
 Bytes initChunk(const std::string& xml, std::size_t moovSize = 0) {
-    const Bytes movie = cat({box("ftyp", hex("'dash' 00000000")), box("uuid", cat({Bytes(16, 0), Bytes(xml.begin(), xml.end())})),
-                             box("moov", Bytes(moovSize, 1))});
+    const Bytes movie = cat({box("ftyp", hex("'dash' 00000000")),
+                             box("uuid", cat({Bytes(16, 0), Bytes(xml.begin(), xml.end())})), box("moov", Bytes(moovSize, 1))});
     const Bytes index = box("mfra");
     return cat({u32(movie.size()), u32(index.size()), movie, index});
 }

@@ -17,10 +17,8 @@ namespace fs = std::filesystem;
 using Timeline = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // (start, duration) of each segment
 constexpr auto npos = std::string::npos;
 
-struct Outcome {
-    int exitCode = -1;
-    std::string output;  // standard output and error
-};
+// A command's exit code, and its standard output and error.
+struct Outcome { int exitCode = -1; std::string output; };
 
 Outcome sh(const std::string& command) {
     int status = -1;
@@ -50,11 +48,7 @@ std::size_t count(const std::string& text, const std::string& needle) {
 }
 
 // An input file: its name, the shell command that writes it (its path appended), and the inputs that command reads.
-struct Source {
-    std::string name;
-    std::string command;
-    std::vector<Source> from;
-};
+struct Source { std::string name, command; std::vector<Source> from; };
 
 fs::path path(const Source& source) { return dir() / source.name; }
 std::string ffmpeg(const std::string& args) { return "ffmpeg -hide_banner -loglevel error -nostdin -y " + args; }
@@ -68,7 +62,8 @@ Source testPictures(const std::string& name, const std::string& size, const std:
     args += " -t 6 -map 0:v -b:v " + bitrate;
     if (!audio.empty()) args += " -map 1:a -c:a " + audio + " -ac 2";
     if (name.starts_with("hevc"))
-        return {name, ffmpeg(args + " -c:v libx265 -x265-params log-level=error:keyint=50:min-keyint=50:scenecut=0:bframes=2:open-gop=0"), {}};
+        return {name, ffmpeg(args + " -c:v libx265 -x265-params log-level=error:keyint=50:min-keyint=50:scenecut=0:"
+                                    "bframes=2:open-gop=0"), {}};
     return {name, ffmpeg(args + " -c:v libx264 -g 50 -keyint_min 50 -sc_threshold 0 -bf 2"), {}};
 }
 
@@ -97,7 +92,8 @@ const Source kTwoPrograms{"two-programs.ts",
 // (an encoder restarted).
 const Source kLater{"later.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 5000 -f mpegts"), {kH264}};
 const Source kJumpForward{"jump-forward.ts", "cat " + q(path(kH264)) + " " + q(path(kLater)) + " >", {kH264, kLater}};
-const Source kLaterStill{"later-still.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 100 -f mpegts"), {kH264}};
+const Source kLaterStill{"later-still.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 100 -f mpegts"),
+                         {kH264}};
 const Source kJumpBack{"jump-back.ts", "cat " + q(path(kLaterStill)) + " " + q(path(kH264)) + " >", {kH264, kLaterStill}};
 
 // Makes a file, and the files it is made from, once per name.
@@ -160,7 +156,8 @@ std::vector<fs::path> qualityLevel(const fs::path& out, const std::string& track
     std::regex_search(manifest, m, std::regex("<StreamIndex Type=\"" + track.substr(0, colon) + "\"[\\s\\S]*?</StreamIndex>"));
     const std::string index = m.empty() ? "" : m[0].str();
     if (!std::regex_search(index, url, std::regex("Url=\"([^\"]+)\"")) ||
-        !std::regex_search(index, bitrate, std::regex("QualityLevel Index=\"" + track.substr(colon + 1) + "\" Bitrate=\"(\\d+)\""))) {
+        !std::regex_search(index, bitrate,
+                           std::regex("QualityLevel Index=\"" + track.substr(colon + 1) + "\" Bitrate=\"(\\d+)\""))) {
         ADD_FAILURE() << "no URL or quality level for " << track << " in " << manifest;
         return {};
     }
@@ -205,14 +202,6 @@ long decodedAudio(const fs::path& file) {
     const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -y -xerror -i " + q(file) +
                          " -map 0:a:0 -ac 1 -f s16le " + q(pcm));
     return r.exitCode == 0 ? static_cast<long>(fs::file_size(pcm) / 2) : -1;
-}
-
-// The source's audio within one AAC frame per stretch of it: the frame before each stretch's first video key
-// frame has no segment.
-void expectAudioOf(const fs::path& joined, const fs::path& source, long stretches) {
-    const long got = decodedAudio(joined), want = decodedAudio(source);
-    EXPECT_GT(got, 0);
-    EXPECT_LE(std::labs(got - want), 1024 * stretches) << got << " samples against " << want;
 }
 
 void expectValidMpd(const fs::path& out) {
@@ -269,7 +258,12 @@ TEST_P(Packages, EveryTrackDecodesWithItsSourcesPicturesAndSamples) {
         for (std::size_t k = 0; k < timeline.size() && k < first.size(); ++k)
             EXPECT_EQ(timeline[k].first, first[k].first) << "segment " << k;
     }
-    if (!p.audio.empty()) expectAudioOf(joinTrack(out, p.audio), made(p.inputs[0]), 1 + static_cast<long>(jumps));
+    if (p.audio.empty()) return;
+    // The source's audio within one AAC frame per stretch between timestamp jumps: the frame before each stretch's
+    // first video key frame has no segment.
+    const long audio = decodedAudio(joinTrack(out, p.audio)), want = decodedAudio(made(p.inputs[0]));
+    EXPECT_GT(audio, 0);
+    EXPECT_LE(std::labs(audio - want), 1024 * (1 + static_cast<long>(jumps))) << audio << " samples against " << want;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -295,7 +289,8 @@ INSTANTIATE_TEST_SUITE_P(
         // An unsupported codec is named and its stream skipped; the rest is packaged.
         Packaging{"DashSkipsMp2Audio", {kVideoAndMp2}, "", {{"video0", kVideoAndMp2}}, "", "'mp2'", 2},
         // Under the default options the input's GOP duration is measured, and segments follow it.
-        Packaging{"DashOfFourSecondGops", {kGop4}, "", {{"video0", kGop4}}, "", "key frames every 4000 ms: GOP duration 4000 ms", 4},
+        Packaging{"DashOfFourSecondGops", {kGop4}, "", {{"video0", kGop4}}, "",
+                  "key frames every 4000 ms: GOP duration 4000 ms", 4},
         // A TS of two programs packages one: the first by default, or the one --program names; it says which.
         Packaging{"DashFirstProgram", {kTwoPrograms}, "", {{"video0", kH264}}, "audio1", "of programs 1, 2", 2},
         Packaging{"DashProgramTwo", {kTwoPrograms}, "--program 2", {{"video0", kHigh}}, "", "of programs 1, 2", 2},
@@ -361,7 +356,8 @@ TEST(Fmp4muxEndToEnd, AHangUpOrTheOutputFolderRemovedDuringTheRun) {
         const std::string script = R"(mkfifo "$3.progress" && { "$1" --realtime "$2" "$3" 2>"$3.progress" & pid=$!;
             cr=$(printf "\r"); { while IFS= read -r -d "$cr" line && [[ $line != *"| "[1-9]*" chunks"* ]]; do :; done; )" +
                                    c.action + R"(; cat; } <"$3.progress"; wait $pid; })";
-        const Outcome r = sh("bash -c '" + script + "' fmp4mux " + std::string(FMP4MUX_PATH) + " " + q(made(kH264)) + " " + q(out));
+        const Outcome r =
+            sh("bash -c '" + script + "' fmp4mux " + std::string(FMP4MUX_PATH) + " " + q(made(kH264)) + " " + q(out));
         EXPECT_EQ(r.exitCode, c.exitCode) << r.output;
         EXPECT_NE(r.output.find(c.message), npos) << r.output;
         if (c.exitCode != 0) continue;

@@ -86,7 +86,8 @@ std::string summary(const Options& o) {
     if (o.audioSegmentDurationMs) s << " audio" << *o.audioSegmentDurationMs;
     for (const auto& [key, st] : o.streams)
         s << " " << key << "=" << st.bitrate.value_or(0) << "/" << st.language.value_or("") << "/" << st.name.value_or("");
-    for (const auto& m : o.maps) s << " map " << m.text << "=" << m.input << ":" << (m.stream ? std::to_string(*m.stream) : m.kind);
+    for (const auto& m : o.maps)
+        s << " map " << m.text << "=" << m.input << ":" << (m.stream ? std::to_string(*m.stream) : m.kind);
     for (const auto& i : o.inputs) s << " <" << i;
     return s.str() + " >" + o.outputDirectory;
 }
@@ -95,7 +96,8 @@ TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
     const struct { std::vector<std::string> args; std::string options; } cases[] = {
         {{"a.ts", "out"}, "dash m0 g2000 n1 v1 first1 <a.ts >out"},
         // Options may come between the positional arguments; the last of a repeated option wins.
-        {{"-f", "smooth", "a.ts", "-n", "3", "b.ts", "-g", "1000", "-g", "1500", "out"}, "smooth m0 g1500 n3 v1 first1 <a.ts <b.ts >out"},
+        {{"-f", "smooth", "a.ts", "-n", "3", "b.ts", "-g", "1000", "-g", "1500", "out"},
+         "smooth m0 g1500 n3 v1 first1 <a.ts <b.ts >out"},
         {{"-g3000", "-vv", "-q", "a", "out"}, "dash m0 g3000 n1 v3 q first1 <a >out"},
         // Numbers are decimal, even with a leading 0.
         {{"--gop-duration=0100", "--mode=separate-audio", "--audio-segment-duration=1920", "--first-number=0", "a", "out"},
