@@ -47,7 +47,7 @@ Bytes dashChunk(std::uint32_t time, std::uint32_t duration, std::size_t mdatSize
                 box("teoc", Bytes(12, 0)), box("teos", Bytes(12, 0))});
 }
 
-// The DASH time and the movie part are read in the presentation tests below; here Smooth's time box, and chunks
+// The DASH time and the movie part are read in the presentation test below; here Smooth's time box, and chunks
 // cut short.
 TEST(ChunkReader, SmoothTimesAndChunksCutShort) {
     // uuid 6D1D9B05-42D5-44E6-80E2-141DAFF757B2, version 1, time and duration in 64 bits.
