@@ -1,5 +1,6 @@
 #pragma once
 // A logger that keeps every message, with its level, its text and its format; safe from any thread.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -21,11 +22,7 @@ public:
         std::lock_guard lock(m_mutex);
         m_entries.push_back({level, buffer, format});
     }
-    struct Entry {
-        tvrn::log::LOGLEVEL level;
-        std::string text;
-        std::string format;
-    };
+    struct Entry { tvrn::log::LOGLEVEL level; std::string text, format; };
     std::vector<Entry> entries() const {
         std::lock_guard lock(m_mutex);
         return m_entries;
@@ -37,9 +34,8 @@ public:
         return out;
     }
     bool contains(const std::string& line) const {
-        for (const std::string& l : lines())
-            if (l == line) return true;
-        return false;
+        const std::vector<std::string> all = lines();
+        return std::find(all.begin(), all.end(), line) != all.end();
     }
 
 private:

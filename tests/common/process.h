@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,13 +29,9 @@ inline std::string run(const std::string& command, int* status = nullptr) {
 // The non-empty lines of a text.
 inline std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
-    std::size_t from = 0;
-    while (from < text.size()) {
-        std::size_t end = text.find('\n', from);
-        if (end == std::string::npos) end = text.size();
-        if (end > from) out.push_back(text.substr(from, end - from));
-        from = end + 1;
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty()) out.push_back(line);
     return out;
 }
 

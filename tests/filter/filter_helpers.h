@@ -1,5 +1,6 @@
 #pragma once
 // A host's side of the filter in tests: upstream samples and a downstream sink that keeps what it gets.
+#include <memory>
 #include <vector>
 
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
@@ -23,11 +24,8 @@ class RecordingSink : public IMediaSampleSink {
 public:
     struct Received {
         std::vector<std::uint8_t> bytes;
-        bool sync = false;
-        bool discontinuity = false;
-        bool hasTime = false;
+        bool sync = false, discontinuity = false, hasTime = false, hasDataId = false;
         REFERENCE_TIME start = 0;
-        bool hasDataId = false;
         std::uint64_t dataId = 0;
     };
     explicit RecordingSink(long maxBuffers = 0x7FFFFFFF) : m_allocator(maxBuffers) {}
@@ -76,11 +74,6 @@ inline bool waitForWorker(CMuxFmp4Filter* filter, fmp4::WorkerState state) {
 }
 
 // Releases a filter at the end of a scope.
-struct FilterHolder {
-    explicit FilterHolder(CMuxFmp4Filter* f) : filter(f) {}
-    ~FilterHolder() { filter->Release(); }
-    CMuxFmp4Filter* operator->() const { return filter; }
-    CMuxFmp4Filter* filter;
-};
+using FilterHolder = std::unique_ptr<CMuxFmp4Filter, decltype([](CMuxFmp4Filter* filter) { filter->Release(); })>;
 
 }  // namespace filter_test

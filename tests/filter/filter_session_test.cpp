@@ -2,6 +2,7 @@
 // again, destroy; and what leaves the outputs compared with what the session's chunk builder writes.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <optional>
 #include <thread>
 
@@ -28,83 +29,76 @@ std::vector<testkit::WrittenChunk> joinChunks(const std::vector<RecordingSink::R
     return chunks;
 }
 
-// One buffer as a filter sample, with its presentation time and, for video, its decoding time.
-void receive(MuxFmp4InputPin& pin, const std::uint8_t* bytes, std::size_t size, REFERENCE_TIME pts,
-             std::optional<REFERENCE_TIME> dts = std::nullopt) {
-    auto sample = COOBMediaSample::create(size);
-    std::uint8_t* data = nullptr;
-    sample->GetPointer(&data);
-    std::memcpy(data, bytes, size);
-    sample->SetTime(&pts, nullptr);
-    if (dts) sample->SetMediaTime(&*dts, &*dts);
-    ASSERT_EQ(pin.Receive(sample.get()), S_OK);
-}
+// One input buffer: its bytes, its presentation time and, for video, its decoding time (100 ns).
+struct Unit { const std::uint8_t* bytes; std::size_t size; REFERENCE_TIME pts; std::optional<REFERENCE_TIME> dts; };
 
-// The AAC fixture's frames with their times in 100 ns.
-struct AudioInput {
-    std::vector<testkit::Bytes> frames;
-    std::vector<REFERENCE_TIME> times;
-};
-AudioInput loadAudio() {
-    const auto fixture = testkit::loadAudioFixture("aac_lc_stereo_48k.adts");
-    AudioInput input;
-    input.frames = testkit::packetBytes(fixture);
-    for (const auto& p : fixture.packets) input.times.push_back(p.pts * 10000000 / testkit::kProbeTimeBase);
-    return input;
-}
-
-// Each input in order from a streaming thread, then its end of stream.
-void pushFixture(MuxFmp4InputPin& pin, const testkit::Fixture& fixture) {
+// The H.264 fixture's access units (input 0) and the AAC fixture's frames (input 1).
+using Inputs = std::array<std::vector<Unit>, 2>;
+Inputs loadInputs(const testkit::Fixture& video, const testkit::AudioFixture& audio) {
+    Inputs inputs;
     std::size_t offset = 0;
-    for (const testkit::Packet& p : fixture.packets) {
-        receive(pin, fixture.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts));
+    for (const testkit::Packet& p : video.packets) {
+        inputs[0].push_back(
+            {video.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts)});
         offset += p.size;
+    }
+    offset = 0;
+    for (const testkit::AudioPacket& p : audio.packets) {
+        inputs[1].push_back({audio.bytes.data() + offset, p.size, testkit::probeTo100ns(p.pts), std::nullopt});
+        offset += p.size;
+    }
+    return inputs;
+}
+
+// One input in order from a streaming thread, then its end of stream.
+void push(MuxFmp4InputPin& pin, const std::vector<Unit>& units) {
+    for (const Unit& u : units) {
+        auto sample = COOBMediaSample::create(u.size);
+        std::uint8_t* data = nullptr;
+        sample->GetPointer(&data);
+        std::memcpy(data, u.bytes, u.size);
+        sample->SetTime(&u.pts, nullptr);
+        if (u.dts) sample->SetMediaTime(&*u.dts, &*u.dts);
+        ASSERT_EQ(pin.Receive(sample.get()), S_OK);
     }
     pin.EndOfStream();
 }
-void pushAudio(MuxFmp4InputPin& pin, const AudioInput& audio) {
-    for (std::size_t k = 0; k < audio.frames.size(); ++k)
-        receive(pin, audio.frames[k].data(), audio.frames[k].size(), audio.times[k]);
-    pin.EndOfStream();
-}
 
-fmp4::ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t bitrate) {
-    fmp4::ElementaryStreamAttributes attributes;
-    attributes.type = type;
-    attributes.bitrate = bitrate;
-    attributes.bandwidth = static_cast<std::uint32_t>(bitrate);
-    attributes.name = "main";
-    return attributes;
-}
-
-// The same input through a session of its own, as the reference of what the filter must deliver: the chunks of
+// The same inputs through a session of its own, as the reference of what the filter must deliver: the chunks of
 // the video output, then those of the audio output.
-std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const testkit::Fixture& video,
-                                                                   const AudioInput& audio) {
+std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const Inputs& inputs) {
     testkit::RecordingLogger logger;
-    testkit::KeepingOutput videoOutput, audioOutput;
+    testkit::KeepingOutput outputs[2];
     fmp4::Fmp4Mux mux(fmp4::Dash, fmp4::Fmp4MuxConfig::fromMode(fmp4::GopSegments, 1000, 1, 0, 0), nullptr, logger,
                       false, false, false, false, true, fmp4::Fmp4MuxParts{});
-    mux.AddStream(0, attributesOf(fmp4::H264_VIDEO, 1000000));
-    mux.AddStream(1, attributesOf(fmp4::AAC_ADTS_AUDIO, 128000));
-    mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &videoOutput, 1}, fmp4::ChunkOutputSeed{"", {1}, &audioOutput, 1}});
-    for (const auto& buffer : testkit::fixtureBuffers(video, 0)) mux.ConsumeSample(0, buffer.get());
-    for (std::size_t k = 0; k < audio.frames.size(); ++k) {
-        auto buffer = fmp4::SimpleMediaData::create(audio.frames[k].data(), audio.frames[k].size());
-        buffer->SetTime(&audio.times[k], nullptr);
-        mux.ConsumeSample(1, buffer.get());
+    const std::pair<std::uint32_t, std::int32_t> streams[] = {{fmp4::H264_VIDEO, 1000000}, {fmp4::AAC_ADTS_AUDIO, 128000}};
+    for (std::uint32_t s = 0; s < 2; ++s) {
+        fmp4::ElementaryStreamAttributes attributes;
+        std::tie(attributes.type, attributes.bitrate) = streams[s];
+        attributes.bandwidth = static_cast<std::uint32_t>(attributes.bitrate);
+        attributes.name = "main";
+        mux.AddStream(s, attributes);
+    }
+    mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &outputs[0], 1}, fmp4::ChunkOutputSeed{"", {1}, &outputs[1], 1}});
+    for (std::uint32_t s = 0; s < 2; ++s) {
+        for (const Unit& u : inputs[s]) {
+            auto buffer = fmp4::SimpleMediaData::create(u.bytes, u.size);
+            buffer->SetTime(&u.pts, nullptr);
+            if (u.dts) buffer->SetMediaTime(&*u.dts, nullptr);
+            mux.ConsumeSample(s, buffer.get());
+        }
     }
     mux.ConsumeEndOfStream(0);
     mux.ConsumeEndOfStream(1);
-    EXPECT_TRUE(videoOutput.waitForEnd());
-    EXPECT_TRUE(audioOutput.waitForEnd());
-    return {videoOutput.chunks(), audioOutput.chunks()};
+    EXPECT_TRUE(outputs[0].waitForEnd() && outputs[1].waitForEnd());
+    return {outputs[0].chunks(), outputs[1].chunks()};
 }
 
 TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     const testkit::Fixture video = testkit::loadFixture("h264_plain");
-    const AudioInput audio = loadAudio();
-    const auto expected = referenceChunks(video, audio);
+    const testkit::AudioFixture audio = testkit::loadAudioFixture("aac_lc_stereo_48k.adts");
+    const Inputs inputs = loadInputs(video, audio);
+    const auto expected = referenceChunks(inputs);
     ASSERT_GT(expected[0].size(), 2u);
     ASSERT_GT(expected[1].size(), 2u);
 
@@ -125,15 +119,15 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     for (int session = 1; session <= 2; ++session) {
         ASSERT_EQ(filter->Pause(), S_OK);
         ASSERT_EQ(filter->Run(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Running));
+        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
         // Each input on a streaming thread of its own, as a graph delivers them.
-        std::thread videoThread([&] { pushFixture(*videoPin, video); });
-        std::thread audioThread([&] { pushAudio(*audioPin, audio); });
+        std::thread videoThread([&] { push(*videoPin, inputs[0]); });
+        std::thread audioThread([&] { push(*audioPin, inputs[1]); });
         videoThread.join();
         audioThread.join();
         ASSERT_TRUE(videoSink.waitForEnds(session) && audioSink.waitForEnds(session));
         ASSERT_EQ(filter->Stop(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.filter, fmp4::Idle));
+        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
 
         RecordingSink* sinks[] = {&videoSink, &audioSink};
         for (int o = 0; o < 2; ++o) {
@@ -143,14 +137,11 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
             ASSERT_EQ(got.size(), want.size() * static_cast<std::size_t>(session)) << "output " << o;
             const std::size_t base = want.size() * static_cast<std::size_t>(session - 1);
             for (std::size_t k = 0; k < want.size(); ++k) {
-                EXPECT_EQ(got[base + k].init, want[k].init) << k;
-                EXPECT_EQ(got[base + k].hasTime, want[k].hasTime) << k;
-                EXPECT_EQ(got[base + k].time, want[k].time) << k;
-                EXPECT_EQ(got[base + k].bytes, want[k].bytes)
-                    << "chunk " << k << " of output " << o << " in session " << session;
+                const testkit::WrittenChunk& g = got[base + k];
+                EXPECT_EQ(std::tie(g.init, g.hasTime, g.time), std::tie(want[k].init, want[k].hasTime, want[k].time)) << k;
+                EXPECT_EQ(g.bytes, want[k].bytes) << "chunk " << k << " of output " << o << " in session " << session;
             }
             EXPECT_TRUE(got[base].init);
-            EXPECT_FALSE(got[base].hasTime);
         }
     }
     std::uint32_t delivered = 0;

@@ -1,389 +1,401 @@
-// fmp4mux on inputs made by ffmpeg: every representation (init file + its chunk files in manifest order) must
-// decode in ffmpeg with the source's frame and audio sample counts, and every MPD must validate against the
-// MPD schema.
+// fmp4mux on inputs made by ffmpeg: every track (init file + its media files in manifest order) must decode in
+// ffmpeg with its source's picture width, frame count and audio sample count, and every MPD must validate against
+// the MPD schema.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <regex>
-#include <set>
-#include <sstream>
 #include <string>
+#include <vector>
+
+#include "tests/common/process.h"
 
 namespace {
 namespace fs = std::filesystem;
+using Timeline = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // (start, duration) of each segment
+constexpr auto npos = std::string::npos;
 
-struct Outcome {
-    int exitCode = -1;
-    std::string output;
-};
+// A command's exit code, and its standard output and error.
+struct Outcome { int exitCode = -1; std::string output; };
 
-Outcome run(const std::string& command) {
-    Outcome r;
-    std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return r;
-    char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) r.output.append(buffer, n);
-    const int status = pclose(pipe);
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+Outcome sh(const std::string& command) {
+    int status = -1;
+    std::string output = testkit::run(command + " 2>&1", &status);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::move(output)};
 }
 
-std::string quote(const std::string& s) { return "'" + s + "'"; }
+std::string q(const fs::path& path) { return "'" + path.string() + "'"; }
+std::string mux(const std::string& args) { return std::string(FMP4MUX_PATH) + " -q " + args; }
+Outcome fmp4mux(const std::string& args) { return sh(mux(args)); }
 
-class Fmp4muxEndToEnd : public ::testing::Test {
-protected:
-    static fs::path dir() {
-        static fs::path d = [] {
-            char pattern[] = "/tmp/fmp4mux-e2e-XXXXXX";
-            return fs::path(mkdtemp(pattern));
-        }();
-        return d;
-    }
-    // Makes a 6 s input with ffmpeg's test sources, GOPs of 2 s (50 frames), once per name.
-    static fs::path input(const std::string& name, const std::string& videoCodec, const std::string& size,
-                          const std::string& bitrate, bool audio = true, const std::string& format = "mpegts") {
-        const fs::path path = dir() / name;
-        if (fs::exists(path)) return path;
-        std::string cmd = "ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=" + size + ":rate=25";
-        if (audio) cmd += " -f lavfi -i sine=frequency=440:sample_rate=48000";
-        cmd += " -t 6 -map 0:v";
-        if (audio) cmd += " -map 1:a -c:a aac -b:a 96k -ac 2";
-        if (videoCodec == "hevc")
-            cmd += " -c:v libx265 -x265-params log-level=error:keyint=50:min-keyint=50:scenecut=0:bframes=2:open-gop=0 -b:v " + bitrate;
-        else
-            cmd += " -c:v libx264 -g 50 -keyint_min 50 -sc_threshold 0 -bf 2 -b:v " + bitrate;
-        cmd += " -f " + format + " " + quote(path.string());
-        const Outcome r = run(cmd);
-        EXPECT_EQ(r.exitCode, 0) << r.output;
-        return path;
-    }
-    static Outcome fmp4mux(const std::string& args) { return run(std::string(FMP4MUX_PATH) + " -q " + args); }
-
-    // Counts what ffmpeg decodes of one kind of stream of a file: frames of video, samples of audio.
-    static long decodedCount(const fs::path& file, const std::string& kind) {
-        if (kind == "video") {
-            const Outcome r = run("ffprobe -hide_banner -loglevel error -count_frames -select_streams v:0 -show_entries "
-                              "stream=nb_read_frames -of csv=p=0 " + quote(file.string()));
-            return r.exitCode == 0 ? std::stol(r.output) : -1;
-        }
-        // Decoded audio as 16-bit mono samples at the source rate: the byte count / 2 is the sample count.
-        const fs::path pcm = file.string() + ".pcm";
-        const Outcome r = run("ffmpeg -hide_banner -loglevel error -y -xerror -i " + quote(file.string()) +
-                          " -map 0:a:0 -ac 1 -f s16le " + quote(pcm.string()));
-        if (r.exitCode != 0) return -1;
-        return static_cast<long>(fs::file_size(pcm) / 2);
-    }
-
-    // Joins a DASH representation's init file and media files in timeline order.
-    static fs::path joinRepresentation(const fs::path& out, const std::string& representation, const std::string& name) {
-        std::ifstream in(out / "manifest.mpd");
-        std::stringstream text;
-        text << in.rdbuf();
-        const std::string mpd = text.str();
-        const std::regex rep("<Representation id=\"" + representation +
-                             "\"[^>]*>[\\s\\S]*?initialization=\"([^\"]+)\" media=\"([^\"]+)\"[\\s\\S]*?</SegmentTimeline>");
-        std::smatch m;
-        EXPECT_TRUE(std::regex_search(mpd, m, rep)) << mpd;
-        if (m.empty()) return {};
-        const std::string block = m[0];
-        std::string media = m[2];
-        media = std::regex_replace(media, std::regex("\\$RepresentationID\\$"), representation);
-        const fs::path joined = dir() / name;
-        std::ofstream outFile(joined, std::ios::binary);
-        auto append = [&](const fs::path& p) {
-            std::ifstream f(p, std::ios::binary);
-            EXPECT_TRUE(f.good()) << p;
-            outFile << f.rdbuf();
-        };
-        append(out / m[1].str());
-        const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
-        for (auto it = std::sregex_iterator(block.begin(), block.end(), s); it != std::sregex_iterator(); ++it) {
-            std::uint64_t t = std::stoull((*it)[1]);
-            const std::uint64_t d = std::stoull((*it)[2]);
-            const int repeat = (*it)[3].matched ? std::stoi((*it)[3]) : 0;
-            for (int k = 0; k <= repeat; ++k, t += d)
-                append(out / std::regex_replace(media, std::regex("\\$Time\\$"), std::to_string(t)));
-        }
-        return joined;
-    }
-
-    static void expectValidMpd(const fs::path& out) {
-        const Outcome r = run("xmllint --noout --schema " + quote(std::string(FMP4_SOURCE_DIR) + "/tests/data/schemas/DASH-MPD.xsd") +
-                          " " + quote((out / "manifest.mpd").string()));
-        EXPECT_EQ(r.exitCode, 0) << r.output;
-    }
-};
-
-fs::path Fmp4muxEndToEnd_dir() {
-    struct Access : Fmp4muxEndToEnd {
-        using Fmp4muxEndToEnd::dir;
-    };
-    return Access::dir();
+// The folder of every file of this program, removed when it ends.
+fs::path dir() {
+    static const testkit::TempDir folder;
+    return folder.path;
 }
-
-// Removes the working folder when the test program ends.
-class CleanUp : public ::testing::Environment {
-public:
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(FolderOwner::dir(), ignored);
-    }
-    struct FolderOwner : Fmp4muxEndToEnd {
-        using Fmp4muxEndToEnd::dir;
-    };
-};
-const auto* const g_cleanUp = ::testing::AddGlobalTestEnvironment(new CleanUp);
-
-fs::path Fmp4muxEndToEnd_dir();
 
 std::string readText(const fs::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    const std::vector<std::uint8_t> bytes = testkit::readFile(file);
+    return {bytes.begin(), bytes.end()};
 }
 
-// Each SegmentTimeline of an MPD expanded into its segments' (start, duration), in document order.
-std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> timelines(const std::string& mpd) {
-    std::vector<std::vector<std::pair<std::uint64_t, std::uint64_t>>> all;
-    const std::regex timeline("<SegmentTimeline>([\\s\\S]*?)</SegmentTimeline>");
+std::size_t count(const std::string& text, const std::string& needle) {
+    std::size_t n = 0;
+    for (auto at = text.find(needle); at != npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+// An input file: its name, the shell command that writes it (its path appended), and the inputs that command reads.
+struct Source { std::string name, command; std::vector<Source> from; };
+
+fs::path path(const Source& source) { return dir() / source.name; }
+std::string ffmpeg(const std::string& args) { return "ffmpeg -hide_banner -loglevel error -nostdin -y " + args; }
+
+// 6 s of ffmpeg's test pictures at 25 fps in GOPs of 2 s (50 frames, B-frames), with a 440 Hz tone unless
+// `audio` is empty.
+Source testPictures(const std::string& name, const std::string& size, const std::string& bitrate,
+                    const std::string& audio = "aac") {
+    std::string args = "-f lavfi -i testsrc2=size=" + size + ":rate=25";
+    if (!audio.empty()) args += " -f lavfi -i sine=frequency=440:sample_rate=48000";
+    args += " -t 6 -map 0:v -b:v " + bitrate;
+    if (!audio.empty()) args += " -map 1:a -c:a " + audio + " -ac 2";
+    if (name.starts_with("hevc"))
+        return {name, ffmpeg(args + " -c:v libx265 -x265-params log-level=error:keyint=50:min-keyint=50:scenecut=0:"
+                                    "bframes=2:open-gop=0"), {}};
+    return {name, ffmpeg(args + " -c:v libx264 -g 50 -keyint_min 50 -sc_threshold 0 -bf 2"), {}};
+}
+
+const Source kH264 = testPictures("h264.ts", "640x360", "400k");
+const Source kHevc = testPictures("hevc.ts", "640x360", "300k");
+const Source kMp4 = testPictures("h264.mp4", "640x360", "400k");
+const Source kLow = testPictures("r-low.ts", "416x234", "200k", "");
+const Source kMid = testPictures("r-mid.ts", "640x360", "500k", "");
+const Source kHigh = testPictures("r-high.ts", "960x540", "900k", "");
+const Source kLowWithAudio = testPictures("m-low.ts", "416x234", "200k");
+const Source kHighWithAudio = testPictures("m-high.ts", "960x540", "900k");
+const Source kVideoAndMp2 = testPictures("mixed.ts", "640x360", "400k", "mp2");
+const Source kMp2Only{"mp2.ts", ffmpeg("-f lavfi -i sine -t 2 -c:a mp2"), {}};
+// 12 s in GOPs of 4 s.
+const Source kGop4{"gop4.ts", ffmpeg("-f lavfi -i testsrc2=size=640x360:rate=25 -t 12 -c:v libx264 -g 100 -keyint_min 100 "
+                                     "-sc_threshold 0 -bf 2 -b:v 300k"), {}};
+// r-mid.ts 13 ms later: the TS muxer's delay moves every time by 1170 ticks of 90 kHz.
+const Source kMidLater{"r-mid-13ms.ts", ffmpeg("-i " + q(path(kMid)) + " -map 0 -c copy -muxdelay 0.7065 -f mpegts"), {kMid}};
+// h264.ts as program 1 and r-high.ts as program 2.
+const Source kTwoPrograms{"two-programs.ts",
+                          ffmpeg("-i " + q(path(kH264)) + " -i " + q(path(kHigh)) + " -map 0:v -map 0:a -map 1:v -c copy "
+                                 "-program title=A:st=0:st=1 -program title=B:st=2 -f mpegts"),
+                          {kH264, kHigh}};
+
+// h264.ts, then h264.ts with its times 5000 s later (two recordings spliced); and h264.ts 100 s later, then h264.ts
+// (an encoder restarted).
+const Source kLater{"later.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 5000 -f mpegts"), {kH264}};
+const Source kJumpForward{"jump-forward.ts", "cat " + q(path(kH264)) + " " + q(path(kLater)) + " >", {kH264, kLater}};
+const Source kLaterStill{"later-still.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 100 -f mpegts"),
+                         {kH264}};
+const Source kJumpBack{"jump-back.ts", "cat " + q(path(kLaterStill)) + " " + q(path(kH264)) + " >", {kH264, kLaterStill}};
+
+// Makes a file, and the files it is made from, once per name.
+fs::path made(const Source& source) {
+    for (const Source& s : source.from) made(s);
+    if (!fs::exists(path(source))) {
+        const Outcome r = sh(source.command + " " + q(path(source)));
+        EXPECT_EQ(r.exitCode, 0) << r.output;
+    }
+    return path(source);
+}
+
+// The segments of the <S> elements of a text, repeats expanded.
+Timeline segments(const std::string& text) {
+    Timeline list;
     const std::regex s("<S t=\"(\\d+)\" d=\"(\\d+)\"(?: r=\"(\\d+)\")?/>");
-    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), timeline); it != std::sregex_iterator(); ++it) {
-        const std::string block = (*it)[1];
-        auto& list = all.emplace_back();
-        for (auto e = std::sregex_iterator(block.begin(), block.end(), s); e != std::sregex_iterator(); ++e) {
-            std::uint64_t t = std::stoull((*e)[1]);
-            const std::uint64_t d = std::stoull((*e)[2]);
-            const int repeat = (*e)[3].matched ? std::stoi((*e)[3]) : 0;
-            for (int k = 0; k <= repeat; ++k, t += d) list.emplace_back(t, d);
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), s); it != std::sregex_iterator(); ++it) {
+        std::uint64_t t = std::stoull((*it)[1]);
+        const std::uint64_t d = std::stoull((*it)[2]);
+        const int repeat = (*it)[3].matched ? std::stoi((*it)[3]) : 0;
+        for (int k = 0; k <= repeat; ++k, t += d) list.emplace_back(t, d);
+    }
+    return list;
+}
+
+// `count` segments of about `seconds` each (at the 10 MHz timescale), each starting where the one before ended.
+void expectEvenTimeline(const Timeline& list, std::size_t count, double seconds) {
+    ASSERT_EQ(list.size(), count);
+    for (std::size_t k = 0; k < count; ++k) {
+        EXPECT_NEAR(static_cast<double>(list[k].second) / 1e7, seconds, 0.1) << "segment " << k;
+        if (k > 0) {
+            EXPECT_EQ(list[k].first, list[k - 1].first + list[k - 1].second) << "segment " << k;
         }
     }
-    return all;
 }
 
-// The source's audio, decoded, within one AAC frame: the frame before the first video key frame has no segment.
-void expectAudioSamples(long got, long source) {
-    EXPECT_GT(got, 0);
-    EXPECT_LE(std::labs(got - source), 1024) << got << " samples against " << source;
+// A DASH representation's timeline, and its files in the order a player reads them: init, then media.
+std::pair<Timeline, std::vector<fs::path>> representation(const fs::path& out, const std::string& id) {
+    const std::string mpd = readText(out / "manifest.mpd");
+    std::smatch m;
+    if (!std::regex_search(mpd, m, std::regex("<Representation id=\"" + id + "\"[^>]*>[\\s\\S]*?initialization=\"([^\"]+)\" "
+                                              "media=\"([^\"]+)\"[\\s\\S]*?</SegmentTimeline>"))) {
+        ADD_FAILURE() << "no representation " << id << " in " << mpd;
+        return {};
+    }
+    const std::string media = std::regex_replace(m[2].str(), std::regex("\\$RepresentationID\\$"), id);
+    const Timeline timeline = segments(m[0]);
+    std::vector<fs::path> files{out / m[1].str()};
+    for (const auto& [t, d] : timeline)
+        files.push_back(out / std::regex_replace(media, std::regex("\\$Time\\$"), std::to_string(t)));
+    return {timeline, files};
 }
 
-TEST_F(Fmp4muxEndToEnd, DashOfH264AndAacDecodesWithTheSourceCounts) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "dash-h264";
-    const Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    expectValidMpd(out);
-    const fs::path video = joinRepresentation(out, "video0", "dash-h264-video.mp4");
-    EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
-    const fs::path audio = joinRepresentation(out, "audio1", "dash-h264-audio.mp4");
-    expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
-}
-
-// Joins one quality level of a Smooth stream index: its init file, then its chunks in manifest order.
-fs::path joinSmooth(const fs::path& out, const std::string& type, int qualityLevel, const std::string& name) {
-    std::ifstream in(out / "Manifest");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string manifest = text.str();
-    std::smatch index;
-    EXPECT_TRUE(std::regex_search(manifest, index,
-                                  std::regex("<StreamIndex Type=\"" + type + "\"[\\s\\S]*?</StreamIndex>")))
-        << manifest;
-    if (index.empty()) return {};
-    const std::string block = index[0];
-    std::smatch url, bitrate;
-    EXPECT_TRUE(std::regex_search(block, url, std::regex("Url=\"([^\"]+)\"")));
-    EXPECT_TRUE(std::regex_search(
-        block, bitrate, std::regex("QualityLevel Index=\"" + std::to_string(qualityLevel) + "\" Bitrate=\"(\\d+)\"")));
-    if (url.empty() || bitrate.empty()) return {};
+// A Smooth quality level's files in the order a player reads them: init, then media. `track` is "video:N" or
+// "audio:N": a stream index and its quality level.
+std::vector<fs::path> qualityLevel(const fs::path& out, const std::string& track) {
+    const std::string manifest = readText(out / "Manifest");
+    const auto colon = track.find(':');
+    std::smatch m, url, bitrate;
+    std::regex_search(manifest, m, std::regex("<StreamIndex Type=\"" + track.substr(0, colon) + "\"[\\s\\S]*?</StreamIndex>"));
+    const std::string index = m.empty() ? "" : m[0].str();
+    if (!std::regex_search(index, url, std::regex("Url=\"([^\"]+)\"")) ||
+        !std::regex_search(index, bitrate,
+                           std::regex("QualityLevel Index=\"" + track.substr(colon + 1) + "\" Bitrate=\"(\\d+)\""))) {
+        ADD_FAILURE() << "no URL or quality level for " << track << " in " << manifest;
+        return {};
+    }
     const std::string pattern = std::regex_replace(url[1].str(), std::regex("\\{bitrate\\}"), bitrate[1].str());
-    const fs::path joined = Fmp4muxEndToEnd_dir() / name;
-    std::ofstream outFile(joined, std::ios::binary);
-    std::ifstream init((out / pattern).parent_path() / "smooth_init.mp4", std::ios::binary);
-    EXPECT_TRUE(init.good()) << (out / pattern).parent_path();
-    outFile << init.rdbuf();
-    const std::regex c("<c t=\"(\\d+)\" d=\"\\d+\"/>");
-    for (auto it = std::sregex_iterator(block.begin(), block.end(), c); it != std::sregex_iterator(); ++it) {
-        std::ifstream f(out / std::regex_replace(pattern, std::regex("\\{start time\\}"), (*it)[1].str()),
-                        std::ios::binary);
-        EXPECT_TRUE(f.good());
-        outFile << f.rdbuf();
+    std::vector<fs::path> files{(out / pattern).parent_path() / "smooth_init.mp4"};
+    const std::regex chunk("<c t=\"(\\d+)\" d=\"\\d+\"/>");
+    for (auto it = std::sregex_iterator(index.begin(), index.end(), chunk); it != std::sregex_iterator(); ++it)
+        files.push_back(out / std::regex_replace(pattern, std::regex("\\{start time\\}"), (*it)[1].str()));
+    return files;
+}
+
+// A track's files joined into one file that ffmpeg reads: a DASH representation, or a Smooth quality level.
+fs::path joinTrack(const fs::path& out, const std::string& track) {
+    const fs::path joined = out.string() + "-" + std::regex_replace(track, std::regex(":"), "-") + ".mp4";
+    std::ofstream file(joined, std::ios::binary);
+    for (const fs::path& part : track.find(':') == npos ? representation(out, track).second : qualityLevel(out, track)) {
+        std::ifstream in(part, std::ios::binary);
+        if (in)
+            file << in.rdbuf();
+        else
+            ADD_FAILURE() << "missing " << part;
     }
     return joined;
 }
 
-TEST_F(Fmp4muxEndToEnd, SmoothOfH264AndAacDecodesWithTheSourceCounts) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "smooth-h264";
-    const Outcome r = fmp4mux("-f smooth " + quote(source.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_EQ(decodedCount(joinSmooth(out, "video", 0, "smooth-h264-video.mp4"), "video"), decodedCount(source, "video"));
-    expectAudioSamples(decodedCount(joinSmooth(out, "audio", 0, "smooth-h264-audio.mp4"), "audio"),
-                       decodedCount(source, "audio"));
+// What ffmpeg decodes of a file's first video stream: its picture width and its frame count (a TS lists its
+// streams twice, in its program and alone).
+using Video = std::pair<int, long>;
+Video decodedVideo(const fs::path& file) {
+    const Outcome r = sh("ffprobe -hide_banner -loglevel error -count_frames -select_streams v:0 -show_entries "
+                         "stream=width,nb_read_frames -of csv=p=0 " + q(file));
+    std::smatch m;
+    if (r.exitCode == 0 && std::regex_search(r.output, m, std::regex("^(\\d+),(\\d+)\n")))
+        return {std::stoi(m[1]), std::stol(m[2])};
+    ADD_FAILURE() << file << ": " << r.output;
+    return {0, -1};
 }
 
-TEST_F(Fmp4muxEndToEnd, SmoothOfHevcAndAacDecodesWithTheSourceCounts) {
-    const fs::path source = input("hevc.ts", "hevc", "640x360", "300k");
-    const fs::path out = dir() / "smooth-hevc";
-    const Outcome r = fmp4mux("-f smooth " + quote(source.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_EQ(decodedCount(joinSmooth(out, "video", 0, "smooth-hevc-video.mp4"), "video"), decodedCount(source, "video"));
-    expectAudioSamples(decodedCount(joinSmooth(out, "audio", 0, "smooth-hevc-audio.mp4"), "audio"),
-                       decodedCount(source, "audio"));
+// The samples ffmpeg decodes of a file's first audio stream (as 16-bit mono, 2 bytes each), or -1.
+long decodedAudio(const fs::path& file) {
+    const fs::path pcm = file.string() + ".pcm";
+    const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -y -xerror -i " + q(file) +
+                         " -map 0:a:0 -ac 1 -f s16le " + q(pcm));
+    return r.exitCode == 0 ? static_cast<long>(fs::file_size(pcm) / 2) : -1;
 }
 
-TEST_F(Fmp4muxEndToEnd, SmoothOfThreeRenditionsHasThreeQualityLevelsThatDecode) {
-    const fs::path low = input("r-low.ts", "h264", "416x234", "200k", false);
-    const fs::path mid = input("r-mid.ts", "h264", "640x360", "500k", false);
-    const fs::path high = input("r-high.ts", "h264", "960x540", "900k", false);
-    const fs::path out = dir() / "smooth-renditions";
-    // Distinct bitrates keep the three quality levels' folders apart.
-    const Outcome r = fmp4mux("-f smooth --bitrate 0:0=200000 --bitrate 1:0=500000 --bitrate 2:0=900000 " +
-                              quote(low.string()) + " " + quote(mid.string()) + " " + quote(high.string()) + " " +
-                              quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    const fs::path sources[] = {low, mid, high};
-    for (int k = 0; k < 3; ++k)
-        EXPECT_EQ(decodedCount(joinSmooth(out, "video", k, "smooth-rendition-" + std::to_string(k) + ".mp4"), "video"),
-                  decodedCount(sources[k], "video"))
-            << k;
+void expectValidMpd(const fs::path& out) {
+    const Outcome r = sh("xmllint --noout --schema " + q(FMP4_TEST_DATA_DIR "/schemas/DASH-MPD.xsd") + " " +
+                         q(out / "manifest.mpd"));
+    EXPECT_EQ(r.exitCode, 0) << r.output;
 }
 
-TEST_F(Fmp4muxEndToEnd, DashOfHevcAndAacDecodesWithTheSourceCounts) {
-    const fs::path source = input("hevc.ts", "hevc", "640x360", "300k");
-    const fs::path out = dir() / "dash-hevc";
-    const Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
+// One run whose every track decodes whole, each video track as the source named with it, the audio track as
+// input 0's. In DASH, each video timeline covers its source in segments of `seconds`, on the cut points of the
+// first, in one adaptation set per kind.
+struct Packaging {
+    std::string name;
+    std::vector<Source> inputs;
+    std::string args;
+    std::vector<std::pair<std::string, Source>> videos;
+    std::string audio;  // none when empty
+    std::string says;   // what fmp4mux prints once, when not empty
+    int seconds;
+};
+
+void PrintTo(const Packaging& p, std::ostream* os) { *os << p.name; }
+
+class Packages : public ::testing::TestWithParam<Packaging> {};
+
+TEST_P(Packages, EveryTrackDecodesWithItsSourcesPicturesAndSamples) {
+    const Packaging& p = GetParam();
+    const fs::path out = dir() / p.name;
+    std::string inputs;
+    for (const Source& s : p.inputs) inputs += q(made(s)) + " ";
+    const Outcome r = fmp4mux(p.args + " " + inputs + q(out));
     ASSERT_EQ(r.exitCode, 0) << r.output;
-    expectValidMpd(out);
-    const fs::path video = joinRepresentation(out, "video0", "dash-hevc-video.mp4");
-    EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
-    const fs::path audio = joinRepresentation(out, "audio1", "dash-hevc-audio.mp4");
-    expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
+    const std::size_t jumps = count(r.output, "timestamps jump by");
+    EXPECT_TRUE(p.says.empty() || count(r.output, p.says) == 1) << "said once: " << p.says << "\n" << r.output;
+    const bool smooth = p.args.find("-f smooth") != npos;
+    const std::string manifest = readText(out / (smooth ? "Manifest" : "manifest.mpd"));
+    // Nothing is packaged but the tracks listed.
+    EXPECT_EQ(count(manifest, smooth ? "<QualityLevel " : "<Representation "), p.videos.size() + !p.audio.empty())
+        << manifest;
+    if (!smooth) {
+        expectValidMpd(out);
+        EXPECT_EQ(count(manifest, "<AdaptationSet "), 1u + !p.audio.empty()) << manifest;
+    }
+    Timeline first;
+    for (const auto& [track, source] : p.videos) {
+        SCOPED_TRACE(track);
+        const Video want = decodedVideo(made(source));
+        EXPECT_EQ(decodedVideo(joinTrack(out, track)), want);
+        if (smooth) continue;
+        // The last segment may differ by a frame between renditions: each encoder ends its last GOP its own way.
+        const Timeline timeline = representation(out, track).first;
+        expectEvenTimeline(timeline, static_cast<std::size_t>(want.second / (25 * p.seconds)), p.seconds);  // at 25 fps
+        if (first.empty()) first = timeline;
+        for (std::size_t k = 0; k < timeline.size() && k < first.size(); ++k)
+            EXPECT_EQ(timeline[k].first, first[k].first) << "segment " << k;
+    }
+    if (p.audio.empty()) return;
+    // The source's audio within one AAC frame per stretch between timestamp jumps: the frame before each stretch's
+    // first video key frame has no segment.
+    const long audio = decodedAudio(joinTrack(out, p.audio)), want = decodedAudio(made(p.inputs[0]));
+    EXPECT_GT(audio, 0);
+    EXPECT_LE(std::labs(audio - want), 1024 * (1 + static_cast<long>(jumps))) << audio << " samples against " << want;
 }
 
-TEST_F(Fmp4muxEndToEnd, Mp4InputWithRawAacAndSeparateAudioSegments) {
-    // MP4 holds H.264 in length-prefixed form and AAC as raw frames with its configuration in the header.
-    const fs::path source = input("h264.mp4", "h264", "640x360", "400k", true, "mp4");
-    const fs::path out = dir() / "dash-mp4";
-    const Outcome r = fmp4mux("-m separate-audio --audio-segment-duration 1920 " + quote(source.string()) + " " +
-                              quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    expectValidMpd(out);
-    const fs::path video = joinRepresentation(out, "video0", "dash-mp4-video.mp4");
-    EXPECT_EQ(decodedCount(video, "video"), decodedCount(source, "video"));
-    const fs::path audio = joinRepresentation(out, "audio1", "dash-mp4-audio.mp4");
-    expectAudioSamples(decodedCount(audio, "audio"), decodedCount(source, "audio"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, Packages,
+    ::testing::Values(
+        Packaging{"DashH264", {kH264}, "", {{"video0", kH264}}, "audio1", "", 2},
+        Packaging{"DashHevc", {kHevc}, "", {{"video0", kHevc}}, "audio1", "", 2},
+        // MP4 holds H.264 in length-prefixed form and AAC as raw frames with its configuration in the header.
+        Packaging{"DashMp4SeparateAudio", {kMp4}, "-m separate-audio --audio-segment-duration 1920", {{"video0", kMp4}},
+                  "audio1", "", 2},
+        // --name gives a stream its representation id; a ${bitrate} template names files by the number the MPD states.
+        Packaging{"DashNamedWithBitrateInFileNames", {kH264},
+                  "--name 0:0=hd --name 0:1=stereo "
+                  "--media-template '${sessionId}/${adaptationSetId}/${representationId}/${bitrate}_${time}.m4s'",
+                  {{"hd", kH264}}, "stereo", "", 2},
+        // Three renditions that carry the same audio: only the first input's audio is packaged.
+        Packaging{"DashMapOfThreeVideosAndOneAudio", {kLowWithAudio, kH264, kHighWithAudio},
+                  "--map 0:v --map 1:v --map 2:v --map 0:a",
+                  {{"video0", kLowWithAudio}, {"video2", kH264}, {"video3", kHighWithAudio}}, "audio1", "", 2},
+        // Renditions 13 ms apart (as separate encodes of one source are) share their cut points.
+        Packaging{"DashRenditionsAFewMillisecondsApart", {kLow, kMidLater, kHigh}, "",
+                  {{"video0", kLow}, {"video1", kMidLater}, {"video2", kHigh}}, "", "", 2},
+        // An unsupported codec is named and its stream skipped; the rest is packaged.
+        Packaging{"DashSkipsMp2Audio", {kVideoAndMp2}, "", {{"video0", kVideoAndMp2}}, "", "'mp2'", 2},
+        // Under the default options the input's GOP duration is measured, and segments follow it.
+        Packaging{"DashOfFourSecondGops", {kGop4}, "", {{"video0", kGop4}}, "",
+                  "key frames every 4000 ms: GOP duration 4000 ms", 4},
+        // A TS of two programs packages one: the first by default, or the one --program names; it says which.
+        Packaging{"DashFirstProgram", {kTwoPrograms}, "", {{"video0", kH264}}, "audio1", "of programs 1, 2", 2},
+        Packaging{"DashProgramTwo", {kTwoPrograms}, "--program 2", {{"video0", kHigh}}, "", "of programs 1, 2", 2},
+        // Timestamps that jump (two recordings spliced, an encoder restarted) give one continuous timeline.
+        Packaging{"DashTimesJumpForward", {kJumpForward}, "", {{"video0", kJumpForward}}, "audio1", "timestamps jump by", 2},
+        Packaging{"DashTimesJumpBack", {kJumpBack}, "", {{"video0", kJumpBack}}, "audio1", "timestamps jump by", 2},
+        Packaging{"SmoothH264", {kH264}, "-f smooth", {{"video:0", kH264}}, "audio:0", "", 2},
+        Packaging{"SmoothHevc", {kHevc}, "-f smooth", {{"video:0", kHevc}}, "audio:0", "", 2},
+        // Distinct bitrates keep the three quality levels' folders apart.
+        Packaging{"SmoothThreeRenditions", {kLow, kMid, kHigh},
+                  "-f smooth --bitrate 0:0=200000 --bitrate 1:0=500000 --bitrate 2:0=900000",
+                  {{"video:0", kLow}, {"video:1", kMid}, {"video:2", kHigh}}, "", "", 2}),
+    [](const auto& test) { return test.param.name; });
 
-TEST_F(Fmp4muxEndToEnd, ThreeRenditionsShareOneTimelineAndEachDecodesWhole) {
-    const fs::path low = input("r-low.ts", "h264", "416x234", "200k", false);
-    const fs::path mid = input("r-mid.ts", "h264", "640x360", "500k", false);
-    const fs::path high = input("r-high.ts", "h264", "960x540", "900k", false);
-    const fs::path out = dir() / "dash-renditions";
-    const Outcome r = fmp4mux(quote(low.string()) + " " + quote(mid.string()) + " " + quote(high.string()) + " " +
-                          quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    expectValidMpd(out);
-    const std::string mpd = readText(out / "manifest.mpd");
-    auto count = [&mpd](const std::string& needle) {
-        std::size_t n = 0;
-        for (auto at = mpd.find(needle); at != std::string::npos; at = mpd.find(needle, at + 1)) ++n;
-        return n;
+// What operators get wrong is refused before anything is written, with the exit code of its kind (2 the command
+// line, 3 the input, 4 the output folder) and a message that says what; or said, when the run can go on.
+TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
+    const std::string source = q(made(kH264));
+    const fs::path out = dir() / "refused", never = dir() / "never-made";
+    fs::create_directories(out);
+    fs::copy_file(made(kH264), out / "inside.ts", fs::copy_options::overwrite_existing);
+    const std::string to = " " + q(out);
+    const struct { std::string command; int exitCode; std::string message; } cases[] = {
+        {mux("--bitrate 0:7=100000 " + source + to), 2, "stream 0:7 named by a stream setting does not exist"},
+        {mux("--language 0:0=fra " + source + to), 2, "stream 0:0 is video, which has no language"},
+        {mux("--name 0:0=same --name 0:1=same " + source + to), 2, "two streams are named 'same'"},
+        {mux(q(out / "inside.ts") + to), 2, "is inside the output folder"},
+        {mux("--drift-detection " + source + to), 2, "--drift-detection needs a live input or --realtime"},
+        {mux("--map 0:7 " + source + to), 2, "--map 0:7 matches no stream (input 0 has streams 0 (h264 video), 1 (aac audio))"},
+        {mux("--map 0:x " + source + to), 2, "--map takes INPUT:STREAM, INPUT:v or INPUT:a, not '0:x'\nTry 'fmp4mux --help'."},
+        {mux("--init-template '${adaptationSetId}/${representationId}/${' " + source + to), 2, "unbalanced braces"},
+        {mux("--program 5 " + q(made(kTwoPrograms)) + to), 2, "input 0 has no program 5 (its programs: 1, 2)"},
+        // A second fmp4mux on a folder that one already writes to (flock holds its lock meanwhile).
+        {"flock " + q(out / ".fmp4mux.lock") + " " + mux(source + to), 4, "is in use by another fmp4mux"},
+        {mux(source + " /proc/fmp4mux-cannot-write-here"), 4, "output folder"},
+        // An input that cannot be opened, or holds nothing to package, leaves no output folder behind.
+        {mux(q(dir() / "missing.ts") + " " + q(never)), 3, "cannot open input"},
+        {mux(q(made(kMp2Only)) + " " + q(never)), 3, "no stream that can be packaged"},
+        {mux("-g 2000 " + q(made(kGop4)) + " " + q(dir() / "g2000")), 0, "has key frames every 4000 ms, but -g says 2000 ms"},
     };
-    // One adaptation set with three representations whose timelines are the same.
-    EXPECT_EQ(count("<AdaptationSet "), 1u);
-    ASSERT_EQ(count("<Representation "), 3u);
-    // Segment starts of each timeline. The last segment's length may differ by a frame between renditions, since
-    // each encoder ends its last GOP with its own frame order.
-    std::vector<std::vector<std::uint64_t>> starts;
-    for (const auto& list : timelines(mpd)) {
-        starts.emplace_back();
-        for (const auto& segment : list) starts.back().push_back(segment.first);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.command);
+        const Outcome r = sh(c.command);
+        EXPECT_EQ(r.exitCode, c.exitCode) << r.output;
+        EXPECT_NE(r.output.find(c.message), npos) << r.output;
     }
-    ASSERT_EQ(starts.size(), 3u);
-    EXPECT_EQ(starts[0].size(), 3u);
-    EXPECT_EQ(starts[0], starts[1]);
-    EXPECT_EQ(starts[1], starts[2]);
-    const fs::path sources[] = {low, mid, high};
-    for (int k = 0; k < 3; ++k) {
-        const std::string id = "video" + std::to_string(k);
-        const fs::path joined = joinRepresentation(out, id, "rendition-" + id + ".mp4");
-        EXPECT_EQ(decodedCount(joined, "video"), decodedCount(sources[k], "video")) << id;
+    EXPECT_FALSE(fs::exists(out / "manifest.mpd"));
+    EXPECT_FALSE(fs::exists(never));
+    EXPECT_EQ(sh(std::string(FMP4MUX_PATH) + " --help").exitCode, 0);
+    EXPECT_NE(sh(std::string(FMP4MUX_PATH) + " --version").output.find("fmp4mux"), npos);
+}
+
+// Once fmp4mux, reading h264.ts at its own pace, counts a chunk on its progress line (the event: no clock), a
+// shell command runs ($pid is fmp4mux's, $3 its output folder). SIGHUP (the terminal went away) finishes the run as
+// SIGINT does: the chunks under way, a static MPD, exit 0. The output folder taken away stops the run with a clear
+// error rather than a manifest of missing files.
+TEST(Fmp4muxEndToEnd, AHangUpOrTheOutputFolderRemovedDuringTheRun) {
+    const struct { std::string name, action; int exitCode; std::string message; } cases[] = {
+        {"hangup", "kill -HUP $pid", 0, "interrupted"}, {"removed", "rm -rf \"$3\"", 1, "was removed during the run"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path out = dir() / c.name;
+        const std::string script = R"(mkfifo "$3.progress" && { "$1" --realtime "$2" "$3" 2>"$3.progress" & pid=$!;
+            cr=$(printf "\r"); { while IFS= read -r -d "$cr" line && [[ $line != *"| "[1-9]*" chunks"* ]]; do :; done; )" +
+                                   c.action + R"(; cat; } <"$3.progress"; wait $pid; })";
+        const Outcome r =
+            sh("bash -c '" + script + "' fmp4mux " + std::string(FMP4MUX_PATH) + " " + q(made(kH264)) + " " + q(out));
+        EXPECT_EQ(r.exitCode, c.exitCode) << r.output;
+        EXPECT_NE(r.output.find(c.message), npos) << r.output;
+        if (c.exitCode != 0) continue;
+        expectValidMpd(out);
+        EXPECT_NE(readText(out / "manifest.mpd").find("type=\"static\""), npos);
+        EXPECT_GT(decodedVideo(joinTrack(out, "video0")).second, 0);
     }
 }
 
-TEST_F(Fmp4muxEndToEnd, MapPicksThreeVideoRenditionsAndOneSharedAudio) {
-    // Three renditions that carry the same audio: only the first input's audio is packaged.
-    const int widths[] = {416, 640, 960};
-    const fs::path sources[] = {input("m-low.ts", "h264", "416x234", "200k"), input("m-mid.ts", "h264", "640x360", "500k"),
-                                input("m-high.ts", "h264", "960x540", "900k")};
-    const std::string inputs = quote(sources[0].string()) + " " + quote(sources[1].string()) + " " +
-                               quote(sources[2].string()) + " ";
-    const fs::path out = dir() / "dash-map";
-    const Outcome r = fmp4mux("--map 0:v --map 1:v --map 2:v --map 0:a " + inputs + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    expectValidMpd(out);
-    const std::string mpd = readText(out / "manifest.mpd");
-    std::map<std::string, std::vector<std::string>> representations;  // by content type
-    const std::regex set("<AdaptationSet [^>]*contentType=\"(\\w+)\"[\\s\\S]*?</AdaptationSet>");
-    const std::regex id("<Representation id=\"([^\"]+)\"");
-    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), set); it != std::sregex_iterator(); ++it) {
-        const std::string block = (*it)[0];
-        for (auto rep = std::sregex_iterator(block.begin(), block.end(), id); rep != std::sregex_iterator(); ++rep)
-            representations[(*it)[1]].push_back((*rep)[1]);
+// A full disk (here a file size limit of 64 KB) fails the run clearly: no temporary file is left, and no manifest
+// lists a file that was not written.
+TEST(Fmp4muxEndToEnd, AFullDiskFailsClearlyAndLeavesNoManifestOfWhatWasNotWritten) {
+    const fs::path out = dir() / "full";
+    const Outcome r = sh("ulimit -f 64; " + mux(q(made(kH264)) + " " + q(out)));
+    EXPECT_EQ(r.exitCode, 1) << r.output;
+    EXPECT_NE(r.output.find("File too large"), npos) << r.output;
+    for (const auto& entry : fs::recursive_directory_iterator(out))
+        EXPECT_EQ(entry.path().filename().string().find(".tmp"), npos) << entry.path();
+    // Joining the video reports any file a manifest lists that is not there.
+    if (fs::exists(out / "manifest.mpd")) {
+        EXPECT_GT(decodedVideo(joinTrack(out, "video0")).second, 0);
     }
-    ASSERT_EQ(representations["video"].size(), 3u) << mpd;
-    ASSERT_EQ(representations["audio"].size(), 1u) << mpd;
-    std::set<int> widthsSeen;
-    for (const std::string& rep : representations["video"]) {
-        const fs::path joined = joinRepresentation(out, rep, "map-" + rep + ".mp4");
-        const Outcome probe = run("ffprobe -hide_banner -loglevel error -select_streams v:0 -show_entries stream=width "
-                                  "-of csv=p=0 " + quote(joined.string()));
-        ASSERT_EQ(probe.exitCode, 0) << probe.output;
-        const int width = std::stoi(probe.output);
-        widthsSeen.insert(width);
-        const auto k = std::find(std::begin(widths), std::end(widths), width) - std::begin(widths);
-        ASSERT_LT(k, 3) << width;
-        EXPECT_EQ(decodedCount(joined, "video"), decodedCount(sources[k], "video")) << rep;
-    }
-    EXPECT_EQ(widthsSeen, (std::set<int>{416, 640, 960}));
-    const std::string audio = representations["audio"][0];
-    expectAudioSamples(decodedCount(joinRepresentation(out, audio, "map-" + audio + ".mp4"), "audio"),
-                       decodedCount(sources[0], "audio"));
-
-    // A selector that matches nothing is named with what the input holds; a malformed one is refused at once.
-    Outcome bad = fmp4mux("--map 0:v --map 1:7 " + inputs + quote((dir() / "map-none").string()));
-    EXPECT_EQ(bad.exitCode, 2);
-    EXPECT_NE(bad.output.find("fmp4mux: --map 1:7 matches no stream (input 1 has streams 0 (h264 video), 1 (aac audio))"),
-              std::string::npos) << bad.output;
-    bad = fmp4mux("--map 0:x " + inputs + quote((dir() / "map-none").string()));
-    EXPECT_EQ(bad.exitCode, 2);
-    EXPECT_NE(bad.output.find("--map takes INPUT:STREAM, INPUT:v or INPUT:a, not '0:x'\nTry 'fmp4mux --help'."),
-              std::string::npos) << bad.output;
 }
 
 // Standard input is a live input. Fed a file three times over with its times going on (ffmpeg -stream_loop), it
 // keeps a timeline that goes forward, with no empty segment where the file starts again, and the MPD that ends
 // the run lists the segments of the time-shift window, which decode.
-TEST_F(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
+TEST(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
     const fs::path out = dir() / "looped";
-    const Outcome r = run("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + quote(source.string()) +
-                          " -map 0 -c copy -f mpegts - | " + FMP4MUX_PATH + " -q --time-shift-buffer 6 - " +
-                          quote(out.string()));
+    const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + q(made(kH264)) +
+                         " -map 0 -c copy -f mpegts - | " + mux("--time-shift-buffer 6 - " + q(out)));
     ASSERT_EQ(r.exitCode, 0) << r.output;
     expectValidMpd(out);
     const std::string mpd = readText(out / "manifest.mpd");
-    const auto lists = timelines(mpd);
-    EXPECT_EQ(lists.size(), 2u) << mpd;
-    for (const auto& list : lists) {
+    EXPECT_EQ(count(mpd, "<Representation "), 2u) << mpd;
+    for (const char* id : {"video0", "audio1"}) {
         std::uint64_t end = 0;
+        const Timeline list = representation(out, id).first;
         for (const auto& [t, d] : list) {
             // Where the file starts again ffmpeg's loop leaves the times a frame out of step, so a segment may
             // overlap the one before by a frame (40 ms, at the 10 MHz timescale), never more.
@@ -396,246 +408,6 @@ TEST_F(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
         EXPECT_GE(list.size(), 3u) << mpd;
         EXPECT_LE(list.size(), 5u) << mpd;
     }
-    EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "looped-video.mp4"), "video"), 0);
-}
-
-TEST_F(Fmp4muxEndToEnd, ClearErrorsAndExitCodes) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    Outcome r = fmp4mux(quote((dir() / "missing.ts").string()) + " " + quote((dir() / "x").string()));
-    EXPECT_EQ(r.exitCode, 3);
-    EXPECT_NE(r.output.find("cannot open input"), std::string::npos) << r.output;
-    r = fmp4mux("--media-template 'x/${time}' " + quote(source.string()) + " " + quote((dir() / "x").string()));
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.output.find("'${adaptationSetId}' is mandatory"), std::string::npos) << r.output;
-    r = fmp4mux("--init-template '${adaptationSetId}/${representationId}/${' " + quote(source.string()) + " " +
-                quote((dir() / "x").string()));
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.output.find("unbalanced braces"), std::string::npos) << r.output;
-    r = fmp4mux(quote(source.string()) + " /proc/fmp4mux-cannot-write-here");
-    EXPECT_EQ(r.exitCode, 4);
-    EXPECT_NE(r.output.find("output folder"), std::string::npos) << r.output;
-    EXPECT_EQ(run(std::string(FMP4MUX_PATH) + " --help").exitCode, 0);
-    EXPECT_NE(run(std::string(FMP4MUX_PATH) + " --version").output.find("fmp4mux"), std::string::npos);
-
-    // An unsupported codec is named and its stream skipped; the rest is packaged.
-    const fs::path mixed = dir() / "mixed.ts";
-    Outcome made = run("ffmpeg -hide_banner -loglevel error -y -i " + quote(source.string()) +
-                   " -f lavfi -i sine=sample_rate=44100 -t 6 -map 0:v -map 1:a -c:v copy -c:a mp2 " + quote(mixed.string()));
-    ASSERT_EQ(made.exitCode, 0) << made.output;
-    r = fmp4mux(quote(mixed.string()) + " " + quote((dir() / "mixed").string()));
-    EXPECT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_NE(r.output.find("'mp2'"), std::string::npos) << r.output;
-    // A file with nothing to package.
-    const fs::path audioOnly = dir() / "mp2.ts";
-    made = run("ffmpeg -hide_banner -loglevel error -y -f lavfi -i sine -t 2 -c:a mp2 " + quote(audioOnly.string()));
-    ASSERT_EQ(made.exitCode, 0);
-    r = fmp4mux(quote(audioOnly.string()) + " " + quote((dir() / "none").string()));
-    EXPECT_EQ(r.exitCode, 3) << r.output;
-}
-
-// An input whose timestamps jump (two recordings spliced, an encoder restarted) gives one continuous timeline that
-// decodes whole: the 6 s input, then the same input with its timestamps moved by the offset.
-class TimestampJumps : public Fmp4muxEndToEnd, public ::testing::WithParamInterface<std::pair<const char*, int>> {};
-
-TEST_P(TimestampJumps, TimelineStaysContinuousAndEveryFrameDecodes) {
-    const auto [name, offset] = GetParam();
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path moved = dir() / (std::string(name) + "-moved.ts"), spliced = dir() / (std::string(name) + ".ts");
-    const Outcome made = run("ffmpeg -hide_banner -loglevel error -y -i " + quote(source.string()) +
-                             " -map 0 -c copy -output_ts_offset " + std::to_string(std::abs(offset)) + " -f mpegts " +
-                             quote(moved.string()));
-    ASSERT_EQ(made.exitCode, 0) << made.output;
-    const fs::path first = offset > 0 ? source : moved, second = offset > 0 ? moved : source;
-    ASSERT_EQ(run("cat " + quote(first.string()) + " " + quote(second.string()) + " > " + quote(spliced.string())).exitCode, 0);
-
-    const fs::path out = dir() / name;
-    const Outcome r = fmp4mux(quote(spliced.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    std::size_t logged = 0;
-    for (auto at = r.output.find("timestamps jump by"); at != std::string::npos; at = r.output.find("timestamps jump by", at + 1))
-        ++logged;
-    EXPECT_EQ(logged, 1u) << r.output;
-    expectValidMpd(out);
-    // Every segment starts where the one before it ended, and lasts about the 2 s asked for (the last may be shorter).
-    for (const auto& list : timelines(readText(out / "manifest.mpd"))) {
-        ASSERT_EQ(list.size(), 6u);
-        for (std::size_t k = 0; k < list.size(); ++k) {
-            const double seconds = static_cast<double>(list[k].second) / 1e7;
-            EXPECT_TRUE(seconds > 1.9 && seconds < 2.1) << "segment " << k << " lasts " << seconds << " s";
-            if (k > 0) {
-                EXPECT_EQ(list[k].first, list[k - 1].first + list[k - 1].second) << "segment " << k;
-            }
-        }
-    }
-    EXPECT_EQ(decodedCount(joinRepresentation(out, "video0", std::string(name) + "-video.mp4"), "video"),
-              2 * decodedCount(source, "video"));
-    // Each half may lose the audio frame before its first key frame.
-    const long audio = decodedCount(joinRepresentation(out, "audio1", std::string(name) + "-audio.mp4"), "audio");
-    EXPECT_LE(std::labs(audio - 2 * decodedCount(source, "audio")), 2048) << audio;
-}
-
-INSTANTIATE_TEST_SUITE_P(Splices, TimestampJumps,
-                         ::testing::Values(std::make_pair("forward", 5000), std::make_pair("backward", -100)),
-                         [](const auto& test) { return std::string(test.param.first); });
-
-// What operators get wrong is refused with exit 2 (4 for the output folder) and a message that says what.
-TEST_F(Fmp4muxEndToEnd, OperatorMistakesAreRefusedBeforeAnythingIsWritten) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "refused";
-    fs::create_directories(out);
-    fs::copy_file(source, out / "inside.ts", fs::copy_options::overwrite_existing);
-    const struct {
-        std::string args;
-        int exitCode;
-        std::string message;
-    } cases[] = {
-        {"--bitrate 0:7=100000 " + quote(source.string()), 2, "stream 0:7 named by a stream setting does not exist"},
-        {"--language 0:0=fra " + quote(source.string()), 2, "stream 0:0 is video, which has no language"},
-        {"--name 0:0=same --name 0:1=same " + quote(source.string()), 2, "two streams are named 'same'"},
-        {quote((out / "inside.ts").string()), 2, "is inside the output folder"},
-        {"--drift-detection " + quote(source.string()), 2, "--drift-detection needs a live input or --realtime"},
-        // A second fmp4mux on a folder that one already writes to (flock holds its lock meanwhile).
-        {"", 4, "is in use by another fmp4mux"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args);
-        const Outcome r = c.args.empty()
-                              ? run("flock " + quote((out / ".fmp4mux.lock").string()) + " " + FMP4MUX_PATH + " -q " +
-                                    quote(source.string()) + " " + quote(out.string()))
-                              : fmp4mux(c.args + " " + quote(out.string()));
-        EXPECT_EQ(r.exitCode, c.exitCode) << r.output;
-        EXPECT_NE(r.output.find(c.message), std::string::npos) << r.output;
-        EXPECT_FALSE(fs::exists(out / "manifest.mpd"));
-    }
-    // An input that cannot be opened leaves no output folder behind.
-    EXPECT_EQ(fmp4mux(quote((dir() / "missing.ts").string()) + " " + quote((dir() / "never-made").string())).exitCode, 3);
-    EXPECT_FALSE(fs::exists(dir() / "never-made"));
-}
-
-// --name gives a stream its representation id, and a ${bitrate} template names files by the number the MPD states.
-TEST_F(Fmp4muxEndToEnd, NamesAndBitrateTemplatesAgreeWithTheManifest) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "named";
-    const Outcome r = fmp4mux("--name 0:0=hd --name 0:1=stereo --media-template "
-                              "'${sessionId}/${adaptationSetId}/${representationId}/${bitrate}_${time}.m4s' " +
-                              quote(source.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    expectValidMpd(out);
-    // Every segment the MPD lists is there: the whole representation decodes.
-    EXPECT_EQ(decodedCount(joinRepresentation(out, "hd", "named-video.mp4"), "video"), decodedCount(source, "video"));
-    expectAudioSamples(decodedCount(joinRepresentation(out, "stereo", "named-audio.mp4"), "audio"),
-                       decodedCount(source, "audio"));
-}
-
-// SIGHUP (the terminal went away) finishes the run as SIGINT does: the chunks under way, a static MPD, exit 0.
-TEST_F(Fmp4muxEndToEnd, HangUpFinishesTheRunCleanly) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "hangup";
-    const Outcome r = run("( " + std::string(FMP4MUX_PATH) + " -q --realtime " + quote(source.string()) + " " +
-                          quote(out.string()) + " & pid=$!; for i in $(seq 1 100); do ls " + quote(out.string()) +
-                          "/live/0/video0/chunk_* >/dev/null 2>&1 && break; sleep 0.1; done; kill -HUP $pid; wait $pid )");
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_NE(r.output.find("interrupted"), std::string::npos) << r.output;
-    expectValidMpd(out);
-    EXPECT_NE(readText(out / "manifest.mpd").find("type=\"static\""), std::string::npos);
-    EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "hangup-video.mp4"), "video"), 0);
-}
-
-// A full disk (here a file size limit of 64 KB) fails the run clearly: no temporary file is left, and no manifest
-// lists a file that was not written.
-TEST_F(Fmp4muxEndToEnd, AFullDiskFailsClearlyAndLeavesNoManifestOfWhatWasNotWritten) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "full";
-    const Outcome r = run("ulimit -f 64; " + std::string(FMP4MUX_PATH) + " -q " + quote(source.string()) + " " +
-                          quote(out.string()));
-    EXPECT_EQ(r.exitCode, 1) << r.output;
-    EXPECT_NE(r.output.find("File too large"), std::string::npos) << r.output;
-    for (const auto& entry : fs::recursive_directory_iterator(out))
-        EXPECT_EQ(entry.path().filename().string().find(".tmp"), std::string::npos) << entry.path();
-    if (fs::exists(out / "manifest.mpd")) {
-        const std::string mpd = readText(out / "manifest.mpd");
-        for (const auto& list : timelines(mpd)) EXPECT_FALSE(list.empty());
-        EXPECT_GT(decodedCount(joinRepresentation(out, "video0", "full-video.mp4"), "video"), 0);
-    }
-}
-
-// An input with 4 s GOPs under the default options: the GOP duration is measured, segments last 4 s and the
-// whole input decodes; a -g that disagrees with the input is said.
-TEST_F(Fmp4muxEndToEnd, TheInputsGopDurationIsMeasured) {
-    const fs::path source = dir() / "gop4.ts";
-    const Outcome made = run("ffmpeg -hide_banner -loglevel error -y -f lavfi -i testsrc2=size=640x360:rate=25 -t 12 "
-                             "-c:v libx264 -g 100 -keyint_min 100 -sc_threshold 0 -bf 2 -b:v 300k -f mpegts " +
-                             quote(source.string()));
-    ASSERT_EQ(made.exitCode, 0) << made.output;
-    const fs::path out = dir() / "gop4";
-    Outcome r = fmp4mux(quote(source.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_NE(r.output.find("key frames every 4000 ms: GOP duration 4000 ms"), std::string::npos) << r.output;
-    const auto lists = timelines(readText(out / "manifest.mpd"));
-    ASSERT_EQ(lists.size(), 1u);
-    ASSERT_EQ(lists[0].size(), 3u);
-    for (std::size_t k = 1; k < 3; ++k) EXPECT_EQ(lists[0][k].first, lists[0][k - 1].first + lists[0][k - 1].second);
-    EXPECT_EQ(lists[0][0].second, 40000000u);
-    EXPECT_EQ(decodedCount(joinRepresentation(out, "video0", "gop4-video.mp4"), "video"), decodedCount(source, "video"));
-    r = fmp4mux("-g 2000 " + quote(source.string()) + " " + quote((dir() / "gop4-g2000").string()));
-    EXPECT_NE(r.output.find("has key frames every 4000 ms, but -g says 2000 ms"), std::string::npos) << r.output;
-}
-
-// A TS of two programs packages one: the first by default, or the one --program names; it says which.
-TEST_F(Fmp4muxEndToEnd, OneProgramOfAMultiProgramInput) {
-    const fs::path a = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path b = input("r-high.ts", "h264", "960x540", "900k", false);
-    const fs::path two = dir() / "two-programs.ts";
-    const Outcome made = run("ffmpeg -hide_banner -loglevel error -y -i " + quote(a.string()) + " -i " + quote(b.string()) +
-                             " -map 0:v -map 0:a -map 1:v -c copy -program title=A:st=0:st=1 -program title=B:st=2 "
-                             "-f mpegts " + quote(two.string()));
-    ASSERT_EQ(made.exitCode, 0) << made.output;
-    const struct {
-        std::string option;
-        std::string width;
-        std::size_t representations;
-    } cases[] = {{"", "width=\"640\"", 2u}, {"--program 2 ", "width=\"960\"", 1u}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.option);
-        const fs::path out = dir() / ("program" + std::to_string(c.representations));
-        const Outcome r = fmp4mux(c.option + quote(two.string()) + " " + quote(out.string()));
-        ASSERT_EQ(r.exitCode, 0) << r.output;
-        EXPECT_NE(r.output.find("of programs 1, 2"), std::string::npos) << r.output;
-        const std::string mpd = readText(out / "manifest.mpd");
-        EXPECT_NE(mpd.find(c.width), std::string::npos) << mpd;
-        EXPECT_EQ(timelines(mpd).size(), c.representations) << mpd;
-    }
-    const Outcome r = fmp4mux("--program 5 " + quote(two.string()) + " " + quote((dir() / "program5").string()));
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_NE(r.output.find("input 0 has no program 5 (its programs: 1, 2)"), std::string::npos) << r.output;
-}
-
-// The output folder taken away during a run stops it with a clear error rather than a manifest of missing files.
-TEST_F(Fmp4muxEndToEnd, AnOutputFolderRemovedDuringTheRunStopsIt) {
-    const fs::path source = input("h264.ts", "h264", "640x360", "400k");
-    const fs::path out = dir() / "removed";
-    const Outcome r = run("( " + std::string(FMP4MUX_PATH) + " -q --realtime " + quote(source.string()) + " " +
-                          quote(out.string()) + " & pid=$!; for i in $(seq 1 100); do ls " + quote(out.string()) +
-                          "/live/0/video0/chunk_* >/dev/null 2>&1 && break; sleep 0.1; done; rm -rf " +
-                          quote(out.string()) + "; wait $pid )");
-    EXPECT_EQ(r.exitCode, 1) << r.output;
-    EXPECT_NE(r.output.find("was removed during the run"), std::string::npos) << r.output;
-}
-
-// Two renditions whose clocks are 13 ms apart (as separate encodes of one source are) share their cut points.
-TEST_F(Fmp4muxEndToEnd, RenditionsAFewMillisecondsApartAreAligned) {
-    const fs::path low = input("r-low.ts", "h264", "416x234", "200k", false);
-    const fs::path mid = input("r-mid.ts", "h264", "640x360", "500k", false);
-    const fs::path later = dir() / "r-mid-13ms.ts";  // the TS muxer's delay moves every time by 1170 ticks
-    ASSERT_EQ(run("ffmpeg -hide_banner -loglevel error -y -i " + quote(mid.string()) +
-                  " -map 0 -c copy -muxdelay 0.7065 -f mpegts " + quote(later.string())).exitCode, 0);
-    const fs::path out = dir() / "apart";
-    const Outcome r = fmp4mux(quote(low.string()) + " " + quote(later.string()) + " " + quote(out.string()));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    const auto lists = timelines(readText(out / "manifest.mpd"));
-    ASSERT_EQ(lists.size(), 2u);
-    ASSERT_EQ(lists[0].size(), 3u);
-    for (std::size_t k = 0; k < 3; ++k) EXPECT_EQ(lists[0][k].first, lists[1][k].first) << k;
-    EXPECT_EQ(decodedCount(joinRepresentation(out, "video1", "apart-1.mp4"), "video"), decodedCount(mid, "video"));
+    EXPECT_GT(decodedVideo(joinTrack(out, "video0")).second, 0);
 }
 }  // namespace

@@ -1,144 +1,17 @@
+// The host's own parts: its command line, its manifests, raw AAC packets of MP4 inputs, and the keeper that takes
+// timestamp jumps out of inputs.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
+#include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
-#include "apps/fmp4mux/engine/chunk_sink.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests/manifests.h"
-#include "packaging/fmp4/output/chunk_reader.h"
+#include "tests/common/bytes.h"
 
 namespace {
 using namespace fmp4mux;
-namespace flt = tvrn::encoding::filter;
-using tvrn::encoding::packaging::imff::fmp4::moviePart;
-using tvrn::encoding::packaging::imff::fmp4::readChunkTiming;
-using tvrn::encoding::packaging::imff::fmp4::serverManifest;
-using tvrn::encoding::packaging::imff::fmp4::withoutMarkerBoxes;
-
-std::vector<std::uint8_t> joined(const std::vector<std::span<const std::uint8_t>>& ranges) {
-    std::vector<std::uint8_t> out;
-    for (const auto r : ranges) out.insert(out.end(), r.begin(), r.end());
-    return out;
-}
-
-std::vector<std::uint8_t> box(const char* type, std::vector<std::uint8_t> content) {
-    const std::uint32_t size = static_cast<std::uint32_t>(content.size() + 8);
-    std::vector<std::uint8_t> out{static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
-                                  static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)};
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(type[i]));
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
-}
-
-std::vector<std::uint8_t> join(std::initializer_list<std::vector<std::uint8_t>> parts) {
-    std::vector<std::uint8_t> out;
-    for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-TEST(ChunkTiming, ReadsTheSegmentIndexOfADashChunk) {
-    // sidx version 0 (ISO/IEC 14496-12 8.16.3): version/flags, reference_ID 1, timescale 90000,
-    // earliest_presentation_time 180000, first_offset 0, reserved, reference_count 1, then one reference:
-    // type/size 0x00000400, subsegment_duration 180000, SAP flags 0x90000000.
-    const auto sidx = box("sidx", {0, 0, 0, 0, 0, 0, 0, 1, 0, 1, 0x5F, 0x90, 0, 2, 0xBF, 0x20, 0, 0, 0, 0, 0, 0, 0, 1,
-                                   0, 0, 4, 0, 0, 2, 0xBF, 0x20, 0x90, 0, 0, 0});
-    const auto chunk = join({box("styp", {'m', 's', 'd', 'h', 0, 0, 0, 0}), sidx, box("moof", {}), box("mdat", {1, 2})});
-    const auto timing = readChunkTiming(chunk, true);
-    ASSERT_TRUE(timing);
-    EXPECT_EQ(timing->timescale, 90000u);
-    EXPECT_EQ(timing->time, 180000u);
-    EXPECT_EQ(timing->duration, 180000u);
-    EXPECT_FALSE(readChunkTiming(std::span(chunk).first(chunk.size() - 3), false));
-}
-
-TEST(ChunkTiming, ReadsTheTimeBoxOfASmoothChunk) {
-    // uuid 6D1D9B05-42D5-44E6-80E2-141DAFF757B2, version 1: absolute time and duration, 64 bits each.
-    std::vector<std::uint8_t> tfxd{0x6D, 0x1D, 0x9B, 0x05, 0x42, 0xD5, 0x44, 0xE6, 0x80, 0xE2, 0x14, 0x1D, 0xAF, 0xF7,
-                                   0x57, 0xB2, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0x98, 0x96, 0x80, 0, 0, 0, 0, 0x01, 0x31, 0x2D, 0x00};
-    const auto chunk = join({box("moof", join({box("mfhd", {0, 0, 0, 0, 0, 0, 0, 1}),
-                                               box("traf", join({box("tfhd", {0, 0, 0, 0, 0, 0, 0, 1}), box("uuid", tfxd)}))})),
-                             box("mdat", {})});
-    const auto timing = readChunkTiming(chunk, false);
-    ASSERT_TRUE(timing);
-    EXPECT_EQ(timing->timescale, 10000000u);
-    EXPECT_EQ(timing->time, 10000000u);
-    EXPECT_EQ(timing->duration, 20000000u);
-}
-
-TEST(InitChunk, TheMoviePartAndItsManifestComeOutOfTheContainer) {
-    const std::string xml = "<?xml version=\"1.0\"?><smil/>";
-    std::vector<std::uint8_t> manifest(16 + 4, 0);
-    manifest.insert(manifest.end(), xml.begin(), xml.end());
-    const auto movie = join({box("ftyp", {'d', 'a', 's', 'h', 0, 0, 0, 1}), box("uuid", manifest), box("moov", {})});
-    const auto mfra = box("mfra", {});
-    const auto a = static_cast<std::uint32_t>(movie.size());
-    auto container = join({{static_cast<std::uint8_t>(a >> 24), static_cast<std::uint8_t>(a >> 16),
-                            static_cast<std::uint8_t>(a >> 8), static_cast<std::uint8_t>(a), 0, 0, 0, 8},
-                           movie, mfra});
-    EXPECT_EQ(joined({moviePart(container)}), movie);
-    EXPECT_EQ(serverManifest(movie), xml);
-    container.pop_back();
-    EXPECT_TRUE(moviePart(container).empty());
-}
-
-// Feeds a sink as the filter's output pin does: buffers of at most 8192 bytes.
-struct Feeder {
-    flt::MemAllocator allocator{100, 8192};
-    Feeder() {
-        flt::MemAllocator::Properties actual;
-        allocator.SetProperties({100, 8192, 1, 0}, actual);
-    }
-    void send(ChunkSink& sink, const std::vector<std::uint8_t>& bytes, bool init, std::int64_t time) {
-        for (std::size_t at = 0; at < bytes.size(); at += 8192) {
-            flt::IMediaSample3* sample = nullptr;
-            ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
-            std::uint8_t* data = nullptr;
-            sample->GetPointer(&data);
-            const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
-            std::memcpy(data, bytes.data() + at, n);
-            sample->SetActualDataLength(static_cast<long>(n));
-            sample->SetSyncPoint(init);
-            if (!init) sample->SetTime(&time, nullptr);
-            sink.Receive(sample);
-            sample->Release();
-        }
-    }
-};
-
-TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
-    std::vector<std::vector<std::uint8_t>> inits, media;
-    ChunkSink sink(true, 10, [&](bool init, std::vector<std::uint8_t>&& c) { (init ? inits : media).push_back(std::move(c)); });
-    Feeder feeder;
-    const auto movie = box("moov", std::vector<std::uint8_t>(9000, 1));
-    const auto init = join({{0, 0, 0x23, 0x30, 0, 0, 0, 8}, movie, box("mfra", {})});  // A = 9008, B = 8
-    feeder.send(sink, init, true, 0);
-    ASSERT_EQ(inits.size(), 1u);  // complete without waiting for what follows
-    EXPECT_EQ(inits[0], init);
-
-    const auto chunk = join({box("styp", {}), box("moof", {}), box("mdat", std::vector<std::uint8_t>(20000, 2)),
-                             box("teoc", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}), box("teos", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})});
-    feeder.send(sink, chunk, false, 100);
-    ASSERT_EQ(media.size(), 1u);  // the end-of-segment box closes it
-    EXPECT_EQ(media[0], chunk);
-    // A chunk without a closing box is completed by the next one, and the last by the end of the stream.
-    const auto open = join({box("moof", {}), box("mdat", {3}), box("teoc", {})});
-    feeder.send(sink, open, false, 200);
-    EXPECT_EQ(media.size(), 1u);
-    feeder.send(sink, open, false, 300);
-    ASSERT_EQ(media.size(), 2u);
-    EXPECT_EQ(media[1], open);  // the room of the previous chunk is reused, and nothing of it is left
-    sink.EndOfStream();
-    ASSERT_EQ(media.size(), 3u);
-    EXPECT_EQ(media[2], open);
-    EXPECT_TRUE(sink.ended());
-
-    // The files players read lose the segment and chunk markers, and only those.
-    const auto tnsb = box("tnsb", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
-    const auto body = join({box("styp", {}), box("sidx", {9}), box("moof", {}), box("mdat", {7})});
-    EXPECT_EQ(joined(withoutMarkerBoxes(join({tnsb, body, box("teoc", {1}), box("teos", {2})}))), body);
-}
 
 TEST(Manifests, ReadTheServerManifestOfBothDialects) {
     Track video;
@@ -147,20 +20,16 @@ TEST(Manifests, ReadTheServerManifestOfBothDialects) {
 <video trackId="1" systemBitrate="500000" peakBitrate="550000" width="640" height="360" startWithSAP="1"
  frameRate="25/1" scanType="progressive" mimeType="video/mp4" codecs="avc1.64001e" sar_width="1" sar_height="1"/>
 </switch></body></smil>)", true, video));
-    EXPECT_EQ(video.kind, "video");
-    EXPECT_EQ(video.codecs, "avc1.64001e");
+    EXPECT_EQ(video.kind + " " + video.codecs + " " + video.frameRate, "video avc1.64001e 25/1");
     EXPECT_EQ(video.bandwidth, 550000u);
-    EXPECT_EQ(video.frameRate, "25/1");
     Track audio;
     ASSERT_TRUE(readServerManifest(R"(<?xml version="1.0"?><smil><body><switch>
 <audio src="audioStream_2" systemBitrate="64000" systemLanguage="fra">
 <param name="FourCC" value="mp4a" valuetype="data"/><param name="CodecPrivateData" value="1190" valuetype="data"/>
 <param name="Channels" value="2" valuetype="data"/><param name="SamplingRate" value="48000" valuetype="data"/>
 </audio></switch></body></smil>)", false, audio));
-    EXPECT_EQ(audio.fourCC, "AACL");
-    EXPECT_EQ(audio.language, "fra");
+    EXPECT_EQ(audio.fourCC + " " + audio.language + " " + audio.codecPrivateData, "AACL fra 1190");
     EXPECT_EQ(audio.sampleRate, 48000u);
-    EXPECT_EQ(audio.codecPrivateData, "1190");
     EXPECT_FALSE(readServerManifest("<smil><body><switch/></body></smil>", true, audio));
 }
 
@@ -208,80 +77,44 @@ ParseResult parse(std::vector<std::string> args, Options& options, std::string& 
     return parseOptions(static_cast<int>(argv.size()), argv.data(), options, error);
 }
 
-std::string joined(const std::vector<std::string>& args) {
-    std::string out;
-    for (const auto& a : args) out += a + " ";
-    return out;
+// What a command line sets, in one line: format, mode, -g, -n, verbosity, quiet, first number, audio segment
+// duration, stream settings (bitrate/language/name), maps (as written = input:stream or kind), inputs, output.
+std::string summary(const Options& o) {
+    std::ostringstream s;
+    s << (o.dash ? "dash" : "smooth") << " m" << o.mode << " g" << o.gopDurationMs << " n" << o.gopsPerSegment << " v"
+      << o.verbosity << (o.quiet ? " q" : "") << " first" << o.firstNumber;
+    if (o.audioSegmentDurationMs) s << " audio" << *o.audioSegmentDurationMs;
+    for (const auto& [key, st] : o.streams)
+        s << " " << key << "=" << st.bitrate.value_or(0) << "/" << st.language.value_or("") << "/" << st.name.value_or("");
+    for (const auto& m : o.maps)
+        s << " map " << m.text << "=" << m.input << ":" << (m.stream ? std::to_string(*m.stream) : m.kind);
+    for (const auto& i : o.inputs) s << " <" << i;
+    return s.str() + " >" + o.outputDirectory;
 }
 
 TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
-    using Inputs = std::vector<std::string>;
-    const struct {
-        std::vector<std::string> args;
-        std::function<void(const Options&)> check;
-    } cases[] = {
-        {{"a.ts", "out"},
-         [](const Options& o) {
-             EXPECT_TRUE(o.dash);
-             EXPECT_EQ(o.gopDurationMs, 2000);
-             EXPECT_EQ(o.verbosity, 1);
-             EXPECT_TRUE(o.maps.empty());
-             EXPECT_EQ(o.inputs, Inputs{"a.ts"});
-             EXPECT_EQ(o.outputDirectory, "out");
-         }},
+    const struct { std::vector<std::string> args; std::string options; } cases[] = {
+        {{"a.ts", "out"}, "dash m0 g2000 n1 v1 first1 <a.ts >out"},
         // Options may come between the positional arguments; the last of a repeated option wins.
         {{"-f", "smooth", "a.ts", "-n", "3", "b.ts", "-g", "1000", "-g", "1500", "out"},
-         [](const Options& o) {
-             EXPECT_FALSE(o.dash);
-             EXPECT_EQ(o.gopsPerSegment, 3u);
-             EXPECT_EQ(o.gopDurationMs, 1500);
-             EXPECT_EQ(o.inputs, (Inputs{"a.ts", "b.ts"}));
-         }},
-        {{"-g3000", "-vv", "-q", "a", "out"},
-         [](const Options& o) {
-             EXPECT_EQ(o.gopDurationMs, 3000);
-             EXPECT_EQ(o.verbosity, 3);
-             EXPECT_TRUE(o.quiet);
-         }},
+         "smooth m0 g1500 n3 v1 first1 <a.ts <b.ts >out"},
+        {{"-g3000", "-vv", "-q", "a", "out"}, "dash m0 g3000 n1 v3 q first1 <a >out"},
+        // Numbers are decimal, even with a leading 0.
         {{"--gop-duration=0100", "--mode=separate-audio", "--audio-segment-duration=1920", "--first-number=0", "a", "out"},
-         [](const Options& o) {
-             EXPECT_EQ(o.gopDurationMs, 100);  // base 10, not octal
-             EXPECT_EQ(o.mode, 1u);
-             EXPECT_EQ(o.audioSegmentDurationMs, 1920);
-             EXPECT_EQ(o.firstNumber, 0);
-         }},
+         "dash m1 g100 n1 v1 first0 audio1920 <a >out"},
         {{"--bitrate", "0:1=96000", "--bitrate=00:0=500000", "--language", "0:1=fra", "--name=0:1=audio-fr", "a", "out"},
-         [](const Options& o) {
-             EXPECT_EQ(o.streams.at("0:1").bitrate, 96000u);
-             EXPECT_EQ(o.streams.at("0:0").bitrate, 500000u);
-             EXPECT_EQ(o.streams.at("0:1").language, "fra");
-             EXPECT_EQ(o.streams.at("0:1").name, "audio-fr");
-         }},
-        {{"-", "out"}, [](const Options& o) { EXPECT_EQ(o.inputs, Inputs{"-"}); }},
-        {{"-v", "--", "-in.ts", "--x", "out"},
-         [](const Options& o) {
-             EXPECT_EQ(o.verbosity, 2);
-             EXPECT_EQ(o.inputs, (Inputs{"-in.ts", "--x"}));
-         }},
+         "dash m0 g2000 n1 v1 first1 0:0=500000// 0:1=96000/fra/audio-fr <a >out"},
+        {{"-", "out"}, "dash m0 g2000 n1 v1 first1 <- >out"},
+        {{"-v", "--", "-in.ts", "--x", "out"}, "dash m0 g2000 n1 v2 first1 <-in.ts <--x >out"},
         {{"--map", "0:v", "--map=1:0", "--map", "2:a", "a", "b", "c", "out"},
-         [](const Options& o) {
-             ASSERT_EQ(o.maps.size(), 3u);
-             EXPECT_EQ(o.maps[0].input, 0);
-             EXPECT_EQ(o.maps[0].kind, "video");
-             EXPECT_FALSE(o.maps[0].stream);
-             EXPECT_EQ(o.maps[1].input, 1);
-             EXPECT_EQ(o.maps[1].stream, 0);
-             EXPECT_EQ(o.maps[2].kind, "audio");
-             EXPECT_EQ(o.maps[2].text, "2:a");
-             EXPECT_EQ(o.inputs.size(), 3u);
-         }},
+         "dash m0 g2000 n1 v1 first1 map 0:v=0:video map 1:0=1:0 map 2:a=2:audio <a <b <c >out"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(joined(c.args));
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         Options o;
         std::string e;
         ASSERT_EQ(parse(c.args, o, e), ParseResult::Run) << e;
-        c.check(o);
+        EXPECT_EQ(summary(o), c.options);
     }
     Options o;
     std::string e;
@@ -290,10 +123,7 @@ TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
 }
 
 TEST(Options, RefusedCommandLinesSayWhy) {
-    const struct {
-        std::vector<std::string> args;
-        std::string message;
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string message; } cases[] = {
         {{"out"}, "give at least one INPUT and the OUTDIR"},
         {{"--frobnicate", "a", "out"}, "unknown option --frobnicate"},
         {{"-vx", "a", "out"}, "unknown option -x"},
@@ -324,7 +154,7 @@ TEST(Options, RefusedCommandLinesSayWhy) {
          "media template '${sessionId}/${time}': '${adaptationSetId}' is mandatory"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(joined(c.args));
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         Options o;
         std::string e;
         EXPECT_EQ(parse(c.args, o, e), ParseResult::Error);
@@ -348,11 +178,8 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
         {},
     };
     using Selected = std::vector<std::vector<bool>>;
-    const struct {
-        std::vector<std::string> maps;
-        Selected selected;  // empty: refused with `message`
-        std::string message;
-    } cases[] = {
+    // The streams each input has selected, or (when `selected` is empty) the message that refuses the maps.
+    const struct { std::vector<std::string> maps; Selected selected; std::string message; } cases[] = {
         {{}, {{true, true}, {true, true}, {}}, ""},
         {{"0:v", "1:v", "0:a"}, {{true, true}, {true, false}, {}}, ""},
         {{"0:2", "1:0", "1:v"}, {{false, true}, {true, false}, {}}, ""},
@@ -365,7 +192,7 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
         std::vector<std::string> args;
         for (const auto& m : c.maps) args.insert(args.end(), {"--map", m});
         args.insert(args.end(), {"a", "b", "c", "out"});
-        SCOPED_TRACE(joined(args));
+        SCOPED_TRACE(::testing::PrintToString(args));
         Options o;
         std::string e;
         ASSERT_EQ(parse(args, o, e), ParseResult::Run) << e;
@@ -379,13 +206,78 @@ TEST(Options, MapSelectorsPickStreamsOrNameTheOneThatMatchesNothing) {
 }
 
 TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
-    const std::vector<std::uint8_t> asc{0x11, 0x90};
     const std::uint8_t frame[3] = {0xAA, 0xBB, 0xCC};
-    const auto packet = makeRawAacPacket(asc, 128000, frame, 3);
-    const std::vector<std::uint8_t> expected{0xFF, 0xFA, 0xFA, 0xFA, 0, 0, 0, 25,  // marker, whole size 20 + 2 + 3
-                                             0, 1, 0xF4, 0,                      // 128000 bit/s
-                                             0, 0, 0, 16,                        // 16 configuration bits
-                                             0x11, 0x90, 0, 0, 0, 3, 0xAA, 0xBB, 0xCC};
-    EXPECT_EQ(packet, expected);
+    // Marker, whole size 20 + 2 + 3, 128000 bit/s, 16 configuration bits, the configuration, the frame's size and bytes.
+    EXPECT_EQ(makeRawAacPacket({0x11, 0x90}, 128000, frame, 3),
+              testkit::hex("FFFAFAFA 00000019 0001F400 00000010 1190 00000003 AABBCC"));
 }
+
+// Timestamp jumps taken out of inputs: packets fed in order, with the times (ms here) they must come out at.
+constexpr long long kDropped = -1;
+
+struct Fed {
+    int input, stream;
+    bool video, key;
+    long long raw;       // decode time in, ms
+    long long expected;  // decode time out, ms, or kDropped
+};
+
+struct JumpCase {
+    std::string name;
+    std::vector<Fed> packets;
+    std::size_t jumpsLogged;
+};
+
+class TimelineKeeperTable : public ::testing::TestWithParam<JumpCase> {};
+
+TEST_P(TimelineKeeperTable, PlacesEveryPacket) {
+    std::vector<std::string> lines;
+    TimelineKeeper keeper(4000 * 10000LL, [&](const std::string& line) { lines.push_back(line); });
+    std::uint64_t dropped = 0;
+    for (const Fed& p : GetParam().packets) {
+        std::optional<std::int64_t> dts = p.raw * 10000, pts = (p.raw + 80) * 10000;
+        const bool kept = keeper.place(p.input, p.stream, p.video, p.key, pts, dts, 0);
+        SCOPED_TRACE("packet " + std::to_string(p.input) + ":" + std::to_string(p.stream) + " at " + std::to_string(p.raw));
+        if (p.expected == kDropped) {
+            EXPECT_FALSE(kept);
+            ++dropped;
+            continue;
+        }
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(*dts, p.expected * 10000);
+        EXPECT_EQ(*pts, (p.expected + 80) * 10000);  // presentation times move with the same offset
+    }
+    EXPECT_EQ(keeper.dropped(), dropped);
+    EXPECT_EQ(lines.size(), GetParam().jumpsLogged);
+    for (const auto& line : lines) EXPECT_NE(line.find("timestamps jump by"), std::string::npos) << line;
+}
+
+const Fed V(int input, long long raw, long long expected, bool key = true) { return {input, 0, true, key, raw, expected}; }
+const Fed A(int input, long long raw, long long expected) { return {input, 1, false, true, raw, expected}; }
+
+INSTANTIATE_TEST_SUITE_P(
+    Jumps, TimelineKeeperTable,
+    ::testing::Values(
+        JumpCase{"ForwardJumpContinuesWhereTheNextPacketWasDue",
+             {V(0, 0, 0), V(0, 40, 40), V(0, 80, 80), V(0, 5000080, 120), V(0, 5000120, 160)}, 1},
+        JumpCase{"BackwardJumpContinuesWhereTheNextPacketWasDue",
+             {V(0, 10000, 10000), V(0, 10040, 10040), V(0, 0, 10080), V(0, 40, 10120)}, 1},
+        JumpCase{"GapBelowTheBoundIsKept", {V(0, 0, 0), V(0, 40, 40), V(0, 3040, 3040), V(0, 3080, 3080)}, 0},
+        JumpCase{"AudioAndVideoOfOneInputTakeOneOffset",
+             {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 21, 21), A(0, 42, 42), V(0, 80, 80), A(0, 63, 63),
+              A(0, 84, 84), A(0, 5000105, 105), V(0, 5000120, 120), A(0, 5000126, 126)},
+             1},
+        JumpCase{"RenditionsThatJumpTogetherStayAligned",
+             // input 1 lost its packet at 80 just before the jump: it still lands where input 0 does
+             {V(0, 0, 0), V(1, 0, 0), V(0, 40, 40), V(1, 40, 40), V(0, 80, 80), V(0, 5000120, 120),
+              V(1, 5000120, 120), V(1, 5000160, 160)},
+             2},
+        JumpCase{"RenditionThatDoesNotJumpKeepsItsTimes",
+             {V(0, 0, 0), V(1, 0, 0), V(0, 40, 40), V(1, 40, 40), V(0, 5000080, 80), V(1, 80, 80), V(1, 120, 120)}, 1},
+        JumpCase{"WhatTheCommonOffsetPutsBehindIsDroppedAndVideoWaitsForAKeyFrame",
+             {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 42, 42), V(0, 80, 80), A(0, 84, 84), A(0, 5000126, 126),
+              V(0, 5000070, kDropped), V(0, 5000110, kDropped, false), V(0, 5000150, 150), V(0, 5000190, 190, false)},
+             1}),
+    [](const auto& test) { return test.param.name; });
+
 }  // namespace

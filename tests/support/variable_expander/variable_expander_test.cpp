@@ -2,16 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/common/bytes.h"
+
 namespace {
 using namespace tvrn::encoding::variable_expander;
 
 std::string failure(const std::string& text, const IVariables& variables) {
-    try {
-        expand(text, variables);
-    } catch (const ExpandVariableException& e) {
-        return e.what();
-    }
-    return "(no failure)";
+    return testkit::failureOf<ExpandVariableException>([&] { expand(text, variables); });
 }
 
 TEST(Expand, SubstitutesVariablesAndEscapes) {
@@ -51,38 +48,34 @@ TEST(Expand, RequiredVariablesMustAppear) {
     EXPECT_EQ(expand("${feedIndex}-${serviceName}-${customName}", mosaic), "3-N/A-news");
 }
 
-TEST(Validate, MediaTemplatesPerMode) {
+// What the checks say of a template per mode (0 Smooth, 1 and 2 DASH): "valid", or why not.
+std::string media(int mode, const std::string& text) {
     std::string error;
-    EXPECT_FALSE(validateMediaTemplate(1, "", error));
-    EXPECT_EQ(error, "'${adaptationSetId}' is mandatory");
-    EXPECT_TRUE(validateMediaTemplate(1, kDefaultDashMedia, error));
-    EXPECT_TRUE(validateMediaTemplate(0, kDefaultSmoothMedia, error));
-    EXPECT_FALSE(validateMediaTemplate(2, "${adaptationSetId}/${time}", error));
-    EXPECT_EQ(error, "'${representationId}' is mandatory");
-    EXPECT_FALSE(validateMediaTemplate(1, "${adaptationSetId}/${representationId}", error));
-    EXPECT_EQ(error, "'${time}' or '${number}' is mandatory");
-    const std::string both = "${adaptationSetId}/${representationId}/${bitrate}/${time}_${number}";
-    EXPECT_FALSE(validateMediaTemplate(1, both, error));
-    EXPECT_EQ(error, "'${time}' and '${number}' can not be used together");
-    EXPECT_TRUE(validateMediaTemplate(0, both, error));
-    EXPECT_FALSE(validateMediaTemplate(0, "${adaptationSetId}/${time}", error));
-    EXPECT_EQ(error, "'${bitrate}' is mandatory");
-    EXPECT_FALSE(validateMediaTemplate(0, "${adaptationSetId}/${bitrate}", error));
-    EXPECT_EQ(error, "'${time}' is mandatory");
-    EXPECT_TRUE(validateMediaTemplate(5, "${adaptationSetId}", error));
+    return validateMediaTemplate(mode, text, error) ? "valid" : error;
+}
+std::string init(int mode, bool hbbTv, const std::string& text) {
+    std::string error;
+    return validateInitTemplate(mode, hbbTv, text, error) ? "valid" : error;
 }
 
-TEST(Validate, InitTemplatesPerModeAndHbbTv) {
-    std::string error;
-    EXPECT_TRUE(validateInitTemplate(1, false, kDefaultDashInit, error));
-    EXPECT_TRUE(validateInitTemplate(1, true, kDefaultDashInitPerAdaptationSet, error));
-    EXPECT_FALSE(validateInitTemplate(2, true, kDefaultDashInit, error));
-    EXPECT_EQ(error, "HbbTv 1.5 compatibility : '${representationId}' is forbidden");
-    EXPECT_FALSE(validateInitTemplate(1, false, kDefaultDashInitPerAdaptationSet, error));
-    EXPECT_EQ(error, "'${representationId}' is mandatory");
-    EXPECT_TRUE(validateInitTemplate(0, false, kDefaultSmoothInit, error));
-    EXPECT_FALSE(validateInitTemplate(0, false, "${adaptationSetId}/init", error));
-    EXPECT_EQ(error, "'${bitrate}' is mandatory");
+TEST(Validate, MediaAndInitTemplatesPerModeAndHbbTv) {
+    EXPECT_EQ(media(1, ""), "'${adaptationSetId}' is mandatory");
+    EXPECT_EQ(media(1, kDefaultDashMedia), "valid");
+    EXPECT_EQ(media(0, kDefaultSmoothMedia), "valid");
+    EXPECT_EQ(media(2, "${adaptationSetId}/${time}"), "'${representationId}' is mandatory");
+    EXPECT_EQ(media(1, "${adaptationSetId}/${representationId}"), "'${time}' or '${number}' is mandatory");
+    const std::string both = "${adaptationSetId}/${representationId}/${bitrate}/${time}_${number}";
+    EXPECT_EQ(media(1, both), "'${time}' and '${number}' can not be used together");
+    EXPECT_EQ(media(0, both), "valid");
+    EXPECT_EQ(media(0, "${adaptationSetId}/${time}"), "'${bitrate}' is mandatory");
+    EXPECT_EQ(media(0, "${adaptationSetId}/${bitrate}"), "'${time}' is mandatory");
+    EXPECT_EQ(media(5, "${adaptationSetId}"), "valid");
+    EXPECT_EQ(init(1, false, kDefaultDashInit), "valid");
+    EXPECT_EQ(init(1, true, kDefaultDashInitPerAdaptationSet), "valid");
+    EXPECT_EQ(init(2, true, kDefaultDashInit), "HbbTv 1.5 compatibility : '${representationId}' is forbidden");
+    EXPECT_EQ(init(1, false, kDefaultDashInitPerAdaptationSet), "'${representationId}' is mandatory");
+    EXPECT_EQ(init(0, false, kDefaultSmoothInit), "valid");
+    EXPECT_EQ(init(0, false, "${adaptationSetId}/init"), "'${bitrate}' is mandatory");
 }
 
 TEST(Translate, ConcreteNamesAndSegmentTemplateText) {
