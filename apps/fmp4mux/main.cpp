@@ -112,6 +112,29 @@ int run(int argc, char** argv) {
     }
     const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
 
+    // Renditions from real encoders are never tick-identical: an input whose key frames fall within 20 ms of the
+    // first input's (a whole number of GOPs apart or not) is moved onto them, so that they share their cut points.
+    // Key frames further out of step never meet, and nothing could be cut: that is refused, saying by how much.
+    std::optional<std::size_t> reference;
+    std::vector<std::int64_t> offsets(inputs.size(), 0);  // 100 ns units
+    const std::int64_t gop = std::int64_t{options.gopDurationMs} * 10000;
+    for (std::size_t d = 0; d < inputs.size(); ++d) {
+        if (!firstKeys[d]) continue;
+        if (!reference) {
+            reference = d;
+            continue;
+        }
+        std::int64_t step = (*firstKeys[*reference] - *firstKeys[d]) % gop;
+        if (step > gop / 2) step -= gop;
+        if (step < -gop / 2) step += gop;
+        if (std::llabs(step) > 200000)
+            throw ExitError(kExitInput, "the key frames of inputs " + std::to_string(*reference) + " and " + std::to_string(d) +
+                                            " are " + std::to_string(std::llabs(step) / 10000) + " ms out of step (GOP " +
+                                            std::to_string(options.gopDurationMs) +
+                                            " ms): their segments cannot share cut points; package them separately");
+        offsets[d] = step;
+    }
+
     // The output folder is made (and held) only once the inputs are known to be there.
     const OutputFolder folder(options.outputDirectory);
 
@@ -179,22 +202,8 @@ int run(int argc, char** argv) {
     // One reading thread per input that has a stream to package. Timestamp jumps are taken out before anything
     // is paced or packaged; a step of more than two segments (and never less than two seconds) counts as one.
     TimelineKeeper timeline(std::max<std::int64_t>(2LL * segmentMs, 2000) * 10000, [](const std::string& line) { warn(line); });
-    // Renditions from real encoders are never tick-identical: an input whose first key frame is within 20 ms of the
-    // first input's is moved onto it, so that they share their cut points; one further away is said, by how much.
-    std::optional<std::size_t> reference;
-    for (std::size_t d = 0; d < inputs.size(); ++d) {
-        if (!firstKeys[d]) continue;
-        if (!reference) {
-            reference = d;
-            continue;
-        }
-        const std::int64_t apart = *firstKeys[*reference] - *firstKeys[d];
-        if (apart != 0 && std::llabs(apart) <= 200000)
-            timeline.setInputOffset(static_cast<int>(d), apart);
-        else if (apart != 0)
-            warn("inputs " + std::to_string(*reference) + " and " + std::to_string(d) + " start their key frames " +
-                 std::to_string(std::llabs(apart) / 10000) + " ms apart: their segments cannot share cut points");
-    }
+    for (std::size_t d = 0; d < inputs.size(); ++d)
+        if (offsets[d] != 0) timeline.setInputOffset(static_cast<int>(d), offsets[d]);
     const PackagingProgress progress{[&presentation] { return presentation.packagedSeconds(); },
                                      [&presentation](std::uint64_t seen, std::chrono::milliseconds timeout) {
                                          return presentation.waitForChunk(seen, timeout);

@@ -81,6 +81,8 @@ const Source kMp2Only{"mp2.ts", ffmpeg("-f lavfi -i sine -t 2 -c:a mp2"), {}};
 const Source kGop4{"gop4.ts", ffmpeg("-f lavfi -i testsrc2=size=640x360:rate=25 -t 12 -c:v libx264 -g 100 -keyint_min 100 "
                                      "-sc_threshold 0 -bf 2 -b:v 300k"), {}};
 // r-mid.ts 13 ms later: the TS muxer's delay moves every time by 1170 ticks of 90 kHz.
+// 500 ms later (the muxer's delay counts twice): key frames a quarter of a GOP out of step with kMid's.
+const Source kMidOutOfStep{"r-mid-500ms.ts", ffmpeg("-i " + q(path(kMid)) + " -map 0 -c copy -muxdelay 0.95 -f mpegts"), {kMid}};
 const Source kMidLater{"r-mid-13ms.ts", ffmpeg("-i " + q(path(kMid)) + " -map 0 -c copy -muxdelay 0.7065 -f mpegts"), {kMid}};
 // h264.ts as program 1 and r-high.ts as program 2.
 const Source kTwoPrograms{"two-programs.ts",
@@ -329,6 +331,7 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         // An input that cannot be opened, or holds nothing to package, leaves no output folder behind.
         {mux(q(dir() / "missing.ts") + " " + q(never)), 3, "cannot open input"},
         {mux(q(made(kMp2Only)) + " " + q(never)), 3, "no stream that can be packaged"},
+        {mux(q(made(kLow)) + " " + q(made(kMidOutOfStep)) + " " + q(never)), 3, "are 500 ms out of step (GOP 2000 ms)"},
         {mux("-g 2000 " + q(made(kGop4)) + " " + q(dir() / "g2000")), 0, "has key frames every 4000 ms, but -g says 2000 ms"},
     };
     for (const auto& c : cases) {
@@ -385,6 +388,20 @@ TEST(Fmp4muxEndToEnd, AFullDiskFailsClearlyAndLeavesNoManifestOfWhatWasNotWritte
 // Standard input is a live input. Fed a file three times over with its times going on (ffmpeg -stream_loop), it
 // keeps a timeline that goes forward, with no empty segment where the file starts again, and the MPD that ends
 // the run lists the segments of the time-shift window, which decode.
+// An input that does not tell its rate (a pipe) has it measured, and the audio track carries its language.
+TEST(Fmp4muxEndToEnd, APipedInputAnnouncesItsMeasuredRateAndItsAudioTrackItsLanguage) {
+    const fs::path out = dir() / "piped-smooth";
+    const Outcome r = sh("cat " + q(made(kH264)) + " | " + mux("-f smooth --language 0:1=fra - " + q(out)));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    const std::string manifest = readText(out / "Manifest");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(manifest, m, std::regex("QualityLevel Index=\"0\" Bitrate=\"(\\d+)\" FourCC=\"H264\"")))
+        << manifest;
+    EXPECT_NEAR(std::stod(m[1]), 400000, 150000) << "kH264 is encoded at 400 kbit/s";
+    const Outcome language = sh("ffprobe -v error -show_entries stream_tags=language -of csv=p=0 " + q(joinTrack(out, "audio:0")));
+    EXPECT_EQ(language.output, "fra\n");
+}
+
 TEST(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
     const fs::path out = dir() / "looped";
     const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + q(made(kH264)) +
