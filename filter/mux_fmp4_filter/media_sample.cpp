@@ -130,12 +130,10 @@ HRESULT MemAllocator::SetProperties(const Properties& request, Properties& actua
     m_properties.size = std::min(request.size, m_maxSize);
     m_properties.align = request.align;
     m_properties.prefix = request.prefix;
+    // Buffers are made as they are first asked for, up to the count: the count sized for three segments at the
+    // stream's bitrate (or more, for long segments) then bounds the memory without taking it up front.
     m_all.clear();
     m_free.clear();
-    for (long i = 0; i < m_properties.count; ++i) {
-        m_all.push_back(std::make_unique<CMediaSample>(*this, static_cast<std::size_t>(m_properties.size)));
-        m_free.push_back(m_all.back().get());
-    }
     actual = m_properties;
     return S_OK;
 }
@@ -144,7 +142,11 @@ HRESULT MemAllocator::GetBuffer(IMediaSample3** sample, const REFERENCE_TIME*, c
                                 std::uint32_t flags) {
     if (sample == nullptr) return E_POINTER;
     std::unique_lock lock(m_mutex);
-    if (m_all.empty()) return VFW_E_NOT_CONNECTED;
+    if (m_properties.count <= 0) return VFW_E_NOT_CONNECTED;
+    if (m_free.empty() && static_cast<long>(m_all.size()) < m_properties.count) {
+        m_all.push_back(std::make_unique<CMediaSample>(*this, static_cast<std::size_t>(m_properties.size)));
+        m_free.push_back(m_all.back().get());
+    }
     if (m_free.empty()) {
         if (flags & AM_GBF_NOWAIT) return VFW_E_TIMEOUT;
         m_available.wait(lock, [this] { return !m_free.empty(); });
@@ -166,7 +168,7 @@ void MemAllocator::giveBack(CMediaSample* sample) {
 
 long MemAllocator::freeCount() const {
     std::lock_guard lock(m_mutex);
-    return static_cast<long>(m_free.size());
+    return static_cast<long>(m_free.size()) + m_properties.count - static_cast<long>(m_all.size());
 }
 
 MemAllocator::Properties MemAllocator::properties() const {

@@ -158,7 +158,8 @@ private:
     MemAllocator& m_allocator;
 };
 
-// A pool of buffers of one size. Buffers live as long as the allocator and the samples out of it.
+// A pool of buffers of one size, made as they are first needed. Buffers live as long as the allocator and the
+// samples out of it.
 class MemAllocator {
 public:
     struct Properties {
