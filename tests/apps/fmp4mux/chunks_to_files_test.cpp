@@ -128,14 +128,19 @@ struct Recorder : Publisher {
 
 // A live presentation, which rewrites the MPD on every chunk and deletes the files that left its window, is run
 // end to end by tests/e2e/live_input_test.sh; the window's listing is the manifest writer's test.
-TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOfEverySegment) {
-    Recorder out;
-    DashManifestWriter mpd;
+// A file input's presentation named "ch1", with files named by representation and bitrate.
+PresentationSettings fileSettings() {
     PresentationSettings settings;
     settings.streamName = "ch1";
     settings.initTemplate = "${sessionId}/${adaptationSetId}/${representationId}/init.mp4";
     settings.mediaTemplate = "${sessionId}/${adaptationSetId}/${representationId}/${bitrate}_${time}.mp4";
-    Presentation p(settings, out, mpd, [] { return 1000.0; });
+    return settings;
+}
+
+TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOfEverySegment) {
+    Recorder out;
+    DashManifestWriter mpd;
+    Presentation p(fileSettings(), out, mpd, [] { return 1000.0; });
     p.addOutput(0, "video", 0, 0, false, "video0", "und");
     const Bytes init = initChunk(kManifest);
     p.onChunk(0, true, Bytes(init));
@@ -166,10 +171,7 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
 TEST(Presentation, TimelineStaysContinuousAcrossRoundingButKeepsRealGaps) {
     Recorder out;
     DashManifestWriter mpd;
-    PresentationSettings settings;
-    settings.initTemplate = "init_${representationId}.mp4";
-    settings.mediaTemplate = "${representationId}_${time}.mp4";
-    Presentation p(settings, out, mpd, [] { return 1000.0; });
+    Presentation p(fileSettings(), out, mpd, [] { return 1000.0; });
     p.addOutput(0, "audio", 2, 48000, false, "audio0", "und");
     p.onChunk(0, true, initChunk(kManifest));
     for (const auto& [time, duration] : {std::pair{0u, 1002u}, {1003u, 1002u}, {2004u, 1002u}, {4000u, 1000u}})
