@@ -56,6 +56,7 @@ int run(int argc, char** argv) {
         control.stop = true;
     });
 
+    setLibavVerbosity(options.verbosity);
     // Inputs, and the streams to package.
     std::vector<std::unique_ptr<Input>> inputs;
     std::vector<std::string> skipped;
@@ -236,9 +237,13 @@ int run(int argc, char** argv) {
     while (!packager.waitForEnd(std::chrono::seconds(1))) {
         if (presentation.failure()) control.stop = true;
         if (control.stop.load()) presentation.wake();
-        if (!options.quiet)
+        if (!options.quiet) {
+            std::uint64_t dropped = 0;
+            for (const auto& [d, reader] : readers)
+                dropped += reader->damage().videoFramesDropped() + reader->damage().audioPacketsDropped();
             showProgress(presentation.mediaSeconds(), presentation.chunks(),
-                         std::chrono::duration<double>(Clock::now() - started).count());
+                         std::chrono::duration<double>(Clock::now() - started).count(), dropped);
+        }
         if (control.stop.load() && presentation.failure()) break;
     }
     for (auto& [d, reader] : readers) reader->join();
@@ -250,6 +255,14 @@ int run(int argc, char** argv) {
     publisher.drain();
     if (timeline.dropped() > 0)
         warn(std::to_string(timeline.dropped()) + " packets that went back behind their stream at a timestamp jump were dropped");
+    for (const auto& [d, reader] : readers) {
+        const DamageGuard& damage = reader->damage();
+        if (damage.videoFramesDropped() + damage.audioPacketsDropped() == 0) continue;
+        warn("input " + std::to_string(d) + " was damaged: " + std::to_string(damage.videoFramesDropped()) +
+             " video frames dropped (" + std::to_string(damage.damagedVideoFrames()) +
+             " damaged and those after them up to the next key frame) and " +
+             std::to_string(damage.audioPacketsDropped()) + " damaged audio packets");
+    }
     for (const auto& [d, reader] : readers)
         if (!reader->error().empty()) warn("reading input " + std::to_string(d) + " stopped early: " + reader->error());
     if (const auto failure = presentation.failure()) throw ExitError(kExitFailed, *failure);

@@ -14,6 +14,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/avutil.h>
 #include <libavutil/dict.h>
+#include <libavutil/log.h>
 }
 
 namespace fmp4mux {
@@ -37,6 +38,8 @@ std::uint8_t* putBe32(std::uint8_t* out, std::uint32_t v) {
 }
 
 }  // namespace
+
+void setLibavVerbosity(int verbosity) { av_log_set_level(verbosity >= 3 ? AV_LOG_VERBOSE : AV_LOG_FATAL); }
 
 std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc, std::uint32_t averageBitrate,
                                            const std::uint8_t* frame, std::size_t frameSize) {
@@ -63,13 +66,14 @@ struct LibavInput::Impl {
     }
     // Per kept stream: its source index, an optional bitstream filter to Annex B, and how AAC is carried.
     struct Kept {
-        int sourceIndex;
+        int sourceIndex = -1;
         AVBSFContext* toAnnexB = nullptr;
         bool rawAac = false;
-        bool adtsChecked = false;
+        bool video = false, hevc = false;
+        bool adts = false;
         std::vector<std::uint8_t> asc;
         std::uint32_t bitrate = 0;
-        AVRational timeBase;
+        AVRational timeBase{1, 1};
     };
     std::vector<Kept> kept;
     std::vector<int> sourceToKept;
@@ -155,8 +159,12 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
         info.height = par->height;
         info.sampleRate = par->sample_rate;
         info.channels = par->ch_layout.nb_channels;
-        Impl::Kept kept{static_cast<int>(i), nullptr, false, false, {}, static_cast<std::uint32_t>(par->bit_rate),
-                        stream->time_base};
+        Impl::Kept kept;
+        kept.sourceIndex = static_cast<int>(i);
+        kept.bitrate = static_cast<std::uint32_t>(par->bit_rate);
+        kept.timeBase = stream->time_base;
+        kept.video = par->codec_id == AV_CODEC_ID_H264 || par->codec_id == AV_CODEC_ID_HEVC;
+        kept.hevc = par->codec_id == AV_CODEC_ID_HEVC;
         const char* annexB = nullptr;
         switch (par->codec_id) {
             case AV_CODEC_ID_H264:
@@ -183,6 +191,7 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
                     kept.asc.assign(par->extradata, par->extradata + par->extradata_size);
                 } else {
                     info.streamType = kAdts;
+                    kept.adts = true;
                 }
                 break;
             default: {
@@ -230,16 +239,39 @@ void LibavInput::drop(std::size_t index) {
 }
 
 namespace {
-// Whether an Annex B access unit holds a random access picture: an IDR slice of H.264, an IRAP picture of HEVC.
-// MPEG-TS is read without libavformat's parsers, so its packets carry no key-frame flag of their own.
+// Whether an Annex B access unit is a random access picture: its first slice is an IDR slice of H.264, an IRAP
+// picture of HEVC. Only the NAL units ahead of the first slice are looked at (delimiter, parameter sets, SEI),
+// so the cost does not grow with the picture. MPEG-TS is read without libavformat's parsers, so its packets carry
+// no reliable key-frame flag of their own.
 bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
     for (std::size_t i = 0; i + 3 < size; ++i) {
         if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
         const std::uint8_t header = data[i + 3];
-        if (hevc ? ((header >> 1) & 0x3F) >= 16 && ((header >> 1) & 0x3F) <= 21 : (header & 0x1F) == 5) return true;
+        if (hevc) {
+            const int type = (header >> 1) & 0x3F;
+            if (type < 32) return type >= 16 && type <= 21;  // the first VCL unit decides
+        } else {
+            const int type = header & 0x1F;
+            if (type >= 1 && type <= 5) return type == 5;
+        }
         i += 2;
     }
     return false;
+}
+
+// Whether a PES of ADTS frames holds whole frames from its first byte to its last. The demuxer flags a PES as
+// damaged when the transport packet after it broke the continuity count, which a splice of two recordings does
+// too; a PES whose frame lengths add up exactly to its size lost nothing.
+bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) {
+    std::size_t at = 0;
+    while (at + 7 <= size) {
+        if (data[at] != 0xFF || (data[at + 1] & 0xF6) != 0xF0) return false;
+        const std::size_t length = ((data[at + 3] & 0x03u) << 11) | (static_cast<std::size_t>(data[at + 4]) << 3) |
+                                   (data[at + 5] >> 5);
+        if (length < 7) return false;
+        at += length;
+    }
+    return at == size && size > 0;
 }
 }  // namespace
 
@@ -320,7 +352,12 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
         Impl::Kept& kept = m_impl->kept[keptIndex];
         Packet out;
         out.stream = keptIndex;
-        out.key = (p->flags & AV_PKT_FLAG_KEY) != 0;
+        out.damaged = (p->flags & AV_PKT_FLAG_CORRUPT) != 0 &&
+                      !(kept.adts && wholeAdtsFrames(p->data, static_cast<std::size_t>(p->size)));
+        if (kept.video)
+            out.key = annexBRandomAccess(p->data, static_cast<std::size_t>(p->size), kept.hevc);
+        else
+            out.key = (p->flags & AV_PKT_FLAG_KEY) != 0;
         if (p->pts != AV_NOPTS_VALUE) out.pts = av_rescale_q(p->pts, kept.timeBase, kHundredNs);
         if (p->dts != AV_NOPTS_VALUE) out.dts = av_rescale_q(p->dts, kept.timeBase, kHundredNs);
         if (p->duration > 0) out.duration = av_rescale_q(p->duration, kept.timeBase, kHundredNs);

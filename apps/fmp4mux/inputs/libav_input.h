@@ -42,6 +42,11 @@ private:
     std::optional<std::int64_t> m_firstKey;
 };
 
+// How much of libavformat's own logging reaches the terminal, by fmp4mux's verbosity (0 errors to 3 debug). Its
+// per-packet complaints (a damaged transport packet, a timestamp it guessed) are counted and summed up by
+// fmp4mux itself, so they appear only from verbosity 3.
+void setLibavVerbosity(int verbosity);
+
 // The packager's raw AAC packet around one AAC frame: marker FF FA FA FA, packet size, average bit rate,
 // configuration bit length, AudioSpecificConfig, payload length, payload.
 std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& audioSpecificConfig,

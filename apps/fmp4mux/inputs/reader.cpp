@@ -54,37 +54,52 @@ void InputReader::run() {
     ReadProgress readSoFar;
     std::optional<std::uint64_t> stalledAt;  // the chunk count when the output last stalled
     std::uint64_t chunksSeen = 0;
+    // What the damage guard lets through is paced, throttled and delivered here.
+    const DamageGuard::Forward forward = [&](Packet& packet) {
+        const std::optional<std::int64_t> t = packet.dts ? packet.dts : packet.pts;
+        if (m_settings.realtime && t) pacer.wait(*t, m_stop);
+        if (m_settings.throttle && t) {
+            // The packager's own queues do not bound themselves: an input that can wait is read no more than
+            // a few segments ahead of the media packaged, so memory stays bounded however long the run.
+            // Should the output stall (a stream that never delivers), the reader stops waiting until the
+            // output moves again rather than wait for ever.
+            const double inputSeconds = readSoFar.add(packet.stream, *t);
+            chunksSeen = m_progress.waitForChunk(chunksSeen, std::chrono::milliseconds(0));
+            if (stalledAt && chunksSeen != *stalledAt) stalledAt.reset();
+            auto lastProgress = Clock::now();
+            while (!stalledAt && !m_stop.load() &&
+                   inputSeconds - m_progress.packagedSeconds() > m_settings.aheadLimitSeconds) {
+                const std::uint64_t now = m_progress.waitForChunk(chunksSeen, std::chrono::milliseconds(100));
+                if (now != chunksSeen) {
+                    chunksSeen = now;
+                    lastProgress = Clock::now();
+                } else if (Clock::now() - lastProgress > std::chrono::seconds(1)) {
+                    stalledAt = chunksSeen;
+                }
+            }
+        }
+        m_destination.deliver(packet.stream, packet);
+    };
+    std::vector<std::optional<std::int64_t>> offsets(streams.size());  // by stream: placed time less read time
     m_input.run(
         [&](Packet& packet) {
             if (!m_destination.wants(packet.stream)) return;
+            const std::optional<std::int64_t> read = packet.dts ? packet.dts : packet.pts;
             if (!m_timeline.place(m_index, static_cast<int>(packet.stream), streams[packet.stream].kind == "video",
                                   packet.key, packet.pts, packet.dts, packet.duration))
                 return;
-            const std::optional<std::int64_t> t = packet.dts ? packet.dts : packet.pts;
-            if (m_settings.realtime && t) pacer.wait(*t, m_stop);
-            if (m_settings.throttle && t) {
-                // The packager's own queues do not bound themselves: an input that can wait is read no more than
-                // a few segments ahead of the media packaged, so memory stays bounded however long the run.
-                // Should the output stall (a stream that never delivers), the reader stops waiting until the
-                // output moves again rather than wait for ever.
-                const double inputSeconds = readSoFar.add(packet.stream, *t);
-                chunksSeen = m_progress.waitForChunk(chunksSeen, std::chrono::milliseconds(0));
-                if (stalledAt && chunksSeen != *stalledAt) stalledAt.reset();
-                auto lastProgress = Clock::now();
-                while (!stalledAt && !m_stop.load() &&
-                       inputSeconds - m_progress.packagedSeconds() > m_settings.aheadLimitSeconds) {
-                    const std::uint64_t now = m_progress.waitForChunk(chunksSeen, std::chrono::milliseconds(100));
-                    if (now != chunksSeen) {
-                        chunksSeen = now;
-                        lastProgress = Clock::now();
-                    } else if (Clock::now() - lastProgress > std::chrono::seconds(1)) {
-                        stalledAt = chunksSeen;
-                    }
-                }
+            // A change of the offset that the timeline keeper applies is a timestamp jump taken out here.
+            const std::optional<std::int64_t> placed = packet.dts ? packet.dts : packet.pts;
+            bool jumped = false;
+            if (read && placed) {
+                std::optional<std::int64_t>& offset = offsets[packet.stream];
+                jumped = offset && *offset != *placed - *read;
+                offset = *placed - *read;
             }
-            m_destination.deliver(packet.stream, packet);
+            m_damage.offer(packet, streams[packet.stream].kind == "video", jumped, forward);
         },
         m_stop);
+    m_damage.finish();
     m_error = m_input.error();
     m_destination.endOfStream();
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/input.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
 
@@ -45,6 +46,8 @@ public:
     void join();
     // Why reading stopped before the end, if it did; valid after join().
     const std::string& error() const { return m_error; }
+    // What was dropped as damaged; readable while the reader runs.
+    const DamageGuard& damage() const { return m_damage; }
 
 private:
     void run();
@@ -57,6 +60,7 @@ private:
     const ReaderSettings m_settings;
     const std::atomic<bool>& m_stop;
     std::string m_error;
+    DamageGuard m_damage;
     std::thread m_thread;  // last: starts once everything above exists
 };
 

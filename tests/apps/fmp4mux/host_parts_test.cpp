@@ -1,10 +1,11 @@
-// The host's own parts: its command line, its manifests, raw AAC packets of MP4 inputs, and the keeper that takes
-// timestamp jumps out of inputs.
+// The host's own parts: its command line, its manifests, raw AAC packets of MP4 inputs, the keeper that takes
+// timestamp jumps out of inputs, and the guard that keeps damaged media out.
 #include <gtest/gtest.h>
 
 #include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
+#include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests/manifests.h"
@@ -279,5 +280,46 @@ INSTANTIATE_TEST_SUITE_P(
               V(0, 5000070, kDropped), V(0, 5000110, kDropped, false), V(0, 5000150, 150), V(0, 5000190, 190, false)},
              1}),
     [](const auto& test) { return test.param.name; });
+
+// Damaged packets, as a demuxer flags them after a transport continuity error. Letters: V video, K video key
+// frame, J video key frame whose times jumped (a splice), A audio; a trailing '!' marks the packet damaged. In
+// `kept`, what reached the packager in order, lower case for what was dropped (in the order fed).
+TEST(DamageGuard, DropsDamagedVideoToTheNextKeyFrameAndDamagedAudioAlone) {
+    struct Case {
+        std::vector<std::string> fed;
+        std::string passed;
+        std::uint64_t damagedVideo, videoDropped, audioDropped;
+    };
+    const std::vector<Case> cases{
+        {{"K", "V", "A", "V", "K"}, "KVAVK", 0, 0, 0},
+        {{"K", "V!", "V", "A", "V", "K", "V"}, "KAKV", 1, 3, 0},
+        {{"K!", "V", "K", "V"}, "KV", 1, 2, 0},  // a damaged key frame is no place to start from either
+        {{"K", "A!", "V", "A"}, "KVA", 0, 0, 1},
+        {{"K", "V!", "K!", "V", "K"}, "KK", 2, 3, 0},
+        {{"K", "V!", "A", "J", "V"}, "KAVJV", 0, 0, 0},  // the last frame before a splice was whole
+        {{"K", "V!", "K", "V"}, "KKV", 1, 1, 0},        // no jump: the frame before the key frame lost its end
+        {{"K", "V!"}, "K", 1, 1, 0},                    // still held at the end
+    };
+    for (const Case& c : cases) {
+        DamageGuard guard;
+        std::string passed;
+        for (const std::string& p : c.fed) {
+            Packet packet;
+            const bool video = p[0] != 'A';
+            packet.stream = video ? 0 : 1;
+            packet.key = p[0] == 'K' || p[0] == 'J';
+            packet.damaged = p.size() > 1;
+            packet.owned = {static_cast<std::uint8_t>(p[0])};
+            packet.data = packet.owned.data();
+            packet.size = 1;
+            guard.offer(packet, video, p[0] == 'J', [&](Packet& out) { passed += static_cast<char>(out.data[0]); });
+        }
+        guard.finish();
+        EXPECT_EQ(passed, c.passed);
+        EXPECT_EQ(guard.damagedVideoFrames(), c.damagedVideo) << c.passed;
+        EXPECT_EQ(guard.videoFramesDropped(), c.videoDropped) << c.passed;
+        EXPECT_EQ(guard.audioPacketsDropped(), c.audioDropped) << c.passed;
+    }
+}
 
 }  // namespace

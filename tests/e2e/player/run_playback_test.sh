@@ -10,6 +10,9 @@
 #   jump-backward  the sample 100 s later, then the sample as it is (its times go back): played past 14 s
 #   gop-4s         the sample encoded again with 4 s GOPs, packaged with the default options: played past 8 s
 #   apart-13ms     two renditions, the sample and the sample with every time 13 ms later: played past 6 s
+#   damaged        the sample with 0.2 % of its transport packets removed (drop_ts_packets.mjs, fixed seed):
+#                  fmp4mux says what it dropped, ffmpeg decodes every video frame it wrote without an error, and
+#                  the player plays to the end (past 10 s)
 #   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
 #                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
@@ -71,6 +74,9 @@ case "$CASE" in
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   seek) INPUT=$SAMPLE MIN_TIME=8 ;;
+  damaged)
+    node "$HERE/drop_ts_packets.mjs" "$SAMPLE" "$OUT/input.ts" 0.002 4 >/dev/null || fail "could not damage the sample"
+    INPUT=$OUT/input.ts MIN_TIME=10 ;;
   *) echo "run_playback_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
@@ -83,7 +89,8 @@ fi
 
 echo "run_playback_test: $FMP4MUX ${args[*]} $INPUT $OUT/out"
 rc=0
-timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" ${INPUT2:+"$INPUT2"} "$OUT/out" || rc=$?
+timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" ${INPUT2:+"$INPUT2"} "$OUT/out" 2>"$OUT/stderr" || rc=$?
+cat "$OUT/stderr" >&2
 [ "$rc" -eq 0 ] || fail "fmp4mux exited with $rc"
 [ -s "$OUT/out/$manifest" ] || fail "fmp4mux wrote no $manifest"
 echo "run_playback_test: fmp4mux wrote $(find "$OUT/out" -type f | wc -l) files"
@@ -94,6 +101,20 @@ else
   xmllint --noout --nonet "$OUT/out/$manifest" || fail "the Smooth Streaming manifest is not well-formed XML"
 fi
 
+joined_video() {  # the video representation's init segment and chunks, in order, as one file
+  local init
+  init=$(find "$OUT/out" -name init.mp4 -path '*video*' | head -n 1)
+  [ -n "$init" ] || fail "no video init segment"
+  { cat "$init"; find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n | xargs cat; } >"$OUT/video.mp4"
+}
+if [ "$CASE" = damaged ]; then
+  grep -q 'input 0 was damaged: [1-9][0-9]* video frames dropped .* and [1-9][0-9]* damaged audio packets' "$OUT/stderr" ||
+    fail "fmp4mux did not say what it dropped of the damaged input"
+  joined_video
+  errors=$(ffmpeg -hide_banner -v error -i "$OUT/video.mp4" -f null - 2>&1 | head -n 5)
+  [ -z "$errors" ] || fail "a damaged frame reached the output; ffmpeg says: $errors"
+fi
+
 if [ "$CASE" != seek ]; then
   node "$HERE/play.mjs" --format "$FORMAT" --min-time "$MIN_TIME" --timeout 60 "$OUT/out" "$manifest" ||
     fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
@@ -102,9 +123,7 @@ if [ "$CASE" != seek ]; then
 fi
 
 # Seek: the first video frame's time in the presentation, read by ffprobe from the video representation.
-init=$(find "$OUT/out" -name init.mp4 -path '*video*' | head -n 1)
-[ -n "$init" ] || fail "no video init segment"
-{ cat "$init"; find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n | xargs cat; } >"$OUT/video.mp4"
+joined_video
 first=$(ffprobe -v error -select_streams v:0 -show_entries packet=pts_time -of csv=p=0 "$OUT/video.mp4" | sort -g | head -n 1)
 fps=25  # the sample's frame rate; its key frames are 2 s apart
 target=$(awk -v f="$first" 'BEGIN { printf "%.3f", f + 3.02 }')  # the middle of the second GOP, half a frame on
