@@ -4,6 +4,7 @@
 // packet from its input to a file on disk.
 #include <algorithm>
 #include <cmath>
+#include <ctime>
 #include <atomic>
 #include <chrono>
 #include <iostream>
@@ -152,6 +153,11 @@ int run(int argc, char** argv) {
     settings.mediaTemplate = options.mediaTemplateOrDefault();
     settings.firstNumber = static_cast<std::uint64_t>(options.firstNumber);
     settings.timeShiftBufferSeconds = options.timeShiftBufferSeconds;
+    if (live) {
+        RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));
+        settings.runFolder = runs.current;
+        settings.earlierRuns = std::move(runs.earlier);
+    }
     Presentation presentation(settings, publisher,
                               options.dash ? static_cast<const ManifestWriter&>(dashManifest) : smoothManifest);
 

@@ -107,7 +107,8 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
         // Their files go a window later: players that read the manifest before may still fetch them.
         for (auto it = out.track.segments.begin(); it != out.track.segments.begin() + leaving; ++it) {
             try {
-                m_leaving.emplace_back(end + m_settings.timeShiftBufferSeconds, expandName(m_settings.mediaTemplate, out, it->time, it->number));
+                m_leaving.push_back({end + m_settings.timeShiftBufferSeconds,
+                                     expandName(m_settings.mediaTemplate, out, it->time, it->number), false});
             } catch (const std::exception&) {
                 // a name that expanded once expands again
             }
@@ -127,7 +128,11 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     const double start = static_cast<double>(timing->time) / static_cast<double>(timing->timescale);
     if (!m_firstStart || start < *m_firstStart) m_firstStart = start;
     m_mediaSeconds = std::max(m_mediaSeconds, end - *m_firstStart);
-    if (!m_availabilityStart) m_availabilityStart = m_now() - end;
+    if (!m_availabilityStart) {
+        m_availabilityStart = m_now() - end;
+        for (const std::string& folder : m_settings.earlierRuns)
+            m_leaving.push_back({end + m_settings.timeShiftBufferSeconds, folder, true});
+    }
 
     // DASH media files leave out the engine's marker boxes, which players do not know.
     Publication file{std::move(path), {}, {}, false};
@@ -138,8 +143,8 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     m_publisher.publish(std::move(file));
     if (m_live) publishManifestLocked();
     m_mediaEnd = std::max(m_mediaEnd, end);
-    while (!m_leaving.empty() && m_leaving.front().first <= m_mediaEnd) {
-        m_publisher.publish({std::move(m_leaving.front().second), {}, {}, false, true});
+    while (!m_leaving.empty() && m_leaving.front().after <= m_mediaEnd) {
+        m_publisher.publish({std::move(m_leaving.front().path), {}, {}, false, true, m_leaving.front().tree});
         m_leaving.pop_front();
     }
 }
@@ -235,6 +240,7 @@ std::string Presentation::expandName(const std::string& pattern, const Output& o
     variables.add("number", std::to_string(number));
     variables.add("ext", "mp4");
     std::string name = ve::expand(pattern, variables);
+    if (!m_settings.runFolder.empty()) name = m_settings.runFolder + "/" + name;
     std::string why;
     if (!nameStaysInside(name, why)) throw std::runtime_error("the file name '" + name + "' is refused: " + why);
     return name;
@@ -259,7 +265,8 @@ std::string Presentation::manifestMediaTemplate(const Output& out) const {
         variables.add("time", "{start time}");
         variables.add("number", "{start time}");
     }
-    return ve::expand(m_settings.mediaTemplate, variables);
+    const std::string text = ve::expand(m_settings.mediaTemplate, variables);
+    return m_settings.runFolder.empty() ? text : m_settings.runFolder + "/" + text;
 }
 
 }  // namespace fmp4mux

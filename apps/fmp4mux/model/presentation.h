@@ -28,6 +28,10 @@ struct PresentationSettings {
     std::string mediaTemplate;
     std::uint64_t firstNumber = 1;
     std::uint32_t timeShiftBufferSeconds = 60;
+    // Live: the folder this run's files go in, below the root, and the folders of earlier runs, which are taken
+    // away once this run has packaged a window (players that read the earlier run's manifest may still fetch).
+    std::string runFolder;
+    std::vector<std::string> earlierRuns;
 };
 
 class Presentation {
@@ -102,7 +106,12 @@ private:
     std::optional<double> m_availabilityStart;
     // Files of segments that have left a live window, with the media time (seconds) after which they go: a grace
     // of a window more, for players still fetching them.
-    std::deque<std::pair<double, std::string>> m_leaving;
+    struct Leaving {
+        double after;
+        std::string path;
+        bool tree;  // an earlier run's folder
+    };
+    std::deque<Leaving> m_leaving;
     double m_mediaEnd = 0;
     std::optional<std::string> m_failure;
 };

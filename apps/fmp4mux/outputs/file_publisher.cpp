@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -41,6 +42,24 @@ OutputFolder::OutputFolder(const std::string& dir) {
 
 OutputFolder::~OutputFolder() {
     if (m_lock >= 0) ::close(m_lock);
+}
+
+RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start) {
+    RunFolders folders;
+    std::error_code code;
+    for (const auto& entry : std::filesystem::directory_iterator(outputDirectory, code)) {
+        const std::string name = entry.path().filename().string();
+        if (entry.is_directory() && name.rfind("run-", 0) == 0 && name.size() >= 20) folders.earlier.push_back(name);
+    }
+    std::sort(folders.earlier.begin(), folders.earlier.end());
+    std::tm utc{};
+    gmtime_r(&start, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "run-%Y%m%dT%H%M%SZ", &utc);
+    folders.current = stamp;
+    for (int n = 2; std::filesystem::exists(outputDirectory + "/" + folders.current); ++n)
+        folders.current = std::string(stamp) + "-" + std::to_string(n);
+    return folders;
 }
 
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
@@ -132,7 +151,9 @@ void FilePublisher::run() {
             // names): a folder taken away during the run stops it.
             if (!std::filesystem::is_directory(m_root))
                 throw std::runtime_error("the output folder '" + m_root + "' was removed during the run");
-            if (next.remove)
+            if (next.remove && next.tree)
+                std::filesystem::remove_all(m_root + "/" + next.path);
+            else if (next.remove)
                 std::filesystem::remove(m_root + "/" + next.path);  // throws only when a file there stays
             else
                 writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges);

@@ -4,6 +4,7 @@
 // be written (a full disk, a file size limit) stops all writing: what is on disk stays consistent, since every
 // manifest is published after the files it lists.
 #include <condition_variable>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -53,6 +54,16 @@ public:
 private:
     int m_lock = -1;
 };
+
+// The folder of a live run below the output folder, named for the run's start in UTC ("run-20261125T170102Z",
+// then "-2", "-3" for further runs of the same second), and the folders of earlier runs found there. A live
+// channel's timeline starts again with each run, so each run's files get names no earlier run used: a CDN
+// that cached an earlier run's segment never serves it for this run's.
+struct RunFolders {
+    std::string current;
+    std::vector<std::string> earlier;
+};
+RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start);
 
 // Writes the ranges of `bytes` (all of it when there are none) to `path` through a temporary name and a rename.
 // Raises std::runtime_error with the reason on failure.

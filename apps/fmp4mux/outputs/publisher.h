@@ -19,6 +19,8 @@ struct Publication {
     bool replaceable = false;
     // Takes the file away instead (a segment that has left a live window); a file already gone is no failure.
     bool remove = false;
+    // With `remove`: takes away the folder at `path` with all it holds (an earlier live run's).
+    bool tree = false;
 };
 
 class Publisher {

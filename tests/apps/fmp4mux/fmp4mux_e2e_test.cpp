@@ -385,9 +385,6 @@ TEST(Fmp4muxEndToEnd, AFullDiskFailsClearlyAndLeavesNoManifestOfWhatWasNotWritte
     }
 }
 
-// Standard input is a live input. Fed a file three times over with its times going on (ffmpeg -stream_loop), it
-// keeps a timeline that goes forward, with no empty segment where the file starts again, and the MPD that ends
-// the run lists the segments of the time-shift window, which decode.
 // An input that does not tell its rate (a pipe) has it measured, and the audio track carries its language.
 TEST(Fmp4muxEndToEnd, APipedInputAnnouncesItsMeasuredRateAndItsAudioTrackItsLanguage) {
     const fs::path out = dir() / "piped-smooth";
@@ -402,11 +399,25 @@ TEST(Fmp4muxEndToEnd, APipedInputAnnouncesItsMeasuredRateAndItsAudioTrackItsLang
     EXPECT_EQ(language.output, "fra\n");
 }
 
+// Standard input is a live input. Fed a file three times over with its times going on (ffmpeg -stream_loop), it
+// keeps a timeline that goes forward, with no empty segment where the file starts again, and the MPD that ends
+// the run lists the segments of the time-shift window, which decode.
+// Run twice into one folder, a live channel's files never take a name its earlier run used (a CDN may have cached
+// them): each run writes below a folder of its own, and the earlier run's folder goes once a window has passed.
 TEST(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
     const fs::path out = dir() / "looped";
-    const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + q(made(kH264)) +
-                         " -map 0 -c copy -f mpegts - | " + mux("--time-shift-buffer 6 - " + q(out)));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
+    std::vector<std::string> runFolders;
+    for (int run = 0; run < 2; ++run) {
+        const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + q(made(kH264)) +
+                             " -map 0 -c copy -f mpegts - | " + mux("--time-shift-buffer 6 - " + q(out)));
+        ASSERT_EQ(r.exitCode, 0) << r.output;
+        const std::string mpd = readText(out / "manifest.mpd");
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(mpd, m, std::regex("media=\"(run-[0-9T]+Z(-[0-9]+)?)/"))) << mpd;
+        runFolders.push_back(m[1]);
+    }
+    EXPECT_NE(runFolders[0], runFolders[1]);
+    EXPECT_FALSE(fs::exists(out / runFolders[0])) << "the earlier run's files stay";
     expectValidMpd(out);
     const std::string mpd = readText(out / "manifest.mpd");
     EXPECT_EQ(count(mpd, "<Representation "), 2u) << mpd;
