@@ -32,7 +32,7 @@ struct TrackFragmentParameters {
     bool audio = false;
     // Set for a chunk under encryption: the samples' encryption info (ISample::getEncryptionInfo) goes into the
     // boxes of makeEncryptionBoxes, after trun. Unset, or no sample with info: no encryption box.
-    std::optional<SampleEncryptionContext> encryption;
+    std::optional<SampleEncryptionContext> encryption{};
 };
 
 struct TrackFragment {
