@@ -20,55 +20,38 @@ const std::string kKid = " 00112233 44556677 8899AABB CCDDEEFF ";
 const Uuid kWidevine = uuidFromString("edef8ba9-79d6-4ace-a3c8-27dcd51d21ed");
 
 TEST(ProtectionBoxes, Layouts) {
-    auto sgpdPerEntryLength = std::make_shared<SampleGroupDescriptionBox>(fourCC("seig"), 1, 0);
-    sgpdPerEntryLength->addEntry(std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(false, 16, kKeyId));
+    auto sgpd = std::make_shared<SampleGroupDescriptionBox>(fourCC("seig"), 1, 0);
+    sgpd->addEntry(std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(false, 16, kKeyId));
     auto saio = std::make_shared<SampleAuxiliaryInformationOffsetsBox>(fourCC("cenc"), 0, 1);
     saio->addOffset(0);
     saio->setOffset(0, 0x1234);
+    VisualSampleEntry video(fourCC("avc1"));
+    AudioSampleEntry audio(fourCC("mp4a"));
+    PlainTextSampleEntry text(fourCC("wvtt"));
+    ASSERT_TRUE(protectSampleEntry(video, true, kKeyId, 8, true) && protectSampleEntry(audio, false, kKeyId, 16, false));
+    EXPECT_FALSE(protectSampleEntry(text, true, kKeyId, 8, true));
+    EXPECT_EQ(fourCCText(video.getType()) + fourCCText(audio.getType()) + fourCCText(text.getType()), "encvencawvtt");
     const struct {
-        const char* name;
         std::shared_ptr<Box> box;
         std::string bytes;
     } cases[] = {
-        // version 0, flags 0; default_isProtected 1 in 24 bits (two reserved bytes, then 1), IV size 8, key id
-        {"tenc", std::make_shared<TrackEncryptionBox>(true, 8, kKeyId), "00000020 'tenc' 00000000 000001 08" + kKid},
-        {"schm cenc", std::make_shared<SchemeTypeBox>(fourCC("cenc"), 0x10000), "00000014 'schm' 00000000 'cenc' 00010000"},
-        {"frma", std::make_shared<OriginalFormatBox>(fourCC("avc1")), "0000000C 'frma' 'avc1'"},
-        // sinf: frma, schm, schi holding tenc
-        {"sinf DASH", makeProtectionInfo(fourCC("avc1"), true, kKeyId, 8, true),
-         "00000050 'sinf' 0000000C 'frma' 'avc1' 00000014 'schm' 00000000 'cenc' 00010000"
-         " 00000028 'schi' 00000020 'tenc' 00000000 000001 08" + kKid},
-        {"sinf Smooth", makeProtectionInfo(fourCC("mp4a"), false, kKeyId, 16, false),
-         "00000050 'sinf' 0000000C 'frma' 'mp4a' 00000014 'schm' 00000000 'piff' 00010001"
-         " 00000028 'schi' 00000020 'tenc' 00000000 000000 10" + kKid},
+        // sinf: frma with the old type; schm version 0, flags 0, scheme and its version; schi holding tenc: version
+        // 0, flags 0, default_isProtected 1 in 24 bits (two reserved bytes, then 1), IV size 8, key id
+        {video.getProtection(), "00000050 'sinf' 0000000C 'frma' 'avc1' 00000014 'schm' 00000000 'cenc' 00010000"
+                                " 00000028 'schi' 00000020 'tenc' 00000000 000001 08" + kKid},
+        {audio.getProtection(), "00000050 'sinf' 0000000C 'frma' 'mp4a' 00000014 'schm' 00000000 'piff' 00010001"
+                                " 00000028 'schi' 00000020 'tenc' 00000000 000000 10" + kKid},
         // version 0, flags 0, system id as written, data size, data
-        {"pssh", std::make_shared<ProtectionSystemSpecificHeaderBox>(kWidevine, std::vector<std::uint8_t>{0xAA, 0xBB, 0xCC}),
+        {std::make_shared<ProtectionSystemSpecificHeaderBox>(kWidevine, std::vector<std::uint8_t>{0xAA, 0xBB, 0xCC}),
          "00000023 'pssh' 00000000 EDEF8BA9 79D64ACE A3C827DC D51D21ED 00000003 AABBCC"},
-        {"pssh PIFF", std::make_shared<ProtectionSystemSpecificHeaderBox>(kWidevine, std::vector<std::uint8_t>{0xAA}, false),
+        {std::make_shared<ProtectionSystemSpecificHeaderBox>(kWidevine, std::vector<std::uint8_t>{0xAA}, false),
          "00000031 'uuid' D08A4F18 10F34A82 B6C832D8 ABA183D3 00000000 EDEF8BA9 79D64ACE A3C827DC D51D21ED 00000001 AA"},
         // version 1, flags 1: aux info type and parameter, entry count, 64-bit offset
-        {"saio", saio, "00000020 'saio' 01000001 'cenc' 00000000 00000001 0000000000001234"},
+        {saio, "00000020 'saio' 01000001 'cenc' 00000000 00000001 0000000000001234"},
         // version 1, default length 0: each entry has its length; isProtected 0, IV size 16
-        {"sgpd lengths", sgpdPerEntryLength, "00000030 'sgpd' 01000000 'seig' 00000000 00000001 00000014 000000 10" + kKid},
+        {sgpd, "00000030 'sgpd' 01000000 'seig' 00000000 00000001 00000014 000000 10" + kKid},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_BYTES(writeBox(c.box), hex(c.bytes));
-    }
-}
-
-TEST(ProtectionBoxes, ProtectedEntriesKeepTheirTypeInFrma) {
-    VisualSampleEntry video(fourCC("hvc1"));
-    AudioSampleEntry audio(fourCC("ec-3"));
-    PlainTextSampleEntry text(fourCC("wvtt"));
-    ASSERT_TRUE(protectSampleEntry(video, true, kKeyId, 8, true));
-    ASSERT_TRUE(protectSampleEntry(audio, true, kKeyId, 8, true));
-    EXPECT_FALSE(protectSampleEntry(text, true, kKeyId, 8, true));
-    EXPECT_EQ(fourCCText(video.getType()), "encv");
-    EXPECT_EQ(fourCCText(audio.getType()), "enca");
-    EXPECT_EQ(fourCCText(text.getType()), "wvtt");
-    EXPECT_EQ(testkit::slice(writeBox(video.getProtection()), 8, 12), hex("0000000C 'frma' 'hvc1'"));
-    EXPECT_EQ(testkit::slice(writeBox(audio.getProtection()), 8, 12), hex("0000000C 'frma' 'ec-3'"));
+    for (const auto& c : cases) EXPECT_BYTES(writeBox(c.box), hex(c.bytes));
 }
 
 // A sample of `size` bytes for the encryption boxes, with or without encryption info.
@@ -76,10 +59,9 @@ struct EncryptedSample : ISample {
     EncryptedSample(std::size_t bytes, std::optional<SampleEncryptionInfo> encryption) : size(bytes), info(std::move(encryption)) {}
     std::size_t size;
     std::optional<SampleEncryptionInfo> info;
-    std::int64_t dts = 0;
 
-    bool getPts(std::int64_t& v) const override { return getDts(v); }
-    bool getDts(std::int64_t& v) const override { return v = dts, true; }
+    bool getPts(std::int64_t& v) const override { return v = 0, true; }
+    bool getDts(std::int64_t& v) const override { return v = 0, true; }
     bool getTimescale(std::uint64_t& v) const override { return v = 90000, true; }
     bool getDuration(std::int64_t& v) const override { return v = 3600, true; }
     std::uint32_t getSapType() const override { return 1; }
@@ -91,8 +73,6 @@ struct EncryptedSample : ISample {
 
 const SampleEncryptionInfo kVideo1{hex("0102030405060708"), {{5, 16}, {14, 32}}};  // 67 bytes
 const SampleEncryptionInfo kVideo2{hex("0102030405060709"), {{8, 992}}};             // 1000 bytes
-const SampleEncryptionInfo kAudio1{hex("0102030405060708"), {}};
-const SampleEncryptionInfo kAudio2{hex("0102030405060709"), {}};
 // Entries: IV, then for video subsample count (16) and per subsample clear (16) and protected (32) bytes.
 const std::string kVideoEntries = "0102030405060708 0002 0005 00000010 000E 00000020  0102030405060709 0001 0008 000003E0";
 
@@ -112,7 +92,7 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
          "0000004A 'senc' 00000003 000001 08" + kKid + "00000002 " + kVideoEntries,
          "0000001B 'saiz' 00000001 'cenc' 00000000 00 00000002 16 10"},
         // no subsample fields; every entry 8 bytes: saiz default 8, no table
-        {"audio", false, false, true, {{10, kAudio1}, {10, kAudio2}},
+        {"audio", false, false, true, {{10, SampleEncryptionInfo{kVideo1.iv, {}}}, {10, SampleEncryptionInfo{kVideo2.iv, {}}}},
          "00000020 'senc' 00000000 00000002 0102030405060708 0102030405060709",
          "00000019 'saiz' 00000001 'cenc' 00000000 08 00000002"},
         // a video sample without info among encrypted ones: zero IV, 70000 clear bytes in two runs; both 22 bytes
@@ -133,8 +113,7 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
         const testkit::Bytes senc = writeBox(boxes.senc);
         EXPECT_BYTES(senc, hex(c.senc));
         if (!c.dash) {
-            EXPECT_FALSE(boxes.saiz || boxes.saio || boxes.sbgp || boxes.sgpd);
-            EXPECT_TRUE(boxes.auxiliaryData.empty());
+            EXPECT_TRUE(!boxes.saiz && !boxes.saio && !boxes.sbgp && !boxes.sgpd && boxes.auxiliaryData.empty());
             continue;
         }
         EXPECT_BYTES(writeBox(boxes.saiz), hex(c.saiz));
@@ -148,44 +127,37 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
     }
 }
 
-// The types of a traf's children, in order.
-std::string childTypes(const Box& traf) {
-    std::string types;
-    for (const auto& child : traf.getChildren()) types += fourCCText(child->getType()) + " ";
-    return types;
-}
-
 TEST(EncryptionBoxes, WhatTheTrackFragmentGets) {
-    const std::vector<EncryptedSample> encrypted = {{67, kVideo1}};
-    const std::vector<EncryptedSample> clear = {{67, std::nullopt}};
+    const std::vector<EncryptedSample> encrypted = {{67, kVideo1}}, clear = {{67, std::nullopt}}, none;
     const SampleEncryptionContext dash{kKeyId, false, true}, smooth{kKeyId, false, false};
     const struct {
         const char* name;
-        const std::vector<EncryptedSample>* samples;
-        bool video, audio, smoothChunk;
+        const std::vector<EncryptedSample>& samples;
+        bool video, audio;
         std::optional<SampleEncryptionContext> context;
         const char* types;
     } cases[] = {
-        {"DASH video", &encrypted, true, false, false, dash, "tfhd tfdt trun saiz saio sbgp sgpd "},
-        {"DASH audio", &encrypted, false, true, false, dash, "tfhd tfdt trun saiz saio sbgp sgpd "},
-        {"Smooth: senc last", &encrypted, true, false, true, smooth, "tfhd uuid uuid trun sdtp uuid "},
-        {"no context", &encrypted, true, false, false, std::nullopt, "tfhd tfdt trun "},
-        {"neither video nor audio", &encrypted, false, false, false, dash, "tfhd tfdt trun "},
-        {"no sample with info", &clear, true, false, false, dash, "tfhd tfdt trun "},
-        {"no sample", nullptr, true, false, false, dash, "tfhd tfdt trun "},
+        {"DASH video", encrypted, true, false, dash, "tfhd tfdt trun saiz saio sbgp sgpd "},
+        {"DASH audio", encrypted, false, true, dash, "tfhd tfdt trun saiz saio sbgp sgpd "},
+        {"Smooth: senc last", encrypted, true, false, smooth, "tfhd uuid uuid trun sdtp uuid "},
+        {"no context", encrypted, true, false, std::nullopt, "tfhd tfdt trun "},
+        {"neither video nor audio", encrypted, false, false, dash, "tfhd tfdt trun "},
+        {"no sample with info", clear, true, false, dash, "tfhd tfdt trun "},
+        {"no sample", none, true, false, dash, "tfhd tfdt trun "},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<const ISample*> samples;
-        if (c.samples)
-            for (const auto& s : *c.samples) samples.push_back(&s);
+        for (const auto& s : c.samples) samples.push_back(&s);
         TrackFragmentParameters p{.video = c.video, .segmentDuration = 3600, .trackTimescale = 90000};
-        p.dash = !c.smoothChunk;
+        p.dash = !c.context || c.context->dashForm;
         p.audio = c.audio;
         p.encryption = c.context;
         const TrackFragment fragment = TrackFragmentBuilder::build(p, samples);
-        EXPECT_EQ(childTypes(*fragment.traf), c.types);
-        EXPECT_EQ(fragment.encryption.auxiliaryData.empty(), std::string(c.types).find("saio") == std::string::npos);
+        std::string types;
+        for (const auto& child : fragment.traf->getChildren()) types += fourCCText(child->getType()) + " ";
+        EXPECT_EQ(types, c.types);
+        EXPECT_EQ(fragment.encryption.auxiliaryData.empty(), types.find("saio") == std::string::npos);
     }
 }
 
