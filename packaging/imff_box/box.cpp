@@ -181,6 +181,11 @@ Box::Box(const Box& other) : m_type(other.m_type), m_extendedType(other.m_extend
 
 bool Box::isUuid() const { return m_type == kUuid; }
 
+void Box::setExtendedType(const Uuid& extendedType) {
+    m_type = kUuid;
+    m_extendedType = extendedType;
+}
+
 std::uint64_t Box::getSize() const {
     std::uint64_t size = isUuid() ? 24 : 8;
     if (!m_children.empty()) {

@@ -107,6 +107,8 @@ public:
     FourCC getType() const { return m_type; }
     void setType(FourCC type) { m_type = type; }
     const Uuid& getExtendedType() const { return m_extendedType; }
+    // Makes the box a "uuid" box of that extended type.
+    void setExtendedType(const Uuid& extendedType);
     bool isUuid() const;
 
 protected:

@@ -147,6 +147,10 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
     }
     fragment.traf->addChild(fragment.trun);
     if (sdtp) fragment.traf->addChild(sdtp);
+    if (p.encryption && (p.video || p.audio)) {
+        fragment.encryption = makeEncryptionBoxes(fragment.samples, *p.encryption, p.video);
+        addEncryptionBoxes(*fragment.traf, fragment.encryption);
+    }
     return fragment;
 }
 

@@ -1,13 +1,16 @@
 #pragma once
 // Fills the track fragment (traf) of one stream from its samples: tfhd, then tfdt (DASH) or the two
-// Smooth Streaming time boxes, then trun, then sdtp (Smooth Streaming).
+// Smooth Streaming time boxes, then trun, then sdtp (Smooth Streaming), then the encryption boxes of an
+// encrypted video or audio track.
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "packaging/imff_box/box.h"
 #include "packaging/imff_box/fragment_boxes.h"
 #include "packaging/imff_box/i_sample.h"
+#include "packaging/imff_box/protection_boxes.h"
 
 namespace tvrn::encoding::packaging::imff::imff_box {
 inline namespace v0 {
@@ -25,6 +28,11 @@ struct TrackFragmentParameters {
     // per sample when a run holds a second sync sample), and a last sample the run's duration leaves (almost)
     // nothing for keeps its own duration. Off, every sample after the first takes the trex default of 0.
     bool playerCompatible = false;
+    // An audio track (with video false). Only video and audio tracks are encrypted.
+    bool audio = false;
+    // Set for a chunk under encryption: the samples' encryption info (ISample::getEncryptionInfo) goes into the
+    // boxes of makeEncryptionBoxes, after trun. Unset, or no sample with info: no encryption box.
+    std::optional<SampleEncryptionContext> encryption{};
 };
 
 struct TrackFragment {
@@ -36,6 +44,9 @@ struct TrackFragment {
     std::uint64_t payloadSize = 0;
     // The first sample's decode time in track units (without the timestamp offset).
     std::int64_t firstDecodeTime = 0;
+    // The encryption boxes, null when none. In the DASH form the chunk writer puts encryption.auxiliaryData at
+    // the start of mdat (ahead of all samples) and sets the one offset of encryption.saio to it.
+    EncryptionBoxes encryption;
 };
 
 // Exact rescaling of a time from one rate to another, truncated, without overflow (128-bit products).

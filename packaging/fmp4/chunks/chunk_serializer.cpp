@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 
 #include "packaging/imff_box/fragment_builder.h"
 #include "packaging/imff_box/movie_boxes.h"
@@ -72,8 +73,14 @@ std::uint32_t clamp32(std::uint64_t value) {
 ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
     if (p.timescale == 0 || p.timescale > std::numeric_limits<std::uint32_t>::max())
         throw CorvaneException("invalid chunk timescale");
-    // The pssh boxes of a segment start come from the encryption provider, which the session does not have.
-    if (p.dash && p.psshInFragments && p.atSegmentStart) throw CorvaneException("No Encryption Provider Specified");
+    // The pssh boxes of a segment start come from the encryption record: without one there is no provider to ask.
+    const bool psshInMoof = p.dash && p.psshInFragments && p.atSegmentStart;
+    if (psshInMoof && !p.encryption) throw CorvaneException("No Encryption Provider Specified");
+    const FragmentEncryptionInfo* encryption = p.encryption ? &*p.encryption : nullptr;
+    std::optional<SampleEncryptionContext> trackEncryption;
+    if (encryption && encryption->encrypted)
+        trackEncryption = SampleEncryptionContext{encryption->keyId, encryption->overrideTrackEncryption,
+                                                  encryption->dashForm && p.dash};
 
     std::vector<ChunkTrack> tracks = p.tracks;
     std::stable_sort(tracks.begin(), tracks.end(),
@@ -86,11 +93,14 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
     if (p.playerCompatible) duration = std::max(duration, presentedSpan(tracks, p.timescale));
 
     auto moof = std::make_shared<Box>(fourCC("moof"));
-    // pssh boxes of an encrypted fragment go here, before mfhd.
+    // Players read pssh boxes ahead of mfhd.
+    if (psshInMoof)
+        for (const auto& pssh : encryption->fragmentProtectionBoxes) moof->addChild(pssh);
     moof->addChild(std::make_shared<MovieFragmentHeaderBox>(static_cast<std::uint32_t>(p.chunkNumber)));
     std::vector<TrackFragment> fragments;
     fragments.reserve(tracks.size());
     std::uint64_t payload = 0;
+    std::uint64_t auxiliary = 0;
     for (const ChunkTrack& track : tracks) {
         TrackFragmentParameters t;
         t.trackId = track.trackId;
@@ -102,19 +112,32 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
         t.dash = p.dash;
         t.writeSampleDescriptionIndex = p.allVideoInInit;
         t.playerCompatible = p.playerCompatible;
+        t.audio = track.contentType == ChunkAudio;
+        t.encryption = trackEncryption;
         fragments.push_back(TrackFragmentBuilder::build(t, track.chunk ? boxSamples(*track.chunk) : std::vector<const ISample*>{}));
         moof->addChild(fragments.back().traf);
         payload += fragments.back().payloadSize;
+        auxiliary += fragments.back().encryption.auxiliaryData.size();
     }
-    auto mdat = std::make_shared<MediaDataBox>(payload);
+    // mdat: the samples' encryption data of all tracks (DASH form), then the samples of all tracks.
+    auto mdat = std::make_shared<MediaDataBox>(auxiliary + payload);
     const std::uint64_t moofSize = moof->getSize();
-    const std::uint64_t mdatHeader = mdat->getSize() - payload;
+    const std::uint64_t mdatHeader = mdat->getSize() - auxiliary - payload;
+
+    // Each saio points at its track's part of the encryption data, counted from the start of moof (the DASH form
+    // is used in DASH chunks only, whose tfhd says default-base-is-moof).
+    std::uint64_t auxiliaryBefore = 0;
+    for (TrackFragment& fragment : fragments) {
+        if (!fragment.encryption.saio) continue;
+        fragment.encryption.saio->setOffset(0, moofSize + mdatHeader + auxiliaryBefore);
+        auxiliaryBefore += fragment.encryption.auxiliaryData.size();
+    }
 
     // Data offsets: DASH counts every run from the start of moof; without default-base-is-moof the first track
     // fragment counts from moof and each later one from the end of the data of the one before.
     std::uint64_t before = 0;
     for (std::size_t i = 0; i < fragments.size(); ++i) {
-        const std::uint64_t offset = p.dash || i == 0 ? moofSize + mdatHeader + before : 0;
+        const std::uint64_t offset = p.dash || i == 0 ? moofSize + mdatHeader + auxiliary + before : 0;
         if (offset > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max()))
             throw CorvaneException("chunk too large for its data offsets");
         fragments[i].trun->setDataOffset(static_cast<std::int32_t>(offset));
@@ -165,6 +188,8 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
     out.data.reset(new std::uint8_t[out.size]);  // every byte is written below: no zero fill
     ImffBitWriter writer(out.data.get(), out.size);
     for (const auto& box : head) binarizeChecked(*box, writer);
+    for (const TrackFragment& fragment : fragments)
+        writer.copyBuffer(fragment.encryption.auxiliaryData.data(), fragment.encryption.auxiliaryData.size());
     for (const TrackFragment& fragment : fragments) TrackFragmentBuilder::writePayload(fragment, writer);
     for (const auto& box : tail) binarizeChecked(*box, writer);
     if (writer.getBytePosition() != out.size) throw CorvaneException("chunk size mismatch");

@@ -3,10 +3,13 @@
 // The size is computed first, the chunk is allocated once, and each payload byte is copied exactly once.
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "packaging/fmp4_types/stream_attributes.h"
 #include "packaging/fmp4_types/sync_sample.h"
+#include "packaging/imff_box/box.h"
+#include "packaging/imff_box/protection_boxes.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
@@ -16,6 +19,25 @@ struct ChunkTrack {
     std::uint32_t trackId = 1;
     ChunkContentType contentType = ChunkVideo;
     const StreamChunk* chunk = nullptr;
+};
+
+// What the encryption side gives for one chunk of a session that has an encryption provider.
+struct FragmentEncryptionInfo {
+    // The chunk's video and audio samples were encrypted and carry their SampleEncryptionInfo. False: the chunk
+    // is clear and gets no encryption box (pssh boxes still go in, see below).
+    bool encrypted = false;
+    // Each senc says algorithm, IV size and key id itself (flag 0x1). Matters in the Smooth Streaming form only,
+    // where senc is written; the DASH form names the key in its seig group instead.
+    bool overrideTrackEncryption = false;
+    // DASH: per track saiz, saio, sbgp and sgpd, and the samples' encryption data at the start of mdat, ahead of
+    // the sample data, in track order. Smooth Streaming: the PIFF senc box in each traf. The DASH form needs a
+    // DASH chunk (default-base-is-moof): in a Smooth Streaming chunk the Smooth Streaming form is used.
+    bool dashForm = true;
+    // pssh boxes: they open moof, ahead of mfhd, in a DASH chunk at a segment start when pssh boxes in fragments
+    // are asked for (psshInFragments), and are left out otherwise.
+    imff_box::BoxList fragmentProtectionBoxes;
+    // The chunk's key, in GUID memory order (see imff_box::KeyId).
+    imff_box::KeyId keyId{};
 };
 
 struct ChunkSerialisationParameters {
@@ -32,6 +54,8 @@ struct ChunkSerialisationParameters {
     bool playerCompatible = false;
     std::uint64_t timescale = 10000000;
     std::int64_t negatedOrigin = 0;  // at the timescale, added to DASH decode and presentation times
+    // Set when the session has an encryption provider, for every chunk, clear ones included; unset otherwise.
+    std::optional<FragmentEncryptionInfo> encryption{};
 };
 
 struct ChunkBytes {
@@ -39,8 +63,8 @@ struct ChunkBytes {
     std::size_t size = 0;
 };
 
-// Fails with "No Encryption Provider Specified" when DASH fragments must carry pssh boxes at a segment start,
-// since the session has no encryption provider to give them.
+// Fails with "No Encryption Provider Specified" when DASH fragments must carry pssh boxes at a segment start and
+// there is no encryption record to give them. With no encryption record the chunk is clear.
 ChunkBytes serialiseChunk(const ChunkSerialisationParameters& parameters);
 
 }  // namespace v7_2
