@@ -35,34 +35,34 @@ struct ManualPlayReadyConfiguration {
 
 struct BuyDrmConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::BuyDrm;
-    std::string serverUrl;
+    std::string serverUrl{};
 };
 
 struct HarmonicConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::HarmonicKms;
-    std::string keySessionUrl;
+    std::string keySessionUrl{};
     // Tried when the session address does not connect; empty for none.
-    std::string backupKeySessionUrl;
+    std::string backupKeySessionUrl{};
 };
 
 struct VerimatrixConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::Verimatrix;
-    std::string serverUrl;
+    std::string serverUrl{};
 };
 
 struct SecureMediaConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::SecureMedia;
-    std::string serverUrl;
+    std::string serverUrl{};
 };
 
 struct InsideSecureConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::InsideSecure;
-    std::string serverUrl;
+    std::string serverUrl{};
 };
 
 struct WidevineConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::Widevine;
-    std::string serverUrl;
+    std::string serverUrl{};
 };
 
 struct MultiDrmConfiguration {
@@ -90,21 +90,21 @@ struct IrdetoPlayReadyScalableLicense {};
 
 struct IrdetoConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::Irdeto;
-    std::string serverUrl;
-    std::variant<IrdetoGenerateKeysSettings, IrdetoPlayReadyScalableLicense> variant;
+    std::string serverUrl{};
+    std::variant<IrdetoGenerateKeysSettings, IrdetoPlayReadyScalableLicense> variant{};
 };
 
 // How key server connections are secured: nothing (plain), or TLS with these settings. Copied whole into each
 // client.
 struct ClientCertificate {
-    std::string keyFile;
-    std::optional<std::string> password;  // the operator's secret: never logged
+    std::string keyFile{};
+    std::optional<std::string> password{};  // the operator's secret: never logged
 };
 struct TlsSettings {
     bool verifyPeer = true;
     bool verifyHost = true;
-    std::string caFile;
-    std::optional<ClientCertificate> clientCertificate;
+    std::string caFile{};
+    std::optional<ClientCertificate> clientCertificate{};
 };
 using TransportSecurity = std::variant<std::monostate, TlsSettings>;
 
