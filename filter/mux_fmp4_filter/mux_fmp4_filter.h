@@ -12,6 +12,7 @@
 
 #include "filter/mux_fmp4_filter/i_mux_fmp4_config.h"
 #include "filter/mux_fmp4_filter/pins.h"
+#include "packaging/encryption/i_encryption_provider.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
 #include "packaging/fmp4/fmp4_mux/mux_worker.h"
 #include "support/log/log_perf.h"
@@ -25,12 +26,7 @@ inline constexpr std::uint32_t kFilterMerit = 0x200000;
 
 enum class FilterState { Stopped, Paused, Running };
 
-// Told by the key-server clients whether the key server answers.
-class IEncryptionListener {
-public:
-    virtual void OnKeyServerStatus(bool up) = 0;
-    virtual ~IEncryptionListener() = default;
-};
+using packaging::encryption::IEncryptionListener;
 
 // The graph's event sink: told of errors that stop streaming, on the streaming thread.
 inline constexpr long EC_ERRORABORT = 0x03;

@@ -1,0 +1,161 @@
+#pragma once
+// The encryption configuration as the filter holds it: a mode and the record of that mode, the transport
+// security of key server connections, and the rules a configuration front end checks before it hands a
+// configuration over. Each record holds what this library reads of it; its provider adds the rest.
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+namespace tvrn::encoding::packaging::encryption {
+inline namespace v0 {
+
+// Stored as a number; a value outside this list is refused where the mode is dispatched on.
+enum class EncryptionMode : std::uint32_t {
+    None = 0,
+    Manual = 1,
+    ManualPlayReady = 2,
+    AutoGen = 3,
+    BuyDrm = 4,
+    HarmonicKms = 5,
+    Verimatrix = 6,
+    SecureMedia = 7,
+    InsideSecure = 8,
+    Widevine = 9,
+    MultiDrm = 10,
+    Irdeto = 11,
+};
+
+struct ManualPlayReadyConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::ManualPlayReady;
+};
+
+struct BuyDrmConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::BuyDrm;
+    std::string serverUrl{};
+};
+
+struct HarmonicConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::HarmonicKms;
+    std::string keySessionUrl{};
+    // Tried when the session address does not connect; empty for none.
+    std::string backupKeySessionUrl{};
+};
+
+struct VerimatrixConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::Verimatrix;
+    std::string serverUrl{};
+};
+
+struct SecureMediaConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::SecureMedia;
+    std::string serverUrl{};
+};
+
+struct InsideSecureConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::InsideSecure;
+    std::string serverUrl{};
+};
+
+struct WidevineConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::Widevine;
+    std::string serverUrl{};
+};
+
+struct MultiDrmConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::MultiDrm;
+};
+
+// Irdeto's key generation: the protection systems asked for, in the order the service lists them.
+struct IrdetoGenerateKeysSettings {
+    bool activeCloakPr = false;
+    bool ca = false;
+    bool clearKey = false;
+    bool hlsChinaDrm = false;
+    bool hlsPantos = false;
+    bool irdetoProtection = false;
+    bool marlin = false;
+    bool playReady = false;
+    bool primeTime = false;
+    bool ske = false;
+    bool fairPlayStreaming = false;
+    bool widevine = false;
+};
+
+// Irdeto's PlayReady Scalable License: no settings, and no provider yet.
+struct IrdetoPlayReadyScalableLicense {};
+
+struct IrdetoConfiguration {
+    static constexpr EncryptionMode kMode = EncryptionMode::Irdeto;
+    std::string serverUrl{};
+    std::variant<IrdetoGenerateKeysSettings, IrdetoPlayReadyScalableLicense> variant{};
+};
+
+// How key server connections are secured: nothing (plain), or TLS with these settings. Copied whole into each
+// client.
+struct ClientCertificate {
+    std::string keyFile{};
+    std::optional<std::string> password{};  // the operator's secret: never logged
+};
+struct TlsSettings {
+    bool verifyPeer = true;
+    bool verifyHost = true;
+    std::string caFile{};
+    std::optional<ClientCertificate> clientCertificate{};
+};
+using TransportSecurity = std::variant<std::monostate, TlsSettings>;
+
+class EncryptionConfiguration {
+public:
+    using Record = std::variant<std::monostate, ManualPlayReadyConfiguration, BuyDrmConfiguration,
+                                HarmonicConfiguration, VerimatrixConfiguration, SecureMediaConfiguration,
+                                InsideSecureConfiguration, WidevineConfiguration, MultiDrmConfiguration,
+                                IrdetoConfiguration>;
+
+    // Mode None.
+    EncryptionConfiguration() = default;
+    // A mode given without its record: None, Manual and AutoGen have none; for the others the record reads as
+    // missing. A number outside the modes is kept as it is.
+    explicit EncryptionConfiguration(EncryptionMode mode) : m_mode(mode) {}
+    // A mode with its record.
+    template <typename R>
+        requires(!std::is_same_v<std::decay_t<R>, EncryptionConfiguration> &&
+                 requires { std::decay_t<R>::kMode; })
+    EncryptionConfiguration(R&& record)  // NOLINT: a record converts to its configuration
+        : m_mode(std::decay_t<R>::kMode), m_record(std::forward<R>(record)) {}
+
+    EncryptionMode mode() const { return m_mode; }
+    // The record of mode R::kMode; std::logic_error "cannot convert union to given type" under another mode.
+    template <typename R>
+    const R& record() const {
+        const R* held = std::get_if<R>(&m_record);
+        if (held == nullptr || m_mode != R::kMode) throw std::logic_error("cannot convert union to given type");
+        return *held;
+    }
+
+private:
+    EncryptionMode m_mode = EncryptionMode::None;
+    Record m_record;
+};
+
+// The key server address for the "Connection Established to %s" line: empty for None, Manual, Manual PlayReady,
+// AutoGen and Multi-DRM; the record's address for the others (Harmonic: the key session address, or with
+// `backup` its backup address; `backup` gives the empty string in every other mode).
+std::string getServerUrl(const EncryptionConfiguration& configuration, bool backup = false);
+
+// The rules a configuration front end applies; the packaging path takes whatever it is given. Each answers true,
+// or false with the reason in `error`, which is left alone on true.
+
+// Output format 0 (Smooth Streaming) has no key rotation; 1 and 2 allow up to an hour; other formats anything.
+bool isValidKeyChangePeriod(int period, std::uint32_t outputFormat, std::string& error);
+// Which protection systems Irdeto may be asked for together.
+bool isValidIrdetoProtectionList(const IrdetoGenerateKeysSettings& settings, std::string& error);
+// What an Irdeto configuration may carry into MPEG-DASH output, and into HLS output.
+bool isValidForDash(const IrdetoConfiguration& configuration, std::string& error);
+bool isValidForHls(const IrdetoConfiguration& configuration, std::string& error);
+
+}  // namespace v0
+}  // namespace tvrn::encoding::packaging::encryption
