@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <limits>
 
+#include "packaging/encryption/sample_encryption.h"
 #include "packaging/fmp4/chunks/chunk_serializer.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
@@ -13,6 +14,7 @@
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
 
+using tvrn::log::LOG_ERROR;
 using tvrn::log::LOG_WARNING;
 
 namespace {
@@ -91,8 +93,63 @@ void ChunksBuilder::AddStream(std::uint32_t streamId, std::uint32_t trackId,
     ChunkStreamRecord record;
     record.attributes = attributes;
     record.trackId = trackId;
+    if (encrypting()) m_encryption->fillInitialisationVector(record.initialisationVector);
     m_streams[streamId] = std::move(record);
     m_attributes[streamId] = attributes;
+}
+
+void ChunksBuilder::SetEncryptionManager(std::unique_ptr<encryption::EncryptionManager> manager) {
+    m_encryption = std::move(manager);
+    for (auto& [id, record] : m_streams) {
+        record.initialisationVector.clear();
+        if (encrypting()) m_encryption->fillInitialisationVector(record.initialisationVector);
+    }
+}
+
+void ChunksBuilder::updateKeyAndEncrypt(const SegmentChunks& segments) {
+    for (auto& [id, record] : m_streams)
+        if (record.initialisationVector.empty()) m_encryption->fillInitialisationVector(record.initialisationVector);
+    // The key asked for is the key of the middle of the chunk, from the first stream that has one.
+    const auto first = std::find_if(segments.chunks.begin(), segments.chunks.end(),
+                                    [](const auto& entry) { return entry.second && !entry.second->samples.empty(); });
+    if (first != segments.chunks.end()) {
+        const std::int64_t start = chunkStartTime(*first->second, kHundredNs);
+        const std::uint64_t time =
+            static_cast<std::uint64_t>(std::max<std::int64_t>(start, 0)) + first->second->duration / 2;
+        std::vector<std::uint8_t> iv;
+        if (m_encryption->updateKey(time, iv) && !iv.empty())
+            for (auto& [id, record] : m_streams) record.initialisationVector = iv;
+    }
+    const bool keyReady = m_encryption->hasKey();
+    for (const auto& [id, chunk] : segments.chunks) {
+        const auto record = m_streams.find(id);
+        if (!chunk || chunk->samples.empty() || record == m_streams.end()) continue;
+        const auto* firstSample = dynamic_cast<const Fmp4Sample*>(chunk->samples.front().get());
+        if (!firstSample) continue;
+        const encryption::SampleProtection protection = encryption::protectionForSampleKind(firstSample->kind());
+        if (protection == encryption::SampleProtection::Clear) continue;
+        if (!keyReady) {
+            m_logger.WriteMsg(LOG_ERROR, "segment not encrypted (encryption key not available)");
+            continue;
+        }
+        // Each sample as the list of its NALs' bytes, encrypted in place; its record goes with it.
+        std::vector<Sample*> samples;
+        std::vector<std::vector<encryption::NalBytes>> nals;
+        for (const auto& entry : chunk->samples) {
+            const auto* sample = dynamic_cast<const Fmp4Sample*>(entry.get());
+            if (!sample) continue;
+            samples.push_back(sample->sample().get());
+            nals.emplace_back();
+            for (const auto& nal : samples.back()->nals)
+                if (nal->capacity > 0 && nal->length > 0) nals.back().emplace_back(nal->data.data(), nal->length);
+        }
+        const std::vector<encryption::SampleNals> lists(nals.begin(), nals.end());
+        std::vector<std::optional<imff_box::SampleEncryptionInfo>> infos;
+        encryption::encryptStreamSamples(lists, protection == encryption::SampleProtection::Subsamples,
+                                         *m_encryption, record->second.initialisationVector, infos);
+        for (std::size_t i = 0; i < samples.size() && i < infos.size(); ++i)
+            if (infos[i]) samples[i]->encryptionInfo = std::make_unique<imff_box::SampleEncryptionInfo>(std::move(*infos[i]));
+    }
 }
 
 void ChunksBuilder::SetOutputs(const std::vector<ChunkOutputSeed>& outputs, bool inBandParameterSets,
@@ -132,7 +189,12 @@ void ChunksBuilder::OnFirstSegments(const SegmentChunks& first, std::uint64_t ti
     const ManifestDurations durations{timebase, segmentDuration, chunkDuration};
     for (auto& [index, output] : m_outputs) {
         // Timed-text outputs get an init chunk without encryption context; they have no sample entry yet.
-        InitChunk init(output.name, m_dash, m_playerCompatible);
+        // Timed text init chunks are never encrypted.
+        const auto only = output.streamIds.size() == 1 ? m_streams.find(static_cast<std::uint32_t>(output.streamIds[0]))
+                                                       : m_streams.end();
+        const bool text = only != m_streams.end() &&
+                          (only->second.attributes.type == TTML || only->second.attributes.type == WEBVTT);
+        InitChunk init(output.name, m_dash, m_playerCompatible, text ? nullptr : m_encryption.get());
         bool added = false;
         for (const std::int32_t id : output.streamIds) {
             const auto stream = m_streams.find(static_cast<std::uint32_t>(id));
@@ -237,8 +299,15 @@ void ChunksBuilder::checkDrift(const SegmentChunks& segments) {
 }
 
 void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
-    // With an encryption provider: the key update at mid-chunk and the sample encryption run here, and the
-    // parental rating map and timed-text builders take the chunk, each with its own issue.
+    if (encrypting()) updateKeyAndEncrypt(segments);
+    // The chunk is encrypted when the provider knows a key id: its samples then carry their encryption records.
+    std::optional<FragmentEncryptionInfo> encryption;
+    if (encrypting()) {
+        encryption.emplace();
+        encryption->dashForm = m_dash;
+        encryption->overrideTrackEncryption = m_encryption->overridesTrackEncryption();
+        encryption->encrypted = m_encryption->getKeyId(encryption->keyId);
+    }
     for (auto& [index, output] : m_outputs) {
         std::vector<ChunkTrack> tracks;
         bool discontinuity = false;
@@ -289,6 +358,11 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
         p.playerCompatible = m_playerCompatible;
         p.timescale = output.timescale;
         p.negatedOrigin = -rescale(m_timeOrigin, kHundredNs, output.timescale);
+        if (encryption) {
+            p.encryption = encryption;
+            if (m_psshInFragments && output.atSegmentStart)
+                m_encryption->getProtectionBoxes(p.encryption->fragmentProtectionBoxes, true);
+        }
         const ChunkBytes bytes = serialiseChunk(p);
 
         const bool written = output.output != nullptr &&

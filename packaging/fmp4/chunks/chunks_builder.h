@@ -62,6 +62,8 @@ public:
     void SetOutputs(const std::vector<ChunkOutputSeed>& outputs, bool inBandParameterSets, bool psshInFragments,
                     bool allVideoInInit) override;
     void SetDefaultParentalRating(std::uint32_t age) override;
+    void SetEncryptionManager(std::unique_ptr<encryption::EncryptionManager> manager) override;
+    encryption::EncryptionManager* GetEncryptionManager() override { return m_encryption.get(); }
 
     void OnChunks(const SegmentChunks& chunks, bool lastOfSegment) override;
     void OnFirstSegments(const SegmentChunks& first, std::uint64_t timebase, std::uint64_t chunkDuration,
@@ -82,6 +84,9 @@ private:
 
     void checkDrift(const SegmentChunks& segments);
     void buildChunk(const SegmentChunks& segments, bool last);
+    // The key of the chunk's middle, then the samples of its audio and video streams encrypted in place.
+    void updateKeyAndEncrypt(const SegmentChunks& segments);
+    bool encrypting() const { return m_encryption && m_encryption->hasProvider(); }
     std::string labelOf(int index, const ChunkOutput& output) const;
     std::uint64_t segmentMs(const ChunkOutput& output) const;
 
@@ -101,6 +106,7 @@ private:
     std::map<std::uint32_t, std::int64_t> m_earliest;    // per stream, 100 ns units
     std::deque<HeldChunks> m_held;
     std::optional<std::uint32_t> m_defaultRatingAge;
+    std::unique_ptr<encryption::EncryptionManager> m_encryption;
     std::function<std::int64_t()> m_clock;
     tvrn::log::ILogger& m_logger;
 };

@@ -3,6 +3,7 @@
 #include "packaging/fmp4/chunks/audio_sample_entry.h"
 #include "packaging/fmp4/chunks/video_sample_entry.h"
 #include "packaging/imff_box/movie_boxes.h"
+#include "packaging/imff_box/protection_boxes.h"
 #include "packaging/imff_box/vendor_boxes.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
@@ -21,8 +22,22 @@ std::uint32_t getBigEndian32(const std::uint8_t* at) {
 constexpr std::uint8_t kEmptyMfra[8] = {0, 0, 0, 8, 'm', 'f', 'r', 'a'};
 }  // namespace
 
-InitChunk::InitChunk(std::string name, bool dash, bool languageInMediaHeader)
-    : m_dash(dash), m_languageInMediaHeader(languageInMediaHeader), m_manifest(std::move(name), dash), m_movie(dash) {}
+InitChunk::InitChunk(std::string name, bool dash, bool languageInMediaHeader,
+                     encryption::EncryptionManager* encryption)
+    : m_dash(dash), m_encryption(encryption != nullptr && encryption->hasProvider() ? encryption : nullptr),
+      m_languageInMediaHeader(languageInMediaHeader), m_manifest(std::move(name), dash), m_movie(dash) {
+    if (!m_encryption) return;
+    imff_box::BoxList boxes;
+    m_encryption->getProtectionBoxes(boxes, dash);
+    for (auto& box : boxes) m_movie.getMovieBox()->addChild(std::move(box));
+}
+
+void InitChunk::protect(imff_box::SampleEntry& entry) const {
+    encryption::KeyId keyId{};
+    if (!m_encryption || !m_encryption->getKeyId(keyId)) return;
+    imff_box::protectSampleEntry(entry, true, keyId,
+                                 static_cast<std::uint8_t>(m_encryption->getInitialisationVectorSize()), m_dash);
+}
 
 InitChunk::~InitChunk() = default;
 
@@ -33,6 +48,7 @@ std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale
         // "mp4a" from the stream's decoder configuration; the track's timescale is the output's, not the rate.
         AudioSampleEntryResult audio = makeAudioSampleEntry(streamType, firstChunk, attributes);
         if (!audio.entry) return 0;
+        protect(*audio.entry);
         const std::uint32_t index = m_movie.addTrack(trackId, timescale, imff_box::TRACK_AUDIO, audio.entry, 0, 0,
                                                      m_languageInMediaHeader ? attributes.language : "und");
         if (isMain) m_manifest.AddAudio(trackId, audio.manifest, attributes, durations);
@@ -42,7 +58,7 @@ std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale
     // The in-band entries ("avc3", "hev1") are a DASH matter; Smooth Streaming clients know "avc1" and "hvc1".
     VideoSampleEntryResult video = makeVideoSampleEntry(streamType, firstChunk, m_dash && inBandParameterSets);
     if (!video.entry) return 0;
-    // An encryption provider with keys wraps the entry here (its name changes to "encv").
+    protect(*video.entry);
     const std::uint32_t width = video.entry->width;
     const std::uint32_t height = video.entry->height;
     const std::uint32_t index =

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "packaging/encryption/encryption_manager.h"
 #include "packaging/fmp4/manifest/live_server_manifest.h"
 #include "packaging/fmp4_types/stream_attributes.h"
 #include "packaging/fmp4_types/sync_sample.h"
@@ -18,10 +19,12 @@ inline namespace v7_2 {
 
 class InitChunk {
 public:
-    // The movie-wide protection boxes of an encryption provider join the moov here once encryption exists.
     // With `languageInMediaHeader` an audio track's mdhd carries the stream's language instead of "und", as
-    // players and MP4 tools read it there.
-    InitChunk(std::string name, bool dash, bool languageInMediaHeader = false);
+    // players and MP4 tools read it there. With an `encryption` manager that has a provider, the provider's
+    // protection system boxes go into moov here, and audio and video entries are protected ("encv", "enca")
+    // while the provider knows a key id. Timed text outputs get no manager.
+    InitChunk(std::string name, bool dash, bool languageInMediaHeader = false,
+              encryption::EncryptionManager* encryption = nullptr);
     virtual ~InitChunk();
 
     // Adds one stream: its sample entry comes from the parameter sets (video) or the decoder configuration
@@ -38,7 +41,11 @@ public:
     const LiveServerManifest& manifest() const { return m_manifest; }
 
 private:
+    // Wraps an audio or video entry in its protection information when the session encrypts.
+    void protect(imff_box::SampleEntry& entry) const;
+
     bool m_dash;
+    encryption::EncryptionManager* m_encryption;
     bool m_languageInMediaHeader;
     LiveServerManifest m_manifest;
     imff_box::FileHeader m_movie;
