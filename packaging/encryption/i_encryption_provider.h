@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "packaging/imff_box/box.h"
+#include "packaging/imff_box/protection_boxes.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace tvrn::encoding::packaging::encryption {
 inline namespace v0 {
 
-// A key id in GUID memory order, and an AES-128 content key.
-using KeyId = std::array<std::uint8_t, 16>;
+// A key id in GUID memory order (as the boxes hold it), and an AES-128 content key.
+using imff::imff_box::KeyId;
 using ContentKey = std::array<std::uint8_t, 16>;
 
 // Crosses the provider interface as a number: the values are fixed.
