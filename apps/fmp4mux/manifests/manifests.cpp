@@ -53,6 +53,33 @@ std::string isoUtc(double unixSeconds) {
     return text;
 }
 
+namespace {
+constexpr const char* kPlayReady = "9a04f079-9840-4286-ab92-e65be0885f95";
+
+// Common Encryption of an adaptation set: the scheme with the default key id, then each protection system with
+// its pssh box (and PlayReady's header object as mspr:pro, for the players that read that).
+void contentProtection(std::string& out, const Track& track) {
+    if (track.protectionScheme.empty()) return;
+    indent(out, 3);
+    out += "<ContentProtection schemeIdUri=\"urn:mpeg:dash:mp4protection:2011\" value=\"" +
+           escape(track.protectionScheme) + "\"";
+    if (!track.defaultKid.empty()) out += " cenc:default_KID=\"" + track.defaultKid + "\"";
+    out += "/>\n";
+    for (const Track::ProtectionSystem& system : track.protectionSystems) {
+        indent(out, 3);
+        out += "<ContentProtection schemeIdUri=\"urn:uuid:" + system.id + "\">\n";
+        indent(out, 4);
+        out += "<cenc:pssh>" + system.psshBase64 + "</cenc:pssh>\n";
+        if (system.id == kPlayReady && !system.dataBase64.empty()) {
+            indent(out, 4);
+            out += "<mspr:pro>" + system.dataBase64 + "</mspr:pro>\n";
+        }
+        indent(out, 3);
+        out += "</ContentProtection>\n";
+    }
+}
+}  // namespace
+
 std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) {
     double duration = 0;
     for (const auto& t : tracks)
@@ -62,6 +89,8 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
 
     std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
     out += "<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" profiles=\"urn:mpeg:dash:profile:isoff-live:2011\"";
+    if (std::any_of(tracks.begin(), tracks.end(), [](const Track& t) { return !t.protectionScheme.empty(); }))
+        out += " xmlns:cenc=\"urn:mpeg:cenc:2013\" xmlns:mspr=\"urn:microsoft:playready\"";
     if (timing.dynamic) {
         out += " type=\"dynamic\" availabilityStartTime=\"" + timing.availabilityStartTime + "\" publishTime=\"" +
                timing.publishTime + "\" minimumUpdatePeriod=\"" + isoDuration(timing.maxSegmentMs / 1000.0) +
@@ -84,6 +113,7 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
                "\" segmentAlignment=\"true\" startWithSAP=\"1\"";
         if (lead.kind != "video") out += " lang=\"" + escape(lead.language) + "\"";
         out += ">\n";
+        contentProtection(out, lead);
         for (const Track* t : members) {
             indent(out, 3);
             out += "<Representation id=\"" + escape(t->representationId) + "\" bandwidth=\"" +
@@ -164,6 +194,20 @@ std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std
         out += " IsLive=\"TRUE\" LookAheadFragmentCount=\"0\" DVRWindowLength=\"" +
                std::to_string(static_cast<std::uint64_t>(dvrWindowSeconds) * 10000000) + "\"";
     out += ">\n";
+    // The PlayReady header of the first protected track, for the players that license through it.
+    for (const auto& t : tracks) {
+        const auto system = std::find_if(t.protectionSystems.begin(), t.protectionSystems.end(),
+                                         [](const Track::ProtectionSystem& s) { return s.id == kPlayReady; });
+        if (system == t.protectionSystems.end() || system->dataBase64.empty()) continue;
+        indent(out, 1);
+        out += "<Protection>\n";
+        indent(out, 2);
+        out += "<ProtectionHeader SystemID=\"" + std::string(kPlayReady) + "\">" + system->dataBase64 +
+               "</ProtectionHeader>\n";
+        indent(out, 1);
+        out += "</Protection>\n";
+        break;
+    }
     std::map<int, std::vector<const Track*>> sets;
     for (const auto& t : tracks) sets[t.adaptationSetId].push_back(&t);
     for (const auto& [id, members] : sets) {

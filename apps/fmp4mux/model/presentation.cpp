@@ -52,6 +52,7 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     if (movie.empty()) return fail("output " + std::to_string(index) + ": the init chunk is not readable");
     Track track = out.track;
     readServerManifest(reader::serverManifest(movie), m_settings.dash, track);
+    readProtection(movie, track);
     if (track.channels == 0) track.channels = out.track.channels;
     if (track.sampleRate == 0) track.sampleRate = out.track.sampleRate;
     track.representationId = out.track.representationId;

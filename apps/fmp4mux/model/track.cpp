@@ -1,10 +1,13 @@
 #include "apps/fmp4mux/model/track.h"
 
+#include <openssl/evp.h>
 #include <tinyxml2.h>
 
 #include <algorithm>
 #include <cctype>
 #include <map>
+
+#include "packaging/fmp4/output/chunk_reader.h"
 
 namespace fmp4mux {
 
@@ -48,6 +51,38 @@ std::string smoothFourCC(const std::string& sampleEntry, const std::string& code
 }
 
 }  // namespace
+
+namespace {
+std::string base64(const std::vector<std::uint8_t>& bytes) {
+    std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(),
+                                       static_cast<int>(bytes.size()));
+    text.resize(static_cast<std::size_t>(std::max(length, 0)));
+    return text;
+}
+
+// 16 bytes in the order a file holds them as UUID text: 8-4-4-4-12 lower-case hexadecimal digits.
+std::string uuidText(const std::vector<std::uint8_t>& id) {
+    static const char* digits = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < id.size() && i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+        text += digits[id[i] >> 4];
+        text += digits[id[i] & 15];
+    }
+    return text;
+}
+}  // namespace
+
+void readProtection(std::span<const std::uint8_t> movie, Track& track) {
+    namespace reader = tvrn::encoding::packaging::imff::fmp4;
+    const reader::MovieProtection protection = reader::readMovieProtection(movie);
+    track.protectionScheme = protection.scheme;
+    track.defaultKid = protection.defaultKeyId.size() == 16 ? uuidText(protection.defaultKeyId) : "";
+    track.protectionSystems.clear();
+    for (const auto& system : protection.systems)
+        track.protectionSystems.push_back({uuidText(system.systemId), base64(system.box), base64(system.data)});
+}
 
 bool readServerManifest(const std::string& xml, bool dash, Track& track) {
     tinyxml2::XMLDocument doc;

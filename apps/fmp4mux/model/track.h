@@ -2,7 +2,9 @@
 // One output of the presentation as the manifests show it, with the segments it has written.
 #include <cstdint>
 #include <deque>
+#include <span>
 #include <string>
+#include <vector>
 
 namespace fmp4mux {
 
@@ -32,6 +34,17 @@ struct Track {
     std::string initialization;   // path of the init file, relative to the manifest
     std::string mediaTemplate;    // DASH: with $Time$ or $Number$; Smooth: with {bitrate} and {start time}
     bool mediaByNumber = false;
+    // Common Encryption as the init file states it: the scheme ("cenc", "piff"; empty when clear), the default
+    // key id as UUID text, and each protection system with its id (UUID text), its pssh box and the box's data,
+    // both in base64.
+    struct ProtectionSystem {
+        std::string id;
+        std::string psshBase64;
+        std::string dataBase64;
+    };
+    std::string protectionScheme;
+    std::string defaultKid;
+    std::vector<ProtectionSystem> protectionSystems;
     std::deque<Segment> segments;  // in the order written
 };
 
@@ -44,6 +57,9 @@ std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t
 // Reads the server manifest of an init chunk into `track` (codecs, bitrates, picture, sound, Smooth fields).
 // False when the text is not a manifest with one video or audio entry.
 bool readServerManifest(const std::string& xml, bool dash, Track& track);
+
+// Fills the protection fields of `track` from an init file's movie part.
+void readProtection(std::span<const std::uint8_t> movie, Track& track);
 
 // A file name (or a naming template's literal text) stays below the output folder and reads the same as a URL:
 // no absolute path, no '..' segment, none of '#', '?', '%', '\\'. False, with `why`, when it does not.

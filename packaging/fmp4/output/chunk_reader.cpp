@@ -142,6 +142,70 @@ std::string serverManifest(ByteView movie) {
     return {};
 }
 
+namespace {
+// The scheme and default key id of a trak's first protected sample entry: stsd's entries follow its 8 bytes of
+// version, flags and count; an entry's boxes follow its fixed fields (78 bytes for video, 28 for audio).
+void readProtectedEntry(ByteView movie, const BoxView& trak, MovieProtection& protection) {
+    const auto stsd = findBox(movie.subspan(0, trak.end).subspan(trak.contentStart), "mdia/minf/stbl/stsd");
+    if (!stsd) return;
+    const std::size_t base = trak.contentStart;
+    for (const BoxView& entry : boxesIn(movie, base + stsd->contentStart + 8, base + stsd->end)) {
+        const std::size_t fields = entry.type == "encv" ? 78 : entry.type == "enca" ? 28 : 0;
+        if (fields == 0 || entry.end - entry.contentStart < fields) continue;
+        for (const BoxView& sinf : boxesIn(movie, entry.contentStart + fields, entry.end)) {
+            if (sinf.type != "sinf") continue;
+            const ByteView inside = movie.subspan(0, sinf.end).subspan(sinf.contentStart);
+            const auto schm = findBox(inside, "schm");
+            const auto tenc = findBox(inside, "schi/tenc");
+            if (schm && schm->end - schm->contentStart >= 8)
+                protection.scheme.assign(reinterpret_cast<const char*>(inside.data() + schm->contentStart + 4), 4);
+            if (tenc && tenc->end - tenc->contentStart >= 24)
+                protection.defaultKeyId.assign(inside.begin() + static_cast<std::ptrdiff_t>(tenc->contentStart + 8),
+                                               inside.begin() + static_cast<std::ptrdiff_t>(tenc->contentStart + 24));
+            return;
+        }
+    }
+}
+}  // namespace
+
+MovieProtection readMovieProtection(ByteView movie) {
+    static constexpr std::uint8_t kPiffPssh[16] = {0xd0, 0x8a, 0x4f, 0x18, 0x10, 0xf3, 0x4a, 0x82,
+                                                   0xb6, 0xc8, 0x32, 0xd8, 0xab, 0xa1, 0x83, 0xd3};
+    MovieProtection protection;
+    const auto moov = findBox(movie, "moov");
+    if (!moov) return protection;
+    for (const BoxView& box : boxesIn(movie, moov->contentStart, moov->end)) {
+        std::size_t at = box.contentStart;  // the full box header of pssh
+        if (box.type == "uuid") {
+            if (box.end - at < 16 || !std::equal(kPiffPssh, kPiffPssh + 16, movie.begin() + static_cast<std::ptrdiff_t>(at)))
+                continue;
+            at += 16;
+        } else if (box.type != "pssh") {
+            if (box.type == "trak" && protection.scheme.empty()) readProtectedEntry(movie, box, protection);
+            continue;
+        }
+        if (box.end - at < 4 + 16 + 4) continue;
+        const std::uint8_t version = movie[at];
+        ProtectionSystem system;
+        system.systemId.assign(movie.begin() + static_cast<std::ptrdiff_t>(at + 4), movie.begin() + static_cast<std::ptrdiff_t>(at + 20));
+        std::size_t data = at + 20;
+        if (version > 0) {
+            if (box.end - data < 4) continue;
+            data += 4 + 16 * static_cast<std::size_t>(be32(movie.data() + data));
+        }
+        if (data + 4 > box.end || be32(movie.data() + data) > box.end - data - 4) continue;
+        system.data.assign(movie.begin() + static_cast<std::ptrdiff_t>(data + 4),
+                           movie.begin() + static_cast<std::ptrdiff_t>(data + 4 + be32(movie.data() + data)));
+        // The cenc form of the box: "pssh" with the same full box content.
+        const std::size_t content = box.end - at;
+        system.box = {static_cast<std::uint8_t>((content + 8) >> 24), static_cast<std::uint8_t>((content + 8) >> 16),
+                      static_cast<std::uint8_t>((content + 8) >> 8), static_cast<std::uint8_t>(content + 8), 'p', 's', 's', 'h'};
+        system.box.insert(system.box.end(), movie.begin() + static_cast<std::ptrdiff_t>(at), movie.begin() + static_cast<std::ptrdiff_t>(box.end));
+        protection.systems.push_back(std::move(system));
+    }
+    return protection;
+}
+
 bool isMarkerBox(std::string_view type) { return type == "tnsb" || type == "teoc" || type == "teos"; }
 
 std::vector<ByteView> withoutMarkerBoxes(ByteView chunk) {

@@ -45,6 +45,22 @@ ByteView moviePart(ByteView initChunk);
 // The server manifest document carried in a movie part; empty when there is none.
 std::string serverManifest(ByteView movie);
 
+// How a movie part says its media is protected: the default key id of its first protected sample entry ("encv",
+// "enca" with sinf/schi/tenc), in the file's byte order, and its protection system boxes ("pssh", and the
+// Smooth Streaming "uuid" form d08a4f18-...), each whole with its system id and data. Empty fields when the
+// movie says nothing of them.
+struct ProtectionSystem {
+    std::vector<std::uint8_t> systemId;  // 16 bytes, as in the box
+    std::vector<std::uint8_t> box;       // the whole box, in its cenc form ("pssh")
+    std::vector<std::uint8_t> data;      // its data field
+};
+struct MovieProtection {
+    std::string scheme;                           // "cenc", "piff", or empty when no entry is protected
+    std::vector<std::uint8_t> defaultKeyId;       // 16 bytes when a tenc was found
+    std::vector<ProtectionSystem> systems;
+};
+MovieProtection readMovieProtection(ByteView movie);
+
 // The top-level marker boxes that tell a downstream publisher where chunks and segments end ("tnsb", "teoc",
 // "teos"). Players do not know them, and the segment index does not count them.
 bool isMarkerBox(std::string_view type);

@@ -10,7 +10,8 @@ install_npm_packages() {
     local stamp="$here/node_modules/.installed-lock-sha256" want
     want=$(sha256sum "$here/package-lock.json" | cut -d' ' -f1)
     if [ "$(cat "$stamp" 2>/dev/null)" != "$want" ] || [ ! -f "$here/node_modules/playwright-core/package.json" ] ||
-       [ ! -d "$here/node_modules/dashjs/dist" ] || [ ! -d "$here/node_modules/mp4box/dist" ]; then
+       [ ! -d "$here/node_modules/dashjs/dist" ] || [ ! -d "$here/node_modules/mp4box/dist" ] ||
+       [ ! -d "$here/node_modules/shaka-player/dist" ]; then
       echo "npm ci in $here"
       (cd "$here" && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 timeout 200 npm ci --no-audit --no-fund) ||
         fail "npm ci failed in $here"

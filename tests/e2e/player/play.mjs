@@ -1,7 +1,7 @@
 // Plays a packaged presentation with dash.js in headless Chromium and checks that it really plays.
 //
-//   node play.mjs [--format dash|smooth] [--min-time SECONDS] [--timeout SECONDS] [--seek SECONDS --grab FILE]
-//                 FOLDER MANIFEST
+//   node play.mjs [--format dash|smooth] [--player dashjs|shaka] [--clearkey KID:KEY] [--min-time SECONDS]
+//                 [--timeout SECONDS] [--seek SECONDS --grab FILE] FOLDER MANIFEST
 //
 // FOLDER is served over HTTP on 127.0.0.1 (ephemeral port) next to a small page that loads dash.js from this
 // folder's node_modules (and its Smooth Streaming module for --format smooth). The page plays FOLDER/MANIFEST
@@ -11,6 +11,8 @@
 // With --seek: once --min-time seconds are buffered (instead of played), the video is paused and seeked to
 // --seek seconds; the picture it then shows is written to --grab as raw RGBA, and its media time is printed as
 // "play.mjs: seek: shown MEDIA_TIME WIDTHxHEIGHT".
+// --clearkey hands the player a W3C ClearKey licence of one key (key id and key as 32 hexadecimal digits each), for
+// encrypted presentations. --player shaka plays with shaka-player instead of dash.js (DASH only).
 // The browser and the server are closed on every path.
 
 import http from 'node:http';
@@ -26,6 +28,7 @@ const DASHJS_DIST = path.join(HERE, 'node_modules', 'dashjs', 'dist', 'modern', 
 const PLAYER_FILES = {
   '/__player/dash.all.min.js': path.join(DASHJS_DIST, 'dash.all.min.js'),
   '/__player/dash.mss.min.js': path.join(DASHJS_DIST, 'dash.mss.min.js'),
+  '/__player/shaka-player.compiled.js': path.join(HERE, 'node_modules', 'shaka-player', 'dist', 'shaka-player.compiled.js'),
 };
 
 function usage(message) {
@@ -35,7 +38,8 @@ function usage(message) {
 }
 
 function parseArgs(argv) {
-  const opts = { format: 'dash', minTime: 6, timeout: 40, seek: null, grab: null, positional: [] };
+  const opts = { format: 'dash', player: 'dashjs', clearKey: null, minTime: 6, timeout: 40, seek: null, grab: null,
+                 positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -43,6 +47,8 @@ function parseArgs(argv) {
       return argv[++i];
     };
     if (a === '--format') opts.format = value();
+    else if (a === '--player') opts.player = value();
+    else if (a === '--clearkey') opts.clearKey = value();
     else if (a === '--min-time') opts.minTime = Number(value());
     else if (a === '--timeout') opts.timeout = Number(value());
     else if (a === '--seek') opts.seek = Number(value());
@@ -51,6 +57,10 @@ function parseArgs(argv) {
     else opts.positional.push(a);
   }
   if (!['dash', 'smooth'].includes(opts.format)) usage(`unknown format ${opts.format}`);
+  if (!['dashjs', 'shaka'].includes(opts.player)) usage(`unknown player ${opts.player}`);
+  if (opts.player === 'shaka' && opts.format !== 'dash') usage('shaka plays DASH only here');
+  if (opts.clearKey !== null && !/^[0-9a-fA-F]{32}:[0-9a-fA-F]{32}$/.test(opts.clearKey))
+    usage('--clearkey takes KID:KEY, 32 hexadecimal digits each');
   if (!(opts.minTime > 0)) usage('--min-time must be a positive number');
   if (!(opts.timeout > 0 && opts.timeout <= 120)) usage('--timeout must be in (0, 120] seconds');
   if ((opts.seek === null) !== (opts.grab === null)) usage('--seek and --grab go together');
@@ -82,7 +92,18 @@ function contentType(filePath) {
   }
 }
 
-function pageHtml(format, manifest) {
+// The key id and key of --clearkey as the players take them: dash.js base64url, shaka hexadecimal.
+function clearKeys(clearKey, player) {
+  if (!clearKey) return null;
+  const [kid, key] = clearKey.toLowerCase().split(':');
+  if (player === 'shaka') return { [kid]: key };
+  const b64url = (hex) => Buffer.from(hex, 'hex').toString('base64url');
+  return { 'org.w3.clearkey': { clearkeys: { [b64url(kid)]: b64url(key) } } };
+}
+
+function pageHtml(format, manifest, player, clearKey) {
+  const keys = JSON.stringify(clearKeys(clearKey, player));
+  if (player === 'shaka') return shakaPageHtml(manifest, keys);
   const scripts = ['/__player/dash.all.min.js'];
   if (format === 'smooth') scripts.push('/__player/dash.mss.min.js');
   return `<!DOCTYPE html>
@@ -111,6 +132,8 @@ ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
                               data: err && err.data ? JSON.stringify(err.data).slice(0, 500) : undefined });
     });
     player.on(dashjs.MediaPlayer.events.PLAYBACK_STARTED, () => { state.started = true; });
+    const keys = ${keys};
+    if (keys) player.setProtectionData(keys);
     player.initialize(video, ${JSON.stringify("/" + manifest)}, true);
     window.__player = player;
   } catch (e) {
@@ -122,7 +145,49 @@ ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
 `;
 }
 
-function startServer(folder, format, manifest, requests) {
+// The same checks with shaka-player: its errors count as the player's.
+function shakaPageHtml(manifest, keys) {
+  return `<!DOCTYPE html>
+<html>
+<head><meta charset="utf-8"><title>fmp4mux playback test</title></head>
+<body>
+<video id="video" muted autoplay playsinline width="640" height="360"></video>
+<script src="/__player/shaka-player.compiled.js"></script>
+<script>
+  const state = window.__e2e = { dashErrors: [], videoErrors: [], events: [], started: false, fatal: null };
+  (async () => {
+    const video = document.getElementById('video');
+    video.muted = true;
+    video.addEventListener('error', () => {
+      const e = video.error;
+      state.videoErrors.push({ code: e && e.code, message: e && e.message });
+    });
+    for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
+      video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
+    }
+    video.addEventListener('playing', () => { state.started = true; });
+    shaka.polyfill.installAll();
+    const player = new shaka.Player();
+    await player.attach(video);
+    player.addEventListener('error', (e) => {
+      const err = e.detail || {};
+      state.dashErrors.push({ code: err.code, message: 'shaka error ' + err.code, data: JSON.stringify(err.data || []).slice(0, 500) });
+    });
+    const keys = ${keys};
+    if (keys) player.configure({ drm: { clearKeys: keys } });
+    await player.load(${JSON.stringify("/" + manifest)});
+    await video.play();
+  })().catch((e) => {
+    state.dashErrors.push({ code: e && e.code, message: 'shaka: ' + String(e && (e.message || e.code) || e) });
+  });
+</script>
+</body>
+</html>
+`;
+}
+
+function startServer(folder, opts, requests) {
+  const { format, manifest } = opts;
   const server = http.createServer((req, res) => {
     const send = (status, type, body) => {
       requests.push({ method: req.method, url: req.url, status });
@@ -136,7 +201,7 @@ function startServer(folder, format, manifest, requests) {
       return send(400, 'text/plain', 'bad url');
     }
     if (req.method !== 'GET' && req.method !== 'HEAD') return send(405, 'text/plain', 'method not allowed');
-    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest));
+    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey));
     if (urlPath === '/favicon.ico') return send(204, 'image/x-icon', '');
     let filePath = PLAYER_FILES[urlPath];
     if (!filePath) {
@@ -193,7 +258,7 @@ async function main() {
   watchdog.unref();
 
   try {
-    server = await startServer(opts.folder, opts.format, opts.manifest, requests);
+    server = await startServer(opts.folder, opts, requests);
     const { port } = server.address();
     const pageUrl = `http://127.0.0.1:${port}/__player/index.html`;
     userDataDir = await fsp.mkdtemp(path.join(os.tmpdir(), 'fmp4mux-e2e-chromium-'));
