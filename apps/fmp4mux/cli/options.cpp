@@ -266,6 +266,24 @@ with nothing to package; 4 output folder not writable.
                       s.name = value;
                   });
 
+    app.option_defaults()->group("Encryption (Common Encryption, AES-128 CTR; keys stay out of logs)");
+    EncryptionOptions& e = o.encryption;
+    app.add_option("--key-id", e.keyIdText, "key id: UUID, 32 hexadecimal digits or base64")->type_name("KID");
+    app.add_option("--key", e.keyText, "content key: 32 hexadecimal digits or base64")->type_name("KEY");
+    app.add_option("--key-seed", e.keySeedText, "PlayReady key seed (base64) to derive the key from the key id")
+        ->type_name("SEED");
+    app.add_option("--key-file", e.keyFile, "a file of key_id=, key= and key_seed= lines, in place of the options")
+        ->type_name("FILE");
+    repeatable("--drm", "SYSTEM", "DRM system to signal (repeat it): clearkey, playready, widevine",
+               [&e](const std::string& text) { e.drmSystems.push_back(text); });
+    app.add_option("--playready-la-url", e.playReadyLicenceUrl, "PlayReady licence acquisition URL")->type_name("URL");
+    app.add_option("--widevine-provider", e.widevineProvider, "Widevine provider name")->type_name("NAME");
+    app.add_option("--widevine-content-id", e.widevineContentId, "Widevine content id (UUID)")->type_name("UUID");
+    app.add_option("--drm-system-id", e.customSystemId, "another DRM system to signal, by its system id")
+        ->type_name("UUID");
+    app.add_option("--drm-pssh-data", e.customPsshData, "that system's pssh data (hexadecimal or base64)")
+        ->type_name("DATA");
+
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");
     app.add_option_function<int>(
@@ -314,6 +332,13 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
     options.inputs = line.positional;
     if (std::count(options.inputs.begin(), options.inputs.end(), std::string("-")) > 1) {
         error = "standard input ('-') can be read only once";
+        return ParseResult::Error;
+    }
+
+    try {
+        finishEncryptionOptions(options.encryption);
+    } catch (const std::exception& e) {
+        error = e.what();
         return ParseResult::Error;
     }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/fmp4mux/cli/encryption_options.h"
 #include "apps/fmp4mux/inputs/input.h"
 
 namespace fmp4mux {
@@ -49,6 +50,7 @@ struct Options {
     std::uint32_t timeShiftBufferSeconds = 60;
     bool quiet = false;
     int verbosity = 1;  // 0 errors, 1 warnings, 2 information, 3 debug
+    EncryptionOptions encryption;
     std::vector<std::string> inputs;
     std::string outputDirectory;
 

@@ -309,6 +309,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 // What operators get wrong is refused before anything is written, with the exit code of its kind (2 the command
 // line, 3 the input, 4 the output folder) and a message that says what; or said, when the run can go on.
+// A key id and a key of the test inputs' encryption (W3C ClearKey hands them to players).
+const std::string kKid = "00112233-4455-6677-8899-aabbccddeeff", kKey = "2b7e151628aed2a6abf7158809cf4f3c";
+
 TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
     const std::string source = q(made(kH264));
     const fs::path out = dir() / "refused", never = dir() / "never-made";
@@ -333,12 +336,21 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux(q(made(kMp2Only)) + " " + q(never)), 3, "no stream that can be packaged"},
         {mux(q(made(kLow)) + " " + q(made(kMidOutOfStep)) + " " + q(never)), 3, "are 500 ms out of step (GOP 2000 ms)"},
         {mux("-g 2000 " + q(made(kGop4)) + " " + q(dir() / "g2000")), 0, "has key frames every 4000 ms, but -g says 2000 ms"},
+        // Encryption: a key or key id that cannot be one, a missing key file; the key itself is never quoted.
+        {mux("--key-id " + kKid + " --key 00112233445566778899aabbccddee " + source + to), 2, "--key: the key is not 32 hexadecimal"},
+        {mux("--key-id " + kKid + " --key 'not+a*key' " + source + to), 2, "--key: the key is not 32 hexadecimal"},
+        {mux("--key-id 0011-2233 --key " + kKey + " " + source + to), 2, "--key-id: '0011-2233' is not a UUID"},
+        {mux("--key-file " + q(dir() / "no-such-keys") + " " + source + to), 2, "--key-file: cannot read"},
+        {mux("--key-id " + kKid + " " + source + to), 2, "encryption needs either --key or --key-seed"},
+        {mux("--key-id " + kKid + " --key " + kKey + " --drm-system-id 12 " + source + to), 2, "--drm-system-id: '12' is not a UUID"},
+        {mux("--key-id " + kKid + " --key " + kKey + " --drm fairplay " + source + to), 2, "--drm: unknown system 'fairplay'"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);
         const Outcome r = sh(c.command);
         EXPECT_EQ(r.exitCode, c.exitCode) << r.output;
         EXPECT_NE(r.output.find(c.message), npos) << r.output;
+        EXPECT_EQ(r.output.find(kKey), npos) << "the key was quoted";
     }
     EXPECT_FALSE(fs::exists(out / "manifest.mpd"));
     EXPECT_FALSE(fs::exists(never));
