@@ -13,6 +13,10 @@
 #   damaged        the sample with 0.2 % of its transport packets removed (drop_ts_packets.mjs, fixed seed):
 #                  fmp4mux says what it dropped, ffmpeg decodes every video frame it wrote without an error, and
 #                  the player plays to the end (past 10 s)
+#   clearkey       the sample encrypted (Common Encryption, key from a key file) and signalled for W3C ClearKey:
+#                  the player, handed the key, plays; handed another key, it does not; ffmpeg decrypts every
+#                  chunk of each representation (behind its init segment) to the source's frame and sample counts
+#   clearkey-shaka the same, played by shaka-player
 #   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
 #                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
@@ -74,6 +78,7 @@ case "$CASE" in
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   seek) INPUT=$SAMPLE MIN_TIME=8 ;;
+  clearkey|clearkey-shaka) INPUT=$SAMPLE ;;
   damaged)
     node "$HERE/drop_ts_packets.mjs" "$SAMPLE" "$OUT/input.ts" 0.002 4 >/dev/null || fail "could not damage the sample"
     INPUT=$OUT/input.ts MIN_TIME=10 ;;
@@ -86,6 +91,16 @@ if [ "$FORMAT" = smooth ]; then
   args+=(-f smooth)
   manifest=Manifest
 fi
+KID=00112233445566778899aabbccddeeff KEY=2b7e151628aed2a6abf7158809cf4f3c WRONG=000102030405060708090a0b0c0d0e0f
+PLAYER=dashjs
+CLEARKEY=()
+case "$CASE" in
+  clearkey*)
+    CLEARKEY=(--clearkey "$KID:$KEY")
+    printf 'key_id=%s\nkey=%s\n' "$KID" "$KEY" >"$OUT/keys"
+    args+=(--key-file "$OUT/keys" --drm clearkey)
+    [ "$CASE" = clearkey-shaka ] && PLAYER=shaka ;;
+esac
 
 echo "run_playback_test: $FMP4MUX ${args[*]} $INPUT $OUT/out"
 rc=0
@@ -115,9 +130,45 @@ if [ "$CASE" = damaged ]; then
   [ -z "$errors" ] || fail "a damaged frame reached the output; ffmpeg says: $errors"
 fi
 
+decoded_counts() {  # KIND KEY: frames (video) or samples (audio) ffmpeg decodes of each chunk of the representation
+  # behind its init segment, added up (ffmpeg 5.1 mixes up the encryption data of fragments read in one file)
+  local init total=0 n chunk
+  init=$(find "$OUT/out" -name init.mp4 -path "*$1*" | head -n 1)
+  [ -n "$init" ] || fail "no $1 init segment"
+  for chunk in $(find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n); do
+    cat "$init" "$chunk" >"$OUT/one.mp4"
+    if [ "$1" = video ]; then
+      n=$(ffprobe -v error -decryption_key "$2" -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$OUT/one.mp4")
+    else
+      n=$(ffmpeg -v error -decryption_key "$2" -i "$OUT/one.mp4" -map 0:a:0 -f s16le - | wc -c)
+      n=$((n / 4))  # stereo 16-bit
+    fi
+    total=$((total + n))
+  done
+  echo "$total"
+}
+if [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ]; then
+  grep -q 'cenc:default_KID="00112233-4455-6677-8899-aabbccddeeff"' "$OUT/out/$manifest" || fail "the MPD does not name the key id"
+  grep -q 'urn:uuid:1077efec-c0b2-4d02-ace3-3c1e52e2fb4b' "$OUT/out/$manifest" || fail "the MPD does not signal ClearKey"
+  ! grep -rq "$KEY" "$OUT/stderr" "$OUT/out/$manifest" || fail "the key reached the log or the MPD"
+  want_frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$SAMPLE")
+  frames=$(decoded_counts video "$KEY")
+  echo "run_playback_test: ffmpeg decrypts $frames video frames (the source has $want_frames)"
+  [ "$frames" -eq "$want_frames" ] || fail "decrypted, the video has $frames frames, the source $want_frames"
+  samples=$(decoded_counts audio "$KEY")
+  want_samples=$(( $(ffmpeg -v error -i "$SAMPLE" -map 0:a:0 -f s16le - | wc -c) / 4 ))
+  echo "run_playback_test: ffmpeg decrypts $samples audio samples (the source has $want_samples)"
+  [ $((samples - want_samples)) -le 1024 ] && [ $((want_samples - samples)) -le 1024 ] ||
+    fail "decrypted, the audio has $samples samples, the source $want_samples"
+  ! node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" --clearkey "$KID:$WRONG" --min-time 2 --timeout 20 \
+    "$OUT/out" "$manifest" >"$OUT/wrong.log" 2>&1 || fail "$PLAYER played the encrypted output with a wrong key"
+  echo "run_playback_test: with a wrong key $PLAYER does not play (as it must)"
+fi
+
 if [ "$CASE" != seek ]; then
-  node "$HERE/play.mjs" --format "$FORMAT" --min-time "$MIN_TIME" --timeout 60 "$OUT/out" "$manifest" ||
-    fail "dash.js in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
+  node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" "${CLEARKEY[@]}" --min-time "$MIN_TIME" \
+    --timeout 60 "$OUT/out" "$manifest" ||
+    fail "$PLAYER in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
   echo "run_playback_test: PASS ($FORMAT, $CASE)"
   exit 0
 fi
