@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <type_traits>
 
 #include "filter_helpers.h"
 #include "tests/common/fixed_key_provider.h"
@@ -29,76 +30,68 @@ const MultiDrmEncryptionSettings kMultiDrm{.keyId = "key id", .contentKey = "a2V
 const KeyServerConnectionOptions kTls{true, false, "ca.pem", "client.key", nullptr};
 
 using Call = std::function<HRESULT(IMuxFmp4Config&)>;
+// A call of `slot` with `settings`, changed by `change` first; with `null`, a call without settings.
 template <typename S>
-Call with(HRESULT (IMuxFmp4Config::*slot)(const S*), S settings) {
+Call with(HRESULT (IMuxFmp4Config::*slot)(const S*), S settings,
+          std::type_identity_t<std::function<void(S&)>> change = {}) {
+    if (change) change(settings);
     return [slot, settings](IMuxFmp4Config& f) { return (f.*slot)(&settings); };
 }
 template <typename S>
-Call none(HRESULT (IMuxFmp4Config::*slot)(const S*)) {
+Call null(HRESULT (IMuxFmp4Config::*slot)(const S*)) {
     return [slot](IMuxFmp4Config& f) { return (f.*slot)(nullptr); };
 }
-
 Call connection(bool enabled, std::uint32_t kind, const KeyServerConnectionOptions* options) {
     return [=](IMuxFmp4Config& f) { return f.SetKeyServerConnection(enabled, kind, options); };
 }
 
 TEST(EncryptionSlots, CheckTheirArgumentsAndRefuseWhileASessionExists) {
     using C = IMuxFmp4Config;
-    HarmonicKmsEncryptionSettings longId = kHarmonic, noList = kHarmonic, negative = kHarmonic;
     const std::string id128(128, 'r'), id129(129, 'r');
-    HarmonicKmsEncryptionSettings maxId = kHarmonic;
-    maxId.resourceId = id128.c_str();
-    longId.resourceId = id129.c_str();
-    noList.drmList = nullptr;
-    negative.drmCount = -1;
-    IrdetoEncryptionSettings license = kIrdeto, unknown = kIrdeto;
-    license.variant = 1;
-    unknown.variant = 2;
     const KeyServerConnectionOptions passwordOnly{true, true, "", nullptr, "secret"};
-    struct Row { const char* what; Call call; HRESULT idle, running; };
-    const Row rows[] = {
-        {"harmonic", with(&C::SetHarmonicKmsEncryption, kHarmonic), S_OK, E_FAIL},
-        {"harmonic id of 128", with(&C::SetHarmonicKmsEncryption, maxId), S_OK, E_FAIL},
-        {"harmonic id of 129", with(&C::SetHarmonicKmsEncryption, longId), E_INVALIDARG, E_INVALIDARG},
-        {"harmonic list missing", with(&C::SetHarmonicKmsEncryption, noList), E_INVALIDARG, E_INVALIDARG},
-        {"harmonic count below 0", with(&C::SetHarmonicKmsEncryption, negative), E_INVALIDARG, E_INVALIDARG},
-        {"harmonic null", none(&C::SetHarmonicKmsEncryption), E_POINTER, E_POINTER},
-        {"irdeto keys", with(&C::SetIrdetoEncryption, kIrdeto), S_OK, E_FAIL},
-        {"irdeto licence", with(&C::SetIrdetoEncryption, license), S_OK, E_FAIL},
-        {"irdeto variant 2", with(&C::SetIrdetoEncryption, unknown), E_INVALIDARG, E_INVALIDARG},
-        {"irdeto null", none(&C::SetIrdetoEncryption), E_POINTER, E_POINTER},
-        {"buydrm", with(&C::SetBuyDrmEncryption, kBuyDrm), S_OK, E_FAIL},
-        {"buydrm null", none(&C::SetBuyDrmEncryption), E_POINTER, E_POINTER},
-        {"verimatrix", with(&C::SetVerimatrixEncryption, kVerimatrix), S_OK, E_FAIL},
-        {"verimatrix null", none(&C::SetVerimatrixEncryption), E_POINTER, E_POINTER},
-        {"inside secure", with(&C::SetInsideSecureEncryption, kInsideSecure), S_OK, E_FAIL},
-        {"inside secure null", none(&C::SetInsideSecureEncryption), E_POINTER, E_POINTER},
-        {"widevine", with(&C::SetWidevineEncryption, kWidevine), S_OK, E_FAIL},
-        {"widevine null", none(&C::SetWidevineEncryption), E_POINTER, E_POINTER},
-        {"manual playready", with(&C::SetManualPlayReadyEncryption, kManual), S_OK, E_FAIL},
-        {"manual playready null", none(&C::SetManualPlayReadyEncryption), E_POINTER, E_POINTER},
-        {"multi-drm", with(&C::SetMultiDrmEncryption, kMultiDrm), S_OK, E_FAIL},
-        {"multi-drm null", none(&C::SetMultiDrmEncryption), E_POINTER, E_POINTER},
-        {"connection disabled", connection(false, 7, nullptr), S_OK, S_OK},
-        {"connection plain", connection(true, KeyServerPlain, nullptr), S_OK, E_FAIL},
-        {"connection tls", connection(true, KeyServerTls, &kTls), S_OK, E_FAIL},
-        {"connection tls null", connection(true, KeyServerTls, nullptr), E_POINTER, E_POINTER},
-        {"connection kind 2", connection(true, 2, &kTls), E_INVALIDARG, E_INVALIDARG},
-        {"connection password alone", connection(true, KeyServerTls, &passwordOnly), E_INVALIDARG, E_INVALIDARG},
+    // While a session exists what an idle filter takes is refused with E_FAIL; other answers stay.
+    const std::pair<Call, HRESULT> rows[] = {
+        {with(&C::SetHarmonicKmsEncryption, kHarmonic, [&](auto& s) { s.resourceId = id128.c_str(); }), S_OK},
+        {with(&C::SetHarmonicKmsEncryption, kHarmonic, [&](auto& s) { s.resourceId = id129.c_str(); }), E_INVALIDARG},
+        {with(&C::SetHarmonicKmsEncryption, kHarmonic, [](auto& s) { s.drmList = nullptr; }), E_INVALIDARG},
+        {with(&C::SetHarmonicKmsEncryption, kHarmonic, [](auto& s) { s.drmCount = -1; }), E_INVALIDARG},
+        {with(&C::SetIrdetoEncryption, kIrdeto), S_OK},
+        {with(&C::SetIrdetoEncryption, kIrdeto, [](auto& s) { s.variant = 1; }), S_OK},
+        {with(&C::SetIrdetoEncryption, kIrdeto, [](auto& s) { s.variant = 2; }), E_INVALIDARG},
+        {with(&C::SetBuyDrmEncryption, kBuyDrm), S_OK},
+        {with(&C::SetVerimatrixEncryption, kVerimatrix), S_OK},
+        {with(&C::SetInsideSecureEncryption, kInsideSecure), S_OK},
+        {with(&C::SetWidevineEncryption, kWidevine), S_OK},
+        {with(&C::SetManualPlayReadyEncryption, kManual), S_OK},
+        {with(&C::SetMultiDrmEncryption, kMultiDrm), S_OK},
+        {null(&C::SetHarmonicKmsEncryption), E_POINTER}, {null(&C::SetIrdetoEncryption), E_POINTER},
+        {null(&C::SetBuyDrmEncryption), E_POINTER}, {null(&C::SetVerimatrixEncryption), E_POINTER},
+        {null(&C::SetInsideSecureEncryption), E_POINTER}, {null(&C::SetWidevineEncryption), E_POINTER},
+        {null(&C::SetManualPlayReadyEncryption), E_POINTER}, {null(&C::SetMultiDrmEncryption), E_POINTER},
+        {connection(true, KeyServerPlain, nullptr), S_OK},
+        {connection(true, KeyServerTls, &kTls), S_OK},
+        {connection(true, KeyServerTls, nullptr), E_POINTER},
+        {connection(true, 2, &kTls), E_INVALIDARG},
+        {connection(true, KeyServerTls, &passwordOnly), E_INVALIDARG},
     };
     FilterHolder idle(CMuxFmp4Filter::Create());
     FilterHolder running(CMuxFmp4Filter::Create());
     ASSERT_EQ(running->Pause(), S_OK);
     ASSERT_TRUE(waitForWorker(running.get(), fmp4::Running));
-    for (const Row& row : rows) {
-        EXPECT_EQ(row.call(*idle), row.idle) << row.what;
-        EXPECT_EQ(row.call(*running), row.running) << row.what;
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        const auto& [call, result] = rows[i];
+        EXPECT_EQ(call(*idle), result) << "row " << i;
+        EXPECT_EQ(call(*running), result == S_OK ? E_FAIL : result) << "row " << i;
     }
+    // A disabled connection changes nothing, and is taken in any state.
+    EXPECT_EQ(connection(false, 7, nullptr)(*running), S_OK);
     running->Stop();
 }
 
-// Stands in for the key server: each manager the filter builds gets a scripted provider, up or down as `up` says
-// at that moment, or throwing `throws`; the addresses it was built for and the disconnections are kept.
+// Stands in for the key server: each manager the filter builds gets a scripted provider whose connection is up,
+// down or throws as `answer` says for the address; the addresses, the last mode and transport and the
+// disconnections are kept.
+enum Answer { Down, Up, Throws };
 struct KeyServer {
     struct State {
         int builds = 0, disconnects = 0;
@@ -111,8 +104,7 @@ struct KeyServer {
         void disconnect() override { m_state.update([](State& s) { ++s.disconnects; }); }
         testkit::Guarded<State>& m_state;
     };
-    std::function<bool(const std::string& address)> up = [](const std::string&) { return true; };
-    std::optional<std::string> throws;
+    std::function<Answer(const std::string& address)> answer;
     testkit::Guarded<State> state;
 
     KeyServerParts parts() {
@@ -121,8 +113,9 @@ struct KeyServer {
                        tvrn::log::ILogger&, IEncryptionListener* listener) {
                     const std::string address = enc::getServerUrl(configuration);
                     auto provider = std::make_unique<Provider>(state);
-                    provider->connectAnswer = up(address);
-                    provider->connectThrows = throws;
+                    const Answer a = answer(address);
+                    provider->connectAnswer = a == Up;
+                    if (a == Throws) provider->connectThrows = "no route to key server";
                     manager = std::make_unique<enc::EncryptionManager>(std::move(provider), listener);
                     state.update([&](State& s) {
                         ++s.builds;
@@ -133,6 +126,7 @@ struct KeyServer {
                 },
                 std::chrono::milliseconds(1)};
     }
+    int builds() const { return state.get().builds; }
     bool waitForBuilds(int count) {
         return state.waitFor([count](const State& s) { return s.builds >= count; });
     }
@@ -150,7 +144,7 @@ std::uint32_t statusOf(CMuxFmp4Filter& filter) {
 
 TEST(EncryptionSlots, EachReachesTheFactoryWithItsModeAddressAndKeyPeriod) {
     KeyServer server;
-    server.up = [](const std::string& address) { return address != "https://main.kms"; };
+    server.answer = [](const std::string& address) { return address == "https://main.kms" ? Down : Up; };
     testkit::ChunksBuilderLog chunks;
     fmp4::Fmp4MuxParts parts;
     parts.makeChunksBuilder = [&](const fmp4::ChunksBuilderParams&) {
@@ -161,10 +155,9 @@ TEST(EncryptionSlots, EachReachesTheFactoryWithItsModeAddressAndKeyPeriod) {
     filter->SetLogger(&logger);
     ASSERT_EQ(filter->SetKeyServerConnection(true, KeyServerTls, &kTls), S_OK);
     using C = IMuxFmp4Config;
-    using Addresses = std::vector<std::string>;
     using M = enc::EncryptionMode;
     // A key period above 0 puts the pssh boxes in the fragments. Harmonic's main address is down: its backup is up.
-    struct Row { Call set; M mode; Addresses addresses; std::uint32_t status; bool psshInFragments; };
+    struct Row { Call set; M mode; std::vector<std::string> addresses; std::uint32_t status; bool psshInFragments; };
     const Row rows[] = {
         {with(&C::SetHarmonicKmsEncryption, kHarmonic), M::HarmonicKms, {"https://main.kms", "https://backup.kms"},
          KeyServerBackupUp, false},
@@ -194,21 +187,17 @@ TEST(EncryptionSlots, EachReachesTheFactoryWithItsModeAddressAndKeyPeriod) {
     }
     const enc::TransportSecurity transport = server.state.get().transport;
     const auto* tls = std::get_if<enc::TlsSettings>(&transport);
-    ASSERT_NE(tls, nullptr);
-    EXPECT_EQ(std::tie(tls->verifyPeer, tls->verifyHost, tls->caFile),
-              std::make_tuple(true, false, std::string("ca.pem")));
-    ASSERT_TRUE(tls->clientCertificate.has_value());
-    EXPECT_EQ(tls->clientCertificate->keyFile, "client.key");
-    EXPECT_FALSE(tls->clientCertificate->password.has_value());
+    ASSERT_TRUE(tls && tls->clientCertificate && !tls->clientCertificate->password);
+    EXPECT_EQ(std::tie(tls->verifyPeer, tls->verifyHost, tls->caFile, tls->clientCertificate->keyFile),
+              std::make_tuple(true, false, std::string("ca.pem"), std::string("client.key")));
 }
 
-TEST(KeyWait, ChunksLeaveOnlyOnceTheServerIsUpAndAreEncrypted) {
+TEST(KeyWait, SamplesAreDroppedUntilTheServerIsUpThenChunksLeaveEncrypted) {
     const testkit::Fixture video = testkit::loadFixture("h264_plain");
-    const testkit::AudioFixture audio = testkit::loadAudioFixture("aac_lc_stereo_48k.adts");
-    const Inputs inputs = loadInputs(video, audio);
+    const Inputs inputs = loadInputs(video, testkit::loadAudioFixture("aac_lc_stereo_48k.adts"));
     KeyServer server;
-    std::atomic<bool> serverUp{false};
-    server.up = [&](const std::string&) { return serverUp.load(); };
+    std::atomic<Answer> answer{Throws};
+    server.answer = [&](const std::string&) { return answer.load(); };
     testkit::RecordingLogger logger;
     FilterHolder filter(CMuxFmp4Filter::Create({}, server.parts()));
     filter->SetLogger(&logger);
@@ -219,13 +208,21 @@ TEST(KeyWait, ChunksLeaveOnlyOnceTheServerIsUpAndAreEncrypted) {
     RecordingSink sink;
     ASSERT_EQ(filter->outputPins().at(0)->Connect(&sink), S_OK);
 
+    // Connections that throw, then a server that is down; a stop ends the wait and the next pause starts again.
     ASSERT_EQ(filter->Pause(), S_OK);
     ASSERT_TRUE(server.waitForBuilds(3));
+    answer = Down;
+    ASSERT_TRUE(server.waitForBuilds(server.builds() + 2));
     EXPECT_EQ(filter->workerState(), fmp4::Starting);
     EXPECT_EQ(statusOf(*filter), KeyServerDown);
+    EXPECT_EQ(filter->SetVerimatrixEncryption(&kVerimatrix), E_FAIL);
     push(*pin, inputs[0]);  // dropped: the session does not run yet
     EXPECT_EQ(filter->stats().samplesReceived.load(), inputs[0].size());
-    serverUp = true;
+    ASSERT_EQ(filter->Stop(), S_OK);
+    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+    ASSERT_EQ(filter->Pause(), S_OK);
+    ASSERT_TRUE(server.waitForBuilds(server.builds() + 2));
+    answer = Up;
     ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
     EXPECT_TRUE(sink.snapshot().empty());
     EXPECT_EQ(statusOf(*filter), KeyServerMainUp);
@@ -235,39 +232,15 @@ TEST(KeyWait, ChunksLeaveOnlyOnceTheServerIsUpAndAreEncrypted) {
     ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
 
     const auto lines = logger.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "2 Wait for key management server"), 1);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "2 Connection Established to https://vmx.kms"), 1);
+    for (const char* line : {"0 Failed to configure encryption : 'no route to key server'",
+                             "2 Wait for key management server", "2 Connection Established to https://vmx.kms"})
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
     // Only the manager that connected was installed, and it disconnected as the session ended.
     EXPECT_EQ(server.state.get().disconnects, 1);
     const auto received = sink.snapshot();
     ASSERT_GT(received.size(), 2u);
-    EXPECT_TRUE(received[0].sync);
     EXPECT_TRUE(holdsBox(received[0].bytes, "encv"));  // a protected sample entry in the init chunk
     EXPECT_TRUE(holdsBox(received[1].bytes, "saiz"));  // and sample encryption data in the first fragment
-}
-
-TEST(KeyWait, AFailingConnectionIsToldOnceAndAStopEndsTheWaitUntilTheNextPause) {
-    KeyServer server;
-    server.throws = "no route to key server";
-    testkit::RecordingLogger logger;
-    FilterHolder filter(CMuxFmp4Filter::Create({}, server.parts()));
-    filter->SetLogger(&logger);
-    ASSERT_EQ(filter->SetWidevineEncryption(&kWidevine), S_OK);
-    ASSERT_EQ(filter->Pause(), S_OK);
-    ASSERT_TRUE(server.waitForBuilds(3));
-    EXPECT_EQ(filter->SetWidevineEncryption(&kWidevine), E_FAIL);  // frozen while waiting
-    ASSERT_EQ(filter->Stop(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
-    const int builds = server.state.get().builds;
-    ASSERT_EQ(filter->Pause(), S_OK);
-    ASSERT_TRUE(server.waitForBuilds(builds + 2));
-    ASSERT_EQ(filter->Stop(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
-    const auto lines = logger.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "0 Failed to configure encryption : 'no route to key server'"), 1);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "2 Wait for key management server"), 1);
-    EXPECT_EQ(statusOf(*filter), KeyServerDown);
-    EXPECT_EQ(server.state.get().disconnects, 0);
 }
 
 }  // namespace
