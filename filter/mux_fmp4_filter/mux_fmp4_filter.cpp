@@ -11,13 +11,111 @@ using namespace tvrn::com;
 using tvrn::log::LOG_ERROR;
 using tvrn::log::LOG_INFO;
 
-CMuxFmp4Filter* CMuxFmp4Filter::Create(fmp4::Fmp4MuxParts parts) { return new CMuxFmp4Filter(std::move(parts)); }
+namespace {
+
+std::string text(const char* value) { return value ? value : ""; }
+
+// The records of the encryption configuration, from the settings of the configuration slots.
+
+std::optional<encryption::HarmonicConfiguration> recordOf(const HarmonicKmsEncryptionSettings& s) {
+    const std::string resourceId = text(s.resourceId);
+    if (resourceId.size() > 128 || s.drmCount < 0 || (s.drmCount > 0 && s.drmList == nullptr)) return std::nullopt;
+    encryption::HarmonicConfiguration r;
+    r.resourceId = resourceId;
+    r.requestorId = text(s.requestorId);
+    r.keyPeriod = s.keyPeriod;
+    r.keySessionUrl = text(s.keySessionUrl);
+    r.backupKeySessionUrl = text(s.backupKeySessionUrl);
+    r.keySessionSettings = text(s.keySessionSettings);
+    r.implementation = s.implementation;
+    r.keyProvisioningUrl = text(s.keyProvisioningUrl);
+    for (std::int32_t i = 0; i < s.drmCount; ++i)
+        r.drmList.push_back({text(s.drmList[i].drmSystemId), text(s.drmList[i].drmName)});
+    return r;
+}
+
+std::optional<encryption::IrdetoConfiguration> recordOf(const IrdetoEncryptionSettings& s) {
+    encryption::IrdetoConfiguration r;
+    r.serverUrl = text(s.serverUrl);
+    if (s.variant == 0) {
+        r.variant = encryption::IrdetoGenerateKeysSettings{
+            s.keyRequestPeriod, s.keyChangePeriod, s.activeCloakPr, s.ca, s.clearKey, s.hlsChinaDrm, s.hlsPantos,
+            s.irdetoProtection, s.marlin, s.playReady, s.primeTime, s.ske, s.fairPlayStreaming, s.widevine};
+    } else if (s.variant == 1) {
+        r.variant = encryption::IrdetoPlayReadyScalableLicense{};
+    } else {
+        return std::nullopt;
+    }
+    r.accountId = text(s.accountId);
+    r.contentId = text(s.contentId);
+    r.userName = text(s.userName);
+    r.password = text(s.password);
+    r.eventName = text(s.eventName);
+    r.description = text(s.description);
+    r.url = text(s.url);
+    r.subContentType = text(s.subContentType);
+    r.encryptionType = text(s.encryptionType);
+    r.policyGroupId = s.policyGroupId;
+    return r;
+}
+
+encryption::BuyDrmConfiguration recordOf(const BuyDrmEncryptionSettings& s) {
+    return {.keyId = text(s.keyId), .userKey = text(s.userKey), .serverKey = text(s.serverKey),
+            .contentId = text(s.contentId), .serverUrl = text(s.serverUrl)};
+}
+
+encryption::VerimatrixConfiguration recordOf(const VerimatrixEncryptionSettings& s) {
+    return {.keyPeriod = s.keyPeriod, .resourceId = text(s.resourceId), .serverUrl = text(s.serverUrl)};
+}
+
+encryption::InsideSecureConfiguration recordOf(const InsideSecureEncryptionSettings& s) {
+    return {.serverUrl = text(s.serverUrl), .laUrl = text(s.laUrl), .contentId = text(s.contentId),
+            .keyPeriod = s.keyPeriod};
+}
+
+encryption::WidevineConfiguration recordOf(const WidevineEncryptionSettings& s) {
+    encryption::WidevineConfiguration r{.serverUrl = text(s.serverUrl), .signer = text(s.signer), .signing = {},
+                                        .keyPeriod = s.keyPeriod, .contentId = text(s.contentId)};
+    if (s.signRequests) r.signing = encryption::WidevineSigningKey{text(s.signingKey), text(s.signingIv)};
+    return r;
+}
+
+// The Manual PlayReady and Multi-DRM records hold none of their settings yet: the mode alone is kept until the
+// records take the fields of their providers.
+encryption::ManualPlayReadyConfiguration recordOf(const ManualPlayReadyEncryptionSettings&) { return {}; }
+encryption::MultiDrmConfiguration recordOf(const MultiDrmEncryptionSettings&) { return {}; }
+
+// The key period of the provider the configuration makes, in seconds: above 0 the key changes during the session.
+std::int32_t keyRotationPeriod(const encryption::EncryptionConfiguration& configuration) {
+    using encryption::EncryptionMode;
+    switch (configuration.mode()) {
+    case EncryptionMode::HarmonicKms: return configuration.record<encryption::HarmonicConfiguration>().keyPeriod;
+    case EncryptionMode::Verimatrix: return configuration.record<encryption::VerimatrixConfiguration>().keyPeriod;
+    case EncryptionMode::InsideSecure: return configuration.record<encryption::InsideSecureConfiguration>().keyPeriod;
+    case EncryptionMode::Widevine: return configuration.record<encryption::WidevineConfiguration>().keyPeriod;
+    case EncryptionMode::Irdeto: {
+        const auto& variant = configuration.record<encryption::IrdetoConfiguration>().variant;
+        const auto* keys = std::get_if<encryption::IrdetoGenerateKeysSettings>(&variant);
+        return keys ? keys->keyChangePeriod : 0;
+    }
+    default: return 0;  // one key for the whole session
+    }
+}
+
+}  // namespace
+
+CMuxFmp4Filter* CMuxFmp4Filter::Create(fmp4::Fmp4MuxParts parts, KeyServerParts keyServer) {
+    return new CMuxFmp4Filter(std::move(parts), std::move(keyServer));
+}
 
 IMuxFmp4Config* CreateMuxFmp4Filter() { return CMuxFmp4Filter::Create(); }
 
-CMuxFmp4Filter::CMuxFmp4Filter(fmp4::Fmp4MuxParts parts) : m_parts(std::move(parts)) {
+CMuxFmp4Filter::CMuxFmp4Filter(fmp4::Fmp4MuxParts parts, KeyServerParts keyServer)
+    : m_parts(std::move(parts)), m_keyServer(std::move(keyServer)) {
     addInputPin();
-    m_worker = std::make_unique<fmp4::MuxWorker>(m_lock, m_logger, [this] { return buildSession(); });
+    m_worker = std::make_unique<fmp4::MuxWorker>(
+        m_lock, m_logger, [this] { return buildSession(); },
+        [this](fmp4::MuxWorker& worker, fmp4::IMuxSession& session) { return waitForKeyServer(worker, session); });
 }
 
 CMuxFmp4Filter::~CMuxFmp4Filter() {
@@ -136,10 +234,69 @@ HRESULT CMuxFmp4Filter::SetDefaultParentalRating(std::uint32_t age) {
     return S_OK;
 }
 
-HRESULT CMuxFmp4Filter::SetKeyServerConnection(bool enabled, std::uint32_t, const KeyServerConnectionOptions*) {
+HRESULT CMuxFmp4Filter::setEncryption(encryption::EncryptionConfiguration configuration) {
+    std::lock_guard lock(m_lock);
+    if (!isIdle()) return E_FAIL;
+    m_encryption = std::move(configuration);
+    return S_OK;
+}
+
+HRESULT CMuxFmp4Filter::SetHarmonicKmsEncryption(const HarmonicKmsEncryptionSettings* settings) {
+    if (settings == nullptr) return E_POINTER;
+    auto record = recordOf(*settings);
+    return record ? setEncryption(std::move(*record)) : E_INVALIDARG;
+}
+
+HRESULT CMuxFmp4Filter::SetIrdetoEncryption(const IrdetoEncryptionSettings* settings) {
+    if (settings == nullptr) return E_POINTER;
+    auto record = recordOf(*settings);
+    return record ? setEncryption(std::move(*record)) : E_INVALIDARG;
+}
+
+HRESULT CMuxFmp4Filter::SetBuyDrmEncryption(const BuyDrmEncryptionSettings* settings) {
+    return settings ? setEncryption(recordOf(*settings)) : E_POINTER;
+}
+
+HRESULT CMuxFmp4Filter::SetVerimatrixEncryption(const VerimatrixEncryptionSettings* settings) {
+    return settings ? setEncryption(recordOf(*settings)) : E_POINTER;
+}
+
+HRESULT CMuxFmp4Filter::SetInsideSecureEncryption(const InsideSecureEncryptionSettings* settings) {
+    return settings ? setEncryption(recordOf(*settings)) : E_POINTER;
+}
+
+HRESULT CMuxFmp4Filter::SetWidevineEncryption(const WidevineEncryptionSettings* settings) {
+    return settings ? setEncryption(recordOf(*settings)) : E_POINTER;
+}
+
+HRESULT CMuxFmp4Filter::SetManualPlayReadyEncryption(const ManualPlayReadyEncryptionSettings* settings) {
+    return settings ? setEncryption(recordOf(*settings)) : E_POINTER;
+}
+
+HRESULT CMuxFmp4Filter::SetMultiDrmEncryption(const MultiDrmEncryptionSettings* settings) {
+    return settings ? setEncryption(recordOf(*settings)) : E_POINTER;
+}
+
+HRESULT CMuxFmp4Filter::SetKeyServerConnection(bool enabled, std::uint32_t kind,
+                                               const KeyServerConnectionOptions* options) {
     if (!enabled) return S_OK;
-    // Key-server connections come with the encryption configurations.
-    return E_FAIL;
+    encryption::TransportSecurity security;
+    if (kind == KeyServerTls) {
+        if (options == nullptr) return E_POINTER;
+        if (options->clientKeyFile == nullptr && options->clientKeyPassword != nullptr) return E_INVALIDARG;
+        encryption::TlsSettings tls{options->verifyPeer, options->verifyHost, text(options->caFile), std::nullopt};
+        if (options->clientKeyFile != nullptr) {
+            tls.clientCertificate = encryption::ClientCertificate{options->clientKeyFile, std::nullopt};
+            if (options->clientKeyPassword != nullptr) tls.clientCertificate->password = options->clientKeyPassword;
+        }
+        security = std::move(tls);
+    } else if (kind != KeyServerPlain) {
+        return E_INVALIDARG;
+    }
+    std::lock_guard lock(m_lock);
+    if (!isIdle()) return E_FAIL;
+    m_transportSecurity = std::move(security);
+    return S_OK;
 }
 
 HRESULT CMuxFmp4Filter::GetStatus(std::uint32_t* chunksDelivered, char* text, std::uint32_t textSize) {
@@ -338,8 +495,10 @@ void CMuxFmp4Filter::onInputDisconnected(MuxFmp4InputPin& pin) {
 }
 
 std::unique_ptr<fmp4::IMuxSession> CMuxFmp4Filter::buildSession() {
+    // A key that changes during the session is announced in the fragments that use it.
+    const bool psshInFragments = m_psshInFragments || keyRotationPeriod(m_encryption) > 0;
     auto session = std::make_unique<fmp4::Fmp4Mux>(m_outputFormat, m_config, m_notifier, m_logger, m_inBandParameterSets,
-                                                   m_psshInFragments, m_allVideoInInit, m_driftDetection, m_offline,
+                                                   psshInFragments, m_allVideoInInit, m_driftDetection, m_offline,
                                                    m_parts, m_playerCompatible);
     std::vector<MuxFmp4InputPin*> connected;
     for (const auto& pin : m_inputs)
@@ -358,6 +517,66 @@ std::unique_ptr<fmp4::IMuxSession> CMuxFmp4Filter::buildSession() {
     session->SetOutputs(outputs);
     if (m_defaultParentalRating) session->SetDefaultParentalRating(*m_defaultParentalRating);
     return session;
+}
+
+fmp4::WorkerState CMuxFmp4Filter::waitForKeyServer(fmp4::MuxWorker& worker, fmp4::IMuxSession& session) {
+    // The configuration is frozen while the worker is not idle: one copy serves every pass.
+    encryption::EncryptionConfiguration configuration;
+    encryption::TransportSecurity transportSecurity;
+    {
+        std::lock_guard lock(m_lock);
+        configuration = m_encryption;
+        transportSecurity = m_transportSecurity;
+    }
+    if (configuration.mode() == encryption::EncryptionMode::None) return fmp4::Running;
+    // Only Harmonic has a backup address: the same configuration with the backup as its session address.
+    std::optional<encryption::EncryptionConfiguration> backup;
+    if (!encryption::getServerUrl(configuration, true).empty()) {
+        auto record = configuration.record<encryption::HarmonicConfiguration>();
+        record.keySessionUrl = record.backupKeySessionUrl;
+        backup = encryption::EncryptionConfiguration(std::move(record));
+    }
+    for (;;) {
+        // Each pass makes a new manager and provider, so that no provider needs to reconnect.
+        if (connectKeyServer(configuration, transportSecurity, session, false)) return fmp4::Running;
+        if (backup && connectKeyServer(*backup, transportSecurity, session, true)) return fmp4::Running;
+        {
+            std::lock_guard lock(m_keyStatusLock);
+            if (m_keyServerStatus != KeyServerDown) {
+                m_logger.WriteMsg(LOG_INFO, "Wait for key management server");
+                m_keyServerStatus = KeyServerDown;
+            }
+        }
+        switch (worker.queue().waitStopOrExit(m_keyServer.retryInterval)) {
+        case fmp4::SampleQueue::Wake::Stop: return fmp4::Idle;
+        case fmp4::SampleQueue::Wake::Exit: return fmp4::Exiting;
+        default: break;
+        }
+    }
+}
+
+bool CMuxFmp4Filter::connectKeyServer(const encryption::EncryptionConfiguration& configuration,
+                                      const encryption::TransportSecurity& transportSecurity,
+                                      fmp4::IMuxSession& session, bool backup) {
+    try {
+        std::unique_ptr<encryption::EncryptionManager> manager;
+        m_keyServer.buildEncryptionManager(manager, configuration, transportSecurity, m_logger, this);
+        if (!manager || !manager->connect()) return false;
+        {
+            std::lock_guard lock(m_keyStatusLock);
+            m_keyServerStatus = backup ? KeyServerBackupUp : KeyServerMainUp;
+        }
+        const std::string server = encryption::getServerUrl(configuration);
+        if (!server.empty()) m_logger.WriteMsg(LOG_INFO, "Connection Established to %s", server.c_str());
+        session.SetEncryptionManager(std::move(manager));
+        return true;
+    } catch (const std::exception& e) {
+        // Told once: while the filter waits for the server, each pass fails the same way.
+        std::lock_guard lock(m_keyStatusLock);
+        if (m_keyServerStatus != KeyServerDown)
+            m_logger.WriteMsg(LOG_ERROR, "Failed to configure encryption : '%s'", e.what());
+        return false;
+    }
 }
 
 void CMuxFmp4Filter::pushSample(std::int32_t streamId, fmp4::IMediaData* data) {

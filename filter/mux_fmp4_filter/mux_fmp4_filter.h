@@ -2,7 +2,9 @@
 // The filter: a session holder with configure, pause (start), run, stop and push calls. It owns the pins,
 // the configuration and one worker that builds a mux session when the filter pauses.
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,6 +14,8 @@
 
 #include "filter/mux_fmp4_filter/i_mux_fmp4_config.h"
 #include "filter/mux_fmp4_filter/pins.h"
+#include "packaging/encryption/encryption_configuration.h"
+#include "packaging/encryption/encryption_manager.h"
 #include "packaging/encryption/i_encryption_provider.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
 #include "packaging/fmp4/fmp4_mux/mux_worker.h"
@@ -26,7 +30,17 @@ inline constexpr std::uint32_t kFilterMerit = 0x200000;
 
 enum class FilterState { Stopped, Paused, Running };
 
+namespace encryption = packaging::encryption;
 using packaging::encryption::IEncryptionListener;
+
+// How the filter reaches the key server of an encrypted session: the factory of the session's encryption manager
+// and the time between two attempts while the server does not answer. The defaults are the system's own.
+struct KeyServerParts {
+    std::function<void(std::unique_ptr<encryption::EncryptionManager>&, const encryption::EncryptionConfiguration&,
+                       const encryption::TransportSecurity&, tvrn::log::ILogger&, IEncryptionListener*)>
+        buildEncryptionManager = encryption::buildEncryptionManager;
+    std::chrono::milliseconds retryInterval{3000};
+};
 
 // The graph's event sink: told of errors that stop streaming, on the streaming thread.
 inline constexpr long EC_ERRORABORT = 0x03;
@@ -41,7 +55,7 @@ protected:
 class CMuxFmp4Filter final : public IMuxFmp4Config, public IEncryptionListener {
 public:
     // Starts with one reference, held by the creator; the last Release destroys the filter.
-    static CMuxFmp4Filter* Create(fmp4::Fmp4MuxParts parts = {});
+    static CMuxFmp4Filter* Create(fmp4::Fmp4MuxParts parts = {}, KeyServerParts keyServer = {});
 
     // IMuxFmp4Config
     HRESULT QueryInterface(const GUID& iid, void** object) override;
@@ -60,14 +74,14 @@ public:
                        std::uint8_t driftDetection, std::uint8_t offline) override;
     HRESULT SetFirstNumber(std::int32_t firstNumber) override;
     HRESULT SetDefaultParentalRating(std::uint32_t age) override;
-    HRESULT SetHarmonicKmsEncryption(const HarmonicKmsEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetIrdetoEncryption(const IrdetoEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetBuyDrmEncryption(const BuyDrmEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetVerimatrixEncryption(const VerimatrixEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetInsideSecureEncryption(const InsideSecureEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetWidevineEncryption(const WidevineEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetManualPlayReadyEncryption(const ManualPlayReadyEncryptionSettings*) override { return tvrn::com::E_FAIL; }
-    HRESULT SetMultiDrmEncryption(const MultiDrmEncryptionSettings*) override { return tvrn::com::E_FAIL; }
+    HRESULT SetHarmonicKmsEncryption(const HarmonicKmsEncryptionSettings* settings) override;
+    HRESULT SetIrdetoEncryption(const IrdetoEncryptionSettings* settings) override;
+    HRESULT SetBuyDrmEncryption(const BuyDrmEncryptionSettings* settings) override;
+    HRESULT SetVerimatrixEncryption(const VerimatrixEncryptionSettings* settings) override;
+    HRESULT SetInsideSecureEncryption(const InsideSecureEncryptionSettings* settings) override;
+    HRESULT SetWidevineEncryption(const WidevineEncryptionSettings* settings) override;
+    HRESULT SetManualPlayReadyEncryption(const ManualPlayReadyEncryptionSettings* settings) override;
+    HRESULT SetMultiDrmEncryption(const MultiDrmEncryptionSettings* settings) override;
     HRESULT SetKeyServerConnection(bool enabled, std::uint32_t kind, const KeyServerConnectionOptions* options) override;
     HRESULT GetStatus(std::uint32_t* chunksDelivered, char* text, std::uint32_t textSize) override;
     HRESULT GetKeyServerStatus(std::uint32_t* status) override;
@@ -111,11 +125,20 @@ private:
     friend class MuxFmp4OutputPin;
     friend class CIsomffListener;
 
-    explicit CMuxFmp4Filter(fmp4::Fmp4MuxParts parts);
+    CMuxFmp4Filter(fmp4::Fmp4MuxParts parts, KeyServerParts keyServer);
     ~CMuxFmp4Filter() override;
 
     bool isIdle() const { return m_worker->state() == fmp4::Idle; }
     std::unique_ptr<fmp4::IMuxSession> buildSession();
+    // Replaces the encryption configuration while the worker is idle.
+    HRESULT setEncryption(encryption::EncryptionConfiguration configuration);
+    // On the worker, after a session build under encryption: connects to the key server, pass after pass, and
+    // gives the session its encryption manager. Answers Running, Idle (stopped) or Exiting.
+    fmp4::WorkerState waitForKeyServer(fmp4::MuxWorker& worker, fmp4::IMuxSession& session);
+    // One attempt with a new manager; true when it connected and the session holds it.
+    bool connectKeyServer(const encryption::EncryptionConfiguration& configuration,
+                          const encryption::TransportSecurity& transportSecurity, fmp4::IMuxSession& session,
+                          bool backup);
     // Called by an input pin as it completes its connection; under the filter lock.
     HRESULT onInputConnected(MuxFmp4InputPin& pin, const MediaType& type);
     void onInputDisconnected(MuxFmp4InputPin& pin);
@@ -152,6 +175,9 @@ private:
     std::optional<std::uint32_t> m_defaultParentalRating;
     packaging::synchronizator::i_chunk_warning_notifier::IFmp4ChunkWarningNotifier* m_notifier = nullptr;
     std::uint32_t m_overheadPercent = 0;
+    encryption::EncryptionConfiguration m_encryption;
+    encryption::TransportSecurity m_transportSecurity;
+    KeyServerParts m_keyServer;
 
     std::mutex m_eventLock;
     IMediaEventSink* m_eventSink = nullptr;

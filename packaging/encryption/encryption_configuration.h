@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 #include <variant>
+#include <vector>
 
 namespace tvrn::encoding::packaging::encryption {
 inline namespace v0 {
@@ -35,19 +36,38 @@ struct ManualPlayReadyConfiguration {
 
 struct BuyDrmConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::BuyDrm;
+    std::string keyId{};      // UUID text
+    std::string userKey{};    // the operator's secret: masked in logs
+    std::string serverKey{};  // the operator's secret: masked in logs
+    std::string contentId{};
     std::string serverUrl{};
+};
+
+// One protection system a Harmonic key session is asked to signal.
+struct HarmonicDrmSystem {
+    std::string drmSystemId{};  // UUID text
+    std::string drmName{};
 };
 
 struct HarmonicConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::HarmonicKms;
+    std::string resourceId{};  // at most 128 characters
+    std::string requestorId{};
+    std::int32_t keyPeriod = 0;  // seconds
     std::string keySessionUrl{};
     // Tried when the session address does not connect; empty for none.
     std::string backupKeySessionUrl{};
+    std::string keySessionSettings{};  // the opaque data of the session request
+    std::uint32_t implementation = 0;  // 0 full, any other value minimal
+    std::string keyProvisioningUrl{};
+    std::vector<HarmonicDrmSystem> drmList{};
 };
 
 struct VerimatrixConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::Verimatrix;
-    std::string serverUrl{};
+    std::int32_t keyPeriod = 0;  // seconds
+    std::string resourceId{};
+    std::string serverUrl{};  // base address of the key file service
 };
 
 struct SecureMediaConfiguration {
@@ -58,11 +78,24 @@ struct SecureMediaConfiguration {
 struct InsideSecureConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::InsideSecure;
     std::string serverUrl{};
+    std::string laUrl{};  // licence address for the PlayReady header
+    std::string contentId{};
+    std::int32_t keyPeriod = 0;  // seconds
+};
+
+// Widevine requests signed with the operator's key and IV, both base64: secrets, never logged.
+struct WidevineSigningKey {
+    std::string signingKey{};
+    std::string signingIv{};
 };
 
 struct WidevineConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::Widevine;
     std::string serverUrl{};
+    std::string signer{};  // may be empty
+    std::variant<std::monostate, WidevineSigningKey> signing{};  // unsigned, or signed
+    std::int32_t keyPeriod = 0;  // seconds
+    std::string contentId{};
 };
 
 struct MultiDrmConfiguration {
@@ -71,6 +104,8 @@ struct MultiDrmConfiguration {
 
 // Irdeto's key generation: the protection systems asked for, in the order the service lists them.
 struct IrdetoGenerateKeysSettings {
+    std::int32_t keyRequestPeriod = 0;  // seconds; 0 for none
+    std::int32_t keyChangePeriod = 0;   // seconds; 0 for none
     bool activeCloakPr = false;
     bool ca = false;
     bool clearKey = false;
@@ -92,6 +127,18 @@ struct IrdetoConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::Irdeto;
     std::string serverUrl{};
     std::variant<IrdetoGenerateKeysSettings, IrdetoPlayReadyScalableLicense> variant{};
+    // The service's identity, sent in the header of each request.
+    std::string accountId{};
+    std::string contentId{};
+    std::string userName{};
+    std::string password{};  // the operator's secret: never logged
+    // The live event created at connection; none while `eventName` is empty.
+    std::string eventName{};
+    std::string description{};
+    std::string url{};
+    std::string subContentType{};
+    std::string encryptionType{};
+    std::int32_t policyGroupId = 0;
 };
 
 // How key server connections are secured: nothing (plain), or TLS with these settings. Copied whole into each

@@ -1,9 +1,15 @@
 #pragma once
 // A host's side of the filter in tests: upstream samples and a downstream sink that keeps what it gets.
+#include <array>
+#include <cstring>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
+#include "tests/common/fixtures.h"
 #include "tests/common/waiting.h"
 
 namespace filter_test {
@@ -67,6 +73,41 @@ private:
     testkit::Guarded<State> m_state;
     MemAllocator m_allocator;
 };
+
+// One input buffer: its bytes, its presentation time and, for video, its decoding time (100 ns).
+struct Unit { const std::uint8_t* bytes; std::size_t size; REFERENCE_TIME pts; std::optional<REFERENCE_TIME> dts; };
+
+// The H.264 fixture's access units (input 0) and the AAC fixture's frames (input 1).
+using Inputs = std::array<std::vector<Unit>, 2>;
+inline Inputs loadInputs(const testkit::Fixture& video, const testkit::AudioFixture& audio) {
+    Inputs inputs;
+    std::size_t offset = 0;
+    for (const testkit::Packet& p : video.packets) {
+        inputs[0].push_back(
+            {video.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts)});
+        offset += p.size;
+    }
+    offset = 0;
+    for (const testkit::AudioPacket& p : audio.packets) {
+        inputs[1].push_back({audio.bytes.data() + offset, p.size, testkit::probeTo100ns(p.pts), std::nullopt});
+        offset += p.size;
+    }
+    return inputs;
+}
+
+// One input in order from a streaming thread, then its end of stream.
+inline void push(MuxFmp4InputPin& pin, const std::vector<Unit>& units) {
+    for (const Unit& u : units) {
+        auto sample = COOBMediaSample::create(u.size);
+        std::uint8_t* data = nullptr;
+        sample->GetPointer(&data);
+        std::memcpy(data, u.bytes, u.size);
+        sample->SetTime(&u.pts, nullptr);
+        if (u.dts) sample->SetMediaTime(&*u.dts, &*u.dts);
+        ASSERT_EQ(pin.Receive(sample.get()), S_OK);
+    }
+    pin.EndOfStream();
+}
 
 // Waits until the filter's worker is in `state`.
 inline bool waitForWorker(CMuxFmp4Filter* filter, fmp4::WorkerState state) {

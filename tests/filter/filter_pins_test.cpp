@@ -106,9 +106,6 @@ TEST(Configuration, StateChecksAndArgumentCodes) {
     EXPECT_EQ(testkit::failureOf<CorvaneException>(
                   [&] { filter->SetMuxMode("s", fmp4::Dash, 7, 2000, 3, 0, 0, 0, 0, 0, 0, 0); }),
               "Unknown Fmp4 MuxMode");
-    // Key-server configurations arrive with encryption; a disabled connection is accepted as a no-op.
-    EXPECT_EQ(filter->SetHarmonicKmsEncryption(nullptr), E_FAIL);
-    EXPECT_EQ(filter->SetKeyServerConnection(false, 0, nullptr), S_OK);
 
     auto* pin = filter->inputPins().at(0);
     ASSERT_EQ(pin->ReceiveConnection(inputType(1, 1000000)), S_OK);

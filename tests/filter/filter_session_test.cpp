@@ -29,41 +29,6 @@ std::vector<testkit::WrittenChunk> joinChunks(const std::vector<RecordingSink::R
     return chunks;
 }
 
-// One input buffer: its bytes, its presentation time and, for video, its decoding time (100 ns).
-struct Unit { const std::uint8_t* bytes; std::size_t size; REFERENCE_TIME pts; std::optional<REFERENCE_TIME> dts; };
-
-// The H.264 fixture's access units (input 0) and the AAC fixture's frames (input 1).
-using Inputs = std::array<std::vector<Unit>, 2>;
-Inputs loadInputs(const testkit::Fixture& video, const testkit::AudioFixture& audio) {
-    Inputs inputs;
-    std::size_t offset = 0;
-    for (const testkit::Packet& p : video.packets) {
-        inputs[0].push_back(
-            {video.bytes.data() + offset, p.size, testkit::es::from90kHz(p.pts), testkit::es::from90kHz(p.dts)});
-        offset += p.size;
-    }
-    offset = 0;
-    for (const testkit::AudioPacket& p : audio.packets) {
-        inputs[1].push_back({audio.bytes.data() + offset, p.size, testkit::probeTo100ns(p.pts), std::nullopt});
-        offset += p.size;
-    }
-    return inputs;
-}
-
-// One input in order from a streaming thread, then its end of stream.
-void push(MuxFmp4InputPin& pin, const std::vector<Unit>& units) {
-    for (const Unit& u : units) {
-        auto sample = COOBMediaSample::create(u.size);
-        std::uint8_t* data = nullptr;
-        sample->GetPointer(&data);
-        std::memcpy(data, u.bytes, u.size);
-        sample->SetTime(&u.pts, nullptr);
-        if (u.dts) sample->SetMediaTime(&*u.dts, &*u.dts);
-        ASSERT_EQ(pin.Receive(sample.get()), S_OK);
-    }
-    pin.EndOfStream();
-}
-
 // The same inputs through a session of its own, as the reference of what the filter must deliver: the chunks of
 // the video output, then those of the audio output.
 std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const Inputs& inputs) {

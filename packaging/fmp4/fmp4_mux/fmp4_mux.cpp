@@ -11,6 +11,7 @@ namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
 
 using tvrn::log::LOG_INFO;
+using tvrn::log::LOG_WARNING;
 
 std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params) {
     return std::make_unique<synchronizator::SampleSegmentSynchronisator>(
@@ -107,6 +108,19 @@ Fmp4Mux::~Fmp4Mux() {
     // The synchronisers go first: their workers may still call the chunk builder.
     m_audioListener.reset();
     m_mainListener.reset();
+    // Then the key server session ends, before the provider goes with the chunk builder.
+    encryption::EncryptionManager* manager = m_chunksBuilder ? m_chunksBuilder->GetEncryptionManager() : nullptr;
+    if (manager != nullptr) {
+        try {
+            manager->disconnect();
+        } catch (const std::exception& e) {
+            m_logger.WriteMsg(LOG_WARNING, "key server disconnection failed: %s", e.what());
+        }
+    }
+}
+
+void Fmp4Mux::SetEncryptionManager(std::unique_ptr<encryption::EncryptionManager> manager) {
+    m_chunksBuilder->SetEncryptionManager(std::move(manager));
 }
 
 void Fmp4Mux::AddStream(std::uint32_t streamId, const ElementaryStreamAttributes& attributes) {

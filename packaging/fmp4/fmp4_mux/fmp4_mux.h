@@ -136,6 +136,8 @@ public:
 
     void ConsumeSample(std::uint32_t streamId, IMediaData* sample) override;
     void ConsumeEndOfStream(std::uint32_t streamId) override;
+    // Hands the manager to the chunk builder; at the session's end its provider disconnects before it goes.
+    void SetEncryptionManager(std::unique_ptr<encryption::EncryptionManager> manager) override;
 
     // The track id given to a stream at registration.
     std::uint32_t trackIdOf(std::uint32_t streamId) const;

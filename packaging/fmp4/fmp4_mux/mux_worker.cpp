@@ -89,7 +89,12 @@ void MuxWorker::run() {
                     next = Idle;
                     break;
                 }
-                next = m_keyWait ? m_keyWait(*this) : Running;
+                next = m_keyWait ? m_keyWait(*this, *session) : Running;
+                if (next != Running) {
+                    // Stopped or ended while waiting for the key server: the session never ran.
+                    session.reset();
+                    m_queue.clear();
+                }
                 break;
 
             case Running:

@@ -20,8 +20,9 @@ class MuxWorker {
 public:
     // Builds a session from the configuration; called under the filter lock.
     using SessionFactory = std::function<std::unique_ptr<IMuxSession>()>;
-    // Waits for the key server after a build; answers Running, Idle (stopped) or Exiting.
-    using KeyWait = std::function<WorkerState(MuxWorker&)>;
+    // Waits for the key server after a build and gives the session its encryption; answers Running, Idle
+    // (stopped) or Exiting. Samples pushed meanwhile are dropped.
+    using KeyWait = std::function<WorkerState(MuxWorker&, IMuxSession&)>;
 
     // The filter lock and the logger belong to the caller and outlive the worker. The thread starts at once.
     MuxWorker(std::recursive_mutex& filterLock, tvrn::log::ILogger& logger, SessionFactory factory,

@@ -31,6 +31,7 @@ public:
     void ConsumeEndOfStream(std::uint32_t streamId) override {
         m_record.update([&](Sessions& s) { s.ends[m_index].push_back(streamId); });
     }
+    void SetEncryptionManager(std::unique_ptr<tvrn::encoding::packaging::encryption::EncryptionManager>) override {}
 
 private:
     Guarded<Sessions>& m_record;
