@@ -17,7 +17,9 @@ namespace {
 void cleanse(std::string& secret) { OPENSSL_cleanse(secret.data(), secret.size()); }
 
 // UUID text in canonical (writing) order.
-imff::imff_box::Uuid parseCanonical(const std::string& text) { return imff::imff_box::keyIdToUuid(parseGuidText(text)); }
+imff::imff_box::Uuid parseCanonical(const std::string& text) {
+    return imff::imff_box::keyIdToUuid(parseGuidText(text));
+}
 
 }  // namespace
 
