@@ -64,7 +64,8 @@ PlayReadyObject makePlayReadyObject(const std::string& laUrl, std::span<const st
                                     std::span<const std::uint8_t> domainServiceId);
 // A PlayReady Header Object holding one rights management header record with this text: total length (32 bits),
 // record count 1, record type 1, record length (16 bits each), then the text in UTF-16LE without terminator, all
-// little-endian. The text is read as UTF-8; bytes that are not UTF-8 widen one to one.
+// little-endian. The text is read as UTF-8; bytes that are not UTF-8 widen one to one. A text of more than 32767
+// code units is cut there, to fit the record length.
 PlayReadyObject wrapWrmHeader(const std::string& wrmHeader);
 // The PlayReady checksum of a key: its key id's 16 bytes through AES-128-ECB under the key, the first 8 bytes of
 // that in base64. A key or key id of another length, or a cipher failure, throws "Rijndael 128 ECB encrypt : failed".
