@@ -4,7 +4,7 @@
 #include <openssl/evp.h>
 
 #include <array>
-#include <cstdio>
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
