@@ -3,8 +3,8 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include <array>
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <utility>
 
