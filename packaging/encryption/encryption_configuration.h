@@ -30,8 +30,15 @@ enum class EncryptionMode : std::uint32_t {
     Irdeto = 11,
 };
 
+// One key from the operator, given as it is or through a PlayReady key seed, signalled with a PlayReady header.
 struct ManualPlayReadyConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::ManualPlayReady;
+    std::string keyId{};            // UUID text
+    std::string keySeed{};          // base64; the operator's secret, masked in the log; may be empty
+    std::string contentKey{};       // base64; never logged; wins over the seed when not empty
+    std::string laUrl{};            // licence acquisition address
+    std::string luiUrl{};           // licence user interface address
+    std::string domainServiceId{};  // UUID text; may be empty
 };
 
 struct BuyDrmConfiguration {
@@ -98,8 +105,37 @@ struct WidevineConfiguration {
     std::string contentId{};
 };
 
+// One key from the operator signalled for several DRM systems, each switched on by its flag; no key server.
 struct MultiDrmConfiguration {
     static constexpr EncryptionMode kMode = EncryptionMode::MultiDrm;
+    // UUID text; the manifest's cenc:default_KID is this text as it is.
+    std::string keyId{};
+    // Not used: the key never changes.
+    std::int32_t keyPeriod = 0;
+    // Base64. The content key wins over the seed when not empty. Operator's secrets: never logged.
+    std::string keySeed{};
+    std::string contentKey{};
+    bool playReadyEnabled = false;
+    std::string laUrl{};
+    // Marlin has a manifest element only, no pssh. Its text is not used.
+    bool marlinEnabled = false;
+    std::string marlinText{};
+    // Verimatrix's pssh data holds this text.
+    bool verimatrixEnabled = false;
+    std::string verimatrixData{};
+    // The content id is UUID text, or empty for none.
+    bool widevineEnabled = false;
+    std::string widevineProvider{};
+    std::string widevineContentId{};
+    // A system of the host's choice: its id (UUID text), its pssh data (base64) and its manifest element (when
+    // empty, a bare ContentProtection element of the system id).
+    bool customEnabled = false;
+    std::string customSystemId{};
+    std::string customPsshData{};
+    std::string customElement{};
+    // Makes the custom system's pssh version 1, listing the key id, as the W3C common system 1077efec-c0b2-4d02-
+    // ace3-3c1e52e2fb4b (ClearKey) has it. The PIFF form of Smooth Streaming has no version 1 and stays version 0.
+    bool customPsshListsKeyId = false;
 };
 
 // Irdeto's key generation: the protection systems asked for, in the order the service lists them.

@@ -5,6 +5,10 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
+#include <utility>
+
+#include "packaging/encryption/manual_playready_provider.h"
+#include "packaging/encryption/multi_drm_provider.h"
 
 namespace tvrn::encoding::packaging::encryption {
 inline namespace v0 {
@@ -117,20 +121,27 @@ void EncryptionManager::encryptCtr(const std::uint8_t* source, std::uint8_t* des
 void buildEncryptionManager(std::unique_ptr<EncryptionManager>& manager, const EncryptionConfiguration& configuration,
                             const TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
                             IEncryptionListener* listener) {
-    // Each provider will take its record, its own copy of the transport security and the logger. None of the
-    // key server clients is in this library yet: their modes are read for consistency, get no provider and are
-    // reported like the modes that have none at all, so the filter keeps waiting for a key server.
+    // Each provider takes its record, and those of key servers their own copy of the transport security and the
+    // logger. The providers without a server (Manual PlayReady, Multi-DRM) are here; none of the key server clients
+    // is in this library yet: their modes are read for consistency, get no provider and are reported like the modes
+    // that have none at all, so the filter keeps waiting for a key server. Secrets reach the log masked or not at
+    // all.
     (void)transportSecurity;
     manager.reset();
+    std::unique_ptr<IEncryptionProvider> provider;
     const char* notImplemented = nullptr;
     switch (configuration.mode()) {
     case EncryptionMode::None: break;
     case EncryptionMode::Manual: notImplemented = "Manual"; break;
     case EncryptionMode::AutoGen: notImplemented = "AutoGen"; break;
-    case EncryptionMode::ManualPlayReady:
-        (void)configuration.record<ManualPlayReadyConfiguration>();
-        notImplemented = "Manual PlayReady";
+    case EncryptionMode::ManualPlayReady: {
+        const ManualPlayReadyConfiguration& record = configuration.record<ManualPlayReadyConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "Manual PlayReady encryption parameters: Key Id = '%s' : KeySeed = '%s' : LaUrl = '%s'",
+                        record.keyId.c_str(), maskSecret(record.keySeed).c_str(), record.laUrl.c_str());
+        provider = buildManualPlayReadyProvider(record);
         break;
+    }
     case EncryptionMode::BuyDrm:
         (void)configuration.record<BuyDrmConfiguration>();
         notImplemented = "BuyDRM";
@@ -155,10 +166,12 @@ void buildEncryptionManager(std::unique_ptr<EncryptionManager>& manager, const E
         (void)configuration.record<WidevineConfiguration>();
         notImplemented = "Widevine";
         break;
-    case EncryptionMode::MultiDrm:
-        (void)configuration.record<MultiDrmConfiguration>();
-        notImplemented = "Multi-DRM";
+    case EncryptionMode::MultiDrm: {
+        const MultiDrmConfiguration& record = configuration.record<MultiDrmConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO, "Multi-Drm encryption parameters: Key Id = '%s'", record.keyId.c_str());
+        provider = std::make_unique<MultiDrmEncryptionProvider>(record);
         break;
+    }
     case EncryptionMode::Irdeto: {
         const IrdetoConfiguration& irdeto = configuration.record<IrdetoConfiguration>();
         if (irdeto.variant.valueless_by_exception()) throw std::logic_error("internal assertion failure");
@@ -172,7 +185,7 @@ void buildEncryptionManager(std::unique_ptr<EncryptionManager>& manager, const E
     if (notImplemented != nullptr) {
         logger.WriteMsg(tvrn::log::LOG_WARNING, "Encryption Mode \"%s\" is not yet implemented", notImplemented);
     }
-    manager = std::make_unique<EncryptionManager>(nullptr, listener);
+    manager = std::make_unique<EncryptionManager>(std::move(provider), listener);
 }
 
 std::string maskSecret(const std::string& text) {

@@ -73,9 +73,11 @@ private:
     AesCtr64 m_keySchedule;
 };
 
-// Builds a manager for `configuration`, holding `listener` (not owned, may be null). Modes whose provider is not
-// available here get no provider and a warning; a number outside the modes throws std::logic_error
-// "internal assertion failure".
+// Builds a manager for `configuration`, holding `listener` (not owned, may be null). Manual PlayReady and Multi-DRM
+// get their providers, after an info line of their parameters (the key seed masked, content keys left out); a
+// Manual PlayReady configuration that does not build throws as buildManualPlayReadyProvider does. Modes whose
+// provider is not available here get no provider and a warning; a number outside the modes throws
+// std::logic_error "internal assertion failure".
 void buildEncryptionManager(std::unique_ptr<EncryptionManager>& manager, const EncryptionConfiguration& configuration,
                             const TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
                             IEncryptionListener* listener);

@@ -1,6 +1,7 @@
 #include "packaging/imff_box/protection_boxes.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tvrn::encoding::packaging::imff::imff_box {
 inline namespace v0 {
@@ -56,9 +57,23 @@ ProtectionSystemSpecificHeaderBox::ProtectionSystemSpecificHeaderBox(const Uuid&
     if (!cencForm) setExtendedType(kPiffPsshUuid);
 }
 
+std::uint64_t ProtectionSystemSpecificHeaderBox::getSize() const {
+    const std::uint64_t keyIds = getVersion() >= 1 ? 4 + 16 * m_keyIds.size() : 0;
+    return getFullBoxHeaderSize() + 16 + keyIds + 4 + m_data.size();
+}
+
+void ProtectionSystemSpecificHeaderBox::listKeyIds(std::vector<KeyId> keyIds) {
+    m_keyIds = std::move(keyIds);
+    setVersion(1);
+}
+
 void ProtectionSystemSpecificHeaderBox::binarize(ImffBitWriter& writer) const {
     binarizeFullBoxHeader(writer);
     writeUuid(writer, m_systemId);
+    if (getVersion() >= 1) {
+        writer.writeBits(32, m_keyIds.size());
+        for (const KeyId& keyId : m_keyIds) writeKeyId(writer, keyId);
+    }
     writer.writeBits(32, m_data.size());
     writer.copyBuffer(m_data.data(), m_data.size());
 }

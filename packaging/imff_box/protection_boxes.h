@@ -26,19 +26,25 @@ Uuid keyIdToUuid(const KeyId& keyId);
 // Writes the 16 bytes of the key id in UUID byte order.
 void writeKeyId(ImffBitWriter& writer, const KeyId& keyId);
 
-// "pssh", version 0: a DRM system's data for the player. System ids are held in writing order (Uuid). The PIFF form
-// (cencForm false) is a "uuid" box d08a4f18-10f3-4a82-b6c8-32d8aba183d3 with the same content.
+// "pssh": a DRM system's data for the player. System ids are held in writing order (Uuid). The PIFF form
+// (cencForm false) is a "uuid" box d08a4f18-10f3-4a82-b6c8-32d8aba183d3 with the same content. Version 0 unless key
+// ids are listed: version 1 (ISO/IEC 23001-7) writes their count and the key ids, in UUID byte order, between the
+// system id and the data size.
 class ProtectionSystemSpecificHeaderBox : public FullBox {
 public:
     ProtectionSystemSpecificHeaderBox(const Uuid& systemId, std::vector<std::uint8_t> data, bool cencForm = true);
-    std::uint64_t getSize() const override { return getFullBoxHeaderSize() + 16 + 4 + m_data.size(); }
+    std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;
     const Uuid& getSystemId() const { return m_systemId; }
     const std::vector<std::uint8_t>& getData() const { return m_data; }
+    // Makes the box version 1 with these key ids (an empty list gives a count of 0).
+    void listKeyIds(std::vector<KeyId> keyIds);
+    const std::vector<KeyId>& getKeyIds() const { return m_keyIds; }
 
 private:
     Uuid m_systemId;
     std::vector<std::uint8_t> m_data;
+    std::vector<KeyId> m_keyIds;
 };
 
 // "frma": the sample entry type a protected entry had before it became "encv" or "enca".

@@ -22,6 +22,10 @@ const Uuid kWidevine = uuidFromString("edef8ba9-79d6-4ace-a3c8-27dcd51d21ed");
 TEST(ProtectionBoxes, Layouts) {
     auto sgpd = std::make_shared<SampleGroupDescriptionBox>(fourCC("seig"), 1, 0);
     sgpd->addEntry(std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(false, 16, kKeyId));
+    // The W3C common system (ClearKey) lists the key id in a version 1 pssh and carries no data.
+    auto listing = std::make_shared<ProtectionSystemSpecificHeaderBox>(
+        uuidFromString("1077efec-c0b2-4d02-ace3-3c1e52e2fb4b"), std::vector<std::uint8_t>{});
+    listing->listKeyIds({kKeyId});
     auto saio = std::make_shared<SampleAuxiliaryInformationOffsetsBox>(fourCC("cenc"), 0, 1);
     saio->addOffset(0);
     saio->setOffset(0, 0x1234);
@@ -46,6 +50,8 @@ TEST(ProtectionBoxes, Layouts) {
          "00000023 'pssh' 00000000 EDEF8BA9 79D64ACE A3C827DC D51D21ED 00000003 AABBCC"},
         {std::make_shared<ProtectionSystemSpecificHeaderBox>(kWidevine, std::vector<std::uint8_t>{0xAA}, false),
          "00000031 'uuid' D08A4F18 10F34A82 B6C832D8 ABA183D3 00000000 EDEF8BA9 79D64ACE A3C827DC D51D21ED 00000001 AA"},
+        // version 1 (ISO/IEC 23001-7): system id, KID_count 1, the KID as written, DataSize 0
+        {listing, "00000034 'pssh' 01000000 1077EFEC C0B24D02 ACE33C1E 52E2FB4B 00000001" + kKid + "00000000"},
         // version 1, flags 1: aux info type and parameter, entry count, 64-bit offset
         {saio, "00000020 'saio' 01000001 'cenc' 00000000 00000001 0000000000001234"},
         // version 1, default length 0: each entry has its length; isProtected 0, IV size 16
