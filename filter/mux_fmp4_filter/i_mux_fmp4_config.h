@@ -133,6 +133,9 @@ struct MultiDrmEncryptionSettings {
     const char* customSystemId = nullptr;  // UUID text
     const char* customPsshData = nullptr;  // base64
     const char* customElement = nullptr;
+    // Beyond the slot's documented arguments: the custom system's pssh lists the key id (version 1), as W3C
+    // ClearKey (1077efec-c0b2-4d02-ace3-3c1e52e2fb4b) has it. Off by default.
+    bool customPsshListsKeyId = false;
 };
 
 // Slot 18, for kind 1 (TLS); kind 0 is a plain connection and reads none of it.

@@ -80,10 +80,21 @@ encryption::WidevineConfiguration recordOf(const WidevineEncryptionSettings& s) 
     return r;
 }
 
-// The Manual PlayReady and Multi-DRM records hold none of their settings yet: the mode alone is kept until the
-// records take the fields of their providers.
-encryption::ManualPlayReadyConfiguration recordOf(const ManualPlayReadyEncryptionSettings&) { return {}; }
-encryption::MultiDrmConfiguration recordOf(const MultiDrmEncryptionSettings&) { return {}; }
+encryption::ManualPlayReadyConfiguration recordOf(const ManualPlayReadyEncryptionSettings& s) {
+    return {.keyId = text(s.keyId), .keySeed = text(s.keySeed), .contentKey = text(s.contentKey),
+            .laUrl = text(s.laUrl), .luiUrl = text(s.luiUrl), .domainServiceId = text(s.domainServiceId)};
+}
+
+encryption::MultiDrmConfiguration recordOf(const MultiDrmEncryptionSettings& s) {
+    return {.keyId = text(s.keyId), .keyPeriod = s.keyPeriod, .keySeed = text(s.keySeed),
+            .contentKey = text(s.contentKey), .playReadyEnabled = s.playReadyEnabled, .laUrl = text(s.laUrl),
+            .marlinEnabled = s.marlinEnabled, .marlinText = text(s.marlinText),
+            .verimatrixEnabled = s.verimatrixEnabled, .verimatrixData = text(s.verimatrixData),
+            .widevineEnabled = s.widevineEnabled, .widevineProvider = text(s.widevineProvider),
+            .widevineContentId = text(s.widevineContentId), .customEnabled = s.customEnabled,
+            .customSystemId = text(s.customSystemId), .customPsshData = text(s.customPsshData),
+            .customElement = text(s.customElement), .customPsshListsKeyId = s.customPsshListsKeyId};
+}
 
 // The key period of the provider the configuration makes, in seconds: above 0 the key changes during the session.
 std::int32_t keyRotationPeriod(const encryption::EncryptionConfiguration& configuration) {

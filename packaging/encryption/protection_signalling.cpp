@@ -145,13 +145,15 @@ PlayReadyObject wrapWrmHeader(const std::string& wrmHeader) {
     // The record length is a 16-bit field; a header that long is cut there rather than written inconsistently.
     if (record.size() > 0xFFFE) record.resize(0xFFFE);
     const std::size_t total = record.size() + 10;
-    PlayReadyObject object = {
-        static_cast<std::uint8_t>(total), static_cast<std::uint8_t>(total >> 8),
-        static_cast<std::uint8_t>(total >> 16), static_cast<std::uint8_t>(total >> 24),
-        1, 0,  // record count
-        1, 0,  // record type: rights management header
-        static_cast<std::uint8_t>(record.size()), static_cast<std::uint8_t>(record.size() >> 8),
-    };
+    PlayReadyObject object;
+    object.reserve(total);
+    for (const std::uint8_t byte : {static_cast<std::uint8_t>(total), static_cast<std::uint8_t>(total >> 8),
+                                    static_cast<std::uint8_t>(total >> 16), static_cast<std::uint8_t>(total >> 24),
+                                    std::uint8_t{1}, std::uint8_t{0},  // record count
+                                    std::uint8_t{1}, std::uint8_t{0},  // record type: rights management header
+                                    static_cast<std::uint8_t>(record.size()),
+                                    static_cast<std::uint8_t>(record.size() >> 8)})
+        object.push_back(byte);
     object.insert(object.end(), record.begin(), record.end());
     return object;
 }
@@ -228,7 +230,10 @@ void makeWidevineElement(std::string& text, const std::string& psshBase64) {
 
 std::vector<std::uint8_t> makeWidevinePsshData(std::span<const std::uint8_t> keyId, const std::string& provider,
                                                std::span<const std::uint8_t> contentId) {
-    std::vector<std::uint8_t> data = {0x08, 0x01};
+    std::vector<std::uint8_t> data;
+    data.reserve(12 + keyId.size() + provider.size() + contentId.size());
+    data.push_back(0x08);
+    data.push_back(0x01);
     const auto field = [&data](std::uint8_t tag, const std::uint8_t* bytes, std::size_t size) {
         data.push_back(tag);
         data.push_back(static_cast<std::uint8_t>(size));  // one length byte, whatever the size
@@ -238,14 +243,15 @@ std::vector<std::uint8_t> makeWidevinePsshData(std::span<const std::uint8_t> key
     field(0x1A, reinterpret_cast<const std::uint8_t*>(provider.data()), provider.size());
     field(0x22, contentId.data(), contentId.size());
     // An empty field 5, then 33 00: players have always been given these two pairs, so they stay as they are.
-    data.insert(data.end(), {0x2A, 0x00, 0x33, 0x00});
+    for (const int byte : {0x2A, 0x00, 0x33, 0x00}) data.push_back(static_cast<std::uint8_t>(byte));
     return data;
 }
 
 std::vector<std::uint8_t> makeVerimatrixPsshData(const std::string& text) {
     const std::size_t size = text.size();
-    std::vector<std::uint8_t> data = {static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
-                                      static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)};
+    std::vector<std::uint8_t> data;
+    data.reserve(4 + size);
+    for (int shift = 24; shift >= 0; shift -= 8) data.push_back(static_cast<std::uint8_t>(size >> shift));
     data.insert(data.end(), text.begin(), text.end());
     return data;
 }
