@@ -177,6 +177,7 @@ int run(int argc, char** argv) {
     engineSettings.offline = !live && !options.realtime;
     engineSettings.firstNumber = options.firstNumber;
     engineSettings.streamName = options.streamName;
+    engineSettings.encryption = options.encryption;
     Packager packager(engineSettings, logger);
     // handles[input][stream]: the engine's stream, or -1 for a stream left out.
     std::vector<std::vector<int>> handles(inputs.size());

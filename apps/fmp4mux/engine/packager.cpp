@@ -45,8 +45,30 @@ Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
         throw ExitError(kExitUsage, e.what());
     }
     m_filter->SetFirstNumber(s.firstNumber);
+    if (s.encryption.enabled()) configureEncryption(s.encryption);
     // fmp4mux writes for players and validators, which read the sample flags by the ISO rules.
     m_filter->SetPlayerCompatibleOutput(true);
+}
+
+// One key of the operator's, signalled for the systems asked for: the engine's key configuration of several
+// systems. ClearKey is its system of the host's choice, with a version 1 pssh that lists the key id.
+void Packager::configureEncryption(const EncryptionOptions& e) {
+    constexpr const char* kClearKey = "1077efec-c0b2-4d02-ace3-3c1e52e2fb4b";
+    flt::MultiDrmEncryptionSettings settings{};
+    settings.keyId = e.keyId.c_str();
+    settings.contentKey = e.keyBase64.c_str();
+    settings.keySeed = e.keySeedBase64.c_str();
+    settings.playReadyEnabled = e.playReady;
+    settings.laUrl = e.playReadyLicenceUrl.c_str();
+    settings.widevineEnabled = e.widevine;
+    settings.widevineProvider = e.widevineProvider.c_str();
+    settings.widevineContentId = e.widevineContentId.c_str();
+    settings.customEnabled = e.clearKey || !e.customSystemUuid.empty();
+    settings.customSystemId = e.clearKey ? kClearKey : e.customSystemUuid.c_str();
+    settings.customPsshData = e.customPsshBase64.c_str();
+    settings.customPsshListsKeyId = e.clearKey;
+    if (m_filter->SetMultiDrmEncryption(&settings) != S_OK)
+        throw ExitError(kExitUsage, "the engine refused the encryption settings");
 }
 
 Packager::~Packager() { stop(); }

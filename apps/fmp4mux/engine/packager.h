@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/fmp4mux/cli/encryption_options.h"
 #include "apps/fmp4mux/engine/chunk_sink.h"
 #include "apps/fmp4mux/inputs/input.h"
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
@@ -28,6 +29,7 @@ struct EngineSettings {
     bool offline = true;  // a file read as fast as it goes: nothing is dropped for being late
     std::int32_t firstNumber = 1;
     std::string streamName = "live";
+    EncryptionOptions encryption;  // checked; not enabled(): clear output
 };
 
 // One stream to package.
@@ -61,6 +63,8 @@ public:
     void stop();
 
 private:
+    void configureEncryption(const EncryptionOptions& encryption);
+
     // The sinks outlive the filter, whose outputs deliver to them.
     std::vector<std::unique_ptr<ChunkSink>> m_sinks;
     tvrn::encoding::RefPtr<tvrn::encoding::filter::CMuxFmp4Filter> m_filter;
