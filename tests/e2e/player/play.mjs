@@ -134,6 +134,19 @@ ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
     player.on(dashjs.MediaPlayer.events.PLAYBACK_STARTED, () => { state.started = true; });
     const keys = ${keys};
     if (keys) player.setProtectionData(keys);
+    // dash.js's Smooth Streaming module signals PlayReady and Widevine only, from the PlayReady header: a ClearKey
+    // licence needs a ClearKey entry beside them, for the same key id.
+    if (keys && ${JSON.stringify(format)} === 'smooth') {
+      player.on(dashjs.MediaPlayer.events.MANIFEST_LOADED, (e) => {
+        for (const period of (e.data && e.data.Period) || []) {
+          for (const set of period.AdaptationSet || []) {
+            const known = (set.ContentProtection || []).find((c) => c['cenc:default_KID']);
+            if (known) set.ContentProtection.push({ schemeIdUri: 'urn:uuid:1077efec-c0b2-4d02-ace3-3c1e52e2fb4b',
+                                                    value: 'org.w3.clearkey', 'cenc:default_KID': known['cenc:default_KID'] });
+          }
+        }
+      });
+    }
     player.initialize(video, ${JSON.stringify("/" + manifest)}, true);
     window.__player = player;
   } catch (e) {
