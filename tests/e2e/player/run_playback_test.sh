@@ -164,7 +164,8 @@ if [ "$FORMAT" = dash ] && [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka 
     fail "decrypted, the audio has $samples samples, the source $want_samples"
 fi
 if [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ]; then
-  ! grep -rq "$KEY" "$OUT/stderr" "$OUT/out/$manifest" || fail "the key reached the log or the manifest"  ! node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" --clearkey "$KID:$WRONG" --min-time 2 --timeout 20 \
+  ! grep -rq "$KEY" "$OUT/stderr" "$OUT/out/$manifest" || fail "the key reached the log or the manifest"
+  ! node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" --clearkey "$KID:$WRONG" --min-time 2 --timeout 20 \
     "$OUT/out" "$manifest" >"$OUT/wrong.log" 2>&1 || fail "$PLAYER played the encrypted output with a wrong key"
   echo "run_playback_test: with a wrong key $PLAYER does not play (as it must)"
 fi
