@@ -421,12 +421,7 @@ Bytes serialised(StreamChunk& chunk, ChunkContentType content, bool players) {
 // The last word of a sidx reference: starts_with_SAP (1 bit), SAP_type (3), SAP_delta_time (28). For players an
 // audio chunk starts with a SAP of type 1 (its samples say 0), and a video chunk starting inside a GOP with none.
 TEST(ChunkBytes, SegmentIndexSapForPlayers) {
-    struct Case {
-        ChunkContentType content;
-        bool sync;
-        bool players;
-        std::uint32_t sapWord;
-    } cases[] = {
+    struct Case { ChunkContentType content; bool sync; bool players; std::uint32_t sapWord; } cases[] = {
         {ChunkAudio, false, false, 0x80000000}, {ChunkAudio, false, true, 0x90000000},
         {ChunkVideo, true, true, 0x90000000},   {ChunkVideo, false, true, 0x00000000},
     };

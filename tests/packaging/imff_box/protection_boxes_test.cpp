@@ -38,10 +38,7 @@ TEST(ProtectionBoxes, Layouts) {
     ASSERT_TRUE(protectSampleEntry(video, true, kKeyId, 8, true) && protectSampleEntry(audio, false, kKeyId, 16, false));
     EXPECT_FALSE(protectSampleEntry(text, true, kKeyId, 8, true));
     EXPECT_EQ(fourCCText(video.getType()) + fourCCText(audio.getType()) + fourCCText(text.getType()), "encvencawvtt");
-    const struct {
-        std::shared_ptr<Box> box;
-        std::string bytes;
-    } cases[] = {
+    const struct { std::shared_ptr<Box> box; std::string bytes; } cases[] = {
         // sinf: frma with the old type; schm version 0, flags 0, scheme and its version; schi holding tenc: version
         // 0, flags 0, default_isProtected 1 in 24 bits (two reserved bytes, then 1), IV size 8, key id
         {video.getProtection(), "00000050 'sinf' 0000000C 'frma' 'avc1' 00000014 'schm' 00000000 'cenc' 00010000"
