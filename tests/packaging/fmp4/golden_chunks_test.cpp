@@ -256,30 +256,6 @@ TEST(GoldenChunksSplit, BuffersCutAnywhereGiveTheSameChunks) {
     for (const GoldenCase& c : {kCases[0], kCases[6]}) expectGolden(c, runCase(c, true));
 }
 
-// Three renditions of the same picture timing, GOPs aligned: per segment, the decoding time of tfdt and the
-// earliest presentation time of sidx agree across the outputs, and are the source's less the time origin.
-TEST(Renditions, AlignedSegmentsHaveEqualTimes) {
-    const auto outputs = runSession(Dash, GopSegments,
-                                    {{"video0", videoFeed("h264_plain", H264_VIDEO, false)},
-                                     {"video1", videoFeed("h264_hrd_slices", H264_VIDEO, false)},
-                                     {"video2", videoFeed("hevc_bframes", HEVC_VIDEO, false)}});
-    // Key frames every 24 frames of 3600 ticks, shown 7200 ticks after they are decoded: in 100 ns units
-    // segment k starts decoding at k x 9600000 after the origin and presenting 800000 later.
-    for (const auto& [name, chunks] : outputs) {
-        std::vector<std::pair<std::uint64_t, std::uint64_t>> times;
-        for (const WrittenChunk& chunk : chunks) {
-            if (chunk.init) continue;
-            const auto tfdt = findBox(chunk.bytes, "moof/traf/tfdt");
-            const auto timing = readChunkTiming(chunk.bytes, true);
-            ASSERT_TRUE(tfdt && timing) << name;
-            ASSERT_EQ(chunk.bytes[tfdt->contentStart], 1) << name;  // version 1: 64-bit time
-            times.emplace_back(u64In(chunk.bytes, *tfdt, 4), timing->time);
-        }
-        EXPECT_EQ(times, (std::vector<std::pair<std::uint64_t, std::uint64_t>>{{0, 800000}, {9600000, 10400000}}))
-            << name;
-    }
-}
-
 // The payload of a chunk's mdat.
 ByteView mdatPayload(const Bytes& chunk) {
     for (const BoxView& box : boxesIn(chunk))
