@@ -1,5 +1,6 @@
 // Media segment boxes and the track fragment builder's edge cases, against layouts worked out from ISO/IEC 14496-12
-// and the Smooth Streaming uuid boxes.
+// and the Smooth Streaming uuid boxes. mfhd, tfhd, tfdt and sdtp are worked out within the whole chunks of
+// chunks_builder_test (ChunkBytes, AllVideoInInit) and the large tfdt below.
 #include <gtest/gtest.h>
 
 #include "packaging/imff_box/fragment_boxes.h"
@@ -50,19 +51,6 @@ TEST(TrackRunBox, EachFlagAddsItsField) {
         trun->addEntry({1024, 100, SampleFlags{.dependsOn = 1, .isDependedOn = 1}, 3600});
         EXPECT_BYTES(writeBox(trun), hex(c.bytes));
     }
-}
-
-TEST(FragmentBoxes, HeadersAndDependencies) {
-    EXPECT_BYTES(writeBox(std::make_shared<TrackFragmentHeaderBox>(5, 0x020002)), hex("00000014 'tfhd' 00020002 00000005 00000001"));
-    EXPECT_BYTES(writeBox(std::make_shared<TrackFragmentDecodeTimeBox>(0x123456789ull)),
-                 hex("00000014 'tfdt' 01000000 0000000123456789"));
-    EXPECT_BYTES(writeBox(std::make_shared<MovieFragmentHeaderBox>(7)), hex("00000010 'mfhd' 00000000 00000007"));
-
-    auto sdtp = std::make_shared<SampleDependencyTypeBox>();
-    sdtp->addSample(sampleDependencyFlags(true, true));    // 00 10 01 00
-    sdtp->addSample(sampleDependencyFlags(false, true));   // 00 01 01 00
-    sdtp->addSample(sampleDependencyFlags(false, false));  // 00 10 10 00
-    EXPECT_BYTES(writeBox(sdtp), hex("0000000F 'sdtp' 00000000 24 14 28"));
 }
 
 TEST(FragmentBoxes, SegmentIndex) {
