@@ -66,10 +66,7 @@ public:
     }
 
 private:
-    struct State {
-        std::vector<Received> received;
-        int ends = 0;
-    };
+    struct State { std::vector<Received> received; int ends = 0; };
     testkit::Guarded<State> m_state;
     MemAllocator m_allocator;
 };

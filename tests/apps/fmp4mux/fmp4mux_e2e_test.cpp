@@ -28,7 +28,6 @@ Outcome sh(const std::string& command) {
 
 std::string q(const fs::path& path) { return "'" + path.string() + "'"; }
 std::string mux(const std::string& args) { return std::string(FMP4MUX_PATH) + " -q " + args; }
-Outcome fmp4mux(const std::string& args) { return sh(mux(args)); }
 
 // The folder of every file of this program, removed when it ends.
 fs::path dir() {
@@ -234,7 +233,7 @@ TEST_P(Packages, EveryTrackDecodesWithItsSourcesPicturesAndSamples) {
     const fs::path out = dir() / p.name;
     std::string inputs;
     for (const Source& s : p.inputs) inputs += q(made(s)) + " ";
-    const Outcome r = fmp4mux(p.args + " " + inputs + q(out));
+    const Outcome r = sh(mux(p.args + " " + inputs + q(out)));
     ASSERT_EQ(r.exitCode, 0) << r.output;
     const std::size_t jumps = count(r.output, "timestamps jump by");
     EXPECT_TRUE(p.says.empty() || count(r.output, p.says) == 1) << "said once: " << p.says << "\n" << r.output;

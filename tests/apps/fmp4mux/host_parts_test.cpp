@@ -223,11 +223,7 @@ struct Fed {
     long long expected;  // decode time out, ms, or kDropped
 };
 
-struct JumpCase {
-    std::string name;
-    std::vector<Fed> packets;
-    std::size_t jumpsLogged;
-};
+struct JumpCase { std::string name; std::vector<Fed> packets; std::size_t jumpsLogged; };
 
 class TimelineKeeperTable : public ::testing::TestWithParam<JumpCase> {};
 
@@ -285,11 +281,7 @@ INSTANTIATE_TEST_SUITE_P(
 // frame, J video key frame whose times jumped (a splice), A audio; a trailing '!' marks the packet damaged. In
 // `kept`, what reached the packager in order, lower case for what was dropped (in the order fed).
 TEST(DamageGuard, DropsDamagedVideoToTheNextKeyFrameAndDamagedAudioAlone) {
-    struct Case {
-        std::vector<std::string> fed;
-        std::string passed;
-        std::uint64_t damagedVideo, videoDropped, audioDropped;
-    };
+    struct Case { std::vector<std::string> fed; std::string passed; std::uint64_t damagedVideo, videoDropped, audioDropped; };
     const std::vector<Case> cases{
         {{"K", "V", "A", "V", "K"}, "KVAVK", 0, 0, 0},
         {{"K", "V!", "V", "A", "V", "K", "V"}, "KAKV", 1, 3, 0},

@@ -284,10 +284,7 @@ TEST(BuildEncryptionManager, ManualPlayReadyAndMultiDrm) {
     // The published pair of the key seed test: the factory's manager encrypts with that key from the first segment.
     const enc::ManualPlayReadyConfiguration manual{.keyId = "09E36702-8F33-436C-A5DD-60FFE6671E70",
                                                    .keySeed = kTestSeed, .laUrl = "http://la"};
-    const struct {
-        enc::EncryptionConfiguration configuration;
-        std::string line, key;
-    } table[] = {
+    const struct { enc::EncryptionConfiguration configuration; std::string line, key; } table[] = {
         {manual,
          "2 Manual PlayReady encryption parameters: Key Id = '09E36702-8F33-436C-A5DD-60FFE6671E70' : "
          "KeySeed = 'XVBo*********************************46I' : LaUrl = 'http://la'",

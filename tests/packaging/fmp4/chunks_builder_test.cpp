@@ -326,17 +326,16 @@ TEST(Writes, PsshInFragmentsWithoutProviderFails) {
 
 // --- the sync point test -------------------------------------------------------------------------------
 
-std::shared_ptr<StreamChunk> startingAt(std::uint32_t id, std::int32_t kind, std::int64_t ms, std::uint64_t durationMs) {
-    const std::int64_t t = ms * 90;
-    return chunkOf({sampleOf(id, kind, kind == samples::KindAudio ? AAC_ADTS_AUDIO : H264_VIDEO, t, t, true, {1})},
-                   durationMs * 10000);
-}
-
 TEST(SyncPoint, DurationWithinAQuarterAboveTheSegmentVideoStartsWithin50MsAllStartsWithin150Ms) {
-    const auto video = [](std::uint32_t id, std::int64_t ms, std::uint64_t durationMs = 2000) {
-        return startingAt(id, samples::KindVideo, ms, durationMs);
+    // A chunk of one sample of stream `id` starting at `ms`, lasting `durationMs`.
+    const auto at = [](std::uint32_t id, std::int32_t kind, std::int64_t ms, std::uint64_t durationMs = 2000) {
+        const std::uint32_t type = kind == samples::KindAudio ? AAC_ADTS_AUDIO : H264_VIDEO;
+        return chunkOf({sampleOf(id, kind, type, ms * 90, ms * 90, true, {1})}, durationMs * 10000);
     };
-    const auto audio = [](std::uint32_t id, std::int64_t ms) { return startingAt(id, samples::KindAudio, ms, 2000); };
+    const auto video = [&](std::uint32_t id, std::int64_t ms, std::uint64_t durationMs = 2000) {
+        return at(id, samples::KindVideo, ms, durationMs);
+    };
+    const auto audio = [&](std::uint32_t id, std::int64_t ms) { return at(id, samples::KindAudio, ms); };
     const std::pair<SegmentChunks, std::optional<std::string>> cases[] = {
         {segmentsOf({{0, video(0, 0, 2500)}}), std::nullopt},
         {segmentsOf({{0, video(0, 0, 2520)}}), "Invalid duration 2520 ms"},
@@ -409,15 +408,20 @@ TEST(Restart, ResynchronisesFromTheWallClock) {
     EXPECT_EQ(Session::numberBox(s.media(0).back(), "tnsb"), 6u);
 }
 
+// `chunk` serialised alone as track 1 of `content`, told it lasts 40 ms, for players or not.
+Bytes serialised(StreamChunk& chunk, ChunkContentType content, bool players) {
+    ChunkSerialisationParameters p;
+    p.tracks = {{1, content, &chunk}};
+    p.chunkDuration = 400000;
+    p.playerCompatible = players;
+    const ChunkBytes bytes = serialiseChunk(p);
+    return Bytes(bytes.data.get(), bytes.data.get() + bytes.size);
+}
+
 // The last word of a sidx reference: starts_with_SAP (1 bit), SAP_type (3), SAP_delta_time (28). For players an
 // audio chunk starts with a SAP of type 1 (its samples say 0), and a video chunk starting inside a GOP with none.
 TEST(ChunkBytes, SegmentIndexSapForPlayers) {
-    struct Case {
-        ChunkContentType content;
-        bool sync;
-        bool players;
-        std::uint32_t sapWord;
-    } cases[] = {
+    struct Case { ChunkContentType content; bool sync; bool players; std::uint32_t sapWord; } cases[] = {
         {ChunkAudio, false, false, 0x80000000}, {ChunkAudio, false, true, 0x90000000},
         {ChunkVideo, true, true, 0x90000000},   {ChunkVideo, false, true, 0x00000000},
     };
@@ -426,15 +430,10 @@ TEST(ChunkBytes, SegmentIndexSapForPlayers) {
         const bool audio = c.content == ChunkAudio;
         const auto chunk = chunkOf({sampleOf(0, audio ? samples::KindAudio : samples::KindVideo,
                                              audio ? AAC_ADTS_AUDIO : H264_VIDEO, 0, 0, c.sync, {1})}, 400000);
-        ChunkSerialisationParameters p;
-        p.tracks = {{1, c.content, chunk.get()}};
-        p.chunkDuration = 400000;
-        p.playerCompatible = c.players;
-        const ChunkBytes bytes = serialiseChunk(p);
-        const ByteView view(bytes.data.get(), bytes.size);
-        const auto sidx = findBox(view, "sidx");
+        const Bytes bytes = serialised(*chunk, c.content, c.players);
+        const auto sidx = findBox(bytes, "sidx");
         ASSERT_TRUE(sidx);
-        EXPECT_EQ(u32In(view, *sidx, 40), c.sapWord);  // after version, ids, times, reserved, count, size, duration
+        EXPECT_EQ(u32In(bytes, *sidx, 40), c.sapWord);  // after version, ids, times, reserved, count, size, duration
     }
 }
 
@@ -447,19 +446,14 @@ TEST(ChunkBytes, ForPlayersAChunkLastsAsLongAsItsPicturesAreShown) {
                                400000);
     for (const bool players : {false, true}) {
         SCOPED_TRACE(players);
-        ChunkSerialisationParameters p;
-        p.tracks = {{1, ChunkVideo, chunk.get()}};
-        p.chunkDuration = 400000;
-        p.playerCompatible = players;
-        const ChunkBytes bytes = serialiseChunk(p);
-        const ByteView view(bytes.data.get(), bytes.size);
-        const auto sidx = findBox(view, "sidx");
-        const auto trun = findBox(view, "moof/traf/trun");
+        const Bytes bytes = serialised(*chunk, ChunkVideo, players);
+        const auto sidx = findBox(bytes, "sidx");
+        const auto trun = findBox(bytes, "moof/traf/trun");
         ASSERT_TRUE(sidx && trun);
-        EXPECT_EQ(u32In(view, *sidx, 36), players ? 800000u : 400000u);
+        EXPECT_EQ(u32In(bytes, *sidx, 36), players ? 800000u : 400000u);
         // trun: version and flags, count, data offset, first sample flags, then duration, size, offset per sample
-        EXPECT_EQ(u32In(view, *trun, 16), 400000u);
-        EXPECT_EQ(u32In(view, *trun, 28), players ? 400000u : 0u);
+        EXPECT_EQ(u32In(bytes, *trun, 16), 400000u);
+        EXPECT_EQ(u32In(bytes, *trun, 28), players ? 400000u : 0u);
     }
 }
 

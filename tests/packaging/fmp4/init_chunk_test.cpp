@@ -105,13 +105,11 @@ TEST(CodecString, HevcEntries) {
     EXPECT_EQ(codecString(bare), "hvc1.2.4.L120");
 }
 
-// AAC's object type after "mp4a.40."; one that players are not told of gives no string. (HE-AAC's are in the audio
-// sample entry's tests.)
-TEST(CodecString, AacEntries) {
+// An AAC object type that players are not told of gives no string. (Those they are told of are in the audio sample
+// entry's tests.)
+TEST(CodecString, AacMainIsNotAnnounced) {
     codec_box::MP4AudioSampleEntry aac;
-    aac.esds.setDecoderSpecificInfo({0x11, 0x90});  // audio object type 2
-    EXPECT_EQ(codecString(aac), "mp4a.40.2");
-    aac.esds.setDecoderSpecificInfo({0x0A, 0x10});  // 1, AAC main: not announced
+    aac.esds.setDecoderSpecificInfo({0x0A, 0x10});  // audio object type 1, AAC main
     EXPECT_EQ(codecString(aac), "");
 }
 
@@ -167,17 +165,6 @@ TEST(AudioSampleEntry, NoEntryWithoutAUsableConfiguration) {
 
 // --- the server manifest ------------------------------------------------------------------------------
 
-const std::string kHead =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<smil xmlns=\"http://www.w3.org/2001/SMIL20/Language\">\n"
-    "  <head>\n"
-    "    <meta name=\"Meta Data\" content=\"Common meta data\"/>\n"
-    "  </head>\n"
-    "  <body>\n";
-const std::string kTail =
-    "  </body>\n"
-    "</smil>\n";
-
 ElementaryStreamAttributes videoAttributes() {
     ElementaryStreamAttributes a;
     a.type = H264_VIDEO;
@@ -214,11 +201,12 @@ void expectInOrder(const std::string& xml, const std::vector<std::string>& lines
     }
 }
 
+// The document around the streams is the golden init chunks' own.
 TEST(LiveServerManifest, EmptyOutputHasAnEmptySwitch) {
     for (bool dash : {false, true}) {
         LiveServerManifest m("out", dash);
         EXPECT_TRUE(m.empty());
-        EXPECT_EQ(m.ToXml(), kHead + "    <switch/>\n" + kTail);
+        EXPECT_NE(m.ToXml().find("  <body>\n    <switch/>\n  </body>\n"), std::string::npos) << m.ToXml();
     }
 }
 

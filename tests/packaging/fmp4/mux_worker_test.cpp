@@ -11,10 +11,7 @@ using namespace testkit;
 
 // What the sessions of a worker saw, in build order. Samples of stream 99 make a session fail; with `hold`, the
 // first session blocks in its first sample until released.
-struct Sessions {
-    std::vector<std::vector<std::uint32_t>> samples, ends;
-    bool holding = false, released = false;
-};
+struct Sessions { std::vector<std::vector<std::uint32_t>> samples, ends; bool holding = false, released = false; };
 
 class RecordingSession : public IMuxSession {
 public:

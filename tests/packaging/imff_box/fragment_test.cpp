@@ -1,58 +1,21 @@
 // Media segment boxes and the track fragment builder's edge cases, against layouts worked out from ISO/IEC 14496-12
-// and the Smooth Streaming uuid boxes.
+// and the Smooth Streaming uuid boxes. mfhd, tfhd, tfdt and sdtp are worked out within the whole chunks of
+// chunks_builder_test (ChunkBytes, AllVideoInInit) and the large tfdt below.
 #include <gtest/gtest.h>
-
-#include <cstring>
-#include <optional>
 
 #include "packaging/imff_box/fragment_boxes.h"
 #include "packaging/imff_box/fragment_builder.h"
 #include "packaging/imff_box/movie_boxes.h"
 #include "tests/common/boxes.h"
+#include "tests/packaging/imff_box/box_samples.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::imff_box;
 using testkit::Bytes;
+using testkit::BoxSample;
+using testkit::pointers;
 using testkit::hex;
 using testkit::writeBox;
-
-// A sample for the builder, `size` zero bytes; a time left empty is unknown.
-struct TestSample : ISample {
-    TestSample(std::int64_t presented, std::int64_t decoded, std::uint64_t rate, std::int64_t length, std::size_t bytes,
-               bool key)
-        : pts(presented), dts(decoded), timescale(rate), duration(length), size(bytes), sync(key) {}
-    std::optional<std::int64_t> pts, dts;
-    std::uint64_t timescale;
-    std::int64_t duration;
-    std::size_t size;
-    bool sync;
-
-    bool getPts(std::int64_t& v) const override { return known(pts, v); }
-    bool getDts(std::int64_t& v) const override { return known(dts, v); }
-    bool getTimescale(std::uint64_t& v) const override {
-        v = timescale;
-        return true;
-    }
-    bool getDuration(std::int64_t& v) const override {
-        v = duration;
-        return true;
-    }
-    std::uint32_t getSapType() const override { return sync ? 1 : 0; }
-    bool isSync() const override { return sync; }
-    std::size_t getSize() const override { return size; }
-    void getData(std::uint8_t* dest) const override { std::memset(dest, 0, size); }
-    bool getEncryptionInfo(SampleEncryptionInfo&) const override { return false; }
-    static bool known(const std::optional<std::int64_t>& value, std::int64_t& out) {
-        if (value) out = *value;
-        return value.has_value();
-    }
-};
-
-std::vector<const ISample*> pointers(const std::vector<TestSample>& samples) {
-    std::vector<const ISample*> out;
-    for (const auto& s : samples) out.push_back(&s);
-    return out;
-}
 
 TEST(TrackRunBox, EveryFieldPresent) {
     auto trun = std::make_shared<TrackRunBox>(0x000F05);
@@ -90,19 +53,6 @@ TEST(TrackRunBox, EachFlagAddsItsField) {
     }
 }
 
-TEST(FragmentBoxes, HeadersAndDependencies) {
-    EXPECT_BYTES(writeBox(std::make_shared<TrackFragmentHeaderBox>(5, 0x020002)), hex("00000014 'tfhd' 00020002 00000005 00000001"));
-    EXPECT_BYTES(writeBox(std::make_shared<TrackFragmentDecodeTimeBox>(0x123456789ull)),
-                 hex("00000014 'tfdt' 01000000 0000000123456789"));
-    EXPECT_BYTES(writeBox(std::make_shared<MovieFragmentHeaderBox>(7)), hex("00000010 'mfhd' 00000000 00000007"));
-
-    auto sdtp = std::make_shared<SampleDependencyTypeBox>();
-    sdtp->addSample(sampleDependencyFlags(true, true));    // 00 10 01 00
-    sdtp->addSample(sampleDependencyFlags(false, true));   // 00 01 01 00
-    sdtp->addSample(sampleDependencyFlags(false, false));  // 00 10 10 00
-    EXPECT_BYTES(writeBox(sdtp), hex("0000000F 'sdtp' 00000000 24 14 28"));
-}
-
 TEST(FragmentBoxes, SegmentIndex) {
     auto sidx = std::make_shared<SegmentIndexBox>(1, 90000, 0x100000000ull);
     sidx->addReference(1000, 180000, 1);
@@ -119,7 +69,7 @@ TEST(FragmentBoxes, SegmentIndex) {
 
 TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
     // 1001/30000 frames in milliseconds don't divide evenly: the run still adds up to the segment.
-    std::vector<TestSample> samples;
+    std::vector<BoxSample> samples;
     for (int i = 0; i < 5; ++i) samples.push_back({i * 1001, i * 1001, 30000, 1001, 1, i == 0});
     TrackFragmentParameters p{.video = true, .segmentDuration = 167, .trackTimescale = 1000};
     auto entries = TrackFragmentBuilder::build(p, pointers(samples)).trun->getEntries();
@@ -130,7 +80,7 @@ TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
     for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(entries[i].duration, expected[i]) << i;
 
     // One sample: the whole segment.
-    const std::vector<TestSample> one = {{0, 0, 30000, 1001, 1, true}};
+    const std::vector<BoxSample> one = {{0, 0, 30000, 1001, 1, true}};
     EXPECT_EQ(TrackFragmentBuilder::build(p, pointers(one)).trun->getEntries()[0].duration, 167u);
 
     // DTS differences past the segment: the last is 0, not negative.
@@ -141,7 +91,7 @@ TEST(TrackFragmentBuilder, DurationsAddUpToTheSegment) {
 TEST(TrackFragmentBuilder, ExactRescaleOfLargeTimes) {
     // 10^15 ticks at 90 kHz to 100 ns: the 64-bit product would overflow.
     EXPECT_EQ(rescaleTime(1000000000000000, 90000, 10000000), 111111111111111111);
-    const std::vector<TestSample> late = {{1000000000000000, 1000000000000000, 90000, 3600, 1, true}};
+    const std::vector<BoxSample> late = {{1000000000000000, 1000000000000000, 90000, 3600, 1, true}};
     const auto traf = TrackFragmentBuilder::build({.segmentDuration = 400000, .trackTimescale = 10000000, .timestampOffset = 1},
                                                   pointers(late))
                           .traf;
@@ -149,7 +99,7 @@ TEST(TrackFragmentBuilder, ExactRescaleOfLargeTimes) {
 }
 
 TEST(TrackFragmentBuilder, UnknownTimesSkipAndNegativeOffsetsClamp) {
-    std::vector<TestSample> samples = {{0, 0, 90000, 3600, 5, true}, {3600, 3600, 90000, 3600, 6, false},
+    std::vector<BoxSample> samples = {{0, 0, 90000, 3600, 5, true}, {3600, 3600, 90000, 3600, 6, false},
                                        {3600, 7200, 90000, 3600, 7, false}};  // PTS before DTS
     samples[1].pts.reset();
     const TrackFragment fragment =
@@ -168,7 +118,7 @@ TEST(TrackFragmentBuilder, UnknownTimesSkipAndNegativeOffsetsClamp) {
 
 TEST(TrackFragmentBuilder, ExtremeTimesNeitherOverflowNorGoNegative) {
     // Under the undefined-behaviour sanitizer a signed overflow here would abort the test.
-    const std::vector<TestSample> samples = {{INT64_MAX, INT64_MIN, 90000, 1, 1, true}, {INT64_MIN, INT64_MAX, 90000, 1, 1, false},
+    const std::vector<BoxSample> samples = {{INT64_MAX, INT64_MIN, 90000, 1, 1, true}, {INT64_MIN, INT64_MAX, 90000, 1, 1, false},
                                              {0, 0, 90000, 1, 1, false}};
     const auto entries = TrackFragmentBuilder::build(
                              {.video = true, .segmentDuration = 10, .trackTimescale = 90000, .timestampOffset = INT64_MAX},
@@ -213,7 +163,7 @@ TEST(TrackFragmentBuilder, PlayerCompatibleFlagsAndLastDuration) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        std::vector<TestSample> samples;
+        std::vector<BoxSample> samples;
         for (std::size_t i = 0; i < c.sync.size(); ++i) {
             const auto t = static_cast<std::int64_t>(i) * 3600;
             samples.emplace_back(t, t, 90000, 3600, 1, c.sync[i]);

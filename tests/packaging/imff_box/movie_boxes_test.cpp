@@ -100,10 +100,7 @@ TEST(SampleEntries, ALongCompressorNameIsCutToItsThirtyTwoBytes) {
 
 // mdhd v1 (44 bytes): the pad bit and three 5-bit letters (the letter minus 0x60) sit at bytes 40 and 41.
 TEST(MovieBoxes, MediaHeaderLanguage) {
-    const struct {
-        const char* given;
-        const char* packed;
-    } cases[] = {
+    const struct { const char* given; const char* packed; } cases[] = {
         {"fra", "1A41"},     // 0 00110 10010 00001
         {"deu-CH", "10B5"},  // the first subtag: 0 00100 00101 10101
         {"FRA", "1A41"},     // lower-cased

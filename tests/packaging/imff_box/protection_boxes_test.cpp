@@ -7,10 +7,13 @@
 #include "packaging/imff_box/fragment_builder.h"
 #include "packaging/imff_box/protection_boxes.h"
 #include "tests/common/boxes.h"
+#include "tests/packaging/imff_box/box_samples.h"
 
 namespace {
 using namespace tvrn::encoding::packaging::imff::imff_box;
 using testkit::hex;
+using testkit::BoxSample;
+using testkit::pointers;
 using testkit::writeBox;
 
 // The GUID 00112233-4455-6677-8899-aabbccddeeff as it is held (first three groups little-endian) ...
@@ -35,10 +38,7 @@ TEST(ProtectionBoxes, Layouts) {
     ASSERT_TRUE(protectSampleEntry(video, true, kKeyId, 8, true) && protectSampleEntry(audio, false, kKeyId, 16, false));
     EXPECT_FALSE(protectSampleEntry(text, true, kKeyId, 8, true));
     EXPECT_EQ(fourCCText(video.getType()) + fourCCText(audio.getType()) + fourCCText(text.getType()), "encvencawvtt");
-    const struct {
-        std::shared_ptr<Box> box;
-        std::string bytes;
-    } cases[] = {
+    const struct { std::shared_ptr<Box> box; std::string bytes; } cases[] = {
         // sinf: frma with the old type; schm version 0, flags 0, scheme and its version; schi holding tenc: version
         // 0, flags 0, default_isProtected 1 in 24 bits (two reserved bytes, then 1), IV size 8, key id
         {video.getProtection(), "00000050 'sinf' 0000000C 'frma' 'avc1' 00000014 'schm' 00000000 'cenc' 00010000"
@@ -60,23 +60,6 @@ TEST(ProtectionBoxes, Layouts) {
     for (const auto& c : cases) EXPECT_BYTES(writeBox(c.box), hex(c.bytes));
 }
 
-// A sample of `size` bytes for the encryption boxes, with or without encryption info.
-struct EncryptedSample : ISample {
-    EncryptedSample(std::size_t bytes, std::optional<SampleEncryptionInfo> encryption) : size(bytes), info(std::move(encryption)) {}
-    std::size_t size;
-    std::optional<SampleEncryptionInfo> info;
-
-    bool getPts(std::int64_t& v) const override { return v = 0, true; }
-    bool getDts(std::int64_t& v) const override { return v = 0, true; }
-    bool getTimescale(std::uint64_t& v) const override { return v = 90000, true; }
-    bool getDuration(std::int64_t& v) const override { return v = 3600, true; }
-    std::uint32_t getSapType() const override { return 1; }
-    bool isSync() const override { return true; }
-    std::size_t getSize() const override { return size; }
-    void getData(std::uint8_t*) const override {}
-    bool getEncryptionInfo(SampleEncryptionInfo& out) const override { return info && (out = *info, true); }
-};
-
 const SampleEncryptionInfo kVideo1{hex("0102030405060708"), {{5, 16}, {14, 32}}};  // 67 bytes
 const SampleEncryptionInfo kVideo2{hex("0102030405060709"), {{8, 992}}};             // 1000 bytes
 // Entries: IV, then for video subsample count (16) and per subsample clear (16) and protected (32) bytes.
@@ -86,7 +69,7 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
     const struct {
         const char* name;
         bool video, overrides, dash;
-        std::vector<EncryptedSample> samples;
+        std::vector<BoxSample> samples;
         std::string senc;  // the box, written even where the traf doesn't hold it
         std::string saiz;  // DASH form only
     } cases[] = {
@@ -112,9 +95,7 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        std::vector<const ISample*> samples;
-        for (const auto& s : c.samples) samples.push_back(&s);
-        const EncryptionBoxes boxes = makeEncryptionBoxes(samples, {kKeyId, c.overrides, c.dash}, c.video);
+        const EncryptionBoxes boxes = makeEncryptionBoxes(pointers(c.samples), {kKeyId, c.overrides, c.dash}, c.video);
         ASSERT_TRUE(boxes.senc);
         const testkit::Bytes senc = writeBox(boxes.senc);
         EXPECT_BYTES(senc, hex(c.senc));
@@ -134,11 +115,11 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
 }
 
 TEST(EncryptionBoxes, WhatTheTrackFragmentGets) {
-    const std::vector<EncryptedSample> encrypted = {{67, kVideo1}}, clear = {{67, std::nullopt}}, none;
+    const std::vector<BoxSample> encrypted = {{67, kVideo1}}, clear = {{67, std::nullopt}}, none;
     const SampleEncryptionContext dash{kKeyId, false, true}, smooth{kKeyId, false, false};
     const struct {
         const char* name;
-        const std::vector<EncryptedSample>& samples;
+        const std::vector<BoxSample>& samples;
         bool video, audio;
         std::optional<SampleEncryptionContext> context;
         const char* types;
@@ -153,13 +134,11 @@ TEST(EncryptionBoxes, WhatTheTrackFragmentGets) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        std::vector<const ISample*> samples;
-        for (const auto& s : c.samples) samples.push_back(&s);
         TrackFragmentParameters p{.video = c.video, .segmentDuration = 3600, .trackTimescale = 90000};
         p.dash = !c.context || c.context->dashForm;
         p.audio = c.audio;
         p.encryption = c.context;
-        const TrackFragment fragment = TrackFragmentBuilder::build(p, samples);
+        const TrackFragment fragment = TrackFragmentBuilder::build(p, pointers(c.samples));
         std::string types;
         for (const auto& child : fragment.traf->getChildren()) types += fourCCText(child->getType()) + " ";
         EXPECT_EQ(types, c.types);

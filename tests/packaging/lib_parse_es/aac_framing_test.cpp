@@ -18,6 +18,17 @@ namespace m4a = es::mpeg4_audio;
 
 constexpr std::int64_t kFrame48k = 10240000000 / 48000;  // 1024 samples at 48 kHz in 100 ns, truncated
 
+// The units the framing of `type` delivers from `stream` pushed in pieces (pushPieces), then flushed.
+NalCollector framed(es::StreamType type, const Bytes& stream, std::uint32_t seed, std::size_t maxPiece,
+                    std::optional<std::int64_t> time100ns = std::int64_t{0}) {
+    NalCollector c;
+    auto builder = es::createNalBuilder(type);
+    builder->setListener(&c);
+    pushPieces(*builder, stream, seed, maxPiece, time100ns);
+    builder->flush();
+    return c;
+}
+
 TEST(AdtsFraming, EachBufferTimeReplacesTheRunningTime) {
     const AudioFixture fixture = loadAudioFixture("aac_lc_stereo_48k.adts");
     const std::vector<Bytes> frames = packetBytes(fixture);
@@ -54,12 +65,7 @@ TEST(AdtsFraming, DamageCostsOnlyTheFramesItTouches) {
         if (i == 30) frame[2] = static_cast<std::uint8_t>((frame[2] & ~0x3C) | (13 << 2));
         stream = cat({stream, frame});
     }
-    NalCollector c;
-    es::NALBuilderAACADTSAudio builder;
-    builder.setListener(&c);
-    pushPieces(builder, stream, 9, 200);
-    builder.flush();
-    const std::vector<Bytes> got = c.all();
+    const std::vector<Bytes> got = framed(es::StreamType::AAC_ADTS_AUDIO, stream, 9, 200).all();
     // Every frame delivered is one of the stream's own, whole, in order; frames 10, 11, 20 and 30 are lost at
     // most, with the frame each damage runs into.
     std::size_t next = 0;
@@ -89,41 +95,19 @@ TEST(AdtsFraming, FalseSyncInsideAFrameDoesNotSplitItAndTheLastFrameGoesOutAtFlu
     EXPECT_EQ(c.ends, 1);
 }
 
-// Joined in the middle of the first frame: frames that reuse a configuration not yet seen are skipped, up to the
-// next frame that carries one; from there on every frame comes.
-TEST(LatmFraming, AStreamJoinedMidwayStartsAtTheNextConfiguration) {
-    const AudioFixture fixture = loadAudioFixture("aac_lc_stereo_48k.latm");
-    const std::vector<Bytes> frames = packetBytes(fixture);
-    std::size_t firstWithConfig = 1;
-    while (firstWithConfig < frames.size() && (frames[firstWithConfig][3] & 0x80) != 0) ++firstWithConfig;
-    ASSERT_GT(firstWithConfig, 1u);
-    ASSERT_LT(firstWithConfig, frames.size());
-    NalCollector c;
-    es::NALBuilderAACLATMLOASAudio builder;
-    builder.setListener(&c);
-    pushPieces(builder, Bytes(fixture.bytes.begin() + 10, fixture.bytes.end()), 8, 100);
-    builder.flush();
-    EXPECT_EQ(c.all(), std::vector<Bytes>(frames.begin() + static_cast<std::ptrdiff_t>(firstWithConfig), frames.end()));
-}
-
 TEST(LatmFraming, FalseSyncPatternsInGarbageCostNothing) {
     const AudioFixture fixture = loadAudioFixture("aac_lc_stereo_48k.latm");
     const std::vector<Bytes> frames = packetBytes(fixture);
     // 0x2B7 followed by implausible mux configurations: version 1, several programs, several sub-frames,
-    // sampling index 15.
+    // sampling index 15. The stream is joined on one of them.
     const Bytes garbage[] = {hex("56E0 4040 0000 00"), hex("56E0 4020 0800 00"), hex("56E0 4021 0000 00"),
                              hex("56E0 4020 0017 80")};
-    Bytes stream;
+    Bytes stream = garbage[3];
     for (std::size_t i = 0; i < frames.size(); ++i) {
         if (i % 5 != 0) stream = cat({stream, garbage[i % 5 - 1]});
         stream = cat({stream, frames[i]});
     }
-    NalCollector c;
-    es::NALBuilderAACLATMLOASAudio builder;
-    builder.setListener(&c);
-    pushPieces(builder, stream, 2, 50);
-    builder.flush();
-    EXPECT_EQ(c.all(), frames);
+    EXPECT_EQ(framed(es::StreamType::AAC_LATM_AUDIO, stream, 2, 50).all(), frames);
 }
 
 TEST(LatmFraming, AFrameWithAConfigurationThatIsNotCarriedIsDroppedAndTheStreamGoesOn) {
@@ -134,12 +118,7 @@ TEST(LatmFraming, AFrameWithAConfigurationThatIsNotCarriedIsDroppedAndTheStreamG
     const Bytes stream = cat({latmFrame(payloads[0], &celp), latmFrame(payloads[1], nullptr),
                               latmFrame(payloads[2], &good), latmFrame(payloads[3], nullptr),
                               latmFrame(payloads[4], nullptr)});
-    NalCollector c;
-    es::NALBuilderAACLATMLOASAudio builder;
-    builder.setListener(&c);
-    EXPECT_NO_THROW(pushPieces(builder, stream, 1, 1000));
-    builder.flush();
-    EXPECT_EQ(c.nals.size(), 3u);  // frame 1 reuses a configuration never seen; 2, 3 and 4 come
+    EXPECT_EQ(framed(es::StreamType::AAC_LATM_AUDIO, stream, 1, 1000).nals.size(), 3u);  // frame 1 reuses a configuration never seen; 2, 3 and 4 come
 }
 
 TEST(RawPacketFraming, PacketsAcrossBuffersWithGarbageAndBadLengths) {
@@ -155,11 +134,7 @@ TEST(RawPacketFraming, PacketsAcrossBuffersWithGarbageAndBadLengths) {
         stream = cat({stream, packet});
         packets.push_back(packet);
     }
-    NalCollector c;
-    auto builder = es::createNalBuilder(es::StreamType::AAC_RAW_AUDIO);
-    builder->setListener(&c);
-    pushPieces(*builder, stream, 4, 90, 1000);
-    builder->flush();
+    const NalCollector c = framed(es::StreamType::AAC_RAW_AUDIO, stream, 4, 90, 1000);
     ASSERT_EQ(c.all(), packets);
     std::int64_t expectedTime = 1000;
     for (std::size_t i = 0; i < c.nals.size(); ++i) {

@@ -76,23 +76,18 @@ TEST(BitReader, ReadsPastTheEndTurnBadAndYieldZero) {
     EXPECT_FALSE(bad.good());
 }
 
-int addSps(es::NALH264Manager& m, const Bytes& unitBytes) {
-    const Bytes rbsp = es::unescapeRbsp(unitBytes.data(), unitBytes.size());
-    return m.addSps(rbsp.data(), rbsp.size());
-}
-bool addSei(es::NALH264Manager& m, const Bytes& unitBytes) {
-    const Bytes rbsp = es::unescapeRbsp(unitBytes.data(), unitBytes.size());
-    return m.addSei(rbsp.data(), rbsp.size());
-}
-bool addSlice(es::NALH264Manager& m, const Bytes& unitBytes) {
-    const Bytes rbsp = es::unescapeRbsp(unitBytes.data(), unitBytes.size());
+// A unit without its emulation prevention bytes, as the manager takes it.
+Bytes rbsp(const Bytes& unit) { return es::unescapeRbsp(unit.data(), unit.size()); }
+int addSps(es::NALH264Manager& m, const Bytes& unit) { const Bytes r = rbsp(unit); return m.addSps(r.data(), r.size()); }
+bool addSei(es::NALH264Manager& m, const Bytes& unit) { const Bytes r = rbsp(unit); return m.addSei(r.data(), r.size()); }
+bool addSlice(es::NALH264Manager& m, const Bytes& unit) {
+    const Bytes r = rbsp(unit);
     int pps = 0, sps = 0;
-    return m.addSlice(rbsp.data(), rbsp.size(), pps, sps);
+    return m.addSlice(r.data(), r.size(), pps, sps);
 }
 void addPps(es::NALH264Manager& m, std::uint32_t ppsId, std::uint32_t spsId) {
-    const Bytes u = h264Pps(ppsId, spsId);
-    const Bytes rbsp = es::unescapeRbsp(u.data(), u.size());
-    m.addPps(rbsp.data(), rbsp.size());
+    const Bytes r = rbsp(h264Pps(ppsId, spsId));
+    m.addPps(r.data(), r.size());
 }
 
 TEST(H264Manager, SpsReplacesItsSlotAndSetsTheFrameRate) {
@@ -107,7 +102,7 @@ TEST(H264Manager, SpsReplacesItsSlotAndSetsTheFrameRate) {
     o.unitsInTick = 1001;
     const Bytes second = h264Sps(o);
     EXPECT_EQ(addSps(m, second), 3);
-    EXPECT_EQ(m.spsRaw[3], es::unescapeRbsp(second.data(), second.size()));  // what the sample entry carries
+    EXPECT_EQ(m.spsRaw[3], rbsp(second));  // what the sample entry carries
     EXPECT_EQ(m.getFrameRate().denominator, 2002);
     o.id = 32;  // out of range: discarded, the active set stays
     o.timeScale = 30;
@@ -125,9 +120,8 @@ TEST(H264Manager, ChromaFieldsAreReadForTheProfilesThatCarryThem) {
     for (unsigned profile : {66u, 77u, 88u, 100u, 110u, 122u, 244u, 44u, 83u, 86u, 118u, 128u, 138u, 139u, 134u, 135u}) {
         H264SpsOptions o;
         o.profile = static_cast<std::uint8_t>(profile);
-        const Bytes unit = h264Sps(o);
-        const Bytes rbsp = es::unescapeRbsp(unit.data(), unit.size());
-        const auto sps = es::parseH264Sps(rbsp.data(), rbsp.size());
+        const Bytes r = rbsp(h264Sps(o));
+        const auto sps = es::parseH264Sps(r.data(), r.size());
         EXPECT_EQ(sps->pic_width_in_mbs_minus1, 10u) << profile;
         EXPECT_EQ(sps->vui.time_scale, 50u) << profile;
     }
