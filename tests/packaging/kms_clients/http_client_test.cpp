@@ -141,4 +141,25 @@ TEST_F(HttpClientTls, AHostNameMismatchIsRefusedWhileVerifyHostIsOn) {
     EXPECT_EQ(notChecking.get(url, &response), 200);
 }
 
+TEST_F(HttpClientTls, AServerThatAsksForAClientCertificateGetsTheOperatorsOne) {
+    kmstest::LoopbackServer server({"--cert", certificates->file("server.pem"), "--key",
+                                    certificates->file("server.key"), "--client-ca", certificates->file("ca.pem")});
+    const std::string url = server.url("https", "/hello");
+    std::string response;
+    HttpClient without(trustingOurCa());
+    EXPECT_NE(failureOf<KmsConnectionException>([&] { without.get(url, &response); }), "no failure");
+
+    TlsSettings tls = trustingOurCa();
+    tls.clientCertificate = {certificates->file("client-bundle.pem"), kmstest::kClientPassword};
+    HttpClient with(tls);
+    EXPECT_EQ(with.get(url, &response), 200);
+    EXPECT_EQ(response, "hello");
+
+    tls.clientCertificate->password = "wrong-password";
+    HttpClient wrongPassword(tls);
+    const std::string text = failureOf<KmsConnectionException>([&] { wrongPassword.get(url, &response); });
+    EXPECT_NE(text, "no failure");
+    EXPECT_EQ(text.find("wrong-password"), std::string::npos) << text;
+}
+
 }  // namespace

@@ -94,7 +94,9 @@ inline int closedPort() {
 
 // In a temporary folder: a CA (ca.pem), a server certificate it signed for 127.0.0.1 and localhost
 // (server.pem, server.key), one it signed for another host only (other.pem, other.key), and a self-signed
-// certificate for 127.0.0.1 (self.pem, self.key). Keys are made here and removed with the folder.
+// certificate for 127.0.0.1 (self.pem, self.key), and a client certificate it signed, in one PEM file with its key
+// encrypted under kClientPassword (client-bundle.pem). Keys are made here and removed with the folder.
+inline const std::string kClientPassword = "pw-SECRET-client";
 class Certificates {
 public:
     Certificates() {
@@ -109,6 +111,9 @@ public:
             "-extfile $1.ext; } && "
             "sign server localhost DNS:localhost,IP:127.0.0.1 && "
             "sign other other.invalid DNS:other.invalid && "
+            "sign client kms-client DNS:client.invalid && "
+            "openssl pkey -in client.key -aes256 -passout pass:" + kClientPassword + " -out client-enc.key && "
+            "cat client-enc.key client.pem > client-bundle.pem && "
             "openssl req -x509" + key + " -keyout self.key -out self.pem -days 1 -subj /CN=localhost "
             "-addext subjectAltName=DNS:localhost,IP:127.0.0.1";
         int status = 0;

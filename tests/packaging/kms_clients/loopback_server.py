@@ -2,7 +2,8 @@
 """A throwaway HTTP(S) server on 127.0.0.1 for the key-server transport tests.
 
 Prints "PORT <n>" once it listens on an ephemeral port, answers a few fixed paths, and exits by itself after
---lifetime seconds (or when its parent closes its stdin). With --cert and --key it speaks TLS.
+--lifetime seconds (or when its parent closes its stdin). With --cert and --key it speaks TLS; with --client-ca as well, it asks
+for a client certificate signed by that CA.
 
   POST /echo     200, "posted:" + the body; the X-Test request header comes back as X-Seen
   GET  /hello    200, "hello"
@@ -96,6 +97,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--cert")
     parser.add_argument("--key")
+    parser.add_argument("--client-ca")
     parser.add_argument("--delay", type=float, default=2.0)
     parser.add_argument("--lifetime", type=float, default=60.0)
     args = parser.parse_args()
@@ -106,6 +108,9 @@ def main():
     if args.cert:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(args.cert, args.key)
+        if args.client_ca:
+            context.verify_mode = ssl.CERT_REQUIRED
+            context.load_verify_locations(args.client_ca)
         server.socket = context.wrap_socket(server.socket, server_side=True)
 
     # Bounded life: a timer, and the end of the parent's pipe on stdin.

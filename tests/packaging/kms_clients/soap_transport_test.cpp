@@ -133,6 +133,24 @@ TEST(SoapTransport, TlsWithTheOperatorsCaAndItsFailures) {
         EXPECT_NE(failureOf<KmsConnectionException>([&] { checkSoapResult(call.run(service), service, "GetKeyAndSignalization"); }),
                   "no failure");
     }
+    {  // a server that asks for a client certificate: none, then the operator's with its password
+        kmstest::LoopbackServer asking({"--cert", certificates.file("server.pem"), "--key",
+                                        certificates.file("server.key"), "--client-ca", certificates.file("ca.pem")});
+        KeyService without;
+        initSoapService(&without, asking.url("https", "/soap"), tls);
+        KeyCall refused("resource-1", 8);
+        EXPECT_NE(failureOf<KmsConnectionException>(
+                      [&] { checkSoapResult(refused.run(without), without, "GetKeyAndSignalization"); }),
+                  "no failure");
+        TlsSettings withCertificate = tls;
+        withCertificate.clientCertificate = {certificates.file("client-bundle.pem"), kmstest::kClientPassword};
+        KeyService with;
+        initSoapService(&with, asking.url("https", "/soap"), withCertificate);
+        KeyCall call("resource-1", 8);
+        checkSoapResult(call.run(with), with, "GetKeyAndSignalization");
+        ASSERT_EQ(call.response.scheduledKey.size(), 1u);
+        EXPECT_EQ(call.response.scheduledKey[0]->time, 8u);
+    }
     {
         TlsSettings missing;
         missing.caFile = certificates.file("no-such-ca.pem");
