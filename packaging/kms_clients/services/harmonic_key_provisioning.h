@@ -93,5 +93,7 @@ public:
 };
 
 //gsoap harmonic243 service method-action: GetKeyAndSignalization urn:tovrane:kms:harmonic:2.4/IKey/GetKeyAndSignalization
-int __harmonic243__GetKeyAndSignalization(_harmonic243__GetKeyAndSignalizationRequest* request,
-                                          _harmonic243__GetKeyAndSignalizationResponse& response);
+// Document/literal without a wrapper: the parameters' names are the body's elements.
+int __harmonic243__GetKeyAndSignalization(
+    _harmonic243__GetKeyAndSignalizationRequest* harmonic243__GetKeyAndSignalizationRequest,
+    _harmonic243__GetKeyAndSignalizationResponse& harmonic243__GetKeyAndSignalizationResponse);

@@ -9,11 +9,13 @@ for a client certificate signed by that CA.
   GET  /hello    200, "hello"
   GET  /status/N N with reason phrase, body "status N"
   GET  /slow     waits --delay seconds, then 200
-  POST /soap     a SOAP answer of GetKeyAndSignalization; a body that holds "fault-me" gets a SOAP fault
+  POST /soap     a SOAP answer of GetKeyAndSignalization for a GetKeyAndSignalizationRequest element of the
+                 service's namespace; a body that holds "fault-me", or any other request, gets a SOAP fault
 """
 import argparse
 import http.server
 import os
+import re
 import ssl
 import sys
 import threading
@@ -83,7 +85,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if self.path == "/echo":
             self.answer(200, "posted:" + body, extra={"X-Seen": self.headers.get("X-Test", "")})
         elif self.path == "/soap":
-            if "fault-me" in body:
+            request = re.search(r"<(\w+):GetKeyAndSignalizationRequest[ >]", body)
+            if not request or ('xmlns:%s="%s"' % (request.group(1), NS)) not in body:
+                self.answer(500, SOAP_FAULT.replace("resource unknown", "unknown request"), "text/xml; charset=utf-8")
+            elif "fault-me" in body:
                 self.answer(500, SOAP_FAULT, "text/xml; charset=utf-8")
             else:
                 start = body.find("time>")

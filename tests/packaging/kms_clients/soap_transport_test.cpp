@@ -80,6 +80,7 @@ TEST(SoapTransport, ARoundTripThroughTheGeneratedStub) {
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].rfind("3 SOAP request: POST /soap", 0), 0u) << lines[0];
     EXPECT_NE(lines[0].find("resource-1"), std::string::npos);
+    EXPECT_NE(lines[0].find("<harmonic243:GetKeyAndSignalizationRequest>"), std::string::npos) << lines[0];
     EXPECT_EQ(lines[1].rfind("3 SOAP response: HTTP/1.", 0), 0u) << lines[1];
     EXPECT_NE(lines[1].find("<h:contentKey>***</h:contentKey>"), std::string::npos) << lines[1];
     EXPECT_NE(lines[1].find("edef8ba9-79d6-4ace-a3c8-27dcd51d21ed"), std::string::npos);
@@ -121,10 +122,17 @@ TEST(SoapTransport, TlsWithTheOperatorsCaAndItsFailures) {
     {
         KeyService service;
         initSoapService(&service, server.url("https", "/soap"), tls);
+        testkit::RecordingLogger logger;
+        SoapRequestDumper dumper(&logger);
+        service.setPluginLogger(&dumper);
+        service.context()->http_extra_header = "Authorization: Bearer tok-SECRET-bearer";
         KeyCall call("resource-1", 7);
         checkSoapResult(call.run(service), service, "GetKeyAndSignalization");
         ASSERT_EQ(call.response.scheduledKey.size(), 1u);
         EXPECT_EQ(call.response.scheduledKey[0]->time, 7u);
+        ASSERT_FALSE(logger.lines().empty());
+        EXPECT_NE(logger.lines()[0].find("Authorization: ***"), std::string::npos) << logger.lines()[0];
+        EXPECT_EQ(logger.lines()[0].find("SECRET"), std::string::npos);
     }
     {  // no record: the system's CA store does not know the test CA
         KeyService service;
