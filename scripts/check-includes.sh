@@ -15,6 +15,7 @@ declare -A may=(
   [packaging/codec_box]="packaging/imff_box support/*"
   [packaging/fmp4_types]="support/*"
   [packaging/encryption]="packaging/imff_box packaging/fmp4_types support/*"
+  [packaging/kms_clients]="packaging/encryption packaging/imff_box packaging/fmp4_types support/*"
   [packaging/lib_parse_es]="packaging/fmp4_types support/*"
   [packaging/imff_samples]="packaging/lib_parse_es packaging/imff_box packaging/fmp4_types support/*"
   [packaging/synchronizator]="packaging/fmp4_types support/*"

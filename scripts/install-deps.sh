@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs every Debian package the project needs to build, test, benchmark and run.
 # Idempotent: packages already present are left alone, and apt is asked only for missing ones.
+# gsoap (soapcpp2) generates the key-server clients' SOAP stubs at build time; python3 and openssl run their
+# loopback server and make its throwaway certificates in the tests.
 # chromium, Node.js and npm run the end-to-end playback tests (tests/e2e/player). A machine that already has
 # node and npm (from another packaging of Node.js) keeps them: Debian's npm would conflict with such a nodejs.
 set -euo pipefail
@@ -9,7 +11,7 @@ PACKAGES=(
   build-essential cmake ninja-build g++ pkg-config
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  libssl-dev
+  libssl-dev openssl python3
   libcurl4-openssl-dev libcurlpp-dev
   gsoap libgsoap-dev
   libjsoncpp-dev libtinyxml2-dev libcli11-dev

@@ -1,0 +1,130 @@
+#!/usr/bin/env python3
+"""A throwaway HTTP(S) server on 127.0.0.1 for the key-server transport tests.
+
+Prints "PORT <n>" once it listens on an ephemeral port, answers a few fixed paths, and exits by itself after
+--lifetime seconds (or when its parent closes its stdin). With --cert and --key it speaks TLS; with --client-ca as well, it asks
+for a client certificate signed by that CA.
+
+  POST /echo     200, "posted:" + the body; the X-Test request header comes back as X-Seen
+  GET  /hello    200, "hello"
+  GET  /status/N N with reason phrase, body "status N"
+  GET  /slow     waits --delay seconds, then 200
+  POST /soap     a SOAP answer of GetKeyAndSignalization for a GetKeyAndSignalizationRequest element of the
+                 service's namespace; a body that holds "fault-me", or any other request, gets a SOAP fault
+"""
+import argparse
+import http.server
+import os
+import re
+import ssl
+import sys
+import threading
+import time
+
+NS = "urn:tovrane:kms:harmonic:2.4"
+
+SOAP_ANSWER = """<?xml version="1.0" encoding="UTF-8"?>
+<SOAP-ENV:Envelope xmlns:SOAP-ENV="http://schemas.xmlsoap.org/soap/envelope/" xmlns:h="{ns}">
+ <SOAP-ENV:Body>
+  <h:GetKeyAndSignalizationResponse>
+   <h:returnCode>0</h:returnCode>
+   <h:scheduledKey>
+    <h:time>{time}</h:time>
+    <h:contentKey><h:keyId>0a0b0c0d-0102-0304-0506-0708090a0b0c</h:keyId><h:key>q83vASNFZ4mrze8BI0VniQ==</h:key></h:contentKey>
+   </h:scheduledKey>
+   <h:signalization><h:dash><h:drmSystemId>edef8ba9-79d6-4ace-a3c8-27dcd51d21ed</h:drmSystemId><h:manifestHeader>hdr</h:manifestHeader></h:dash></h:signalization>
+   <h:unknownToTheClient>skipped</h:unknownToTheClient>
+  </h:GetKeyAndSignalizationResponse>
+ </SOAP-ENV:Body>
+</SOAP-ENV:Envelope>
+"""
+
+SOAP_FAULT = """<?xml version="1.0" encoding="UTF-8"?>
+<SOAP-ENV:Envelope xmlns:SOAP-ENV="http://schemas.xmlsoap.org/soap/envelope/">
+ <SOAP-ENV:Body>
+  <SOAP-ENV:Fault><faultcode>SOAP-ENV:Server</faultcode><faultstring>resource unknown</faultstring></SOAP-ENV:Fault>
+ </SOAP-ENV:Body>
+</SOAP-ENV:Envelope>
+"""
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    delay = 0.0
+
+    def log_message(self, *args):
+        pass
+
+    def answer(self, status, body, content_type="text/plain", extra=None):
+        data = body.encode()
+        self.send_response(status)
+        self.send_header("Content-Type", content_type)
+        self.send_header("Content-Length", str(len(data)))
+        for name, value in (extra or {}).items():
+            self.send_header(name, value)
+        self.end_headers()
+        self.wfile.write(data)
+
+    def body(self):
+        return self.rfile.read(int(self.headers.get("Content-Length", "0"))).decode(errors="replace")
+
+    def do_GET(self):
+        if self.path == "/hello":
+            self.answer(200, "hello")
+        elif self.path.startswith("/status/"):
+            code = int(self.path.rsplit("/", 1)[1])
+            self.answer(code, "status %d" % code)
+        elif self.path == "/slow":
+            time.sleep(Handler.delay)
+            self.answer(200, "late")
+        else:
+            self.answer(404, "no such path")
+
+    def do_POST(self):
+        body = self.body()
+        if self.path == "/echo":
+            self.answer(200, "posted:" + body, extra={"X-Seen": self.headers.get("X-Test", "")})
+        elif self.path == "/soap":
+            request = re.search(r"<(\w+):GetKeyAndSignalizationRequest[ >]", body)
+            if not request or ('xmlns:%s="%s"' % (request.group(1), NS)) not in body:
+                self.answer(500, SOAP_FAULT.replace("resource unknown", "unknown request"), "text/xml; charset=utf-8")
+            elif "fault-me" in body:
+                self.answer(500, SOAP_FAULT, "text/xml; charset=utf-8")
+            else:
+                start = body.find("time>")
+                asked = body[start + 5:body.find("<", start)] if start >= 0 else "0"
+                self.answer(200, SOAP_ANSWER.format(ns=NS, time=asked), "text/xml; charset=utf-8")
+        else:
+            self.answer(404, "no such path")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--cert")
+    parser.add_argument("--key")
+    parser.add_argument("--client-ca")
+    parser.add_argument("--delay", type=float, default=2.0)
+    parser.add_argument("--lifetime", type=float, default=60.0)
+    args = parser.parse_args()
+    Handler.delay = args.delay
+
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    server.daemon_threads = True
+    if args.cert:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(args.cert, args.key)
+        if args.client_ca:
+            context.verify_mode = ssl.CERT_REQUIRED
+            context.load_verify_locations(args.client_ca)
+        server.socket = context.wrap_socket(server.socket, server_side=True)
+
+    # Bounded life: a timer, and the end of the parent's pipe on stdin.
+    threading.Timer(args.lifetime, lambda: os._exit(0)).start()
+    threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
+
+    print("PORT %d" % server.server_address[1], flush=True)
+    server.serve_forever()
+
+
+if __name__ == "__main__":
+    main()
