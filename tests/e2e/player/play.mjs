@@ -101,11 +101,9 @@ function clearKeys(clearKey, player) {
   return { 'org.w3.clearkey': { clearkeys: { [b64url(kid)]: b64url(key) } } };
 }
 
-function pageHtml(format, manifest, player, clearKey) {
-  const keys = JSON.stringify(clearKeys(clearKey, player));
-  if (player === 'shaka') return shakaPageHtml(manifest, keys);
-  const scripts = ['/__player/dash.all.min.js'];
-  if (format === 'smooth') scripts.push('/__player/dash.mss.min.js');
+// The page around a player: the video element, the player's scripts, and the state play.mjs reads back (errors
+// and events of the video element); `body` starts the player.
+function playerPage(scripts, body) {
   return `<!DOCTYPE html>
 <html>
 <head><meta charset="utf-8"><title>fmp4mux playback test</title></head>
@@ -114,16 +112,29 @@ function pageHtml(format, manifest, player, clearKey) {
 ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
 <script>
   const state = window.__e2e = { dashErrors: [], videoErrors: [], events: [], started: false, fatal: null };
+  const video = document.getElementById('video');
+  video.muted = true;
+  video.addEventListener('error', () => {
+    const e = video.error;
+    state.videoErrors.push({ code: e && e.code, message: e && e.message });
+  });
+  for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
+    video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
+  }
+${body}
+</script>
+</body>
+</html>
+`;
+}
+
+function pageHtml(format, manifest, player, clearKey) {
+  const keys = JSON.stringify(clearKeys(clearKey, player));
+  if (player === 'shaka') return shakaPageHtml(manifest, keys);
+  const scripts = ['/__player/dash.all.min.js'];
+  if (format === 'smooth') scripts.push('/__player/dash.mss.min.js');
+  return playerPage(scripts, `
   try {
-    const video = document.getElementById('video');
-    video.muted = true;
-    video.addEventListener('error', () => {
-      const e = video.error;
-      state.videoErrors.push({ code: e && e.code, message: e && e.message });
-    });
-    for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
-      video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
-    }
     const player = dashjs.MediaPlayer().create();
     player.updateSettings({ debug: { logLevel: dashjs.Debug.LOG_LEVEL_WARNING } });
     player.on(dashjs.MediaPlayer.events.ERROR, (e) => {
@@ -152,32 +163,13 @@ ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
   } catch (e) {
     state.fatal = String(e && e.stack || e);
   }
-</script>
-</body>
-</html>
-`;
+`);
 }
 
 // The same checks with shaka-player: its errors count as the player's.
 function shakaPageHtml(manifest, keys) {
-  return `<!DOCTYPE html>
-<html>
-<head><meta charset="utf-8"><title>fmp4mux playback test</title></head>
-<body>
-<video id="video" muted autoplay playsinline width="640" height="360"></video>
-<script src="/__player/shaka-player.compiled.js"></script>
-<script>
-  const state = window.__e2e = { dashErrors: [], videoErrors: [], events: [], started: false, fatal: null };
+  return playerPage(['/__player/shaka-player.compiled.js'], `
   (async () => {
-    const video = document.getElementById('video');
-    video.muted = true;
-    video.addEventListener('error', () => {
-      const e = video.error;
-      state.videoErrors.push({ code: e && e.code, message: e && e.message });
-    });
-    for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
-      video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
-    }
     video.addEventListener('playing', () => { state.started = true; });
     shaka.polyfill.installAll();
     const player = new shaka.Player();
@@ -193,10 +185,7 @@ function shakaPageHtml(manifest, keys) {
   })().catch((e) => {
     state.dashErrors.push({ code: e && e.code, message: 'shaka: ' + String(e && (e.message || e.code) || e) });
   });
-</script>
-</body>
-</html>
-`;
+`);
 }
 
 function startServer(folder, opts, requests) {
