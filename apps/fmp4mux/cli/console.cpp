@@ -43,18 +43,29 @@ std::string shellQuoted(const std::string& path) {
 }  // namespace
 
 void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files, double wallSeconds,
-                 const std::string& outputDirectory, const std::string& manifestName, bool dash) {
+                 const std::string& outputDirectory, const std::string& manifestName, bool dash,
+                 const std::string& keyId) {
     const std::string manifest = outputDirectory + "/" + manifestName;
     std::fprintf(stderr, "fmp4mux: %.1f s of media in %llu chunks (%llu files) in %.2f s, %.1fx real time\n",
                  mediaSeconds, static_cast<unsigned long long>(chunks), static_cast<unsigned long long>(files),
                  wallSeconds, wallSeconds > 0 ? mediaSeconds / wallSeconds : 0.0);
     std::fprintf(stderr, "fmp4mux: the result is in %s; its manifest is %s\n", outputDirectory.c_str(), manifest.c_str());
-    if (dash)
+    if (!keyId.empty())
+        std::fprintf(stderr,
+                     "fmp4mux: the media is encrypted under key id %s: a player needs its key (for ClearKey, hand\n"
+                     "         it to the player, as dash.js's setProtectionData or shaka-player's drm.clearKeys)\n",
+                     keyId.c_str());
+    if (dash && keyId.empty())
         std::fprintf(stderr,
                      "fmp4mux: play it with: ffplay %s\n"
                      "         or serve the folder (python3 -m http.server -d %s 8000) and open\n"
                      "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
                      shellQuoted(std::filesystem::absolute(manifest).lexically_normal().string()).c_str(),
+                     shellQuoted(outputDirectory).c_str());
+    else if (dash)
+        std::fprintf(stderr,
+                     "fmp4mux: serve the folder (python3 -m http.server -d %s 8000) and open\n"
+                     "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
                      shellQuoted(outputDirectory).c_str());
     else
         std::fprintf(stderr,

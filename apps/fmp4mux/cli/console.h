@@ -31,6 +31,7 @@ void clearProgress();
 
 // Where the result is and how to play it.
 void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files, double wallSeconds,
-                 const std::string& outputDirectory, const std::string& manifestName, bool dash);
+                 const std::string& outputDirectory, const std::string& manifestName, bool dash,
+                 const std::string& keyId = "");
 
 }  // namespace fmp4mux
