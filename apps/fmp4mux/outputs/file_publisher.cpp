@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <regex>
 #include <stdexcept>
 
 namespace fmp4mux {
@@ -49,7 +50,9 @@ RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start)
     std::error_code code;
     for (const auto& entry : std::filesystem::directory_iterator(outputDirectory, code)) {
         const std::string name = entry.path().filename().string();
-        if (entry.is_directory() && name.rfind("run-", 0) == 0 && name.size() >= 20) folders.earlier.push_back(name);
+        // Only what a run names so: an operator's own folder of another name is never touched.
+        static const std::regex runName("run-[0-9]{8}T[0-9]{6}Z(-[0-9]+)?");
+        if (entry.is_directory() && std::regex_match(name, runName)) folders.earlier.push_back(name);
     }
     std::sort(folders.earlier.begin(), folders.earlier.end());
     std::tm utc{};
