@@ -102,8 +102,7 @@ bool HarmonicEncryptionProvider::connect() {
         m_logger.WriteMsg(LOG_ERROR, "Harmonic KMS: empty key server url");
         return false;
     }
-    m_keyClient = std::make_unique<KeyService>();
-    initService(*m_keyClient, m_keyProvisioningUrl);
+    m_keyClient.reset();  // built on the address by requestKey
     return requestKey(0);
 }
 
@@ -206,7 +205,13 @@ bool HarmonicEncryptionProvider::requestKey(std::uint64_t time) {
             return false;
         }
         auto client = std::make_unique<KeyService>();
-        initService(*client, m_keyProvisioningUrl);
+        try {
+            initService(*client, m_keyProvisioningUrl);
+        } catch (const KmsException& e) {  // the TLS settings refused: this request fails, the run goes on
+            m_logger.WriteMsg(LOG_ERROR, "Harmonic KMS: soap issue while retrieving new key (%s), use previous key",
+                              e.what());
+            return false;
+        }
         m_keyClient = std::move(client);
     }
     m_logger.WriteMsg(LOG_INFO, "Harmonic KMS: request key (getKeyAndSignalization) for time = %llu",
