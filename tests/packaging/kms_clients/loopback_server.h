@@ -10,7 +10,6 @@
 
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/common/process.h"
@@ -19,12 +18,11 @@ namespace kmstest {
 
 class LoopbackServer {
 public:
-    // `script`: loopback_server.py, or another server of the same protocol (harmonic_kms_server.py).
-    explicit LoopbackServer(std::vector<std::string> extraArgs = {}, std::string script = KMS_TEST_SERVER) {
+    explicit LoopbackServer(std::vector<std::string> extraArgs = {}) {
         int out[2];
         int in[2];
         if (pipe(out) != 0 || pipe(in) != 0) throw std::runtime_error("no pipe");
-        std::vector<std::string> args = {KMS_TEST_PYTHON, std::move(script)};
+        std::vector<std::string> args = {KMS_TEST_PYTHON, KMS_TEST_SERVER};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
         m_pid = fork();
         if (m_pid == 0) {
