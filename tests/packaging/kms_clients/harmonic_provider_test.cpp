@@ -1,5 +1,4 @@
-// The Harmonic KMS provider against loopback_server.py's scripted key session and key services (hand-written
-// answers; its docstring gives the keys). SOAP time-outs are cut to half a second through HarmonicOptions.
+// The Harmonic KMS provider against loopback_server.py's scripted KMS; SOAP time-outs cut to 0.5 s by injection.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,11 +41,7 @@ struct Kms {
         return make({.requestorId = "requestor-1", .keyPeriod = 10, .keySessionUrl = session,
                      .backupKeySessionUrl = backup, .keySessionSettings = "assetType=2"});
     }
-    std::string get(const std::string& path) {
-        std::string text;
-        HttpClient().get(url(path), &text);
-        return text;
-    }
+    std::string get(const std::string& path) { std::string t; HttpClient().get(url(path), &t); return t; }
     // Responses were dumped, and no line holds a key, in base64 or in hexadecimal.
     void expectNoKeyInTheLog() const {
         const auto lines = logger.lines();
@@ -59,7 +54,6 @@ struct Kms {
     }
 };
 
-// The key id's text, or "none"; the key's bytes, or none.
 std::string keyIdOf(HarmonicEncryptionProvider& p) {
     enc::KeyId id{};
     return !p.getKeyId(id) ? "none" : id == enc::parseGuidText("11111111-2222-3333-4444-555555555555") ? "at zero"
@@ -76,11 +70,11 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
     ASSERT_TRUE(provider->connect());
     EXPECT_EQ(keyIdOf(*provider), "at zero");
     EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
-    std::vector<std::uint8_t> iv;
-    provider->getInitialisationVector(iv);
-    EXPECT_BYTES(iv, testkit::zeros(8));
+    std::vector<std::uint8_t> iv;  // eight zero bytes, whatever the server's IV
     tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
+    provider->getInitialisationVector(iv);
     provider->getProtectionBoxes(boxes, true);
+    EXPECT_BYTES(iv, testkit::zeros(8));
     ASSERT_EQ(boxes.size(), 1u);
     EXPECT_BYTES(testkit::writeBox(boxes[0]),
                  hex("00000024 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000004 08011210"));
@@ -94,7 +88,6 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
     for (const char* part : {">resource-1</", ":distributionMode>0<", ":streamingMode>0<", ":emi>16420<",
                              ":cryptoPeriod>10<", ":time>0<", "drmName>Widevine</harmonic243:drmName>"})
         EXPECT_NE(request.find(part), std::string::npos) << part;
-    EXPECT_EQ(request.find("drmName>", request.find("Widevine</") + 30), std::string::npos) << "one drmName only";
 
     EXPECT_TRUE(provider->isKeyRotationEnabled());
     EXPECT_EQ(provider->updateKey(10 * kSecond), KeyUpdateResult::Unchanged);
@@ -106,7 +99,6 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
     Provider once = kms.minimal("/keys/ok", 0);  // key period 0: the key of connect for ever
     ASSERT_TRUE(once->connect());
     EXPECT_EQ(once->updateKey(1000000 * kSecond), KeyUpdateResult::Unchanged);
-    EXPECT_TRUE(kms.logger.contains("2 Harmonic KMS: Use '" + kms.url("/keys/ok") + "' as key provivioning url"));
     kms.expectNoKeyInTheLog();
 }
 
@@ -118,14 +110,10 @@ TEST(HarmonicProvider, AFailedRequestKeepsThePreviousKeyAndAsksAgainAtTheNextSeg
     EXPECT_EQ(provider->updateKey(12 * kSecond), KeyUpdateResult::Failed);
     EXPECT_EQ(keyIdOf(*provider), "at zero");
     EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
-    const auto lines = kms.logger.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "0 Harmonic KMS: getKeyAndSignalization failed (key not ready), use previous key"), 2);
-}
-
-TEST(HarmonicProvider, AnswersThatGiveNoKey) {
-    Kms kms;
     const std::string failed = "0 Harmonic KMS: getKeyAndSignalization failed (";
+    const auto lines = kms.logger.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), failed + "key not ready), use previous key"), 2);
+    // Answers that give no key at all.
     const std::pair<const char*, std::string> rows[] = {
         {"/keys/refused", failed + "unknown resource), use previous key"},
         {"/keys/fault", "0 Harmonic KMS: soap issue while retrieving new key (GetKeyAndSignalization error; "
@@ -139,8 +127,7 @@ TEST(HarmonicProvider, AnswersThatGiveNoKey) {
         EXPECT_TRUE(kms.logger.contains(line)) << path << ": " << kms.logger.lines().back();
     }
     Provider shortKey = kms.minimal("/keys/short-key");  // 8 bytes arrive, but make no content key
-    EXPECT_TRUE(shortKey->connect());
-    EXPECT_TRUE(keyOf(*shortKey).empty());
+    EXPECT_TRUE(shortKey->connect() && keyOf(*shortKey).empty());
     kms.expectNoKeyInTheLog();
 }
 
@@ -182,14 +169,12 @@ TEST(HarmonicProvider, TheKeySessionItsBackupServerItsRenewalAndItsEnd) {
 TEST(HarmonicProvider, TheFactoryLogsTheParametersAndRefusesALongResourceId) {
     testkit::RecordingLogger logger;
     std::unique_ptr<enc::EncryptionManager> manager;
-    // Qualified: the encryption library's factory of the same name is found by argument-dependent lookup.
+    // Qualified: argument-dependent lookup also finds the encryption library's factory.
     const auto build = &tvrn::encoding::packaging::kms_clients::buildEncryptionManager;
     enc::HarmonicConfiguration record{"r", "q", 10, "http://s"};
     build(manager, record, {}, logger, nullptr);
-    EXPECT_TRUE(manager && manager->hasProvider());
-    record.implementation = 1;
-    record.keyProvisioningUrl = "http://k";
-    build(manager, record, {}, logger, nullptr);
+    EXPECT_TRUE(manager->hasProvider());
+    build(manager, enc::HarmonicConfiguration{"r", "q", 10, "", "", "", 1, "http://k"}, {}, logger, nullptr);
     EXPECT_TRUE(logger.contains(
         "2 Harmonic KMS full impl.: resourceId='r' , requestorId='q' : KeyPeriod = 10 sec., KeySessionUrl='http://s'"));
     EXPECT_TRUE(logger.contains("2 Harmonic KMS minimal impl.: resourceId='r', KeyPeriod= 10 sec., KeyProvisioningUrl='http://k'"));

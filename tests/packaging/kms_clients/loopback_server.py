@@ -11,16 +11,9 @@ for a client certificate signed by that CA.
   GET  /slow     waits --delay seconds, then 200
   POST /soap     a SOAP answer of GetKeyAndSignalization for a GetKeyAndSignalizationRequest element of the
                  service's namespace; a body that holds "fault-me", or any other request, gets a SOAP fault
-  POST /session/active|flaky|standby   a Harmonic key session service: Heartbeat (status STANDBY for standby,
-                 else ACTIVE), CreateKeySession (key address /keys/ok, /keys/fail-after-first for flaky),
-                 InvalidKeySession (/keys/ok), DestroyKeySession
-  POST /keys/<name>   GetKeyAndSignalization: ok (the key of the asked time); fail-after-first (ok at time 0,
-                 returnCode 5 "key not ready" after); refused (returnCode 3 "unknown resource"); fault; malformed
-                 (an undeclared entity); empty-key; short-key (8 bytes); other-time (a key for the asked time + 1)
-  GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line; GET
-                 /last/<operation>: the body of the last request of that operation
-Harmonic keys, worked out by hand: time 0: key id 11111111-2222-3333-4444-555555555555, bytes 00..0f; other
-times: key id 66666666-7777-8888-9999-aaaaaaaaaaaa, bytes 10..1f. IV 01..08, pssh data 08 01 12 10.
+  POST /session/active|flaky|standby, POST /keys/<name>   a scripted Harmonic KMS: see harmonic() for the answers
+  GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line
+  GET  /last/<operation>   the body of the last Harmonic request of that operation
 """
 import argparse
 import http.server
@@ -68,6 +61,9 @@ HK_SIGNALLING = ('<h:signalization><h:dash><h:drmSystemId>edef8ba9-79d6-4ace-a3c
 hk_calls, hk_last = [], {}
 
 
+# Key session: Heartbeat (STANDBY for /session/standby), CreateKeySession (the key address /keys/ok, or
+# /keys/fail-after-first for /session/flaky), InvalidKeySession (/keys/ok), DestroyKeySession. Keys, worked out by
+# hand: time 0 key id 1111..., bytes 00..0f; other times 6666..., bytes 10..1f; IV 01..08; pssh data 08 01 12 10.
 def harmonic(path, operation, detail, port):
     kind, _, name = path.strip("/").partition("/")
     if kind == "session":
