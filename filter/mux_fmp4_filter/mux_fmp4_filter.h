@@ -19,6 +19,7 @@
 #include "packaging/encryption/i_encryption_provider.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
 #include "packaging/fmp4/fmp4_mux/mux_worker.h"
+#include "packaging/kms_clients/encryption_factory.h"
 #include "support/log/log_perf.h"
 
 namespace tvrn::encoding::filter {
@@ -34,11 +35,12 @@ namespace encryption = packaging::encryption;
 using packaging::encryption::IEncryptionListener;
 
 // How the filter reaches the key server of an encrypted session: the factory of the session's encryption manager
-// and the time between two attempts while the server does not answer. The defaults are the system's own.
+// and the time between two attempts while the server does not answer. The defaults are the system's own: the
+// factory of every mode, key-server clients included.
 struct KeyServerParts {
     std::function<void(std::unique_ptr<encryption::EncryptionManager>&, const encryption::EncryptionConfiguration&,
                        const encryption::TransportSecurity&, tvrn::log::ILogger&, IEncryptionListener*)>
-        buildEncryptionManager = encryption::buildEncryptionManager;
+        buildEncryptionManager = packaging::kms_clients::buildEncryptionManager;
     std::chrono::milliseconds retryInterval{3000};
 };
 

@@ -73,7 +73,9 @@ private:
     AesCtr64 m_keySchedule;
 };
 
-// Builds a manager for `configuration`, holding `listener` (not owned, may be null). Manual PlayReady and Multi-DRM
+// Builds a manager for `configuration`, holding `listener` (not owned, may be null). The key-server clients build on
+// this library, so their providers are not here: kms_clients::buildEncryptionManager, which the filter uses, adds
+// them and hands every other mode to this one. Manual PlayReady and Multi-DRM
 // get their providers, after an info line of their parameters (the key seed masked, content keys left out); a
 // Manual PlayReady configuration that does not build throws as buildManualPlayReadyProvider does. Modes whose
 // provider is not available here get no provider and a warning; a number outside the modes throws

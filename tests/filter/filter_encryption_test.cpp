@@ -243,4 +243,12 @@ TEST(KeyWait, SamplesAreDroppedUntilTheServerIsUpThenChunksLeaveEncrypted) {
     EXPECT_TRUE(holdsBox(received[1].bytes, "saiz"));  // and sample encryption data in the first fragment
 }
 
+TEST(KeyWait, TheDefaultFactoryHasTheHarmonicProvider) {
+    std::unique_ptr<enc::EncryptionManager> manager;
+    testkit::RecordingLogger logger;
+    KeyServerParts{}.buildEncryptionManager(manager, enc::HarmonicConfiguration{"r", "q", 0, "http://s"}, {}, logger,
+                                            nullptr);
+    EXPECT_TRUE(manager && manager->hasProvider());
+}
+
 }  // namespace

@@ -17,6 +17,9 @@
 
 #import "stlvector.h"
 
+// Literal XML: an element's content kept as text, whatever it holds.
+typedef char* XML;
+
 class xsd__base64Binary {
 public:
     unsigned char* __ptr;
@@ -90,6 +93,8 @@ public:
     std::vector<harmonic243__ScheduledKeyType*> scheduledKey;
     harmonic243__ContentKeyType* contentKey;
     harmonic243__DrmSignalizationType* signalization;
+    // Kept as the server wrote it; the client reads nothing of it.
+    XML commonEncryptionParam;
 };
 
 //gsoap harmonic243 service method-action: GetKeyAndSignalization urn:tovrane:kms:harmonic:2.4/IKey/GetKeyAndSignalization

@@ -11,6 +11,9 @@ for a client certificate signed by that CA.
   GET  /slow     waits --delay seconds, then 200
   POST /soap     a SOAP answer of GetKeyAndSignalization for a GetKeyAndSignalizationRequest element of the
                  service's namespace; a body that holds "fault-me", or any other request, gets a SOAP fault
+  POST /session/active|flaky|standby, POST /keys/<name>   a scripted Harmonic KMS: see harmonic() for the answers
+  GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line
+  GET  /last/<operation>   the body of the last Harmonic request of that operation
 """
 import argparse
 import http.server
@@ -47,6 +50,43 @@ SOAP_FAULT = """<?xml version="1.0" encoding="UTF-8"?>
 </SOAP-ENV:Envelope>
 """
 
+HK = ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" xmlns:h="' + NS +
+      '"><S:Body><h:%sResponse><h:returnCode>%s</h:returnCode>%s</h:%sResponse></S:Body></S:Envelope>\n')
+HK_KEYS = {True: ("11111111-2222-3333-4444-555555555555", "AAECAwQFBgcICQoLDA0ODw=="),
+           False: ("66666666-7777-8888-9999-aaaaaaaaaaaa", "EBESExQVFhcYGRobHB0eHw==")}
+HK_SIGNALLING = ('<h:signalization><h:dash><h:drmSystemId>edef8ba9-79d6-4ace-a3c8-27dcd51d21ed</h:drmSystemId>'
+                 '<h:manifestHeader>&lt;cenc:pssh&gt;AAAA&lt;/cenc:pssh&gt;</h:manifestHeader><h:psshBox>'
+                 '<h:data>CAESEA==</h:data></h:psshBox></h:dash></h:signalization>'
+                 '<h:commonEncryptionParam><h:any>kept</h:any></h:commonEncryptionParam>')
+hk_calls, hk_last = [], {}
+
+
+# Key session: Heartbeat (STANDBY for /session/standby), CreateKeySession (the key address /keys/ok, or
+# /keys/fail-after-first for /session/flaky), InvalidKeySession (/keys/ok), DestroyKeySession. Keys, worked out by
+# hand: time 0 key id 1111..., bytes 00..0f; other times 6666..., bytes 10..1f; IV 01..08; pssh data 08 01 12 10.
+def harmonic(path, operation, detail, port):
+    kind, _, name = path.strip("/").partition("/")
+    if kind == "session":
+        keys = "fail-after-first" if name == "flaky" and operation == "CreateKeySession" else "ok"
+        extra = {"Heartbeat": "<h:status>%s</h:status>" % ("STANDBY" if name == "standby" else "ACTIVE"),
+                 "DestroyKeySession": "<h:resourceId>%s</h:resourceId>" % detail}.get(
+                     operation, "<h:keySessionURI>http://127.0.0.1:%d/keys/%s</h:keySessionURI>" % (port, keys))
+        return 200, HK % (operation, "0", extra, operation)
+    if name == "fault":
+        return 500, SOAP_FAULT
+    op = "GetKeyAndSignalization"
+    if name == "refused" or (name == "fail-after-first" and detail != "0"):
+        code, text = ("3", "unknown resource") if name == "refused" else ("5", "key not ready")
+        return 200, HK % (op, code, "<h:errorMessage>%s</h:errorMessage>" % text, op)
+    if name == "malformed":
+        return 200, HK % (op, "&bogus;", "", op)
+    key_id, key = HK_KEYS[detail == "0"]
+    key = {"empty-key": "", "short-key": "AAECAwQFBgc="}.get(name, key)
+    time = str(int(detail) + 1) if name == "other-time" else detail
+    return 200, HK % (op, "0", '<h:scheduledKey><h:time>%s</h:time><h:contentKey><h:keyId>%s</h:keyId><h:key>%s'
+                      '</h:key><h:iv>AQIDBAUGBwg=</h:iv></h:contentKey></h:scheduledKey>%s'
+                      % (time, key_id, key, HK_SIGNALLING), op)
+
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
@@ -74,6 +114,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         elif self.path.startswith("/status/"):
             code = int(self.path.rsplit("/", 1)[1])
             self.answer(code, "status %d" % code)
+        elif self.path == "/calls":
+            self.answer(200, "".join(c + "\n" for c in hk_calls))
+        elif self.path.startswith("/last/"):
+            self.answer(200, hk_last.get(self.path[6:], ""))
         elif self.path == "/slow":
             time.sleep(Handler.delay)
             self.answer(200, "late")
@@ -84,6 +128,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
         body = self.body()
         if self.path == "/echo":
             self.answer(200, "posted:" + body, extra={"X-Seen": self.headers.get("X-Test", "")})
+        elif self.path.startswith(("/keys/", "/session/")):
+            request = re.search(r"<\w+:(\w+)Request[ >]", body)
+            detail = re.search(r":(?:time|resourceId)>([^<]*)<", body)
+            operation, detail = request.group(1) if request else "-", detail.group(1) if detail else "-"
+            hk_last[operation] = body
+            hk_calls.append("%s %s %s" % (self.path, operation, detail))
+            self.answer(*harmonic(self.path, operation, detail, self.server.server_address[1]), "text/xml")
         elif self.path == "/soap":
             request = re.search(r"<(\w+):GetKeyAndSignalizationRequest[ >]", body)
             if not request or ('xmlns:%s="%s"' % (request.group(1), NS)) not in body:

@@ -1,0 +1,185 @@
+// The Harmonic KMS provider against loopback_server.py's scripted KMS; SOAP time-outs cut to 0.5 s by injection.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "packaging/encryption/protection_signalling.h"
+#include "packaging/kms_clients/encryption_factory.h"
+#include "packaging/kms_clients/http_client.h"
+#include "tests/common/boxes.h"
+#include "tests/common/bytes.h"
+#include "tests/common/loggers.h"
+#include "tests/packaging/kms_clients/loopback_server.h"
+
+namespace {
+
+using namespace tvrn::encoding::packaging::kms_clients;
+namespace enc = tvrn::encoding::packaging::encryption;
+using enc::KeyUpdateResult;
+using testkit::hex;
+using Provider = std::unique_ptr<HarmonicEncryptionProvider>;
+
+const testkit::Bytes kKeyAtZero = hex("000102030405060708090a0b0c0d0e0f");
+const testkit::Bytes kKeyLater = hex("101112131415161718191a1b1c1d1e1f");
+constexpr std::uint64_t kSecond = 10'000'000;
+
+struct Kms {
+    kmstest::LoopbackServer server{{"--lifetime", "30"}};
+    testkit::RecordingLogger logger;
+
+    std::string url(const std::string& path) const { return server.url("http", path); }
+    Provider make(enc::HarmonicConfiguration c) {
+        c.resourceId = "resource-1";
+        c.drmList = {{"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "Widevine"}, {"9a04f079-9840-4286-ab92-e65be0885f95", ""}};
+        return std::make_unique<HarmonicEncryptionProvider>(c, enc::TransportSecurity{}, logger, HarmonicOptions{false, -500000});
+    }
+    Provider minimal(const std::string& keys, std::int32_t keyPeriod = 10) {
+        return make({.keyPeriod = keyPeriod, .implementation = 1, .keyProvisioningUrl = url(keys)});
+    }
+    Provider full(const std::string& session, const std::string& backup = "") {
+        return make({.requestorId = "requestor-1", .keyPeriod = 10, .keySessionUrl = session,
+                     .backupKeySessionUrl = backup, .keySessionSettings = "assetType=2"});
+    }
+    std::string get(const std::string& path) { std::string t; HttpClient().get(url(path), &t); return t; }
+    // Responses were dumped, and no line holds a key, in base64 or in hexadecimal.
+    void expectNoKeyInTheLog() const {
+        const auto lines = logger.lines();
+        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
+                                [](const std::string& l) { return l.find("Harmonic KMS SOAP response: ") != l.npos; }));
+        for (const std::string& line : lines)
+            for (const char* key : {"AAECAwQFBgcICQoLDA0ODw==", "EBESExQVFhcYGRobHB0eHw==", "AAECAwQFBgc=",
+                                    "000102030405060708090a0b0c0d0e0f", "101112131415161718191a1b1c1d1e1f"})
+                EXPECT_EQ(line.find(key), std::string::npos) << line;
+    }
+};
+
+std::string keyIdOf(HarmonicEncryptionProvider& p) {
+    enc::KeyId id{};
+    return !p.getKeyId(id) ? "none" : id == enc::parseGuidText("11111111-2222-3333-4444-555555555555") ? "at zero"
+                                  : id == enc::parseGuidText("66666666-7777-8888-9999-aaaaaaaaaaaa") ? "later" : "other";
+}
+testkit::Bytes keyOf(HarmonicEncryptionProvider& p) {
+    enc::ContentKey key{};
+    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
+}
+
+TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriodHasPassed) {
+    Kms kms;
+    Provider provider = kms.minimal("/keys/ok");
+    ASSERT_TRUE(provider->connect());
+    EXPECT_EQ(keyIdOf(*provider), "at zero");
+    EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
+    std::vector<std::uint8_t> iv;  // eight zero bytes, whatever the server's IV
+    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
+    provider->getInitialisationVector(iv);
+    provider->getProtectionBoxes(boxes, true);
+    EXPECT_BYTES(iv, testkit::zeros(8));
+    ASSERT_EQ(boxes.size(), 1u);
+    EXPECT_BYTES(testkit::writeBox(boxes[0]),
+                 hex("00000024 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000004 08011210"));
+    std::string text;
+    provider->getContentProtectionText(text, false);
+    EXPECT_EQ(text, "<!-- Common Encryption -->\n"
+                    "<ContentProtection schemeIdUri=\"urn:mpeg:dash:mp4protection:2011\" value=\"cenc\" />\n"
+                    "<ContentProtection schemeIdUri=\"urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed\">\n"
+                    "<cenc:pssh>AAAA</cenc:pssh>\n</ContentProtection>\n");
+    const std::string request = kms.get("/last/GetKeyAndSignalization");
+    for (const char* part : {">resource-1</", ":distributionMode>0<", ":streamingMode>0<", ":emi>16420<",
+                             ":cryptoPeriod>10<", ":time>0<", "drmName>Widevine</harmonic243:drmName>"})
+        EXPECT_NE(request.find(part), std::string::npos) << part;
+
+    EXPECT_TRUE(provider->isKeyRotationEnabled());
+    EXPECT_EQ(provider->updateKey(10 * kSecond), KeyUpdateResult::Unchanged);
+    EXPECT_EQ(provider->updateKey(10 * kSecond + 1), KeyUpdateResult::Updated);
+    EXPECT_EQ(keyIdOf(*provider), "later");
+    EXPECT_BYTES(keyOf(*provider), kKeyLater);
+    EXPECT_EQ(provider->updateKey(20 * kSecond + 1), KeyUpdateResult::Unchanged);
+    EXPECT_EQ(kms.get("/calls"), "/keys/ok GetKeyAndSignalization 0\n/keys/ok GetKeyAndSignalization 100000001\n");
+    Provider once = kms.minimal("/keys/ok", 0);  // key period 0: the key of connect for ever
+    ASSERT_TRUE(once->connect());
+    EXPECT_EQ(once->updateKey(1000000 * kSecond), KeyUpdateResult::Unchanged);
+    kms.expectNoKeyInTheLog();
+}
+
+TEST(HarmonicProvider, AFailedRequestKeepsThePreviousKeyAndAsksAgainAtTheNextSegment) {
+    Kms kms;
+    Provider provider = kms.minimal("/keys/fail-after-first");
+    ASSERT_TRUE(provider->connect());
+    EXPECT_EQ(provider->updateKey(11 * kSecond), KeyUpdateResult::Failed);
+    EXPECT_EQ(provider->updateKey(12 * kSecond), KeyUpdateResult::Failed);
+    EXPECT_EQ(keyIdOf(*provider), "at zero");
+    EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
+    const std::string failed = "0 Harmonic KMS: getKeyAndSignalization failed (";
+    const auto lines = kms.logger.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), failed + "key not ready), use previous key"), 2);
+    // Answers that give no key at all.
+    const std::pair<const char*, std::string> rows[] = {
+        {"/keys/refused", failed + "unknown resource), use previous key"},
+        {"/keys/fault", "0 Harmonic KMS: soap issue while retrieving new key (GetKeyAndSignalization error; "
+                        "resource unknown), use previous key"},
+        {"/keys/malformed", failed + "Failed to parse 'GetKeyAndSignalization' : invalid response), use previous key"},
+        {"/keys/empty-key", failed + "invalid content key), use previous key"},
+        {"/keys/other-time", "0 Harmonic KMS: getKeyAndSignalization : empty key received for time = 0"},
+    };
+    for (const auto& [path, line] : rows) {
+        EXPECT_FALSE(kms.minimal(path)->connect()) << path;
+        EXPECT_TRUE(kms.logger.contains(line)) << path << ": " << kms.logger.lines().back();
+    }
+    Provider shortKey = kms.minimal("/keys/short-key");  // 8 bytes arrive, but make no content key
+    EXPECT_TRUE(shortKey->connect() && keyOf(*shortKey).empty());
+    kms.expectNoKeyInTheLog();
+}
+
+TEST(HarmonicProvider, TheKeySessionItsBackupServerItsRenewalAndItsEnd) {
+    Kms kms;
+    const std::string down = "http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/session";
+    Provider provider = kms.full(kms.url("/session/active"));
+    ASSERT_TRUE(provider->connect());
+    EXPECT_EQ(provider->keyProvisioningUrl(), kms.url("/keys/ok"));
+    EXPECT_EQ(keyIdOf(*provider), "at zero");
+    const std::string create = kms.get("/last/CreateKeySession");
+    for (const char* part : {":assetType>2<", ":cryptoPeriod>10<", ":keyLength>128<", ":opaqueData>assetType=2<",
+                             ":requestorId>requestor-1<", ":resourceId>resource-1<"})
+        EXPECT_NE(create.find(part), std::string::npos) << part;
+    provider->disconnect();
+    EXPECT_EQ(kms.get("/calls"), "/session/active Heartbeat -\n/session/active CreateKeySession resource-1\n"
+                                 "/keys/ok GetKeyAndSignalization 0\n/session/active DestroyKeySession resource-1\n");
+
+    for (const std::string& primary : {down, kms.url("/session/standby")}) {
+        Provider switched = kms.full(primary, kms.url("/session/active"));
+        ASSERT_TRUE(switched->connect()) << primary;
+        EXPECT_EQ(switched->currentSessionUrl(), kms.url("/session/active"));
+    }
+    EXPECT_TRUE(kms.logger.contains("0 Harmonic KMS: switch to backup Key Session server and re-try"));
+    EXPECT_TRUE(kms.logger.contains("0 Harmonic KMS: Heartbeat(Key Session): server is 'STANDBY'"));
+    Provider neither = kms.full(kms.url("/session/standby"), down);
+    EXPECT_FALSE(neither->connect());
+    EXPECT_EQ(neither->currentSessionUrl(), kms.url("/session/standby"));
+
+    // A failed key request has the session invalidated: the next segment asks the new key address.
+    Provider flaky = kms.full(kms.url("/session/flaky"));
+    ASSERT_TRUE(flaky->connect());
+    EXPECT_EQ(flaky->updateKey(11 * kSecond), KeyUpdateResult::Failed);
+    EXPECT_EQ(flaky->keyProvisioningUrl(), kms.url("/keys/ok"));
+    EXPECT_EQ(flaky->updateKey(11 * kSecond), KeyUpdateResult::Updated);
+    EXPECT_EQ(keyIdOf(*flaky), "later");
+}
+
+TEST(HarmonicProvider, TheFactoryLogsTheParametersAndRefusesALongResourceId) {
+    testkit::RecordingLogger logger;
+    std::unique_ptr<enc::EncryptionManager> manager;
+    // Qualified: argument-dependent lookup also finds the encryption library's factory.
+    const auto build = &tvrn::encoding::packaging::kms_clients::buildEncryptionManager;
+    enc::HarmonicConfiguration record{"r", "q", 10, "http://s"};
+    build(manager, record, {}, logger, nullptr);
+    EXPECT_TRUE(manager->hasProvider());
+    build(manager, enc::HarmonicConfiguration{"r", "q", 10, "", "", "", 1, "http://k"}, {}, logger, nullptr);
+    EXPECT_TRUE(logger.contains(
+        "2 Harmonic KMS full impl.: resourceId='r' , requestorId='q' : KeyPeriod = 10 sec., KeySessionUrl='http://s'"));
+    EXPECT_TRUE(logger.contains("2 Harmonic KMS minimal impl.: resourceId='r', KeyPeriod= 10 sec., KeyProvisioningUrl='http://k'"));
+    record.resourceId.assign(129, 'x');
+    EXPECT_EQ(testkit::failureOf([&] { build(manager, record, {}, logger, nullptr); }), "Invalid resource identifier.");
+}
+
+}  // namespace
