@@ -276,7 +276,8 @@ int run(int argc, char** argv) {
     if (presentation.chunks() == 0)
         throw ExitError(kExitFailed, "no chunk was produced (is there a key frame and a time stamp in the input?)");
     showSummary(presentation.mediaSeconds(), presentation.chunks(), presentation.files(), wall,
-                options.outputDirectory, presentation.manifestName(), options.dash, options.encryption.keyId);
+                options.outputDirectory, presentation.manifestName(), options.dash,
+                options.encryption.keyServer() ? "from the key server" : options.encryption.keyId);
     return kExitDone;
 }
 

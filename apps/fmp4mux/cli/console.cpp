@@ -52,7 +52,7 @@ void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files,
     std::fprintf(stderr, "fmp4mux: the result is in %s; its manifest is %s\n", outputDirectory.c_str(), manifest.c_str());
     if (!keyId.empty())
         std::fprintf(stderr,
-                     "fmp4mux: the media is encrypted under key id %s: a player needs its key (for ClearKey, hand\n"
+                     "fmp4mux: the media is encrypted (key id %s): a player needs its key (for ClearKey, hand\n"
                      "         it to the player, as dash.js's setProtectionData or shaka-player's drm.clearKeys)\n",
                      keyId.c_str());
     if (dash && keyId.empty())

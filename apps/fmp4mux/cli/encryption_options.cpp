@@ -81,11 +81,18 @@ void readKeyFile(EncryptionOptions& o) {
         if (line.empty()) continue;
         const auto equals = line.find('=');
         const std::string name = line.substr(0, equals);
-        std::string* target = name == "key_id" ? &o.keyIdText : name == "key" ? &o.keyText
-                            : name == "key_seed" ? &o.keySeedText : nullptr;
+        const std::pair<const char*, std::string*> names[] = {
+            {"key_id", &o.keyIdText}, {"key", &o.keyText}, {"key_seed", &o.keySeedText},
+            {"kms_key_url", &o.kmsKeyUrl}, {"kms_session_url", &o.kmsSessionUrl},
+            {"kms_backup_session_url", &o.kmsBackupSessionUrl}, {"kms_resource_id", &o.kmsResourceId},
+            {"kms_requestor_id", &o.kmsRequestorId}, {"key_period", &o.keyPeriodText}, {"kms_ca_file", &o.kmsCaFile},
+            {"kms_client_key", &o.kmsClientKey}, {"kms_client_key_password", &o.kmsClientKeyPassword}};
+        std::string* target = nullptr;
+        for (const auto& [known, field] : names)
+            if (name == known) target = field;
         if (equals == std::string::npos || target == nullptr)
             refuse("--key-file: line " + std::to_string(number) + " of '" + o.keyFile +
-                   "' is not key_id=, key= or key_seed=");
+                   "' is not key_id=, key=, key_seed= or a kms_...= setting");
         if (target->empty()) *target = line.substr(equals + 1);
     }
 }
@@ -97,8 +104,61 @@ std::vector<std::uint8_t> decodeHexOrBase64(const std::string& text) {
     return bytes.empty() ? fromBase64(text) : bytes;
 }
 
+namespace {
+void readSystems(EncryptionOptions& o) {
+    for (const std::string& system : o.drmSystems) {
+        if (system == "clearkey")
+            o.clearKey = true;
+        else if (system == "playready")
+            o.playReady = true;
+        else if (system == "widevine")
+            o.widevine = true;
+        else
+            refuse("--drm: unknown system '" + system + "' (clearkey, playready or widevine; others with --drm-system-id)");
+    }
+}
+
+// A key server's settings, checked: the run then takes its keys from the server.
+void finishKeyServer(EncryptionOptions& o) {
+    if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty())
+        refuse("a key server (--kms-...) gives the keys: --key-id, --key and --key-seed do not go with it");
+    if (!o.customSystemId.empty()) refuse("--drm-system-id does not go with a key server, whose answer signals the systems");
+    if (o.kmsResourceId.empty() || o.kmsResourceId.size() > 128)
+        refuse("--kms-resource-id: a key server needs the resource id (at most 128 characters)");
+    if (o.kmsKeyUrl.empty() == o.kmsSessionUrl.empty())
+        refuse("a key server needs either --kms-key-url or --kms-session-url, not both");
+    if (!o.kmsBackupSessionUrl.empty() && o.kmsSessionUrl.empty())
+        refuse("--kms-backup-session-url needs --kms-session-url");
+    static const std::regex address("https?://[^ ]+");
+    for (const auto& [option, url] : {std::pair<const char*, const std::string*>{"--kms-key-url", &o.kmsKeyUrl},
+                                      {"--kms-session-url", &o.kmsSessionUrl},
+                                      {"--kms-backup-session-url", &o.kmsBackupSessionUrl}})
+        if (!url->empty() && !std::regex_match(*url, address))
+            refuse(std::string(option) + ": '" + *url + "' is not an http:// or https:// address");
+    if (!o.keyPeriodText.empty()) {
+        static const std::regex digits("[0-9]{1,4}");
+        if (!std::regex_match(o.keyPeriodText, digits) || std::stoi(o.keyPeriodText) > 3600)
+            refuse("--key-period: '" + o.keyPeriodText + "' is not a number of seconds from 0 to 3600");
+        o.keyPeriod = std::stoi(o.keyPeriodText);
+    }
+    for (const auto& [option, file] : {std::pair<const char*, const std::string*>{"--kms-ca-file", &o.kmsCaFile},
+                                       {"--kms-client-key", &o.kmsClientKey}})
+        if (!file->empty() && !std::ifstream(*file)) refuse(std::string(option) + ": cannot read '" + *file + "'");
+    if (!o.kmsClientKeyPassword.empty() && o.kmsClientKey.empty())
+        refuse("kms_client_key_password in the key file needs a client key (--kms-client-key)");
+}
+}  // namespace
+
 void finishEncryptionOptions(EncryptionOptions& o) {
     if (!o.keyFile.empty()) readKeyFile(o);
+    const bool server = !o.kmsKeyUrl.empty() || !o.kmsSessionUrl.empty() || !o.kmsBackupSessionUrl.empty() ||
+                        !o.kmsResourceId.empty() || !o.kmsRequestorId.empty() || !o.keyPeriodText.empty() ||
+                        !o.kmsCaFile.empty() || !o.kmsClientKey.empty() || !o.kmsClientKeyPassword.empty();
+    if (server) {
+        finishKeyServer(o);
+        readSystems(o);
+        return;
+    }
     const bool asked = !o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty() || !o.drmSystems.empty() ||
                        !o.customSystemId.empty();
     if (!asked) return;
@@ -116,16 +176,7 @@ void finishEncryptionOptions(EncryptionOptions& o) {
         if (seed.size() < 30) refuse("--key-seed: the key seed is not base64 of at least 30 bytes");
         o.keySeedBase64 = base64(seed);
     }
-    for (const std::string& system : o.drmSystems) {
-        if (system == "clearkey")
-            o.clearKey = true;
-        else if (system == "playready")
-            o.playReady = true;
-        else if (system == "widevine")
-            o.widevine = true;
-        else
-            refuse("--drm: unknown system '" + system + "' (clearkey, playready or widevine; others with --drm-system-id)");
-    }
+    readSystems(o);
     if (!o.playReadyLicenceUrl.empty() && !o.playReady) refuse("--playready-la-url needs --drm playready");
     if ((!o.widevineProvider.empty() || !o.widevineContentId.empty()) && !o.widevine)
         refuse("--widevine-provider and --widevine-content-id need --drm widevine");

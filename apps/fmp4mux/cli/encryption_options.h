@@ -20,6 +20,17 @@ struct EncryptionOptions {
     std::string widevineContentId;
     std::string customSystemId;
     std::string customPsshData;
+    // Keys from a Harmonic key management server instead: its key address (minimal form) or key session server
+    // (full form, with a backup), the resource and requestor ids, the key period, TLS trust and client key.
+    std::string kmsKeyUrl;
+    std::string kmsSessionUrl;
+    std::string kmsBackupSessionUrl;
+    std::string kmsResourceId;
+    std::string kmsRequestorId;
+    std::string keyPeriodText;
+    std::string kmsCaFile;
+    std::string kmsClientKey;
+    std::string kmsClientKeyPassword;  // from the key file only: a secret
 
     // After finish(): the key id as UUID text (lower case, hyphenated, in the byte order files hold it), the key
     // and the seed in base64 (one of them), and the systems to signal.
@@ -32,7 +43,9 @@ struct EncryptionOptions {
     std::string customSystemUuid;    // UUID text
     std::string customPsshBase64;
 
-    bool enabled() const { return !keyId.empty(); }
+    std::int32_t keyPeriod = 0;  // seconds; 0: one key for the run
+    bool keyServer() const { return !kmsResourceId.empty(); }
+    bool enabled() const { return !keyId.empty() || keyServer(); }
 };
 
 // Reads the key file when there is one, checks every value and fills the normalised fields. Raises ExitError

@@ -283,6 +283,18 @@ with nothing to package; 4 output folder not writable.
         ->type_name("UUID");
     app.add_option("--drm-pssh-data", e.customPsshData, "that system's pssh data (hexadecimal or base64)")
         ->type_name("DATA");
+    app.add_option("--kms-key-url", e.kmsKeyUrl, "keys from a Harmonic KMS: its key provisioning address")->type_name("URL");
+    app.add_option("--kms-session-url", e.kmsSessionUrl, "or its key session server (the server names the key address)")
+        ->type_name("URL");
+    app.add_option("--kms-backup-session-url", e.kmsBackupSessionUrl, "the backup key session server")->type_name("URL");
+    app.add_option("--kms-resource-id", e.kmsResourceId, "the content's resource id at the key server")->type_name("ID");
+    app.add_option("--kms-requestor-id", e.kmsRequestorId, "this packager's requestor id (key sessions)")->type_name("ID");
+    app.add_option("--key-period", e.keyPeriodText, "seconds between key changes (0: one key; default 0)")
+        ->type_name("SECONDS");
+    app.add_option("--kms-ca-file", e.kmsCaFile, "CA certificates the key server's certificate is checked against")
+        ->type_name("FILE");
+    app.add_option("--kms-client-key", e.kmsClientKey, "client key and certificate (PEM) for the key server; its\n"
+                   "password, if any, as kms_client_key_password= in --key-file")->type_name("FILE");
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");

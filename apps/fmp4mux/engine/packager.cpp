@@ -54,6 +54,7 @@ Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
 // systems. ClearKey is its system of the host's choice, with a version 1 pssh that lists the key id.
 void Packager::configureEncryption(const EncryptionOptions& e) {
     constexpr const char* kClearKey = "1077efec-c0b2-4d02-ace3-3c1e52e2fb4b";
+    if (e.keyServer()) return configureKeyServer(e);
     flt::MultiDrmEncryptionSettings settings{};
     settings.keyId = e.keyId.c_str();
     settings.contentKey = e.keyBase64.c_str();
@@ -69,6 +70,37 @@ void Packager::configureEncryption(const EncryptionOptions& e) {
     settings.customPsshListsKeyId = e.clearKey;
     if (m_filter->SetMultiDrmEncryption(&settings) != S_OK)
         throw ExitError(kExitUsage, "the engine refused the encryption settings");
+}
+
+// Keys from a Harmonic key management server, asked for the systems the operator named; TLS with the operator's
+// trust and client key when given (https is verified against the system's CA store otherwise).
+void Packager::configureKeyServer(const EncryptionOptions& e) {
+    std::vector<flt::HarmonicDrmSystemSettings> systems;
+    if (e.playReady) systems.push_back({"9a04f079-9840-4286-ab92-e65be0885f95", "PlayReady"});
+    if (e.widevine) systems.push_back({"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "Widevine"});
+    if (e.clearKey) systems.push_back({"1077efec-c0b2-4d02-ace3-3c1e52e2fb4b", "ClearKey"});
+    flt::HarmonicKmsEncryptionSettings settings{};
+    settings.resourceId = e.kmsResourceId.c_str();
+    settings.requestorId = e.kmsRequestorId.c_str();
+    settings.keyPeriod = e.keyPeriod;
+    settings.keySessionUrl = e.kmsSessionUrl.c_str();
+    settings.backupKeySessionUrl = e.kmsBackupSessionUrl.c_str();
+    settings.keySessionSettings = "";
+    settings.implementation = e.kmsKeyUrl.empty() ? 0 : 1;
+    settings.keyProvisioningUrl = e.kmsKeyUrl.c_str();
+    settings.drmCount = static_cast<std::int32_t>(systems.size());
+    settings.drmList = systems.data();
+    if (m_filter->SetHarmonicKmsEncryption(&settings) != S_OK)
+        throw ExitError(kExitUsage, "the engine refused the key server settings");
+    if (e.kmsCaFile.empty() && e.kmsClientKey.empty()) return;
+    flt::KeyServerConnectionOptions tls{};
+    tls.verifyPeer = true;
+    tls.verifyHost = true;
+    tls.caFile = e.kmsCaFile.empty() ? nullptr : e.kmsCaFile.c_str();
+    tls.clientKeyFile = e.kmsClientKey.empty() ? nullptr : e.kmsClientKey.c_str();
+    tls.clientKeyPassword = e.kmsClientKeyPassword.empty() ? nullptr : e.kmsClientKeyPassword.c_str();
+    if (m_filter->SetKeyServerConnection(true, flt::KeyServerTls, &tls) != S_OK)
+        throw ExitError(kExitUsage, "the engine refused the key server's TLS settings");
 }
 
 Packager::~Packager() { stop(); }

@@ -64,6 +64,7 @@ public:
 
 private:
     void configureEncryption(const EncryptionOptions& encryption);
+    void configureKeyServer(const EncryptionOptions& encryption);
 
     // The sinks outlive the filter, whose outputs deliver to them.
     std::vector<std::unique_ptr<ChunkSink>> m_sinks;

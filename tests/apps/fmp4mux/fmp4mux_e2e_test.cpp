@@ -343,6 +343,10 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("--key-id " + kKid + " " + source + to), 2, "encryption needs either --key or --key-seed"},
         {mux("--key-id " + kKid + " --key " + kKey + " --drm-system-id 12 " + source + to), 2, "--drm-system-id: '12' is not a UUID"},
         {mux("--key-id " + kKid + " --key " + kKey + " --drm fairplay " + source + to), 2, "--drm: unknown system 'fairplay'"},
+        {mux("--kms-key-url http://127.0.0.1:9/k " + source + to), 2, "--kms-resource-id: a key server needs the resource id"},
+        {mux("--kms-resource-id r --kms-key-url ftp://x " + source + to), 2, "--kms-key-url: 'ftp://x' is not an http:// or https:// address"},
+        {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key-period 4000 " + source + to), 2, "--key-period: '4000' is not a number of seconds"},
+        {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key " + kKey + " " + source + to), 2, "--key-id, --key and --key-seed do not go with it"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);

@@ -1,6 +1,6 @@
 // Plays a packaged presentation with dash.js in headless Chromium and checks that it really plays.
 //
-//   node play.mjs [--format dash|smooth] [--player dashjs|shaka] [--clearkey KID:KEY] [--min-time SECONDS]
+//   node play.mjs [--format dash|smooth] [--player dashjs|shaka] [--clearkey KID:KEY[,KID:KEY...]] [--min-time SECONDS]
 //                 [--timeout SECONDS] [--seek SECONDS --grab FILE] FOLDER MANIFEST
 //
 // FOLDER is served over HTTP on 127.0.0.1 (ephemeral port) next to a small page that loads dash.js from this
@@ -11,7 +11,7 @@
 // With --seek: once --min-time seconds are buffered (instead of played), the video is paused and seeked to
 // --seek seconds; the picture it then shows is written to --grab as raw RGBA, and its media time is printed as
 // "play.mjs: seek: shown MEDIA_TIME WIDTHxHEIGHT".
-// --clearkey hands the player a W3C ClearKey licence of one key (key id and key as 32 hexadecimal digits each), for
+// --clearkey hands the player a W3C ClearKey licence of its keys (key id and key as 32 hexadecimal digits each), for
 // encrypted presentations. --player shaka plays with shaka-player instead of dash.js (DASH only).
 // The browser and the server are closed on every path.
 
@@ -59,8 +59,8 @@ function parseArgs(argv) {
   if (!['dash', 'smooth'].includes(opts.format)) usage(`unknown format ${opts.format}`);
   if (!['dashjs', 'shaka'].includes(opts.player)) usage(`unknown player ${opts.player}`);
   if (opts.player === 'shaka' && opts.format !== 'dash') usage('shaka plays DASH only here');
-  if (opts.clearKey !== null && !/^[0-9a-fA-F]{32}:[0-9a-fA-F]{32}$/.test(opts.clearKey))
-    usage('--clearkey takes KID:KEY, 32 hexadecimal digits each');
+  if (opts.clearKey !== null && !/^[0-9a-fA-F]{32}:[0-9a-fA-F]{32}(,[0-9a-fA-F]{32}:[0-9a-fA-F]{32})*$/.test(opts.clearKey))
+    usage('--clearkey takes KID:KEY[,KID:KEY...], 32 hexadecimal digits each');
   if (!(opts.minTime > 0)) usage('--min-time must be a positive number');
   if (!(opts.timeout > 0 && opts.timeout <= 120)) usage('--timeout must be in (0, 120] seconds');
   if ((opts.seek === null) !== (opts.grab === null)) usage('--seek and --grab go together');
@@ -95,10 +95,10 @@ function contentType(filePath) {
 // The key id and key of --clearkey as the players take them: dash.js base64url, shaka hexadecimal.
 function clearKeys(clearKey, player) {
   if (!clearKey) return null;
-  const [kid, key] = clearKey.toLowerCase().split(':');
-  if (player === 'shaka') return { [kid]: key };
+  const pairs = clearKey.toLowerCase().split(',').map((pair) => pair.split(':'));
+  if (player === 'shaka') return Object.fromEntries(pairs);
   const b64url = (hex) => Buffer.from(hex, 'hex').toString('base64url');
-  return { 'org.w3.clearkey': { clearkeys: { [b64url(kid)]: b64url(key) } } };
+  return { 'org.w3.clearkey': { clearkeys: Object.fromEntries(pairs.map(([kid, key]) => [b64url(kid), b64url(key)])) } };
 }
 
 // The page around a player: the video element, the player's scripts, and the state play.mjs reads back (errors

@@ -18,6 +18,10 @@
 #                  chunk of each representation (behind its init segment) to the source's frame and sample counts
 #                  (Smooth Streaming: signalled for PlayReady too, played by dash.js with its Smooth module)
 #   clearkey-shaka the same, played by shaka-player
+#   kms-rotation   the sample encrypted with keys from a scripted Harmonic key server on 127.0.0.1
+#                  (tests/packaging/kms_clients/loopback_server.py: the key of time 0, then another), the key
+#                  changing every 4 s: each chunk ffmpeg decrypts with the key its seig group names decodes, the
+#                  keys change from the first to the second, and shaka-player given both keys plays past 8 s
 #   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
 #                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
@@ -79,7 +83,7 @@ case "$CASE" in
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   seek) INPUT=$SAMPLE MIN_TIME=8 ;;
-  clearkey|clearkey-shaka) INPUT=$SAMPLE ;;
+  clearkey|clearkey-shaka|kms-rotation) INPUT=$SAMPLE MIN_TIME=8 ;;
   damaged)
     node "$HERE/drop_ts_packets.mjs" "$SAMPLE" "$OUT/input.ts" 0.002 4 >/dev/null || fail "could not damage the sample"
     INPUT=$OUT/input.ts MIN_TIME=10 ;;
@@ -103,6 +107,20 @@ case "$CASE" in
     # Smooth Streaming players learn the key id from the PlayReady header.
     [ "$FORMAT" = smooth ] && args+=(--drm playready)
     [ "$CASE" = clearkey-shaka ] && PLAYER=shaka ;;
+  kms-rotation)
+    # The server lives while this script holds its standard input open (fd 9), and at most 120 s.
+    mkfifo "$OUT/kms.in"
+    python3 "$ROOT/tests/packaging/kms_clients/loopback_server.py" --lifetime 120 <"$OUT/kms.in" >"$OUT/kms.port" \
+      2>"$OUT/kms.log" &
+    exec 9>"$OUT/kms.in"
+    for _ in $(seq 1 50); do grep -q '^PORT ' "$OUT/kms.port" 2>/dev/null && break; sleep 0.1; done
+    port=$(sed -n 's/^PORT //p' "$OUT/kms.port")
+    [ -n "$port" ] || fail "the loopback key server did not start"
+    args+=(--kms-key-url "http://127.0.0.1:$port/keys/ok" --kms-resource-id sample --key-period 4 --drm clearkey)
+    # What the scripted server hands out: key id 1111... with key 00..0f for time 0, 6666... with 10..1f after.
+    KEY_A=000102030405060708090a0b0c0d0e0f KEY_B=101112131415161718191a1b1c1d1e1f
+    CLEARKEY=(--clearkey "11111111222233334444555555555555:$KEY_A,66666666777788889999aaaaaaaaaaaa:$KEY_B")
+    PLAYER=shaka ;;
 esac
 
 echo "run_playback_test: $FMP4MUX ${args[*]} $INPUT $OUT/out"
@@ -168,6 +186,30 @@ if [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ]; then
   ! node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" --clearkey "$KID:$WRONG" --min-time 2 --timeout 20 \
     "$OUT/out" "$manifest" >"$OUT/wrong.log" 2>&1 || fail "$PLAYER played the encrypted output with a wrong key"
   echo "run_playback_test: with a wrong key $PLAYER does not play (as it must)"
+fi
+
+if [ "$CASE" = kms-rotation ]; then
+  seig_kid() { python3 -c 'import sys; d=open(sys.argv[1],"rb").read(); i=d.find(b"sgpd"); n=int.from_bytes(d[i-4:i],"big"); print(d[i-4+n-16:i-4+n].hex() if i>0 else "clear")' "$1"; }
+  kids="" frames=0
+  init=$(find "$OUT/out" -name init.mp4 -path '*video*' | head -n 1)
+  for chunk in $(find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n); do
+    kid=$(seig_kid "$chunk")
+    case "$kid" in
+      11111111222233334444555555555555) key=$KEY_A ;;
+      66666666777788889999aaaaaaaaaaaa) key=$KEY_B ;;
+      *) fail "$chunk names key id $kid, which the server did not hand out" ;;
+    esac
+    kids="$kids ${kid:0:1}"
+    cat "$init" "$chunk" >"$OUT/one.mp4"
+    n=$(ffprobe -v error -decryption_key "$key" -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$OUT/one.mp4")
+    errors=$(ffmpeg -v error -decryption_key "$key" -i "$OUT/one.mp4" -f null - 2>&1 | head -n 3)
+    [ -z "$errors" ] || fail "$chunk does not decrypt with the key of its key id: $errors"
+    n=${n%%[!0-9]*}
+    frames=$((frames + ${n:-0}))
+  done
+  echo "run_playback_test: the video chunks' key ids:$kids; $frames frames decrypted"
+  [[ "$kids" =~ ^(\ 1)+(\ 6)+$ ]] || fail "the keys did not change from the first to the second:$kids"
+  [ "$frames" -eq 250 ] || fail "decrypted, the video has $frames frames, the source 250"
 fi
 
 if [ "$CASE" != seek ]; then
