@@ -1,5 +1,9 @@
 #include "packaging/kms_clients/soap_transport.h"
 
+#include <strings.h>
+
+#include <cstdlib>
+
 #include <mutex>
 
 #include "packaging/kms_clients/secret_masking.h"
@@ -89,12 +93,37 @@ int createTraffic(struct soap* context, struct soap_plugin* plugin, void*) {
 
 }  // namespace
 
+namespace {
+constexpr ULONG64 kSoapMaxAnswerBytes = 4 * 1024 * 1024;
+
+// gSOAP's own header parser, which every context starts with.
+int (*g_parseHttpHeader)(struct soap*, const char*, const char*) = nullptr;
+
+// The answer's HTTP header as gSOAP reads it, except a Content-Length above the largest answer taken: gSOAP would
+// allocate that much to read the body of an HTTP error.
+int parseHttpHeaderWithinLimits(struct soap* context, const char* key, const char* value) {
+    if (key != nullptr && value != nullptr && strcasecmp(key, "Content-Length") == 0 &&
+        std::strtoull(value, nullptr, 10) > kSoapMaxAnswerBytes)
+        return SOAP_LENGTH;
+    return g_parseHttpHeader(context, key, value);
+}
+}  // namespace
+
 void initSoapContext(struct soap* context, const encryption::TransportSecurity& transportSecurity) {
     if (context == nullptr) throw KmsException("soap initialisation failed(empty service)");
     context->connect_timeout = kSoapTimeoutSeconds;
     context->send_timeout = kSoapTimeoutSeconds;
     context->recv_timeout = kSoapTimeoutSeconds;
     context->accept_timeout = kSoapTimeoutSeconds;
+    // A key server's answer is a few kilobytes: a larger one (or a Content-Length that claims one) is refused
+    // before anything is allocated for it.
+    context->recv_maxlength = kSoapMaxAnswerBytes;
+    static const bool headerParserKept = [context] {
+        g_parseHttpHeader = context->fparsehdr;
+        return true;
+    }();
+    (void)headerParserKept;
+    if (context->fparsehdr == g_parseHttpHeader) context->fparsehdr = parseHttpHeaderWithinLimits;
 
     initialiseSslOnce();
     unsigned short flags = SOAP_SSL_REQUIRE_SERVER_AUTHENTICATION | SOAP_TLSv1_2 | SOAP_TLSv1_3;
