@@ -33,8 +33,8 @@ std::size_t receiveAnswer(struct soap* soap, char* buffer, std::size_t length) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Answer answer{data, size};
     hk::KeyProvisioningProxy proxy;
-    // As every client sets a context up (time-outs, the largest answer taken), then reading from the bytes.
-    tvrn::encoding::packaging::kms_clients::initSoapContext(proxy.soap, {});
+    // The largest answer every client takes, then reading from the bytes (no TLS set-up: nothing is connected).
+    tvrn::encoding::packaging::kms_clients::limitSoapAnswers(proxy.soap);
     proxy.soap->user = &answer;
     proxy.soap->fopen = openNowhere;
     proxy.soap->fsend = sendNowhere;

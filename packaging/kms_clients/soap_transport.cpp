@@ -109,6 +109,16 @@ int parseHttpHeaderWithinLimits(struct soap* context, const char* key, const cha
 }
 }  // namespace
 
+void limitSoapAnswers(struct soap* context) {
+    context->recv_maxlength = kSoapMaxAnswerBytes;
+    static const bool headerParserKept = [context] {
+        g_parseHttpHeader = context->fparsehdr;
+        return true;
+    }();
+    (void)headerParserKept;
+    if (context->fparsehdr == g_parseHttpHeader) context->fparsehdr = parseHttpHeaderWithinLimits;
+}
+
 void initSoapContext(struct soap* context, const encryption::TransportSecurity& transportSecurity) {
     if (context == nullptr) throw KmsException("soap initialisation failed(empty service)");
     context->connect_timeout = kSoapTimeoutSeconds;
@@ -117,13 +127,7 @@ void initSoapContext(struct soap* context, const encryption::TransportSecurity& 
     context->accept_timeout = kSoapTimeoutSeconds;
     // A key server's answer is a few kilobytes: a larger one (or a Content-Length that claims one) is refused
     // before anything is allocated for it.
-    context->recv_maxlength = kSoapMaxAnswerBytes;
-    static const bool headerParserKept = [context] {
-        g_parseHttpHeader = context->fparsehdr;
-        return true;
-    }();
-    (void)headerParserKept;
-    if (context->fparsehdr == g_parseHttpHeader) context->fparsehdr = parseHttpHeaderWithinLimits;
+    limitSoapAnswers(context);
 
     initialiseSslOnce();
     unsigned short flags = SOAP_SSL_REQUIRE_SERVER_AUTHENTICATION | SOAP_TLSv1_2 | SOAP_TLSv1_3;

@@ -26,6 +26,9 @@ inline constexpr int kSoapTimeoutSeconds = 5;
 
 // Sets a context's time-outs and TLS settings. KmsConnectionException "soap_ssl_client_context: <text>" when
 // gSOAP refuses the TLS settings (a missing CA file, a key file that does not open with its password).
+// Answers of at most 4 MiB: a larger one, or a Content-Length that claims one, is refused before anything is
+// allocated for it. initSoapContext does it for every client.
+void limitSoapAnswers(struct soap* context);
 void initSoapContext(struct soap* context, const encryption::TransportSecurity& transportSecurity);
 
 // Nothing for SOAP_OK; otherwise KmsConnectionException "<operationName> error; <fault string>" (the fault
