@@ -29,17 +29,56 @@ std::unique_ptr<HarmonicEncryptionProvider> buildHarmonicProvider(const encrypti
     return std::make_unique<HarmonicEncryptionProvider>(record, transportSecurity, logger, options);
 }
 
+std::unique_ptr<IrdetoEncryptionProvider> buildIrdetoProvider(const encryption::IrdetoConfiguration& record,
+                                                              const encryption::TransportSecurity& transportSecurity,
+                                                              tvrn::log::ILogger& logger, IrdetoOptions options) {
+    const auto* keys = std::get_if<encryption::IrdetoGenerateKeysSettings>(&record.variant);
+    if (keys == nullptr) return nullptr;
+    logger.WriteMsg(tvrn::log::LOG_INFO,
+                    "Irdeto encryption parameters: Content Id = '%s' : Server Url = '%s' : Key Change period = %d sec.",
+                    record.contentId.c_str(), record.serverUrl.c_str(), keys->keyChangePeriod);
+    return std::make_unique<IrdetoEncryptionProvider>(record, transportSecurity, logger, std::move(options));
+}
+
+std::unique_ptr<VerimatrixEncryptionProvider> buildVerimatrixProvider(
+    const encryption::VerimatrixConfiguration& record, const encryption::TransportSecurity& transportSecurity,
+    tvrn::log::ILogger& logger, VerimatrixOptions options) {
+    logger.WriteMsg(tvrn::log::LOG_INFO, "Verimatrix encryption parameters: Ressource Id = '%s' : Key Change period = %d sec.",
+                    record.resourceId.c_str(), record.keyPeriod);
+    options.mode = 1;
+    options.channel = 1;
+    return std::make_unique<VerimatrixEncryptionProvider>(record, transportSecurity, logger, options);
+}
+
 void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& manager,
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
                             encryption::IEncryptionListener* listener) {
-    if (configuration.mode() != encryption::EncryptionMode::HarmonicKms) {
+    std::unique_ptr<encryption::IEncryptionProvider> provider;
+    switch (configuration.mode()) {
+    case encryption::EncryptionMode::HarmonicKms:
+        manager.reset();
+        provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(), transportSecurity,
+                                         logger);
+        break;
+    case encryption::EncryptionMode::Irdeto: {
+        const auto& record = configuration.record<encryption::IrdetoConfiguration>();
+        if (!std::holds_alternative<encryption::IrdetoGenerateKeysSettings>(record.variant)) break;
+        manager.reset();
+        provider = buildIrdetoProvider(record, transportSecurity, logger);
+        break;
+    }
+    case encryption::EncryptionMode::Verimatrix:
+        manager.reset();
+        provider = buildVerimatrixProvider(configuration.record<encryption::VerimatrixConfiguration>(),
+                                           transportSecurity, logger);
+        break;
+    default: break;
+    }
+    if (!provider) {
         encryption::buildEncryptionManager(manager, configuration, transportSecurity, logger, listener);
         return;
     }
-    manager.reset();
-    auto provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(),
-                                          transportSecurity, logger);
     manager = std::make_unique<encryption::EncryptionManager>(std::move(provider), listener);
 }
 
