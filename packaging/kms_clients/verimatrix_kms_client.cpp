@@ -199,7 +199,7 @@ VerimatrixKmsClient::VerimatrixKmsClient(std::string serverUrl, std::string vers
                                          encryption::TransportSecurity security, tvrn::log::ILogger& logger,
                                          HttpTimeouts timeouts)
     : m_serverUrl(std::move(serverUrl)), m_version(std::move(version)), m_logger(logger),
-      m_http(std::move(security), timeouts) {}
+      m_http(std::move(security), timeouts, true) {}
 
 std::string VerimatrixKmsClient::query(const std::optional<std::int32_t>& siteId) const {
     return siteId ? "?siteId=" + std::to_string(*siteId) : std::string();

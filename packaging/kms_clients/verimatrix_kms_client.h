@@ -17,25 +17,25 @@ inline namespace v0 {
 enum class VerimatrixEncryptionAlgorithm { AesCtr, AesCbc, Unknown };
 
 struct VerimatrixContentRequest {
-    std::string contentId;
-    std::optional<std::int32_t> siteId;
-    std::string contentType;
-    std::string streamingProtocol;
+    std::string contentId{};
+    std::optional<std::int32_t> siteId{};
+    std::string contentType{};
+    std::string streamingProtocol{};
     VerimatrixEncryptionAlgorithm encryptionAlgorithm = VerimatrixEncryptionAlgorithm::AesCtr;
     bool chainedLicense = false;
     std::int32_t cryptoPeriod = 0;
 };
 
 struct VerimatrixStatus {
-    std::string statusCode;
-    std::string statusMessage;
+    std::string statusCode{};
+    std::string statusMessage{};
 };
 
 struct VerimatrixKeyRequest {
-    std::string contentId;
-    std::optional<std::int32_t> siteId;
+    std::string contentId{};
+    std::optional<std::int32_t> siteId{};
     std::int32_t keyCount = 1;
-    std::vector<std::string> contentKeyList;  // key ids asked for, if any
+    std::vector<std::string> contentKeyList{};  // key ids asked for, if any
     std::uint64_t position = 0;
 };
 
@@ -48,18 +48,21 @@ struct VerimatrixDrm {
 };
 
 struct VerimatrixKeyData {
-    std::string keyId;
-    std::vector<std::uint8_t> key;
-    std::vector<std::uint8_t> iv;  // empty when not given
-    std::string position;
-    std::string drmSystemId, manifestHeader, licenseServerUrl, keyUri;
-    std::vector<std::uint8_t> psshData;
+    std::string keyId{};
+    std::vector<std::uint8_t> key{};
+    std::vector<std::uint8_t> iv{};  // empty when not given
+    std::string position{};
+    std::string drmSystemId{};
+    std::string manifestHeader{};
+    std::string licenseServerUrl{};
+    std::string keyUri{};
+    std::vector<std::uint8_t> psshData{};
 };
 
 struct VerimatrixKeyResponse {
-    VerimatrixStatus status;
-    std::vector<VerimatrixDrm> drmList;
-    std::vector<VerimatrixKeyData> keyData;
+    VerimatrixStatus status{};
+    std::vector<VerimatrixDrm> drmList{};
+    std::vector<VerimatrixKeyData> keyData{};
 };
 
 // The request bodies.
@@ -79,7 +82,7 @@ public:
     // True when the content exists now ("OPERATION_SUCCESS" or "DUPLICATE_CONTENT"). Failures of the request
     // raise KmsException "PUT <path> failed: <text>", an empty answer "PUT <path> response is empty".
     bool createContent(const VerimatrixContentRequest& request, VerimatrixStatus& response);
-    // True when the server answers "OPERATION_SUCCESS"; the same failures.
+    // True when the server answers "OPERATION_SUCCESS"; the same failures (an HTTP status of 400 or more is one).
     bool getKey(std::uint64_t position, const VerimatrixKeyRequest& request, VerimatrixKeyResponse& response);
     // True when the server answers "OPERATION_SUCCESS"; "Get <path> response is empty" for an empty answer.
     bool heartbeat();
