@@ -347,6 +347,13 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("--kms-resource-id r --kms-key-url ftp://x " + source + to), 2, "--kms-key-url: 'ftp://x' is not an http:// or https:// address"},
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key-period 4000 " + source + to), 2, "--key-period: '4000' is not a number of seconds"},
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key " + kKey + " " + source + to), 2, "--key-id, --key and --key-seed do not go with it"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --vmx-url http://127.0.0.1:9/v " + source + to), 2, "the keys come from one key server"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --irdeto-account-id a " + source + to), 2, "--irdeto-account-id and --irdeto-content-id"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --irdeto-account-id a --irdeto-content-id c " + source + to), 2, "--drm playready and/or --drm widevine"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --irdeto-account-id a --irdeto-content-id c --drm clearkey " + source + to), 2, "--drm clearkey: Irdeto's ClearKey is not available"},
+        {mux("--irdeto-url x --irdeto-account-id a --irdeto-content-id c --drm widevine " + source + to), 2, "--irdeto-url: 'x' is not an http:// or https:// address"},
+        {mux("--vmx-url http://127.0.0.1:9/v " + source + to), 2, "a Verimatrix key server needs --vmx-url and --vmx-resource-id"},
+        {mux("--vmx-url http://127.0.0.1:9/v --vmx-resource-id r --drm widevine " + source + to), 2, "--drm does not go with Verimatrix"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);
