@@ -135,6 +135,8 @@ bool VerimatrixEncryptionProvider::connect() {
     const auto now = static_cast<std::uint64_t>(std::max<std::int64_t>(seconds, 0));
     m_client = std::make_unique<KeyFileClient>(m_configuration.serverUrl, m_transportSecurity, m_options.timeouts);
     KeyFileResponse response;
+    m_logger.WriteMsg(tvrn::log::LOG_DEBUG, "Verimatrix: key file request at connection (position = %llu)",
+                      static_cast<unsigned long long>(now));
     m_client->request(response, m_configuration.resourceId, m_options.channel, now, m_options.mode,
                       KeyFilePurpose::Connect);
     if (response.key.size() != kKeySize) return false;
@@ -170,6 +172,8 @@ KeyUpdateResult VerimatrixEncryptionProvider::updateKey(std::uint64_t time) {
         return KeyUpdateResult::Unchanged;
     if (period == 0 && haveKey) return KeyUpdateResult::Unchanged;
     KeyFileResponse response;
+    m_logger.WriteMsg(tvrn::log::LOG_DEBUG, "Verimatrix: key file request (position = %llu)",
+                      static_cast<unsigned long long>(time));
     try {
         if (!m_client) m_client = std::make_unique<KeyFileClient>(m_configuration.serverUrl, m_transportSecurity,
                                                                   m_options.timeouts);

@@ -63,34 +63,23 @@ for system in $SYSTEMS; do
   grep -q "urn:uuid:$system" "$manifest" || fail "the MPD does not signal the system $system the server named"
 done
 
-# The key of a key id, by the servers' rules: Irdeto's a1a1a1a1-b2b2-c3c3-d4d4-<crypto period P> has 16 bytes of
-# P % 256; Verimatrix's <12 zero bytes><position p> has 00..0f for the connection (p, Unix seconds, above 10^9),
-# and otherwise 16 bytes of 0x40 + (p // 10^7) % 64.
-key_of() {
-  python3 - "$1" "$SERVER" <<'PY'
-import sys
-kid, server = sys.argv[1], sys.argv[2]
-if server == "irdeto" and kid.startswith("a1a1a1a1b2b2c3c3d4d4"):
-    print(("%02x" % (int(kid[20:], 16) % 256)) * 16)
-elif server == "verimatrix" and kid.startswith("0" * 24):
-    p = int(kid[24:], 16)
-    print("000102030405060708090a0b0c0d0e0f" if p > 10**9 else ("%02x" % (0x40 + (p // 10**7) % 64)) * 16)
-else:
-    print("unknown")
-PY
-}
-# The key id a chunk names (its seig group), or its init segment's default (tenc).
-kid_of() {
-  python3 - "$1" "$2" <<'PY'
+# The key id a chunk names (its seig group, or its init segment's tenc) and its key, by the servers' rules:
+# Irdeto's a1a1a1a1-b2b2-c3c3-d4d4-<crypto period P> has 16 bytes of P % 256; Verimatrix's <12 zero bytes><p> has
+# 00..0f for the connection (p, Unix seconds, above 10^9), otherwise 16 bytes of 0x40 + (p // 10^7) % 64.
+kid_and_key() {
+  python3 - "$1" "$2" "$SERVER" <<'PY'
 import sys
 chunk, init = open(sys.argv[1], "rb").read(), open(sys.argv[2], "rb").read()
 i = chunk.find(b"sgpd")
-if i > 0:
-    n = int.from_bytes(chunk[i - 4:i], "big")
-    print(chunk[i - 4 + n - 16:i - 4 + n].hex())
-else:
-    i = init.find(b"tenc")
-    print(init[i + 12:i + 28].hex() if i > 0 else "clear")
+kid = chunk[i - 4 + int.from_bytes(chunk[i - 4:i], "big") - 16:][:16].hex() if i > 0 else \
+    init[init.find(b"tenc") + 12:][:16].hex()
+key = "unknown"
+if sys.argv[3] == "irdeto" and kid.startswith("a1a1a1a1b2b2c3c3d4d4"):
+    key = ("%02x" % (int(kid[20:], 16) % 256)) * 16
+elif sys.argv[3] == "verimatrix" and kid.startswith("0" * 24):
+    p = int(kid[24:], 16)
+    key = "000102030405060708090a0b0c0d0e0f" if p > 10**9 else ("%02x" % (0x40 + (p // 10**7) % 64)) * 16
+print(kid, key)
 PY
 }
 
@@ -100,8 +89,7 @@ for kind in video audio; do
   [ -n "$init" ] || fail "no $kind init segment"
   kids="" frames=0
   for chunk in $(find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n); do
-    kid=$(kid_of "$chunk" "$init")
-    key=$(key_of "$kid")
+    read -r kid key < <(kid_and_key "$chunk" "$init")
     [ "$key" != unknown ] || fail "$chunk names key id $kid, which the server did not hand out"
     keys_used="$keys_used $key"
     [ "${kids##* }" = "$kid" ] || kids="$kids $kid"
