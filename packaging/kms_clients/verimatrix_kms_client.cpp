@@ -19,13 +19,19 @@ namespace {
 
 constexpr const char* kSuccess = "OPERATION_SUCCESS";
 
-// Parses `text` as one JSON value, nested at most 64 deep; false with jsoncpp's reasons in `errors`.
+// Parses `text` as one JSON value, nested at most 64 deep; false with jsoncpp's reasons in `errors`. (jsoncpp
+// throws, rather than answers false, for a value nested deeper.)
 bool parseJson(const std::string& text, Json::Value& root, std::string& errors) {
     Json::CharReaderBuilder builder;
     builder["stackLimit"] = 64;
     builder["failIfExtra"] = true;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    } catch (const Json::Exception& e) {
+        errors = e.what();
+        return false;
+    }
 }
 
 std::string writeJson(const Json::Value& value) {

@@ -205,6 +205,9 @@ TEST(VerimatrixKmsClient, RequestsAndAnswersOfTheRestInterface) {
     EXPECT_EQ(testkit::failureOf<KmsException>([] { parseHeartbeatResponse("{\"statusCode\":\"X\"}"); }),
               "Failed to parse Heartbeat response : missing statusMessage element");
     EXPECT_EQ(testkit::failureOf<KmsException>([] { parseHeartbeatResponse(""); }), "empty buffer");
+    // Nested deeper than the reader goes (found by fuzz_verimatrix_response: jsoncpp throws its own exception).
+    EXPECT_EQ(testkit::failureOf<KmsException>([] { parseKeyResponse(std::string(100, '[')); }),
+              "Failed to parse KeyResponse: parsing exception(Exceeded stackLimit in readValue().)");
 }
 
 }  // namespace
