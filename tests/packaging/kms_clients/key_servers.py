@@ -37,7 +37,7 @@ def soap12(body, status=200):
                     '</env:Body></env:Envelope>\n' % (SOAP12, IRDETO_NS, body))
 
 
-def soap12_fault(text):
+def soap12_fault(text):  # SOAP 1.2: the text is the Reason's
     return soap12('<env:Fault><env:Code><env:Value>env:Sender</env:Value></env:Code><env:Reason>'
                   '<env:Text xml:lang="en">%s</env:Text></env:Reason></env:Fault>' % text, 500)
 

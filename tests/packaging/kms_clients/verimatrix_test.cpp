@@ -30,15 +30,10 @@ struct Vmx {
     std::string url(const std::string& path) const { return server.url("http", path); }
     Provider make(const std::string& address, std::int32_t keyPeriod = 4) {
         enc::VerimatrixConfiguration record{keyPeriod, "res one", address.rfind("http", 0) == 0 ? address : url(address)};
-        return buildVerimatrixProvider(record, {}, logger, {.timeouts = kShort, .unixSeconds = [] {
-                                                               return std::int64_t{1700000000};
-                                                           }});
+        const auto clock = [] { return std::int64_t{1700000000}; };
+        return buildVerimatrixProvider(record, {}, logger, {.timeouts = kShort, .unixSeconds = clock});
     }
-    std::string calls() {
-        std::string t;
-        HttpClient().get(url("/calls-of/vmx"), &t);
-        return t;
-    }
+    std::string calls() { std::string t; HttpClient().get(url("/calls-of/vmx"), &t); return t; }
 };
 
 testkit::Bytes keyOf(VerimatrixEncryptionProvider& p) {
