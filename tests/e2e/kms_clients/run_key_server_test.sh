@@ -6,14 +6,15 @@
 # (worked out here from the key id, by the servers' rules), without an error. No secret reaches the log, which is
 # read at debug level (with the dumps of the SOAP traffic).
 #
-#   bash tests/e2e/kms_clients/run_key_server_test.sh BUILD_DIR irdeto|verimatrix [rotation|server-dies]
+#   bash tests/e2e/kms_clients/run_key_server_test.sh BUILD_DIR irdeto|verimatrix [rotation|server-dies|server-down]
 #
 #   rotation     the key changes every 4 s: the chunks name at least two key ids, in runs
 #   server-dies  the server answers the first request only: fmp4mux goes on with the first key to the end
+#   server-down  nothing listens at the address: fmp4mux gives up with the client's reason, and writes no manifest
 set -euo pipefail
 
 fail() { echo "run_key_server_test: FAIL: $*" >&2; exit 1; }
-[ $# -ge 2 ] && [ $# -le 3 ] || { echo "usage: $0 BUILD_DIR irdeto|verimatrix [rotation|server-dies]" >&2; exit 2; }
+[ $# -ge 2 ] && [ $# -le 3 ] || { echo "usage: $0 BUILD_DIR irdeto|verimatrix [rotation|server-dies|server-down]" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 SERVER=$2
 CASE=${3:-rotation}
@@ -52,9 +53,21 @@ case "$SERVER" in
 esac
 args+=(-q -vv --key-period 4)
 
+if [ "$CASE" = server-down ]; then  # the same addresses on a port that was free a moment ago
+  closed=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  args=("${args[@]/127.0.0.1:$port/127.0.0.1:$closed}")
+fi
 echo "run_key_server_test: $FMP4MUX ${args[*]} $SAMPLE $OUT/out"
 rc=0
 timeout 120 "$FMP4MUX" "${args[@]}" "$SAMPLE" "$OUT/out" 2>"$OUT/stderr" || rc=$?
+if [ "$CASE" = server-down ]; then
+  reason="Irdeto Create Live Event Failed: 'Connection refused'"  # the live event comes first
+  [ "$SERVER" = verimatrix ] && reason="Could not retrieve key from key server: HTTP GET to http://127.0.0.1:$closed"
+  [ "$rc" -eq 1 ] && grep -qF "$reason" "$OUT/stderr" && [ ! -e "$OUT/out/manifest.mpd" ] ||
+    { cat "$OUT/stderr" >&2; fail "fmp4mux did not give up with the client's reason (exit code $rc)"; }
+  echo "run_key_server_test: PASS ($SERVER, $CASE)"
+  exit 0
+fi
 [ "$rc" -eq 0 ] || { cat "$OUT/stderr" >&2; fail "fmp4mux exited with $rc"; }
 manifest=$OUT/out/manifest.mpd
 [ -s "$manifest" ] || fail "fmp4mux wrote no manifest.mpd"
