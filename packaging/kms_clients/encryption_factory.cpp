@@ -1,5 +1,6 @@
 #include "packaging/kms_clients/encryption_factory.h"
 
+#include <chrono>
 #include <utility>
 
 namespace tvrn::encoding::packaging::kms_clients {
@@ -29,19 +30,63 @@ std::unique_ptr<HarmonicEncryptionProvider> buildHarmonicProvider(const encrypti
     return std::make_unique<HarmonicEncryptionProvider>(record, transportSecurity, logger, options);
 }
 
+std::unique_ptr<IrdetoEncryptionProvider> buildIrdetoProvider(const encryption::IrdetoConfiguration& record,
+                                                              const encryption::TransportSecurity& transportSecurity,
+                                                              tvrn::log::ILogger& logger, IrdetoOptions options) {
+    const auto* keys = std::get_if<encryption::IrdetoGenerateKeysSettings>(&record.variant);
+    if (keys == nullptr) return nullptr;
+    logger.WriteMsg(tvrn::log::LOG_INFO,
+                    "Irdeto encryption parameters: Content Id = '%s' : Server Url = '%s' : Key Change period = %d sec.",
+                    record.contentId.c_str(), record.serverUrl.c_str(), keys->keyChangePeriod);
+    return std::make_unique<IrdetoEncryptionProvider>(record, transportSecurity, logger, std::move(options));
+}
+
+std::unique_ptr<VerimatrixEncryptionProvider> buildVerimatrixProvider(
+    const encryption::VerimatrixConfiguration& record, const encryption::TransportSecurity& transportSecurity,
+    tvrn::log::ILogger& logger, VerimatrixOptions options) {
+    logger.WriteMsg(tvrn::log::LOG_INFO, "Verimatrix encryption parameters: Ressource Id = '%s' : Key Change period = %d sec.",
+                    record.resourceId.c_str(), record.keyPeriod);
+    options.mode = 1;
+    return std::make_unique<VerimatrixEncryptionProvider>(record, transportSecurity, logger, options);
+}
+
 void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& manager,
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
                             encryption::IEncryptionListener* listener, const KeyClientOptions& options) {
-    if (configuration.mode() != encryption::EncryptionMode::HarmonicKms) {
+    // gSOAP counts whole seconds when positive, microseconds when negative.
+    const int soapTimeout = -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count());
+    std::unique_ptr<encryption::IEncryptionProvider> provider;
+    switch (configuration.mode()) {
+    case encryption::EncryptionMode::HarmonicKms:
+        manager.reset();
+        provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(), transportSecurity,
+                                         logger, HarmonicOptions{options.vod, soapTimeout});
+        break;
+    case encryption::EncryptionMode::Irdeto: {
+        const auto& record = configuration.record<encryption::IrdetoConfiguration>();
+        if (!std::holds_alternative<encryption::IrdetoGenerateKeysSettings>(record.variant)) break;
+        manager.reset();
+        IrdetoOptions irdeto;
+        irdeto.soapTimeout = soapTimeout;
+        provider = buildIrdetoProvider(record, transportSecurity, logger, irdeto);
+        break;
+    }
+    case encryption::EncryptionMode::Verimatrix: {
+        manager.reset();
+        VerimatrixOptions verimatrix;
+        verimatrix.channel = options.vod ? 0 : 1;
+        verimatrix.timeouts = HttpTimeouts{options.timeout, options.timeout};
+        provider = buildVerimatrixProvider(configuration.record<encryption::VerimatrixConfiguration>(),
+                                           transportSecurity, logger, verimatrix);
+        break;
+    }
+    default: break;
+    }
+    if (!provider) {
         encryption::buildEncryptionManager(manager, configuration, transportSecurity, logger, listener);
         return;
     }
-    manager.reset();
-    // gSOAP counts whole seconds when positive, microseconds when negative.
-    HarmonicOptions harmonic{options.vod, -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count())};
-    auto provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(),
-                                          transportSecurity, logger, harmonic);
     manager = std::make_unique<encryption::EncryptionManager>(std::move(provider), listener);
 }
 

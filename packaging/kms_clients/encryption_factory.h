@@ -1,7 +1,8 @@
 #pragma once
 // The factory of encryption managers for every mode, key-server clients included. The encryption library's own
 // factory (encryption::buildEncryptionManager) cannot reach the clients, which depend on it; this one builds the
-// providers of the key servers that this library has (Harmonic KMS) and hands every other mode to it.
+// providers of the key servers that this library has (Harmonic KMS, Irdeto's key generation, Verimatrix) and hands
+// every other mode to it (the Irdeto PlayReady Scalable License included, which has no provider).
 #include <chrono>
 #include <memory>
 
@@ -9,6 +10,8 @@
 #include "packaging/encryption/encryption_manager.h"
 #include "packaging/encryption/i_encryption_provider.h"
 #include "packaging/kms_clients/harmonic_provider.h"
+#include "packaging/kms_clients/irdeto_provider.h"
+#include "packaging/kms_clients/verimatrix_provider.h"
 #include "support/log/i_logger.h"
 
 namespace tvrn::encoding::packaging::kms_clients {
@@ -30,7 +33,20 @@ struct KeyClientOptions {
     std::chrono::milliseconds timeout{std::chrono::seconds(kSoapTimeoutSeconds)};
 };
 
-// encryption::buildEncryptionManager's contract, with the Harmonic KMS mode given its provider.
+// Irdeto's key generation: "Irdeto encryption parameters: Content Id = '...' : Server Url = '...' : Key Change
+// period = N sec." at info level, then the provider. Null for the PlayReady Scalable License variant.
+std::unique_ptr<IrdetoEncryptionProvider> buildIrdetoProvider(const encryption::IrdetoConfiguration& record,
+                                                              const encryption::TransportSecurity& transportSecurity,
+                                                              tvrn::log::ILogger& logger, IrdetoOptions options = {});
+
+// Verimatrix: "Verimatrix encryption parameters: Ressource Id = '...' : Key Change period = N sec." at info level,
+// then the provider, signalling Verimatrix (a live channel unless the options say on-demand).
+std::unique_ptr<VerimatrixEncryptionProvider> buildVerimatrixProvider(
+    const encryption::VerimatrixConfiguration& record, const encryption::TransportSecurity& transportSecurity,
+    tvrn::log::ILogger& logger, VerimatrixOptions options = {});
+
+// encryption::buildEncryptionManager's contract, with the Harmonic KMS, Irdeto (key generation) and Verimatrix
+// modes given their providers.
 void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& manager,
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,

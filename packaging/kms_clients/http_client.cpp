@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <type_traits>
 
 #include "packaging/kms_clients/kms_exception.h"
@@ -23,16 +24,28 @@ CURL* newHandle() {
     return handle;
 }
 
+// Answers of at most 4 MiB, as for SOAP: a longer one ends the transfer with a write error.
+constexpr std::size_t kMaxAnswerBytes = 4u << 20;
+
 std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
+    auto& body = *static_cast<std::string*>(user);
+    if (size * count > kMaxAnswerBytes - body.size()) return 0;
+    body.append(data, size * count);
     return size * count;
 }
 
-// Keeps the reason phrase of the last status line ("HTTP/1.1 404 Not Found").
+struct HeaderSink {
+    std::string reason;
+    std::vector<std::string>* lines = nullptr;
+};
+
+// Keeps the reason phrase of the last status line ("HTTP/1.1 404 Not Found"), and every line when asked to.
 std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* user) {
     const std::string line(data, size * count);
+    auto& sink = *static_cast<HeaderSink*>(user);
+    if (sink.lines != nullptr) sink.lines->push_back(line);
     if (line.rfind("HTTP/", 0) == 0) {
-        auto& reason = *static_cast<std::string*>(user);
+        auto& reason = sink.reason;
         reason.clear();
         const std::size_t codeAt = line.find(' ');
         const std::size_t reasonAt = codeAt == std::string::npos ? codeAt : line.find(' ', codeAt + 1);
@@ -96,13 +109,27 @@ long HttpClient::get(const std::string& url, std::string* response) {
     return perform("GET", url, {}, nullptr, *response);
 }
 
+long HttpClient::get(const std::string& url, std::string* response, std::vector<std::string>& responseHeaders) {
+    if (response == nullptr) throw KmsException("Destination buffer should be given when sending a GET request");
+    responseHeaders.clear();
+    return perform("GET", url, {}, nullptr, *response, &responseHeaders);
+}
+
+long HttpClient::put(const std::string& url, const HttpHeaders& headers, const std::string& body,
+                     std::string* response) {
+    if (response == nullptr)
+        throw KmsException("Destination buffer should not be NULL when sending a HTTP PUT request.");
+    return perform("PUT", url, headers, &body, *response);
+}
+
 long HttpClient::perform(const char* method, const std::string& url, const HttpHeaders& headers,
-                         const std::string* body, std::string& response) {
+                         const std::string* body, std::string& response, std::vector<std::string>* responseHeaders) {
     CURL* handle = m_handle.get();
     // Every request starts from libcurl's defaults; the handle keeps its open connections across a reset.
     curl_easy_reset(handle);
     response.clear();
-    std::string reason;
+    HeaderSink sink{{}, responseHeaders};
+    const std::string& reason = sink.reason;
     char errorText[CURL_ERROR_SIZE] = {};
 
     setOption(handle, CURLOPT_URL, url.c_str());
@@ -112,7 +139,7 @@ long HttpClient::perform(const char* method, const std::string& url, const HttpH
     setOption(handle, CURLOPT_WRITEFUNCTION, &appendBody);
     setOption(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
     setOption(handle, CURLOPT_HEADERFUNCTION, &readHeader);
-    setOption(handle, CURLOPT_HEADERDATA, static_cast<void*>(&reason));
+    setOption(handle, CURLOPT_HEADERDATA, static_cast<void*>(&sink));
     // CURLOPT_TIMEOUT and CURLOPT_CONNECTTIMEOUT, in milliseconds.
     setOption(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(m_timeouts.total.count()));
     setOption(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(m_timeouts.connect.count()));
@@ -131,6 +158,7 @@ long HttpClient::perform(const char* method, const std::string& url, const HttpH
         setOption(handle, CURLOPT_POST, 1L);
         setOption(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
         setOption(handle, CURLOPT_POSTFIELDS, body->data());
+        if (std::string_view(method) != "POST") setOption(handle, CURLOPT_CUSTOMREQUEST, method);
     } else {
         setOption(handle, CURLOPT_HTTPGET, 1L);
     }

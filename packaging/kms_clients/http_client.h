@@ -54,7 +54,8 @@ public:
     explicit HttpClient(encryption::TransportSecurity security = {}, HttpTimeouts timeouts = {},
                         bool failOnError = false);
 
-    // Both answer the HTTP status and put the body of the answer in `*response` (emptied first).
+    // Both answer the HTTP status and put the body of the answer in `*response` (emptied first); an answer
+    // above 4 MiB is cut off as a failure.
     // A missing `response` raises KmsException "Destination buffer should not be NULL when posting a HTTP
     // request." (POST) or "Destination buffer should be given when sending a GET request" (GET).
     // No answer (unreachable, refused, time-out, TLS failure) raises KmsConnectionException
@@ -62,13 +63,18 @@ public:
     // KmsException "HTTP <METHOD> to <url> failed with error code <status> : <reason phrase>".
     long post(const std::string& url, const HttpHeaders& headers, const std::string& body, std::string* response);
     long get(const std::string& url, std::string* response);
+    // As get, with the answer's header lines as they came (each with its line end), status lines included.
+    long get(const std::string& url, std::string* response, std::vector<std::string>& responseHeaders);
+    // As post, with the method PUT (the same failure texts, "HTTP PUT to ...", and KmsException "Destination
+    // buffer should not be NULL when sending a HTTP PUT request." for a missing `response`).
+    long put(const std::string& url, const HttpHeaders& headers, const std::string& body, std::string* response);
 
     // A new handle for the next request.
     void rebuildHandle() { m_handle.rebuild(); }
 
 private:
     long perform(const char* method, const std::string& url, const HttpHeaders& headers, const std::string* body,
-                 std::string& response);
+                 std::string& response, std::vector<std::string>* responseHeaders = nullptr);
 
     encryption::TransportSecurity m_security;
     HttpTimeouts m_timeouts;

@@ -157,7 +157,7 @@ std::size_t maskHeaderLine(std::string_view text, std::size_t lineStart, const s
 
 const std::vector<std::string>& secretNames() {
     static const std::vector<std::string> names = {
-        "key",       "contentKey", "keyValue", "keySeed", "password",      "passwd",
+        "key",       "contentKey", "keyValue", "keySeed", "PlayReadyKeySeed", "password",      "passwd",
         "userKey",   "serverKey",  "signingKey", "signingIv", "secret",      "token",
         "Authorization", "Proxy-Authorization", "Cookie", "Set-Cookie"};
     return names;

@@ -4,7 +4,8 @@
 // name is compared without its namespace prefix.
 //
 // The default list, `secretNames()`:
-//   key, contentKey, keyValue, keySeed      content keys and the seeds they are derived from
+//   key, contentKey, keyValue, keySeed,     content keys and the seeds they are derived from
+//   PlayReadyKeySeed
 //   password, passwd, userKey, serverKey    the operator's credentials of a service
 //   signingKey, signingIv, secret, token    request signing material and bearer tokens
 //   Authorization, Proxy-Authorization,     HTTP credentials

@@ -18,10 +18,12 @@ public:
 
 // Logs each request and response at debug level through the system's logger (not owned; may be null, then it
 // logs nothing), as "<label> request: <text>" and "<label> response: <text>", or "<label> empty request" and
-// "<label> empty response" for an empty text. Every value `maskSecrets` knows as secret is masked first.
+// "<label> empty response" for an empty text. Every value `maskSecrets` knows as secret is masked first. With
+// `innerXml`, the text's character references (&lt; &gt; &quot; &apos; &amp;) are resolved before masking, so
+// that XML carried as the text of an element (a result document) is masked too, and logged in that form.
 class SoapRequestDumper : public IPluginLogger {
 public:
-    explicit SoapRequestDumper(log::ILogger* logger, std::string label = "SOAP");
+    explicit SoapRequestDumper(log::ILogger* logger, std::string label = "SOAP", bool innerXml = false);
     void onRequest(const std::string& text) override;
     void onResponse(const std::string& text) override;
 
@@ -30,6 +32,7 @@ private:
 
     log::ILogger* m_logger;
     std::string m_label;
+    bool m_innerXml;
 };
 
 }  // namespace v0

@@ -1,8 +1,8 @@
-# kms_generate_soap_stubs(<target> NAME <name> SERVICE <service> HEADER <header>)
+# kms_generate_soap_stubs(<target> NAME <name> SERVICE <service> HEADER <header> [SOAP12])
 #
 # Runs soapcpp2 at build time on a service header written for it and adds the client stubs to <target>:
 # <build>/packaging/kms_clients/generated/<name>/<name>C.cpp (serialisers) and <name><service>Proxy.cpp (the
-# proxy class <name>::<service>Proxy, SOAP 1.1, sharing a struct soap). Each service gets its own C++ namespace
+# proxy class <name>::<service>Proxy, SOAP 1.1, or SOAP 1.2 with SOAP12, sharing a struct soap). Each service gets its own C++ namespace
 # and file prefix (-q, -p), so several services live in one library. The generated code is not ours to fix:
 # it builds without warnings, and its headers are included as system headers.
 find_program(SOAPCPP2_EXECUTABLE soapcpp2 REQUIRED)
@@ -24,7 +24,11 @@ function(kms_generate_soap_env target header)
 endfunction()
 
 function(kms_generate_soap_stubs target)
-  cmake_parse_arguments(S "" "NAME;SERVICE;HEADER" "" ${ARGN})
+  cmake_parse_arguments(S "SOAP12" "NAME;SERVICE;HEADER" "" ${ARGN})
+  set(version -1)
+  if(S_SOAP12)
+    set(version -2)
+  endif()
   if(NOT S_NAME OR NOT S_SERVICE OR NOT S_HEADER)
     message(FATAL_ERROR "kms_generate_soap_stubs: NAME, SERVICE and HEADER are required")
   endif()
@@ -36,7 +40,7 @@ function(kms_generate_soap_stubs target)
     OUTPUT ${sources} ${headers}
     BYPRODUCTS ${out}/${S_SERVICE}.nsmap
     COMMAND ${CMAKE_COMMAND} -E make_directory ${out}
-    COMMAND ${SOAPCPP2_EXECUTABLE} -C -j -1 -x -w -L -q${S_NAME} -p${S_NAME} -d${out} -I${GSOAP_IMPORT_DIR}
+    COMMAND ${SOAPCPP2_EXECUTABLE} -C -j ${version} -x -w -L -q${S_NAME} -p${S_NAME} -d${out} -I${GSOAP_IMPORT_DIR}
             ${S_HEADER}
     DEPENDS ${S_HEADER}
     COMMENT "soapcpp2: client stubs of ${S_NAME}"

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+#include <initializer_list>
 #include <regex>
 
 #include "apps/fmp4mux/exit_error.h"
@@ -87,13 +88,21 @@ void readKeyFile(EncryptionOptions& o) {
             {"kms_backup_session_url", &o.kmsBackupSessionUrl}, {"kms_resource_id", &o.kmsResourceId},
             {"kms_requestor_id", &o.kmsRequestorId}, {"key_period", &o.keyPeriodText}, {"kms_ca_file", &o.kmsCaFile},
             {"kms_client_key", &o.kmsClientKey}, {"kms_client_key_password", &o.kmsClientKeyPassword},
-            {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText}};
+            {"irdeto_url", &o.irdetoUrl}, {"irdeto_account_id", &o.irdetoAccountId},
+            {"irdeto_content_id", &o.irdetoContentId}, {"irdeto_user", &o.irdetoUser},
+            {"irdeto_password", &o.irdetoPassword}, {"irdeto_event_name", &o.irdetoEventName},
+            {"irdeto_event_description", &o.irdetoEventDescription}, {"irdeto_event_url", &o.irdetoEventUrl},
+            {"irdeto_event_sub_content_type", &o.irdetoEventSubContentType},
+            {"irdeto_event_encryption_type", &o.irdetoEventEncryptionType},
+            {"irdeto_policy_group_id", &o.irdetoPolicyGroupText},
+            {"irdeto_key_request_period", &o.irdetoRequestPeriodText}, {"vmx_url", &o.vmxUrl},
+            {"vmx_resource_id", &o.vmxResourceId}, {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText}};
         std::string* target = nullptr;
         for (const auto& [known, field] : names)
             if (name == known) target = field;
         if (equals == std::string::npos || target == nullptr)
             refuse("--key-file: line " + std::to_string(number) + " of '" + o.keyFile +
-                   "' is not key_id=, key=, key_seed= or a kms_...= setting");
+                   "' is not key_id=, key=, key_seed= or a kms_...=, irdeto_...= or vmx_...= setting");
         if (target->empty()) *target = line.substr(equals + 1);
     }
 }
@@ -119,29 +128,32 @@ void readSystems(EncryptionOptions& o) {
     }
 }
 
-// A key server's settings, checked: the run then takes its keys from the server.
-void finishKeyServer(EncryptionOptions& o) {
-    if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty())
-        refuse("a key server (--kms-...) gives the keys: --key-id, --key and --key-seed do not go with it");
-    if (!o.customSystemId.empty()) refuse("--drm-system-id does not go with a key server, whose answer signals the systems");
-    if (o.kmsResourceId.empty() || o.kmsResourceId.size() > 128)
-        refuse("--kms-resource-id: a key server needs the resource id (at most 128 characters)");
-    if (o.kmsKeyUrl.empty() == o.kmsSessionUrl.empty())
-        refuse("a key server needs either --kms-key-url or --kms-session-url, not both");
-    if (!o.kmsBackupSessionUrl.empty() && o.kmsSessionUrl.empty())
-        refuse("--kms-backup-session-url needs --kms-session-url");
+bool anySet(std::initializer_list<const std::string*> fields) {
+    return std::any_of(fields.begin(), fields.end(), [](const std::string* f) { return !f->empty(); });
+}
+
+void checkAddress(const char* option, const std::string& url) {
     static const std::regex address("https?://[^ ]+");
-    for (const auto& [option, url] : {std::pair<const char*, const std::string*>{"--kms-key-url", &o.kmsKeyUrl},
-                                      {"--kms-session-url", &o.kmsSessionUrl},
-                                      {"--kms-backup-session-url", &o.kmsBackupSessionUrl}})
-        if (!url->empty() && !std::regex_match(*url, address))
-            refuse(std::string(option) + ": '" + *url + "' is not an http:// or https:// address");
-    if (!o.keyPeriodText.empty()) {
-        static const std::regex digits("[0-9]{1,4}");
-        if (!std::regex_match(o.keyPeriodText, digits) || std::stoi(o.keyPeriodText) > 3600)
-            refuse("--key-period: '" + o.keyPeriodText + "' is not a number of seconds from 0 to 3600");
-        o.keyPeriod = std::stoi(o.keyPeriodText);
-    }
+    if (!url.empty() && !std::regex_match(url, address))
+        refuse(std::string(option) + ": '" + url + "' is not an http:// or https:// address");
+}
+
+// A number of seconds from 0 to an hour, or 0 when not given.
+std::int32_t secondsOf(const char* option, const std::string& text) {
+    if (text.empty()) return 0;
+    static const std::regex digits("[0-9]{1,4}");
+    if (!std::regex_match(text, digits) || std::stoi(text) > 3600)
+        refuse(std::string(option) + ": '" + text + "' is not a number of seconds from 0 to 3600");
+    return std::stoi(text);
+}
+
+// What every key server shares: the keys come from it, the key period, the TLS trust and client key.
+void finishAnyKeyServer(EncryptionOptions& o) {
+    if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty())
+        refuse("a key server (--kms-..., --irdeto-... or --vmx-...) gives the keys: --key-id, --key and --key-seed do "
+               "not go with it");
+    if (!o.customSystemId.empty()) refuse("--drm-system-id does not go with a key server, whose answer signals the systems");
+    o.keyPeriod = secondsOf("--key-period", o.keyPeriodText);
     // Seconds with up to three decimals: a request stage from 0.1 s to 60 s; the wait at the start up to a day.
     const auto seconds = [](const std::string& text, const char* option, const char* range, double low, double high) {
         static const std::regex number("[0-9]{1,5}(\\.[0-9]{1,3})?");
@@ -157,17 +169,70 @@ void finishKeyServer(EncryptionOptions& o) {
     if (!o.kmsClientKeyPassword.empty() && o.kmsClientKey.empty())
         refuse("kms_client_key_password in the key file needs a client key (--kms-client-key)");
 }
+
+void finishIrdeto(EncryptionOptions& o) {
+    o.keyServerKind = EncryptionOptions::KeyServer::Irdeto;
+    if (o.irdetoUrl.empty()) refuse("--irdeto-url: Irdeto's service needs its address");
+    checkAddress("--irdeto-url", o.irdetoUrl);
+    checkAddress("--irdeto-event-url", o.irdetoEventUrl);
+    if (o.irdetoAccountId.empty() || o.irdetoContentId.empty())
+        refuse("Irdeto's service needs the account and the content: --irdeto-account-id and --irdeto-content-id");
+    o.irdetoRequestPeriod = secondsOf("--irdeto-key-request-period", o.irdetoRequestPeriodText);
+    if (!o.irdetoPolicyGroupText.empty()) {
+        static const std::regex number("-?[0-9]{1,9}");
+        if (!std::regex_match(o.irdetoPolicyGroupText, number))
+            refuse("irdeto_policy_group_id: '" + o.irdetoPolicyGroupText + "' is not a number");
+        o.irdetoPolicyGroupId = std::stoi(o.irdetoPolicyGroupText);
+    }
+    if (o.clearKey) refuse("--drm clearkey: Irdeto's ClearKey is not available in this output; ask for playready or widevine");
+    if (!o.playReady && !o.widevine) refuse("Irdeto's service needs the systems to ask for: --drm playready and/or --drm widevine");
+}
+
+void finishVerimatrix(EncryptionOptions& o) {
+    o.keyServerKind = EncryptionOptions::KeyServer::Verimatrix;
+    if (o.vmxUrl.empty() || o.vmxResourceId.empty())
+        refuse("a Verimatrix key server needs --vmx-url and --vmx-resource-id");
+    checkAddress("--vmx-url", o.vmxUrl);
+    if (!o.drmSystems.empty()) refuse("--drm does not go with Verimatrix, whose server signals its own system");
+}
+
+// A Harmonic key server's settings, checked: the run then takes its keys from the server.
+void finishKeyServer(EncryptionOptions& o) {
+    o.keyServerKind = EncryptionOptions::KeyServer::Harmonic;
+    if (o.kmsResourceId.empty() || o.kmsResourceId.size() > 128)
+        refuse("--kms-resource-id: a key server needs the resource id (at most 128 characters)");
+    if (o.kmsKeyUrl.empty() == o.kmsSessionUrl.empty())
+        refuse("a key server needs either --kms-key-url or --kms-session-url, not both");
+    if (!o.kmsBackupSessionUrl.empty() && o.kmsSessionUrl.empty())
+        refuse("--kms-backup-session-url needs --kms-session-url");
+    checkAddress("--kms-key-url", o.kmsKeyUrl);
+    checkAddress("--kms-session-url", o.kmsSessionUrl);
+    checkAddress("--kms-backup-session-url", o.kmsBackupSessionUrl);
+}
 }  // namespace
 
 void finishEncryptionOptions(EncryptionOptions& o) {
     if (!o.keyFile.empty()) readKeyFile(o);
-    const bool server = !o.kmsKeyUrl.empty() || !o.kmsSessionUrl.empty() || !o.kmsBackupSessionUrl.empty() ||
-                        !o.kmsResourceId.empty() || !o.kmsRequestorId.empty() || !o.keyPeriodText.empty() ||
-                        !o.kmsCaFile.empty() || !o.kmsClientKey.empty() || !o.kmsClientKeyPassword.empty() ||
-                        !o.kmsTimeoutText.empty() || !o.kmsWaitText.empty();
-    if (server) {
-        finishKeyServer(o);
+    const bool harmonic = anySet({&o.kmsKeyUrl, &o.kmsSessionUrl, &o.kmsBackupSessionUrl, &o.kmsResourceId,
+                                  &o.kmsRequestorId});
+    const bool irdeto = anySet({&o.irdetoUrl, &o.irdetoAccountId, &o.irdetoContentId, &o.irdetoUser,
+                                &o.irdetoPassword, &o.irdetoEventName, &o.irdetoEventDescription, &o.irdetoEventUrl,
+                                &o.irdetoEventSubContentType, &o.irdetoEventEncryptionType, &o.irdetoPolicyGroupText,
+                                &o.irdetoRequestPeriodText});
+    const bool verimatrix = anySet({&o.vmxUrl, &o.vmxResourceId});
+    const bool shared = anySet({&o.keyPeriodText, &o.kmsCaFile, &o.kmsClientKey, &o.kmsClientKeyPassword,
+                                &o.kmsTimeoutText, &o.kmsWaitText});
+    if (static_cast<int>(harmonic) + static_cast<int>(irdeto) + static_cast<int>(verimatrix) > 1)
+        refuse("the keys come from one key server: Harmonic (--kms-...), Irdeto (--irdeto-...) or Verimatrix (--vmx-...)");
+    if (harmonic || irdeto || verimatrix || shared) {
+        finishAnyKeyServer(o);
         readSystems(o);
+        if (irdeto)
+            finishIrdeto(o);
+        else if (verimatrix)
+            finishVerimatrix(o);
+        else
+            finishKeyServer(o);
         return;
     }
     const bool asked = !o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty() || !o.drmSystems.empty() ||

@@ -34,6 +34,25 @@ struct EncryptionOptions {
     std::string kmsClientKeyPassword;  // from the key file only: a secret
     std::string kmsTimeoutText;
     std::string kmsWaitText;
+    // Keys from Irdeto's live DRM service instead: its address, the account, content and user names, the password
+    // (from the key file only: a secret), the live event to create at the start (none without a name), and the
+    // period of repeated requests for the same key (the key period is the one of key changes). The systems asked
+    // for are the --drm ones.
+    std::string irdetoUrl;
+    std::string irdetoAccountId;
+    std::string irdetoContentId;
+    std::string irdetoUser;
+    std::string irdetoPassword;
+    std::string irdetoEventName;
+    std::string irdetoEventDescription;
+    std::string irdetoEventUrl;
+    std::string irdetoEventSubContentType;
+    std::string irdetoEventEncryptionType;
+    std::string irdetoPolicyGroupText;
+    std::string irdetoRequestPeriodText;
+    // Or from a Verimatrix key file server: its address and the resource id; the server signals Verimatrix.
+    std::string vmxUrl;
+    std::string vmxResourceId;
 
     // After finish(): the key id as UUID text (lower case, hyphenated, in the byte order files hold it), the key
     // and the seed in base64 (one of them), and the systems to signal.
@@ -49,14 +68,18 @@ struct EncryptionOptions {
     std::int32_t keyPeriod = 0;  // seconds; 0: one key for the run
     std::chrono::milliseconds kmsTimeout{5000};  // each stage of a key request
     std::chrono::milliseconds kmsWait{0};        // 0: wait for the key server until interrupted
-    bool keyServer() const { return !kmsResourceId.empty(); }
+    enum class KeyServer { None, Harmonic, Irdeto, Verimatrix };
+    KeyServer keyServerKind = KeyServer::None;
+    std::int32_t irdetoRequestPeriod = 0;  // seconds; 0: none
+    std::int32_t irdetoPolicyGroupId = 0;
+    bool keyServer() const { return keyServerKind != KeyServer::None; }
     bool enabled() const { return !keyId.empty() || keyServer(); }
 };
 
 // Reads the key file when there is one, checks every value and fills the normalised fields. Raises ExitError
 // (bad command line) naming the option, never quoting a key or a seed: a key of the wrong length, text that is
 // neither hexadecimal nor base64, a malformed key id or system id, a key file that cannot be read, a system
-// asked for without a key.
+// asked for without a key, settings of two key servers at once.
 void finishEncryptionOptions(EncryptionOptions& options);
 
 // The bytes of hexadecimal text (an even number of digits) or base64 text; empty when it is neither.

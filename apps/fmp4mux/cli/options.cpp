@@ -272,7 +272,8 @@ with nothing to package; 4 output folder not writable.
     app.add_option("--key", e.keyText, "content key: 32 hexadecimal digits or base64")->type_name("KEY");
     app.add_option("--key-seed", e.keySeedText, "PlayReady key seed (base64) to derive the key from the key id")
         ->type_name("SEED");
-    app.add_option("--key-file", e.keyFile, "a file of key_id=, key= and key_seed= lines, in place of the options")
+    app.add_option("--key-file", e.keyFile, "a file of key_id=, key= and key_seed= lines, in place of the options\n"
+                   "(and of kms_...=, irdeto_...= and vmx_...= key server settings, passwords only there)")
         ->type_name("FILE");
     repeatable("--drm", "SYSTEM", "DRM system to signal (repeat it): clearkey, playready, widevine",
                [&e](const std::string& text) { e.drmSystems.push_back(text); });
@@ -299,6 +300,20 @@ with nothing to package; 4 output folder not writable.
         ->type_name("SECONDS");
     app.add_option("--kms-wait", e.kmsWaitText, "give up when the key server has not answered at the start after\n"
                    "this many seconds (default: wait until interrupted)")->type_name("SECONDS");
+    app.add_option("--irdeto-url", e.irdetoUrl, "keys from Irdeto's live DRM service at this address, for the\n"
+                   "--drm systems (playready, widevine); the password as irdeto_password= in --key-file")
+        ->type_name("URL");
+    app.add_option("--irdeto-account-id", e.irdetoAccountId, "the account at Irdeto's service")->type_name("ID");
+    app.add_option("--irdeto-content-id", e.irdetoContentId, "the content at Irdeto's service")->type_name("ID");
+    app.add_option("--irdeto-user", e.irdetoUser, "the user name at Irdeto's service")->type_name("NAME");
+    app.add_option("--irdeto-event", e.irdetoEventName, "create this live event at the start (its description,\n"
+                   "address, types and policy group as irdeto_event_...= in --key-file)")->type_name("NAME");
+    app.add_option("--irdeto-key-request-period", e.irdetoRequestPeriodText,
+                   "seconds between requests for the same key (0: none; --key-period changes the key)")
+        ->type_name("SECONDS");
+    app.add_option("--vmx-url", e.vmxUrl, "keys from a Verimatrix key file server at this address")->type_name("URL");
+    app.add_option("--vmx-resource-id", e.vmxResourceId, "the content's resource id at the Verimatrix server")
+        ->type_name("ID");
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");

@@ -80,9 +80,44 @@ void Packager::configureEncryption(const EncryptionOptions& e) {
         throw ExitError(kExitUsage, "the engine refused the encryption settings");
 }
 
-// Keys from a Harmonic key management server, asked for the systems the operator named; TLS with the operator's
-// trust and client key when given (https is verified against the system's CA store otherwise).
+// Keys from a key server (Harmonic KMS, Irdeto or Verimatrix), asked for the systems the operator named; TLS with
+// the operator's trust and client key when given (https is verified against the system's CA store otherwise).
 void Packager::configureKeyServer(const EncryptionOptions& e) {
+    using Server = EncryptionOptions::KeyServer;
+    if (e.keyServerKind == Server::Irdeto) {
+        flt::IrdetoEncryptionSettings settings{};
+        settings.serverUrl = e.irdetoUrl.c_str();
+        settings.variant = 0;
+        settings.keyRequestPeriod = e.irdetoRequestPeriod;
+        settings.keyChangePeriod = e.keyPeriod;
+        settings.playReady = e.playReady;
+        settings.widevine = e.widevine;
+        settings.accountId = e.irdetoAccountId.c_str();
+        settings.contentId = e.irdetoContentId.c_str();
+        settings.userName = e.irdetoUser.c_str();
+        settings.password = e.irdetoPassword.c_str();
+        settings.eventName = e.irdetoEventName.c_str();
+        settings.description = e.irdetoEventDescription.c_str();
+        settings.url = e.irdetoEventUrl.c_str();
+        settings.subContentType = e.irdetoEventSubContentType.c_str();
+        settings.encryptionType = e.irdetoEventEncryptionType.c_str();
+        settings.policyGroupId = e.irdetoPolicyGroupId;
+        if (m_filter->SetIrdetoEncryption(&settings) != S_OK)
+            throw ExitError(kExitUsage, "the engine refused the Irdeto settings");
+    } else if (e.keyServerKind == Server::Verimatrix) {
+        flt::VerimatrixEncryptionSettings settings{};
+        settings.keyPeriod = e.keyPeriod;
+        settings.resourceId = e.vmxResourceId.c_str();
+        settings.serverUrl = e.vmxUrl.c_str();
+        if (m_filter->SetVerimatrixEncryption(&settings) != S_OK)
+            throw ExitError(kExitUsage, "the engine refused the Verimatrix settings");
+    } else {
+        configureHarmonic(e);
+    }
+    configureKeyServerTls(e);
+}
+
+void Packager::configureHarmonic(const EncryptionOptions& e) {
     std::vector<flt::HarmonicDrmSystemSettings> systems;
     if (e.playReady) systems.push_back({"9a04f079-9840-4286-ab92-e65be0885f95", "PlayReady"});
     if (e.widevine) systems.push_back({"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "Widevine"});
@@ -100,6 +135,9 @@ void Packager::configureKeyServer(const EncryptionOptions& e) {
     settings.drmList = systems.data();
     if (m_filter->SetHarmonicKmsEncryption(&settings) != S_OK)
         throw ExitError(kExitUsage, "the engine refused the key server settings");
+}
+
+void Packager::configureKeyServerTls(const EncryptionOptions& e) {
     if (e.kmsCaFile.empty() && e.kmsClientKey.empty()) return;
     flt::KeyServerConnectionOptions tls{};
     tls.verifyPeer = true;

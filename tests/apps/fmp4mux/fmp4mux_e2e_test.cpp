@@ -350,6 +350,13 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --kms-timeout 0.05 " + source + to), 2, "--kms-timeout: '0.05' is not a number of seconds from 0.1 to 60"},
         // A key server that never answers, and an operator who waits half a second for it.
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --kms-wait 0.5 " + source + to), 1, "the key server did not answer within --kms-wait"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --vmx-url http://127.0.0.1:9/v " + source + to), 2, "the keys come from one key server"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --irdeto-account-id a " + source + to), 2, "--irdeto-account-id and --irdeto-content-id"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --irdeto-account-id a --irdeto-content-id c " + source + to), 2, "--drm playready and/or --drm widevine"},
+        {mux("--irdeto-url http://127.0.0.1:9/i --irdeto-account-id a --irdeto-content-id c --drm clearkey " + source + to), 2, "--drm clearkey: Irdeto's ClearKey is not available"},
+        {mux("--irdeto-url x --irdeto-account-id a --irdeto-content-id c --drm widevine " + source + to), 2, "--irdeto-url: 'x' is not an http:// or https:// address"},
+        {mux("--vmx-url http://127.0.0.1:9/v " + source + to), 2, "a Verimatrix key server needs --vmx-url and --vmx-resource-id"},
+        {mux("--vmx-url http://127.0.0.1:9/v --vmx-resource-id r --drm widevine " + source + to), 2, "--drm does not go with Verimatrix"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);

@@ -14,6 +14,9 @@ for a client certificate signed by that CA.
   POST /session/active|flaky|standby, POST /keys/<name>   a scripted Harmonic KMS: see harmonic() for the answers
   GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line
   GET  /last/<operation>   the body of the last Harmonic request of that operation
+  POST /irdeto/<scenario>, GET /vmx/<scenario>?..., PUT|GET /cei/...   scripted Irdeto and Verimatrix key
+                 servers: see key_servers.py; GET /calls-of/irdeto|vmx|cei and /last-irdeto/<operation> tell
+                 what they were asked
 """
 import argparse
 import base64
@@ -24,6 +27,8 @@ import ssl
 import sys
 import threading
 import time
+
+import key_servers
 
 NS = "urn:tovrane:kms:harmonic:2.4"
 
@@ -121,8 +126,30 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def body(self):
         return self.rfile.read(int(self.headers.get("Content-Length", "0"))).decode(errors="replace")
 
+    def do_PUT(self):
+        body = self.body()
+        self.answer(*key_servers.verimatrix_rest("PUT", self.path, body), "application/json")
+
     def do_GET(self):
-        if self.path == "/hello":
+        if self.path.startswith("/vmx/"):
+            path, _, query = self.path.partition("?")
+            if path == "/vmx/slow":
+                time.sleep(Handler.delay)
+            status, data, headers = key_servers.verimatrix_key_file(path, "?" + query)
+            self.send_response(status)
+            self.send_header("Content-Length", str(len(data)))
+            for name, value in headers.items():
+                self.send_header(name, value)
+            self.end_headers()
+            self.wfile.write(data)
+        elif self.path.startswith("/cei/"):
+            self.answer(*key_servers.verimatrix_rest("GET", self.path, ""), "application/json")
+        elif self.path.startswith("/calls-of/"):
+            prefix = {"irdeto": "/irdeto/", "vmx": "/vmx/", "cei": "PUT /cei/"}.get(self.path[10:], "?")
+            self.answer(200, "".join(c + "\n" for c in key_servers.calls if c.startswith(prefix)))
+        elif self.path.startswith("/last-irdeto/"):
+            self.answer(200, key_servers.last.get(self.path[13:], ""))
+        elif self.path == "/hello":
             self.answer(200, "hello")
         elif self.path.startswith("/status/"):
             code = int(self.path.rsplit("/", 1)[1])
@@ -141,6 +168,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         body = self.body()
         if self.path == "/echo":
             self.answer(200, "posted:" + body, extra={"X-Seen": self.headers.get("X-Test", "")})
+        elif self.path.startswith("/irdeto/"):
+            if self.path == "/irdeto/slow":
+                time.sleep(Handler.delay)
+            self.answer(*key_servers.irdeto(self.path, body), "application/soap+xml; charset=utf-8")
         elif self.path.startswith(("/keys/", "/session/")):
             request = re.search(r"<\w+:(\w+)Request[ >]", body)
             detail = re.search(r":(?:time|resourceId)>([^<]*)<", body)
@@ -175,6 +206,7 @@ def main():
 
     server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), Handler)
     server.daemon_threads = True
+    server.handle_error = lambda request, address: None  # a client that gave up (time-out tests) is no news
     if args.cert:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(args.cert, args.key)
