@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "packaging/kms_clients/widevine_provider.h"
+
 namespace tvrn::encoding::packaging::kms_clients {
 inline namespace v0 {
 
@@ -33,15 +35,31 @@ void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& mana
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
                             encryption::IEncryptionListener* listener, const KeyClientOptions& options) {
-    if (configuration.mode() != encryption::EncryptionMode::HarmonicKms) {
+    using encryption::EncryptionMode;
+    std::unique_ptr<encryption::IEncryptionProvider> provider;
+    const HttpTimeouts http{options.timeout, options.timeout};
+    switch (configuration.mode()) {
+    case EncryptionMode::HarmonicKms: {
+        // gSOAP counts whole seconds when positive, microseconds when negative.
+        HarmonicOptions harmonic{options.vod,
+                                 -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count())};
+        provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(), transportSecurity,
+                                         logger, harmonic);
+        break;
+    }
+    case EncryptionMode::Widevine: {
+        const auto& record = configuration.record<encryption::WidevineConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "Widevine encryption parameters: Content Id = '%s' : Server Url = '%s' : Key Change period = %d sec.",
+                        record.contentId.c_str(), record.serverUrl.c_str(), record.keyPeriod);
+        provider = std::make_unique<WidevineEncryptionProvider>(record, transportSecurity, logger, http);
+        break;
+    }
+    default:
         encryption::buildEncryptionManager(manager, configuration, transportSecurity, logger, listener);
         return;
     }
     manager.reset();
-    // gSOAP counts whole seconds when positive, microseconds when negative.
-    HarmonicOptions harmonic{options.vod, -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count())};
-    auto provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(),
-                                          transportSecurity, logger, harmonic);
     manager = std::make_unique<encryption::EncryptionManager>(std::move(provider), listener);
 }
 

@@ -13,14 +13,18 @@ for a client certificate signed by that CA.
                  service's namespace; a body that holds "fault-me", or any other request, gets a SOAP fault
   POST /session/active|flaky|standby, POST /keys/<name>   a scripted Harmonic KMS: see harmonic() for the answers
   GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line
-  GET  /last/<operation>   the body of the last Harmonic request of that operation
+  GET  /last/<operation>   the body of the last Harmonic request of that operation ("widevine" for Widevine's)
+  POST /widevine/<name>    a scripted Widevine key server: see widevine()
 """
 import argparse
 import base64
+import hashlib
+import json
 import http.server
 import os
 import re
 import ssl
+import subprocess
 import sys
 import threading
 import time
@@ -101,6 +105,55 @@ def harmonic(path, operation, detail, port, body):
                       % (at, key_id, key, HK_SIGNALLING), op)
 
 
+# A Widevine key server, worked out from its public description: the posted {"request": base64 of the inner
+# JSON, "signature", "signer"}. A signature must be the SHA-1 of the inner text, PKCS#7-padded to 32 bytes and
+# AES-256-CBC-encrypted (by the openssl command) under key 20 21 .. 3f and IV 40 41 .. 4f; a bad one gets status
+# "SIGNATURE_FAILED". The n-th answer of the run (n from 0) gives key id d0d0d0d0 + n (32 bits) + 8 zero bytes,
+# key bytes 80+n, 81+n, ... (mod 256) and pssh data 08 01 12 10 + the key id. The name after /widevine/ picks a
+# fault instead of an answer.
+WV_KEY = bytes(range(0x20, 0x40))
+WV_IV = bytes(range(0x40, 0x50))
+wv_count = [0]
+
+
+def widevine(name, body):
+    outer = json.loads(body)
+    inner_text = base64.b64decode(outer["request"])
+    inner = json.loads(inner_text)
+    if "signature" in outer:
+        digest = hashlib.sha1(inner_text).digest()
+        padded = digest + bytes([12]) * 12
+        made = subprocess.run(["openssl", "enc", "-aes-256-cbc", "-nopad", "-K", WV_KEY.hex(), "-iv", WV_IV.hex()],
+                              input=padded, capture_output=True, check=True).stdout
+        if base64.b64decode(outer["signature"]) != made:
+            return 200, json.dumps({"response": base64.b64encode(b'{"status":"SIGNATURE_FAILED"}').decode()})
+    if name == "http-500":
+        return 500, "the key server is in trouble"
+    if name == "empty":
+        return 200, ""
+    if name == "broken":
+        return 200, '{"response": '
+    n = wv_count[0]
+    wv_count[0] += 1
+    key_id = bytes([0xD0] * 4) + n.to_bytes(4, "big") + bytes(8)
+    key = bytes((0x80 + n + i) % 256 for i in range(16))
+    if name == "short-key":
+        key = key[:8]
+    track = {"type": "HD", "key_id": base64.b64encode(key_id).decode(), "key": base64.b64encode(key).decode(),
+             "pssh": [{"drm_type": "WIDEVINE", "data": base64.b64encode(bytes([8, 1, 0x12, 0x10]) + key_id).decode()}]}
+    answer = {"status": "OK", "drm": [{"type": "WIDEVINE", "system_id": "edef8ba979d64acea3c827dcd51d21ed"}],
+              "tracks": [track], "content_id": inner["content_id"]}
+    if name == "not-found":
+        answer["status"] = "NOT_FOUND"
+    elif name == "no-widevine":
+        answer["drm"] = [{"type": "PLAYREADY"}]
+    elif name == "no-tracks":
+        answer["tracks"] = []
+    elif name == "no-key":
+        del track["key"]
+    return 200, json.dumps({"response": base64.b64encode(json.dumps(answer).encode()).decode()})
+
+
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     delay = 0.0
@@ -141,6 +194,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         body = self.body()
         if self.path == "/echo":
             self.answer(200, "posted:" + body, extra={"X-Seen": self.headers.get("X-Test", "")})
+        elif self.path.startswith("/widevine/"):
+            hk_last["widevine"] = body
+            self.answer(*widevine(self.path[len("/widevine/"):], body), "application/json")
         elif self.path.startswith(("/keys/", "/session/")):
             request = re.search(r"<\w+:(\w+)Request[ >]", body)
             detail = re.search(r":(?:time|resourceId)>([^<]*)<", body)
