@@ -87,7 +87,12 @@ void readKeyFile(EncryptionOptions& o) {
             {"kms_backup_session_url", &o.kmsBackupSessionUrl}, {"kms_resource_id", &o.kmsResourceId},
             {"kms_requestor_id", &o.kmsRequestorId}, {"key_period", &o.keyPeriodText}, {"kms_ca_file", &o.kmsCaFile},
             {"kms_client_key", &o.kmsClientKey}, {"kms_client_key_password", &o.kmsClientKeyPassword},
-            {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText}};
+            {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText},
+            {"kms_content_id", &o.kmsContentId}, {"widevine_key_server", &o.widevineKeyServer},
+            {"widevine_signer", &o.widevineSigner}, {"widevine_signing_key", &o.widevineSigningKey},
+            {"widevine_signing_iv", &o.widevineSigningIv}, {"insidesecure_key_server", &o.insideSecureKeyServer},
+            {"buydrm_key_server", &o.buyDrmKeyServer}, {"buydrm_user_key", &o.buyDrmUserKey},
+            {"buydrm_server_key", &o.buyDrmServerKey}};
         std::string* target = nullptr;
         for (const auto& [known, field] : names)
             if (name == known) target = field;
@@ -119,23 +124,8 @@ void readSystems(EncryptionOptions& o) {
     }
 }
 
-// A key server's settings, checked: the run then takes its keys from the server.
-void finishKeyServer(EncryptionOptions& o) {
-    if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty())
-        refuse("a key server (--kms-...) gives the keys: --key-id, --key and --key-seed do not go with it");
-    if (!o.customSystemId.empty()) refuse("--drm-system-id does not go with a key server, whose answer signals the systems");
-    if (o.kmsResourceId.empty() || o.kmsResourceId.size() > 128)
-        refuse("--kms-resource-id: a key server needs the resource id (at most 128 characters)");
-    if (o.kmsKeyUrl.empty() == o.kmsSessionUrl.empty())
-        refuse("a key server needs either --kms-key-url or --kms-session-url, not both");
-    if (!o.kmsBackupSessionUrl.empty() && o.kmsSessionUrl.empty())
-        refuse("--kms-backup-session-url needs --kms-session-url");
-    static const std::regex address("https?://[^ ]+");
-    for (const auto& [option, url] : {std::pair<const char*, const std::string*>{"--kms-key-url", &o.kmsKeyUrl},
-                                      {"--kms-session-url", &o.kmsSessionUrl},
-                                      {"--kms-backup-session-url", &o.kmsBackupSessionUrl}})
-        if (!url->empty() && !std::regex_match(*url, address))
-            refuse(std::string(option) + ": '" + *url + "' is not an http:// or https:// address");
+// The settings every key server shares: key period, TLS trust and client key, time-outs.
+void finishKeyServerCommon(EncryptionOptions& o) {
     if (!o.keyPeriodText.empty()) {
         static const std::regex digits("[0-9]{1,4}");
         if (!std::regex_match(o.keyPeriodText, digits) || std::stoi(o.keyPeriodText) > 3600)
@@ -157,6 +147,60 @@ void finishKeyServer(EncryptionOptions& o) {
     if (!o.kmsClientKeyPassword.empty() && o.kmsClientKey.empty())
         refuse("kms_client_key_password in the key file needs a client key (--kms-client-key)");
 }
+
+// A key server's settings, checked: the run then takes its keys from the server.
+void finishKeyServer(EncryptionOptions& o) {
+    using Server = EncryptionOptions::Server;
+    const bool harmonic = !o.kmsKeyUrl.empty() || !o.kmsSessionUrl.empty() || !o.kmsBackupSessionUrl.empty() ||
+                          !o.kmsResourceId.empty() || !o.kmsRequestorId.empty();
+    const int servers = harmonic + !o.widevineKeyServer.empty() + !o.insideSecureKeyServer.empty() + !o.buyDrmKeyServer.empty();
+    if (servers > 1)
+        refuse("one key server at a time: --kms-key-url/--kms-session-url, --widevine-key-server, "
+               "--insidesecure-key-server or --buydrm-key-server");
+    o.server = harmonic ? Server::Harmonic : !o.widevineKeyServer.empty() ? Server::Widevine
+             : !o.insideSecureKeyServer.empty() ? Server::InsideSecure : !o.buyDrmKeyServer.empty() ? Server::BuyDrm
+             : Server::None;
+    if (o.server == Server::None) refuse("the key server settings need a key server address");
+    if (o.server == Server::BuyDrm) {
+        if (!o.keyText.empty() || !o.keySeedText.empty()) refuse("--buydrm-key-server gives the key: --key and --key-seed do not go with it");
+        if (o.keyIdText.empty()) refuse("--buydrm-key-server needs the key id (--key-id)");
+        o.keyId = uuidOf(o.keyIdText, "--key-id");
+        if (o.buyDrmUserKey.empty() || o.buyDrmServerKey.empty())
+            refuse("--buydrm-key-server needs buydrm_user_key= and buydrm_server_key= in the key file");
+    } else if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty()) {
+        refuse("a key server (--kms-...) gives the keys: --key-id, --key and --key-seed do not go with it");
+    }
+    if (!o.customSystemId.empty()) refuse("--drm-system-id does not go with a key server, whose answer signals the systems");
+    if (o.server != Server::Harmonic && o.kmsContentId.empty()) refuse("--kms-content-id: the key server needs the content id");
+    if ((!o.widevineSigningKey.empty() || !o.widevineSigningIv.empty()) &&
+        (o.widevineSigningKey.empty() || o.widevineSigningIv.empty()))
+        refuse("widevine_signing_key= and widevine_signing_iv= go together in the key file");
+    if (!o.widevineSigningKey.empty() && decodeHexOrBase64(o.widevineSigningIv).size() != 16)
+        refuse("widevine_signing_iv= in the key file is not base64 of 16 bytes");
+    if (!o.widevineSigningKey.empty()) {
+        const std::size_t size = fromBase64(o.widevineSigningKey).size();
+        if (size != 16 && size != 24 && size != 32)
+            refuse("widevine_signing_key= in the key file is not base64 of 16, 24 or 32 bytes");
+    }
+    static const std::regex address("https?://[^ ]+");
+    for (const auto& [option, url] : {std::pair<const char*, const std::string*>{"--kms-key-url", &o.kmsKeyUrl},
+                                      {"--kms-session-url", &o.kmsSessionUrl},
+                                      {"--kms-backup-session-url", &o.kmsBackupSessionUrl},
+                                      {"--widevine-key-server", &o.widevineKeyServer},
+                                      {"--insidesecure-key-server", &o.insideSecureKeyServer},
+                                      {"--buydrm-key-server", &o.buyDrmKeyServer}})
+        if (!url->empty() && !std::regex_match(*url, address))
+            refuse(std::string(option) + ": '" + *url + "' is not an http:// or https:// address");
+    if (o.server == Server::Harmonic) {
+        if (o.kmsResourceId.empty() || o.kmsResourceId.size() > 128)
+            refuse("--kms-resource-id: a key server needs the resource id (at most 128 characters)");
+        if (o.kmsKeyUrl.empty() == o.kmsSessionUrl.empty())
+            refuse("a key server needs either --kms-key-url or --kms-session-url, not both");
+        if (!o.kmsBackupSessionUrl.empty() && o.kmsSessionUrl.empty())
+            refuse("--kms-backup-session-url needs --kms-session-url");
+    }
+    finishKeyServerCommon(o);
+}
 }  // namespace
 
 void finishEncryptionOptions(EncryptionOptions& o) {
@@ -164,7 +208,10 @@ void finishEncryptionOptions(EncryptionOptions& o) {
     const bool server = !o.kmsKeyUrl.empty() || !o.kmsSessionUrl.empty() || !o.kmsBackupSessionUrl.empty() ||
                         !o.kmsResourceId.empty() || !o.kmsRequestorId.empty() || !o.keyPeriodText.empty() ||
                         !o.kmsCaFile.empty() || !o.kmsClientKey.empty() || !o.kmsClientKeyPassword.empty() ||
-                        !o.kmsTimeoutText.empty() || !o.kmsWaitText.empty();
+                        !o.kmsTimeoutText.empty() || !o.kmsWaitText.empty() || !o.widevineKeyServer.empty() ||
+                        !o.widevineSigner.empty() || !o.widevineSigningKey.empty() || !o.widevineSigningIv.empty() ||
+                        !o.insideSecureKeyServer.empty() || !o.buyDrmKeyServer.empty() || !o.buyDrmUserKey.empty() ||
+                        !o.buyDrmServerKey.empty() || !o.kmsContentId.empty();
     if (server) {
         finishKeyServer(o);
         readSystems(o);

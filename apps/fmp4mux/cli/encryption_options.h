@@ -34,6 +34,18 @@ struct EncryptionOptions {
     std::string kmsClientKeyPassword;  // from the key file only: a secret
     std::string kmsTimeoutText;
     std::string kmsWaitText;
+    // Or from a Widevine key server (signed with the key file's widevine_signing_key= and widevine_signing_iv=), an
+    // Inside Secure key server (PlayReady, with --playready-la-url) or a BuyDRM KeyOS server (with --key-id, and the
+    // key file's buydrm_user_key= and buydrm_server_key=), for the content id.
+    std::string widevineKeyServer;
+    std::string widevineSigner;
+    std::string widevineSigningKey;  // key file only: a secret
+    std::string widevineSigningIv;   // key file only: a secret
+    std::string insideSecureKeyServer;
+    std::string buyDrmKeyServer;
+    std::string buyDrmUserKey;    // key file only: a secret
+    std::string buyDrmServerKey;  // key file only: a secret
+    std::string kmsContentId;
 
     // After finish(): the key id as UUID text (lower case, hyphenated, in the byte order files hold it), the key
     // and the seed in base64 (one of them), and the systems to signal.
@@ -49,7 +61,9 @@ struct EncryptionOptions {
     std::int32_t keyPeriod = 0;  // seconds; 0: one key for the run
     std::chrono::milliseconds kmsTimeout{5000};  // each stage of a key request
     std::chrono::milliseconds kmsWait{0};        // 0: wait for the key server until interrupted
-    bool keyServer() const { return !kmsResourceId.empty(); }
+    enum class Server { None, Harmonic, Widevine, InsideSecure, BuyDrm };
+    Server server = Server::None;  // after finish()
+    bool keyServer() const { return server != Server::None; }
     bool enabled() const { return !keyId.empty() || keyServer(); }
 };
 

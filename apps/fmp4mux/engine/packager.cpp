@@ -80,9 +80,57 @@ void Packager::configureEncryption(const EncryptionOptions& e) {
         throw ExitError(kExitUsage, "the engine refused the encryption settings");
 }
 
-// Keys from a Harmonic key management server, asked for the systems the operator named; TLS with the operator's
-// trust and client key when given (https is verified against the system's CA store otherwise).
+// Keys from a key server: Harmonic (asked for the systems the operator named), Widevine, Inside Secure or BuyDRM;
+// TLS with the operator's trust and client key when given (https is verified against the system's CA store
+// otherwise).
 void Packager::configureKeyServer(const EncryptionOptions& e) {
+    using Server = EncryptionOptions::Server;
+    tvrn::com::HRESULT result = S_OK;
+    if (e.server == Server::Widevine) {
+        flt::WidevineEncryptionSettings settings{};
+        settings.serverUrl = e.widevineKeyServer.c_str();
+        settings.signer = e.widevineSigner.c_str();
+        settings.signRequests = !e.widevineSigningKey.empty();
+        settings.signingKey = e.widevineSigningKey.c_str();
+        settings.signingIv = e.widevineSigningIv.c_str();
+        settings.keyPeriod = e.keyPeriod;
+        settings.contentId = e.kmsContentId.c_str();
+        result = m_filter->SetWidevineEncryption(&settings);
+    } else if (e.server == Server::InsideSecure) {
+        flt::InsideSecureEncryptionSettings settings{};
+        settings.serverUrl = e.insideSecureKeyServer.c_str();
+        settings.laUrl = e.playReadyLicenceUrl.c_str();
+        settings.contentId = e.kmsContentId.c_str();
+        settings.keyPeriod = e.keyPeriod;
+        result = m_filter->SetInsideSecureEncryption(&settings);
+    } else if (e.server == Server::BuyDrm) {
+        flt::BuyDrmEncryptionSettings settings{};
+        settings.keyId = e.keyId.c_str();
+        settings.userKey = e.buyDrmUserKey.c_str();
+        settings.serverKey = e.buyDrmServerKey.c_str();
+        settings.contentId = e.kmsContentId.c_str();
+        settings.serverUrl = e.buyDrmKeyServer.c_str();
+        result = m_filter->SetBuyDrmEncryption(&settings);
+    } else {
+        configureHarmonic(e);
+    }
+    if (result != S_OK) throw ExitError(kExitUsage, "the engine refused the key server settings");
+    configureKeyServerConnection(e);
+}
+
+void Packager::configureKeyServerConnection(const EncryptionOptions& e) {
+    if (e.kmsCaFile.empty() && e.kmsClientKey.empty()) return;
+    flt::KeyServerConnectionOptions tls{};
+    tls.verifyPeer = true;
+    tls.verifyHost = true;
+    tls.caFile = e.kmsCaFile.empty() ? nullptr : e.kmsCaFile.c_str();
+    tls.clientKeyFile = e.kmsClientKey.empty() ? nullptr : e.kmsClientKey.c_str();
+    tls.clientKeyPassword = e.kmsClientKeyPassword.empty() ? nullptr : e.kmsClientKeyPassword.c_str();
+    if (m_filter->SetKeyServerConnection(true, flt::KeyServerTls, &tls) != S_OK)
+        throw ExitError(kExitUsage, "the engine refused the key server's TLS settings");
+}
+
+void Packager::configureHarmonic(const EncryptionOptions& e) {
     std::vector<flt::HarmonicDrmSystemSettings> systems;
     if (e.playReady) systems.push_back({"9a04f079-9840-4286-ab92-e65be0885f95", "PlayReady"});
     if (e.widevine) systems.push_back({"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "Widevine"});
@@ -100,15 +148,6 @@ void Packager::configureKeyServer(const EncryptionOptions& e) {
     settings.drmList = systems.data();
     if (m_filter->SetHarmonicKmsEncryption(&settings) != S_OK)
         throw ExitError(kExitUsage, "the engine refused the key server settings");
-    if (e.kmsCaFile.empty() && e.kmsClientKey.empty()) return;
-    flt::KeyServerConnectionOptions tls{};
-    tls.verifyPeer = true;
-    tls.verifyHost = true;
-    tls.caFile = e.kmsCaFile.empty() ? nullptr : e.kmsCaFile.c_str();
-    tls.clientKeyFile = e.kmsClientKey.empty() ? nullptr : e.kmsClientKey.c_str();
-    tls.clientKeyPassword = e.kmsClientKeyPassword.empty() ? nullptr : e.kmsClientKeyPassword.c_str();
-    if (m_filter->SetKeyServerConnection(true, flt::KeyServerTls, &tls) != S_OK)
-        throw ExitError(kExitUsage, "the engine refused the key server's TLS settings");
 }
 
 Packager::~Packager() { stop(); }

@@ -71,6 +71,8 @@ public:
 private:
     void configureEncryption(const EncryptionOptions& encryption);
     void configureKeyServer(const EncryptionOptions& encryption);
+    void configureHarmonic(const EncryptionOptions& encryption);
+    void configureKeyServerConnection(const EncryptionOptions& encryption);
 
     // The sinks outlive the filter, whose outputs deliver to them.
     std::vector<std::unique_ptr<ChunkSink>> m_sinks;
