@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "packaging/kms_clients/buydrm_provider.h"
+#include "packaging/kms_clients/inside_secure_provider.h"
 #include "packaging/kms_clients/widevine_provider.h"
 
 namespace tvrn::encoding::packaging::kms_clients {
@@ -38,11 +40,11 @@ void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& mana
     using encryption::EncryptionMode;
     std::unique_ptr<encryption::IEncryptionProvider> provider;
     const HttpTimeouts http{options.timeout, options.timeout};
+    // gSOAP counts whole seconds when positive, microseconds when negative.
+    const int soapTimeout = -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count());
     switch (configuration.mode()) {
     case EncryptionMode::HarmonicKms: {
-        // gSOAP counts whole seconds when positive, microseconds when negative.
-        HarmonicOptions harmonic{options.vod,
-                                 -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count())};
+        HarmonicOptions harmonic{options.vod, soapTimeout};
         provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(), transportSecurity,
                                          logger, harmonic);
         break;
@@ -53,6 +55,23 @@ void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& mana
                         "Widevine encryption parameters: Content Id = '%s' : Server Url = '%s' : Key Change period = %d sec.",
                         record.contentId.c_str(), record.serverUrl.c_str(), record.keyPeriod);
         provider = std::make_unique<WidevineEncryptionProvider>(record, transportSecurity, logger, http);
+        break;
+    }
+    case EncryptionMode::InsideSecure: {
+        const auto& record = configuration.record<encryption::InsideSecureConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "Inside Secure encryption parameters: Content Id = '%s' : LaUrl = '%s' : Key Change period = %d sec.",
+                        record.contentId.c_str(), record.laUrl.c_str(), record.keyPeriod);
+        provider = std::make_unique<InsideSecureEncryptionProvider>(record, transportSecurity, logger, soapTimeout);
+        break;
+    }
+    case EncryptionMode::BuyDrm: {
+        const auto& record = configuration.record<encryption::BuyDrmConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "BuyDrm encryption parameters : KeyId = '%s' : User Key = '%s' : Server Key = '%s' : Content ID = '%s'",
+                        record.keyId.c_str(), encryption::maskSecret(record.userKey).c_str(),
+                        encryption::maskSecret(record.serverKey).c_str(), record.contentId.c_str());
+        provider = std::make_unique<BuyDrmEncryptionProvider>(record, transportSecurity, logger, soapTimeout);
         break;
     }
     default:

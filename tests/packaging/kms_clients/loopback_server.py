@@ -15,10 +15,13 @@ for a client certificate signed by that CA.
   GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line
   GET  /last/<operation>   the body of the last Harmonic request of that operation ("widevine" for Widevine's)
   POST /widevine/<name>    a scripted Widevine key server: see widevine()
+  POST /insidesecure/<name>, POST /keyos/<name>   scripted Inside Secure and BuyDRM KeyOS servers (their last
+                 requests at /last/insidesecure and /last/keyos)
 """
 import argparse
 import base64
 import hashlib
+import html
 import json
 import http.server
 import os
@@ -154,6 +157,63 @@ def widevine(name, body):
     return 200, json.dumps({"response": base64.b64encode(json.dumps(answer).encode()).decode()})
 
 
+# Inside Secure's key provisioning (SOAP): the n-th answer of the run (n from 0) gives key id
+# 15150000-<n as 4 hex digits>-4000-8000-000000000000, key bytes 40+n, 41+n, ... (mod 256) and a seed. The name
+# after /insidesecure/ picks a fault instead.
+IS_NS = "urn:tovrane:kms:insidesecure:1"
+is_count = [0]
+
+
+def inside_secure(name, body):
+    if name == "fault":
+        return 500, SOAP_FAULT
+    n = is_count[0]
+    is_count[0] += 1
+    key_id = "15150000-%04x-4000-8000-000000000000" % n
+    key = bytes((0x40 + n + i) % 256 for i in range(16))
+    if name == "short-key":
+        key = key[:8]
+    if name == "bad-key-id":
+        key_id = "not-a-key-id"
+    return 200, ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" xmlns:i="%s">'
+                 '<S:Body><i:PlayReadyProvisionKeyResponse><i:keyID>%s</i:keyID><i:seed>c2VlZA==</i:seed>'
+                 '<i:encryptionKey>%s</i:encryptionKey></i:PlayReadyProvisionKeyResponse></S:Body></S:Envelope>\n'
+                 % (IS_NS, key_id, base64.b64encode(key).decode()))
+
+
+# BuyDRM's KeyOS (SOAP): the request document arrives escaped in one string; the answer document goes back the
+# same way. The user key must be "user-SECRET-1", else Status says so. The key of any key id: bytes 60 .. 6f. The
+# name after /keyos/ leaves an element out, or picks another fault.
+KOS_NS = "urn:tovrane:kms:keyos:5"
+KOS_HEADER = ('<WRMHEADER xmlns="http://schemas.microsoft.com/DRM/2007/03/PlayReadyHeader" version="4.0.0.0"><DATA>'
+              '<PROTECTINFO><KEYLEN>16</KEYLEN><ALGID>AESCTR</ALGID></PROTECTINFO><KID>kid-from-keyos</KID>'
+              '<LA_URL>https://keyos.invalid/licence</LA_URL></DATA></WRMHEADER>')
+
+
+def keyos(name, body):
+    if name == "fault":
+        return 500, SOAP_FAULT
+    request = html.unescape(re.search(r"requestXml>([^<]*)<", body).group(1))
+    field = lambda tag: (re.search("<%s>([^<]*)</%s>" % (tag, tag), request) or [None, ""])[1]
+    parts = {"Status": "OK", "KeyID": field("KeyID"), "ContentKey": base64.b64encode(bytes(range(0x60, 0x70))).decode(),
+             "LicAcqURL": "https://keyos.invalid/licence", "LicUIURL": "https://keyos.invalid/ui", "PRHeader": KOS_HEADER}
+    if field("UserKey") != "user-SECRET-1":
+        parts["Status"] = "Invalid user key"
+    if name == "short-key":
+        parts["ContentKey"] = "YGFiY2RlZmc="
+    for element in ("KeyID", "ContentKey", "LicAcqURL", "LicUIURL", "PRHeader"):
+        if name == "no-" + element.lower():
+            del parts[element]
+    document = "<KeyOSEncryptionInfoResponse>%s</KeyOSEncryptionInfoResponse>" % "".join(
+        "<%s>%s</%s>" % (k, html.escape(v, quote=False), k) for k, v in parts.items())
+    if name == "not-xml":
+        document = "<KeyOSEncryptionInfoResponse><Status>"
+    return 200, ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" xmlns:k="%s">'
+                 '<S:Body><k:RequestEncryptionInfoResponse><k:RequestEncryptionInfoResult>%s'
+                 '</k:RequestEncryptionInfoResult></k:RequestEncryptionInfoResponse></S:Body></S:Envelope>\n'
+                 % (KOS_NS, html.escape(document, quote=False)))
+
+
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     delay = 0.0
@@ -194,6 +254,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         body = self.body()
         if self.path == "/echo":
             self.answer(200, "posted:" + body, extra={"X-Seen": self.headers.get("X-Test", "")})
+        elif self.path.startswith(("/insidesecure/", "/keyos/")):
+            kind, _, name = self.path.strip("/").partition("/")
+            hk_last[kind] = body
+            self.answer(*(inside_secure if kind == "insidesecure" else keyos)(name, body), "text/xml")
         elif self.path.startswith("/widevine/"):
             hk_last["widevine"] = body
             self.answer(*widevine(self.path[len("/widevine/"):], body), "application/json")
