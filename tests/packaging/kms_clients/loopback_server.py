@@ -158,7 +158,7 @@ def widevine(name, body):
 
 
 # Inside Secure's key provisioning (SOAP): the n-th answer of the run (n from 0) gives key id
-# 15150000-<n as 4 hex digits>-4000-8000-000000000000, key bytes 40+n, 41+n, ... (mod 256) and a seed. The name
+# 15150000-<n as 4 hex digits>-4151-8000-000000000000, key bytes 40+n, 41+n, ... (mod 256) and a seed. The name
 # after /insidesecure/ picks a fault instead.
 IS_NS = "urn:tovrane:kms:insidesecure:1"
 is_count = [0]
@@ -169,7 +169,7 @@ def inside_secure(name, body):
         return 500, SOAP_FAULT
     n = is_count[0]
     is_count[0] += 1
-    key_id = "15150000-%04x-4000-8000-000000000000" % n
+    key_id = "15150000-%04x-4151-8000-000000000000" % n
     key = bytes((0x40 + n + i) % 256 for i in range(16))
     if name == "short-key":
         key = key[:8]

@@ -71,7 +71,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     const std::string request = is.last("insidesecure");
     for (const char* part : {"protectionSystem>PlayReady<", "contentID>channel-1<", "position>1764000000<"})
         EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
-    EXPECT_EQ(keyIdOf(*provider), "15150000000040008000000000000000");
+    EXPECT_EQ(keyIdOf(*provider), "15150000000041518000000000000000");
     EXPECT_BYTES(keyOf(*provider), hex("404142434445464748494a4b4c4d4e4f"));
     tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
     provider->getProtectionBoxes(boxes, true);
@@ -83,7 +83,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     EXPECT_EQ(provider->updateKey(50 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(54 * kSecond + kSecond - 1), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(55 * kSecond), KeyUpdateResult::Updated);
-    EXPECT_EQ(keyIdOf(*provider), "15150000000140008000000000000000");
+    EXPECT_EQ(keyIdOf(*provider), "15150000000141518000000000000000");
     auto once = make("ok", 0);
     ASSERT_TRUE(once->connect());
     EXPECT_EQ(once->updateKey(kSecond), KeyUpdateResult::Unchanged);
