@@ -35,6 +35,14 @@ TEST(WidevineRequest, SignedOverTheInnerTextAndWithoutPeriodMembers) {
     c.signing = {};
     c.signer.clear();
     EXPECT_EQ(makeWidevineRequest(c).outer, R"({"request":"eyJjb250ZW50X2lkIjoiWTJoaGJtNWxiQzB4IiwidHJhY2tzIjpbeyJ0eXBlIjoiSEQifV19"})");
+    // The test credentials Widevine publishes for its UAT server (signer widevine_test): key 1ae8ccd0..ab9, IV
+    // d58ce954..249, content id "test content id"; the signature worked out the same way with openssl.
+    const WidevineRequestText published = makeWidevineRequest(
+        {"http://k", "widevine_test",
+         enc::WidevineSigningKey{"GujM0OeYXMC2IDpVhVoQNK/CUpgOlwypDlICaJ+Uerk=", "1YzpVCA7fJqanUZ/WYOSSQ=="}, 0,
+         "test content id"});
+    EXPECT_EQ(published.outer, R"({"request":"eyJjb250ZW50X2lkIjoiZEdWemRDQmpiMjUwWlc1MElHbGsiLCJ0cmFja3MiOlt7InR5cGUiOiJIRCJ9XX0=",)"
+                               R"("signature":"ak0HdX4T4atXWpHMfSFSZVDME59/Kmufeu8x2tZesWc=","signer":"widevine_test"})");
     c.signing = enc::WidevineSigningKey{"AAECAwQFBgc=", kSigning.signingIv};  // an 8-byte key
     EXPECT_EQ(testkit::failureOf([&] { makeWidevineRequest(c); }), "Rijndael 256 CBC encrypt : invalid parameters");
 }
