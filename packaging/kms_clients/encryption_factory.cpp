@@ -3,6 +3,10 @@
 #include <chrono>
 #include <utility>
 
+#include "packaging/kms_clients/buydrm_provider.h"
+#include "packaging/kms_clients/inside_secure_provider.h"
+#include "packaging/kms_clients/widevine_provider.h"
+
 namespace tvrn::encoding::packaging::kms_clients {
 inline namespace v0 {
 
@@ -54,31 +58,55 @@ void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& mana
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
                             encryption::IEncryptionListener* listener, const KeyClientOptions& options) {
+    using encryption::EncryptionMode;
     // gSOAP counts whole seconds when positive, microseconds when negative.
     const int soapTimeout = -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count());
+    const HttpTimeouts http{options.timeout, options.timeout};
     std::unique_ptr<encryption::IEncryptionProvider> provider;
     switch (configuration.mode()) {
-    case encryption::EncryptionMode::HarmonicKms:
-        manager.reset();
+    case EncryptionMode::HarmonicKms:
         provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(), transportSecurity,
                                          logger, HarmonicOptions{options.vod, soapTimeout});
         break;
-    case encryption::EncryptionMode::Irdeto: {
+    case EncryptionMode::Irdeto: {
         const auto& record = configuration.record<encryption::IrdetoConfiguration>();
         if (!std::holds_alternative<encryption::IrdetoGenerateKeysSettings>(record.variant)) break;
-        manager.reset();
         IrdetoOptions irdeto;
         irdeto.soapTimeout = soapTimeout;
         provider = buildIrdetoProvider(record, transportSecurity, logger, irdeto);
         break;
     }
-    case encryption::EncryptionMode::Verimatrix: {
-        manager.reset();
+    case EncryptionMode::Verimatrix: {
         VerimatrixOptions verimatrix;
         verimatrix.channel = options.vod ? 0 : 1;
-        verimatrix.timeouts = HttpTimeouts{options.timeout, options.timeout};
+        verimatrix.timeouts = http;
         provider = buildVerimatrixProvider(configuration.record<encryption::VerimatrixConfiguration>(),
                                            transportSecurity, logger, verimatrix);
+        break;
+    }
+    case EncryptionMode::Widevine: {
+        const auto& record = configuration.record<encryption::WidevineConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "Widevine encryption parameters: Content Id = '%s' : Server Url = '%s' : Key Change period = %d sec.",
+                        record.contentId.c_str(), record.serverUrl.c_str(), record.keyPeriod);
+        provider = std::make_unique<WidevineEncryptionProvider>(record, transportSecurity, logger, http);
+        break;
+    }
+    case EncryptionMode::InsideSecure: {
+        const auto& record = configuration.record<encryption::InsideSecureConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "Inside Secure encryption parameters: Content Id = '%s' : LaUrl = '%s' : Key Change period = %d sec.",
+                        record.contentId.c_str(), record.laUrl.c_str(), record.keyPeriod);
+        provider = std::make_unique<InsideSecureEncryptionProvider>(record, transportSecurity, logger, soapTimeout);
+        break;
+    }
+    case EncryptionMode::BuyDrm: {
+        const auto& record = configuration.record<encryption::BuyDrmConfiguration>();
+        logger.WriteMsg(tvrn::log::LOG_INFO,
+                        "BuyDrm encryption parameters : KeyId = '%s' : User Key = '%s' : Server Key = '%s' : Content ID = '%s'",
+                        record.keyId.c_str(), encryption::maskSecret(record.userKey).c_str(),
+                        encryption::maskSecret(record.serverKey).c_str(), record.contentId.c_str());
+        provider = std::make_unique<BuyDrmEncryptionProvider>(record, transportSecurity, logger, soapTimeout);
         break;
     }
     default: break;
@@ -87,6 +115,7 @@ void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& mana
         encryption::buildEncryptionManager(manager, configuration, transportSecurity, logger, listener);
         return;
     }
+    manager.reset();
     manager = std::make_unique<encryption::EncryptionManager>(std::move(provider), listener);
 }
 

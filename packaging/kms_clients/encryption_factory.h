@@ -1,8 +1,9 @@
 #pragma once
 // The factory of encryption managers for every mode, key-server clients included. The encryption library's own
 // factory (encryption::buildEncryptionManager) cannot reach the clients, which depend on it; this one builds the
-// providers of the key servers that this library has (Harmonic KMS, Irdeto's key generation, Verimatrix) and hands
-// every other mode to it (the Irdeto PlayReady Scalable License included, which has no provider).
+// providers of the key servers that this library has (Harmonic KMS, Irdeto's key generation, Verimatrix, Widevine,
+// Inside Secure, BuyDRM) and hands every other mode to it (the Irdeto PlayReady Scalable License included, which
+// has no provider).
 #include <chrono>
 #include <memory>
 
@@ -45,8 +46,8 @@ std::unique_ptr<VerimatrixEncryptionProvider> buildVerimatrixProvider(
     const encryption::VerimatrixConfiguration& record, const encryption::TransportSecurity& transportSecurity,
     tvrn::log::ILogger& logger, VerimatrixOptions options = {});
 
-// encryption::buildEncryptionManager's contract, with the Harmonic KMS, Irdeto (key generation) and Verimatrix
-// modes given their providers.
+// encryption::buildEncryptionManager's contract, with the key servers' modes given their providers; each logs its
+// parameters at info level, secrets masked.
 void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& manager,
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,

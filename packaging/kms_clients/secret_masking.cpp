@@ -153,12 +153,29 @@ std::size_t maskHeaderLine(std::string_view text, std::size_t lineStart, const s
     return end;
 }
 
+// An element of an XML document carried escaped in another's text ("&lt;UserKey&gt;...&lt;/UserKey&gt;"), for a
+// secret name: its content is masked up to its escaped closing tag.
+std::size_t maskEscapedXmlElement(std::string_view text, std::size_t start, const std::vector<std::string>& names,
+                                  std::string& out) {
+    constexpr std::string_view open = "&lt;", close = "&gt;";
+    if (text.substr(start, open.size()) != open) return start;
+    std::size_t i = start + open.size();
+    while (i < text.size() && isNameChar(text[i])) ++i;
+    const std::string_view name = text.substr(start + open.size(), i - start - open.size());
+    if (name.empty() || text.substr(i, close.size()) != close || !isSecret(localName(name), names)) return start;
+    i += close.size();
+    out.append(text.substr(start, i - start));
+    out.append(kMask);
+    const std::size_t end = text.find("&lt;/" + std::string(name) + "&gt;", i);
+    return end == std::string_view::npos ? text.size() : end;
+}
+
 }  // namespace
 
 const std::vector<std::string>& secretNames() {
     static const std::vector<std::string> names = {
-        "key",       "contentKey", "keyValue", "keySeed", "PlayReadyKeySeed", "password",      "passwd",
-        "userKey",   "serverKey",  "signingKey", "signingIv", "secret",      "token",
+        "key",      "contentKey", "keyValue",   "keySeed",   "PlayReadyKeySeed", "encryptionKey", "seed",
+        "password", "passwd",     "userKey",    "serverKey", "signingKey",       "signingIv",     "secret", "token",
         "Authorization", "Proxy-Authorization", "Cookie", "Set-Cookie"};
     return names;
 }
@@ -171,6 +188,7 @@ std::string maskSecrets(std::string_view text, const std::vector<std::string>& n
         std::size_t next = i;
         if (i == 0 || text[i - 1] == '\n') next = maskHeaderLine(text, i, names, out);
         if (next == i && text[i] == '<') next = maskXmlElement(text, i, names, out);
+        if (next == i && text[i] == '&') next = maskEscapedXmlElement(text, i, names, out);
         if (next == i && text[i] == '"') next = maskJsonField(text, i, names, out);
         if (next == i) {
             out.push_back(text[i]);

@@ -8,6 +8,11 @@
 #   hung           the sample paced in real time; after the first key the server answers later than --kms-timeout
 #                  (1 s): each segment stalls for the time-out and no longer. The stall per segment is measured
 #                  against a run with a healthy server, and printed
+#   widevine-rotation  keys from the scripted Widevine server, requests signed with the key file's key and IV, a
+#                  new key every two segments: the MPD signals Widevine with the server's pssh
+#   insidesecure-rotation  keys from the scripted Inside Secure server every two segments: the MPD signals PlayReady
+#   buydrm         the key of the operator's key id from the scripted KeyOS server (user and server keys in the key
+#                  file, never in the log): the MPD carries the server's PlayReady header
 # Usage: kms_faults_test.sh BUILD_DIR CASE
 set -euo pipefail
 fail() { echo "kms_faults_test: FAIL: $*" >&2; [ -f "$OUT/stderr" ] && tr '\r' '\n' <"$OUT/stderr" | tail -n 20 >&2; exit 1; }
@@ -17,10 +22,11 @@ FMP4MUX="$1/apps/fmp4mux/fmp4mux"
 CASE=$2
 SAMPLE="$ROOT/samples/sample.ts"
 OUT=$(mktemp -d "${TMPDIR:-/tmp}/fmp4mux-kms-$CASE.XXXXXX")
-trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$OUT"' EXIT
+trap 'kill $(jobs -p) 2>/dev/null || true; [ -n "${KEEP:-}" ] || rm -rf "$OUT"' EXIT
 . "$ROOT/tests/e2e/kms_keys.sh"
 
-# run_fmp4mux NAME URL [OPTIONS...]: packages the sample into $OUT/NAME, its messages in $OUT/NAME.log.
+# run_fmp4mux NAME URL [OPTIONS...]: packages the sample into $OUT/NAME with keys from the Harmonic server at URL,
+# its messages in $OUT/NAME.log.
 run_fmp4mux() {
   local name=$1 url=$2; shift 2
   timeout 120 "$FMP4MUX" --kms-key-url "$url" --kms-resource-id sample --key-period 2 --drm clearkey \
@@ -58,6 +64,33 @@ case "$CASE" in
     echo "kms_faults_test: longest stall $max s, with a 1 s time-out per request stage"
     awk -v m="$max" 'BEGIN { exit !(m < 3.5) }' || fail "a segment stalled $max s, more than the time-outs allow"
     ;;
+  widevine-rotation)
+    start_kms
+    # The signing key 20 21 .. 3f and IV 40 .. 4f that the server checks signatures with.
+    printf 'widevine_signing_key=ICEiIyQlJicoKSorLC0uLzAxMjM0NTY3ODk6Ozw9Pj8=\nwidevine_signing_iv=QEFCQ0RFRkdISUpLTE1OTw==\n' >"$OUT/keys"
+    timeout 120 "$FMP4MUX" --widevine-key-server "http://127.0.0.1:$KMS_PORT/widevine/ok" --widevine-signer tovrane \
+      --kms-content-id sample --key-period 2 --key-file "$OUT/keys" "$SAMPLE" "$OUT/out" 2>"$OUT/out.log" ||
+      fail "fmp4mux exited with $?"
+    grep -q 'urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed' "$OUT/out/manifest.mpd" || fail "the MPD does not signal Widevine"
+    grep -q '<cenc:pssh>' "$OUT/out/manifest.mpd" || fail "the MPD has no Widevine pssh"
+    ! grep -q 'ICEiIyQlJicoKSorLC0uLzAxMjM0NTY3ODk6Ozw9Pj8' "$OUT/out.log" || fail "the signing key reached the log"
+    ;;
+  insidesecure-rotation)
+    start_kms
+    timeout 120 "$FMP4MUX" --insidesecure-key-server "http://127.0.0.1:$KMS_PORT/insidesecure/ok" \
+      --playready-la-url https://licence.invalid/pr --kms-content-id sample --key-period 2 "$SAMPLE" "$OUT/out" \
+      2>"$OUT/out.log" || fail "fmp4mux exited with $?"
+    grep -q 'urn:uuid:9a04f079-9840-4286-ab92-e65be0885f95' "$OUT/out/manifest.mpd" || fail "the MPD does not signal PlayReady"
+    ;;
+  buydrm)
+    start_kms
+    printf 'buydrm_user_key=user-SECRET-1\nbuydrm_server_key=server-SECRET-2\n' >"$OUT/keys"
+    timeout 120 "$FMP4MUX" -v --buydrm-key-server "http://127.0.0.1:$KMS_PORT/keyos/ok" --kms-content-id sample \
+      --key-id 0a0b0c0d-0102-0304-0506-0708090a0b0c --key-file "$OUT/keys" "$SAMPLE" "$OUT/out" 2>"$OUT/out.log" ||
+      fail "fmp4mux exited with $?"
+    grep -q 'mspr:pro' "$OUT/out/manifest.mpd" || fail "the MPD has no PlayReady header"
+    ! grep -q 'SECRET' "$OUT/out.log" || fail "a BuyDRM secret reached the log"
+    ;;
   *) echo "kms_faults_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
@@ -65,10 +98,12 @@ run_dir=$(dirname "$(find "$OUT/out" -name manifest.mpd | head -n 1)")
 xmllint --noout --nonet --schema "$ROOT/tests/data/schemas/DASH-MPD.xsd" "$run_dir/manifest.mpd" ||
   fail "the MPD does not validate"
 check_chunks "$OUT/out"
-echo "kms_faults_test: video chunks' key ids: $(echo $(cut -c1-8 <<<"$KIDS")); $FRAMES frames decrypted"
+echo "kms_faults_test: video chunks' key ids (first half): $(echo $(cut -c1-16 <<<"$KIDS")); $FRAMES frames decrypted"
 [ "$FRAMES" -eq 250 ] || fail "decrypted, the video has $FRAMES frames, the source 250"
 case "$CASE" in
   down-at-start|down-mid-run) [ "$(sort -u <<<"$KIDS" | grep -c .)" -ge 2 ] || fail "the keys did not rotate" ;;
+  widevine-rotation|insidesecure-rotation)
+    [ "$(sort -u <<<"$KIDS" | grep -c .)" -ge 3 ] || fail "the keys did not change every two segments" ;;
 esac
 case "$CASE" in
   down-mid-run|hung)

@@ -24,13 +24,19 @@ seig_kid() {
 }
 
 # The key the server hands out with a key id, worked out by hand from its script: the fixed keys of /keys/ok and
-# /keys/hang-after-first, and the key of period n of /keys/rotating (key id n-0000-4000-8000-0..., bytes n..n+15).
+# /keys/hang-after-first, the key of period n of /keys/rotating (key id n-0000-4000-8000-0..., bytes n..n+15), and
+# the n-th Widevine and Inside Secure answers', and KeyOS's key.
 key_of_kid() {
   case "$1" in
     11111111222233334444555555555555) echo 000102030405060708090a0b0c0d0e0f ;;
     66666666777788889999aaaaaaaaaaaa) echo 101112131415161718191a1b1c1d1e1f ;;
     ????????000040008000000000000000)
       python3 -c 'import sys; n=int(sys.argv[1][:8],16); print(bytes((n+i)%256 for i in range(16)).hex())' "$1" ;;
+    15150000????41518000000000000000)  # Inside Secure's n-th answer: key bytes 40+n, 41+n, ...
+      python3 -c 'import sys; n=int(sys.argv[1][8:12],16); print(bytes((0x40+n+i)%256 for i in range(16)).hex())' "$1" ;;
+    0a0b0c0d0102030405060708090a0b0c) echo 606162636465666768696a6b6c6d6e6f ;;  # the KeyOS key of the operator's key id
+    d0d0d0d0????????0000000000000000)  # the Widevine server's n-th answer: key bytes 80+n, 81+n, ...
+      python3 -c 'import sys; n=int(sys.argv[1][8:16],16); print(bytes((0x80+n+i)%256 for i in range(16)).hex())' "$1" ;;
     *) return 1 ;;
   esac
 }

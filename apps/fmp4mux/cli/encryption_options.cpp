@@ -96,7 +96,12 @@ void readKeyFile(EncryptionOptions& o) {
             {"irdeto_event_encryption_type", &o.irdetoEventEncryptionType},
             {"irdeto_policy_group_id", &o.irdetoPolicyGroupText},
             {"irdeto_key_request_period", &o.irdetoRequestPeriodText}, {"vmx_url", &o.vmxUrl},
-            {"vmx_resource_id", &o.vmxResourceId}, {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText}};
+            {"vmx_resource_id", &o.vmxResourceId}, {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText},
+            {"kms_content_id", &o.kmsContentId}, {"widevine_key_server", &o.widevineKeyServer},
+            {"widevine_signer", &o.widevineSigner}, {"widevine_signing_key", &o.widevineSigningKey},
+            {"widevine_signing_iv", &o.widevineSigningIv}, {"insidesecure_key_server", &o.insideSecureKeyServer},
+            {"buydrm_key_server", &o.buyDrmKeyServer}, {"buydrm_user_key", &o.buyDrmUserKey},
+            {"buydrm_server_key", &o.buyDrmServerKey}};
         std::string* target = nullptr;
         for (const auto& [known, field] : names)
             if (name == known) target = field;
@@ -149,9 +154,14 @@ std::int32_t secondsOf(const char* option, const std::string& text) {
 
 // What every key server shares: the keys come from it, the key period, the TLS trust and client key.
 void finishAnyKeyServer(EncryptionOptions& o) {
-    if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty())
-        refuse("a key server (--kms-..., --irdeto-... or --vmx-...) gives the keys: --key-id, --key and --key-seed do "
-               "not go with it");
+    // BuyDRM's server gives the key of the operator's key id; every other server gives both.
+    if (!o.buyDrmKeyServer.empty()) {
+        if (!o.keyText.empty() || !o.keySeedText.empty())
+            refuse("--buydrm-key-server gives the key: --key and --key-seed do not go with it");
+    } else if (!o.keyIdText.empty() || !o.keyText.empty() || !o.keySeedText.empty()) {
+        refuse("a key server (--kms-..., --irdeto-..., --vmx-..., --widevine-key-server or --insidesecure-key-server) "
+               "gives the keys: --key-id, --key and --key-seed do not go with it");
+    }
     if (!o.customSystemId.empty()) refuse("--drm-system-id does not go with a key server, whose answer signals the systems");
     o.keyPeriod = secondsOf("--key-period", o.keyPeriodText);
     // Seconds with up to three decimals: a request stage from 0.1 s to 60 s; the wait at the start up to a day.
@@ -196,6 +206,35 @@ void finishVerimatrix(EncryptionOptions& o) {
     if (!o.drmSystems.empty()) refuse("--drm does not go with Verimatrix, whose server signals its own system");
 }
 
+// Widevine, Inside Secure and BuyDRM: an address and the content id; Widevine's signing key and IV together and of
+// AES sizes; BuyDRM's key id and its two secrets.
+void finishContentKeyServer(EncryptionOptions& o) {
+    using Server = EncryptionOptions::KeyServer;
+    o.keyServerKind = !o.widevineKeyServer.empty() ? Server::Widevine
+                    : !o.insideSecureKeyServer.empty() ? Server::InsideSecure : Server::BuyDrm;
+    checkAddress("--widevine-key-server", o.widevineKeyServer);
+    checkAddress("--insidesecure-key-server", o.insideSecureKeyServer);
+    checkAddress("--buydrm-key-server", o.buyDrmKeyServer);
+    if (o.widevineKeyServer.empty() && o.insideSecureKeyServer.empty() && o.buyDrmKeyServer.empty())
+        refuse("--kms-content-id and the Widevine and BuyDRM settings need their key server's address");
+    if (o.kmsContentId.empty()) refuse("--kms-content-id: the key server needs the content id");
+    if (o.widevineSigningKey.empty() != o.widevineSigningIv.empty())
+        refuse("widevine_signing_key= and widevine_signing_iv= go together in the key file");
+    if (!o.widevineSigningKey.empty()) {
+        const std::size_t size = fromBase64(o.widevineSigningKey).size();
+        if (size != 16 && size != 24 && size != 32)
+            refuse("widevine_signing_key= in the key file is not base64 of 16, 24 or 32 bytes");
+        if (fromBase64(o.widevineSigningIv).size() != 16)
+            refuse("widevine_signing_iv= in the key file is not base64 of 16 bytes");
+    }
+    if (o.keyServerKind == Server::BuyDrm) {
+        if (o.keyIdText.empty()) refuse("--buydrm-key-server needs the key id (--key-id)");
+        o.keyId = uuidOf(o.keyIdText, "--key-id");
+        if (o.buyDrmUserKey.empty() || o.buyDrmServerKey.empty())
+            refuse("--buydrm-key-server needs buydrm_user_key= and buydrm_server_key= in the key file");
+    }
+}
+
 // A Harmonic key server's settings, checked: the run then takes its keys from the server.
 void finishKeyServer(EncryptionOptions& o) {
     o.keyServerKind = EncryptionOptions::KeyServer::Harmonic;
@@ -220,17 +259,26 @@ void finishEncryptionOptions(EncryptionOptions& o) {
                                 &o.irdetoEventSubContentType, &o.irdetoEventEncryptionType, &o.irdetoPolicyGroupText,
                                 &o.irdetoRequestPeriodText});
     const bool verimatrix = anySet({&o.vmxUrl, &o.vmxResourceId});
+    const bool content = anySet({&o.widevineKeyServer, &o.widevineSigner, &o.widevineSigningKey, &o.widevineSigningIv,
+                                 &o.insideSecureKeyServer, &o.buyDrmKeyServer, &o.buyDrmUserKey, &o.buyDrmServerKey,
+                                 &o.kmsContentId});
+    const int servers = static_cast<int>(harmonic) + static_cast<int>(irdeto) + static_cast<int>(verimatrix) +
+                        static_cast<int>(!o.widevineKeyServer.empty()) + static_cast<int>(!o.insideSecureKeyServer.empty()) +
+                        static_cast<int>(!o.buyDrmKeyServer.empty());
     const bool shared = anySet({&o.keyPeriodText, &o.kmsCaFile, &o.kmsClientKey, &o.kmsClientKeyPassword,
                                 &o.kmsTimeoutText, &o.kmsWaitText});
-    if (static_cast<int>(harmonic) + static_cast<int>(irdeto) + static_cast<int>(verimatrix) > 1)
-        refuse("the keys come from one key server: Harmonic (--kms-...), Irdeto (--irdeto-...) or Verimatrix (--vmx-...)");
-    if (harmonic || irdeto || verimatrix || shared) {
+    if (servers > 1 || (content && (harmonic || irdeto || verimatrix)))
+        refuse("the keys come from one key server: Harmonic (--kms-...), Irdeto (--irdeto-...), Verimatrix (--vmx-...), "
+               "Widevine, Inside Secure or BuyDRM");
+    if (harmonic || irdeto || verimatrix || content || shared) {
         finishAnyKeyServer(o);
         readSystems(o);
         if (irdeto)
             finishIrdeto(o);
         else if (verimatrix)
             finishVerimatrix(o);
+        else if (content)
+            finishContentKeyServer(o);
         else
             finishKeyServer(o);
         return;

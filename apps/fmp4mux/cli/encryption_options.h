@@ -53,6 +53,18 @@ struct EncryptionOptions {
     // Or from a Verimatrix key file server: its address and the resource id; the server signals Verimatrix.
     std::string vmxUrl;
     std::string vmxResourceId;
+    // Or from a Widevine key server (signed with the key file's widevine_signing_key= and widevine_signing_iv=), an
+    // Inside Secure key server (PlayReady, with --playready-la-url) or a BuyDRM KeyOS server (with --key-id, and the
+    // key file's buydrm_user_key= and buydrm_server_key=), for the content id.
+    std::string widevineKeyServer;
+    std::string widevineSigner;
+    std::string widevineSigningKey;  // key file only: a secret
+    std::string widevineSigningIv;   // key file only: a secret
+    std::string insideSecureKeyServer;
+    std::string buyDrmKeyServer;
+    std::string buyDrmUserKey;    // key file only: a secret
+    std::string buyDrmServerKey;  // key file only: a secret
+    std::string kmsContentId;
 
     // After finish(): the key id as UUID text (lower case, hyphenated, in the byte order files hold it), the key
     // and the seed in base64 (one of them), and the systems to signal.
@@ -68,7 +80,7 @@ struct EncryptionOptions {
     std::int32_t keyPeriod = 0;  // seconds; 0: one key for the run
     std::chrono::milliseconds kmsTimeout{5000};  // each stage of a key request
     std::chrono::milliseconds kmsWait{0};        // 0: wait for the key server until interrupted
-    enum class KeyServer { None, Harmonic, Irdeto, Verimatrix };
+    enum class KeyServer { None, Harmonic, Irdeto, Verimatrix, Widevine, InsideSecure, BuyDrm };
     KeyServer keyServerKind = KeyServer::None;
     std::int32_t irdetoRequestPeriod = 0;  // seconds; 0: none
     std::int32_t irdetoPolicyGroupId = 0;

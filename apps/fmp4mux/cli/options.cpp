@@ -296,6 +296,15 @@ with nothing to package; 4 output folder not writable.
         ->type_name("FILE");
     app.add_option("--kms-client-key", e.kmsClientKey, "client key and certificate (PEM) for the key server; its\n"
                    "password, if any, as kms_client_key_password= in --key-file")->type_name("FILE");
+    app.add_option("--widevine-key-server", e.widevineKeyServer, "keys from a Widevine key server at this address\n"
+                   "(signing key and IV as widevine_signing_key= and widevine_signing_iv= in --key-file)")->type_name("URL");
+    app.add_option("--widevine-signer", e.widevineSigner, "the signer name of the Widevine requests")->type_name("NAME");
+    app.add_option("--insidesecure-key-server", e.insideSecureKeyServer, "keys from an Inside Secure key server (PlayReady)")
+        ->type_name("URL");
+    app.add_option("--buydrm-key-server", e.buyDrmKeyServer, "the key of --key-id from a BuyDRM KeyOS server (PlayReady;\n"
+                   "buydrm_user_key= and buydrm_server_key= in --key-file)")->type_name("URL");
+    app.add_option("--kms-content-id", e.kmsContentId, "the content id at the Widevine, Inside Secure or BuyDRM server")
+        ->type_name("ID");
     app.add_option("--kms-timeout", e.kmsTimeoutText, "seconds each stage of a key request may take (default 5)")
         ->type_name("SECONDS");
     app.add_option("--kms-wait", e.kmsWaitText, "give up when the key server has not answered at the start after\n"

@@ -80,8 +80,9 @@ void Packager::configureEncryption(const EncryptionOptions& e) {
         throw ExitError(kExitUsage, "the engine refused the encryption settings");
 }
 
-// Keys from a key server (Harmonic KMS, Irdeto or Verimatrix), asked for the systems the operator named; TLS with
-// the operator's trust and client key when given (https is verified against the system's CA store otherwise).
+// Keys from a key server (Harmonic KMS, Irdeto, Verimatrix, Widevine, Inside Secure or BuyDRM), asked for the systems
+// the operator named where the server asks; TLS with the operator's trust and client key when given (https is
+// verified against the system's CA store otherwise).
 void Packager::configureKeyServer(const EncryptionOptions& e) {
     using Server = EncryptionOptions::KeyServer;
     if (e.keyServerKind == Server::Irdeto) {
@@ -111,6 +112,34 @@ void Packager::configureKeyServer(const EncryptionOptions& e) {
         settings.serverUrl = e.vmxUrl.c_str();
         if (m_filter->SetVerimatrixEncryption(&settings) != S_OK)
             throw ExitError(kExitUsage, "the engine refused the Verimatrix settings");
+    } else if (e.keyServerKind == Server::Widevine) {
+        flt::WidevineEncryptionSettings settings{};
+        settings.serverUrl = e.widevineKeyServer.c_str();
+        settings.signer = e.widevineSigner.c_str();
+        settings.signRequests = !e.widevineSigningKey.empty();
+        settings.signingKey = e.widevineSigningKey.c_str();
+        settings.signingIv = e.widevineSigningIv.c_str();
+        settings.keyPeriod = e.keyPeriod;
+        settings.contentId = e.kmsContentId.c_str();
+        if (m_filter->SetWidevineEncryption(&settings) != S_OK)
+            throw ExitError(kExitUsage, "the engine refused the Widevine settings");
+    } else if (e.keyServerKind == Server::InsideSecure) {
+        flt::InsideSecureEncryptionSettings settings{};
+        settings.serverUrl = e.insideSecureKeyServer.c_str();
+        settings.laUrl = e.playReadyLicenceUrl.c_str();
+        settings.contentId = e.kmsContentId.c_str();
+        settings.keyPeriod = e.keyPeriod;
+        if (m_filter->SetInsideSecureEncryption(&settings) != S_OK)
+            throw ExitError(kExitUsage, "the engine refused the Inside Secure settings");
+    } else if (e.keyServerKind == Server::BuyDrm) {
+        flt::BuyDrmEncryptionSettings settings{};
+        settings.keyId = e.keyId.c_str();
+        settings.userKey = e.buyDrmUserKey.c_str();
+        settings.serverKey = e.buyDrmServerKey.c_str();
+        settings.contentId = e.kmsContentId.c_str();
+        settings.serverUrl = e.buyDrmKeyServer.c_str();
+        if (m_filter->SetBuyDrmEncryption(&settings) != S_OK)
+            throw ExitError(kExitUsage, "the engine refused the BuyDRM settings");
     } else {
         configureHarmonic(e);
     }

@@ -348,6 +348,9 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key-period 4000 " + source + to), 2, "--key-period: '4000' is not a number of seconds"},
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key " + kKey + " " + source + to), 2, "--key-id, --key and --key-seed do not go with it"},
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --kms-timeout 0.05 " + source + to), 2, "--kms-timeout: '0.05' is not a number of seconds from 0.1 to 60"},
+        {mux("--widevine-key-server http://127.0.0.1:9/w --kms-resource-id r --kms-key-url http://127.0.0.1:9/k " + source + to), 2, "the keys come from one key server"},
+        {mux("--widevine-key-server http://127.0.0.1:9/w " + source + to), 2, "--kms-content-id: the key server needs the content id"},
+        {mux("--buydrm-key-server http://127.0.0.1:9/b --kms-content-id c " + source + to), 2, "--buydrm-key-server needs the key id (--key-id)"},
         // A key server that never answers, and an operator who waits half a second for it.
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --kms-wait 0.5 " + source + to), 1, "the key server did not answer within --kms-wait"},
         {mux("--irdeto-url http://127.0.0.1:9/i --vmx-url http://127.0.0.1:9/v " + source + to), 2, "the keys come from one key server"},

@@ -13,17 +13,24 @@ for a client certificate signed by that CA.
                  service's namespace; a body that holds "fault-me", or any other request, gets a SOAP fault
   POST /session/active|flaky|standby, POST /keys/<name>   a scripted Harmonic KMS: see harmonic() for the answers
   GET  /calls    the Harmonic requests so far, "<path> <operation> <time or resourceId>" a line
-  GET  /last/<operation>   the body of the last Harmonic request of that operation
   POST /irdeto/<scenario>, GET /vmx/<scenario>?..., PUT|GET /cei/...   scripted Irdeto and Verimatrix key
                  servers: see key_servers.py; GET /calls-of/irdeto|vmx|cei and /last-irdeto/<operation> tell
                  what they were asked
+  GET  /last/<operation>   the body of the last Harmonic request of that operation ("widevine" for Widevine's)
+  POST /widevine/<name>    a scripted Widevine key server: see widevine()
+  POST /insidesecure/<name>, POST /keyos/<name>   scripted Inside Secure and BuyDRM KeyOS servers (their last
+                 requests at /last/insidesecure and /last/keyos)
 """
 import argparse
 import base64
+import hashlib
+import html
+import json
 import http.server
 import os
 import re
 import ssl
+import subprocess
 import sys
 import threading
 import time
@@ -106,6 +113,112 @@ def harmonic(path, operation, detail, port, body):
                       % (at, key_id, key, HK_SIGNALLING), op)
 
 
+# A Widevine key server, worked out from its public description: the posted {"request": base64 of the inner
+# JSON, "signature", "signer"}. A signature must be the SHA-1 of the inner text, PKCS#7-padded to 32 bytes and
+# AES-256-CBC-encrypted (by the openssl command) under key 20 21 .. 3f and IV 40 41 .. 4f; a bad one gets status
+# "SIGNATURE_FAILED". The n-th answer of the run (n from 0) gives key id d0d0d0d0 + n (32 bits) + 8 zero bytes,
+# key bytes 80+n, 81+n, ... (mod 256) and pssh data 08 01 12 10 + the key id. The name after /widevine/ picks a
+# fault instead of an answer.
+WV_KEY = bytes(range(0x20, 0x40))
+WV_IV = bytes(range(0x40, 0x50))
+wv_count = [0]
+
+
+def widevine(name, body):
+    outer = json.loads(body)
+    inner_text = base64.b64decode(outer["request"])
+    inner = json.loads(inner_text)
+    if "signature" in outer:
+        digest = hashlib.sha1(inner_text).digest()
+        padded = digest + bytes([12]) * 12
+        made = subprocess.run(["openssl", "enc", "-aes-256-cbc", "-nopad", "-K", WV_KEY.hex(), "-iv", WV_IV.hex()],
+                              input=padded, capture_output=True, check=True).stdout
+        if base64.b64decode(outer["signature"]) != made:
+            return 200, json.dumps({"response": base64.b64encode(b'{"status":"SIGNATURE_FAILED"}').decode()})
+    if name == "http-500":
+        return 500, "the key server is in trouble"
+    if name == "empty":
+        return 200, ""
+    if name == "broken":
+        return 200, '{"response": '
+    n = wv_count[0]
+    wv_count[0] += 1
+    key_id = bytes([0xD0] * 4) + n.to_bytes(4, "big") + bytes(8)
+    key = bytes((0x80 + n + i) % 256 for i in range(16))
+    if name == "short-key":
+        key = key[:8]
+    track = {"type": "HD", "key_id": base64.b64encode(key_id).decode(), "key": base64.b64encode(key).decode(),
+             "pssh": [{"drm_type": "WIDEVINE", "data": base64.b64encode(bytes([8, 1, 0x12, 0x10]) + key_id).decode()}]}
+    answer = {"status": "OK", "drm": [{"type": "WIDEVINE", "system_id": "edef8ba979d64acea3c827dcd51d21ed"}],
+              "tracks": [track], "content_id": inner["content_id"]}
+    if name == "not-found":
+        answer["status"] = "NOT_FOUND"
+    elif name == "no-widevine":
+        answer["drm"] = [{"type": "PLAYREADY"}]
+    elif name == "no-tracks":
+        answer["tracks"] = []
+    elif name == "no-key":
+        del track["key"]
+    return 200, json.dumps({"response": base64.b64encode(json.dumps(answer).encode()).decode()})
+
+
+# Inside Secure's key provisioning (SOAP): the n-th answer of the run (n from 0) gives key id
+# 15150000-<n as 4 hex digits>-4151-8000-000000000000, key bytes 40+n, 41+n, ... (mod 256) and a seed. The name
+# after /insidesecure/ picks a fault instead.
+IS_NS = "urn:tovrane:kms:insidesecure:1"
+is_count = [0]
+
+
+def inside_secure(name, body):
+    if name == "fault":
+        return 500, SOAP_FAULT
+    n = is_count[0]
+    is_count[0] += 1
+    key_id = "15150000-%04x-4151-8000-000000000000" % n
+    key = bytes((0x40 + n + i) % 256 for i in range(16))
+    if name == "short-key":
+        key = key[:8]
+    if name == "bad-key-id":
+        key_id = "not-a-key-id"
+    return 200, ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" xmlns:i="%s">'
+                 '<S:Body><i:PlayReadyProvisionKeyResponse><i:keyID>%s</i:keyID><i:seed>c2VlZA==</i:seed>'
+                 '<i:encryptionKey>%s</i:encryptionKey></i:PlayReadyProvisionKeyResponse></S:Body></S:Envelope>\n'
+                 % (IS_NS, key_id, base64.b64encode(key).decode()))
+
+
+# BuyDRM's KeyOS (SOAP): the request document arrives escaped in one string; the answer document goes back the
+# same way. The user key must be "user-SECRET-1", else Status says so. The key of any key id: bytes 60 .. 6f. The
+# name after /keyos/ leaves an element out, or picks another fault.
+KOS_NS = "urn:tovrane:kms:keyos:5"
+KOS_HEADER = ('<WRMHEADER xmlns="http://schemas.microsoft.com/DRM/2007/03/PlayReadyHeader" version="4.0.0.0"><DATA>'
+              '<PROTECTINFO><KEYLEN>16</KEYLEN><ALGID>AESCTR</ALGID></PROTECTINFO><KID>kid-from-keyos</KID>'
+              '<LA_URL>https://keyos.invalid/licence</LA_URL></DATA></WRMHEADER>')
+
+
+def keyos(name, body):
+    if name == "fault":
+        return 500, SOAP_FAULT
+    request = html.unescape(re.search(r"requestXml>([^<]*)<", body).group(1))
+    field = lambda tag: (re.search("<%s>([^<]*)</%s>" % (tag, tag), request) or [None, ""])[1]
+    parts = {"Status": "OK", "KeyID": field("KeyID"), "ContentKey": base64.b64encode(bytes(range(0x60, 0x70))).decode(),
+             "LicAcqURL": "https://keyos.invalid/licence", "LicUIURL": "https://keyos.invalid/ui", "PRHeader": KOS_HEADER}
+    if field("UserKey") != "user-SECRET-1":
+        parts["Status"] = "Invalid user key"
+    if name == "short-key":
+        parts["ContentKey"] = "YGFiY2RlZmc="
+    for element in ("KeyID", "ContentKey", "LicAcqURL", "LicUIURL", "PRHeader"):
+        if name == "no-" + element.lower():
+            del parts[element]
+    document = "<KeyOSEncryptionInfoResponse>%s</KeyOSEncryptionInfoResponse>" % "".join(
+        "<%s>%s</%s>" % (k, html.escape(v, quote=False), k) for k, v in parts.items())
+    if name == "not-xml":
+        document = "<KeyOSEncryptionInfoResponse><Status>"
+    return 200, ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" xmlns:k="%s">'
+                 '<S:Body><k:RequestEncryptionInfoResponse><k:RequestEncryptionInfoResult>%s'
+                 '</k:RequestEncryptionInfoResult></k:RequestEncryptionInfoResponse></S:Body></S:Envelope>\n'
+                 % (KOS_NS, html.escape(document, quote=False)))
+
+
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     delay = 0.0
@@ -172,6 +285,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
             if self.path == "/irdeto/slow":
                 time.sleep(Handler.delay)
             self.answer(*key_servers.irdeto(self.path, body), "application/soap+xml; charset=utf-8")
+        elif self.path.startswith(("/insidesecure/", "/keyos/")):
+            kind, _, name = self.path.strip("/").partition("/")
+            hk_last[kind] = body
+            self.answer(*(inside_secure if kind == "insidesecure" else keyos)(name, body), "text/xml")
+        elif self.path.startswith("/widevine/"):
+            hk_last["widevine"] = body
+            self.answer(*widevine(self.path[len("/widevine/"):], body), "application/json")
         elif self.path.startswith(("/keys/", "/session/")):
             request = re.search(r"<\w+:(\w+)Request[ >]", body)
             detail = re.search(r":(?:time|resourceId)>([^<]*)<", body)

@@ -1,0 +1,173 @@
+// The PlayReady key servers against loopback_server.py's scripted services: Inside Secure (a key per request,
+// rotated by media time, the position the wall clock) and BuyDRM KeyOS (one request, the server's PlayReady
+// header), with their failures.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "packaging/encryption/protection_signalling.h"
+#include "packaging/kms_clients/buydrm_provider.h"
+#include "packaging/kms_clients/http_client.h"
+#include "packaging/kms_clients/inside_secure_provider.h"
+#include "tests/common/boxes.h"
+#include "tests/common/bytes.h"
+#include "tests/common/loggers.h"
+#include "tests/packaging/kms_clients/loopback_server.h"
+
+namespace {
+
+using namespace tvrn::encoding::packaging::kms_clients;
+namespace enc = tvrn::encoding::packaging::encryption;
+using enc::KeyUpdateResult;
+using testkit::hex;
+constexpr std::uint64_t kSecond = 10'000'000;
+constexpr int kTimeout = -1000000;  // 1 s, in gSOAP's microseconds
+
+struct Server {
+    kmstest::LoopbackServer server{{"--lifetime", "30"}};
+    testkit::RecordingLogger logger;
+    std::string url(const std::string& path) const { return server.url("http", path); }
+    std::string last(const std::string& kind) {
+        std::string t;
+        HttpClient().get(url("/last/" + kind), &t);
+        return t;
+    }
+};
+
+// A key id as files carry it, in hexadecimal, and a key.
+std::string keyIdOf(enc::IEncryptionProvider& p) {
+    enc::KeyId id{};
+    if (!p.getKeyId(id)) return "none";
+    std::string text;
+    for (const std::uint8_t b : tvrn::encoding::packaging::imff::imff_box::keyIdToUuid(id)) {
+        text += "0123456789abcdef"[b >> 4];
+        text += "0123456789abcdef"[b & 15];
+    }
+    return text;
+}
+testkit::Bytes keyOf(enc::IEncryptionProvider& p) {
+    enc::ContentKey key{};
+    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
+}
+// Text as UTF-16LE bytes, as a PlayReady header holds it.
+testkit::Bytes utf16(const std::string& text) {
+    testkit::Bytes out;
+    for (const char c : text) out.insert(out.end(), {static_cast<std::uint8_t>(c), 0});
+    return out;
+}
+bool holds(const testkit::Bytes& bytes, const testkit::Bytes& part) {
+    return std::search(bytes.begin(), bytes.end(), part.begin(), part.end()) != bytes.end();
+}
+
+TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader) {
+    Server is;
+    const auto make = [&](const std::string& name, std::int32_t period, const std::string& contentId = "channel-1") {
+        return std::make_unique<InsideSecureEncryptionProvider>(
+            enc::InsideSecureConfiguration{is.url("/insidesecure/" + name), "https://licence.invalid/pr", contentId, period},
+            enc::TransportSecurity{}, is.logger, kTimeout, [] { return std::uint64_t{1764000000}; });
+    };
+    auto provider = make("ok", 4);
+    ASSERT_TRUE(provider->connect());
+    const std::string request = is.last("insidesecure");
+    for (const char* part : {"protectionSystem>PlayReady<", "contentID>channel-1<", "position>1764000000<"})
+        EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
+    EXPECT_EQ(keyIdOf(*provider), "15150000000041518000000000000000");
+    EXPECT_BYTES(keyOf(*provider), hex("404142434445464748494a4b4c4d4e4f"));
+    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
+    provider->getProtectionBoxes(boxes, true);
+    ASSERT_EQ(boxes.size(), 1u);
+    const testkit::Bytes box = testkit::writeBox(boxes[0]);
+    EXPECT_TRUE(holds(box, hex("9a04f079 98404286 ab92e65b e0885f95"))) << "PlayReady's system id";
+    EXPECT_TRUE(holds(box, utf16("<LA_URL>https://licence.invalid/pr</LA_URL>")));
+    // The first segment sets the clock; a new key once more than the period has passed, none without a period.
+    EXPECT_EQ(provider->updateKey(50 * kSecond), KeyUpdateResult::Unchanged);
+    EXPECT_EQ(provider->updateKey(54 * kSecond + kSecond - 1), KeyUpdateResult::Unchanged);
+    EXPECT_EQ(provider->updateKey(55 * kSecond), KeyUpdateResult::Updated);
+    EXPECT_EQ(keyIdOf(*provider), "15150000000141518000000000000000");
+    auto once = make("ok", 0);
+    ASSERT_TRUE(once->connect());
+    EXPECT_EQ(once->updateKey(kSecond), KeyUpdateResult::Unchanged);
+    EXPECT_EQ(once->updateKey(1000 * kSecond), KeyUpdateResult::Unchanged);
+
+    // Failures at connect escape to the filter's loop; during the run they keep the last key.
+    const std::pair<std::string, std::string> rows[] = {
+        {"fault", "provisionKey error; resource unknown"},
+        {"short-key", "Invalid encryption key size from Inside Secure"},
+        {"bad-key-id", "Invalid Key Id received from Inside Secure"},
+    };
+    for (const auto& [name, message] : rows) EXPECT_EQ(testkit::failureOf([&] { make(name, 4)->connect(); }), message);
+    EXPECT_EQ(testkit::failureOf([&] { make("ok", 4, "")->connect(); }), "Invalid configuration : 'Content Id' is empty");
+    std::unique_ptr<InsideSecureEncryptionProvider> running;
+    {
+        kmstest::LoopbackServer gone({"--lifetime", "30"});
+        running = std::make_unique<InsideSecureEncryptionProvider>(
+            enc::InsideSecureConfiguration{gone.url("http", "/insidesecure/ok"), "", "c", 2}, enc::TransportSecurity{},
+            is.logger, kTimeout);
+        ASSERT_TRUE(running->connect());
+        ASSERT_EQ(running->updateKey(kSecond), KeyUpdateResult::Unchanged);
+    }
+    const std::string kept = keyIdOf(*running);
+    EXPECT_EQ(running->updateKey(4 * kSecond), KeyUpdateResult::Failed);
+    EXPECT_EQ(keyIdOf(*running), kept);
+    EXPECT_NE(is.logger.lines().back().find("0 Encryption exception: provisionKey error; "), std::string::npos);
+    EXPECT_NE(is.logger.lines().back().find(", use previous key"), std::string::npos);
+    for (const std::string& line : is.logger.lines()) EXPECT_EQ(line.find("QEFCQ0RFRkdISUpLTE1OTw=="), std::string::npos) << line;
+}
+
+TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
+    const enc::BuyDrmConfiguration record{"0a0b0c0d-0102-0304-0506-0708090a0b0c", "user-SECRET-1", "server-SECRET-2",
+                                          "movie<1>", ""};
+    EXPECT_EQ(makeKeyOsRequest(record),
+              "<KeyOSEncryptionInfoRequest><APIVersion>5.0.0.2</APIVersion><DRMType>smooth</DRMType><EncoderVersion>"
+              "tovrane-fmp4 1</EncoderVersion><UserKey>user-SECRET-1</UserKey><KeyID>0a0b0c0d-0102-0304-0506-"
+              "0708090a0b0c</KeyID><ContentID>movie&lt;1&gt;</ContentID><fl_GeneratePRHeader>true</fl_GeneratePRHeader>"
+              "<MediaID>movie&lt;1&gt;</MediaID></KeyOSEncryptionInfoRequest>");
+    Server kos;
+    const auto make = [&](const std::string& name, std::string userKey = "user-SECRET-1") {
+        enc::BuyDrmConfiguration c = record;
+        c.serverUrl = kos.url("/keyos/" + name);
+        c.userKey = std::move(userKey);
+        return std::make_unique<BuyDrmEncryptionProvider>(c, enc::TransportSecurity{}, kos.logger, kTimeout);
+    };
+    auto provider = make("ok");
+    ASSERT_TRUE(provider->connect());
+    EXPECT_EQ(keyIdOf(*provider), "0a0b0c0d01020304050607080" "90a0b0c");
+    EXPECT_BYTES(keyOf(*provider), hex("606162636465666768696a6b6c6d6e6f"));
+    EXPECT_EQ(provider->updateKey(1000 * kSecond), KeyUpdateResult::Unchanged);
+    // The pssh holds the server's header as a PlayReady object: total length, one record of type 1, UTF-16LE.
+    const std::string header = "<WRMHEADER xmlns=\"http://schemas.microsoft.com/DRM/2007/03/PlayReadyHeader\" "
+                               "version=\"4.0.0.0\"><DATA><PROTECTINFO><KEYLEN>16</KEYLEN><ALGID>AESCTR</ALGID>"
+                               "</PROTECTINFO><KID>kid-from-keyos</KID><LA_URL>https://keyos.invalid/licence</LA_URL>"
+                               "</DATA></WRMHEADER>";
+    const std::uint32_t length = static_cast<std::uint32_t>(2 * header.size());
+    testkit::Bytes object{static_cast<std::uint8_t>((length + 10) & 0xff), static_cast<std::uint8_t>((length + 10) >> 8), 0, 0,
+                          1, 0, 1, 0, static_cast<std::uint8_t>(length & 0xff), static_cast<std::uint8_t>(length >> 8)};
+    const testkit::Bytes text = utf16(header);
+    object.insert(object.end(), text.begin(), text.end());
+    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
+    provider->getProtectionBoxes(boxes, true);
+    ASSERT_EQ(boxes.size(), 1u);
+    EXPECT_TRUE(holds(testkit::writeBox(boxes[0]), object));
+    EXPECT_TRUE(make("no-licuiurl")->connect());
+
+    const std::string failed = "0 BuyDRM KeyOS request failed: ";
+    const std::pair<std::string, std::string> rows[] = {
+        {"no-keyid", "KeyOS soap response: KeyId is empty"},
+        {"no-contentkey", "KeyOS soap response: ContentKey is empty"},
+        {"no-licacqurl", "KeyOS soap response: LicAcqURL is empty"},
+        {"no-prheader", "KeyOS soap response: PRHeader is empty"},
+        {"not-xml", "KeyOS soap response: invalid XML"},
+        {"fault", "RequestEncryptionInfo error; resource unknown"},
+        {"short-key", "the content key is not 16 bytes"},
+    };
+    for (const auto& [name, message] : rows) {
+        EXPECT_FALSE(make(name)->connect()) << name;
+        EXPECT_EQ(kos.logger.lines().back(), failed + message) << name;
+    }
+    EXPECT_FALSE(make("ok", "user-wrong")->connect());
+    EXPECT_EQ(kos.logger.lines().back(), failed + "Invalid user key");
+    for (const std::string& line : kos.logger.lines())
+        for (const char* secret : {"SECRET", "YGFiY2RlZmdoaWprbG1ubw=="}) EXPECT_EQ(line.find(secret), std::string::npos) << line;
+}
+
+}  // namespace
