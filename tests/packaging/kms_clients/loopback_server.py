@@ -20,6 +20,8 @@ for a client certificate signed by that CA.
   POST /widevine/<name>    a scripted Widevine key server: see widevine()
   POST /insidesecure/<name>, POST /keyos/<name>   scripted Inside Secure and BuyDRM KeyOS servers (their last
                  requests at /last/insidesecure and /last/keyos)
+  POST /viaccess/<name>, POST /prpackaging/<name>   scripted Viaccess and PlayReady packaging services (their
+                 last requests at /last/viaccess and /last/prpackaging)
 """
 import argparse
 import base64
@@ -219,6 +221,46 @@ def keyos(name, body):
                  % (KOS_NS, html.escape(document, quote=False)))
 
 
+# Viaccess's encoder key service (SOAP): key bytes 70 .. 7f, a PLAYREADY entry with its header fields and a VODRM
+# entry, each with its pssh. The name after /viaccess/ leaves a part out instead.
+VIA_NS = "urn:tovrane:kms:viaccess:1"
+
+
+def viaccess(name):
+    if name == "fault":
+        return 500, SOAP_FAULT
+    key = "" if name == "no-key" else "<v:Key>%s</v:Key>" % base64.b64encode(bytes(range(0x70, 0x80))).decode()
+    pr_key_id = "" if name == "no-playready-key-id" else "<v:KeyId>0a0b0c0d-0102-0304-0506-0708090a0b0c</v:KeyId>"
+    playready = ("<v:ProtectionSpecificInformation><v:ProtectionSystem>PLAYREADY</v:ProtectionSystem>"
+                 "<v:PlayReadySpecificInformation>%s<v:LicenseAcquisitionUrl>https://via.invalid/pr</v:LicenseAcquisitionUrl>"
+                 "<v:LicenseAcquisitionUiUrl>https://via.invalid/ui</v:LicenseAcquisitionUiUrl><v:CustomData>cd</v:CustomData>"
+                 "<v:ServiceId>svc</v:ServiceId><v:ProtectionSystemId>9a04f079-9840-4286-ab92-e65be0885f95</v:ProtectionSystemId>"
+                 "</v:PlayReadySpecificInformation>%s</v:ProtectionSpecificInformation>"
+                 % (pr_key_id, "" if name == "no-pssh" else "<v:Pssh>AAAAAQ==</v:Pssh>"))
+    vodrm = ("<v:ProtectionSpecificInformation><v:ProtectionSystem>VODRM</v:ProtectionSystem>%s<v:Pssh>AAAAAg==</v:Pssh>"
+             "</v:ProtectionSpecificInformation>"
+             % ("" if name == "unknown-system" else "<v:VODRMSpecificInformation><v:Data>vodrm</v:Data></v:VODRMSpecificInformation>"))
+    entries = "" if name == "no-list" else playready + vodrm
+    return 200, ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" xmlns:v="%s">'
+                 '<S:Body><v:getProtectionInfoResponse><v:OutputProtectionListInformation>%s%s'
+                 '</v:OutputProtectionListInformation></v:getProtectionInfoResponse></S:Body></S:Envelope>\n'
+                 % (VIA_NS, key, entries))
+
+
+# The PlayReady packaging server (SOAP): key id 0a0b0c0d-..., key bytes 50 .. 5f and a header text; the name after
+# /prpackaging/ picks a fault instead.
+def playready_packaging(name):
+    if name == "fault":
+        return 500, SOAP_FAULT
+    key = bytes(range(0x50, 0x60 if name != "short-key" else 0x58))
+    header = "" if name == "no-header" else "<p:PlayReadyHeader>&lt;WRMHEADER/&gt;</p:PlayReadyHeader>"
+    return 200, ('<?xml version="1.0"?>\n<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/" '
+                 'xmlns:p="urn:tovrane:kms:playready-packaging:1"><S:Body><p:AcquirePackagingDataResponse>'
+                 '<p:PackagingDataResult><p:KeyId>0a0b0c0d-0102-0304-0506-0708090a0b0c</p:KeyId><p:ContentKey>%s'
+                 '</p:ContentKey>%s</p:PackagingDataResult></p:AcquirePackagingDataResponse></S:Body></S:Envelope>\n'
+                 % (base64.b64encode(key).decode(), header))
+
+
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     delay = 0.0
@@ -285,6 +327,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             if self.path == "/irdeto/slow":
                 time.sleep(Handler.delay)
             self.answer(*key_servers.irdeto(self.path, body), "application/soap+xml; charset=utf-8")
+        elif self.path.startswith(("/viaccess/", "/prpackaging/")):
+            kind, _, name = self.path.strip("/").partition("/")
+            hk_last[kind] = body
+            self.answer(*(viaccess if kind == "viaccess" else playready_packaging)(name), "text/xml")
         elif self.path.startswith(("/insidesecure/", "/keyos/")):
             kind, _, name = self.path.strip("/").partition("/")
             hk_last[kind] = body

@@ -1,14 +1,17 @@
 // The PlayReady key servers against loopback_server.py's scripted services: Inside Secure (a key per request,
-// rotated by media time, the position the wall clock) and BuyDRM KeyOS (one request, the server's PlayReady
-// header), with their failures.
+// rotated by media time, the position the wall clock), BuyDRM KeyOS (one request, the server's PlayReady header),
+// and the Viaccess and PlayReady packaging client libraries, with their failures.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "packaging/encryption/protection_signalling.h"
 #include "packaging/kms_clients/buydrm_provider.h"
 #include "packaging/kms_clients/http_client.h"
 #include "packaging/kms_clients/inside_secure_provider.h"
+#include "packaging/kms_clients/playready_packaging_client.h"
+#include "packaging/kms_clients/viaccess_client.h"
 #include "tests/common/boxes.h"
 #include "tests/common/bytes.h"
 #include "tests/common/loggers.h"
@@ -168,6 +171,64 @@ TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
     EXPECT_EQ(kos.logger.lines().back(), failed + "Invalid user key");
     for (const std::string& line : kos.logger.lines())
         for (const char* secret : {"SECRET", "YGFiY2RlZmdoaWprbG1ubw=="}) EXPECT_EQ(line.find(secret), std::string::npos) << line;
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ViaccessClient, TheKeyAndEachSystemsInformationOrTheFailureOfTheMissingPart) {
+    Server via;
+    const auto ask = [&](const std::string& name, bool changeKey = false) {
+        return ViaccessClient(via.url("/viaccess/" + name), enc::TransportSecurity{}, via.logger, kTimeout)
+            .getProtectionInfo("channel-1", changeKey);
+    };
+    const ViaccessProtectionInfo info = ask("ok", true);
+    const std::string request = via.last("viaccess");
+    for (const char* part : {"ProtocolVersion>1<", "ContentId>channel-1<", "ProtectionSystem>PLAYREADY<",
+                             "ProtectionSystem>VODRM<", "ChangeKey>true<"})
+        EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
+    EXPECT_BYTES(info.key, hex("707172737475767778797a7b7c7d7e7f"));
+    ASSERT_TRUE(info.playReady && info.vodrm);
+    EXPECT_EQ(info.playReady->keyId, "0a0b0c0d-0102-0304-0506-0708090a0b0c");
+    EXPECT_EQ(std::tie(info.playReady->licenseAcquisitionUrl, info.playReady->licenseAcquisitionUiUrl,
+                       info.playReady->customData, info.playReady->serviceId),
+              std::make_tuple(std::string("https://via.invalid/pr"), std::string("https://via.invalid/ui"),
+                              std::string("cd"), std::string("svc")));
+    EXPECT_BYTES(info.playReadyPssh, hex("00000001"));
+    EXPECT_EQ(*info.vodrm, "vodrm");
+    EXPECT_BYTES(info.vodrmPssh, hex("00000002"));
+    const std::pair<std::string, std::string> rows[] = {
+        {"fault", "getProtectionInfo error; resource unknown"},
+        {"no-key", "Returned Key is empty"},
+        {"no-list", "Invalid returned protection list"},
+        {"no-pssh", "Invalid returned PSSH"},
+        {"unknown-system", "Invalid returned Protection Specific Information"},
+        {"no-playready-key-id", "Invalid returned PlayReady cProtection Specific Information"},
+    };
+    for (const auto& [name, message] : rows) EXPECT_EQ(testkit::failureOf([&] { ask(name); }), message) << name;
+}
+
+TEST(PlayReadyPackagingClient, ThePackagingDataForItsDurationsOrTheFailure) {
+    EXPECT_EQ(packagingDuration(93784), "P1DT2H3M4S");
+    EXPECT_EQ(packagingDuration(0), "P0DT0H0M0S");
+    Server prp;
+    const auto ask = [&](const std::string& name) {
+        return PlayReadyPackagingClient(prp.url("/prpackaging/" + name), enc::TransportSecurity{}, prp.logger, kTimeout)
+            .acquirePackagingData("channel-1", 93784, 3600);
+    };
+    const PlayReadyPackagingData data = ask("ok");
+    const std::string request = prp.last("prpackaging");
+    for (const char* part : {"ContentId>channel-1<", "KeyRotationDuration>P1DT2H3M4S<", "LicenseDuration>P0DT1H0M0S<"})
+        EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
+    EXPECT_EQ(data.keyId, "0a0b0c0d-0102-0304-0506-0708090a0b0c");
+    EXPECT_BYTES(data.contentKey, hex("505152535455565758595a5b5c5d5e5f"));
+    EXPECT_EQ(data.playReadyHeader, "<WRMHEADER/>");
+    EXPECT_EQ(testkit::failureOf([&] { ask("fault"); }), "request failed 2");  // gSOAP's code of a server fault
+    for (const char* name : {"short-key", "no-header"})
+        EXPECT_EQ(testkit::failureOf([&] { ask(name); }), "Failed to parse 'PackagingDataResult' : invalid response ")
+            << name;
+    for (const std::string& line : prp.logger.lines()) EXPECT_EQ(line.find("UFFSU1RVVldYWVpbXF1eXw=="), std::string::npos);
 }
 
 }  // namespace
