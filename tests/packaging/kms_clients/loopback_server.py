@@ -333,9 +333,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.answer(*(viaccess if kind == "viaccess" else playready_packaging)(name), "text/xml")
         elif self.path.startswith(("/insidesecure/", "/keyos/")):
             kind, _, name = self.path.strip("/").partition("/")
+            if name == "slow":  # an answer later than the client's time-out
+                time.sleep(Handler.delay)
             hk_last[kind] = body
             self.answer(*(inside_secure if kind == "insidesecure" else keyos)(name, body), "text/xml")
         elif self.path.startswith("/widevine/"):
+            if self.path == "/widevine/slow":
+                time.sleep(Handler.delay)
             hk_last["widevine"] = body
             self.answer(*widevine(self.path[len("/widevine/"):], body), "application/json")
         elif self.path.startswith(("/keys/", "/session/")):

@@ -27,7 +27,7 @@ constexpr std::uint64_t kSecond = 10'000'000;
 constexpr int kTimeout = -1000000;  // 1 s, in gSOAP's microseconds
 
 struct Server {
-    kmstest::LoopbackServer server{{"--lifetime", "30"}};
+    kmstest::LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
     testkit::RecordingLogger logger;
     std::string url(const std::string& path) const { return server.url("http", path); }
     std::string last(const std::string& kind) {
@@ -99,6 +99,12 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
         {"bad-key-id", "Invalid Key Id received from Inside Secure"},
     };
     for (const auto& [name, message] : rows) EXPECT_EQ(testkit::failureOf([&] { make(name, 4)->connect(); }), message);
+    // Down at the start, or answering after the 1 s time-out: the connection fails, and the filter keeps waiting.
+    for (const std::string& url : {"http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/insidesecure/ok",
+                                  is.url("/insidesecure/slow")}) {
+        InsideSecureEncryptionProvider p({url, "", "c", 2}, enc::TransportSecurity{}, is.logger, kTimeout);
+        EXPECT_EQ(testkit::failureOf([&] { p.connect(); }).rfind("provisionKey error; ", 0), 0u) << url;
+    }
     EXPECT_EQ(testkit::failureOf([&] { make("ok", 4, "")->connect(); }), "Invalid configuration : 'Content Id' is empty");
     std::unique_ptr<InsideSecureEncryptionProvider> running;
     {
@@ -166,6 +172,16 @@ TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
     for (const auto& [name, message] : rows) {
         EXPECT_FALSE(make(name)->connect()) << name;
         EXPECT_EQ(kos.logger.lines().back(), failed + message) << name;
+    }
+    for (const char* name : {"slow", "down"}) {  // after the 1 s time-out, and nothing at the address
+        auto late = make(name);
+        if (std::string(name) == "down") {
+            enc::BuyDrmConfiguration c = record;
+            c.serverUrl = "http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/keyos/ok";
+            late = std::make_unique<BuyDrmEncryptionProvider>(c, enc::TransportSecurity{}, kos.logger, kTimeout);
+        }
+        EXPECT_FALSE(late->connect()) << name;
+        EXPECT_EQ(kos.logger.lines().back().rfind(failed + "RequestEncryptionInfo error; ", 0), 0u) << kos.logger.lines().back();
     }
     EXPECT_FALSE(make("ok", "user-wrong")->connect());
     EXPECT_EQ(kos.logger.lines().back(), failed + "Invalid user key");
