@@ -113,6 +113,13 @@ int run(int argc, char** argv) {
         }
     }
     const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
+    // Low latency: a segment is a whole number of chunks, and its MPD is a live one whatever the input.
+    const std::int32_t plannedSegmentMs = options.gopDurationMs * static_cast<std::int32_t>(options.gopsPerSegment);
+    if (options.lowLatency() && plannedSegmentMs % options.chunkDurationMs != 0)
+        throw ExitError(kExitUsage, "the segment duration (" + std::to_string(plannedSegmentMs) +
+                                        " ms) is not a whole number of chunks of " +
+                                        std::to_string(options.chunkDurationMs) + " ms");
+    live = live || (options.lowLatency() && options.realtime);
 
     // Renditions from real encoders are never tick-identical: an input whose key frames fall within 20 ms of the
     // first input's (a whole number of GOPs apart or not) is moved onto them, so that they share their cut points.
@@ -153,6 +160,8 @@ int run(int argc, char** argv) {
     settings.mediaTemplate = options.mediaTemplateOrDefault();
     settings.firstNumber = static_cast<std::uint64_t>(options.firstNumber);
     settings.timeShiftBufferSeconds = options.timeShiftBufferSeconds;
+    settings.lowLatency = options.lowLatency();
+    settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));
         settings.runFolder = runs.current;
