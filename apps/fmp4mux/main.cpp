@@ -24,6 +24,8 @@
 #include "apps/fmp4mux/model/presentation.h"
 #include "apps/fmp4mux/outputs/buffer_pool.h"
 #include "apps/fmp4mux/outputs/file_publisher.h"
+#include "apps/fmp4mux/outputs/http_origin.h"
+#include "apps/fmp4mux/outputs/publisher_group.h"
 
 namespace {
 
@@ -149,7 +151,22 @@ int run(int argc, char** argv) {
 
     // Outputs: files through a publisher of their own, the presentation that names them and writes manifests.
     BufferPool rooms;
-    FilePublisher publisher(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
+    FilePublisher files(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
+    // Every file goes to the folder, and to the built-in origin with --serve.
+    PublisherGroup publisher;
+    std::unique_ptr<HttpOrigin> origin;
+    if (options.serveAddress) {
+        try {
+            origin = std::make_unique<HttpOrigin>(
+                HttpOrigin::Settings{options.outputDirectory, *options.serveAddress, options.servePort});
+        } catch (const std::exception& e) {
+            throw ExitError(kExitOutput, e.what());
+        }
+        publisher.add(*origin);
+        say("serving " + options.outputDirectory + " on http://" + *options.serveAddress + ":" +
+            std::to_string(origin->port()) + "/");
+    }
+    publisher.add(files);
     DashManifestWriter dashManifest;
     SmoothManifestWriter smoothManifest;
     PresentationSettings settings;
@@ -162,6 +179,7 @@ int run(int argc, char** argv) {
     settings.timeShiftBufferSeconds = options.timeShiftBufferSeconds;
     settings.lowLatency = options.lowLatency();
     settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
+    if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));
         settings.runFolder = runs.current;

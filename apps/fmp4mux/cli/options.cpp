@@ -230,7 +230,7 @@ with nothing to package; 4 output folder not writable.
                const auto colon = text.rfind(':');
                const std::string port = colon == std::string::npos ? text : text.substr(colon + 1);
                long long number = 0;
-               if (!parseInteger(port, 1, 65535, number)) refuse("--serve takes [ADDR:]PORT, not '" + text + "'");
+               if (!parseInteger(port, 0, 65535, number)) refuse("--serve takes [ADDR:]PORT, not '" + text + "'");
                o.servePort = static_cast<std::uint16_t>(number);
                o.serveAddress = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
            },
