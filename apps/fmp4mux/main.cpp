@@ -25,6 +25,7 @@
 #include "apps/fmp4mux/outputs/buffer_pool.h"
 #include "apps/fmp4mux/outputs/file_publisher.h"
 #include "apps/fmp4mux/outputs/http_origin.h"
+#include "apps/fmp4mux/outputs/http_pusher.h"
 #include "apps/fmp4mux/outputs/publisher_group.h"
 
 namespace {
@@ -165,6 +166,13 @@ int run(int argc, char** argv) {
         publisher.add(*origin);
         say("serving " + options.outputDirectory + " on http://" + *options.serveAddress + ":" +
             std::to_string(origin->port()) + "/");
+    }
+    std::unique_ptr<HttpPusher> pusher;
+    if (options.pushUrl) {
+        std::string base = *options.pushUrl;
+        if (!base.ends_with("/")) base += "/";
+        pusher = std::make_unique<HttpPusher>(HttpPusher::Settings{base}, [](const std::string& line) { warn(line); });
+        publisher.add(*pusher);
     }
     publisher.add(files);
     DashManifestWriter dashManifest;
