@@ -229,9 +229,9 @@ void HttpOrigin::publish(Publication&& publication) {
             auto entry = std::make_shared<Entry>();
             entry->bytes = std::move(bytes);
             entry->complete = publication.growth == Publication::Growth::Whole || publication.complete;
-            const bool known = m_files.contains(path);
             m_files[path] = entry;
-            if (entry->complete && !(publication.replaceable && known)) keep(path);
+            // A manifest is replaced, never added: it stays in memory.
+            if (entry->complete && !publication.replaceable) keep(path);
         }
     }
     m_changed.notify_all();
