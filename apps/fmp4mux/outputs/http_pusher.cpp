@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "apps/fmp4mux/model/track.h"
+#include "apps/fmp4mux/outputs/http_origin.h"
 
 namespace fmp4mux {
 
@@ -126,8 +126,7 @@ std::uint64_t HttpPusher::filesGivenUp() const {
 
 bool HttpPusher::send(void* handle, Item& item) {
     CURL* curl = static_cast<CURL*>(handle);
-    std::string why;
-    if (!nameStaysInside(item.path, why)) return false;  // never sent outside the origin's folder
+    if (!servablePath(item.path)) return false;  // never sent outside the origin's folder
     const std::string url = m_settings.baseUrl + item.path + (item.remove && item.tree ? "/" : "");
     curl_easy_reset(curl);
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
