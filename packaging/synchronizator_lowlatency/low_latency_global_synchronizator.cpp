@@ -42,7 +42,8 @@ LowLatencyGlobalSynchronizator::LowLatencyGlobalSynchronizator(ISynchronizatorLi
 LowLatencyGlobalSynchronizator::~LowLatencyGlobalSynchronizator() = default;
 
 void LowLatencyGlobalSynchronizator::addStream(std::uint32_t streamId, std::uint32_t kind, const std::string& label) {
-    std::lock_guard lock(m_mutex);
+    // Streams are added while the session is built, before any sample: no lock. (The session's builder holds the
+    // filter's lock, which a delivery takes after this one's: taking this one here would invert them.)
     StreamDescription description;
     description.id = streamId;
     description.name = label;

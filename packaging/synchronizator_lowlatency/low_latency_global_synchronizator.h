@@ -45,6 +45,7 @@ public:
                                    tvrn::log::ILogger& logger);
     ~LowLatencyGlobalSynchronizator() override;
 
+    // Every stream is added before the first sample of any, from one thread.
     void addStream(std::uint32_t streamId, std::uint32_t kind, const std::string& label) override;
     // Raises the init failure when the streams' durations cannot make equal chunks.
     void pushSample(std::shared_ptr<ISyncSample> sample) override;
