@@ -240,7 +240,7 @@ int run(int argc, char** argv) {
     for (std::size_t d = 0; d < inputs.size(); ++d)
         for (std::size_t k = 0; k < handles[d].size(); ++k)
             if (handles[d][k] < 0) inputs[d]->drop(k);
-    packager.start();
+    packager.start(control.stop);
 
     // One reading thread per input that has a stream to package. Timestamp jumps are taken out before anything
     // is paced or packaged; a step of more than two segments (and never less than two seconds) counts as one.
@@ -284,7 +284,8 @@ int run(int argc, char** argv) {
             for (const auto& [d, reader] : readers)
                 dropped += reader->damage().videoFramesDropped() + reader->damage().audioPacketsDropped();
             showProgress(presentation.mediaSeconds(), presentation.chunks(),
-                         std::chrono::duration<double>(Clock::now() - started).count(), dropped);
+                         std::chrono::duration<double>(Clock::now() - started).count(), dropped,
+                         packager.keyServerDown());
         }
         if (control.stop.load() && presentation.failure()) break;
     }

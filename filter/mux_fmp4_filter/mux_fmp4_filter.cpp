@@ -571,7 +571,13 @@ bool CMuxFmp4Filter::connectKeyServer(const encryption::EncryptionConfiguration&
                                       fmp4::IMuxSession& session, bool backup) {
     try {
         std::unique_ptr<encryption::EncryptionManager> manager;
-        m_keyServer.buildEncryptionManager(manager, configuration, transportSecurity, m_logger, this);
+        bool offline = false;
+        {
+            std::lock_guard lock(m_lock);
+            offline = m_offline;
+        }
+        m_keyServer.buildEncryptionManager(manager, configuration, transportSecurity, m_logger, this,
+                                           {offline, m_keyServer.requestTimeout});
         if (!manager || !manager->connect()) return false;
         {
             std::lock_guard lock(m_keyStatusLock);

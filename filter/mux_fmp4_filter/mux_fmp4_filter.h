@@ -34,14 +34,17 @@ enum class FilterState { Stopped, Paused, Running };
 namespace encryption = packaging::encryption;
 using packaging::encryption::IEncryptionListener;
 
-// How the filter reaches the key server of an encrypted session: the factory of the session's encryption manager
-// and the time between two attempts while the server does not answer. The defaults are the system's own: the
-// factory of every mode, key-server clients included.
+// How the filter reaches the key server of an encrypted session: the factory of the session's encryption manager,
+// the time between two attempts while the server does not answer, and how long each stage of a key request may
+// take. The defaults are the system's own: the factory of every mode, key-server clients included. The clients are
+// told that an offline session is on-demand content.
 struct KeyServerParts {
     std::function<void(std::unique_ptr<encryption::EncryptionManager>&, const encryption::EncryptionConfiguration&,
-                       const encryption::TransportSecurity&, tvrn::log::ILogger&, IEncryptionListener*)>
+                       const encryption::TransportSecurity&, tvrn::log::ILogger&, IEncryptionListener*,
+                       const packaging::kms_clients::KeyClientOptions&)>
         buildEncryptionManager = packaging::kms_clients::buildEncryptionManager;
     std::chrono::milliseconds retryInterval{3000};
+    std::chrono::milliseconds requestTimeout{std::chrono::seconds(5)};
 };
 
 // The graph's event sink: told of errors that stop streaming, on the streaming thread.

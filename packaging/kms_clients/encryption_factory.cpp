@@ -32,14 +32,16 @@ std::unique_ptr<HarmonicEncryptionProvider> buildHarmonicProvider(const encrypti
 void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& manager,
                             const encryption::EncryptionConfiguration& configuration,
                             const encryption::TransportSecurity& transportSecurity, tvrn::log::ILogger& logger,
-                            encryption::IEncryptionListener* listener) {
+                            encryption::IEncryptionListener* listener, const KeyClientOptions& options) {
     if (configuration.mode() != encryption::EncryptionMode::HarmonicKms) {
         encryption::buildEncryptionManager(manager, configuration, transportSecurity, logger, listener);
         return;
     }
     manager.reset();
+    // gSOAP counts whole seconds when positive, microseconds when negative.
+    HarmonicOptions harmonic{options.vod, -static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(options.timeout).count())};
     auto provider = buildHarmonicProvider(configuration.record<encryption::HarmonicConfiguration>(),
-                                          transportSecurity, logger);
+                                          transportSecurity, logger, harmonic);
     manager = std::make_unique<encryption::EncryptionManager>(std::move(provider), listener);
 }
 

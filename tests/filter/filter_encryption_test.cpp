@@ -98,6 +98,7 @@ struct KeyServer {
         enc::EncryptionMode mode = enc::EncryptionMode::None;
         std::vector<std::string> addresses;
         enc::TransportSecurity transport;
+        tvrn::encoding::packaging::kms_clients::KeyClientOptions options;
     };
     struct Provider : testkit::FixedKeyProvider {
         explicit Provider(testkit::Guarded<State>& state) : m_state(state) {}
@@ -110,7 +111,8 @@ struct KeyServer {
     KeyServerParts parts() {
         return {[this](std::unique_ptr<enc::EncryptionManager>& manager,
                        const enc::EncryptionConfiguration& configuration, const enc::TransportSecurity& transport,
-                       tvrn::log::ILogger&, IEncryptionListener* listener) {
+                       tvrn::log::ILogger&, IEncryptionListener* listener,
+                       const tvrn::encoding::packaging::kms_clients::KeyClientOptions& options) {
                     const std::string address = enc::getServerUrl(configuration);
                     auto provider = std::make_unique<Provider>(state);
                     const Answer a = answer(address);
@@ -122,9 +124,10 @@ struct KeyServer {
                         s.mode = configuration.mode();
                         s.addresses.push_back(address);
                         s.transport = transport;
+                        s.options = options;
                     });
                 },
-                std::chrono::milliseconds(1)};
+                std::chrono::milliseconds(1), std::chrono::milliseconds(1500)};
     }
     int builds() const { return state.get().builds; }
     bool waitForBuilds(int count) {
@@ -235,6 +238,9 @@ TEST(KeyWait, SamplesAreDroppedUntilTheServerIsUpThenChunksLeaveEncrypted) {
     for (const char* line : {"0 Failed to configure encryption : 'no route to key server'",
                              "2 Wait for key management server", "2 Connection Established to https://vmx.kms"})
         EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
+    // An offline session is on-demand content to the key clients, which get the filter's request time-out.
+    EXPECT_TRUE(server.state.get().options.vod);
+    EXPECT_EQ(server.state.get().options.timeout, std::chrono::milliseconds(1500));
     // Only the manager that connected was installed, and it disconnected as the session ended.
     EXPECT_EQ(server.state.get().disconnects, 1);
     const auto received = sink.snapshot();
@@ -247,7 +253,7 @@ TEST(KeyWait, TheDefaultFactoryHasTheHarmonicProvider) {
     std::unique_ptr<enc::EncryptionManager> manager;
     testkit::RecordingLogger logger;
     KeyServerParts{}.buildEncryptionManager(manager, enc::HarmonicConfiguration{"r", "q", 0, "http://s"}, {}, logger,
-                                            nullptr);
+                                            nullptr, {});
     EXPECT_TRUE(manager && manager->hasProvider());
 }
 

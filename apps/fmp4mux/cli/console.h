@@ -26,7 +26,8 @@ void say(const std::string& text);
 void warn(const std::string& text);
 
 // The progress line, rewritten in place; `damagedDropped` counts the frames and packets dropped as damaged.
-void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds, std::uint64_t damagedDropped);
+void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds, std::uint64_t damagedDropped,
+                  bool keyServerDown = false);
 void clearProgress();
 
 // Where the result is and how to play it.

@@ -86,7 +86,8 @@ void readKeyFile(EncryptionOptions& o) {
             {"kms_key_url", &o.kmsKeyUrl}, {"kms_session_url", &o.kmsSessionUrl},
             {"kms_backup_session_url", &o.kmsBackupSessionUrl}, {"kms_resource_id", &o.kmsResourceId},
             {"kms_requestor_id", &o.kmsRequestorId}, {"key_period", &o.keyPeriodText}, {"kms_ca_file", &o.kmsCaFile},
-            {"kms_client_key", &o.kmsClientKey}, {"kms_client_key_password", &o.kmsClientKeyPassword}};
+            {"kms_client_key", &o.kmsClientKey}, {"kms_client_key_password", &o.kmsClientKeyPassword},
+            {"kms_timeout", &o.kmsTimeoutText}, {"kms_wait", &o.kmsWaitText}};
         std::string* target = nullptr;
         for (const auto& [known, field] : names)
             if (name == known) target = field;
@@ -141,6 +142,15 @@ void finishKeyServer(EncryptionOptions& o) {
             refuse("--key-period: '" + o.keyPeriodText + "' is not a number of seconds from 0 to 3600");
         o.keyPeriod = std::stoi(o.keyPeriodText);
     }
+    // Seconds with up to three decimals: a request stage from 0.1 s to 60 s; the wait at the start up to a day.
+    const auto seconds = [](const std::string& text, const char* option, const char* range, double low, double high) {
+        static const std::regex number("[0-9]{1,5}(\\.[0-9]{1,3})?");
+        if (!std::regex_match(text, number) || std::stod(text) < low || std::stod(text) > high)
+            refuse(std::string(option) + ": '" + text + "' is not a number of seconds from " + range);
+        return std::chrono::milliseconds(static_cast<std::int64_t>(std::stod(text) * 1000 + 0.5));
+    };
+    if (!o.kmsTimeoutText.empty()) o.kmsTimeout = seconds(o.kmsTimeoutText, "--kms-timeout", "0.1 to 60", 0.1, 60);
+    if (!o.kmsWaitText.empty()) o.kmsWait = seconds(o.kmsWaitText, "--kms-wait", "0 to 86400", 0, 86400);
     for (const auto& [option, file] : {std::pair<const char*, const std::string*>{"--kms-ca-file", &o.kmsCaFile},
                                        {"--kms-client-key", &o.kmsClientKey}})
         if (!file->empty() && !std::ifstream(*file)) refuse(std::string(option) + ": cannot read '" + *file + "'");
@@ -153,7 +163,8 @@ void finishEncryptionOptions(EncryptionOptions& o) {
     if (!o.keyFile.empty()) readKeyFile(o);
     const bool server = !o.kmsKeyUrl.empty() || !o.kmsSessionUrl.empty() || !o.kmsBackupSessionUrl.empty() ||
                         !o.kmsResourceId.empty() || !o.kmsRequestorId.empty() || !o.keyPeriodText.empty() ||
-                        !o.kmsCaFile.empty() || !o.kmsClientKey.empty() || !o.kmsClientKeyPassword.empty();
+                        !o.kmsCaFile.empty() || !o.kmsClientKey.empty() || !o.kmsClientKeyPassword.empty() ||
+                        !o.kmsTimeoutText.empty() || !o.kmsWaitText.empty();
     if (server) {
         finishKeyServer(o);
         readSystems(o);

@@ -2,6 +2,7 @@
 // Common Encryption as the operator asks for it: one key (given, or derived from a PlayReady key seed) with its
 // key id, and the DRM systems to signal. Keys and seeds may come from a key file, so that they stay out of the
 // process list; they never appear in a message, a log line or the progress line.
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,6 +32,8 @@ struct EncryptionOptions {
     std::string kmsCaFile;
     std::string kmsClientKey;
     std::string kmsClientKeyPassword;  // from the key file only: a secret
+    std::string kmsTimeoutText;
+    std::string kmsWaitText;
 
     // After finish(): the key id as UUID text (lower case, hyphenated, in the byte order files hold it), the key
     // and the seed in base64 (one of them), and the systems to signal.
@@ -44,6 +47,8 @@ struct EncryptionOptions {
     std::string customPsshBase64;
 
     std::int32_t keyPeriod = 0;  // seconds; 0: one key for the run
+    std::chrono::milliseconds kmsTimeout{5000};  // each stage of a key request
+    std::chrono::milliseconds kmsWait{0};        // 0: wait for the key server until interrupted
     bool keyServer() const { return !kmsResourceId.empty(); }
     bool enabled() const { return !keyId.empty() || keyServer(); }
 };

@@ -323,6 +323,10 @@ with nothing to package; 4 output folder not writable.
         ->type_name("FILE");
     app.add_option("--kms-client-key", e.kmsClientKey, "client key and certificate (PEM) for the key server; its\n"
                    "password, if any, as kms_client_key_password= in --key-file")->type_name("FILE");
+    app.add_option("--kms-timeout", e.kmsTimeoutText, "seconds each stage of a key request may take (default 5)")
+        ->type_name("SECONDS");
+    app.add_option("--kms-wait", e.kmsWaitText, "give up when the key server has not answered at the start after\n"
+                   "this many seconds (default: wait until interrupted)")->type_name("SECONDS");
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "apps/fmp4mux/cli/console.h"
 #include "apps/fmp4mux/exit_error.h"
 
 namespace fmp4mux {
@@ -32,10 +33,17 @@ flt::MediaType mediaTypeFor(std::uint32_t streamType) {
     return type;
 }
 
+flt::KeyServerParts keyServerParts(const EncryptionOptions& e) {
+    flt::KeyServerParts parts;
+    parts.requestTimeout = e.kmsTimeout;
+    return parts;
+}
+
 }  // namespace
 
 Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
-    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create())), m_dash(s.dash) {
+    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create({}, keyServerParts(s.encryption)))),
+      m_dash(s.dash), m_keyServer(s.encryption.keyServer()), m_keyServerWait(s.encryption.kmsWait) {
     m_filter->SetLogger(&logger);
     try {
         m_filter->SetMuxMode(s.streamName.c_str(), s.dash ? 1 : 0, s.mode, s.gopDurationMs, s.gopsPerSegment,
@@ -127,13 +135,35 @@ int Packager::connect(const StreamSetup& stream, long bufferCount, ChunkSink::Ha
     return static_cast<int>(m_pins.size() - 1);
 }
 
-void Packager::start() {
+void Packager::start(const std::atomic<bool>& stop) {
+    namespace fmp4 = tvrn::encoding::packaging::imff::fmp4;
     m_filter->Pause();
     m_filter->Run();
     m_running = true;
-    // The session is built on the filter's worker; a configuration it cannot run leaves the worker idle.
-    if (!m_filter->waitForWorkerState(tvrn::encoding::packaging::imff::fmp4::Running, std::chrono::seconds(10)))
-        throw ExitError(kExitFailed, "the packaging session did not start (see the messages above)");
+    // The session is built on the filter's worker; a configuration it cannot run leaves the worker idle. With a
+    // key server, the worker waits for its first answer, trying again every few seconds.
+    const auto started = std::chrono::steady_clock::now();
+    bool told = false;
+    for (;;) {
+        if (m_filter->waitForWorkerState(fmp4::Running, std::chrono::milliseconds(200))) return;
+        const auto waited = std::chrono::steady_clock::now() - started;
+        const bool waitingForKeys = m_keyServer && m_filter->workerState() == fmp4::Starting;
+        if (!waitingForKeys && waited > std::chrono::seconds(10))
+            throw ExitError(kExitFailed, "the packaging session did not start (see the messages above)");
+        if (!waitingForKeys) continue;
+        if (!told && keyServerDown()) {
+            say("waiting for the key server to answer before reading the inputs (Ctrl-C stops)");
+            told = true;
+        }
+        if (stop.load()) throw ExitError(kExitFailed, "interrupted while waiting for the key server");
+        if (m_keyServerWait.count() > 0 && waited > m_keyServerWait)
+            throw ExitError(kExitFailed, "the key server did not answer within --kms-wait");
+    }
+}
+
+bool Packager::keyServerDown() const {
+    std::uint32_t status = flt::KeyServerUnknown;
+    return m_keyServer && m_filter->GetKeyServerStatus(&status) == S_OK && status == flt::KeyServerDown;
 }
 
 void Packager::deliver(int stream, const Packet& packet) {

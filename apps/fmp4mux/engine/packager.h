@@ -1,6 +1,7 @@
 #pragma once
 // The packaging engine as fmp4mux drives it: one filter, configured once, with one input pin and one output per
 // stream. The only host code that knows pins, media types, GUIDs and result codes.
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -52,8 +53,13 @@ public:
     // Connects a stream and its output, whose whole chunks go to `onChunk`; `bufferCount` buffers of 8192 bytes
     // hold one chunk. Returns the stream's handle. Raises ExitError when the engine refuses the stream.
     int connect(const StreamSetup& stream, long bufferCount, ChunkSink::Handler onChunk, ChunkSink::Rooms rooms);
-    // Starts the session. Raises ExitError when it does not start.
-    void start();
+    // Starts the session. With keys from a key server, the session starts once the server has answered: until then
+    // this waits (telling so once), for at most the operator's --kms-wait, and gives up when `stop` is set. Raises
+    // ExitError when the session does not start.
+    void start(const std::atomic<bool>& stop);
+    // Whether the key server is down: before it first answered, or since a key request failed (the last key is
+    // kept meanwhile).
+    bool keyServerDown() const;
     // From the input's reading thread.
     void deliver(int stream, const Packet& packet);
     void endOfStream(int stream);
@@ -72,6 +78,8 @@ private:
     const bool m_dash;
     std::vector<tvrn::encoding::filter::MuxFmp4InputPin*> m_pins;
     bool m_running = false;
+    bool m_keyServer = false;
+    std::chrono::milliseconds m_keyServerWait{0};
 };
 
 }  // namespace fmp4mux

@@ -347,6 +347,9 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("--kms-resource-id r --kms-key-url ftp://x " + source + to), 2, "--kms-key-url: 'ftp://x' is not an http:// or https:// address"},
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key-period 4000 " + source + to), 2, "--key-period: '4000' is not a number of seconds"},
         {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --key " + kKey + " " + source + to), 2, "--key-id, --key and --key-seed do not go with it"},
+        {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --kms-timeout 0.05 " + source + to), 2, "--kms-timeout: '0.05' is not a number of seconds from 0.1 to 60"},
+        // A key server that never answers, and an operator who waits half a second for it.
+        {mux("--kms-resource-id r --kms-key-url http://127.0.0.1:9/k --kms-wait 0.5 " + source + to), 1, "the key server did not answer within --kms-wait"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.command);

@@ -19,9 +19,9 @@
 #                  (Smooth Streaming: signalled for PlayReady too, played by dash.js with its Smooth module)
 #   clearkey-shaka the same, played by shaka-player
 #   kms-rotation   the sample encrypted with keys from a scripted Harmonic key server on 127.0.0.1
-#                  (tests/packaging/kms_clients/loopback_server.py: the key of time 0, then another), the key
-#                  changing every 4 s: each chunk ffmpeg decrypts with the key its seig group names decodes, the
-#                  keys change from the first to the second, and shaka-player given both keys plays past 8 s
+#                  (tests/packaging/kms_clients/loopback_server.py: a key of its own for each key period), the key
+#                  period 2 s: each chunk ffmpeg decrypts with the key its seig group names decodes, the keys change
+#                  at least twice, and shaka-player given the server's keys plays past 8 s through the changes
 #   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
 #                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
@@ -108,18 +108,16 @@ case "$CASE" in
     [ "$FORMAT" = smooth ] && args+=(--drm playready)
     [ "$CASE" = clearkey-shaka ] && PLAYER=shaka ;;
   kms-rotation)
-    # The server lives while this script holds its standard input open (fd 9), and at most 120 s.
-    mkfifo "$OUT/kms.in"
-    python3 "$ROOT/tests/packaging/kms_clients/loopback_server.py" --lifetime 120 <"$OUT/kms.in" >"$OUT/kms.port" \
-      2>"$OUT/kms.log" &
-    exec 9>"$OUT/kms.in"
-    for _ in $(seq 1 50); do grep -q '^PORT ' "$OUT/kms.port" 2>/dev/null && break; sleep 0.1; done
-    port=$(sed -n 's/^PORT //p' "$OUT/kms.port")
-    [ -n "$port" ] || fail "the loopback key server did not start"
-    args+=(--kms-key-url "http://127.0.0.1:$port/keys/ok" --kms-resource-id sample --key-period 4 --drm clearkey)
-    # What the scripted server hands out: key id 1111... with key 00..0f for time 0, 6666... with 10..1f after.
-    KEY_A=000102030405060708090a0b0c0d0e0f KEY_B=101112131415161718191a1b1c1d1e1f
-    CLEARKEY=(--clearkey "11111111222233334444555555555555:$KEY_A,66666666777788889999aaaaaaaaaaaa:$KEY_B")
+    . "$ROOT/tests/e2e/kms_keys.sh"
+    start_kms
+    args+=(--kms-key-url "http://127.0.0.1:$KMS_PORT/keys/rotating" --kms-resource-id sample --key-period 2 --drm clearkey)
+    # What the scripted server hands out for period n: key id n-0000-4000-8000-0..., key bytes n, n+1, ... n+15.
+    keys=()
+    for n in 0 1 2 3 4 5 6; do
+      kid=$(printf '%08x000040008000000000000000' "$n")
+      keys+=("$kid:$(key_of_kid "$kid")")
+    done
+    CLEARKEY=(--clearkey "$(IFS=,; echo "${keys[*]}")")
     PLAYER=shaka ;;
 esac
 
@@ -189,27 +187,12 @@ if [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ]; then
 fi
 
 if [ "$CASE" = kms-rotation ]; then
-  seig_kid() { python3 -c 'import sys; d=open(sys.argv[1],"rb").read(); i=d.find(b"sgpd"); n=int.from_bytes(d[i-4:i],"big"); print(d[i-4+n-16:i-4+n].hex() if i>0 else "clear")' "$1"; }
-  kids="" frames=0
-  init=$(find "$OUT/out" -name init.mp4 -path '*video*' | head -n 1)
-  for chunk in $(find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n); do
-    kid=$(seig_kid "$chunk")
-    case "$kid" in
-      11111111222233334444555555555555) key=$KEY_A ;;
-      66666666777788889999aaaaaaaaaaaa) key=$KEY_B ;;
-      *) fail "$chunk names key id $kid, which the server did not hand out" ;;
-    esac
-    kids="$kids ${kid:0:1}"
-    cat "$init" "$chunk" >"$OUT/one.mp4"
-    n=$(ffprobe -v error -decryption_key "$key" -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$OUT/one.mp4")
-    errors=$(ffmpeg -v error -decryption_key "$key" -i "$OUT/one.mp4" -f null - 2>&1 | head -n 3)
-    [ -z "$errors" ] || fail "$chunk does not decrypt with the key of its key id: $errors"
-    n=${n%%[!0-9]*}
-    frames=$((frames + ${n:-0}))
-  done
-  echo "run_playback_test: the video chunks' key ids:$kids; $frames frames decrypted"
-  [[ "$kids" =~ ^(\ 1)+(\ 6)+$ ]] || fail "the keys did not change from the first to the second:$kids"
-  [ "$frames" -eq 250 ] || fail "decrypted, the video has $frames frames, the source 250"
+  check_chunks "$OUT/out"
+  periods=$(cut -c1-8 <<<"$KIDS")
+  echo "run_playback_test: the chunks' key periods: $(echo $periods); $FRAMES frames decrypted"
+  [ "$(sort -u <<<"$periods" | grep -c .)" -ge 3 ] || fail "the keys did not change every two segments: $(echo $periods)"
+  [ "$(sort -c <<<"$periods" 2>&1)" = "" ] || fail "the key periods went back: $(echo $periods)"
+  [ "$FRAMES" -eq 250 ] || fail "decrypted, the video has $FRAMES frames, the source 250"
 fi
 
 if [ "$CASE" != seek ]; then

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
 
 #include "packaging/encryption/protection_signalling.h"
@@ -25,7 +26,7 @@ const testkit::Bytes kKeyLater = hex("101112131415161718191a1b1c1d1e1f");
 constexpr std::uint64_t kSecond = 10'000'000;
 
 struct Kms {
-    kmstest::LoopbackServer server{{"--lifetime", "30"}};
+    kmstest::LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
     testkit::RecordingLogger logger;
 
     std::string url(const std::string& path) const { return server.url("http", path); }
@@ -166,20 +167,55 @@ TEST(HarmonicProvider, TheKeySessionItsBackupServerItsRenewalAndItsEnd) {
     EXPECT_EQ(keyIdOf(*flaky), "later");
 }
 
-TEST(HarmonicProvider, TheFactoryLogsTheParametersAndRefusesALongResourceId) {
+TEST(HarmonicProvider, TheFactoryLogsTheParametersPassesTheSessionsOptionsAndRefusesALongResourceId) {
     testkit::RecordingLogger logger;
     std::unique_ptr<enc::EncryptionManager> manager;
-    // Qualified: argument-dependent lookup also finds the encryption library's factory.
-    const auto build = &tvrn::encoding::packaging::kms_clients::buildEncryptionManager;
+    const auto build = [&](const enc::HarmonicConfiguration& record, KeyClientOptions options = {}) {
+        // Qualified: argument-dependent lookup also finds the encryption library's factory.
+        tvrn::encoding::packaging::kms_clients::buildEncryptionManager(manager, record, {}, logger, nullptr, options);
+    };
     enc::HarmonicConfiguration record{"r", "q", 10, "http://s"};
-    build(manager, record, {}, logger, nullptr);
+    build(record);
     EXPECT_TRUE(manager->hasProvider());
-    build(manager, enc::HarmonicConfiguration{"r", "q", 10, "", "", "", 1, "http://k"}, {}, logger, nullptr);
     EXPECT_TRUE(logger.contains(
         "2 Harmonic KMS full impl.: resourceId='r' , requestorId='q' : KeyPeriod = 10 sec., KeySessionUrl='http://s'"));
-    EXPECT_TRUE(logger.contains("2 Harmonic KMS minimal impl.: resourceId='r', KeyPeriod= 10 sec., KeyProvisioningUrl='http://k'"));
+    // On-demand content is distribution mode 1; an answer later than the time-out fails the request, not the run.
+    Kms kms;
+    build({"r", "", 10, "", "", "", 1, kms.url("/keys/hang-after-first")}, {true, std::chrono::milliseconds(300)});
+    EXPECT_TRUE(logger.contains("2 Harmonic KMS minimal impl.: resourceId='r', KeyPeriod= 10 sec., KeyProvisioningUrl='" +
+                                kms.url("/keys/hang-after-first") + "'"));
+    ASSERT_TRUE(manager->connect());
+    EXPECT_NE(kms.get("/last/GetKeyAndSignalization").find(":distributionMode>1<"), std::string::npos);
+    const auto asked = std::chrono::steady_clock::now();
+    std::vector<std::uint8_t> iv;
+    EXPECT_FALSE(manager->updateKey(20 * kSecond, iv));  // the server answers after 2 s
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(1500));
+    EXPECT_TRUE(manager->hasKey());
     record.resourceId.assign(129, 'x');
-    EXPECT_EQ(testkit::failureOf([&] { build(manager, record, {}, logger, nullptr); }), "Invalid resource identifier.");
+    EXPECT_EQ(testkit::failureOf([&] { build(record); }), "Invalid resource identifier.");
+}
+
+TEST(HarmonicProvider, TlsTrustsTheOperatorsCaAndRefusesWhatNobodyConfigured) {
+    kmstest::Certificates certificates;
+    enc::TlsSettings operatorCa{true, true, certificates.file("ca.pem")};
+    enc::TlsSettings noHostCheck = operatorCa;
+    noHostCheck.verifyHost = false;
+    struct Row { const char* certificate; enc::TransportSecurity security; bool connects; };
+    const Row rows[] = {
+        {"server", operatorCa, true},
+        {"self", enc::TlsSettings{true, true, ""}, false},   // self-signed, trusted by nobody
+        {"self", enc::TransportSecurity{}, false},           // no TLS record: still verified against the system's CAs
+        {"other", operatorCa, false},                        // signed by the CA for another host name
+        {"other", noHostCheck, true},
+    };
+    for (const Row& row : rows) {
+        const std::string name = row.certificate;
+        kmstest::LoopbackServer server({"--cert", certificates.file(name + ".pem"), "--key", certificates.file(name + ".key")});
+        testkit::RecordingLogger logger;
+        HarmonicEncryptionProvider provider({"r", "", 0, "", "", "", 1, server.url("https", "/keys/ok")}, row.security,
+                                            logger);
+        EXPECT_EQ(provider.connect(), row.connects) << name << " " << row.security.index();
+    }
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A throwaway HTTP(S) server on 127.0.0.1 for the key-server transport tests.
 
-Prints "PORT <n>" once it listens on an ephemeral port, answers a few fixed paths, and exits by itself after
+Prints "PORT <n>" once it listens on an ephemeral port (or the --port given), answers a few fixed paths, and exits by itself after
 --lifetime seconds (or when its parent closes its stdin). With --cert and --key it speaks TLS; with --client-ca as well, it asks
 for a client certificate signed by that CA.
 
@@ -16,6 +16,7 @@ for a client certificate signed by that CA.
   GET  /last/<operation>   the body of the last Harmonic request of that operation
 """
 import argparse
+import base64
 import http.server
 import os
 import re
@@ -64,7 +65,9 @@ hk_calls, hk_last = [], {}
 # Key session: Heartbeat (STANDBY for /session/standby), CreateKeySession (the key address /keys/ok, or
 # /keys/fail-after-first for /session/flaky), InvalidKeySession (/keys/ok), DestroyKeySession. Keys, worked out by
 # hand: time 0 key id 1111..., bytes 00..0f; other times 6666..., bytes 10..1f; IV 01..08; pssh data 08 01 12 10.
-def harmonic(path, operation, detail, port):
+# /keys/rotating gives a key of its own to each key period; /keys/hang-after-first answers every request but the
+# first after --delay seconds.
+def harmonic(path, operation, detail, port, body):
     kind, _, name = path.strip("/").partition("/")
     if kind == "session":
         keys = "fail-after-first" if name == "flaky" and operation == "CreateKeySession" else "ok"
@@ -80,12 +83,22 @@ def harmonic(path, operation, detail, port):
         return 200, HK % (op, code, "<h:errorMessage>%s</h:errorMessage>" % text, op)
     if name == "malformed":
         return 200, HK % (op, "&bogus;", "", op)
-    key_id, key = HK_KEYS[detail == "0"]
+    if name == "hang-after-first" and detail != "0":
+        time.sleep(Handler.delay)
+    if name == "rotating":
+        # One key per key period: period n = time / (cryptoPeriod x 10^7) has key id n as 8 hex digits then
+        # -0000-4000-8000-000000000000, and key bytes n, n+1, ..., n+15 (mod 256).
+        period = int(re.search(r":cryptoPeriod>(\d+)<", body).group(1))
+        n = int(detail) // (period * 10000000) if period else 0
+        key_id = "%08x-0000-4000-8000-000000000000" % n
+        key = base64.b64encode(bytes((n + i) % 256 for i in range(16))).decode()
+    else:
+        key_id, key = HK_KEYS[detail == "0"]
     key = {"empty-key": "", "short-key": "AAECAwQFBgc="}.get(name, key)
-    time = str(int(detail) + 1) if name == "other-time" else detail
+    at = str(int(detail) + 1) if name == "other-time" else detail
     return 200, HK % (op, "0", '<h:scheduledKey><h:time>%s</h:time><h:contentKey><h:keyId>%s</h:keyId><h:key>%s'
                       '</h:key><h:iv>AQIDBAUGBwg=</h:iv></h:contentKey></h:scheduledKey>%s'
-                      % (time, key_id, key, HK_SIGNALLING), op)
+                      % (at, key_id, key, HK_SIGNALLING), op)
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -134,7 +147,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             operation, detail = request.group(1) if request else "-", detail.group(1) if detail else "-"
             hk_last[operation] = body
             hk_calls.append("%s %s %s" % (self.path, operation, detail))
-            self.answer(*harmonic(self.path, operation, detail, self.server.server_address[1]), "text/xml")
+            self.answer(*harmonic(self.path, operation, detail, self.server.server_address[1], body), "text/xml")
         elif self.path == "/soap":
             request = re.search(r"<(\w+):GetKeyAndSignalizationRequest[ >]", body)
             if not request or ('xmlns:%s="%s"' % (request.group(1), NS)) not in body:
@@ -156,10 +169,11 @@ def main():
     parser.add_argument("--client-ca")
     parser.add_argument("--delay", type=float, default=2.0)
     parser.add_argument("--lifetime", type=float, default=60.0)
+    parser.add_argument("--port", type=int, default=0)
     args = parser.parse_args()
     Handler.delay = args.delay
 
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), Handler)
     server.daemon_threads = True
     if args.cert:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
