@@ -143,8 +143,8 @@ void BM_ChunkFromFilterToPlayer(benchmark::State& state) {
                                             [&](bool init, std::vector<std::uint8_t>&& chunk) {
                                                 presentation.onChunk(0, init, std::move(chunk));
                                             }, {});
-        packager.start();
         std::atomic<bool> stop{false};
+        packager.start(stop);
         std::thread client([&] { player(watch, origin.port(), stop); });
 
         std::vector<double> latencies;
