@@ -16,7 +16,8 @@
 // --manifest-url URL plays a live presentation that another server serves (fmp4mux --serve) in place of
 // FOLDER MANIFEST; with --max-latency SECONDS it is played in dash.js's low-latency mode for --min-time seconds from
 // its first frame, the player's own live-latency figure is read every 250 ms and printed, and the run fails when
-// it passes SECONDS or the video stalls (a 'waiting' event after playback started).
+// it passes SECONDS or the video stalls (after playback started, a 'waiting' event not followed by 'playing'
+// within 40 ms, a frame's time).
 // The browser and the server are closed on every path.
 
 import http from 'node:http';
@@ -131,7 +132,7 @@ ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
     state.videoErrors.push({ code: e && e.code, message: e && e.message });
   });
   for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
-    video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
+    video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime, at: performance.now() }));
   }
 ${body}
 </script>
@@ -445,9 +446,18 @@ async function playLive(page, opts, requests, consoleLines) {
       const v = document.getElementById('video');
       let latency = NaN;
       try { latency = window.__player.getCurrentLiveLatency(); } catch {}
+      // A stall: the video waits after playback started and does not play on within a frame (40 ms); a wait
+      // that ends before the next frame is due shows nothing to the viewer, and is only counted.
       const firstPlaying = (s.events || []).findIndex((e) => e.event === 'playing');
-      const stalls = firstPlaying < 0 ? [] : s.events.slice(firstPlaying).filter((e) => e.event === 'waiting');
-      return { latency, currentTime: v.currentTime, stalls: stalls.length, errors: (s.dashErrors || []).concat(s.videoErrors || []),
+      const after = firstPlaying < 0 ? [] : s.events.slice(firstPlaying);
+      let stalls = 0, waits = 0;
+      after.forEach((e, i) => {
+        if (e.event !== 'waiting') return;
+        ++waits;
+        const resumed = after.slice(i + 1).find((n) => n.event === 'playing');
+        if (!resumed || resumed.at - e.at >= 40) ++stalls;
+      });
+      return { latency, currentTime: v.currentTime, stalls, waits, errors: (s.dashErrors || []).concat(s.videoErrors || []),
                fatal: s.fatal || null, frames: v.getVideoPlaybackQuality().totalVideoFrames, events: s.events };
     });
     if (Number.isFinite(seen.latency) && seen.latency > 0) samples.push(seen.latency);
@@ -459,7 +469,7 @@ async function playLive(page, opts, requests, consoleLines) {
   const median = sorted.length ? sorted[Math.floor(sorted.length / 2)] : NaN;
   const max = sorted.length ? sorted[sorted.length - 1] : NaN;
   console.log(`play.mjs: live latency over ${played.toFixed(1)} s of play: median ${median.toFixed(3)} s, ` +
-              `max ${max.toFixed(3)} s, ${samples.length} readings; ${seen.stalls} stalls; currentTime ` +
+              `max ${max.toFixed(3)} s, ${samples.length} readings; ${seen.stalls} stalls (${seen.waits} waits); currentTime ` +
               `${seen.currentTime.toFixed(3)} s, ${seen.frames} frames decoded`);
   const problems = [];
   if (seen.fatal) problems.push(`the page failed to set up dash.js: ${seen.fatal}`);
