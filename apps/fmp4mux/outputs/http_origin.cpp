@@ -91,7 +91,8 @@ struct OriginReader {
         std::unique_lock lock(r.origin->m_mutex);
         const auto deadline = std::chrono::steady_clock::now() + kStall;
         while (r.entry->bytes.size() <= position && !r.entry->complete) {
-            if (r.origin->m_closing || r.origin->m_changed.wait_until(lock, deadline) == std::cv_status::timeout)
+            if (r.entry->abandoned || r.origin->m_closing ||
+                r.origin->m_changed.wait_until(lock, deadline) == std::cv_status::timeout)
                 return MHD_CONTENT_READER_END_WITH_ERROR;
         }
         if (r.entry->bytes.size() <= position) return MHD_CONTENT_READER_END_OF_STREAM;
@@ -213,10 +214,13 @@ void HttpOrigin::publish(Publication&& publication) {
         const std::string& path = publication.path;
         if (publication.remove) {
             if (publication.tree) {
-                for (auto it = m_files.lower_bound(path + "/"); it != m_files.end() && it->first.starts_with(path + "/");)
+                for (auto it = m_files.lower_bound(path + "/"); it != m_files.end() && it->first.starts_with(path + "/");) {
+                    it->second->abandoned = !it->second->complete;
                     it = m_files.erase(it);
-            } else {
-                m_files.erase(path);
+                }
+            } else if (const auto it = m_files.find(path); it != m_files.end()) {
+                it->second->abandoned = !it->second->complete;
+                m_files.erase(it);
             }
         } else if (publication.growth == Publication::Growth::More) {
             auto& entry = m_files[path];
@@ -225,7 +229,10 @@ void HttpOrigin::publish(Publication&& publication) {
             entry->complete = publication.complete;
             if (entry->complete) keep(path);
         } else {
-            // A new file, or a growing one that starts: a reader of the old one keeps what it has.
+            // A new file, or a growing one that starts. The readers of an old one that had not ended fail (the
+            // session started again): a player must not take its beginning for a whole segment.
+            if (const auto old = m_files.find(path); old != m_files.end() && !old->second->complete)
+                old->second->abandoned = true;
             auto entry = std::make_shared<Entry>();
             entry->bytes = std::move(bytes);
             entry->complete = publication.growth == Publication::Growth::Whole || publication.complete;

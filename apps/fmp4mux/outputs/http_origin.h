@@ -51,6 +51,7 @@ public:
     struct Entry {
         std::vector<std::uint8_t> bytes;
         bool complete = false;
+        bool abandoned = false;  // started again or taken away before its end: its readers fail
     };
 
 private:

@@ -37,9 +37,10 @@ struct PushBody {
         std::unique_lock lock(body.pusher->m_mutex);
         // A growing file's next chunk comes within a segment; past a minute the transfer is given up.
         const bool more = body.pusher->m_grown.wait_for(lock, std::chrono::seconds(60), [&] {
-            return body.item->bytes.size() > body.position || body.item->complete || body.pusher->m_closing;
+            return body.item->bytes.size() > body.position || body.item->complete || body.item->abandoned ||
+                   body.pusher->m_closing;
         });
-        if (!more || (body.pusher->m_closing && !body.item->complete)) return CURL_READFUNC_ABORT;
+        if (!more || body.item->abandoned || (body.pusher->m_closing && !body.item->complete)) return CURL_READFUNC_ABORT;
         const std::size_t n = std::min(size * count, body.item->bytes.size() - body.position);
         std::memcpy(buffer, body.item->bytes.data() + body.position, n);
         body.position += n;
@@ -87,7 +88,15 @@ void HttpPusher::publish(Publication&& publication) {
         item->remove = publication.remove;
         item->tree = publication.tree;
         item->replaceable = publication.replaceable;
-        if (item->growing && !item->complete) m_growing[item->path] = item;
+        if (item->growing) {
+            // A growing file started again (the session restarted) replaces the one under way.
+            if (const auto old = m_growing.find(item->path); old != m_growing.end()) {
+                old->second->abandoned = true;
+                m_growing.erase(old);
+                m_grown.notify_all();
+            }
+            if (!item->complete) m_growing[item->path] = item;
+        }
         bool replaced = false;
         if (item->replaceable)
             for (auto& waiting : m_queue)
@@ -184,6 +193,8 @@ void HttpPusher::run() {
                 pause = std::min(pause * 2, m_settings.longestPause);
             }
             if ((arrived = send(curl, *item))) break;
+            std::lock_guard check(m_mutex);
+            if (item->abandoned) break;
         }
         if (!arrived && m_warn) m_warn("push: " + item->path + " could not be sent");
         lock.lock();

@@ -54,6 +54,7 @@ public:
         bool remove = false;
         bool tree = false;
         bool replaceable = false;
+        bool abandoned = false;  // a growing file started again before its end: no longer sent
     };
 
 private:

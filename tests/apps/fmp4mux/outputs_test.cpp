@@ -125,4 +125,21 @@ TEST(HttpOrigin, SendsAGrowingSegmentToManyPlayersAsItGrows) {
     }
 }
 
+// A segment started again before its end (the session restarted): who was reading the old one gets an error, not
+// its beginning as if it were the whole segment.
+TEST(HttpOrigin, AReaderOfASegmentStartedAgainFails) {
+    Origin o;
+    o.origin.publish(part("s/seg_1.mp4", "old", Publication::Growth::Start, false));
+    int status = 0;
+    std::string body;
+    std::thread reader([&] { body = testkit::run("curl -s -N -m 10 '" + o.url("/s/seg_1.mp4") + "'", &status); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto restarted = std::chrono::steady_clock::now();
+    o.origin.publish(part("s/seg_1.mp4", "new", Publication::Growth::Start, true));
+    reader.join();
+    EXPECT_NE(status, 0) << body;
+    EXPECT_LT(std::chrono::steady_clock::now() - restarted, std::chrono::seconds(2)) << "the reader was left waiting";
+    EXPECT_EQ(testkit::run("curl -s '" + o.url("/s/seg_1.mp4") + "'"), "new");
+}
+
 }  // namespace
