@@ -19,6 +19,7 @@ declare -A may=(
   [packaging/lib_parse_es]="packaging/fmp4_types support/*"
   [packaging/imff_samples]="packaging/lib_parse_es packaging/imff_box packaging/fmp4_types support/*"
   [packaging/synchronizator]="packaging/fmp4_types support/*"
+  [packaging/synchronizator_lowlatency]="packaging/synchronizator packaging/fmp4_types support/*"
   [packaging/fmp4]="packaging/* support/*"
   [filter]="packaging/* support/*"
   # The host reads what the filter writes: the filter, the shared records and the reader of the chunks.

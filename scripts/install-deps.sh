@@ -3,6 +3,8 @@
 # Idempotent: packages already present are left alone, and apt is asked only for missing ones.
 # gsoap (soapcpp2) generates the key-server clients' SOAP stubs at build time; python3 and openssl run their
 # loopback server and make its throwaway certificates in the tests.
+# libmicrohttpd is fmp4mux's HTTP origin (--serve); nginx (with its WebDAV PUT) is the remote origin that the
+# push tests (--push) start on 127.0.0.1.
 # chromium, Node.js and npm run the end-to-end playback tests (tests/e2e/player). A machine that already has
 # node and npm (from another packaging of Node.js) keeps them: Debian's npm would conflict with such a nodejs.
 set -euo pipefail
@@ -16,6 +18,7 @@ PACKAGES=(
   gsoap libgsoap-dev
   libjsoncpp-dev libtinyxml2-dev libcli11-dev
   libavformat-dev libavcodec-dev libavutil-dev
+  libmicrohttpd-dev nginx curl
   ffmpeg libxml2-utils time
   chromium
 )

@@ -24,6 +24,9 @@
 #include "apps/fmp4mux/model/presentation.h"
 #include "apps/fmp4mux/outputs/buffer_pool.h"
 #include "apps/fmp4mux/outputs/file_publisher.h"
+#include "apps/fmp4mux/outputs/http_origin.h"
+#include "apps/fmp4mux/outputs/http_pusher.h"
+#include "apps/fmp4mux/outputs/publisher_group.h"
 
 namespace {
 
@@ -113,6 +116,13 @@ int run(int argc, char** argv) {
         }
     }
     const std::vector<StreamPlan> plans = planStreams(options, streamLists, selected);
+    // Low latency: a segment is a whole number of chunks, and its MPD is a live one whatever the input.
+    const std::int32_t plannedSegmentMs = options.gopDurationMs * static_cast<std::int32_t>(options.gopsPerSegment);
+    if (options.lowLatency() && plannedSegmentMs % options.chunkDurationMs != 0)
+        throw ExitError(kExitUsage, "the segment duration (" + std::to_string(plannedSegmentMs) +
+                                        " ms) is not a whole number of chunks of " +
+                                        std::to_string(options.chunkDurationMs) + " ms");
+    live = live || (options.lowLatency() && options.realtime);
 
     // Renditions from real encoders are never tick-identical: an input whose key frames fall within 20 ms of the
     // first input's (a whole number of GOPs apart or not) is moved onto them, so that they share their cut points.
@@ -142,7 +152,29 @@ int run(int argc, char** argv) {
 
     // Outputs: files through a publisher of their own, the presentation that names them and writes manifests.
     BufferPool rooms;
-    FilePublisher publisher(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
+    FilePublisher files(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
+    // Every file goes to the folder, and to the built-in origin with --serve.
+    PublisherGroup publisher;
+    std::unique_ptr<HttpOrigin> origin;
+    if (options.serveAddress) {
+        try {
+            origin = std::make_unique<HttpOrigin>(
+                HttpOrigin::Settings{options.outputDirectory, *options.serveAddress, options.servePort});
+        } catch (const std::exception& e) {
+            throw ExitError(kExitOutput, e.what());
+        }
+        publisher.add(*origin);
+        say("serving " + options.outputDirectory + " on http://" + *options.serveAddress + ":" +
+            std::to_string(origin->port()) + "/");
+    }
+    std::unique_ptr<HttpPusher> pusher;
+    if (options.pushUrl) {
+        std::string base = *options.pushUrl;
+        if (!base.ends_with("/")) base += "/";
+        pusher = std::make_unique<HttpPusher>(HttpPusher::Settings{base}, [](const std::string& line) { warn(line); });
+        publisher.add(*pusher);
+    }
+    publisher.add(files);
     DashManifestWriter dashManifest;
     SmoothManifestWriter smoothManifest;
     PresentationSettings settings;
@@ -153,6 +185,9 @@ int run(int argc, char** argv) {
     settings.mediaTemplate = options.mediaTemplateOrDefault();
     settings.firstNumber = static_cast<std::uint64_t>(options.firstNumber);
     settings.timeShiftBufferSeconds = options.timeShiftBufferSeconds;
+    settings.lowLatency = options.lowLatency();
+    settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
+    if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));
         settings.runFolder = runs.current;

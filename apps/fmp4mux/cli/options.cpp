@@ -27,6 +27,8 @@ std::string Options::initTemplateOrDefault() const {
 
 std::string Options::mediaTemplateOrDefault() const {
     if (mediaTemplate) return *mediaTemplate;
+    // Low-latency segments are announced by number: players reckon which one is growing from the clock.
+    if (lowLatency()) return "${sessionId}/${adaptationSetId}/${representationId}/chunk_${number}.mp4";
     return dash ? ve::kDefaultDashMedia : ve::kDefaultSmoothMedia;
 }
 
@@ -206,18 +208,44 @@ with nothing to package; 4 output folder not writable.
                    o.mode = 1;
                else if (text == "gop-alt")
                    o.mode = 2;
+               else if (text == "low-latency")
+                   o.mode = 3;
                else
-                   refuse("unknown mode '" + text + "' (gop, gop-alt or separate-audio)");
+                   refuse("unknown mode '" + text + "' (gop, gop-alt, separate-audio or low-latency)");
            },
            "gop (default): segments of whole GOPs, cut at common key frames;\n"
            "gop-alt: the same, with another numbering of missing chunks;\n"
-           "separate-audio: audio cut on its own duration")
+           "separate-audio: audio cut on its own duration;\n"
+           "low-latency (DASH): segments of equal chunks (--chunk-duration), each chunk\n"
+           "written and served as soon as its samples exist")
         ->type_name("MODE");
     number("-g,--gop-duration", "MS", o.gopDurationMs, 100, 600000, "GOP duration of the inputs (default: measured on\nthe first video input, else 2000)");
     number("-n,--gops-per-segment", "N", o.gopsPerSegment, 1, 1000, "GOPs in a segment (default 1)");
     number("--audio-segment-duration", "MS", o.audioSegmentDurationMs, 1, 600000,
            "audio segment duration in separate-audio mode (default: the segment duration)");
     number("--chunk-duration", "MS", o.chunkDurationMs, 1, 600000, "chunk duration of the low-latency mode (default 500)");
+    app.add_option_function<std::string>(
+           "--serve",
+           [&o](const std::string& text) {
+               const auto colon = text.rfind(':');
+               const std::string port = colon == std::string::npos ? text : text.substr(colon + 1);
+               long long number = 0;
+               if (!parseInteger(port, 0, 65535, number)) refuse("--serve takes [ADDR:]PORT, not '" + text + "'");
+               o.servePort = static_cast<std::uint16_t>(number);
+               o.serveAddress = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
+           },
+           "serve OUTDIR and the manifests over HTTP (default address 127.0.0.1);\n"
+           "a segment still being written is sent chunk by chunk as it grows")
+        ->type_name("[ADDR:]PORT");
+    app.add_option_function<std::string>(
+           "--push",
+           [&o](const std::string& text) {
+               if (text.rfind("http://", 0) != 0 && text.rfind("https://", 0) != 0)
+                   refuse("--push takes an http:// or https:// URL, not '" + text + "'");
+               o.pushUrl = text;
+           },
+           "send every file with HTTP PUT to the origin at URL as it is made")
+        ->type_name("URL");
     app.add_flag("--in-band-parameter-sets", o.inBandParameterSets, "DASH: parameter sets in the samples (avc3/hev1)");
     app.add_flag("--all-video-in-init", o.allVideoInInit, "DASH: every video sample entry in each init segment");
     app.add_flag("--drift-detection", o.driftDetection, "restart numbering when the input drifts from the wall clock");
@@ -382,6 +410,14 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         return ParseResult::Error;
     }
 
+    if (options.lowLatency() && !options.dash) {
+        error = "the low-latency mode is DASH only";
+        return ParseResult::Error;
+    }
+    if (options.lowLatency() && options.mediaTemplateOrDefault().find("${number}") == std::string::npos) {
+        error = "in the low-latency mode the media template names segments by ${number}";
+        return ParseResult::Error;
+    }
     const int validatorMode = options.dash ? 1 : 0;
     std::string why;
     if (!ve::validateInitTemplate(validatorMode, false, options.initTemplateOrDefault(), why)) {

@@ -36,6 +36,10 @@ struct Options {
     std::uint32_t gopsPerSegment = 1;
     std::optional<std::int32_t> audioSegmentDurationMs;
     std::int32_t chunkDurationMs = 500;
+    // --serve: the built-in HTTP origin's address and port; --push: the origin every file is sent to.
+    std::optional<std::string> serveAddress;
+    std::uint16_t servePort = 0;
+    std::optional<std::string> pushUrl;
     bool inBandParameterSets = false;
     bool allVideoInInit = false;
     bool driftDetection = false;
@@ -54,6 +58,7 @@ struct Options {
     std::vector<std::string> inputs;
     std::string outputDirectory;
 
+    bool lowLatency() const { return mode == 3; }
     std::string initTemplateOrDefault() const;
     std::string mediaTemplateOrDefault() const;
 };

@@ -35,7 +35,10 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         if (!reader::moviePart(m_pending).empty()) finish();
     } else {
         const std::string last = reader::lastCompleteBox(m_pending);
-        if ((m_dash && last == "teos") || (!m_dash && last == "mdat")) finish();
+        // A chunk inside a segment ends at its end-of-chunk box; one that ends a segment has the end-of-segment
+        // box after it, which a full buffer may leave for the next one.
+        const bool full = length >= sample->GetSize();
+        if ((m_dash && (last == "teos" || (last == "teoc" && !full))) || (!m_dash && last == "mdat")) finish();
     }
     return S_OK;
 }

@@ -20,7 +20,8 @@ public:
     using Rooms = std::function<Bytes()>;
 
     // A chunk is complete when its bytes end at the box that closes it (the index of an init chunk, `mdat` of a
-    // Smooth chunk, the end-of-segment box of a DASH chunk); any other chunk is completed by the start of the
+    // Smooth chunk, the end-of-segment box of a DASH chunk, or its end-of-chunk box when no more bytes follow in
+    // the buffer: a low-latency chunk inside a segment); any other chunk is completed by the start of the
     // next one or by the end of the stream. `bufferCount`: how many 8192-byte buffers to ask of the output; the
     // sink copies each buffer at once, so the pool needs to hold one chunk.
     ChunkSink(bool dash, long bufferCount, Handler handler, Rooms rooms = {});

@@ -95,11 +95,27 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
         out += " type=\"dynamic\" availabilityStartTime=\"" + timing.availabilityStartTime + "\" publishTime=\"" +
                timing.publishTime + "\" minimumUpdatePeriod=\"" + isoDuration(timing.maxSegmentMs / 1000.0) +
                "\" timeShiftBufferDepth=\"" + isoDuration(timing.timeShiftBufferSeconds) +
-               "\" suggestedPresentationDelay=\"" + isoDuration(suggestedDelay(timing)) + "\"";
+               "\" suggestedPresentationDelay=\"" +
+               isoDuration(timing.lowLatency.on ? timing.lowLatency.latencyTargetMs / 1000.0 : suggestedDelay(timing)) + "\"";
     } else {
         out += " type=\"static\" mediaPresentationDuration=\"" + isoDuration(duration) + "\"";
     }
-    out += " minBufferTime=\"" + isoDuration(timing.maxSegmentMs / 1000.0) + "\">\n";
+    const LowLatencyTiming& ll = timing.lowLatency;
+    const bool lowLatency = timing.dynamic && ll.on && ll.segmentSeconds > 0;
+    out += " minBufferTime=\"" + isoDuration(lowLatency ? ll.chunkSeconds : timing.maxSegmentMs / 1000.0) + "\">\n";
+    if (lowLatency) {
+        // The latency players aim at, and how fast they may play to hold it.
+        const std::uint32_t target = ll.latencyTargetMs;
+        indent(out, 1);
+        out += "<ServiceDescription id=\"0\">\n";
+        indent(out, 2);
+        out += "<Latency referenceId=\"0\" target=\"" + std::to_string(target) + "\" min=\"" +
+               std::to_string(target / 2) + "\" max=\"" + std::to_string(target * 2) + "\"/>\n";
+        indent(out, 2);
+        out += "<PlaybackRate min=\"0.96\" max=\"1.04\"/>\n";
+        indent(out, 1);
+        out += "</ServiceDescription>\n";
+    }
     indent(out, 1);
     out += "<Period id=\"0\" start=\"PT0S\">\n";
 
@@ -139,6 +155,18 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
             indent(out, 4);
             out += "<SegmentTemplate timescale=\"" + std::to_string(t->timescale) + "\" initialization=\"" +
                    escape(t->initialization) + "\" media=\"" + escape(t->mediaTemplate) + "\"";
+            if (lowLatency) {
+                // Segments by number from the clock; each may be fetched a chunk after it starts, and is sent as
+                // it grows.
+                char offset[32];
+                std::snprintf(offset, sizeof offset, "%.3f", ll.segmentSeconds - ll.chunkSeconds);
+                out += " startNumber=\"" + std::to_string(ll.startNumber) + "\" duration=\"" +
+                       std::to_string(std::llround(ll.segmentSeconds * static_cast<double>(t->timescale))) +
+                       "\" availabilityTimeOffset=\"" + offset + "\" availabilityTimeComplete=\"false\"/>\n";
+                indent(out, 3);
+                out += "</Representation>\n";
+                continue;
+            }
             if (t->mediaByNumber && from < t->segments.size())
                 out += " startNumber=\"" + std::to_string(t->segments[from].number) + "\"";
             out += ">\n";
@@ -171,6 +199,12 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
     out += "</Period>\n";
     if (timing.dynamic) {
         // Players set their clock from the MPD itself: no time server is needed, and none outside is reached.
+        // A low-latency presentation served here names the server's own clock first, which is more exact.
+        if (lowLatency && !ll.utcTimingUrl.empty()) {
+            indent(out, 1);
+            out += "<UTCTiming schemeIdUri=\"urn:mpeg:dash:utc:http-xsdate:2014\" value=\"" + escape(ll.utcTimingUrl) +
+                   "\"/>\n";
+        }
         indent(out, 1);
         out += "<UTCTiming schemeIdUri=\"urn:mpeg:dash:utc:direct:2014\" value=\"" + timing.publishTime + "\"/>\n";
     }
@@ -260,6 +294,7 @@ std::string DashManifestWriter::build(const std::vector<Track>& tracks, const Ma
     mpd.timeShiftBufferSeconds = timing.timeShiftBufferSeconds;
     mpd.availabilityStartTime = isoUtc(timing.availabilityStart);
     mpd.publishTime = isoUtc(timing.now);
+    mpd.lowLatency = timing.lowLatency;
     return buildMpd(tracks, mpd);
 }
 

@@ -9,7 +9,19 @@
 
 namespace fmp4mux {
 
+// A low-latency presentation: segments by number of `segmentDuration` (in each track's timescale), each of
+// chunks of `chunkDuration`, fetched as they grow.
+struct LowLatencyTiming {
+    bool on = false;
+    double chunkSeconds = 0;
+    double segmentSeconds = 0;
+    std::uint64_t startNumber = 1;
+    std::uint32_t latencyTargetMs = 2000;
+    std::string utcTimingUrl;
+};
+
 struct MpdTiming {
+    LowLatencyTiming lowLatency;
     bool dynamic = false;
     std::string availabilityStartTime;  // ISO 8601 UTC, for a dynamic MPD
     std::string publishTime;
@@ -32,6 +44,7 @@ struct ManifestTiming {
     double now = 0;                   // Unix seconds
     std::uint32_t timeShiftBufferSeconds = 60;
     std::uint32_t maxSegmentMs = 0;   // the longest segment written
+    LowLatencyTiming lowLatency;
 };
 
 // One client manifest format: the file it is and its text for the tracks written so far.

@@ -1,6 +1,7 @@
 #include "apps/fmp4mux/model/presentation.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 #include "packaging/fmp4/output/chunk_reader.h"
@@ -74,6 +75,7 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
 
 void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& chunk) {
     if (!out.ready) return;
+    if (m_settings.lowLatency) return onLowLatencyChunk(index, out, std::move(chunk));
     const auto timing = reader::readChunkTiming(chunk, m_settings.dash);
     if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
     // A chunk of no duration is the engine's stand-in for a chunk this output missed (its input had nothing for
@@ -88,20 +90,95 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     } catch (const std::exception& e) {
         return fail(e.what());
     }
+    ++m_chunks;
+    const std::uint64_t size = chunk.size();
+    // DASH media files leave out the engine's marker boxes, which players do not know.
+    Publication file{std::move(path), {}, {}, false};
+    if (m_settings.dash)
+        for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk))
+            file.ranges.emplace_back(static_cast<std::size_t>(range.data() - chunk.data()), range.size());
+    file.bytes = std::move(chunk);
+    m_publisher.publish(std::move(file));
+    recordSegment(out, timing->time, timing->duration, number, size);
+    if (m_live) publishManifestLocked();
+    removeLeaving();
+}
+
+void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& chunk) {
+    auto timing = reader::readChunkTiming(chunk, true);
+    if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
+    if (timing->duration == 0) return;
+    const bool last = reader::lastCompleteBox(chunk) == "teos";
+    out.track.timescale = timing->timescale;
+    // Every chunk lasts what the engine planned (its presentation span may differ, with reordered frames).
+    const Track::PlannedDurations& plan = out.track.planned;
+    if (plan.timescale == 0 || plan.chunk == 0) return fail("output " + std::to_string(index) + ": the init chunk tells no chunk duration");
+    out.chunkDuration = static_cast<std::uint64_t>(
+        static_cast<unsigned __int128>(plan.chunk) * timing->timescale / plan.timescale);
+    timing->duration = out.chunkDuration;
+    Publication part{{}, {}, {}, false};
+    if (!out.growing) {
+        Output::Growing growing;
+        growing.number = out.nextNumber++;
+        growing.time = timing->time;
+        try {
+            growing.path = expandName(m_settings.mediaTemplate, out, timing->time, growing.number);
+        } catch (const std::exception& e) {
+            return fail(e.what());
+        }
+        out.growing = growing;
+        part.growth = Publication::Growth::Start;
+    } else {
+        part.growth = Publication::Growth::More;
+    }
+    out.growing->duration += timing->duration;
+    out.growing->bytes += chunk.size();
+    part.path = out.growing->path;
+    part.complete = last;
+    for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk))
+        part.ranges.emplace_back(static_cast<std::size_t>(range.data() - chunk.data()), range.size());
+    part.bytes = std::move(chunk);
+    ++m_chunks;
+    const bool firstChunk = !m_availabilityStart;
+    if (firstChunk) {
+        // Time 0 of the timeline was available a chunk before now: the first segment's first chunk is in.
+        m_availabilityStart = m_now() - static_cast<double>(timing->time + timing->duration) /
+                                            static_cast<double>(timing->timescale);
+        for (const std::string& folder : m_settings.earlierRuns)
+            m_leaving.push_back({m_settings.timeShiftBufferSeconds * 1.0, folder, true});
+    }
+    m_publisher.publish(std::move(part));
+    const double end = static_cast<double>(timing->time + timing->duration) / static_cast<double>(timing->timescale);
+    m_mediaEnd = std::max(m_mediaEnd, end);
+    if (!m_firstStart) m_firstStart = static_cast<double>(out.growing->time) / static_cast<double>(timing->timescale);
+    m_mediaSeconds = std::max(m_mediaSeconds, end - *m_firstStart);
+    if (last) {
+        const Output::Growing done = *out.growing;
+        out.growing.reset();
+        recordSegment(out, done.time, done.duration, done.number, done.bytes);
+    }
+    // The MPD announces segments from the clock: it is written at the start and as segments complete (for the
+    // bitrates measured and the timeline of the last one).
+    if (m_live && (firstChunk || last)) publishManifestLocked();
+    removeLeaving();
+}
+
+void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,
+                                 std::uint64_t bytes) {
     // Times and durations are each rounded to the track's timescale (1 ms for the audio of separate-audio
     // segments), so a segment may start a tick before or after the end of the one before: the timeline stays
     // continuous, the earlier segment lasting to the next one's start. Real gaps and overlaps stay as they are.
     if (!out.track.segments.empty()) {
         Segment& before = out.track.segments.back();
-        const std::uint64_t end = before.time + before.duration;
-        const std::uint64_t step = end > timing->time ? end - timing->time : timing->time - end;
-        if (step > 0 && step * 100 <= before.duration && timing->time > before.time) before.duration = timing->time - before.time;
+        const std::uint64_t beforeEnd = before.time + before.duration;
+        const std::uint64_t step = beforeEnd > time ? beforeEnd - time : time - beforeEnd;
+        if (step > 0 && step * 100 <= before.duration && time > before.time) before.duration = time - before.time;
     }
-    out.track.segments.push_back({timing->time, timing->duration, number});
+    out.track.segments.push_back({time, duration, number});
     // A live session keeps the records of its time-shift window only, so that neither its memory nor the
     // manifest rewrite on every chunk grows with the run; the manifest that ends a live input therefore lists
     // the segments still in the window. A file input keeps them all for its static manifest.
-    const double end = static_cast<double>(timing->time + timing->duration) / static_cast<double>(timing->timescale);
+    const double end = static_cast<double>(time + duration) / static_cast<double>(out.track.timescale);
     if (m_live) {
         const auto leaving = static_cast<std::ptrdiff_t>(
             countBeforeWindow(out.track.segments, out.track.timescale, m_settings.timeShiftBufferSeconds));
@@ -117,16 +194,15 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
         out.track.segments.erase(out.track.segments.begin(), out.track.segments.begin() + leaving);
     }
     out.maxSegmentMs = std::max(out.maxSegmentMs, static_cast<std::uint32_t>(std::min<std::uint64_t>(
-                                                      UINT32_MAX, timing->duration * 1000 / timing->timescale)));
-    out.packagedSeconds += static_cast<double>(timing->duration) / static_cast<double>(timing->timescale);
+                                                      UINT32_MAX, duration * 1000 / out.track.timescale)));
+    out.packagedSeconds += static_cast<double>(duration) / static_cast<double>(out.track.timescale);
     m_packagedSeconds = std::max(m_packagedSeconds, out.packagedSeconds);
     out.peakBitrate = std::max(out.peakBitrate, static_cast<std::uint32_t>(std::min<double>(
-        4e9, static_cast<double>(chunk.size()) * 8 * static_cast<double>(timing->timescale) /
-                 static_cast<double>(timing->duration))));
+        4e9, static_cast<double>(bytes) * 8 * static_cast<double>(out.track.timescale) / static_cast<double>(duration))));
     ++m_files;
-    ++m_chunks;
+    if (m_settings.lowLatency) return;  // counted and timed by chunk
     // Media packaged so far, from the earliest chunk start: Smooth times are absolute, DASH ones start near 0.
-    const double start = static_cast<double>(timing->time) / static_cast<double>(timing->timescale);
+    const double start = static_cast<double>(time) / static_cast<double>(out.track.timescale);
     if (!m_firstStart || start < *m_firstStart) m_firstStart = start;
     m_mediaSeconds = std::max(m_mediaSeconds, end - *m_firstStart);
     if (!m_availabilityStart) {
@@ -134,16 +210,10 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
         for (const std::string& folder : m_settings.earlierRuns)
             m_leaving.push_back({end + m_settings.timeShiftBufferSeconds, folder, true});
     }
-
-    // DASH media files leave out the engine's marker boxes, which players do not know.
-    Publication file{std::move(path), {}, {}, false};
-    if (m_settings.dash)
-        for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk))
-            file.ranges.emplace_back(static_cast<std::size_t>(range.data() - chunk.data()), range.size());
-    file.bytes = std::move(chunk);
-    m_publisher.publish(std::move(file));
-    if (m_live) publishManifestLocked();
     m_mediaEnd = std::max(m_mediaEnd, end);
+}
+
+void Presentation::removeLeaving() {
     while (!m_leaving.empty() && m_leaving.front().after <= m_mediaEnd) {
         m_publisher.publish({std::move(m_leaving.front().path), {}, {}, false, true, m_leaving.front().tree});
         m_leaving.pop_front();
@@ -152,6 +222,17 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
 
 void Presentation::finish() {
     std::lock_guard lock(m_mutex);
+    // A segment that the end of the input left growing is complete with what it has.
+    for (auto& [index, out] : m_outputs) {
+        if (!out.growing) continue;
+        Publication last{out.growing->path, {}, {}, false};
+        last.growth = Publication::Growth::More;
+        last.complete = true;
+        m_publisher.publish(std::move(last));
+        const Output::Growing done = *out.growing;
+        out.growing.reset();
+        recordSegment(out, done.time, done.duration, done.number, done.bytes);
+    }
     m_live = false;
     publishManifestLocked();
 }
@@ -160,7 +241,8 @@ void Presentation::publishManifestLocked() {
     std::vector<Track> tracks;
     std::uint32_t maxSegmentMs = 0;
     for (const auto& [index, out] : m_outputs) {
-        if (!out.ready || out.track.segments.empty()) continue;
+        const bool announced = m_settings.lowLatency && m_live && out.chunkDuration > 0;
+        if (!out.ready || (out.track.segments.empty() && !announced)) continue;
         Track track = out.track;
         // DASH announces what a client must sustain: the stated bitrate, or else the peak measured over the
         // segments written (the input seldom tells a stream's own rate).
@@ -177,6 +259,21 @@ void Presentation::publishManifestLocked() {
     timing.availabilityStart = m_availabilityStart.value_or(timing.now);
     timing.timeShiftBufferSeconds = m_settings.timeShiftBufferSeconds;
     timing.maxSegmentMs = maxSegmentMs;
+    if (m_settings.lowLatency && m_live) {
+        for (const auto& [index, out] : m_outputs) {
+            if (out.chunkDuration == 0) continue;
+            timing.lowLatency.on = true;
+            timing.lowLatency.chunkSeconds =
+                static_cast<double>(out.chunkDuration) / static_cast<double>(out.track.timescale);
+            timing.lowLatency.segmentSeconds =
+                static_cast<double>(out.track.planned.segment) / static_cast<double>(out.track.planned.timescale);
+            break;
+        }
+        timing.lowLatency.startNumber = m_settings.firstNumber;
+        timing.lowLatency.latencyTargetMs = m_settings.latencyTargetMs;
+        timing.lowLatency.utcTimingUrl = m_settings.utcTimingUrl;
+        timing.maxSegmentMs = static_cast<std::uint32_t>(std::lround(timing.lowLatency.segmentSeconds * 1000));
+    }
     const std::string text = m_manifest.build(tracks, timing);
     m_publisher.publish({m_manifest.fileName(), std::vector<std::uint8_t>(text.begin(), text.end()), {}, true});
 }

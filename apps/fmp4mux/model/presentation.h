@@ -32,6 +32,12 @@ struct PresentationSettings {
     // away once this run has packaged a window (players that read the earlier run's manifest may still fetch).
     std::string runFolder;
     std::vector<std::string> earlierRuns;
+    // Low latency: each chunk is published as it comes, appended to its growing segment of `chunksPerSegment`
+    // chunks; the MPD announces segments by number from the clock, and a player may fetch one as it grows.
+    bool lowLatency = false;
+    std::uint32_t chunksPerSegment = 1;
+    std::uint32_t latencyTargetMs = 2000;
+    std::string utcTimingUrl;  // an address answering the time (http-xsdate), when there is one
 };
 
 class Presentation {
@@ -79,10 +85,22 @@ private:
         double packagedSeconds = 0;      // the durations of its segments, added up
         Track track;
         std::uint64_t nextNumber = 1;
+        // Low latency: the segment being written, and the duration of a chunk (the track's timescale).
+        struct Growing {
+            std::string path;
+            std::uint64_t time = 0, duration = 0, number = 0, bytes = 0;
+        };
+        std::optional<Growing> growing;
+        std::uint64_t chunkDuration = 0;
     };
 
     void onInit(int index, Output& out, std::vector<std::uint8_t>&& chunk);
     void onMedia(int index, Output& out, std::vector<std::uint8_t>&& chunk);
+    void onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& chunk);
+    // A segment written whole (or, in low latency, completed): its record, the live window, the bitrate.
+    void recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,
+                       std::uint64_t bytes);
+    void removeLeaving();
     void publishManifestLocked();
     void fail(const std::string& message);
     int adaptationSet(const Track& track);

@@ -91,8 +91,14 @@ bool readServerManifest(const std::string& xml, bool dash, Track& track) {
     const auto* body = smil ? smil->FirstChildElement("body") : nullptr;
     const auto* sw = body ? body->FirstChildElement("switch") : nullptr;
     if (sw == nullptr) return false;
+    const auto planned = [&track](const tinyxml2::XMLElement* element) {
+        if (const auto* durations = element->FirstChildElement("durations"))
+            track.planned = {number(attribute(durations, "timescale")), number(attribute(durations, "chunkDuration")),
+                             number(attribute(durations, "segmentDuration"))};
+    };
     if (const auto* video = sw->FirstChildElement("video")) {
         track.kind = "video";
+        planned(video);
         if (dash) {
             track.bitrate = number(attribute(video, "systemBitrate"));
             track.bandwidth = std::max(track.bitrate, number(attribute(video, "peakBitrate")));
@@ -114,6 +120,7 @@ bool readServerManifest(const std::string& xml, bool dash, Track& track) {
     }
     if (const auto* audio = sw->FirstChildElement("audio")) {
         track.kind = "audio";
+        planned(audio);
         if (dash) {
             track.bitrate = track.bandwidth = number(attribute(audio, "systemBitrate"));
             track.language = attribute(audio, "lang").empty() ? "und" : attribute(audio, "lang");

@@ -46,6 +46,11 @@ struct Track {
     std::string defaultKid;
     std::vector<ProtectionSystem> protectionSystems;
     std::deque<Segment> segments;  // in the order written
+    // The chunk and segment durations the engine planned, in their own timescale (0 when not told).
+    struct PlannedDurations {
+        std::uint64_t timescale = 0, chunk = 0, segment = 0;
+    };
+    PlannedDurations planned;
 };
 
 // How many segments at the front of `segments` a time-shift window of `windowSeconds` leaves out: those that

@@ -95,6 +95,31 @@ void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t
     }
 }
 
+void writeSegmentPart(const std::string& path, const Publication& part) {
+    const std::filesystem::path target(path);
+    if (part.growth == Publication::Growth::Start && target.has_parent_path()) {
+        std::error_code error;
+        std::filesystem::create_directories(target.parent_path(), error);
+        if (error) throw std::runtime_error("cannot create folder " + target.parent_path().string() + ": " + error.message());
+    }
+    const std::string growing = growingName(path);
+    std::FILE* file = std::fopen(growing.c_str(), part.growth == Publication::Growth::Start ? "wb" : "ab");
+    if (file == nullptr) throw std::runtime_error("cannot write " + growing + ": " + std::strerror(errno));
+    bool written = true;
+    auto write = [&](std::size_t offset, std::size_t length) {
+        written = written && (length == 0 || std::fwrite(part.bytes.data() + offset, 1, length, file) == length);
+    };
+    if (part.ranges.empty())
+        write(0, part.bytes.size());
+    else
+        for (const auto& [offset, length] : part.ranges) write(offset, length);
+    // Each chunk reaches the file as it comes: a reader of the growing file sees it at once.
+    const bool closed = std::fclose(file) == 0;
+    if (!written || !closed) throw std::runtime_error("cannot write " + growing + ": " + std::strerror(errno));
+    if (part.complete && std::rename(growing.c_str(), path.c_str()) != 0)
+        throw std::runtime_error("cannot rename " + growing + " to " + path + ": " + std::strerror(errno));
+}
+
 FilePublisher::FilePublisher(std::string root, std::function<void(std::vector<std::uint8_t>&&)> recycle)
     : m_root(std::move(root)), m_recycle(std::move(recycle)), m_thread([this] { run(); }) {}
 
@@ -158,6 +183,8 @@ void FilePublisher::run() {
                 std::filesystem::remove_all(m_root + "/" + next.path);
             else if (next.remove)
                 std::filesystem::remove(m_root + "/" + next.path);  // throws only when a file there stays
+            else if (next.growth != Publication::Growth::Whole)
+                writeSegmentPart(m_root + "/" + next.path, next);
             else
                 writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges);
         } catch (const std::exception& e) {

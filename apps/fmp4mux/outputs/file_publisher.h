@@ -1,6 +1,7 @@
 #pragma once
 // Publishes into a folder: each file is written under a temporary name and renamed, so that a reader never sees
-// half a file; folders are made as needed. One thread writes, in the order published. The first file that cannot
+// half a file; folders are made as needed. A growing segment is appended to, chunk by chunk, under a name of its
+// own (growingName) and renamed to its name with its last chunk. One thread writes, in the order published. The first file that cannot
 // be written (a full disk, a file size limit) stops all writing: what is on disk stays consistent, since every
 // manifest is published after the files it lists.
 #include <condition_variable>
@@ -69,5 +70,9 @@ RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start)
 // Raises std::runtime_error with the reason on failure.
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
                          const std::vector<std::pair<std::size_t, std::size_t>>& ranges = {});
+
+// Writes one part of a growing segment at `path`: to its growing name, made anew for Start, appended to for
+// More; renamed to `path` when `complete`. Raises std::runtime_error with the reason on failure.
+void writeSegmentPart(const std::string& path, const Publication& part);
 
 }  // namespace fmp4mux

@@ -21,7 +21,15 @@ struct Publication {
     bool remove = false;
     // With `remove`: takes away the folder at `path` with all it holds (an earlier live run's).
     bool tree = false;
+    // A segment that grows chunk by chunk: Start begins it with `bytes`, More appends them; `complete` says that
+    // this is its last part. Whole: a file given at once.
+    enum class Growth { Whole, Start, More };
+    Growth growth = Growth::Whole;
+    bool complete = false;
 };
+
+// The name a growing segment has on disk until its last chunk is in.
+inline std::string growingName(const std::string& path) { return path + ".growing"; }
 
 class Publisher {
 public:

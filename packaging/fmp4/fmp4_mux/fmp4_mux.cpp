@@ -5,6 +5,7 @@
 #include "packaging/imff_samples/sample.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "packaging/synchronizator/sample_segment_synchronisator.h"
+#include "packaging/synchronizator_lowlatency/low_latency_global_synchronizator.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
@@ -17,6 +18,11 @@ std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const Seg
     return std::make_unique<synchronizator::SampleSegmentSynchronisator>(
         *params.listener, params.segmentDurationMs, params.gopsPerSegment, params.notifier, *params.logger,
         params.offline);
+}
+
+std::unique_ptr<ISampleSynchronizator> makeLowLatencyGlobalSynchronizator(const LowLatencySynchronizatorParams& params) {
+    return std::make_unique<synchronizator_lowlatency::LowLatencyGlobalSynchronizator>(
+        *params.listener, params.chunkDurationMs, params.segmentDurationMs, params.notifier, *params.logger);
 }
 
 void Fmp4SampleListener::onStreamAdded(std::uint32_t streamType, std::uint32_t streamId) {

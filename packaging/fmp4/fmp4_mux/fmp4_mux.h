@@ -56,6 +56,7 @@ struct ChunksBuilderParams {
 };
 
 std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params);
+std::unique_ptr<ISampleSynchronizator> makeLowLatencyGlobalSynchronizator(const LowLatencySynchronizatorParams& params);
 // The system's chunk builder.
 std::unique_ptr<IChunksBuilder> makeChunksBuilder(const ChunksBuilderParams& params);
 
@@ -66,7 +67,7 @@ struct Fmp4MuxParts {
     std::function<std::unique_ptr<ISampleSynchronizator>(const SegmentSynchronizatorParams&)> makeSegmentSynchronizator =
         makeSampleSegmentSynchronisator;
     std::function<std::unique_ptr<ISampleSynchronizator>(const LowLatencySynchronizatorParams&)>
-        makeLowLatencySynchronizator;
+        makeLowLatencySynchronizator = makeLowLatencyGlobalSynchronizator;
     std::function<std::unique_ptr<lib_parse_es::NALBuilder>(std::uint32_t streamType)> makeNalBuilder =
         lib_parse_es::createNalBuilder;
     std::function<std::unique_ptr<imff_samples::SampleBuilder>(std::uint32_t, bool, imff_samples::ISampleListener*)>

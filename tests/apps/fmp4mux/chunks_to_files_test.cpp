@@ -94,15 +94,19 @@ TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
     EXPECT_EQ(inits, std::vector<Bytes>{init});  // complete without waiting for what follows
     feed(chunk, false, 100);
     EXPECT_EQ(media, std::vector<Bytes>{chunk});  // the end-of-segment box closes it
-    // A chunk without a closing box is completed by the next one, and the last by the end of the stream; the room
-    // of the previous chunk is reused, and nothing of it is left.
-    const Bytes open = cat({box("moof"), box("mdat", {3}), box("teoc")});
-    feed(open, false, 200);
-    EXPECT_EQ(media.size(), 1u);
+    // A low-latency chunk ends at its end-of-chunk box, at once. A chunk without a closing box is completed by
+    // the next one, and the last by the end of the stream; the room of the previous chunk is reused, and nothing
+    // of it is left.
+    const Bytes inner = cat({box("moof"), box("mdat", {3}), box("teoc")});
+    feed(inner, false, 200);
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner}));
+    const Bytes open = cat({box("moof"), box("mdat", {3})});
     feed(open, false, 300);
-    EXPECT_EQ(media, (std::vector<Bytes>{chunk, open}));
+    EXPECT_EQ(media.size(), 2u);
+    feed(open, false, 400);
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner, open}));
     sink.EndOfStream();
-    EXPECT_EQ(media, (std::vector<Bytes>{chunk, open, open}));
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner, open, open}));
     EXPECT_TRUE(sink.ended());
 }
 

@@ -72,6 +72,29 @@ TEST(Manifests, TimelineRunsAndTheLiveWindow) {
     EXPECT_EQ(countBeforeWindow({{0, 20, 1}}, 10, 0), 0u);
 }
 
+// A low-latency live MPD names segments by number from the clock: a segment may be fetched one chunk after it
+// starts, it is not complete when fetched, the latency target is stated, and the origin's own clock comes first.
+TEST(Manifests, LowLatencyLiveMpd) {
+    Track t;
+    t.kind = "video";
+    t.representationId = "video0";
+    t.timescale = 90000;
+    t.initialization = "i.mp4";
+    t.mediaTemplate = "c_$Number$.mp4";
+    MpdTiming timing;
+    timing.dynamic = true;
+    timing.lowLatency = {true, 0.5, 2.0, 7, 2000, "http://127.0.0.1:8080/utc"};
+    const std::string mpd = buildMpd({t}, timing);
+    EXPECT_NE(mpd.find("startNumber=\"7\" duration=\"180000\" availabilityTimeOffset=\"1.500\" "
+                       "availabilityTimeComplete=\"false\"/>"), std::string::npos) << mpd;
+    EXPECT_NE(mpd.find("<Latency referenceId=\"0\" target=\"2000\""), std::string::npos);
+    EXPECT_EQ(mpd.find("<SegmentTimeline>"), std::string::npos);
+    const auto xsdate = mpd.find("urn:mpeg:dash:utc:http-xsdate:2014\" value=\"http://127.0.0.1:8080/utc\"");
+    ASSERT_NE(xsdate, std::string::npos);
+    EXPECT_LT(xsdate, mpd.find("urn:mpeg:dash:utc:direct:2014"));
+    EXPECT_LT(mpd.find("<ServiceDescription"), mpd.find("<Period"));
+}
+
 ParseResult parse(std::vector<std::string> args, Options& options, std::string& error) {
     std::vector<char*> argv{const_cast<char*>("fmp4mux")};
     for (auto& a : args) argv.push_back(a.data());
@@ -130,7 +153,11 @@ TEST(Options, RefusedCommandLinesSayWhy) {
         {{"-vx", "a", "out"}, "unknown option -x"},
         {{"a", "out", "-g"}, "--gop-duration"},
         {{"-f", "hls", "a", "out"}, "unknown format 'hls' (dash or smooth)"},
-        {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt or separate-audio)"},
+        {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt, separate-audio or low-latency)"},
+        {{"-m", "low-latency", "-f", "smooth", "a", "out"}, "the low-latency mode is DASH only"},
+        {{"-m", "low-latency", "--media-template", "${time}.mp4", "a", "out"}, "names segments by ${number}"},
+        {{"--serve", "host:http", "a", "out"}, "--serve takes [ADDR:]PORT, not 'host:http'"},
+        {{"--push", "ftp://x/", "a", "out"}, "--push takes an http:// or https:// URL"},
         {{"-g50", "a", "out"}, "option --gop-duration: '50' is not a number from 100 to 600000"},
         {{"--time-shift-buffer=1h", "a", "out"}, "'1h' is not a number from 1 to 86400"},
         {{"--first-number", "2147483648", "a", "out"}, "is not a number from 0 to 2147483647"},

@@ -13,6 +13,11 @@
 // "play.mjs: seek: shown MEDIA_TIME WIDTHxHEIGHT".
 // --clearkey hands the player a W3C ClearKey licence of its keys (key id and key as 32 hexadecimal digits each), for
 // encrypted presentations. --player shaka plays with shaka-player instead of dash.js (DASH only).
+// --manifest-url URL plays a live presentation that another server serves (fmp4mux --serve) in place of
+// FOLDER MANIFEST; with --max-latency SECONDS it is played in dash.js's low-latency mode for --min-time seconds from
+// its first frame, the player's own live-latency figure is read every 250 ms and printed, and the run fails when
+// it passes SECONDS or the video stalls (after playback started, a 'waiting' event not followed by 'playing'
+// within 40 ms, a frame's time).
 // The browser and the server are closed on every path.
 
 import http from 'node:http';
@@ -39,7 +44,7 @@ function usage(message) {
 
 function parseArgs(argv) {
   const opts = { format: 'dash', player: 'dashjs', clearKey: null, minTime: 6, timeout: 40, seek: null, grab: null,
-                 positional: [] };
+                 manifestUrl: null, maxLatency: null, positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -53,6 +58,8 @@ function parseArgs(argv) {
     else if (a === '--timeout') opts.timeout = Number(value());
     else if (a === '--seek') opts.seek = Number(value());
     else if (a === '--grab') opts.grab = value();
+    else if (a === '--manifest-url') opts.manifestUrl = value();
+    else if (a === '--max-latency') opts.maxLatency = Number(value());
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
   }
@@ -65,6 +72,12 @@ function parseArgs(argv) {
   if (!(opts.timeout > 0 && opts.timeout <= 120)) usage('--timeout must be in (0, 120] seconds');
   if ((opts.seek === null) !== (opts.grab === null)) usage('--seek and --grab go together');
   if (opts.seek !== null && !(opts.seek >= 0)) usage('--seek must be a time in seconds');
+  if (opts.maxLatency !== null && !(opts.maxLatency > 0 && opts.manifestUrl)) usage('--max-latency takes seconds, with --manifest-url');
+  if (opts.manifestUrl) {
+    if (!/^http:\/\/(127\.0\.0\.1|localhost)[:/]/.test(opts.manifestUrl)) usage('--manifest-url must be on 127.0.0.1');
+    if (opts.positional.length !== 0) usage('FOLDER and MANIFEST go without --manifest-url');
+    opts.positional = [os.tmpdir(), ''];
+  }
   if (opts.positional.length !== 2) usage('FOLDER and MANIFEST are required');
   [opts.folder, opts.manifest] = opts.positional;
   opts.folder = path.resolve(opts.folder);
@@ -119,7 +132,7 @@ ${scripts.map((s) => `<script src="${s}"></script>`).join('\n')}
     state.videoErrors.push({ code: e && e.code, message: e && e.message });
   });
   for (const name of ['loadedmetadata', 'canplay', 'playing', 'waiting', 'stalled', 'ended']) {
-    video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime }));
+    video.addEventListener(name, () => state.events.push({ event: name, t: video.currentTime, at: performance.now() }));
   }
 ${body}
 </script>
@@ -128,8 +141,9 @@ ${body}
 `;
 }
 
-function pageHtml(format, manifest, player, clearKey) {
+function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency) {
   const keys = JSON.stringify(clearKeys(clearKey, player));
+  const source = manifestUrl || "/" + manifest;
   if (player === 'shaka') return shakaPageHtml(manifest, keys);
   const scripts = ['/__player/dash.all.min.js'];
   if (format === 'smooth') scripts.push('/__player/dash.mss.min.js');
@@ -137,6 +151,8 @@ function pageHtml(format, manifest, player, clearKey) {
   try {
     const player = dashjs.MediaPlayer().create();
     player.updateSettings({ debug: { logLevel: dashjs.Debug.LOG_LEVEL_WARNING } });
+    // Low latency: the target comes from the MPD's ServiceDescription; the player speeds up or slows down to hold it.
+    if (${JSON.stringify(!!lowLatency)}) player.updateSettings({ streaming: { liveCatchup: { enabled: true } } });
     player.on(dashjs.MediaPlayer.events.ERROR, (e) => {
       const err = e && e.error;
       state.dashErrors.push({ code: err && err.code, message: err && err.message,
@@ -158,7 +174,7 @@ function pageHtml(format, manifest, player, clearKey) {
         }
       });
     }
-    player.initialize(video, ${JSON.stringify("/" + manifest)}, true);
+    player.initialize(video, ${JSON.stringify(source)}, true);
     window.__player = player;
   } catch (e) {
     state.fatal = String(e && e.stack || e);
@@ -203,7 +219,7 @@ function startServer(folder, opts, requests) {
       return send(400, 'text/plain', 'bad url');
     }
     if (req.method !== 'GET' && req.method !== 'HEAD') return send(405, 'text/plain', 'method not allowed');
-    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey));
+    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey, opts.manifestUrl, opts.maxLatency !== null));
     if (urlPath === '/favicon.ico') return send(204, 'image/x-icon', '');
     let filePath = PLAYER_FILES[urlPath];
     if (!filePath) {
@@ -230,7 +246,7 @@ function closeServer(server) {
 
 async function main() {
   const opts = parseArgs(process.argv.slice(2));
-  if (!fs.existsSync(path.join(opts.folder, opts.manifest))) {
+  if (!opts.manifestUrl && !fs.existsSync(path.join(opts.folder, opts.manifest))) {
     console.error(`play.mjs: FAIL: no manifest ${path.join(opts.folder, opts.manifest)}`);
     return 1;
   }
@@ -276,11 +292,19 @@ async function main() {
     page.on('console', (msg) => consoleLines.push(`[console.${msg.type()}] ${msg.text()}`));
     page.on('pageerror', (err) => consoleLines.push(`[pageerror] ${err.message}`));
     page.on('requestfailed', (r) => consoleLines.push(`[requestfailed] ${r.url()} ${r.failure()?.errorText}`));
+    // What the other server answered, for --manifest-url: its failures count as the player's.
+    if (opts.manifestUrl) {
+      page.on('response', (r) => {
+        if (!r.url().includes('/__player/') && !r.url().endsWith('/favicon.ico'))
+          requests.push({ method: r.request().method(), url: r.url(), status: r.status() });
+      });
+    }
 
     console.log(`play.mjs: ${opts.format}: serving ${opts.folder} at http://127.0.0.1:${port}/, playing ${opts.manifest} ` +
                 `in Chromium ${browserVersion}`);
     await page.goto(pageUrl, { waitUntil: 'load', timeout: 15000 });
 
+    if (opts.maxLatency !== null) return await playLive(page, opts, requests, consoleLines);
     const started = Date.now();
     let reached = true;
     const seeking = opts.seek !== null;
@@ -404,6 +428,65 @@ async function main() {
     if (userDataDir) await fsp.rm(userDataDir, { recursive: true, force: true }).catch(() => {});
     clearTimeout(watchdog);
   }
+}
+
+// Low-latency live play: from the first frame on, --min-time seconds of play with the player's live-latency figure
+// read every 250 ms; no stall, no error, and the latency always below --max-latency.
+async function playLive(page, opts, requests, consoleLines) {
+  await page.waitForFunction(() => {
+    const s = window.__e2e;
+    return !s || s.fatal || s.dashErrors.length > 0 || s.events.some((e) => e.event === 'playing');
+  }, null, { timeout: opts.timeout * 1000, polling: 100 });
+  const samples = [];
+  const playStart = Date.now();
+  let seen = null;
+  while (Date.now() - playStart < opts.minTime * 1000) {
+    seen = await page.evaluate(() => {
+      const s = window.__e2e || {};
+      const v = document.getElementById('video');
+      let latency = NaN;
+      try { latency = window.__player.getCurrentLiveLatency(); } catch {}
+      // A stall: the video waits after playback started and does not play on within a frame (40 ms); a wait
+      // that ends before the next frame is due shows nothing to the viewer, and is only counted.
+      const firstPlaying = (s.events || []).findIndex((e) => e.event === 'playing');
+      const after = firstPlaying < 0 ? [] : s.events.slice(firstPlaying);
+      let stalls = 0, waits = 0;
+      after.forEach((e, i) => {
+        if (e.event !== 'waiting') return;
+        ++waits;
+        const resumed = after.slice(i + 1).find((n) => n.event === 'playing');
+        if (!resumed || resumed.at - e.at >= 40) ++stalls;
+      });
+      return { latency, currentTime: v.currentTime, stalls, waits, errors: (s.dashErrors || []).concat(s.videoErrors || []),
+               fatal: s.fatal || null, frames: v.getVideoPlaybackQuality().totalVideoFrames, events: s.events };
+    });
+    if (Number.isFinite(seen.latency) && seen.latency > 0) samples.push(seen.latency);
+    if (seen.fatal || seen.errors.length) break;
+    await new Promise((r) => setTimeout(r, 250));
+  }
+  const played = (Date.now() - playStart) / 1000;
+  const sorted = [...samples].sort((a, b) => a - b);
+  const median = sorted.length ? sorted[Math.floor(sorted.length / 2)] : NaN;
+  const max = sorted.length ? sorted[sorted.length - 1] : NaN;
+  console.log(`play.mjs: live latency over ${played.toFixed(1)} s of play: median ${median.toFixed(3)} s, ` +
+              `max ${max.toFixed(3)} s, ${samples.length} readings; ${seen.stalls} stalls (${seen.waits} waits); currentTime ` +
+              `${seen.currentTime.toFixed(3)} s, ${seen.frames} frames decoded`);
+  const problems = [];
+  if (seen.fatal) problems.push(`the page failed to set up dash.js: ${seen.fatal}`);
+  if (seen.errors.length) problems.push(`the player reported errors: ${JSON.stringify(seen.errors).slice(0, 2000)}`);
+  if (played < opts.minTime) problems.push(`played ${played.toFixed(1)} s only`);
+  if (samples.length < opts.minTime * 2) problems.push(`only ${samples.length} latency readings`);
+  if (!(max < opts.maxLatency)) problems.push(`the live latency reached ${max.toFixed(3)} s (limit ${opts.maxLatency} s)`);
+  if (seen.stalls > 0) problems.push(`${seen.stalls} stalls: ${JSON.stringify(seen.events)}`);
+  const failed = requests.filter((r) => r.status >= 400);
+  if (failed.length) problems.push(`requests failed: ${JSON.stringify(failed.slice(0, 20))}`);
+  if (problems.length) {
+    for (const p of problems) console.error(`play.mjs: FAIL: ${p}`);
+    for (const l of consoleLines.slice(-100)) console.error(`  ${l}`);
+    return 1;
+  }
+  console.log(`play.mjs: PASS: low-latency live play for ${played.toFixed(1)} s, latency below ${opts.maxLatency} s`);
+  return 0;
 }
 
 main().then((code) => process.exit(code), (e) => {

@@ -22,6 +22,9 @@ struct FakeSample : ISyncSample {
     std::uint32_t configurationIndex = 3;
     std::uint32_t configurationCount = 0;
     std::uint64_t dataId = 0;  // 0: none
+    // The sample's own timescale and duration in it; 0: the 100 ns units of `duration`.
+    std::uint64_t ownTimescale = 0;
+    std::int64_t ownDuration = 0;
 
     std::uint32_t getStreamId() const override { return streamId; }
     bool isSync() const override { return sync; }
@@ -34,11 +37,11 @@ struct FakeSample : ISyncSample {
     std::int64_t getEndTime() const override { return configuration ? 0 : time + duration; }
     std::int64_t getTime() const override { return configuration ? 0 : time; }
     bool getOwnTimescale(std::uint64_t& t) const override {
-        t = 10000000;
+        t = ownTimescale != 0 ? ownTimescale : 10000000;
         return true;
     }
     bool getOwnDuration(std::int64_t& d) const override {
-        d = duration;
+        d = ownTimescale != 0 ? ownDuration : duration;
         return true;
     }
     bool isConfiguration() const override { return configuration; }

@@ -1,0 +1,260 @@
+#include "apps/fmp4mux/outputs/http_origin.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <stdexcept>
+
+namespace fmp4mux {
+
+namespace {
+
+constexpr const char* kUtcPath = "/utc";
+// How long a reader of a growing file waits for its next chunk before it gives up on the file.
+constexpr auto kStall = std::chrono::seconds(20);
+
+std::string contentType(const std::string& path) {
+    const auto dot = path.rfind('.');
+    const std::string ext = dot == std::string::npos ? "" : path.substr(dot);
+    if (ext == ".mpd") return "application/dash+xml";
+    if (ext == ".mp4" || ext == ".m4s") return "video/mp4";
+    if (ext == ".m3u8") return "application/vnd.apple.mpegurl";
+    if (path == "Manifest" || path.ends_with("/Manifest")) return "text/xml";
+    return "application/octet-stream";
+}
+
+std::vector<std::uint8_t> gather(const Publication& p) {
+    if (p.ranges.empty()) return p.bytes;
+    std::vector<std::uint8_t> out;
+    for (const auto& [offset, length] : p.ranges)
+        out.insert(out.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
+                   p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));
+    return out;
+}
+
+MHD_Result queue(MHD_Connection* connection, unsigned int status, MHD_Response* response) {
+    MHD_add_response_header(response, "Access-Control-Allow-Origin", "*");
+    const MHD_Result result = MHD_queue_response(connection, status, response);
+    MHD_destroy_response(response);
+    return result;
+}
+
+MHD_Result text(MHD_Connection* connection, unsigned int status, const std::string& body) {
+    MHD_Response* response =
+        MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()), MHD_RESPMEM_MUST_COPY);
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
+    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    return queue(connection, status, response);
+}
+
+std::string utcNow() {
+    const auto now = std::chrono::system_clock::now();
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
+    const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
+    std::tm tm{};
+    gmtime_r(&seconds, &tm);
+    char out[64];
+    std::snprintf(out, sizeof out, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(ms % 1000));
+    return out;
+}
+
+}  // namespace
+
+bool servablePath(const std::string& path) {
+    if (path.empty() || path.find('\0') != std::string::npos || path.find('\\') != std::string::npos) return false;
+    std::size_t start = 0;
+    while (start <= path.size()) {
+        const auto slash = path.find('/', start);
+        const std::string segment = path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+        if (segment.empty() || segment == "." || segment == "..") return false;
+        if (slash == std::string::npos) break;
+        start = slash + 1;
+    }
+    return true;
+}
+
+// A reader of a file that may still grow: each call gives what has come past `position`, waiting for it.
+struct OriginReader {
+    HttpOrigin* origin;
+    std::shared_ptr<HttpOrigin::Entry> entry;
+
+    static ssize_t read(void* self, std::uint64_t position, char* buffer, std::size_t max) {
+        auto& r = *static_cast<OriginReader*>(self);
+        std::unique_lock lock(r.origin->m_mutex);
+        const auto deadline = std::chrono::steady_clock::now() + kStall;
+        while (r.entry->bytes.size() <= position && !r.entry->complete) {
+            if (r.entry->abandoned || r.origin->m_closing ||
+                r.origin->m_changed.wait_until(lock, deadline) == std::cv_status::timeout)
+                return MHD_CONTENT_READER_END_WITH_ERROR;
+        }
+        if (r.entry->bytes.size() <= position) return MHD_CONTENT_READER_END_OF_STREAM;
+        const std::size_t count = std::min<std::size_t>(max, r.entry->bytes.size() - static_cast<std::size_t>(position));
+        std::memcpy(buffer, r.entry->bytes.data() + position, count);
+        return static_cast<ssize_t>(count);
+    }
+    static void done(void* self) { delete static_cast<OriginReader*>(self); }
+};
+
+struct OriginAccess {
+    static MHD_Result answer(void* self, MHD_Connection* connection, const char* url, const char* method,
+                             const char*, const char*, std::size_t*, void**) {
+        auto& origin = *static_cast<HttpOrigin*>(self);
+        const std::string verb = method;
+        if (verb != MHD_HTTP_METHOD_GET && verb != MHD_HTTP_METHOD_HEAD)
+            return text(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "method not allowed\n");
+        const std::string target = url;  // percent-decoded by the library
+        if (target == kUtcPath) {
+            MHD_Response* response = nullptr;
+            const std::string now = utcNow();
+            response = MHD_create_response_from_buffer(now.size(), const_cast<char*>(now.data()), MHD_RESPMEM_MUST_COPY);
+            MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
+            MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
+            return queue(connection, MHD_HTTP_OK, response);
+        }
+        const std::string path = target.starts_with("/") ? target.substr(1) : target;
+        if (!servablePath(path)) return text(connection, MHD_HTTP_FORBIDDEN, "forbidden\n");
+        // A growing file is served by its name, never by the name it has on disk meanwhile.
+        if (path.ends_with(".growing")) return text(connection, MHD_HTTP_NOT_FOUND, "not found\n");
+
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (auto entry = origin.find(path, attempt == 1)) {
+                std::unique_lock lock(origin.m_mutex);
+                MHD_Response* response = nullptr;
+                if (entry->complete) {
+                    response = MHD_create_response_from_buffer(entry->bytes.size(), entry->bytes.data(),
+                                                               MHD_RESPMEM_MUST_COPY);
+                } else {
+                    lock.unlock();
+                    // Size unknown: sent with chunked transfer encoding, each part as it comes.
+                    response = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 64 * 1024, &OriginReader::read,
+                                                                 new OriginReader{&origin, entry}, &OriginReader::done);
+                }
+                MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(path).c_str());
+                MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL,
+                                        path.ends_with(".mpd") || path == "Manifest" ? "no-cache" : "max-age=60");
+                return queue(connection, MHD_HTTP_OK, response);
+            }
+            // On disk, inside the folder once links are followed.
+            const std::string full = origin.m_settings.root + "/" + path;
+            char* real = ::realpath(full.c_str(), nullptr);
+            if (real != nullptr) {
+                const std::string resolved = real;
+                std::free(real);
+                if (!resolved.starts_with(origin.m_realRoot + "/")) return text(connection, MHD_HTTP_FORBIDDEN, "forbidden\n");
+                const int fd = ::open(resolved.c_str(), O_RDONLY | O_CLOEXEC);
+                struct stat info {};
+                if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+                    MHD_Response* response = MHD_create_response_from_fd(static_cast<std::uint64_t>(info.st_size), fd);
+                    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(path).c_str());
+                    return queue(connection, MHD_HTTP_OK, response);
+                }
+                if (fd >= 0) ::close(fd);
+                return text(connection, MHD_HTTP_NOT_FOUND, "not found\n");
+            }
+        }
+        return text(connection, MHD_HTTP_NOT_FOUND, "not found\n");
+    }
+};
+
+HttpOrigin::HttpOrigin(Settings settings) : m_settings(std::move(settings)) {
+    char* real = ::realpath(m_settings.root.c_str(), nullptr);
+    if (real == nullptr) throw std::runtime_error("cannot serve '" + m_settings.root + "': " + std::strerror(errno));
+    m_realRoot = real;
+    std::free(real);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(m_settings.port);
+    if (::inet_pton(AF_INET, m_settings.address.c_str(), &address.sin_addr) != 1)
+        throw std::runtime_error("cannot serve on '" + m_settings.address + "': not an IPv4 address");
+    m_daemon = MHD_start_daemon(MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD, m_settings.port,
+                                nullptr, nullptr, &OriginAccess::answer, this, MHD_OPTION_SOCK_ADDR, &address,
+                                MHD_OPTION_CONNECTION_LIMIT, 512u, MHD_OPTION_CONNECTION_TIMEOUT, 30u, MHD_OPTION_END);
+    if (m_daemon == nullptr)
+        throw std::runtime_error("cannot serve on " + m_settings.address + ":" + std::to_string(m_settings.port) +
+                                 " (address in use or not this machine's)");
+    const MHD_DaemonInfo* info = MHD_get_daemon_info(m_daemon, MHD_DAEMON_INFO_BIND_PORT);
+    m_port = info != nullptr ? info->port : m_settings.port;
+}
+
+HttpOrigin::~HttpOrigin() {
+    {
+        std::lock_guard lock(m_mutex);
+        m_closing = true;
+    }
+    m_changed.notify_all();
+    MHD_stop_daemon(m_daemon);
+}
+
+std::string HttpOrigin::utcTimingUrl() const {
+    return "http://" + m_settings.address + ":" + std::to_string(m_port) + kUtcPath;
+}
+
+void HttpOrigin::keep(const std::string& path) {
+    m_completeOrder.push_back(path);
+    while (m_completeOrder.size() > m_settings.keptFiles) {
+        const auto it = m_files.find(m_completeOrder.front());
+        // Manifests stay: they are replaced, not added.
+        if (it != m_files.end() && it->second->complete) m_files.erase(it);
+        m_completeOrder.pop_front();
+    }
+}
+
+void HttpOrigin::publish(Publication&& publication) {
+    std::vector<std::uint8_t> bytes = publication.remove ? std::vector<std::uint8_t>{} : gather(publication);
+    {
+        std::lock_guard lock(m_mutex);
+        const std::string& path = publication.path;
+        if (publication.remove) {
+            if (publication.tree) {
+                for (auto it = m_files.lower_bound(path + "/"); it != m_files.end() && it->first.starts_with(path + "/");) {
+                    it->second->abandoned = !it->second->complete;
+                    it = m_files.erase(it);
+                }
+            } else if (const auto it = m_files.find(path); it != m_files.end()) {
+                it->second->abandoned = !it->second->complete;
+                m_files.erase(it);
+            }
+        } else if (publication.growth == Publication::Growth::More) {
+            auto& entry = m_files[path];
+            if (!entry) entry = std::make_shared<Entry>();
+            entry->bytes.insert(entry->bytes.end(), bytes.begin(), bytes.end());
+            entry->complete = publication.complete;
+            if (entry->complete) keep(path);
+        } else {
+            // A new file, or a growing one that starts. The readers of an old one that had not ended fail (the
+            // session started again): a player must not take its beginning for a whole segment.
+            if (const auto old = m_files.find(path); old != m_files.end() && !old->second->complete)
+                old->second->abandoned = true;
+            auto entry = std::make_shared<Entry>();
+            entry->bytes = std::move(bytes);
+            entry->complete = publication.growth == Publication::Growth::Whole || publication.complete;
+            m_files[path] = entry;
+            // A manifest is replaced, never added: it stays in memory.
+            if (entry->complete && !publication.replaceable) keep(path);
+        }
+    }
+    m_changed.notify_all();
+}
+
+std::shared_ptr<HttpOrigin::Entry> HttpOrigin::find(const std::string& path, bool wait) {
+    std::unique_lock lock(m_mutex);
+    const auto deadline = std::chrono::steady_clock::now() + m_settings.waitForStart;
+    while (true) {
+        const auto it = m_files.find(path);
+        if (it != m_files.end()) return it->second;
+        if (!wait || m_closing || m_changed.wait_until(lock, deadline) == std::cv_status::timeout) {
+            const auto again = m_files.find(path);
+            return again == m_files.end() ? nullptr : again->second;
+        }
+    }
+}
+
+}  // namespace fmp4mux

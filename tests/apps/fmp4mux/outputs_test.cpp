@@ -1,0 +1,145 @@
+// The host's publishers: a segment that grows chunk by chunk on disk.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "apps/fmp4mux/outputs/file_publisher.h"
+
+namespace {
+using namespace fmp4mux;
+namespace fs = std::filesystem;
+
+std::string readAll(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+Publication part(const std::string& path, const std::string& text, Publication::Growth growth, bool complete) {
+    Publication p{path, std::vector<std::uint8_t>(text.begin(), text.end()), {}, false};
+    p.growth = growth;
+    p.complete = complete;
+    return p;
+}
+
+struct TempFolder {
+    fs::path path = fs::temp_directory_path() / ("fmp4mux-outputs-" + std::to_string(::getpid()));
+    TempFolder() { fs::create_directories(path); }
+    ~TempFolder() { fs::remove_all(path); }
+};
+
+// Readers of a segment's name never see half of it: it grows under its own name, and is renamed with its last
+// chunk. A segment started again (a new run with the same name) does not keep the bytes of the old one.
+TEST(FilePublisher, AGrowingSegmentHasItsOwnNameUntilItsLastChunk) {
+    TempFolder root;
+    FilePublisher publisher(root.path.string());
+    publisher.publish(part("a/seg_1.mp4", "stale", Publication::Growth::Start, false));
+    publisher.publish(part("a/seg_1.mp4", "one", Publication::Growth::Start, false));
+    publisher.publish(part("a/seg_1.mp4", "two", Publication::Growth::More, false));
+    publisher.drain();
+    EXPECT_FALSE(fs::exists(root.path / "a/seg_1.mp4"));
+    EXPECT_EQ(readAll(root.path / "a/seg_1.mp4.growing"), "onetwo");
+    publisher.publish(part("a/seg_1.mp4", "three", Publication::Growth::More, true));
+    publisher.drain();
+    EXPECT_EQ(readAll(root.path / "a/seg_1.mp4"), "onetwothree");
+    EXPECT_FALSE(fs::exists(root.path / "a/seg_1.mp4.growing"));
+    EXPECT_FALSE(publisher.failure());
+}
+
+}  // namespace
+
+#include <chrono>
+#include <thread>
+
+#include "apps/fmp4mux/outputs/http_origin.h"
+#include "tests/common/process.h"
+
+namespace {
+
+// The origin on a free port of 127.0.0.1 over a temporary folder, asked with curl.
+struct Origin {
+    TempFolder folder;
+    HttpOrigin origin{HttpOrigin::Settings{folder.path.string(), "127.0.0.1", 0, std::chrono::milliseconds(200)}};
+    std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(origin.port()) + path; }
+    // "STATUS BYTES" of one request.
+    std::string ask(const std::string& path, const std::string& options = "") const {
+        return testkit::run("curl -s --path-as-is -m 10 -o /dev/null -w '%{http_code}' " + options + " '" + url(path) + "'");
+    }
+};
+
+// Only what lies in the folder is served, however the path is written; other methods are refused.
+TEST(HttpOrigin, ServesTheFolderAndNothingOutsideIt) {
+    Origin o;
+    fs::create_directories(o.folder.path / "a");
+    std::ofstream(o.folder.path / "a/init.mp4") << "init";
+    fs::create_symlink("/etc", o.folder.path / "a/outside");
+    o.origin.publish(part("manifest.mpd", "<MPD/>", Publication::Growth::Whole, true));
+    const struct { std::string path, options, status; } cases[] = {
+        {"/a/init.mp4", "", "200"},            // from the folder
+        {"/manifest.mpd", "", "200"},          // from memory
+        {"/manifest.mpd", "-I", "200"},        // HEAD
+        {"/utc", "", "200"},
+        {"/a/missing.mp4", "", "404"},
+        {"/a/init.mp4.growing", "", "404"},
+        {"/../etc/passwd", "", "403"},
+        {"/%2e%2e/etc/passwd", "", "403"},
+        {"/a/%2E%2e/%2e%2e/etc/passwd", "", "403"},
+        {"/a/./init.mp4", "", "403"},
+        {"/a/outside/passwd", "", "403"},      // a link that leads out
+        {"/manifest.mpd", "-X POST", "405"},
+        {"/a/init.mp4", "-X PUT -d x", "405"},
+        {"/a/init.mp4", "-X DELETE", "405"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(o.ask(c.path, c.options), c.status) << c.options << " " << c.path;
+    EXPECT_EQ(testkit::run("curl -s '" + o.url("/a/init.mp4") + "'"), "init");
+}
+
+// A growing segment is sent as it grows, with chunked transfer encoding, to every player that asks at once; each
+// gets the whole file once its last chunk is in.
+TEST(HttpOrigin, SendsAGrowingSegmentToManyPlayersAsItGrows) {
+    Origin o;
+    testkit::TempDir out;
+    o.origin.publish(part("s/seg_1.mp4", "first-", Publication::Growth::Start, false));
+    const std::string players = "seq 24 | xargs -P 24 -I{} curl -s -N -m 20 -D " + out.path + "/{}.h -o " + out.path +
+                                "/{}.b '" + o.url("/s/seg_1.mp4") + "'";
+    std::thread clients([&] { testkit::run(players); });
+    // Every player has the first chunk before the second exists.
+    const auto received = [&](const std::string& text) {
+        for (int tries = 0; tries < 200; ++tries) {
+            int have = 0;
+            for (int i = 1; i <= 24; ++i) have += readAll(out.path + "/" + std::to_string(i) + ".b") == text ? 1 : 0;
+            if (have == 24) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        }
+        return false;
+    };
+    EXPECT_TRUE(received("first-"));
+    o.origin.publish(part("s/seg_1.mp4", "second-", Publication::Growth::More, false));
+    EXPECT_TRUE(received("first-second-"));
+    o.origin.publish(part("s/seg_1.mp4", "last", Publication::Growth::More, true));
+    clients.join();
+    for (int i = 1; i <= 24; ++i) {
+        EXPECT_EQ(readAll(out.path + "/" + std::to_string(i) + ".b"), "first-second-last") << i;
+        EXPECT_NE(readAll(out.path + "/" + std::to_string(i) + ".h").find("Transfer-Encoding: chunked"), std::string::npos);
+    }
+}
+
+// A segment started again before its end (the session restarted): who was reading the old one gets an error, not
+// its beginning as if it were the whole segment.
+TEST(HttpOrigin, AReaderOfASegmentStartedAgainFails) {
+    Origin o;
+    o.origin.publish(part("s/seg_1.mp4", "old", Publication::Growth::Start, false));
+    int status = 0;
+    std::string body;
+    std::thread reader([&] { body = testkit::run("curl -s -N -m 10 '" + o.url("/s/seg_1.mp4") + "'", &status); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto restarted = std::chrono::steady_clock::now();
+    o.origin.publish(part("s/seg_1.mp4", "new", Publication::Growth::Start, true));
+    reader.join();
+    EXPECT_NE(status, 0) << body;
+    EXPECT_LT(std::chrono::steady_clock::now() - restarted, std::chrono::seconds(2)) << "the reader was left waiting";
+    EXPECT_EQ(testkit::run("curl -s '" + o.url("/s/seg_1.mp4") + "'"), "new");
+}
+
+}  // namespace
