@@ -97,6 +97,8 @@ void HttpPusher::publish(Publication&& publication) {
             }
             if (!item->complete) m_growing[item->path] = item;
         }
+        if (const auto sending = m_sending.find(item->path); sending != m_sending.end() && item->replaceable)
+            sending->second->superseded = true;
         bool replaced = false;
         if (item->replaceable)
             for (auto& waiting : m_queue)
@@ -178,10 +180,16 @@ void HttpPusher::run() {
     CURL* curl = curl_easy_init();
     std::unique_lock lock(m_mutex);
     while (true) {
-        m_work.wait(lock, [this] { return m_closing || !m_queue.empty(); });
-        if (m_queue.empty()) break;  // closing with nothing left
-        std::shared_ptr<Item> item = m_queue.front();
-        m_queue.pop_front();
+        // The first file waiting that no other thread is sending.
+        auto next = m_queue.end();
+        m_work.wait(lock, [this, &next] {
+            next = std::find_if(m_queue.begin(), m_queue.end(), [this](const auto& i) { return !m_sending.count(i->path); });
+            return next != m_queue.end() || (m_closing && m_queue.empty());
+        });
+        if (next == m_queue.end()) break;  // closing with nothing left
+        std::shared_ptr<Item> item = *next;
+        m_queue.erase(next);
+        m_sending[item->path] = item;
         ++m_busy;
         lock.unlock();
         bool arrived = false;
@@ -194,12 +202,17 @@ void HttpPusher::run() {
             }
             if ((arrived = send(curl, *item))) break;
             std::lock_guard check(m_mutex);
-            if (item->abandoned) break;
+            if (item->abandoned || item->superseded) break;
         }
-        if (!arrived && m_warn) m_warn("push: " + item->path + " could not be sent");
         lock.lock();
+        const bool replaced = item->superseded && !arrived;
+        lock.unlock();
+        if (!arrived && !replaced && m_warn) m_warn("push: " + item->path + " could not be sent");
+        lock.lock();
+        m_sending.erase(item->path);
         --m_busy;
-        if (arrived) ++m_sent; else ++m_givenUp;
+        if (arrived) ++m_sent; else if (!replaced) ++m_givenUp;
+        m_work.notify_all();  // a later version of this file may go now
         if (m_queue.empty() && m_busy == 0) m_idle.notify_all();
     }
     lock.unlock();

@@ -4,7 +4,8 @@
 // tried again from the start of the file (the file is kept until it has arrived), with growing pauses, a bounded
 // number of times; files leaving the live window are deleted there. Transfers run on a few threads of their own;
 // publish() only queues. The queue is bounded: past `maxWaiting` files not yet started, the oldest whole file is
-// dropped (said through the warning callback), never a part of a growing one.
+// dropped (said through the warning callback), never a part of a growing one. The versions of one file leave in the
+// order they were published: a version waits while an earlier one is under way, and stops that one's retries.
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -55,6 +56,7 @@ public:
         bool tree = false;
         bool replaceable = false;
         bool abandoned = false;  // a growing file started again before its end: no longer sent
+        bool superseded = false;  // a newer version of the file waits: this one is not tried again
     };
 
 private:
@@ -68,6 +70,9 @@ private:
     std::condition_variable m_work, m_idle, m_grown;
     std::deque<std::shared_ptr<Item>> m_queue;
     std::map<std::string, std::shared_ptr<Item>> m_growing;  // by path, until complete
+    // By path, while a thread sends it: a file is never sent by two threads at once, so that a later version of a
+    // file (a manifest) cannot be overtaken by an earlier one that a retry brings in last.
+    std::map<std::string, std::shared_ptr<Item>> m_sending;
     unsigned m_busy = 0;
     bool m_closing = false;
     std::uint64_t m_sent = 0, m_givenUp = 0;
