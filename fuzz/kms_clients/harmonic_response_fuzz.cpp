@@ -7,40 +7,18 @@
 
 #include "HarmonicKeyProvisioning/HarmonicKeyProvisioningKeyProvisioningProxy.h"
 #include "packaging/kms_clients/kms_exception.h"
+#include "fuzz/kms_clients/soap_answer_bytes.h"
 #include "packaging/kms_clients/soap_transport.h"
 
 namespace {
 namespace hk = HarmonicKeyProvisioning;
 
-struct Answer {
-    const std::uint8_t* data;
-    std::size_t size;
-    std::size_t at = 0;
-};
-
-SOAP_SOCKET openNowhere(struct soap*, const char*, const char*, int) { return 3; }
-int sendNowhere(struct soap*, const char*, std::size_t) { return SOAP_OK; }
-int closeNothing(struct soap*) { return SOAP_OK; }
-std::size_t receiveAnswer(struct soap* soap, char* buffer, std::size_t length) {
-    auto* answer = static_cast<Answer*>(soap->user);
-    const std::size_t n = std::min(length, answer->size - answer->at);
-    std::memcpy(buffer, answer->data + answer->at, n);
-    answer->at += n;
-    return n;
-}
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Answer answer{data, size};
+    fuzzkit::SoapAnswer answer{data, size};
     hk::KeyProvisioningProxy proxy;
-    // The largest answer every client takes, then reading from the bytes (no TLS set-up: nothing is connected).
-    tvrn::encoding::packaging::kms_clients::limitSoapAnswers(proxy.soap);
-    proxy.soap->user = &answer;
-    proxy.soap->fopen = openNowhere;
-    proxy.soap->fsend = sendNowhere;
-    proxy.soap->frecv = receiveAnswer;
-    proxy.soap->fclose = closeNothing;
-    proxy.soap_endpoint = "http://127.0.0.1:9/keys";
+    fuzzkit::answerFrom(proxy, answer);
     std::string resource = "resource";
     hk::harmonic243__DrmContentType content;
     content.drmContentId = resource;

@@ -13,6 +13,7 @@
 // Then the stubs.
 #include "IrdetoLiveDrm/IrdetoLiveDrmLiveDrmServicesSoap12Proxy.h"
 #include "packaging/kms_clients/irdeto_provider.h"
+#include "fuzz/kms_clients/soap_answer_bytes.h"
 #include "packaging/kms_clients/soap_transport.h"
 
 namespace {
@@ -20,37 +21,15 @@ namespace ir = IrdetoLiveDrm;
 using tvrn::encoding::packaging::kms_clients::IrdetoKeyEntry;
 using tvrn::encoding::packaging::kms_clients::parseIrdetoKeys;
 
-struct Answer {
-    const std::uint8_t* data;
-    std::size_t size;
-    std::size_t at = 0;
-};
-
-SOAP_SOCKET openNowhere(struct soap*, const char*, const char*, int) { return 3; }
-int sendNowhere(struct soap*, const char*, std::size_t) { return SOAP_OK; }
-int closeNothing(struct soap*) { return SOAP_OK; }
-std::size_t receiveAnswer(struct soap* soap, char* buffer, std::size_t length) {
-    auto* answer = static_cast<Answer*>(soap->user);
-    const std::size_t n = std::min(length, answer->size - answer->at);
-    std::memcpy(buffer, answer->data + answer->at, n);
-    answer->at += n;
-    return n;
-}
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::vector<IrdetoKeyEntry> entries;
     (void)parseIrdetoKeys(std::string(reinterpret_cast<const char*>(data), size), entries);
 
-    Answer answer{data, size};
+    fuzzkit::SoapAnswer answer{data, size};
     ir::LiveDrmServicesSoap12Proxy proxy;
-    tvrn::encoding::packaging::kms_clients::limitSoapAnswers(proxy.soap);
-    proxy.soap->user = &answer;
-    proxy.soap->fopen = openNowhere;
-    proxy.soap->fsend = sendNowhere;
-    proxy.soap->frecv = receiveAnswer;
-    proxy.soap->fclose = closeNothing;
-    proxy.soap_endpoint = "http://127.0.0.1:9/irdeto";
+    fuzzkit::answerFrom(proxy, answer);
     std::string account = "account", content = "content", period = "1000";
     ir::irdeto__ArrayOfString systems;
     systems.string = {"PlayReady", "Widevine"};

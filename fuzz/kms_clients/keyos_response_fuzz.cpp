@@ -10,39 +10,12 @@
 #include "InsideSecureKeyProvisioning/InsideSecureKeyProvisioningKeyProvisioningProxy.h"
 #include "packaging/kms_clients/buydrm_provider.h"
 #include "packaging/kms_clients/kms_exception.h"
+#include "fuzz/kms_clients/soap_answer_bytes.h"
 #include "packaging/kms_clients/soap_transport.h"
 
 namespace {
 namespace kc = tvrn::encoding::packaging::kms_clients;
 
-struct Answer {
-    const std::uint8_t* data;
-    std::size_t size;
-    std::size_t at = 0;
-};
-
-SOAP_SOCKET openNowhere(struct soap*, const char*, const char*, int) { return 3; }
-int sendNowhere(struct soap*, const char*, std::size_t) { return SOAP_OK; }
-int closeNothing(struct soap*) { return SOAP_OK; }
-std::size_t receiveAnswer(struct soap* soap, char* buffer, std::size_t length) {
-    auto* answer = static_cast<Answer*>(soap->user);
-    const std::size_t n = std::min(length, answer->size - answer->at);
-    std::memcpy(buffer, answer->data + answer->at, n);
-    answer->at += n;
-    return n;
-}
-
-// The proxy reads its answer from the bytes; the request is sent nowhere.
-template <class Proxy>
-void readFrom(Proxy& proxy, Answer& answer) {
-    kc::limitSoapAnswers(proxy.soap);
-    proxy.soap->user = &answer;
-    proxy.soap->fopen = openNowhere;
-    proxy.soap->fsend = sendNowhere;
-    proxy.soap->frecv = receiveAnswer;
-    proxy.soap->fclose = closeNothing;
-    proxy.soap_endpoint = "http://127.0.0.1:9/key";
-}
 
 void refusedOrRead(int code, struct soap* soap, const char* operation) {
     try {
@@ -58,9 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const kc::KmsException&) {
     }
     {
-        Answer answer{data, size};
+        fuzzkit::SoapAnswer answer{data, size};
         InsideSecureKeyProvisioning::KeyProvisioningProxy proxy;
-        readFrom(proxy, answer);
+        fuzzkit::answerFrom(proxy, answer);
         InsideSecureKeyProvisioning::insec__ExternalContentIdentifier content;
         content.contentID = "c";
         content.position = "0";
@@ -72,9 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         proxy.destroy();
     }
     {
-        Answer answer{data, size};
+        fuzzkit::SoapAnswer answer{data, size};
         BuyDrmSmoothPackager::SmoothPackagerProxy proxy;
-        readFrom(proxy, answer);
+        fuzzkit::answerFrom(proxy, answer);
         std::string xml = "<KeyOSEncryptionInfoRequest/>";
         BuyDrmSmoothPackager::_keyos__RequestEncryptionInfo request;
         request.requestXml = &xml;

@@ -91,10 +91,8 @@ BuyDrmEncryptionProvider::~BuyDrmEncryptionProvider() {
 bool BuyDrmEncryptionProvider::connect() {
     try {
         SoapService<kos::SmoothPackagerProxy> client;
-        initSoapService(&client, m_configuration.serverUrl, m_transportSecurity);
+        openSoapService(&client, m_configuration.serverUrl, m_transportSecurity, m_soapTimeout, &m_dumper);
         struct soap* context = client.context();
-        context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout = m_soapTimeout;
-        client.setPluginLogger(&m_dumper);
         std::string requestXml = makeKeyOsRequest(m_configuration);
         kos::_keyos__RequestEncryptionInfo request;
         request.requestXml = &requestXml;

@@ -78,11 +78,7 @@ HarmonicEncryptionProvider::~HarmonicEncryptionProvider() {
 
 template <class Proxy>
 void HarmonicEncryptionProvider::initService(SoapService<Proxy>& service, const std::string& url) {
-    initSoapService(&service, url, m_transportSecurity);
-    struct soap* context = service.context();
-    context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout =
-        m_options.soapTimeout;
-    service.setPluginLogger(&m_dumper);
+    openSoapService(&service, url, m_transportSecurity, m_options.soapTimeout, &m_dumper);
 }
 
 bool HarmonicEncryptionProvider::connect() {

@@ -44,10 +44,7 @@ void InsideSecureEncryptionProvider::provisionKey() {
     if (m_configuration.contentId.empty()) throw KmsException("Invalid configuration : 'Content Id' is empty");
     if (!m_client) {
         m_client = std::make_unique<Service>();
-        initSoapService(m_client.get(), m_configuration.serverUrl, m_transportSecurity);
-        struct soap* context = m_client->context();
-        context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout = m_soapTimeout;
-        m_client->setPluginLogger(&m_dumper);
+        openSoapService(m_client.get(), m_configuration.serverUrl, m_transportSecurity, m_soapTimeout, &m_dumper);
     }
     is::insec__ExternalContentIdentifier content;
     content.contentID = m_configuration.contentId;

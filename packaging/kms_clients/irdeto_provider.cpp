@@ -198,15 +198,11 @@ bool IrdetoEncryptionProvider::ensureClient(std::string& text) {
     if (m_client) return true;
     auto client = std::make_unique<Service>();
     try {
-        initSoapService(client.get(), m_configuration.serverUrl, m_transportSecurity);
+        openSoapService(client.get(), m_configuration.serverUrl, m_transportSecurity, m_options.soapTimeout, &m_dumper);
     } catch (const KmsException& e) {
         text = e.what();
         return false;
     }
-    struct soap* context = client->context();
-    context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout =
-        m_options.soapTimeout;
-    client->setPluginLogger(&m_dumper);
     m_client = std::move(client);
     return true;
 }

@@ -30,10 +30,7 @@ PlayReadyPackagingData PlayReadyPackagingClient::acquirePackagingData(const std:
                                                                       std::int64_t keyRotationSeconds,
                                                                       std::int64_t licenseSeconds) {
     SoapService<prp::PackagingProxy> service;
-    initSoapService(&service, m_serverUrl, m_transportSecurity);
-    struct soap* context = service.context();
-    context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout = m_soapTimeout;
-    service.setPluginLogger(&m_dumper);
+    openSoapService(&service, m_serverUrl, m_transportSecurity, m_soapTimeout, &m_dumper);
     prp::_prp__AcquirePackagingData request;
     request.ContentId = contentId;
     request.KeyRotationDuration = packagingDuration(keyRotationSeconds);

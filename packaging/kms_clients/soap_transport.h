@@ -87,6 +87,17 @@ void initSoapService(SoapService<Proxy>* service, const std::string& serverUrl,
     initSoapContext(service->context(), transportSecurity);
 }
 
+// initSoapService, then every stage's time-out (`soapTimeout` in gSOAP's convention: seconds when positive,
+// microseconds when negative) and the dump of the traffic to `dumper` (not owned).
+template <class Proxy>
+void openSoapService(SoapService<Proxy>* service, const std::string& serverUrl,
+                     const encryption::TransportSecurity& transportSecurity, int soapTimeout, IPluginLogger* dumper) {
+    initSoapService(service, serverUrl, transportSecurity);
+    struct soap* context = service->context();
+    context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout = soapTimeout;
+    service->setPluginLogger(dumper);
+}
+
 template <class Proxy>
 void checkSoapResult(int code, SoapService<Proxy>& service, const std::string& operationName) {
     checkSoapResult(code, service.context(), operationName);

@@ -27,10 +27,8 @@ ViaccessClient::ViaccessClient(std::string serverUrl, encryption::TransportSecur
 
 ViaccessProtectionInfo ViaccessClient::getProtectionInfo(const std::string& contentId, bool changeKey) {
     SoapService<via::kms_encoder_dlProxy> service;
-    initSoapService(&service, m_serverUrl, m_transportSecurity);
+    openSoapService(&service, m_serverUrl, m_transportSecurity, m_soapTimeout, &m_dumper);
     struct soap* context = service.context();
-    context->connect_timeout = context->send_timeout = context->recv_timeout = context->accept_timeout = m_soapTimeout;
-    service.setPluginLogger(&m_dumper);
     via::via__ProtectionListType systems;
     systems.ProtectionSystem = {"PLAYREADY", "VODRM"};
     via::_via__getProtectionInfo request;

@@ -30,15 +30,6 @@ std::string contentType(const std::string& path) {
     return "application/octet-stream";
 }
 
-std::vector<std::uint8_t> gather(const Publication& p) {
-    if (p.ranges.empty()) return p.bytes;
-    std::vector<std::uint8_t> out;
-    for (const auto& [offset, length] : p.ranges)
-        out.insert(out.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
-                   p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));
-    return out;
-}
-
 MHD_Result queue(MHD_Connection* connection, unsigned int status, MHD_Response* response) {
     MHD_add_response_header(response, "Access-Control-Allow-Origin", "*");
     const MHD_Result result = MHD_queue_response(connection, status, response);

@@ -11,15 +11,6 @@ namespace fmp4mux {
 
 namespace {
 
-std::vector<std::uint8_t> gather(const Publication& p) {
-    if (p.ranges.empty()) return p.bytes;
-    std::vector<std::uint8_t> out;
-    for (const auto& [offset, length] : p.ranges)
-        out.insert(out.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
-                   p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));
-    return out;
-}
-
 struct CurlSetup {
     CurlSetup() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 };

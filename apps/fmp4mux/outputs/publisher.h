@@ -2,6 +2,7 @@
 // Where the files of a presentation go. A publisher takes each file whole, with the name it has below the
 // presentation's root, and makes it visible to players in the order given, on a thread of its own: whoever
 // publishes never waits for I/O.
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -27,6 +28,16 @@ struct Publication {
     Growth growth = Growth::Whole;
     bool complete = false;
 };
+
+// The bytes a publication writes: its ranges joined, or all of `bytes` without ranges.
+inline std::vector<std::uint8_t> gather(const Publication& p) {
+    if (p.ranges.empty()) return p.bytes;
+    std::vector<std::uint8_t> out;
+    for (const auto& [offset, length] : p.ranges)
+        out.insert(out.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
+                   p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));
+    return out;
+}
 
 // The name a growing segment has on disk until its last chunk is in.
 inline std::string growingName(const std::string& path) { return path + ".growing"; }
