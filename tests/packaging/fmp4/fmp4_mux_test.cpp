@@ -8,27 +8,9 @@
 
 #include "tests/common/bytes.h"
 #include "tests/common/session_fakes.h"
-#include "support/exceptions/corvane_exception.h"
 
 namespace {
 using namespace testkit;
-
-// A hand-made variant: asking for another mode's record fails, copies own their record, swaps exchange them.
-TEST(Fmp4MuxConfig, RecordsCopiesAndSwaps) {
-    EXPECT_EQ(failureOf<CorvaneException>([] { Fmp4MuxConfig::fromMode(4, 2000, 3, 0, 0); }), "Unknown Fmp4 MuxMode");
-    const auto alt = Fmp4MuxConfig::fromMode(GopSegmentsAlt, 2000, 3, 0, 0);
-    EXPECT_EQ(failureOf<std::logic_error>([&] { (void)alt.gopSegments(); }), "cannot convert union to given type");
-    Fmp4MuxConfig a = Fmp4MuxConfig::fromMode(GopSegments, 1000, 2, 0, 0);
-    Fmp4MuxConfig b = a;
-    a = Fmp4MuxConfig::fromMode(LowLatency, 2000, 3, 0, 500);
-    EXPECT_EQ(b.segmentDurationMs(), 2000u);
-    EXPECT_EQ(a.segmentDurationMs(), 6000u);
-    EXPECT_EQ(a.gopsPerSegment(), 0u);
-    b.swap(a);
-    EXPECT_EQ(b.lowLatency().chunkDurationMs, 500u);
-    EXPECT_EQ(a.gopSegments().gopDurationMs, 1000);
-    EXPECT_EQ(Fmp4MuxConfig().segmentDurationMs(), 0u);
-}
 
 // A session over recording parts.
 struct SessionFixture {

@@ -14,6 +14,7 @@
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
+using kmstest::keyOf;
 
 using namespace tvrn::encoding::packaging::kms_clients;
 namespace enc = tvrn::encoding::packaging::encryption;
@@ -42,7 +43,7 @@ struct Kms {
         return make({.requestorId = "requestor-1", .keyPeriod = 10, .keySessionUrl = session,
                      .backupKeySessionUrl = backup, .keySessionSettings = "assetType=2"});
     }
-    std::string get(const std::string& path) { std::string t; HttpClient().get(url(path), &t); return t; }
+    std::string get(const std::string& path) { return kmstest::fetch(url(path)); }
     // Responses were dumped, and no line holds a key, in base64 or in hexadecimal.
     void expectNoKeyInTheLog() const {
         const auto lines = logger.lines();
@@ -59,10 +60,6 @@ std::string keyIdOf(HarmonicEncryptionProvider& p) {
     enc::KeyId id{};
     return !p.getKeyId(id) ? "none" : id == enc::parseGuidText("11111111-2222-3333-4444-555555555555") ? "at zero"
                                   : id == enc::parseGuidText("66666666-7777-8888-9999-aaaaaaaaaaaa") ? "later" : "other";
-}
-testkit::Bytes keyOf(HarmonicEncryptionProvider& p) {
-    enc::ContentKey key{};
-    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
 }
 
 TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriodHasPassed) {

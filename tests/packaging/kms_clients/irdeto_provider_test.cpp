@@ -14,6 +14,7 @@
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
+using kmstest::keyOf;
 
 using namespace tvrn::encoding::packaging::kms_clients;
 namespace enc = tvrn::encoding::packaging::encryption;
@@ -41,13 +42,9 @@ struct Irdeto {
         return make(record(path, {.keyRequestPeriod = request, .keyChangePeriod = change, .playReady = true,
                                   .widevine = true}));
     }
-    std::string get(const std::string& path) { std::string t; HttpClient().get(url(path), &t); return t; }
+    std::string get(const std::string& path) { return kmstest::fetch(url(path)); }
 };
 
-testkit::Bytes keyOf(IrdetoEncryptionProvider& p) {
-    enc::ContentKey key{};
-    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
-}
 bool hasKeyId(IrdetoEncryptionProvider& p, const std::string& text) {
     enc::KeyId id{};
     return p.getKeyId(id) && id == enc::parseGuidText(text);

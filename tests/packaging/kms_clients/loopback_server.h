@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "packaging/encryption/i_encryption_provider.h"
+#include "packaging/kms_clients/http_client.h"
+#include "tests/common/bytes.h"
 #include "tests/common/process.h"
 
 namespace kmstest {
@@ -133,5 +136,18 @@ private:
         return out;
     }
 };
+
+// The content key a provider holds, or no bytes.
+inline testkit::Bytes keyOf(tvrn::encoding::packaging::encryption::IEncryptionProvider& p) {
+    tvrn::encoding::packaging::encryption::ContentKey key{};
+    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
+}
+
+// The body a GET of `url` is answered with (the scripted servers' records of calls and requests).
+inline std::string fetch(const std::string& url) {
+    std::string text;
+    tvrn::encoding::packaging::kms_clients::HttpClient().get(url, &text);
+    return text;
+}
 
 }  // namespace kmstest

@@ -18,6 +18,7 @@
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
+using kmstest::keyOf;
 
 using namespace tvrn::encoding::packaging::kms_clients;
 namespace enc = tvrn::encoding::packaging::encryption;
@@ -30,11 +31,7 @@ struct Server {
     kmstest::LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
     testkit::RecordingLogger logger;
     std::string url(const std::string& path) const { return server.url("http", path); }
-    std::string last(const std::string& kind) {
-        std::string t;
-        HttpClient().get(url("/last/" + kind), &t);
-        return t;
-    }
+    std::string last(const std::string& kind) { return kmstest::fetch(url("/last/" + kind)); }
 };
 
 // A key id as files carry it, in hexadecimal, and a key.
@@ -47,10 +44,6 @@ std::string keyIdOf(enc::IEncryptionProvider& p) {
         text += "0123456789abcdef"[b & 15];
     }
     return text;
-}
-testkit::Bytes keyOf(enc::IEncryptionProvider& p) {
-    enc::ContentKey key{};
-    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
 }
 // Text as UTF-16LE bytes, as a PlayReady header holds it.
 testkit::Bytes utf16(const std::string& text) {

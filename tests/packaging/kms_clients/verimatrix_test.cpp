@@ -14,6 +14,7 @@
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
+using kmstest::keyOf;
 
 using namespace tvrn::encoding::packaging::kms_clients;
 namespace enc = tvrn::encoding::packaging::encryption;
@@ -33,13 +34,9 @@ struct Vmx {
         const auto clock = [] { return std::int64_t{1700000000}; };
         return buildVerimatrixProvider(record, {}, logger, {.timeouts = kShort, .unixSeconds = clock});
     }
-    std::string calls() { std::string t; HttpClient().get(url("/calls-of/vmx"), &t); return t; }
+    std::string calls() { return kmstest::fetch(url("/calls-of/vmx")); }
 };
 
-testkit::Bytes keyOf(VerimatrixEncryptionProvider& p) {
-    enc::ContentKey key{};
-    return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
-}
 testkit::Bytes keyIdOf(VerimatrixEncryptionProvider& p) {
     enc::KeyId id{};
     return p.getKeyId(id) ? testkit::Bytes(id.begin(), id.end()) : testkit::Bytes();
@@ -159,8 +156,7 @@ TEST(VerimatrixKmsClient, RequestsAndAnswersOfTheRestInterface) {
     EXPECT_EQ(keys.drmList[0].drmName, VerimatrixDrmName::Widevine);
     EXPECT_TRUE(client.heartbeat());
     // The bodies as the server got them (jsoncpp writes members in name order).
-    std::string sent;
-    HttpClient().get(vmx.url("/calls-of/cei"), &sent);
+    const std::string sent = kmstest::fetch(vmx.url("/calls-of/cei"));
     for (const char* body :
          {"PUT /cei/v1.1/content/ok?siteId=3 {\"contentRequest\":{\"contentId\":\"ok\",\"contentType\":\"LIVE\","
           "\"encryptionAlgorithm\":\"AES_CTR\",\"keyRotation\":{\"chainedLicense\":\"TRUE\",\"cryptoPeriod\":10},"
