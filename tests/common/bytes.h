@@ -72,18 +72,19 @@ inline std::uint32_t be16(const std::uint8_t* p) { return static_cast<std::uint3
 inline std::uint32_t be32(const std::uint8_t* p) { return be16(p) << 16 | be16(p + 2); }
 inline std::uint64_t be64(const std::uint8_t* p) { return std::uint64_t{be32(p)} << 32 | be32(p + 4); }
 
-// Bytes printed 16 to a line, for failure messages.
-inline std::string dumpHex(const Bytes& bytes) {
-    static const char* digits = "0123456789abcdef";
+// Bytes as lower-case hexadecimal text; with `line`, a space after each byte and `line` bytes to a line.
+inline std::string hexText(const Bytes& bytes, std::size_t line = 0) {
     std::string out;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (i % 16 == 0) out += "\n";
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
-        out += ' ';
+        if (line != 0 && i % line == 0) out += "\n";
+        out += "0123456789abcdef"[bytes[i] >> 4];
+        out += "0123456789abcdef"[bytes[i] & 15];
+        if (line != 0) out += ' ';
     }
     return out;
 }
+// Bytes printed 16 to a line, for failure messages.
+inline std::string dumpHex(const Bytes& bytes) { return hexText(bytes, 16); }
 
 }  // namespace testkit
 

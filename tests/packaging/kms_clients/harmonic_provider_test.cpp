@@ -5,32 +5,20 @@
 #include <chrono>
 #include <string>
 
-#include "packaging/encryption/protection_signalling.h"
 #include "packaging/kms_clients/encryption_factory.h"
-#include "packaging/kms_clients/http_client.h"
-#include "tests/common/boxes.h"
-#include "tests/common/bytes.h"
-#include "tests/common/loggers.h"
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
-using kmstest::keyOf;
-
+using namespace kmstest;
 using namespace tvrn::encoding::packaging::kms_clients;
-namespace enc = tvrn::encoding::packaging::encryption;
-using enc::KeyUpdateResult;
-using testkit::hex;
 using Provider = std::unique_ptr<HarmonicEncryptionProvider>;
 
 const testkit::Bytes kKeyAtZero = hex("000102030405060708090a0b0c0d0e0f");
 const testkit::Bytes kKeyLater = hex("101112131415161718191a1b1c1d1e1f");
-constexpr std::uint64_t kSecond = 10'000'000;
+constexpr const char* kIdAtZero = "11111111222233334444555555555555";
+constexpr const char* kIdLater = "66666666777788889999aaaaaaaaaaaa";
 
-struct Kms {
-    kmstest::LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
-    testkit::RecordingLogger logger;
-
-    std::string url(const std::string& path) const { return server.url("http", path); }
+struct Kms : Scripted {
     Provider make(enc::HarmonicConfiguration c) {
         c.resourceId = "resource-1";
         c.drmList = {{"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "Widevine"}, {"9a04f079-9840-4286-ab92-e65be0885f95", ""}};
@@ -43,30 +31,21 @@ struct Kms {
         return make({.requestorId = "requestor-1", .keyPeriod = 10, .keySessionUrl = session,
                      .backupKeySessionUrl = backup, .keySessionSettings = "assetType=2"});
     }
-    std::string get(const std::string& path) { return kmstest::fetch(url(path)); }
     // Responses were dumped, and no line holds a key, in base64 or in hexadecimal.
     void expectNoKeyInTheLog() const {
         const auto lines = logger.lines();
         EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
                                 [](const std::string& l) { return l.find("Harmonic KMS SOAP response: ") != l.npos; }));
-        for (const std::string& line : lines)
-            for (const char* key : {"AAECAwQFBgcICQoLDA0ODw==", "EBESExQVFhcYGRobHB0eHw==", "AAECAwQFBgc=",
-                                    "000102030405060708090a0b0c0d0e0f", "101112131415161718191a1b1c1d1e1f"})
-                EXPECT_EQ(line.find(key), std::string::npos) << line;
+        expectNotLogged({"AAECAwQFBgcICQoLDA0ODw==", "EBESExQVFhcYGRobHB0eHw==", "AAECAwQFBgc=",
+                         "000102030405060708090a0b0c0d0e0f", "101112131415161718191a1b1c1d1e1f"});
     }
 };
-
-std::string keyIdOf(HarmonicEncryptionProvider& p) {
-    enc::KeyId id{};
-    return !p.getKeyId(id) ? "none" : id == enc::parseGuidText("11111111-2222-3333-4444-555555555555") ? "at zero"
-                                  : id == enc::parseGuidText("66666666-7777-8888-9999-aaaaaaaaaaaa") ? "later" : "other";
-}
 
 TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriodHasPassed) {
     Kms kms;
     Provider provider = kms.minimal("/keys/ok");
     ASSERT_TRUE(provider->connect());
-    EXPECT_EQ(keyIdOf(*provider), "at zero");
+    EXPECT_EQ(keyIdOf(*provider), kIdAtZero);
     EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
     std::vector<std::uint8_t> iv;  // eight zero bytes, whatever the server's IV
     tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
@@ -83,14 +62,13 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
                     "<ContentProtection schemeIdUri=\"urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed\">\n"
                     "<cenc:pssh>AAAA</cenc:pssh>\n</ContentProtection>\n");
     const std::string request = kms.get("/last/GetKeyAndSignalization");
-    for (const char* part : {">resource-1</", ":distributionMode>0<", ":streamingMode>0<", ":emi>16420<",
-                             ":cryptoPeriod>10<", ":time>0<", "drmName>Widevine</harmonic243:drmName>"})
-        EXPECT_NE(request.find(part), std::string::npos) << part;
+    expectInOrder(request, {">resource-1</", ":distributionMode>0<", ":streamingMode>0<", ":emi>16420<",
+                            ":cryptoPeriod>10<", ":time>0<", "drmName>Widevine</harmonic243:drmName>"});
 
     EXPECT_TRUE(provider->isKeyRotationEnabled());
     EXPECT_EQ(provider->updateKey(10 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(10 * kSecond + 1), KeyUpdateResult::Updated);
-    EXPECT_EQ(keyIdOf(*provider), "later");
+    EXPECT_EQ(keyIdOf(*provider), kIdLater);
     EXPECT_BYTES(keyOf(*provider), kKeyLater);
     EXPECT_EQ(provider->updateKey(20 * kSecond + 1), KeyUpdateResult::Unchanged);
     EXPECT_EQ(kms.get("/calls"), "/keys/ok GetKeyAndSignalization 0\n/keys/ok GetKeyAndSignalization 100000001\n");
@@ -106,7 +84,7 @@ TEST(HarmonicProvider, AFailedRequestKeepsThePreviousKeyAndAsksAgainAtTheNextSeg
     ASSERT_TRUE(provider->connect());
     EXPECT_EQ(provider->updateKey(11 * kSecond), KeyUpdateResult::Failed);
     EXPECT_EQ(provider->updateKey(12 * kSecond), KeyUpdateResult::Failed);
-    EXPECT_EQ(keyIdOf(*provider), "at zero");
+    EXPECT_EQ(keyIdOf(*provider), kIdAtZero);
     EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
     const std::string failed = "0 Harmonic KMS: getKeyAndSignalization failed (";
     const auto lines = kms.logger.lines();
@@ -131,15 +109,14 @@ TEST(HarmonicProvider, AFailedRequestKeepsThePreviousKeyAndAsksAgainAtTheNextSeg
 
 TEST(HarmonicProvider, TheKeySessionItsBackupServerItsRenewalAndItsEnd) {
     Kms kms;
-    const std::string down = "http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/session";
+    const std::string down = downUrl("/session");
     Provider provider = kms.full(kms.url("/session/active"));
     ASSERT_TRUE(provider->connect());
     EXPECT_EQ(provider->keyProvisioningUrl(), kms.url("/keys/ok"));
-    EXPECT_EQ(keyIdOf(*provider), "at zero");
+    EXPECT_EQ(keyIdOf(*provider), kIdAtZero);
     const std::string create = kms.get("/last/CreateKeySession");
-    for (const char* part : {":assetType>2<", ":cryptoPeriod>10<", ":keyLength>128<", ":opaqueData>assetType=2<",
-                             ":requestorId>requestor-1<", ":resourceId>resource-1<"})
-        EXPECT_NE(create.find(part), std::string::npos) << part;
+    expectInOrder(create, {":assetType>2<", ":cryptoPeriod>10<", ":keyLength>128<", ":opaqueData>assetType=2<",
+                           ":requestorId>requestor-1<", ":resourceId>resource-1<"});
     provider->disconnect();
     EXPECT_EQ(kms.get("/calls"), "/session/active Heartbeat -\n/session/active CreateKeySession resource-1\n"
                                  "/keys/ok GetKeyAndSignalization 0\n/session/active DestroyKeySession resource-1\n");
@@ -161,7 +138,7 @@ TEST(HarmonicProvider, TheKeySessionItsBackupServerItsRenewalAndItsEnd) {
     EXPECT_EQ(flaky->updateKey(11 * kSecond), KeyUpdateResult::Failed);
     EXPECT_EQ(flaky->keyProvisioningUrl(), kms.url("/keys/ok"));
     EXPECT_EQ(flaky->updateKey(11 * kSecond), KeyUpdateResult::Updated);
-    EXPECT_EQ(keyIdOf(*flaky), "later");
+    EXPECT_EQ(keyIdOf(*flaky), kIdLater);
 }
 
 TEST(HarmonicProvider, TheFactoryLogsTheParametersPassesTheSessionsOptionsAndRefusesALongResourceId) {
@@ -193,7 +170,7 @@ TEST(HarmonicProvider, TheFactoryLogsTheParametersPassesTheSessionsOptionsAndRef
 }
 
 TEST(HarmonicProvider, TlsTrustsTheOperatorsCaAndRefusesWhatNobodyConfigured) {
-    kmstest::Certificates certificates;
+    Certificates certificates;
     enc::TlsSettings operatorCa{true, true, certificates.file("ca.pem")};
     enc::TlsSettings noHostCheck = operatorCa;
     noHostCheck.verifyHost = false;
@@ -207,7 +184,7 @@ TEST(HarmonicProvider, TlsTrustsTheOperatorsCaAndRefusesWhatNobodyConfigured) {
     };
     for (const Row& row : rows) {
         const std::string name = row.certificate;
-        kmstest::LoopbackServer server({"--cert", certificates.file(name + ".pem"), "--key", certificates.file(name + ".key")});
+        LoopbackServer server({"--cert", certificates.file(name + ".pem"), "--key", certificates.file(name + ".key")});
         testkit::RecordingLogger logger;
         HarmonicEncryptionProvider provider({"r", "", 0, "", "", "", 1, server.url("https", "/keys/ok")}, row.security,
                                             logger);

@@ -8,16 +8,25 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "packaging/encryption/i_encryption_provider.h"
+#include "packaging/encryption/protection_signalling.h"
 #include "packaging/kms_clients/http_client.h"
+#include "tests/common/boxes.h"
 #include "tests/common/bytes.h"
+#include "tests/common/loggers.h"
 #include "tests/common/process.h"
 
 namespace kmstest {
+namespace enc = tvrn::encoding::packaging::encryption;
+using enc::KeyUpdateResult;
+using testkit::hex;
+constexpr std::uint64_t kSecond = 10'000'000;  // media time is in 100 ns units
 
 class LoopbackServer {
 public:
@@ -138,10 +147,21 @@ private:
 };
 
 // The content key a provider holds, or no bytes.
-inline testkit::Bytes keyOf(tvrn::encoding::packaging::encryption::IEncryptionProvider& p) {
-    tvrn::encoding::packaging::encryption::ContentKey key{};
+inline testkit::Bytes keyOf(enc::IEncryptionProvider& p) {
+    enc::ContentKey key{};
     return p.getContentKey(key) ? testkit::Bytes(key.begin(), key.end()) : testkit::Bytes();
 }
+
+// The key id a provider holds as files carry it, in hexadecimal, or "none".
+inline std::string keyIdOf(enc::IEncryptionProvider& p) {
+    enc::KeyId id{};
+    if (!p.getKeyId(id)) return "none";
+    const auto uuid = tvrn::encoding::packaging::imff::imff_box::keyIdToUuid(id);
+    return testkit::hexText(testkit::Bytes(uuid.begin(), uuid.end()));
+}
+
+// An address on 127.0.0.1 where nothing listens.
+inline std::string downUrl(const std::string& path) { return "http://127.0.0.1:" + std::to_string(closedPort()) + path; }
 
 // The body a GET of `url` is answered with (the scripted servers' records of calls and requests).
 inline std::string fetch(const std::string& url) {
@@ -149,5 +169,28 @@ inline std::string fetch(const std::string& url) {
     tvrn::encoding::packaging::kms_clients::HttpClient().get(url, &text);
     return text;
 }
+
+// Each of `parts` in `text`, in this order.
+inline void expectInOrder(const std::string& text, std::initializer_list<const char*> parts) {
+    std::size_t at = 0;
+    for (const char* part : parts) {
+        const std::size_t found = text.find(part, at);
+        EXPECT_NE(found, std::string::npos) << part << "\n" << text;
+        if (found != std::string::npos) at = found;
+    }
+}
+
+// A scripted server for one test, and the logger of the client under test.
+struct Scripted {
+    LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
+    testkit::RecordingLogger logger;
+    std::string url(const std::string& path) const { return server.url("http", path); }
+    std::string get(const std::string& path) const { return fetch(url(path)); }
+    // No line of the log holds any of `secrets`.
+    void expectNotLogged(std::initializer_list<std::string> secrets) const {
+        for (const std::string& line : logger.lines())
+            for (const std::string& secret : secrets) EXPECT_EQ(line.find(secret), std::string::npos) << line;
+    }
+};
 
 }  // namespace kmstest

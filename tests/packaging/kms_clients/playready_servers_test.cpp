@@ -6,45 +6,21 @@
 #include <string>
 #include <tuple>
 
-#include "packaging/encryption/protection_signalling.h"
 #include "packaging/kms_clients/buydrm_provider.h"
-#include "packaging/kms_clients/http_client.h"
 #include "packaging/kms_clients/inside_secure_provider.h"
 #include "packaging/kms_clients/playready_packaging_client.h"
 #include "packaging/kms_clients/viaccess_client.h"
-#include "tests/common/boxes.h"
-#include "tests/common/bytes.h"
-#include "tests/common/loggers.h"
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
-using kmstest::keyOf;
-
+using namespace kmstest;
 using namespace tvrn::encoding::packaging::kms_clients;
-namespace enc = tvrn::encoding::packaging::encryption;
-using enc::KeyUpdateResult;
-using testkit::hex;
-constexpr std::uint64_t kSecond = 10'000'000;
 constexpr int kTimeout = -1000000;  // 1 s, in gSOAP's microseconds
 
-struct Server {
-    kmstest::LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
-    testkit::RecordingLogger logger;
-    std::string url(const std::string& path) const { return server.url("http", path); }
-    std::string last(const std::string& kind) { return kmstest::fetch(url("/last/" + kind)); }
+struct Server : Scripted {
+    std::string last(const std::string& kind) { return get("/last/" + kind); }
 };
 
-// A key id as files carry it, in hexadecimal, and a key.
-std::string keyIdOf(enc::IEncryptionProvider& p) {
-    enc::KeyId id{};
-    if (!p.getKeyId(id)) return "none";
-    std::string text;
-    for (const std::uint8_t b : tvrn::encoding::packaging::imff::imff_box::keyIdToUuid(id)) {
-        text += "0123456789abcdef"[b >> 4];
-        text += "0123456789abcdef"[b & 15];
-    }
-    return text;
-}
 // Text as UTF-16LE bytes, as a PlayReady header holds it.
 testkit::Bytes utf16(const std::string& text) {
     testkit::Bytes out;
@@ -65,8 +41,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     auto provider = make("ok", 4);
     ASSERT_TRUE(provider->connect());
     const std::string request = is.last("insidesecure");
-    for (const char* part : {"protectionSystem>PlayReady<", "contentID>channel-1<", "position>1764000000<"})
-        EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
+    expectInOrder(request, {"protectionSystem>PlayReady<", "contentID>channel-1<", "position>1764000000<"});
     EXPECT_EQ(keyIdOf(*provider), "15150000000041518000000000000000");
     EXPECT_BYTES(keyOf(*provider), hex("404142434445464748494a4b4c4d4e4f"));
     tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
@@ -93,7 +68,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     };
     for (const auto& [name, message] : rows) EXPECT_EQ(testkit::failureOf([&] { make(name, 4)->connect(); }), message);
     // Down at the start, or answering after the 1 s time-out: the connection fails, and the filter keeps waiting.
-    for (const std::string& url : {"http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/insidesecure/ok",
+    for (const std::string& url : {downUrl("/insidesecure/ok"),
                                   is.url("/insidesecure/slow")}) {
         InsideSecureEncryptionProvider p({url, "", "c", 2}, enc::TransportSecurity{}, is.logger, kTimeout);
         EXPECT_EQ(testkit::failureOf([&] { p.connect(); }).rfind("provisionKey error; ", 0), 0u) << url;
@@ -101,7 +76,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     EXPECT_EQ(testkit::failureOf([&] { make("ok", 4, "")->connect(); }), "Invalid configuration : 'Content Id' is empty");
     std::unique_ptr<InsideSecureEncryptionProvider> running;
     {
-        kmstest::LoopbackServer gone({"--lifetime", "30"});
+        LoopbackServer gone({"--lifetime", "30"});
         running = std::make_unique<InsideSecureEncryptionProvider>(
             enc::InsideSecureConfiguration{gone.url("http", "/insidesecure/ok"), "", "c", 2}, enc::TransportSecurity{},
             is.logger, kTimeout);
@@ -113,7 +88,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     EXPECT_EQ(keyIdOf(*running), kept);
     EXPECT_NE(is.logger.lines().back().find("0 Encryption exception: provisionKey error; "), std::string::npos);
     EXPECT_NE(is.logger.lines().back().find(", use previous key"), std::string::npos);
-    for (const std::string& line : is.logger.lines()) EXPECT_EQ(line.find("QEFCQ0RFRkdISUpLTE1OTw=="), std::string::npos) << line;
+    is.expectNotLogged({"QEFCQ0RFRkdISUpLTE1OTw=="});
 }
 
 TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
@@ -170,7 +145,7 @@ TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
         auto late = make(name);
         if (std::string(name) == "down") {
             enc::BuyDrmConfiguration c = record;
-            c.serverUrl = "http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/keyos/ok";
+            c.serverUrl = downUrl("/keyos/ok");
             late = std::make_unique<BuyDrmEncryptionProvider>(c, enc::TransportSecurity{}, kos.logger, kTimeout);
         }
         EXPECT_FALSE(late->connect()) << name;
@@ -178,8 +153,7 @@ TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
     }
     EXPECT_FALSE(make("ok", "user-wrong")->connect());
     EXPECT_EQ(kos.logger.lines().back(), failed + "Invalid user key");
-    for (const std::string& line : kos.logger.lines())
-        for (const char* secret : {"SECRET", "YGFiY2RlZmdoaWprbG1ubw=="}) EXPECT_EQ(line.find(secret), std::string::npos) << line;
+    kos.expectNotLogged({"SECRET", "YGFiY2RlZmdoaWprbG1ubw=="});
 }
 
 }  // namespace
@@ -194,9 +168,8 @@ TEST(ViaccessClient, TheKeyAndEachSystemsInformationOrTheFailureOfTheMissingPart
     };
     const ViaccessProtectionInfo info = ask("ok", true);
     const std::string request = via.last("viaccess");
-    for (const char* part : {"ProtocolVersion>1<", "ContentId>channel-1<", "ProtectionSystem>PLAYREADY<",
-                             "ProtectionSystem>VODRM<", "ChangeKey>true<"})
-        EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
+    expectInOrder(request, {"ProtocolVersion>1<", "ContentId>channel-1<", "ProtectionSystem>PLAYREADY<",
+                             "ProtectionSystem>VODRM<", "ChangeKey>true<"});
     EXPECT_BYTES(info.key, hex("707172737475767778797a7b7c7d7e7f"));
     ASSERT_TRUE(info.playReady && info.vodrm);
     EXPECT_EQ(info.playReady->keyId, "0a0b0c0d-0102-0304-0506-0708090a0b0c");
@@ -228,8 +201,7 @@ TEST(PlayReadyPackagingClient, ThePackagingDataForItsDurationsOrTheFailure) {
     };
     const PlayReadyPackagingData data = ask("ok");
     const std::string request = prp.last("prpackaging");
-    for (const char* part : {"ContentId>channel-1<", "KeyRotationDuration>P1DT2H3M4S<", "LicenseDuration>P0DT1H0M0S<"})
-        EXPECT_NE(request.find(part), std::string::npos) << part << "\n" << request;
+    expectInOrder(request, {"ContentId>channel-1<", "KeyRotationDuration>P1DT2H3M4S<", "LicenseDuration>P0DT1H0M0S<"});
     EXPECT_EQ(data.keyId, "0a0b0c0d-0102-0304-0506-0708090a0b0c");
     EXPECT_BYTES(data.contentKey, hex("505152535455565758595a5b5c5d5e5f"));
     EXPECT_EQ(data.playReadyHeader, "<WRMHEADER/>");
@@ -237,7 +209,7 @@ TEST(PlayReadyPackagingClient, ThePackagingDataForItsDurationsOrTheFailure) {
     for (const char* name : {"short-key", "no-header"})
         EXPECT_EQ(testkit::failureOf([&] { ask(name); }), "Failed to parse 'PackagingDataResult' : invalid response ")
             << name;
-    for (const std::string& line : prp.logger.lines()) EXPECT_EQ(line.find("UFFSU1RVVldYWVpbXF1eXw=="), std::string::npos);
+    prp.expectNotLogged({"UFFSU1RVVldYWVpbXF1eXw=="});
 }
 
 }  // namespace

@@ -5,20 +5,12 @@
 #include <string>
 
 #include "packaging/kms_clients/encryption_factory.h"
-#include "packaging/kms_clients/http_client.h"
 #include "packaging/kms_clients/widevine_provider.h"
-#include "tests/common/boxes.h"
-#include "tests/common/bytes.h"
-#include "tests/common/loggers.h"
 #include "tests/packaging/kms_clients/loopback_server.h"
 
 namespace {
-
+using namespace kmstest;
 using namespace tvrn::encoding::packaging::kms_clients;
-namespace enc = tvrn::encoding::packaging::encryption;
-using enc::KeyUpdateResult;
-using testkit::hex;
-constexpr std::uint64_t kSecond = 10'000'000;
 
 // Key 20 21 .. 3f and IV 40 41 .. 4f, in base64: the server checks signatures with them.
 const enc::WidevineSigningKey kSigning{"ICEiIyQlJicoKSorLC0uLzAxMjM0NTY3ODk6Ozw9Pj8=", "QEFCQ0RFRkdISUpLTE1OTw=="};
@@ -47,9 +39,7 @@ TEST(WidevineRequest, SignedOverTheInnerTextAndWithoutPeriodMembers) {
     EXPECT_EQ(testkit::failureOf([&] { makeWidevineRequest(c); }), "Rijndael 256 CBC encrypt : invalid parameters");
 }
 
-struct Server {
-    kmstest::LoopbackServer server{{"--lifetime", "30", "--delay", "2"}};
-    testkit::RecordingLogger logger;
+struct Server : Scripted {
     std::unique_ptr<WidevineEncryptionProvider> make(const std::string& name, std::int32_t keyPeriod = 4,
                                                      std::variant<std::monostate, enc::WidevineSigningKey> signing = kSigning) {
         return at(server.url("http", "/widevine/" + name), keyPeriod, signing);
@@ -62,27 +52,13 @@ struct Server {
     }
 };
 
-// The key id as files carry it, in hexadecimal.
-std::string keyIdOf(WidevineEncryptionProvider& p) {
-    enc::KeyId id{};
-    if (!p.getKeyId(id)) return "none";
-    std::string text;
-    for (const std::uint8_t b : tvrn::encoding::packaging::imff::imff_box::keyIdToUuid(id)) {
-        text += "0123456789abcdef"[b >> 4];
-        text += "0123456789abcdef"[b & 15];
-    }
-    return text;
-}
-
 TEST(WidevineProvider, TheKeyOfEachRequestItsSignallingAndRotationByMediaTime) {
     Server wv;
     auto provider = wv.make("ok");
     ASSERT_TRUE(provider->connect());
     // The n-th answer: key id d0d0d0d0 + n + 8 zero bytes, key 80+n .., pssh data 08 01 12 10 + key id.
     EXPECT_EQ(keyIdOf(*provider), "d0d0d0d0000000000000000000000000");
-    enc::ContentKey key{};
-    ASSERT_TRUE(provider->getContentKey(key));
-    EXPECT_BYTES(testkit::Bytes(key.begin(), key.end()), hex("808182838485868788898a8b8c8d8e8f"));
+    EXPECT_BYTES(keyOf(*provider), hex("808182838485868788898a8b8c8d8e8f"));
     tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
     provider->getProtectionBoxes(boxes, true);
     ASSERT_EQ(boxes.size(), 1u);
@@ -103,12 +79,12 @@ TEST(WidevineProvider, TheKeyOfEachRequestItsSignallingAndRotationByMediaTime) {
     ASSERT_TRUE(once->connect());
     EXPECT_EQ(once->updateKey(1000 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(once->updateKey(2000 * kSecond), KeyUpdateResult::Unchanged);
-    for (const std::string& line : wv.logger.lines()) EXPECT_EQ(line.find("ICEiIyQlJicoKSorLC0uLzAxMjM0NTY3ODk6Ozw9Pj8"), std::string::npos);
+    wv.expectNotLogged({"ICEiIyQlJicoKSorLC0uLzAxMjM0NTY3ODk6Ozw9Pj8"});
 }
 
 TEST(WidevineProvider, FailuresAtConnectAndDuringTheRun) {
     Server wv;
-    const std::string down = "http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/widevine/ok";
+    const std::string down = downUrl("/widevine/ok");
     const std::string failed = "0 Widevine Key request failed: '";
     const std::pair<std::string, std::string> rows[] = {
         {"not-found", failed + "Response status is NOT_FOUND'"},
@@ -130,8 +106,7 @@ TEST(WidevineProvider, FailuresAtConnectAndDuringTheRun) {
     EXPECT_TRUE(wv.logger.contains(failed + "Response status is SIGNATURE_FAILED'"));
     auto shortKey = wv.make("short-key");
     EXPECT_TRUE(shortKey->connect());
-    enc::ContentKey key{};
-    EXPECT_FALSE(shortKey->getContentKey(key));
+    EXPECT_TRUE(keyOf(*shortKey).empty());
     // Down at the start, and gone in the middle of the run: the last key stays, and the period index has moved on.
     EXPECT_FALSE(wv.at(down)->connect());
     EXPECT_NE(wv.logger.lines().back().find("Widevine Key request failed: 'HTTP POST failed with error \"HTTP POST to "),
@@ -139,7 +114,7 @@ TEST(WidevineProvider, FailuresAtConnectAndDuringTheRun) {
     std::unique_ptr<WidevineEncryptionProvider> running;
     std::string first;
     {
-        kmstest::LoopbackServer gone({"--lifetime", "30"});
+        LoopbackServer gone({"--lifetime", "30"});
         running = wv.at(gone.url("http", "/widevine/ok"), 2);
         ASSERT_TRUE(running->connect());
         first = keyIdOf(*running);
