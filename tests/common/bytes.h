@@ -1,7 +1,7 @@
 #pragma once
 // Bytes written field by field for expected values: hex digits, with 'abcd' for the ASCII bytes of a
 // four-character code or a text; spaces separate fields and are ignored. Big-endian reads, and a hex dump
-// for failure messages.
+// for failure messages; text found in order.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -83,6 +83,16 @@ inline std::string hexText(const Bytes& bytes, std::size_t line = 0) {
     }
     return out;
 }
+// Each of `parts` in `text`, one after the other.
+inline void expectInOrder(const std::string& text, const std::vector<std::string>& parts) {
+    std::size_t at = 0;
+    for (const std::string& part : parts) {
+        const std::size_t found = text.find(part, at);
+        EXPECT_NE(found, std::string::npos) << "missing after byte " << at << ": " << part << "\nin\n" << text;
+        if (found != std::string::npos) at = found + part.size();
+    }
+}
+
 // Bytes printed 16 to a line, for failure messages.
 inline std::string dumpHex(const Bytes& bytes) { return hexText(bytes, 16); }
 

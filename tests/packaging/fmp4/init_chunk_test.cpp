@@ -191,16 +191,6 @@ ElementaryStreamAttributes audioAttributes() {
     return a;
 }
 
-// Each of `lines` in `xml`, one after the other.
-void expectInOrder(const std::string& xml, const std::vector<std::string>& lines) {
-    std::size_t at = 0;
-    for (const std::string& line : lines) {
-        const std::size_t found = xml.find(line, at);
-        EXPECT_NE(found, std::string::npos) << "missing after byte " << at << ": " << line << "\nin\n" << xml;
-        if (found != std::string::npos) at = found + line.size();
-    }
-}
-
 // The document around the streams is the golden init chunks' own.
 TEST(LiveServerManifest, EmptyOutputHasAnEmptySwitch) {
     for (bool dash : {false, true}) {

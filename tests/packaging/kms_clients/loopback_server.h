@@ -25,6 +25,7 @@
 namespace kmstest {
 namespace enc = tvrn::encoding::packaging::encryption;
 using enc::KeyUpdateResult;
+using testkit::expectInOrder;
 using testkit::hex;
 constexpr std::uint64_t kSecond = 10'000'000;  // media time is in 100 ns units
 
@@ -168,16 +169,6 @@ inline std::string fetch(const std::string& url) {
     std::string text;
     tvrn::encoding::packaging::kms_clients::HttpClient().get(url, &text);
     return text;
-}
-
-// Each of `parts` in `text`, in this order.
-inline void expectInOrder(const std::string& text, std::initializer_list<const char*> parts) {
-    std::size_t at = 0;
-    for (const char* part : parts) {
-        const std::size_t found = text.find(part, at);
-        EXPECT_NE(found, std::string::npos) << part << "\n" << text;
-        if (found != std::string::npos) at = found;
-    }
 }
 
 // A scripted server for one test, and the logger of the client under test.
