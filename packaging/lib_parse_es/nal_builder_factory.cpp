@@ -2,6 +2,7 @@
 #include "packaging/lib_parse_es/nal_builder_aac.h"
 #include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
+#include "packaging/lib_parse_es/nal_builder_metadata.h"
 
 namespace tvrn::encoding::packaging::lib_parse_es {
 inline namespace v2 {
@@ -22,6 +23,13 @@ std::unique_ptr<NALBuilder> createNalBuilder(std::uint32_t streamType) {
             return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::DV_VIDEO>>>();
         case StreamType::SRT:
             return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::SRT>>>();
+        case StreamType::SCTE_35: return std::make_unique<NALBuilderSCTE35>();
+        case StreamType::MPEG2_TS: return std::make_unique<NALBuilderMpeg2ts>();
+        case StreamType::TELETEXT:
+            return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::TELETEXT>>>();
+        case StreamType::DVB_SUBTITLE:
+            return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::DVB_SUBTITLE>>>();
+        case StreamType::KLV: return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::KLV>>>();
         // Each further codec's framing adds its builder here.
         default: return nullptr;
     }
