@@ -15,10 +15,23 @@ constexpr FourCC kCencAuxInfo = fourCC("cenc");
 // The first entry of the fragment's own sgpd.
 constexpr std::uint32_t kFirstFragmentLocalGroup = 0x10001;
 
-void writeSeig(ImffBitWriter& writer, bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId) {
-    writer.writeBits(24, isEncrypted ? 1u : 0u);
+// The layout tenc version 1 and the seig entry share after their headers. Without a pattern, that of tenc version 0.
+void writeTrackDefaults(ImffBitWriter& writer, bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId,
+                        const std::optional<PatternEncryption>& pattern) {
+    writer.writeBits(8, 0);
+    writer.writeBits(4, pattern ? pattern->cryptByteBlock : 0u);
+    writer.writeBits(4, pattern ? pattern->skipByteBlock : 0u);
+    writer.writeBits(8, isEncrypted ? 1u : 0u);
     writer.writeBits(8, ivSize);
     writeKeyId(writer, keyId);
+    if (pattern && isEncrypted && ivSize == 0) {
+        writer.writeBits(8, pattern->constantIv.size());
+        writer.copyBuffer(pattern->constantIv.data(), pattern->constantIv.size());
+    }
+}
+
+std::uint64_t trackDefaultsSize(bool isEncrypted, std::uint8_t ivSize, const std::optional<PatternEncryption>& pattern) {
+    return 20 + (pattern && isEncrypted && ivSize == 0 ? 1 + pattern->constantIv.size() : 0);
 }
 
 // Entries of a clear video sample: every byte clear, in runs that fit the 16-bit field.
@@ -89,11 +102,23 @@ void SchemeTypeBox::binarize(ImffBitWriter& writer) const {
     writer.writeBits(32, m_schemeVersion);
 }
 
+PatternEncryption cbcsPattern(bool video, std::vector<std::uint8_t> constantIv) {
+    PatternEncryption pattern;
+    if (video) {
+        pattern.cryptByteBlock = kCbcsVideoCryptByteBlock;
+        pattern.skipByteBlock = kCbcsVideoSkipByteBlock;
+    }
+    pattern.constantIv = std::move(constantIv);
+    return pattern;
+}
+
+std::uint64_t TrackEncryptionBox::getSize() const {
+    return getFullBoxHeaderSize() + trackDefaultsSize(m_isEncrypted, m_ivSize, m_pattern);
+}
+
 void TrackEncryptionBox::binarize(ImffBitWriter& writer) const {
     binarizeFullBoxHeader(writer);
-    writer.writeBits(24, m_isEncrypted ? 1u : 0u);
-    writer.writeBits(8, m_ivSize);
-    writeKeyId(writer, m_keyId);
+    writeTrackDefaults(writer, m_isEncrypted, m_ivSize, m_keyId, m_pattern);
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -224,12 +249,20 @@ void SampleToGroupBox::binarize(ImffBitWriter& writer) const {
     }
 }
 
+std::uint64_t CencSampleEncryptionInformationVideoGroupEntry::getSize() const {
+    return trackDefaultsSize(m_isEncrypted, m_ivSize, m_pattern);
+}
+
 void CencSampleEncryptionInformationVideoGroupEntry::binarize(ImffBitWriter& writer) const {
-    writeSeig(writer, m_isEncrypted, m_ivSize, m_keyId);
+    writeTrackDefaults(writer, m_isEncrypted, m_ivSize, m_keyId, m_pattern);
+}
+
+std::uint64_t CencSampleEncryptionInformationAudioGroupEntry::getSize() const {
+    return trackDefaultsSize(m_isEncrypted, m_ivSize, m_pattern);
 }
 
 void CencSampleEncryptionInformationAudioGroupEntry::binarize(ImffBitWriter& writer) const {
-    writeSeig(writer, m_isEncrypted, m_ivSize, m_keyId);
+    writeTrackDefaults(writer, m_isEncrypted, m_ivSize, m_keyId, m_pattern);
 }
 
 std::uint64_t SampleGroupDescriptionBox::getSize() const {
@@ -252,29 +285,38 @@ void SampleGroupDescriptionBox::binarize(ImffBitWriter& writer) const {
 // ---------------------------------------------------------------------------------------------------------
 
 std::shared_ptr<Box> makeProtectionInfo(FourCC originalFormat, bool isEncrypted, const KeyId& keyId, std::uint8_t ivSize,
-                                        bool dash, const BoxList& extra) {
+                                        bool dash, const BoxList& extra, const std::optional<PatternEncryption>& pattern) {
     auto sinf = std::make_shared<Box>(fourCC("sinf"));
     sinf->addChild(std::make_shared<OriginalFormatBox>(originalFormat));
-    sinf->addChild(dash ? std::make_shared<SchemeTypeBox>(fourCC("cenc"), 0x10000)
-                        : std::make_shared<SchemeTypeBox>(fourCC("piff"), 0x10001));
+    if (pattern)
+        sinf->addChild(std::make_shared<SchemeTypeBox>(fourCC("cbcs"), 0x10000));
+    else
+        sinf->addChild(dash ? std::make_shared<SchemeTypeBox>(fourCC("cenc"), 0x10000)
+                            : std::make_shared<SchemeTypeBox>(fourCC("piff"), 0x10001));
     auto schi = std::make_shared<Box>(fourCC("schi"));
-    schi->addChild(std::make_shared<TrackEncryptionBox>(isEncrypted, ivSize, keyId));
+    schi->addChild(std::make_shared<TrackEncryptionBox>(isEncrypted, ivSize, keyId, pattern));
     for (const auto& box : extra) schi->addChild(box);
     sinf->addChild(schi);
     return sinf;
 }
 
 bool protectSampleEntry(SampleEntry& entry, bool isEncrypted, const KeyId& keyId, std::uint8_t ivSize, bool dash,
-                        const BoxList& extra) {
+                        const BoxList& extra, const std::optional<std::vector<std::uint8_t>>& cbcsConstantIv) {
     FourCC protectedType;
-    if (dynamic_cast<const VisualSampleEntry*>(&entry) != nullptr) {
+    const bool video = dynamic_cast<const VisualSampleEntry*>(&entry) != nullptr;
+    if (video) {
         protectedType = fourCC("encv");
     } else if (dynamic_cast<const AudioSampleEntry*>(&entry) != nullptr) {
         protectedType = fourCC("enca");
     } else {
         return false;
     }
-    entry.setProtection(makeProtectionInfo(entry.getType(), isEncrypted, keyId, ivSize, dash, extra));
+    std::optional<PatternEncryption> pattern;
+    if (cbcsConstantIv) {
+        pattern = cbcsPattern(video, *cbcsConstantIv);
+        ivSize = 0;
+    }
+    entry.setProtection(makeProtectionInfo(entry.getType(), isEncrypted, keyId, ivSize, dash, extra, pattern));
     entry.setType(protectedType);
     return true;
 }
@@ -321,10 +363,12 @@ EncryptionBoxes makeEncryptionBoxes(const std::vector<const ISample*>& samples, 
     boxes.sbgp = std::make_shared<SampleToGroupBox>(kSeig, 0);
     boxes.sbgp->addEntry(static_cast<std::uint32_t>(samples.size()), kFirstFragmentLocalGroup);
     std::shared_ptr<SampleGroupDescriptionEntry> seig;
+    std::optional<PatternEncryption> pattern;
+    if (context.cbcsConstantIv) pattern = cbcsPattern(video, *context.cbcsConstantIv);
     if (video) {
-        seig = std::make_shared<CencSampleEncryptionInformationVideoGroupEntry>(true, ivSize, context.keyId);
+        seig = std::make_shared<CencSampleEncryptionInformationVideoGroupEntry>(true, ivSize, context.keyId, pattern);
     } else {
-        seig = std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(true, ivSize, context.keyId);
+        seig = std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(true, ivSize, context.keyId, pattern);
     }
     boxes.sgpd = std::make_shared<SampleGroupDescriptionBox>(kSeig, 1, static_cast<std::uint32_t>(seig->getSize()));
     boxes.sgpd->addEntry(std::move(seig));

@@ -294,7 +294,7 @@ with nothing to package; 4 output folder not writable.
                       s.name = value;
                   });
 
-    app.option_defaults()->group("Encryption (Common Encryption, AES-128 CTR; keys stay out of logs)");
+    app.option_defaults()->group("Encryption (Common Encryption, AES-128 CTR or CBC; keys stay out of logs)");
     EncryptionOptions& e = o.encryption;
     app.add_option("--key-id", e.keyIdText, "key id: UUID, 32 hexadecimal digits or base64")->type_name("KID");
     app.add_option("--key", e.keyText, "content key: 32 hexadecimal digits or base64")->type_name("KEY");
@@ -312,6 +312,10 @@ with nothing to package; 4 output folder not writable.
         ->type_name("UUID");
     app.add_option("--drm-pssh-data", e.customPsshData, "that system's pssh data (hexadecimal or base64)")
         ->type_name("DATA");
+    app.add_option("--encryption-scheme", e.schemeText, "cenc (AES-CTR, the default) or cbcs (AES-CBC, 1:9 pattern\n"
+                   "for video, constant IV; DASH only)")->type_name("cenc|cbcs");
+    app.add_option("--constant-iv", e.constantIvText, "the cbcs constant IV: 32 hexadecimal digits or base64\n"
+                   "(default: a random IV for each key)")->type_name("IV");
     app.add_option("--kms-key-url", e.kmsKeyUrl, "keys from a Harmonic KMS: its key provisioning address")->type_name("URL");
     app.add_option("--kms-session-url", e.kmsSessionUrl, "or its key session server (the server names the key address)")
         ->type_name("URL");
@@ -410,6 +414,10 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         return ParseResult::Error;
     }
 
+    if (options.encryption.cbcs && !options.dash) {
+        error = "--encryption-scheme cbcs is DASH only: Smooth Streaming (PlayReady) protection is cenc";
+        return ParseResult::Error;
+    }
     if (options.lowLatency() && !options.dash) {
         error = "the low-latency mode is DASH only";
         return ParseResult::Error;
