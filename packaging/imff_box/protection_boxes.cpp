@@ -12,6 +12,7 @@ constexpr Uuid kPiffPsshUuid = {0xd0, 0x8a, 0x4f, 0x18, 0x10, 0xf3, 0x4a, 0x82,
                                 0xb6, 0xc8, 0x32, 0xd8, 0xab, 0xa1, 0x83, 0xd3};
 constexpr FourCC kSeig = fourCC("seig");
 constexpr FourCC kCencAuxInfo = fourCC("cenc");
+constexpr FourCC kCbcsAuxInfo = fourCC("cbcs");
 // The first entry of the fragment's own sgpd.
 constexpr std::uint32_t kFirstFragmentLocalGroup = 0x10001;
 
@@ -348,7 +349,9 @@ EncryptionBoxes makeEncryptionBoxes(const std::vector<const ISample*>& samples, 
     // The entries' bytes, for mdat, and their sizes.
     const SampleEncryptionBox& senc = *boxes.senc;
     std::uint64_t total = 0;
-    boxes.saiz = std::make_shared<SampleAuxiliaryInformationSizesBox>(kCencAuxInfo, 0);
+    // The auxiliary information type is the scheme's own.
+    const FourCC auxInfoType = context.cbcsConstantIv ? kCbcsAuxInfo : kCencAuxInfo;
+    boxes.saiz = std::make_shared<SampleAuxiliaryInformationSizesBox>(auxInfoType, 0);
     for (const SampleEncryptionInfo& entry : senc.getEntries()) {
         const std::uint64_t size = senc.getEntrySize(entry);
         boxes.saiz->addSampleSize(static_cast<std::uint8_t>(size));
@@ -358,7 +361,7 @@ EncryptionBoxes makeEncryptionBoxes(const std::vector<const ISample*>& samples, 
     ImffBitWriter writer(boxes.auxiliaryData.data(), boxes.auxiliaryData.size());
     for (const SampleEncryptionInfo& entry : senc.getEntries()) senc.writeEntry(writer, entry);
 
-    boxes.saio = std::make_shared<SampleAuxiliaryInformationOffsetsBox>(kCencAuxInfo, 0, 1);
+    boxes.saio = std::make_shared<SampleAuxiliaryInformationOffsetsBox>(auxInfoType, 0, 1);
     boxes.saio->addOffset(0);
     boxes.sbgp = std::make_shared<SampleToGroupBox>(kSeig, 0);
     boxes.sbgp->addEntry(static_cast<std::uint32_t>(samples.size()), kFirstFragmentLocalGroup);
