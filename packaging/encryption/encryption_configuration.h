@@ -227,7 +227,7 @@ public:
         : m_mode(std::decay_t<R>::kMode), m_record(std::forward<R>(record)) {}
 
     EncryptionMode mode() const { return m_mode; }
-    // Not part of any record: a configuration made from a record has the default, cenc.
+    // Held apart from the records: a configuration made from a record has the default, cenc.
     const SchemeSettings& scheme() const { return m_scheme; }
     void setScheme(const SchemeSettings& scheme) { m_scheme = scheme; }
     // The record of mode R::kMode; std::logic_error "cannot convert union to given type" under another mode.

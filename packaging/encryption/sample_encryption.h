@@ -64,7 +64,7 @@ constexpr std::size_t kCbcsSliceClearBytes = 64;
 // Subsample mode: a NAL that is not a slice (H.264 types 1 to 5, HEVC types 0 to 31) stays clear, and so do the
 // length field and the first kCbcsSliceClearBytes bytes of a slice; the rest of a slice is its protected range,
 // encrypted with the 1:9 pattern as one CBC chain from the constant IV, its trailing partial block clear. Entries
-// whose protected part is 0 take in the next NAL; a clear run beyond the 16-bit field is split.
+// without protected bytes take in the next NAL; a clear run beyond the 16-bit field is split.
 // Whole-sample mode: the bytes of all NALs, in order, are one CBC chain from the constant IV with every whole
 // block encrypted; a trailing partial block stays clear, and there is no map.
 // Failures are those of EncryptionManager::encryptCbc.

@@ -189,7 +189,7 @@ TEST(Cbcs, SubsampleMapReadsEachCodecsNalTypeAndSplitsLongClearRuns) {
         Map map;
     } table[] = {
         {enc::NalCodec::H264, {{100, {0x67}}, {100, {0x01}}}, {{168, 32}}},           // SPS clear, non-IDR slice
-        {enc::NalCodec::H264, {{60, {0x65}}}, {{60, 0}}},                             // a slice within the clear part
+        {enc::NalCodec::H264, {{60, {0x65}}}, {{60, 0}}},                             // a slice within the clear bytes
         {enc::NalCodec::Hevc, {{100, {0x40, 0x01}}, {100, {0x26, 0x01}}}, {{168, 32}}},  // VPS clear, IDR_W_RADL
         {enc::NalCodec::Hevc, {{100, {0x02, 0x01}}, {100, {0x4e, 0x01}}}, {{68, 32}, {100, 0}}},  // TRAIL_R, SEI
         {enc::NalCodec::H264, {{70000, {0x06}}, {100, {0x65}}}, {{0xFFFF, 0}, {70068 - 0xFFFF, 32}}},
