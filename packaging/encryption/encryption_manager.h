@@ -70,7 +70,8 @@ public:
 
     // The scheme samples are encrypted with; cenc unless set. For cbcs, the configured constant IV, or a random
     // one drawn here and again at each key change after the first (the first key keeps the IV the init segment
-    // already announced). Throws "Initialisation vector : random generation failed" when no IV can be drawn.
+    // already announced). Set before the first key is installed: the CBC key schedule is made with the key.
+    // Throws "Initialisation vector : random generation failed" when no IV can be drawn.
     void setScheme(const SchemeSettings& settings);
     EncryptionScheme scheme() const { return m_scheme; }
     // The cbcs constant IV: 16 bytes, all zeros under cenc.
