@@ -301,7 +301,8 @@ with nothing to package; 4 output folder not writable.
     app.add_option("--key-seed", e.keySeedText, "PlayReady key seed (base64) to derive the key from the key id")
         ->type_name("SEED");
     app.add_option("--key-file", e.keyFile, "a file of key_id=, key= and key_seed= lines, in place of the options\n"
-                   "(and of kms_...=, irdeto_...= and vmx_...= key server settings, passwords only there)")
+                   "(and of encryption_scheme=, constant_iv=, and the kms_...=, irdeto_...=\n"
+                   "and vmx_...= key server settings, passwords only there)")
         ->type_name("FILE");
     repeatable("--drm", "SYSTEM", "DRM system to signal (repeat it): clearkey, playready, widevine",
                [&e](const std::string& text) { e.drmSystems.push_back(text); });
