@@ -147,6 +147,12 @@ struct KeyServerConnectionOptions {
     const char* clientKeyPassword = nullptr;  // null for none; needs a key file
 };
 
+// The Common Encryption schemes of slot 22.
+enum EncryptionSchemeKind : std::uint32_t {
+    EncryptionSchemeCenc = 0,
+    EncryptionSchemeCbcs = 1,
+};
+
 // The kinds of key server connection of slot 18.
 enum KeyServerConnectionKind : std::uint32_t {
     KeyServerPlain = 0,
@@ -213,6 +219,11 @@ public:
     virtual HRESULT GetKeyServerStatus(std::uint32_t* status) = 0;
     // 21: no state check.
     virtual HRESULT SetOverheadPercent(std::uint32_t percent) = 0;
+    // 22: the scheme samples are encrypted with, for whichever encryption configuration is set: EncryptionSchemeCenc
+    // (the default) or EncryptionSchemeCbcs with `constantIv`, 16 bytes (the IV of every cbcs sample) or null for a
+    // random IV drawn for each key. Kept when an encryption configuration is set. E_INVALIDARG for another scheme
+    // or a cenc scheme with an IV. Smooth Streaming output has cenc only: a session with cbcs does not start.
+    virtual HRESULT SetEncryptionScheme(std::uint32_t scheme, const std::uint8_t (*constantIv)[16]) = 0;
 
 protected:
     virtual ~IMuxFmp4Config() = default;

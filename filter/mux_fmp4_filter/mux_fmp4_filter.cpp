@@ -331,6 +331,23 @@ HRESULT CMuxFmp4Filter::SetOverheadPercent(std::uint32_t percent) {
     return S_OK;
 }
 
+HRESULT CMuxFmp4Filter::SetEncryptionScheme(std::uint32_t scheme, const std::uint8_t (*constantIv)[16]) {
+    encryption::SchemeSettings settings;
+    if (scheme == EncryptionSchemeCbcs) {
+        settings.scheme = encryption::EncryptionScheme::Cbcs;
+        if (constantIv != nullptr) {
+            settings.constantIv.emplace();
+            std::copy(std::begin(*constantIv), std::end(*constantIv), settings.constantIv->begin());
+        }
+    } else if (scheme != EncryptionSchemeCenc || constantIv != nullptr) {
+        return E_INVALIDARG;
+    }
+    std::lock_guard lock(m_lock);
+    if (!isIdle()) return E_FAIL;
+    m_scheme = settings;
+    return S_OK;
+}
+
 void CMuxFmp4Filter::OnKeyServerStatus(bool up) {
     std::lock_guard lock(m_keyStatusLock);
     if (m_keyServerStatus == KeyServerMainUp || m_keyServerStatus == KeyServerBackupUp) {
@@ -534,18 +551,27 @@ fmp4::WorkerState CMuxFmp4Filter::waitForKeyServer(fmp4::MuxWorker& worker, fmp4
     // The configuration is frozen while the worker is not idle: one copy serves every pass.
     encryption::EncryptionConfiguration configuration;
     encryption::TransportSecurity transportSecurity;
+    bool smooth = false;
     {
         std::lock_guard lock(m_lock);
         configuration = m_encryption;
+        configuration.setScheme(m_scheme);
         transportSecurity = m_transportSecurity;
+        smooth = m_outputFormat == fmp4::Smooth;
     }
     if (configuration.mode() == encryption::EncryptionMode::None) return fmp4::Running;
+    if (smooth && configuration.scheme().scheme == encryption::EncryptionScheme::Cbcs) {
+        // PlayReady's Smooth Streaming protection is AES-CTR: its clients cannot read cbcs.
+        m_logger.WriteMsg(LOG_ERROR, "Encryption scheme cbcs is not available in Smooth Streaming output (cenc only)");
+        return fmp4::Idle;
+    }
     // Only Harmonic has a backup address: the same configuration with the backup as its session address.
     std::optional<encryption::EncryptionConfiguration> backup;
     if (!encryption::getServerUrl(configuration, true).empty()) {
         auto record = configuration.record<encryption::HarmonicConfiguration>();
         record.keySessionUrl = record.backupKeySessionUrl;
         backup = encryption::EncryptionConfiguration(std::move(record));
+        backup->setScheme(configuration.scheme());
     }
     for (;;) {
         // Each pass makes a new manager and provider, so that no provider needs to reconnect.

@@ -91,6 +91,7 @@ public:
     HRESULT GetStatus(std::uint32_t* chunksDelivered, char* text, std::uint32_t textSize) override;
     HRESULT GetKeyServerStatus(std::uint32_t* status) override;
     HRESULT SetOverheadPercent(std::uint32_t percent) override;
+    HRESULT SetEncryptionScheme(std::uint32_t scheme, const std::uint8_t (*constantIv)[16]) override;
 
     // Beyond the configuration interface: chunks as players read them (non-sync samples marked, sidx SAP types,
     // the last sample's own duration, the audio language in mdhd) instead of the bytes the downstream of this
@@ -181,6 +182,7 @@ private:
     packaging::synchronizator::i_chunk_warning_notifier::IFmp4ChunkWarningNotifier* m_notifier = nullptr;
     std::uint32_t m_overheadPercent = 0;
     encryption::EncryptionConfiguration m_encryption;
+    encryption::SchemeSettings m_scheme;
     encryption::TransportSecurity m_transportSecurity;
     KeyServerParts m_keyServer;
 

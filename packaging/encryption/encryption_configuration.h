@@ -2,6 +2,7 @@
 // The encryption configuration as the filter holds it: a mode and the record of that mode, the transport
 // security of key server connections, and the rules a configuration front end checks before it hands a
 // configuration over. Each record holds what this library reads of it; its provider adds the rest.
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -28,6 +29,21 @@ enum class EncryptionMode : std::uint32_t {
     Widevine = 9,
     MultiDrm = 10,
     Irdeto = 11,
+};
+
+// The Common Encryption scheme samples are encrypted with. Stored as a number, like the mode.
+enum class EncryptionScheme : std::uint32_t {
+    // AES-128 CTR, per-sample IVs, subsample encryption of every NAL.
+    Cenc = 0,
+    // AES-128 CBC with a constant IV: video by subsamples with the 1:9 block pattern, audio whole blocks.
+    Cbcs = 1,
+};
+
+// The scheme and, for cbcs, the constant IV. Without one, the encryption manager draws a random IV of 16 bytes when it
+// is built and a new one at each key change after the first key, so that no two keys share an IV.
+struct SchemeSettings {
+    EncryptionScheme scheme = EncryptionScheme::Cenc;
+    std::optional<std::array<std::uint8_t, 16>> constantIv{};
 };
 
 // One key from the operator, given as it is or through a PlayReady key seed, signalled with a PlayReady header.
@@ -211,6 +227,9 @@ public:
         : m_mode(std::decay_t<R>::kMode), m_record(std::forward<R>(record)) {}
 
     EncryptionMode mode() const { return m_mode; }
+    // Held apart from the records: a configuration made from a record has the default, cenc.
+    const SchemeSettings& scheme() const { return m_scheme; }
+    void setScheme(const SchemeSettings& scheme) { m_scheme = scheme; }
     // The record of mode R::kMode; std::logic_error "cannot convert union to given type" under another mode.
     template <typename R>
     const R& record() const {
@@ -222,6 +241,7 @@ public:
 private:
     EncryptionMode m_mode = EncryptionMode::None;
     Record m_record;
+    SchemeSettings m_scheme;
 };
 
 // The key server address for the "Connection Established to %s" line: empty for None, Manual, Manual PlayReady,

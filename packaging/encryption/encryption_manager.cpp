@@ -1,6 +1,7 @@
 #include "packaging/encryption/encryption_manager.h"
 
 #include <openssl/crypto.h>
+#include <openssl/rand.h>
 
 #include <cstdio>
 #include <exception>
@@ -17,10 +18,15 @@ namespace {
 
 constexpr const char* kNoProvider = "No Encryption Provider Specified";
 
-EncryptionManager::Exception primitiveFailure(int code) {
+EncryptionManager::Exception primitiveFailure(int code, const char* mode = "CTR") {
     char text[64];
-    std::snprintf(text, sizeof text, "Rijndael 128 CTR encrypt : failed (error %d)", code);
+    std::snprintf(text, sizeof text, "Rijndael 128 %s encrypt : failed (error %d)", mode, code);
     return EncryptionManager::Exception(text);
+}
+
+void drawIv(std::array<std::uint8_t, 16>& iv) {
+    if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1)
+        throw EncryptionManager::Exception("Initialisation vector : random generation failed");
 }
 
 }  // namespace
@@ -65,9 +71,13 @@ bool EncryptionManager::updateKey(std::uint64_t time, std::vector<std::uint8_t>&
             if (m_listener) m_listener->OnKeyServerStatus(false);
             throw Exception("invalid content key");
         }
-        const int failure = m_keySchedule.setKey(key);
+        int failure = m_keySchedule.setKey(key);
+        if (failure == 0 && m_scheme == EncryptionScheme::Cbcs) failure = m_cbcKeySchedule.setKey(key);
         OPENSSL_cleanse(key.data(), key.size());
         if (failure != 0) throw primitiveFailure(failure);
+        // A new key gets a new IV; the first one keeps the IV drawn with the scheme, which the init segment holds.
+        if (m_keyInstalled && m_drawsConstantIv) drawIv(m_constantIv);
+        m_keyInstalled = true;
         m_currentKeyId = keyId;
     }
     if (result != KeyUpdateResult::Updated) return false;
@@ -116,6 +126,24 @@ void EncryptionManager::encryptCtr(const std::uint8_t* source, std::uint8_t* des
     if (length == 0) return;
     const int failure = m_keySchedule.encrypt(source, destination, length, counter.first<16>());
     if (failure != 0) throw primitiveFailure(failure);
+}
+
+void EncryptionManager::setScheme(const SchemeSettings& settings) {
+    m_scheme = settings.scheme;
+    m_drawsConstantIv = m_scheme == EncryptionScheme::Cbcs && !settings.constantIv;
+    m_constantIv = {};
+    if (m_scheme != EncryptionScheme::Cbcs) return;
+    if (settings.constantIv)
+        m_constantIv = *settings.constantIv;
+    else
+        drawIv(m_constantIv);
+}
+
+void EncryptionManager::encryptCbc(std::uint8_t* data, std::size_t length, std::uint8_t crypt, std::uint8_t skip) {
+    if (!m_provider) throw Exception(kNoProvider);
+    if (length < 16) return;
+    const int failure = m_cbcKeySchedule.encrypt(data, length, crypt, skip, m_constantIv);
+    if (failure != 0) throw primitiveFailure(failure, "CBC");
 }
 
 void buildEncryptionManager(std::unique_ptr<EncryptionManager>& manager, const EncryptionConfiguration& configuration,
@@ -186,6 +214,7 @@ void buildEncryptionManager(std::unique_ptr<EncryptionManager>& manager, const E
         logger.WriteMsg(tvrn::log::LOG_WARNING, "Encryption Mode \"%s\" is not yet implemented", notImplemented);
     }
     manager = std::make_unique<EncryptionManager>(std::move(provider), listener);
+    manager->setScheme(configuration.scheme());
 }
 
 std::string maskSecret(const std::string& text) {

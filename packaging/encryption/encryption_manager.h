@@ -2,6 +2,7 @@
 // The one object through which the packaging core reaches content protection. It owns the provider, installs a
 // key when the provider's key id changes, asks for a key once per segment, and tells the listener whether the
 // key server answered. Not locked: all of it runs on the segment-building thread, after `connect`.
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "packaging/encryption/aes_cbc.h"
 #include "packaging/encryption/aes_ctr.h"
 #include "packaging/encryption/encryption_configuration.h"
 #include "packaging/encryption/i_encryption_provider.h"
@@ -66,14 +68,34 @@ public:
     void encryptCtr(const std::uint8_t* source, std::uint8_t* destination, std::int64_t length,
                     std::span<std::uint8_t> counter);
 
+    // The scheme samples are encrypted with; cenc unless set. For cbcs, the configured constant IV, or a random
+    // one drawn here and again at each key change after the first (the first key keeps the IV the init segment
+    // already announced). Set before the first key is installed: the CBC key schedule is made with the key.
+    // Throws "Initialisation vector : random generation failed" when no IV can be drawn.
+    void setScheme(const SchemeSettings& settings);
+    EncryptionScheme scheme() const { return m_scheme; }
+    // The cbcs constant IV: 16 bytes, all zeros under cenc.
+    const std::array<std::uint8_t, 16>& constantIv() const { return m_constantIv; }
+
+    // AES-128 CBC in place over one protected range with the installed key, from the constant IV, with the pattern
+    // `crypt`:`skip` (0:0 for every whole block); a trailing partial block stays clear. Throws "No Encryption
+    // Provider Specified", and "Rijndael 128 CBC encrypt : failed (error N)" when no key was ever installed
+    // (N = -2) or when OpenSSL fails (its reason code).
+    void encryptCbc(std::uint8_t* data, std::size_t length, std::uint8_t crypt, std::uint8_t skip);
+
 private:
     IEncryptionListener* m_listener;
     std::unique_ptr<IEncryptionProvider> m_provider;
     KeyId m_currentKeyId{};
     AesCtr64 m_keySchedule;
+    AesCbcPattern m_cbcKeySchedule;
+    EncryptionScheme m_scheme = EncryptionScheme::Cenc;
+    std::array<std::uint8_t, 16> m_constantIv{};
+    bool m_drawsConstantIv = false;
+    bool m_keyInstalled = false;
 };
 
-// Builds a manager for `configuration`, holding `listener` (not owned, may be null). The key-server clients build on
+// Builds a manager for `configuration` (with its scheme), holding `listener` (not owned, may be null). The key-server clients build on
 // this library, so their providers are not here: kms_clients::buildEncryptionManager, which the filter uses, adds
 // them and hands every other mode to this one. Manual PlayReady and Multi-DRM
 // get their providers, after an info line of their parameters (the key seed masked, content keys left out); a

@@ -2,6 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <utility>
+
+#include "packaging/imff_box/protection_boxes.h"
 
 namespace tvrn::encoding::packaging::encryption {
 inline namespace v0 {
@@ -11,6 +15,30 @@ namespace {
 // The leading bytes of a NAL that stay clear: the length field and the first header byte, plus what makes the
 // rest whole blocks. For n below 5 the value exceeds n (the low 4 bits of n - 5 in two's complement).
 std::size_t clearBytesOf(std::size_t n) { return ((n - 5) & 15) + 5; }
+
+constexpr std::size_t kLengthField = 4;
+constexpr std::uint32_t kMaxClearRun = 0xFFFF;
+
+bool isSlice(const NalBytes& nal, NalCodec codec) {
+    if (nal.size() <= kLengthField) return false;
+    const std::uint8_t header = nal[kLengthField];
+    if (codec == NalCodec::H264) {
+        const int type = header & 0x1F;
+        return type >= 1 && type <= 5;
+    }
+    return ((header >> 1) & 0x3F) < 32;
+}
+
+// Adds a (clear, protected) run to the map: a previous entry without protected bytes is taken in, and clear bytes
+// beyond the 16-bit field go in entries of their own.
+void addRun(std::vector<std::pair<std::uint32_t, std::uint32_t>>& map, std::size_t clear, std::size_t protectedBytes) {
+    if (!map.empty() && map.back().second == 0) {
+        clear += map.back().first;
+        map.pop_back();
+    }
+    for (; clear > kMaxClearRun; clear -= kMaxClearRun) map.emplace_back(kMaxClearRun, 0u);
+    map.emplace_back(static_cast<std::uint32_t>(clear), static_cast<std::uint32_t>(protectedBytes));
+}
 
 }  // namespace
 
@@ -76,6 +104,48 @@ void encryptStreamSamples(std::span<const SampleNals> samples, bool subsampleMod
         SampleEncryptionInfo info;
         if (encryptSample(samples[i], subsampleMode, manager, streamIv, info)) infos[i] = std::move(info);
         if (streamIv.size() == 8) incrementIv(streamIv);
+    }
+}
+
+bool encryptSampleCbcs(SampleNals nals, bool subsampleMode, NalCodec codec, EncryptionManager& manager,
+                       SampleEncryptionInfo& info) {
+    if (nals.empty()) return false;
+    info.iv.clear();
+    info.subsamples.clear();
+    if (!subsampleMode) {
+        if (nals.size() == 1) {
+            manager.encryptCbc(nals[0].data(), nals[0].size(), 0, 0);
+            return true;
+        }
+        // One chain over the NALs together: blocks may straddle two buffers.
+        std::vector<std::uint8_t> joined;
+        for (const NalBytes& nal : nals) joined.insert(joined.end(), nal.begin(), nal.end());
+        manager.encryptCbc(joined.data(), joined.size(), 0, 0);
+        auto from = joined.begin();
+        for (const NalBytes& nal : nals) {
+            std::copy_n(from, nal.size(), nal.begin());
+            from += static_cast<std::ptrdiff_t>(nal.size());
+        }
+        return true;
+    }
+    for (const NalBytes& nal : nals) {
+        const std::size_t n = nal.size();
+        const std::size_t clear = isSlice(nal, codec) ? std::min(n, kLengthField + kCbcsSliceClearBytes) : n;
+        const std::size_t protectedBytes = n - clear;
+        if (protectedBytes != 0)
+            manager.encryptCbc(nal.data() + clear, protectedBytes, imff::imff_box::kCbcsVideoCryptByteBlock,
+                               imff::imff_box::kCbcsVideoSkipByteBlock);
+        addRun(info.subsamples, clear, protectedBytes);
+    }
+    return true;
+}
+
+void encryptStreamSamplesCbcs(std::span<const SampleNals> samples, bool subsampleMode, NalCodec codec,
+                              EncryptionManager& manager, std::vector<std::optional<SampleEncryptionInfo>>& infos) {
+    infos.assign(samples.size(), std::nullopt);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        SampleEncryptionInfo info;
+        if (encryptSampleCbcs(samples[i], subsampleMode, codec, manager, info)) infos[i] = std::move(info);
     }
 }
 

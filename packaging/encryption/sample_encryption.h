@@ -1,6 +1,7 @@
 #pragma once
-// Common Encryption ("cenc", AES-128 CTR) of the samples of one stream of a segment, in place on their NAL
-// buffers, with the record of what was encrypted that goes into the fragment's sample encryption data.
+// Common Encryption of the samples of one stream of a segment, "cenc" (AES-128 CTR) or "cbcs" (AES-128 CBC with a
+// pattern and a constant IV), in place on their NAL buffers, with the record of what was encrypted that goes into
+// the fragment's sample encryption data.
 // The sample model is not known here: a sample is the list of its NALs' bytes.
 #include <cstdint>
 #include <optional>
@@ -47,6 +48,32 @@ bool encryptSample(SampleNals nals, bool subsampleMode, EncryptionManager& manag
 // previous sample left it.
 void encryptStreamSamples(std::span<const SampleNals> samples, bool subsampleMode, EncryptionManager& manager,
                           std::vector<std::uint8_t>& streamIv, std::vector<std::optional<SampleEncryptionInfo>>& infos);
+
+// cbcs. The codec a video stream's NAL headers are read with.
+enum class NalCodec { H264, Hevc };
+
+// The bytes of a slice NAL kept clear ahead of its protected range, after its length field: the NAL header and
+// room for the slice header, which is not parsed. Decoders read the slice header before decryption, so it must
+// stay clear; 64 bytes hold the slice headers of common streams.
+constexpr std::size_t kCbcsSliceClearBytes = 64;
+
+// Encrypts one sample with the manager's key and constant IV and fills `info`: no IV (the constant one stands for
+// it) and, in subsample mode, the (clear, protected) map. A sample without NALs is left alone: false, `info`
+// untouched.
+//
+// Subsample mode: a NAL that is not a slice (H.264 types 1 to 5, HEVC types 0 to 31) stays clear, and so do the
+// length field and the first kCbcsSliceClearBytes bytes of a slice; the rest of a slice is its protected range,
+// encrypted with the 1:9 pattern as one CBC chain from the constant IV, its trailing partial block clear. Entries
+// without protected bytes take in the next NAL; a clear run beyond the 16-bit field is split.
+// Whole-sample mode: the bytes of all NALs, in order, are one CBC chain from the constant IV with every whole
+// block encrypted; a trailing partial block stays clear, and there is no map.
+// Failures are those of EncryptionManager::encryptCbc.
+bool encryptSampleCbcs(SampleNals nals, bool subsampleMode, NalCodec codec, EncryptionManager& manager,
+                       SampleEncryptionInfo& info);
+
+// The samples of one stream in a segment under cbcs, in order, as encryptStreamSamples.
+void encryptStreamSamplesCbcs(std::span<const SampleNals> samples, bool subsampleMode, NalCodec codec,
+                              EncryptionManager& manager, std::vector<std::optional<SampleEncryptionInfo>>& infos);
 
 }  // namespace v0
 }  // namespace tvrn::encoding::packaging::encryption

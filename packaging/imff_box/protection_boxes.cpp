@@ -12,13 +12,27 @@ constexpr Uuid kPiffPsshUuid = {0xd0, 0x8a, 0x4f, 0x18, 0x10, 0xf3, 0x4a, 0x82,
                                 0xb6, 0xc8, 0x32, 0xd8, 0xab, 0xa1, 0x83, 0xd3};
 constexpr FourCC kSeig = fourCC("seig");
 constexpr FourCC kCencAuxInfo = fourCC("cenc");
+constexpr FourCC kCbcsAuxInfo = fourCC("cbcs");
 // The first entry of the fragment's own sgpd.
 constexpr std::uint32_t kFirstFragmentLocalGroup = 0x10001;
 
-void writeSeig(ImffBitWriter& writer, bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId) {
-    writer.writeBits(24, isEncrypted ? 1u : 0u);
+// The layout tenc version 1 and the seig entry share after their headers. Without a pattern, that of tenc version 0.
+void writeTrackDefaults(ImffBitWriter& writer, bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId,
+                        const std::optional<PatternEncryption>& pattern) {
+    writer.writeBits(8, 0);
+    writer.writeBits(4, pattern ? pattern->cryptByteBlock : 0u);
+    writer.writeBits(4, pattern ? pattern->skipByteBlock : 0u);
+    writer.writeBits(8, isEncrypted ? 1u : 0u);
     writer.writeBits(8, ivSize);
     writeKeyId(writer, keyId);
+    if (pattern && isEncrypted && ivSize == 0) {
+        writer.writeBits(8, pattern->constantIv.size());
+        writer.copyBuffer(pattern->constantIv.data(), pattern->constantIv.size());
+    }
+}
+
+std::uint64_t trackDefaultsSize(bool isEncrypted, std::uint8_t ivSize, const std::optional<PatternEncryption>& pattern) {
+    return 20 + (pattern && isEncrypted && ivSize == 0 ? 1 + pattern->constantIv.size() : 0);
 }
 
 // Entries of a clear video sample: every byte clear, in runs that fit the 16-bit field.
@@ -89,11 +103,23 @@ void SchemeTypeBox::binarize(ImffBitWriter& writer) const {
     writer.writeBits(32, m_schemeVersion);
 }
 
+PatternEncryption cbcsPattern(bool video, std::vector<std::uint8_t> constantIv) {
+    PatternEncryption pattern;
+    if (video) {
+        pattern.cryptByteBlock = kCbcsVideoCryptByteBlock;
+        pattern.skipByteBlock = kCbcsVideoSkipByteBlock;
+    }
+    pattern.constantIv = std::move(constantIv);
+    return pattern;
+}
+
+std::uint64_t TrackEncryptionBox::getSize() const {
+    return getFullBoxHeaderSize() + trackDefaultsSize(m_isEncrypted, m_ivSize, m_pattern);
+}
+
 void TrackEncryptionBox::binarize(ImffBitWriter& writer) const {
     binarizeFullBoxHeader(writer);
-    writer.writeBits(24, m_isEncrypted ? 1u : 0u);
-    writer.writeBits(8, m_ivSize);
-    writeKeyId(writer, m_keyId);
+    writeTrackDefaults(writer, m_isEncrypted, m_ivSize, m_keyId, m_pattern);
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -224,12 +250,20 @@ void SampleToGroupBox::binarize(ImffBitWriter& writer) const {
     }
 }
 
+std::uint64_t CencSampleEncryptionInformationVideoGroupEntry::getSize() const {
+    return trackDefaultsSize(m_isEncrypted, m_ivSize, m_pattern);
+}
+
 void CencSampleEncryptionInformationVideoGroupEntry::binarize(ImffBitWriter& writer) const {
-    writeSeig(writer, m_isEncrypted, m_ivSize, m_keyId);
+    writeTrackDefaults(writer, m_isEncrypted, m_ivSize, m_keyId, m_pattern);
+}
+
+std::uint64_t CencSampleEncryptionInformationAudioGroupEntry::getSize() const {
+    return trackDefaultsSize(m_isEncrypted, m_ivSize, m_pattern);
 }
 
 void CencSampleEncryptionInformationAudioGroupEntry::binarize(ImffBitWriter& writer) const {
-    writeSeig(writer, m_isEncrypted, m_ivSize, m_keyId);
+    writeTrackDefaults(writer, m_isEncrypted, m_ivSize, m_keyId, m_pattern);
 }
 
 std::uint64_t SampleGroupDescriptionBox::getSize() const {
@@ -252,29 +286,38 @@ void SampleGroupDescriptionBox::binarize(ImffBitWriter& writer) const {
 // ---------------------------------------------------------------------------------------------------------
 
 std::shared_ptr<Box> makeProtectionInfo(FourCC originalFormat, bool isEncrypted, const KeyId& keyId, std::uint8_t ivSize,
-                                        bool dash, const BoxList& extra) {
+                                        bool dash, const BoxList& extra, const std::optional<PatternEncryption>& pattern) {
     auto sinf = std::make_shared<Box>(fourCC("sinf"));
     sinf->addChild(std::make_shared<OriginalFormatBox>(originalFormat));
-    sinf->addChild(dash ? std::make_shared<SchemeTypeBox>(fourCC("cenc"), 0x10000)
-                        : std::make_shared<SchemeTypeBox>(fourCC("piff"), 0x10001));
+    if (pattern)
+        sinf->addChild(std::make_shared<SchemeTypeBox>(fourCC("cbcs"), 0x10000));
+    else
+        sinf->addChild(dash ? std::make_shared<SchemeTypeBox>(fourCC("cenc"), 0x10000)
+                            : std::make_shared<SchemeTypeBox>(fourCC("piff"), 0x10001));
     auto schi = std::make_shared<Box>(fourCC("schi"));
-    schi->addChild(std::make_shared<TrackEncryptionBox>(isEncrypted, ivSize, keyId));
+    schi->addChild(std::make_shared<TrackEncryptionBox>(isEncrypted, ivSize, keyId, pattern));
     for (const auto& box : extra) schi->addChild(box);
     sinf->addChild(schi);
     return sinf;
 }
 
 bool protectSampleEntry(SampleEntry& entry, bool isEncrypted, const KeyId& keyId, std::uint8_t ivSize, bool dash,
-                        const BoxList& extra) {
+                        const BoxList& extra, const std::optional<std::vector<std::uint8_t>>& cbcsConstantIv) {
     FourCC protectedType;
-    if (dynamic_cast<const VisualSampleEntry*>(&entry) != nullptr) {
+    const bool video = dynamic_cast<const VisualSampleEntry*>(&entry) != nullptr;
+    if (video) {
         protectedType = fourCC("encv");
     } else if (dynamic_cast<const AudioSampleEntry*>(&entry) != nullptr) {
         protectedType = fourCC("enca");
     } else {
         return false;
     }
-    entry.setProtection(makeProtectionInfo(entry.getType(), isEncrypted, keyId, ivSize, dash, extra));
+    std::optional<PatternEncryption> pattern;
+    if (cbcsConstantIv) {
+        pattern = cbcsPattern(video, *cbcsConstantIv);
+        ivSize = 0;
+    }
+    entry.setProtection(makeProtectionInfo(entry.getType(), isEncrypted, keyId, ivSize, dash, extra, pattern));
     entry.setType(protectedType);
     return true;
 }
@@ -306,7 +349,9 @@ EncryptionBoxes makeEncryptionBoxes(const std::vector<const ISample*>& samples, 
     // The entries' bytes, for mdat, and their sizes.
     const SampleEncryptionBox& senc = *boxes.senc;
     std::uint64_t total = 0;
-    boxes.saiz = std::make_shared<SampleAuxiliaryInformationSizesBox>(kCencAuxInfo, 0);
+    // The auxiliary information type is the scheme's own.
+    const FourCC auxInfoType = context.cbcsConstantIv ? kCbcsAuxInfo : kCencAuxInfo;
+    boxes.saiz = std::make_shared<SampleAuxiliaryInformationSizesBox>(auxInfoType, 0);
     for (const SampleEncryptionInfo& entry : senc.getEntries()) {
         const std::uint64_t size = senc.getEntrySize(entry);
         boxes.saiz->addSampleSize(static_cast<std::uint8_t>(size));
@@ -316,15 +361,17 @@ EncryptionBoxes makeEncryptionBoxes(const std::vector<const ISample*>& samples, 
     ImffBitWriter writer(boxes.auxiliaryData.data(), boxes.auxiliaryData.size());
     for (const SampleEncryptionInfo& entry : senc.getEntries()) senc.writeEntry(writer, entry);
 
-    boxes.saio = std::make_shared<SampleAuxiliaryInformationOffsetsBox>(kCencAuxInfo, 0, 1);
+    boxes.saio = std::make_shared<SampleAuxiliaryInformationOffsetsBox>(auxInfoType, 0, 1);
     boxes.saio->addOffset(0);
     boxes.sbgp = std::make_shared<SampleToGroupBox>(kSeig, 0);
     boxes.sbgp->addEntry(static_cast<std::uint32_t>(samples.size()), kFirstFragmentLocalGroup);
     std::shared_ptr<SampleGroupDescriptionEntry> seig;
+    std::optional<PatternEncryption> pattern;
+    if (context.cbcsConstantIv) pattern = cbcsPattern(video, *context.cbcsConstantIv);
     if (video) {
-        seig = std::make_shared<CencSampleEncryptionInformationVideoGroupEntry>(true, ivSize, context.keyId);
+        seig = std::make_shared<CencSampleEncryptionInformationVideoGroupEntry>(true, ivSize, context.keyId, pattern);
     } else {
-        seig = std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(true, ivSize, context.keyId);
+        seig = std::make_shared<CencSampleEncryptionInformationAudioGroupEntry>(true, ivSize, context.keyId, pattern);
     }
     boxes.sgpd = std::make_shared<SampleGroupDescriptionBox>(kSeig, 1, static_cast<std::uint32_t>(seig->getSize()));
     boxes.sgpd->addEntry(std::move(seig));

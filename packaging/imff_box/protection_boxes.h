@@ -1,5 +1,6 @@
 #pragma once
-// Common Encryption ("cenc" AES-CTR, and its PIFF form for Smooth Streaming): the boxes that say how a track is
+// Common Encryption ("cenc" AES-CTR, and its PIFF form for Smooth Streaming; "cbcs" AES-CBC with a pattern and a
+// constant IV): the boxes that say how a track is
 // protected (sinf in the sample entry, pssh), the boxes that carry a fragment's per-sample encryption data (senc,
 // or saiz and saio pointing at the same data placed at the start of mdat) and the "seig" sample group that names
 // the fragment's key.
@@ -7,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "packaging/imff_box/box.h"
@@ -58,6 +60,18 @@ private:
     FourCC m_dataFormat;
 };
 
+// What "cbcs" adds to tenc (version 1) and to the seig entry: the pattern of encrypted and skipped 16-byte blocks
+// and the constant IV that stands for per-sample IVs, whose size is then 0. Video takes the 1:9 pattern; other
+// tracks 0:0, every whole block encrypted.
+struct PatternEncryption {
+    std::uint8_t cryptByteBlock = 0;  // 4 bits
+    std::uint8_t skipByteBlock = 0;   // 4 bits
+    std::vector<std::uint8_t> constantIv{};
+};
+constexpr std::uint8_t kCbcsVideoCryptByteBlock = 1;
+constexpr std::uint8_t kCbcsVideoSkipByteBlock = 9;
+PatternEncryption cbcsPattern(bool video, std::vector<std::uint8_t> constantIv);
+
 // "schm", version 0, flags 0 (no URI).
 class SchemeTypeBox : public FullBox {
 public:
@@ -71,18 +85,23 @@ private:
     std::uint32_t m_schemeVersion;
 };
 
-// "tenc", version 0: the track's defaults, 24 bits of is-encrypted, the IV size, the key id.
+// "tenc", version 0: the track's defaults, 24 bits of is-encrypted, the IV size, the key id. With a pattern,
+// version 1: a reserved byte, the pattern's two 4-bit counts, is-encrypted, the IV size (0), the key id, and the
+// constant IV's size and bytes.
 class TrackEncryptionBox : public FullBox {
 public:
-    TrackEncryptionBox(bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId)
-        : FullBox(fourCC("tenc"), 0, 0), m_isEncrypted(isEncrypted), m_ivSize(ivSize), m_keyId(keyId) {}
-    std::uint64_t getSize() const override { return getFullBoxHeaderSize() + 20; }
+    TrackEncryptionBox(bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId,
+                       std::optional<PatternEncryption> pattern = std::nullopt)
+        : FullBox(fourCC("tenc"), pattern ? 1 : 0, 0), m_isEncrypted(isEncrypted), m_ivSize(ivSize), m_keyId(keyId),
+          m_pattern(std::move(pattern)) {}
+    std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;
 
 private:
     bool m_isEncrypted;
     std::uint8_t m_ivSize;
     KeyId m_keyId;
+    std::optional<PatternEncryption> m_pattern;
 };
 
 // "senc", version 0, or its PIFF form, a "uuid" box a2394f52-5a9b-4f14-a244-6c427c648df4 with the same content.
@@ -196,31 +215,37 @@ public:
 class VisualSampleGroupEntry : public SampleGroupDescriptionEntry {};
 class AudioSampleGroupEntry : public SampleGroupDescriptionEntry {};
 
-// The "seig" entry, 20 bytes: 24 bits of is-encrypted, the IV size, the key id. Video and audio write the same.
+// The "seig" entry, 20 bytes: 24 bits of is-encrypted, the IV size, the key id. With a pattern (cbcs) the first
+// 16 of those bits hold a reserved byte and the pattern's two 4-bit counts, and the constant IV's size and bytes
+// follow. Video and audio write the same.
 class CencSampleEncryptionInformationVideoGroupEntry : public VisualSampleGroupEntry {
 public:
-    CencSampleEncryptionInformationVideoGroupEntry(bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId)
-        : m_isEncrypted(isEncrypted), m_ivSize(ivSize), m_keyId(keyId) {}
-    std::uint64_t getSize() const override { return 20; }
+    CencSampleEncryptionInformationVideoGroupEntry(bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId,
+                                                   std::optional<PatternEncryption> pattern = std::nullopt)
+        : m_isEncrypted(isEncrypted), m_ivSize(ivSize), m_keyId(keyId), m_pattern(std::move(pattern)) {}
+    std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;
 
 private:
     bool m_isEncrypted;
     std::uint8_t m_ivSize;
     KeyId m_keyId;
+    std::optional<PatternEncryption> m_pattern;
 };
 
 class CencSampleEncryptionInformationAudioGroupEntry : public AudioSampleGroupEntry {
 public:
-    CencSampleEncryptionInformationAudioGroupEntry(bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId)
-        : m_isEncrypted(isEncrypted), m_ivSize(ivSize), m_keyId(keyId) {}
-    std::uint64_t getSize() const override { return 20; }
+    CencSampleEncryptionInformationAudioGroupEntry(bool isEncrypted, std::uint8_t ivSize, const KeyId& keyId,
+                                                   std::optional<PatternEncryption> pattern = std::nullopt)
+        : m_isEncrypted(isEncrypted), m_ivSize(ivSize), m_keyId(keyId), m_pattern(std::move(pattern)) {}
+    std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;
 
 private:
     bool m_isEncrypted;
     std::uint8_t m_ivSize;
     KeyId m_keyId;
+    std::optional<PatternEncryption> m_pattern;
 };
 
 // "sgpd", version 0 or 1 (flags 0). Version 1 writes the default length, and when that is 0 a length before each
@@ -244,14 +269,17 @@ private:
 // Protected sample entries (init chunk)
 
 // "sinf": "frma" with the original format; "schm" with "cenc" version 0x10000 (dash) or "piff" version 0x10001
-// (Smooth Streaming); "schi" holding "tenc" and then the `extra` boxes, if any.
+// (Smooth Streaming), or with a pattern "cbcs" version 0x10000 and a version 1 tenc; "schi" holding "tenc" and then
+// the `extra` boxes, if any.
 std::shared_ptr<Box> makeProtectionInfo(FourCC originalFormat, bool isEncrypted, const KeyId& keyId, std::uint8_t ivSize,
-                                        bool dash, const BoxList& extra = {});
+                                        bool dash, const BoxList& extra = {},
+                                        const std::optional<PatternEncryption>& pattern = std::nullopt);
 
 // Makes a visual entry "encv" and an audio entry "enca", with its old type in the "sinf" it then holds. Any other
-// entry is left as it is, and the answer is false.
+// entry is left as it is, and the answer is false. With a cbcs constant IV the scheme is cbcs, with the pattern of
+// the entry's kind, and the IV size is 0.
 bool protectSampleEntry(SampleEntry& entry, bool isEncrypted, const KeyId& keyId, std::uint8_t ivSize, bool dash,
-                        const BoxList& extra = {});
+                        const BoxList& extra = {}, const std::optional<std::vector<std::uint8_t>>& cbcsConstantIv = std::nullopt);
 
 // ---------------------------------------------------------------------------------------------------------
 // Per fragment
@@ -264,6 +292,8 @@ struct SampleEncryptionContext {
     // DASH: saiz, saio, sbgp and sgpd in traf, the per-sample data at the start of mdat and no senc. Smooth
     // Streaming: the PIFF senc alone, last in traf.
     bool dashForm = true;
+    // Set for cbcs: the seig entry then has the track kind's pattern and this constant IV.
+    std::optional<std::vector<std::uint8_t>> cbcsConstantIv{};
 };
 
 // The encryption boxes of one track fragment. `senc` is null when the fragment gets none.

@@ -117,6 +117,7 @@ void buildEncryptionManager(std::unique_ptr<encryption::EncryptionManager>& mana
     }
     manager.reset();
     manager = std::make_unique<encryption::EncryptionManager>(std::move(provider), listener);
+    manager->setScheme(configuration.scheme());
 }
 
 }  // namespace v0

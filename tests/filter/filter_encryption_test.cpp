@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <type_traits>
 
 #include "filter_helpers.h"
@@ -45,6 +47,12 @@ Call connection(bool enabled, std::uint32_t kind, const KeyServerConnectionOptio
     return [=](IMuxFmp4Config& f) { return f.SetKeyServerConnection(enabled, kind, options); };
 }
 
+const std::uint8_t kConstantIv[16] = {0xf0, 0xf1, 0xf2, 0xf3, 0xf4, 0xf5, 0xf6, 0xf7,
+                                      0xf8, 0xf9, 0xfa, 0xfb, 0xfc, 0xfd, 0xfe, 0xff};
+Call scheme(std::uint32_t kind, bool withIv) {
+    return [=](IMuxFmp4Config& f) { return f.SetEncryptionScheme(kind, withIv ? &kConstantIv : nullptr); };
+}
+
 TEST(EncryptionSlots, CheckTheirArgumentsAndRefuseWhileASessionExists) {
     using C = IMuxFmp4Config;
     const std::string id128(128, 'r'), id129(129, 'r');
@@ -73,6 +81,11 @@ TEST(EncryptionSlots, CheckTheirArgumentsAndRefuseWhileASessionExists) {
         {connection(true, KeyServerTls, nullptr), E_POINTER},
         {connection(true, 2, &kTls), E_INVALIDARG},
         {connection(true, KeyServerTls, &passwordOnly), E_INVALIDARG},
+        {scheme(EncryptionSchemeCenc, false), S_OK},
+        {scheme(EncryptionSchemeCbcs, false), S_OK},
+        {scheme(EncryptionSchemeCbcs, true), S_OK},
+        {scheme(EncryptionSchemeCenc, true), E_INVALIDARG},  // cenc has per-sample IVs
+        {scheme(2, false), E_INVALIDARG},
     };
     FilterHolder idle(CMuxFmp4Filter::Create());
     FilterHolder running(CMuxFmp4Filter::Create());
@@ -99,6 +112,7 @@ struct KeyServer {
         std::vector<std::string> addresses;
         enc::TransportSecurity transport;
         tvrn::encoding::packaging::kms_clients::KeyClientOptions options;
+        enc::SchemeSettings scheme;
     };
     struct Provider : testkit::FixedKeyProvider {
         explicit Provider(testkit::Guarded<State>& state) : m_state(state) {}
@@ -125,6 +139,7 @@ struct KeyServer {
                         s.addresses.push_back(address);
                         s.transport = transport;
                         s.options = options;
+                        s.scheme = configuration.scheme();
                     });
                 },
                 std::chrono::milliseconds(1), std::chrono::milliseconds(1500)};
@@ -193,6 +208,38 @@ TEST(EncryptionSlots, EachReachesTheFactoryWithItsModeAddressAndKeyPeriod) {
     ASSERT_TRUE(tls && tls->clientCertificate && !tls->clientCertificate->password);
     EXPECT_EQ(std::tie(tls->verifyPeer, tls->verifyHost, tls->caFile, tls->clientCertificate->keyFile),
               std::make_tuple(true, false, std::string("ca.pem"), std::string("client.key")));
+}
+
+// The scheme outlives a new configuration and reaches the factory in DASH; Smooth Streaming (cenc only) builds no
+// key source with cbcs and says why.
+TEST(EncryptionSlots, TheSchemeGoesWithEveryConfigurationAndCbcsDoesNotStartInSmoothStreaming) {
+    KeyServer server;
+    server.answer = [](const std::string&) { return Up; };
+    testkit::ChunksBuilderLog chunks;
+    fmp4::Fmp4MuxParts parts;
+    parts.makeChunksBuilder = [&](const fmp4::ChunksBuilderParams&) {
+        return std::make_unique<testkit::FakeChunksBuilder>(chunks);
+    };
+    testkit::RecordingLogger logger;
+    FilterHolder filter(CMuxFmp4Filter::Create(parts, server.parts()));
+    filter->SetLogger(&logger);
+    ASSERT_EQ(filter->SetEncryptionScheme(EncryptionSchemeCbcs, &kConstantIv), S_OK);
+    ASSERT_EQ(filter->SetMultiDrmEncryption(&kMultiDrm), S_OK);
+    const std::string refusal = "0 Encryption scheme cbcs is not available in Smooth Streaming output (cenc only)";
+    ASSERT_EQ(filter->Pause(), S_OK);  // Smooth Streaming, the default format
+    for (int i = 0; i < 6000 && !logger.contains(refusal); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(logger.contains(refusal));
+    EXPECT_EQ(server.builds(), 0);
+    ASSERT_EQ(filter->Stop(), S_OK);
+    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+    ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
+    ASSERT_EQ(filter->Pause(), S_OK);
+    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+    const enc::SchemeSettings reached = server.state.get().scheme;
+    EXPECT_EQ(reached.scheme, enc::EncryptionScheme::Cbcs);
+    EXPECT_TRUE(reached.constantIv && std::equal(reached.constantIv->begin(), reached.constantIv->end(), kConstantIv));
+    ASSERT_EQ(filter->Stop(), S_OK);
 }
 
 TEST(KeyWait, SamplesAreDroppedUntilTheServerIsUpThenChunksLeaveEncrypted) {

@@ -101,13 +101,15 @@ void readKeyFile(EncryptionOptions& o) {
             {"widevine_signer", &o.widevineSigner}, {"widevine_signing_key", &o.widevineSigningKey},
             {"widevine_signing_iv", &o.widevineSigningIv}, {"insidesecure_key_server", &o.insideSecureKeyServer},
             {"buydrm_key_server", &o.buyDrmKeyServer}, {"buydrm_user_key", &o.buyDrmUserKey},
-            {"buydrm_server_key", &o.buyDrmServerKey}};
+            {"buydrm_server_key", &o.buyDrmServerKey}, {"encryption_scheme", &o.schemeText},
+            {"constant_iv", &o.constantIvText}};
         std::string* target = nullptr;
         for (const auto& [known, field] : names)
             if (name == known) target = field;
         if (equals == std::string::npos || target == nullptr)
             refuse("--key-file: line " + std::to_string(number) + " of '" + o.keyFile +
-                   "' is not key_id=, key=, key_seed= or a kms_...=, irdeto_...= or vmx_...= setting");
+                   "' is not key_id=, key=, key_seed=, encryption_scheme=, constant_iv= or a kms_...=, irdeto_...= or "
+                   "vmx_...= setting");
         if (target->empty()) *target = line.substr(equals + 1);
     }
 }
@@ -248,10 +250,33 @@ void finishKeyServer(EncryptionOptions& o) {
     checkAddress("--kms-session-url", o.kmsSessionUrl);
     checkAddress("--kms-backup-session-url", o.kmsBackupSessionUrl);
 }
+
+// The scheme and the cbcs constant IV; they need encryption, checked once the rest is known.
+void finishScheme(EncryptionOptions& o) {
+    if (!o.schemeText.empty() && o.schemeText != "cenc" && o.schemeText != "cbcs")
+        refuse("--encryption-scheme: unknown scheme '" + o.schemeText + "' (cenc or cbcs)");
+    o.cbcs = o.schemeText == "cbcs";
+    if (o.constantIvText.empty()) return;
+    if (!o.cbcs) refuse("--constant-iv needs --encryption-scheme cbcs");
+    o.constantIv = decodeHexOrBase64(o.constantIvText);
+    if (o.constantIv.size() != 16) refuse("--constant-iv: the IV is not 32 hexadecimal digits or base64 of 16 bytes");
+}
+
+void finishKeysAndServers(EncryptionOptions& o);
+
 }  // namespace
 
 void finishEncryptionOptions(EncryptionOptions& o) {
     if (!o.keyFile.empty()) readKeyFile(o);
+    finishScheme(o);
+    finishKeysAndServers(o);
+    if (!o.schemeText.empty() && !o.enabled())
+        refuse("--encryption-scheme needs encryption: a key (--key-id with --key or --key-seed) or a key server");
+}
+
+namespace {
+
+void finishKeysAndServers(EncryptionOptions& o) {
     const bool harmonic = anySet({&o.kmsKeyUrl, &o.kmsSessionUrl, &o.kmsBackupSessionUrl, &o.kmsResourceId,
                                   &o.kmsRequestorId});
     const bool irdeto = anySet({&o.irdetoUrl, &o.irdetoAccountId, &o.irdetoContentId, &o.irdetoUser,
@@ -316,5 +341,7 @@ void finishEncryptionOptions(EncryptionOptions& o) {
         o.customPsshBase64 = base64(data);
     }
 }
+
+}  // namespace
 
 }  // namespace fmp4mux

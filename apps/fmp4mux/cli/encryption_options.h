@@ -65,6 +65,10 @@ struct EncryptionOptions {
     std::string buyDrmUserKey;    // key file only: a secret
     std::string buyDrmServerKey;  // key file only: a secret
     std::string kmsContentId;
+    // The scheme, cenc (the default) or cbcs, and the cbcs constant IV (32 hexadecimal digits or base64 of 16
+    // bytes); from the command line or the key file's encryption_scheme= and constant_iv=.
+    std::string schemeText;
+    std::string constantIvText;
 
     // After finish(): the key id as UUID text (lower case, hyphenated, in the byte order files hold it), the key
     // and the seed in base64 (one of them), and the systems to signal.
@@ -76,6 +80,9 @@ struct EncryptionOptions {
     bool widevine = false;
     std::string customSystemUuid;    // UUID text
     std::string customPsshBase64;
+    // cbcs instead of cenc, with the operator's constant IV (empty: a random IV for each key).
+    bool cbcs = false;
+    std::vector<std::uint8_t> constantIv;
 
     std::int32_t keyPeriod = 0;  // seconds; 0: one key for the run
     std::chrono::milliseconds kmsTimeout{5000};  // each stage of a key request
@@ -89,9 +96,10 @@ struct EncryptionOptions {
 };
 
 // Reads the key file when there is one, checks every value and fills the normalised fields. Raises ExitError
-// (bad command line) naming the option, never quoting a key or a seed: a key of the wrong length, text that is
-// neither hexadecimal nor base64, a malformed key id or system id, a key file that cannot be read, a system
-// asked for without a key, settings of two key servers at once.
+// (bad command line) naming the option, never quoting a key, a seed or an IV: a key of the wrong length, text
+// that is neither hexadecimal nor base64, a malformed key id or system id, a key file that cannot be read, a
+// system asked for without a key, settings of two key servers at once, a scheme other than cenc and cbcs, a
+// scheme or constant IV without encryption.
 void finishEncryptionOptions(EncryptionOptions& options);
 
 // The bytes of hexadecimal text (an even number of digits) or base64 text; empty when it is neither.

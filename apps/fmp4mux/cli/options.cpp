@@ -294,14 +294,15 @@ with nothing to package; 4 output folder not writable.
                       s.name = value;
                   });
 
-    app.option_defaults()->group("Encryption (Common Encryption, AES-128 CTR; keys stay out of logs)");
+    app.option_defaults()->group("Encryption (Common Encryption, AES-128 CTR or CBC; keys stay out of logs)");
     EncryptionOptions& e = o.encryption;
     app.add_option("--key-id", e.keyIdText, "key id: UUID, 32 hexadecimal digits or base64")->type_name("KID");
     app.add_option("--key", e.keyText, "content key: 32 hexadecimal digits or base64")->type_name("KEY");
     app.add_option("--key-seed", e.keySeedText, "PlayReady key seed (base64) to derive the key from the key id")
         ->type_name("SEED");
     app.add_option("--key-file", e.keyFile, "a file of key_id=, key= and key_seed= lines, in place of the options\n"
-                   "(and of kms_...=, irdeto_...= and vmx_...= key server settings, passwords only there)")
+                   "(and of encryption_scheme=, constant_iv=, and the kms_...=, irdeto_...=\n"
+                   "and vmx_...= key server settings, passwords only there)")
         ->type_name("FILE");
     repeatable("--drm", "SYSTEM", "DRM system to signal (repeat it): clearkey, playready, widevine",
                [&e](const std::string& text) { e.drmSystems.push_back(text); });
@@ -312,6 +313,10 @@ with nothing to package; 4 output folder not writable.
         ->type_name("UUID");
     app.add_option("--drm-pssh-data", e.customPsshData, "that system's pssh data (hexadecimal or base64)")
         ->type_name("DATA");
+    app.add_option("--encryption-scheme", e.schemeText, "cenc (AES-CTR, the default) or cbcs (AES-CBC, 1:9 pattern\n"
+                   "for video, constant IV; DASH only)")->type_name("cenc|cbcs");
+    app.add_option("--constant-iv", e.constantIvText, "the cbcs constant IV: 32 hexadecimal digits or base64\n"
+                   "(default: a random IV for each key)")->type_name("IV");
     app.add_option("--kms-key-url", e.kmsKeyUrl, "keys from a Harmonic KMS: its key provisioning address")->type_name("URL");
     app.add_option("--kms-session-url", e.kmsSessionUrl, "or its key session server (the server names the key address)")
         ->type_name("URL");
@@ -410,6 +415,10 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         return ParseResult::Error;
     }
 
+    if (options.encryption.cbcs && !options.dash) {
+        error = "--encryption-scheme cbcs is DASH only: Smooth Streaming (PlayReady) protection is cenc";
+        return ParseResult::Error;
+    }
     if (options.lowLatency() && !options.dash) {
         error = "the low-latency mode is DASH only";
         return ParseResult::Error;

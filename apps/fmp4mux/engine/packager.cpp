@@ -53,7 +53,10 @@ Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
         throw ExitError(kExitUsage, e.what());
     }
     m_filter->SetFirstNumber(s.firstNumber);
-    if (s.encryption.enabled()) configureEncryption(s.encryption);
+    if (s.encryption.enabled()) {
+        configureEncryption(s.encryption);
+        configureScheme(s.encryption);
+    }
     // fmp4mux writes for players and validators, which read the sample flags by the ISO rules.
     m_filter->SetPlayerCompatibleOutput(true);
 }
@@ -78,6 +81,15 @@ void Packager::configureEncryption(const EncryptionOptions& e) {
     settings.customPsshListsKeyId = e.clearKey;
     if (m_filter->SetMultiDrmEncryption(&settings) != S_OK)
         throw ExitError(kExitUsage, "the engine refused the encryption settings");
+}
+
+// cenc unless cbcs was asked for, with the operator's constant IV or none (a random one for each key).
+void Packager::configureScheme(const EncryptionOptions& e) {
+    if (!e.cbcs) return;
+    std::uint8_t iv[16] = {};
+    if (!e.constantIv.empty()) std::copy_n(e.constantIv.begin(), sizeof iv, iv);
+    if (m_filter->SetEncryptionScheme(flt::EncryptionSchemeCbcs, e.constantIv.empty() ? nullptr : &iv) != S_OK)
+        throw ExitError(kExitUsage, "the engine refused the encryption scheme");
 }
 
 // Keys from a key server (Harmonic KMS, Irdeto, Verimatrix, Widevine, Inside Secure or BuyDRM), asked for the systems

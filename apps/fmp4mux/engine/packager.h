@@ -70,6 +70,7 @@ public:
 
 private:
     void configureEncryption(const EncryptionOptions& encryption);
+    void configureScheme(const EncryptionOptions& encryption);
     void configureKeyServer(const EncryptionOptions& encryption);
     void configureHarmonic(const EncryptionOptions& encryption);
     void configureKeyServerTls(const EncryptionOptions& encryption);

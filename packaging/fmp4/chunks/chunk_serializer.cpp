@@ -80,7 +80,7 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
     std::optional<SampleEncryptionContext> trackEncryption;
     if (encryption && encryption->encrypted)
         trackEncryption = SampleEncryptionContext{encryption->keyId, encryption->overrideTrackEncryption,
-                                                  encryption->dashForm && p.dash};
+                                                  encryption->dashForm && p.dash, encryption->cbcsConstantIv};
 
     std::vector<ChunkTrack> tracks = p.tracks;
     std::stable_sort(tracks.begin(), tracks.end(),

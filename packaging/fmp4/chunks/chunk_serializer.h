@@ -38,6 +38,8 @@ struct FragmentEncryptionInfo {
     imff_box::BoxList fragmentProtectionBoxes;
     // The chunk's key, in GUID memory order (see imff_box::KeyId).
     imff_box::KeyId keyId{};
+    // cbcs: the constant IV its seig entries carry with the pattern. Unset for cenc.
+    std::optional<std::vector<std::uint8_t>> cbcsConstantIv{};
 };
 
 struct ChunkSerialisationParameters {

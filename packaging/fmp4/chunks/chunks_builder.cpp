@@ -145,8 +145,15 @@ void ChunksBuilder::updateKeyAndEncrypt(const SegmentChunks& segments) {
         }
         const std::vector<encryption::SampleNals> lists(nals.begin(), nals.end());
         std::vector<std::optional<imff_box::SampleEncryptionInfo>> infos;
-        encryption::encryptStreamSamples(lists, protection == encryption::SampleProtection::Subsamples,
-                                         *m_encryption, record->second.initialisationVector, infos);
+        const bool subsamples = protection == encryption::SampleProtection::Subsamples;
+        if (m_encryption->scheme() == encryption::EncryptionScheme::Cbcs) {
+            const auto codec = firstSample->sample()->inputType == HEVC_VIDEO ? encryption::NalCodec::Hevc
+                                                                               : encryption::NalCodec::H264;
+            encryption::encryptStreamSamplesCbcs(lists, subsamples, codec, *m_encryption, infos);
+        } else {
+            encryption::encryptStreamSamples(lists, subsamples, *m_encryption, record->second.initialisationVector,
+                                             infos);
+        }
         for (std::size_t i = 0; i < samples.size() && i < infos.size(); ++i)
             if (infos[i]) samples[i]->encryptionInfo = std::make_unique<imff_box::SampleEncryptionInfo>(std::move(*infos[i]));
     }
@@ -307,6 +314,10 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
         encryption->dashForm = m_dash;
         encryption->overrideTrackEncryption = m_encryption->overridesTrackEncryption();
         encryption->encrypted = m_encryption->getKeyId(encryption->keyId);
+        if (m_encryption->scheme() == encryption::EncryptionScheme::Cbcs) {
+            const auto& iv = m_encryption->constantIv();
+            encryption->cbcsConstantIv.emplace(iv.begin(), iv.end());
+        }
     }
     for (auto& [index, output] : m_outputs) {
         std::vector<ChunkTrack> tracks;

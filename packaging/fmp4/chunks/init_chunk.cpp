@@ -35,8 +35,14 @@ InitChunk::InitChunk(std::string name, bool dash, bool languageInMediaHeader,
 void InitChunk::protect(imff_box::SampleEntry& entry) const {
     encryption::KeyId keyId{};
     if (!m_encryption || !m_encryption->getKeyId(keyId)) return;
+    std::optional<std::vector<std::uint8_t>> cbcsConstantIv;
+    if (m_encryption->scheme() == encryption::EncryptionScheme::Cbcs) {
+        const auto& iv = m_encryption->constantIv();
+        cbcsConstantIv.emplace(iv.begin(), iv.end());
+    }
     imff_box::protectSampleEntry(entry, true, keyId,
-                                 static_cast<std::uint8_t>(m_encryption->getInitialisationVectorSize()), m_dash);
+                                 static_cast<std::uint8_t>(m_encryption->getInitialisationVectorSize()), m_dash, {},
+                                 cbcsConstantIv);
 }
 
 InitChunk::~InitChunk() = default;

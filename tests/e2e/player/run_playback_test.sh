@@ -18,6 +18,9 @@
 #                  chunk of each representation (behind its init segment) to the source's frame and sample counts
 #                  (Smooth Streaming: signalled for PlayReady too, played by dash.js with its Smooth module)
 #   clearkey-shaka the same, played by shaka-player
+#   cbcs-shaka     the same with --encryption-scheme cbcs (AES-CBC, 1:9 pattern, constant IV), played by
+#                  shaka-player; the MPD says value="cbcs", and each video chunk ffmpeg decrypts decodes to the
+#                  very pictures (framemd5) of the same chunk packaged in the clear
 #   kms-rotation   the sample encrypted with keys from a scripted Harmonic key server on 127.0.0.1
 #                  (tests/packaging/kms_clients/loopback_server.py: a key of its own for each key period), the key
 #                  period 2 s: each chunk ffmpeg decrypts with the key its seig group names decodes, the keys change
@@ -83,7 +86,7 @@ case "$CASE" in
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   seek) INPUT=$SAMPLE MIN_TIME=8 ;;
-  clearkey|clearkey-shaka|kms-rotation) INPUT=$SAMPLE MIN_TIME=8 ;;
+  clearkey|clearkey-shaka|cbcs-shaka|kms-rotation) INPUT=$SAMPLE MIN_TIME=8 ;;
   damaged)
     node "$HERE/drop_ts_packets.mjs" "$SAMPLE" "$OUT/input.ts" 0.002 4 >/dev/null || fail "could not damage the sample"
     INPUT=$OUT/input.ts MIN_TIME=10 ;;
@@ -100,13 +103,14 @@ KID=00112233445566778899aabbccddeeff KEY=2b7e151628aed2a6abf7158809cf4f3c WRONG=
 PLAYER=dashjs
 CLEARKEY=()
 case "$CASE" in
-  clearkey*)
+  clearkey*|cbcs-shaka)
     CLEARKEY=(--clearkey "$KID:$KEY")
     printf 'key_id=%s\nkey=%s\n' "$KID" "$KEY" >"$OUT/keys"
     args+=(--key-file "$OUT/keys" --drm clearkey)
     # Smooth Streaming players learn the key id from the PlayReady header.
     [ "$FORMAT" = smooth ] && args+=(--drm playready)
-    [ "$CASE" = clearkey-shaka ] && PLAYER=shaka ;;
+    [ "$CASE" = cbcs-shaka ] && args+=(--encryption-scheme cbcs)
+    [ "$CASE" != clearkey ] && PLAYER=shaka ;;
   kms-rotation)
     . "$ROOT/tests/e2e/kms_keys.sh"
     start_kms
@@ -166,7 +170,7 @@ decoded_counts() {  # KIND KEY: frames (video) or samples (audio) ffmpeg decodes
   done
   echo "$total"
 }
-if [ "$FORMAT" = dash ] && [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ]; then
+if [ "$FORMAT" = dash ] && [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ] || [ "$CASE" = cbcs-shaka ]; then
   grep -q 'cenc:default_KID="00112233-4455-6677-8899-aabbccddeeff"' "$OUT/out/$manifest" || fail "the MPD does not name the key id"
   grep -q 'urn:uuid:1077efec-c0b2-4d02-ace3-3c1e52e2fb4b' "$OUT/out/$manifest" || fail "the MPD does not signal ClearKey"
   want_frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$SAMPLE" | awk 'NF && !seen++')
@@ -179,7 +183,22 @@ if [ "$FORMAT" = dash ] && [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka 
   [ $((samples - want_samples)) -le 1024 ] && [ $((want_samples - samples)) -le 1024 ] ||
     fail "decrypted, the audio has $samples samples, the source $want_samples"
 fi
-if [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ]; then
+if [ "$CASE" = cbcs-shaka ]; then
+  grep -q 'schemeIdUri="urn:mpeg:dash:mp4protection:2011" value="cbcs"' "$OUT/out/$manifest" ||
+    fail "the MPD does not say the scheme is cbcs"
+  timeout 120 "$FMP4MUX" -q "$INPUT" "$OUT/clear" 2>/dev/null || fail "fmp4mux could not package the sample in the clear"
+  pictures() { ffmpeg -v error -nostdin "$@" -f framemd5 - 2>&1 | grep -v '^#'; }
+  init=$(find "$OUT/out" -name init.mp4 -path '*video*' | head -n 1)
+  clear_init=$(find "$OUT/clear" -name init.mp4 -path '*video*' | head -n 1)
+  for chunk in $(find "$(dirname "$init")" -name 'chunk_*.mp4'); do
+    cat "$init" "$chunk" >"$OUT/one.mp4"
+    cat "$clear_init" "$(dirname "$clear_init")/$(basename "$chunk")" >"$OUT/clear.mp4"
+    [ "$(pictures -decryption_key "$KEY" -i "$OUT/one.mp4")" = "$(pictures -i "$OUT/clear.mp4")" ] ||
+      fail "$(basename "$chunk") decrypted does not decode to the pictures of the clear chunk"
+  done
+  echo "run_playback_test: every cbcs video chunk decrypts to the pictures of its clear twin"
+fi
+if [ "$CASE" = clearkey ] || [ "$CASE" = clearkey-shaka ] || [ "$CASE" = cbcs-shaka ]; then
   ! grep -rq "$KEY" "$OUT/stderr" "$OUT/out/$manifest" || fail "the key reached the log or the manifest"
   ! node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" --clearkey "$KID:$WRONG" --min-time 2 --timeout 20 \
     "$OUT/out" "$manifest" >"$OUT/wrong.log" 2>&1 || fail "$PLAYER played the encrypted output with a wrong key"

@@ -1,6 +1,7 @@
 // The key life cycle of the manager against a scripted provider, the factory, and the configuration rules.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -185,6 +186,28 @@ TEST(ValidityRules, AnswerWithTheirExactTexts) {
         const enc::IrdetoConfiguration configuration{.serverUrl = "", .variant = variant};
         EXPECT_EQ(verdict([&](std::string& e) { return enc::isValidForDash(configuration, e); }), dash);
         EXPECT_EQ(verdict([&](std::string& e) { return enc::isValidForHls(configuration, e); }), hlsText);
+    }
+}
+
+// The init segment announces the constant IV before the first key is installed: the first key keeps the IV drawn
+// with the scheme, each later key gets a new one; a configured IV stays for every key.
+TEST(CbcsConstantIv, DrawnOnceForTheFirstKeyAndAgainForEachNewKeyUnlessConfigured) {
+    const std::array<std::uint8_t, 16> configured{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    for (const bool given : {false, true}) {
+        auto provider = std::make_unique<FixedKeyProvider>();
+        provider->then({}).then({.keyId = kOtherId, .key = kOtherKey});
+        enc::EncryptionManager manager(std::move(provider));
+        enc::SchemeSettings settings{enc::EncryptionScheme::Cbcs, std::nullopt};
+        if (given) settings.constantIv = configured;
+        manager.setScheme(settings);
+        const auto announced = manager.constantIv();
+        Bytes iv;
+        manager.updateKey(0, iv);
+        EXPECT_EQ(manager.constantIv(), announced);
+        manager.updateKey(1, iv);
+        EXPECT_EQ(manager.constantIv() == announced, given);
+        EXPECT_EQ(announced == configured, given);
+        EXPECT_NE(manager.constantIv(), decltype(configured){});
     }
 }
 

@@ -1,7 +1,9 @@
 // AES-128 CTR against AES-128-ECB block by block, the subsample map, and how the IV and the block counter move
-// from NAL to NAL and from sample to sample.
+// from NAL to NAL and from sample to sample. cbcs against blocks encrypted apart with
+// `openssl enc -aes-128-cbc -nopad -K 2b7e151628aed2a6abf7158809cf4f3c -iv 000102030405060708090a0b0c0d0e0f`.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <optional>
 #include <vector>
 
@@ -133,6 +135,93 @@ TEST(SampleEncryption, NalShorterThanFiveBytesFailsWithTheManagersException) {
                   "Rijndael 128 CTR encrypt : failed (error -1)")
             << n;
     }
+}
+
+// cbcs with the constant IV 00 01 .. 0f; the key installed after the scheme is set.
+struct CbcsKeyed {
+    enc::EncryptionManager manager{std::make_unique<FixedKeyProvider>()};
+    CbcsKeyed() {
+        manager.setScheme({enc::EncryptionScheme::Cbcs, std::array<std::uint8_t, 16>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9,
+                                                                                         10, 11, 12, 13, 14, 15}});
+        Bytes iv;
+        manager.updateKey(0, iv);
+    }
+};
+
+// A NAL of `size` bytes whose byte i is i + offset, under its 4-byte length field and the header byte(s).
+Bytes nal(std::size_t size, Bytes header, std::uint8_t offset = 0) {
+    Bytes b(size);
+    for (std::size_t i = 0; i < size; ++i) b[i] = static_cast<std::uint8_t>(i + offset);
+    const auto length = static_cast<std::uint32_t>(size - 4);
+    b[0] = static_cast<std::uint8_t>(length >> 24), b[1] = static_cast<std::uint8_t>(length >> 16);
+    b[2] = static_cast<std::uint8_t>(length >> 8), b[3] = static_cast<std::uint8_t>(length);
+    std::copy(header.begin(), header.end(), b.begin() + 4);
+    return b;
+}
+
+void put(Bytes& bytes, std::size_t at, const char* hexText) {
+    const Bytes block = testkit::hex(hexText);
+    std::copy(block.begin(), block.end(), bytes.begin() + static_cast<long>(at));
+}
+
+TEST(Cbcs, VideoSlicesGetThePatternFromTheConstantIvAtEachProtectedRangeAndTheRestStaysClear) {
+    CbcsKeyed k;
+    // An SEI, all clear; an IDR slice with 181 protected bytes after 4 + 64 clear ones: blocks 0 and 10 encrypted
+    // as one chain across the nine skipped, 5 trailing bytes clear; a second slice whose 19 protected bytes start
+    // the chain again from the IV.
+    std::vector<Bytes> nals = {nal(30, {0x06}), nal(249, {0x65}), nal(87, {0x41}, 0x80)};
+    std::vector<Bytes> expected = nals;
+    put(expected[1], 68, "08814ebce5c81ae857a087cce7ac6c6a");      // 44 45 .. 53 chained from the IV
+    put(expected[1], 68 + 160, "7005fa4a9bf4da07387e65dbd2abe8c8");  // e4 e5 .. f3 chained from the block above
+    put(expected[2], 68, "22baab00c71e81b3deb5caeaf559d438");      // c4 c5 .. d3 chained from the IV
+    std::vector<enc::NalBytes> views(nals.begin(), nals.end());
+    enc::SampleEncryptionInfo info;
+    ASSERT_TRUE(enc::encryptSampleCbcs(views, true, enc::NalCodec::H264, k.manager, info));
+    EXPECT_EQ(nals, expected);
+    EXPECT_TRUE(info.iv.empty());
+    EXPECT_EQ(info.subsamples, (Map{{30 + 68, 181}, {68, 19}}));
+}
+
+TEST(Cbcs, SubsampleMapReadsEachCodecsNalTypeAndSplitsLongClearRuns) {
+    const struct {
+        enc::NalCodec codec;
+        std::vector<std::pair<std::size_t, Bytes>> nals;  // size, header
+        Map map;
+    } table[] = {
+        {enc::NalCodec::H264, {{100, {0x67}}, {100, {0x01}}}, {{168, 32}}},           // SPS clear, non-IDR slice
+        {enc::NalCodec::H264, {{60, {0x65}}}, {{60, 0}}},                             // a slice within the clear bytes
+        {enc::NalCodec::Hevc, {{100, {0x40, 0x01}}, {100, {0x26, 0x01}}}, {{168, 32}}},  // VPS clear, IDR_W_RADL
+        {enc::NalCodec::Hevc, {{100, {0x02, 0x01}}, {100, {0x4e, 0x01}}}, {{68, 32}, {100, 0}}},  // TRAIL_R, SEI
+        {enc::NalCodec::H264, {{70000, {0x06}}, {100, {0x65}}}, {{0xFFFF, 0}, {70068 - 0xFFFF, 32}}},
+    };
+    for (const auto& row : table) {
+        CbcsKeyed k;
+        std::vector<Bytes> nals;
+        for (const auto& [size, header] : row.nals) nals.push_back(nal(size, header));
+        std::vector<enc::NalBytes> views(nals.begin(), nals.end());
+        enc::SampleEncryptionInfo info;
+        ASSERT_TRUE(enc::encryptSampleCbcs(views, true, row.codec, k.manager, info));
+        EXPECT_EQ(info.subsamples, row.map) << testing::PrintToString(row.map);
+    }
+}
+
+TEST(Cbcs, AudioIsOneChainOverTheWholeSampleWithItsTrailingPartialBlockClear) {
+    CbcsKeyed k;
+    Bytes sample(45);
+    for (std::size_t i = 0; i < sample.size(); ++i) sample[i] = static_cast<std::uint8_t>(3 * i);
+    Bytes expected = sample;
+    put(expected, 0, "535f9652c6a97e3baa2440a132e7c85084e1d61a3c0a2098535d587fe920ca43");
+    // Two buffers, the second block straddling them.
+    std::vector<Bytes> nals = {Bytes(sample.begin(), sample.begin() + 20), Bytes(sample.begin() + 20, sample.end())};
+    std::vector<enc::NalBytes> views(nals.begin(), nals.end());
+    std::vector<std::optional<enc::SampleEncryptionInfo>> infos;
+    const std::vector<enc::SampleNals> samples = {views, {}};
+    enc::encryptStreamSamplesCbcs(samples, false, enc::NalCodec::H264, k.manager, infos);
+    nals[0].insert(nals[0].end(), nals[1].begin(), nals[1].end());
+    EXPECT_EQ(nals[0], expected);
+    ASSERT_TRUE(infos[0].has_value());
+    EXPECT_TRUE(infos[0]->iv.empty() && infos[0]->subsamples.empty());
+    EXPECT_FALSE(infos[1].has_value());
 }
 
 }  // namespace

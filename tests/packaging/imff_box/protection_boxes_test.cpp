@@ -1,4 +1,4 @@
-// Common Encryption boxes against layouts worked out from ISO/IEC 23001-7 (cenc), ISO/IEC 14496-12 (saiz, saio,
+// Common Encryption boxes against layouts worked out from ISO/IEC 23001-7 (cenc, cbcs), ISO/IEC 14496-12 (saiz, saio,
 // sbgp, sgpd) and PIFF (the uuid forms), and the boxes the track fragment builder adds for encrypted samples.
 #include <gtest/gtest.h>
 
@@ -21,6 +21,8 @@ const KeyId kKeyId = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66, 0x88, 0x99
 // ... and as every box must show it.
 const std::string kKid = " 00112233 44556677 8899AABB CCDDEEFF ";
 const Uuid kWidevine = uuidFromString("edef8ba9-79d6-4ace-a3c8-27dcd51d21ed");
+const std::string kIvText = " F0F1F2F3 F4F5F6F7 F8F9FAFB FCFDFEFF";
+const std::vector<std::uint8_t> kConstantIv = hex(kIvText);
 
 TEST(ProtectionBoxes, Layouts) {
     auto sgpd = std::make_shared<SampleGroupDescriptionBox>(fourCC("seig"), 1, 0);
@@ -36,6 +38,10 @@ TEST(ProtectionBoxes, Layouts) {
     AudioSampleEntry audio(fourCC("mp4a"));
     PlainTextSampleEntry text(fourCC("wvtt"));
     ASSERT_TRUE(protectSampleEntry(video, true, kKeyId, 8, true) && protectSampleEntry(audio, false, kKeyId, 16, false));
+    VisualSampleEntry cbcsVideo(fourCC("hvc1"));
+    AudioSampleEntry cbcsAudio(fourCC("mp4a"));
+    ASSERT_TRUE(protectSampleEntry(cbcsVideo, true, kKeyId, 8, true, {}, kConstantIv) &&
+                protectSampleEntry(cbcsAudio, true, kKeyId, 8, true, {}, kConstantIv));
     EXPECT_FALSE(protectSampleEntry(text, true, kKeyId, 8, true));
     EXPECT_EQ(fourCCText(video.getType()) + fourCCText(audio.getType()) + fourCCText(text.getType()), "encvencawvtt");
     const struct { std::shared_ptr<Box> box; std::string bytes; } cases[] = {
@@ -45,6 +51,12 @@ TEST(ProtectionBoxes, Layouts) {
                                 " 00000028 'schi' 00000020 'tenc' 00000000 000001 08" + kKid},
         {audio.getProtection(), "00000050 'sinf' 0000000C 'frma' 'mp4a' 00000014 'schm' 00000000 'piff' 00010001"
                                 " 00000028 'schi' 00000020 'tenc' 00000000 000000 10" + kKid},
+        // cbcs: schm 'cbcs' version 1.0; tenc version 1: reserved byte, crypt_byte_block 1 and skip_byte_block 9
+        // in one byte (audio 0:0), default_isProtected 1, Per_Sample_IV_Size 0, key id, constant IV size 16, IV
+        {cbcsVideo.getProtection(), "00000061 'sinf' 0000000C 'frma' 'hvc1' 00000014 'schm' 00000000 'cbcs' 00010000"
+                                    " 00000039 'schi' 00000031 'tenc' 01000000 00 19 01 00" + kKid + "10" + kIvText},
+        {cbcsAudio.getProtection(), "00000061 'sinf' 0000000C 'frma' 'mp4a' 00000014 'schm' 00000000 'cbcs' 00010000"
+                                    " 00000039 'schi' 00000031 'tenc' 01000000 00 00 01 00" + kKid + "10" + kIvText},
         // version 0, flags 0, system id as written, data size, data
         {std::make_shared<ProtectionSystemSpecificHeaderBox>(kWidevine, std::vector<std::uint8_t>{0xAA, 0xBB, 0xCC}),
          "00000023 'pssh' 00000000 EDEF8BA9 79D64ACE A3C827DC D51D21ED 00000003 AABBCC"},
@@ -111,6 +123,30 @@ TEST(EncryptionBoxes, SencSaizAndTheSeigGroup) {
         // isProtected 1, the IV size and the key id, and its length as default length
         EXPECT_BYTES(writeBox(boxes.sbgp), hex("0000001C 'sbgp' 00000000 'seig' 00000001 00000002 00010001"));
         EXPECT_BYTES(writeBox(boxes.sgpd), hex("0000002C 'sgpd' 01000000 'seig' 00000014 00000001 000001 08" + kKid));
+    }
+}
+
+TEST(EncryptionBoxes, CbcsNamesItsAuxiliaryInformationAndPutsPatternAndConstantIvInSeig) {
+    const SampleEncryptionInfo slices{{}, {{100, 400}}};
+    const struct {
+        bool video;
+        std::vector<BoxSample> samples;
+        std::string saiz, seig;
+    } cases[] = {
+        // no IV: an entry is the subsample count and one (clear, protected) pair, 8 bytes
+        {true, {{500, slices}, {500, slices}}, "00000019 'saiz' 00000001 'cbcs' 00000000 08 00000002", "00 19 01 00"},
+        // audio: no IV, no map: entries of 0 bytes, listed
+        {false, {{10, SampleEncryptionInfo{}}, {10, SampleEncryptionInfo{}}},
+         "0000001B 'saiz' 00000001 'cbcs' 00000000 00 00000002 00 00", "00 00 01 00"},
+    };
+    for (const auto& c : cases) {
+        SampleEncryptionContext context{kKeyId, false, true, kConstantIv};
+        const EncryptionBoxes boxes = makeEncryptionBoxes(pointers(c.samples), context, c.video);
+        EXPECT_BYTES(writeBox(boxes.saiz), hex(c.saiz));
+        EXPECT_BYTES(writeBox(boxes.saio), hex("00000020 'saio' 01000001 'cbcs' 00000000 00000001 0000000000000000"));
+        // the seig entry as tenc version 1 lays it out: 37 bytes, the default length
+        EXPECT_BYTES(writeBox(boxes.sgpd),
+                     hex("0000003D 'sgpd' 01000000 'seig' 00000025 00000001 " + c.seig + kKid + "10" + kIvText));
     }
 }
 
