@@ -1,4 +1,4 @@
-// fmp4mux: packages real inputs into DASH or Smooth Streaming with the Tovrane filter. This file only wires the
+// fmp4mux: packages real inputs into DASH, HLS or Smooth Streaming with the Tovrane filter. This file only wires the
 // rooms together: cli (options, terminal), inputs (reading and timing), engine (the filter), model (the
 // presentation), manifests (one writer per format) and outputs (the publisher). docs/dataflow.md follows one
 // packet from its input to a file on disk.
@@ -20,6 +20,7 @@
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/reader.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
+#include "apps/fmp4mux/manifests/hls.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
 #include "apps/fmp4mux/outputs/buffer_pool.h"
@@ -193,8 +194,13 @@ int run(int argc, char** argv) {
         settings.runFolder = runs.current;
         settings.earlierRuns = std::move(runs.earlier);
     }
-    Presentation presentation(settings, publisher,
-                              options.dash ? static_cast<const ManifestWriter&>(dashManifest) : smoothManifest);
+    HlsManifestWriter hlsManifest;
+    std::vector<const ManifestWriter*> formats;
+    if (!options.dash) formats.push_back(&smoothManifest);
+    if (options.dash && options.mpd) formats.push_back(&dashManifest);
+    if (options.hls) formats.push_back(&hlsManifest);
+    const ManifestSet manifests(formats);
+    Presentation presentation(settings, publisher, manifests);
 
     // The engine, one input pin and one output per planned stream.
     StderrLogger logger(options.verbosity);

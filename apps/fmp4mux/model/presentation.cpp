@@ -58,8 +58,11 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     if (track.sampleRate == 0) track.sampleRate = out.track.sampleRate;
     track.representationId = out.track.representationId;
     track.adaptationSetId = out.track.adaptationSetId;
+    // A new session starts the timeline again: the segments of the one before leave the manifests.
+    out.restarted = out.restarted || !track.segments.empty() || out.packagedSeconds > 0;
+    for (const Segment& s : track.segments) track.discontinuitiesBefore += s.discontinuity ? 1U : 0U;
+    track.segments.clear();
     out.track = track;
-    out.track.segments.clear();  // a new session starts the timeline again
     try {
         out.track.initialization = expandName(m_settings.initTemplate, out, 0, 0);
     } catch (const std::exception& e) {
@@ -173,8 +176,10 @@ void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t 
         const std::uint64_t beforeEnd = before.time + before.duration;
         const std::uint64_t step = beforeEnd > time ? beforeEnd - time : time - beforeEnd;
         if (step > 0 && step * 100 <= before.duration && time > before.time) before.duration = time - before.time;
+        out.restarted = out.restarted || before.time + before.duration != time;
     }
-    out.track.segments.push_back({time, duration, number});
+    out.track.segments.push_back({time, duration, number, out.restarted});
+    out.restarted = false;
     // A live session keeps the records of its time-shift window only, so that neither its memory nor the
     // manifest rewrite on every chunk grows with the run; the manifest that ends a live input therefore lists
     // the segments still in the window. A file input keeps them all for its static manifest.
@@ -191,11 +196,14 @@ void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t 
                 // a name that expanded once expands again
             }
         }
+        for (auto it = out.track.segments.begin(); it != out.track.segments.begin() + leaving; ++it)
+            out.track.discontinuitiesBefore += it->discontinuity ? 1U : 0U;
         out.track.segments.erase(out.track.segments.begin(), out.track.segments.begin() + leaving);
     }
     out.maxSegmentMs = std::max(out.maxSegmentMs, static_cast<std::uint32_t>(std::min<std::uint64_t>(
                                                       UINT32_MAX, duration * 1000 / out.track.timescale)));
     out.packagedSeconds += static_cast<double>(duration) / static_cast<double>(out.track.timescale);
+    out.packagedBytes += static_cast<double>(bytes);
     m_packagedSeconds = std::max(m_packagedSeconds, out.packagedSeconds);
     out.peakBitrate = std::max(out.peakBitrate, static_cast<std::uint32_t>(std::min<double>(
         4e9, static_cast<double>(bytes) * 8 * static_cast<double>(out.track.timescale) / static_cast<double>(duration))));
@@ -249,6 +257,8 @@ void Presentation::publishManifestLocked() {
         if (m_settings.dash)
             track.bandwidth = out.bitrateGiven ? std::max(track.bandwidth, track.bitrate)
                                                : std::max<std::uint32_t>(out.peakBitrate, 1);
+        if (out.packagedSeconds > 0)
+            track.averageBandwidth = static_cast<std::uint32_t>(std::min(4e9, out.packagedBytes * 8 / out.packagedSeconds));
         tracks.push_back(std::move(track));
         maxSegmentMs = std::max(maxSegmentMs, out.maxSegmentMs);
     }
@@ -274,8 +284,8 @@ void Presentation::publishManifestLocked() {
         timing.lowLatency.utcTimingUrl = m_settings.utcTimingUrl;
         timing.maxSegmentMs = static_cast<std::uint32_t>(std::lround(timing.lowLatency.segmentSeconds * 1000));
     }
-    const std::string text = m_manifest.build(tracks, timing);
-    m_publisher.publish({m_manifest.fileName(), std::vector<std::uint8_t>(text.begin(), text.end()), {}, true});
+    for (ManifestFile& file : m_manifest.files(tracks, timing))
+        m_publisher.publish({std::move(file.name), std::vector<std::uint8_t>(file.text.begin(), file.text.end()), {}, true});
 }
 
 std::uint64_t Presentation::chunks() const {

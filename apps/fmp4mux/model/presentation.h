@@ -21,7 +21,7 @@
 namespace fmp4mux {
 
 struct PresentationSettings {
-    bool dash = true;
+    bool dash = true;                  // CMAF media files (DASH, HLS); Smooth's otherwise
     bool live = false;                 // a dynamic manifest, rewritten as chunks come; a window of records
     std::string streamName = "live";   // ${sessionId}
     std::string initTemplate;          // naming templates, already checked
@@ -83,6 +83,8 @@ private:
         std::uint32_t peakBitrate = 0;   // measured over the segments written
         std::uint32_t maxSegmentMs = 0;  // the longest segment written
         double packagedSeconds = 0;      // the durations of its segments, added up
+        double packagedBytes = 0;        // the sizes of its segments, added up
+        bool restarted = false;          // a new session began: its next segment starts a new timeline
         Track track;
         std::uint64_t nextNumber = 1;
         // Low latency: the segment being written, and the duration of a chunk (the track's timescale).

@@ -12,6 +12,9 @@ struct Segment {
     std::uint64_t time = 0;
     std::uint64_t duration = 0;
     std::uint64_t number = 0;
+    // The timeline was re-based before this segment (a new session, or a gap or step back in its times): HLS
+    // marks it with EXT-X-DISCONTINUITY.
+    bool discontinuity = false;
 };
 
 // One output as the manifests show it.
@@ -23,6 +26,7 @@ struct Track {
     std::string codecs;
     std::uint32_t bandwidth = 0;
     std::uint32_t bitrate = 0;
+    std::uint32_t averageBandwidth = 0;  // measured over every segment written, bits/s (0: not measured)
     int width = 0, height = 0;
     std::string frameRate;
     int sarWidth = 1, sarHeight = 1;
@@ -46,6 +50,8 @@ struct Track {
     std::string defaultKid;
     std::vector<ProtectionSystem> protectionSystems;
     std::deque<Segment> segments;  // in the order written
+    // How many segments marked `discontinuity` have left `segments` (HLS EXT-X-DISCONTINUITY-SEQUENCE).
+    std::uint64_t discontinuitiesBefore = 0;
     // The chunk and segment durations the engine planned, in their own timescale (0 when not told).
     struct PlannedDurations {
         std::uint64_t timescale = 0, chunk = 0, segment = 0;
