@@ -99,7 +99,9 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
     const std::size_t from =
         timing.dynamic ? countBeforeWindow(track.segments, track.timescale, timing.timeShiftBufferSeconds) : 0;
     std::uint64_t discontinuities = track.discontinuitiesBefore;
-    for (std::size_t k = 0; k < from; ++k) discontinuities += track.segments[k].discontinuity ? 1U : 0U;
+    // The first segment listed takes its discontinuity sequence number from the tag; a tag of its own is counted.
+    for (std::size_t k = 0; k <= from && k < track.segments.size(); ++k)
+        discontinuities += track.segments[k].discontinuity ? 1U : 0U;
     // No segment may last more than the target duration, each rounded to the nearest second; live, the longest
     // segment so far too, so that the target stays put as the window moves.
     long target = timing.dynamic ? std::lround(timing.maxSegmentMs / 1000.0) : 1;

@@ -1,0 +1,147 @@
+// HLS playlists of a small hand-made presentation, line by line as RFC 8216 lays them out.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "apps/fmp4mux/manifests/hls.h"
+
+namespace {
+using namespace fmp4mux;
+
+Track video() {
+    Track t;
+    t.kind = "video";
+    t.representationId = "video0";
+    t.codecs = "avc1.64001e";
+    t.bandwidth = 300000;
+    t.averageBandwidth = 250000;
+    t.width = 640;
+    t.height = 360;
+    t.frameRate = "25/1";
+    t.timescale = 10;
+    t.initialization = "s/v/init.mp4";
+    t.mediaTemplate = "s/$RepresentationID$/c_$Time$.mp4";
+    t.segments = {{0, 20, 1}, {20, 25, 2}, {45, 14, 3}};  // 2.0 s, 2.5 s (rounds to 3), 1.4 s
+    return t;
+}
+
+Track audio() {
+    Track t;
+    t.kind = "audio";
+    t.representationId = "audio1";
+    t.codecs = "mp4a.40.2";
+    t.bandwidth = 64000;
+    t.averageBandwidth = 60000;
+    t.language = "fra";
+    t.channels = 2;
+    t.timescale = 10;
+    t.initialization = "s/a/init.mp4";
+    t.mediaTemplate = "s/a/c_$Number$.mp4";
+    t.segments = {{0, 20, 1}};
+    return t;
+}
+
+Track encrypted(const std::string& scheme) {
+    Track t = audio();
+    t.protectionScheme = scheme;
+    t.defaultKid = "00112233-4455-6677-8899-aabbccddeeff";
+    t.protectionSystems = {{"1077efec-c0b2-4d02-ace3-3c1e52e2fb4b", "AAAA", ""},
+                           {"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "BBBB", "CC"},
+                           {"9a04f079-9840-4286-ab92-e65be0885f95", "DDDD", "EEEE"}};
+    return t;
+}
+
+const std::string kKeyTail = ",KEYID=0x00112233445566778899aabbccddeeff,KEYFORMAT=";
+std::string keyLines(const std::string& method) {
+    return "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,AAAA\"" + kKeyTail +
+           "\"org.w3.clearkey\",KEYFORMATVERSIONS=\"1\"\n"
+           "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,BBBB\"" + kKeyTail +
+           "\"urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed\",KEYFORMATVERSIONS=\"1\"\n"
+           "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;charset=UTF-16;base64,EEEE\"" + kKeyTail +
+           "\"com.microsoft.playready\",KEYFORMATVERSIONS=\"1\"\n";
+}
+
+ManifestTiming finished() { return {}; }
+
+// Live, a 4 s window at the end of 5.9 s: the segment at 0 s has left it. Time 0 was available at 1000 s.
+ManifestTiming live() {
+    ManifestTiming timing;
+    timing.dynamic = true;
+    timing.availabilityStart = 1000;
+    timing.timeShiftBufferSeconds = 4;
+    timing.maxSegmentMs = 2500;
+    return timing;
+}
+
+Track restarted() {
+    Track t = video();
+    t.discontinuitiesBefore = 1;     // one marked segment left the records before
+    t.segments[0].discontinuity = true;  // and one leaves the window now
+    t.segments[2].discontinuity = true;
+    return t;
+}
+
+const std::string kHead = "#EXTM3U\n#EXT-X-VERSION:6\n";
+
+struct Playlist {
+    std::string name;
+    std::string text;
+    std::string expected;
+};
+void PrintTo(const Playlist& p, std::ostream* os) { *os << p.name; }
+class HlsPlaylists : public ::testing::TestWithParam<Playlist> {};
+
+TEST_P(HlsPlaylists, ReadLineByLine) { EXPECT_EQ(GetParam().text, GetParam().expected); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, HlsPlaylists,
+    ::testing::Values(
+        Playlist{"Multivariant",
+                 buildMultivariantPlaylist({video(), audio()}, finished()),
+                 kHead + "#EXT-X-INDEPENDENT-SEGMENTS\n"
+                 "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"audio\",NAME=\"audio1\",LANGUAGE=\"fra\",DEFAULT=YES,"
+                 "AUTOSELECT=YES,CHANNELS=\"2\",URI=\"audio1.m3u8\"\n"
+                 "#EXT-X-STREAM-INF:BANDWIDTH=364000,AVERAGE-BANDWIDTH=310000,CODECS=\"avc1.64001e,mp4a.40.2\","
+                 "RESOLUTION=640x360,FRAME-RATE=25.000,AUDIO=\"audio\"\nvideo0.m3u8\n"},
+        Playlist{"AudioOnlyMultivariant",
+                 buildMultivariantPlaylist({audio()}, finished()),
+                 kHead + "#EXT-X-INDEPENDENT-SEGMENTS\n"
+                 "#EXT-X-STREAM-INF:BANDWIDTH=64000,AVERAGE-BANDWIDTH=60000,CODECS=\"mp4a.40.2\"\naudio1.m3u8\n"},
+        Playlist{"OnDemand",
+                 buildMediaPlaylist(video(), finished()),
+                 kHead + "#EXT-X-TARGETDURATION:3\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+                 "#EXT-X-INDEPENDENT-SEGMENTS\n#EXT-X-MAP:URI=\"s/v/init.mp4\"\n"
+                 "#EXTINF:2.000,\ns/video0/c_0.mp4\n#EXTINF:2.500,\ns/video0/c_20.mp4\n"
+                 "#EXTINF:1.400,\ns/video0/c_45.mp4\n#EXT-X-ENDLIST\n"},
+        Playlist{"LiveWindowWithDiscontinuities",
+                 buildMediaPlaylist(restarted(), live()),
+                 kHead + "#EXT-X-TARGETDURATION:3\n#EXT-X-MEDIA-SEQUENCE:2\n#EXT-X-DISCONTINUITY-SEQUENCE:2\n"
+                 "#EXT-X-INDEPENDENT-SEGMENTS\n#EXT-X-MAP:URI=\"s/v/init.mp4\"\n"
+                 "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:42.000Z\n#EXTINF:2.500,\ns/video0/c_20.mp4\n"
+                 "#EXT-X-DISCONTINUITY\n"
+                 "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:44.500Z\n#EXTINF:1.400,\ns/video0/c_45.mp4\n"},
+        Playlist{"EncryptedCenc",
+                 buildMediaPlaylist(encrypted("cenc"), finished()),
+                 kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+                 "#EXT-X-INDEPENDENT-SEGMENTS\n" + keyLines("SAMPLE-AES-CTR") +
+                 "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n#EXT-X-ENDLIST\n"},
+        Playlist{"EncryptedCbcs",
+                 buildMediaPlaylist(encrypted("cbcs"), finished()),
+                 kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+                 "#EXT-X-INDEPENDENT-SEGMENTS\n" + keyLines("SAMPLE-AES") +
+                 "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n#EXT-X-ENDLIST\n"}),
+    [](const auto& test) { return test.param.name; });
+
+// A variant's CODECS are the codecs attributes of the MPD's representations, one source for both.
+TEST(HlsPlaylist, CodecsAreTheMpdsCodecs) {
+    Track v = video(), a = audio();
+    v.codecs = "hvc1.1.6.L93.B0";
+    const std::string mpd = buildMpd({v, a}, {});
+    std::string fromMpd;
+    const std::regex codecs(" codecs=\"([^\"]+)\"");
+    for (auto it = std::sregex_iterator(mpd.begin(), mpd.end(), codecs); it != std::sregex_iterator(); ++it)
+        fromMpd += (fromMpd.empty() ? "" : ",") + (*it)[1].str();
+    EXPECT_NE(buildMultivariantPlaylist({v, a}, finished()).find("CODECS=\"" + fromMpd + "\""), std::string::npos) << fromMpd;
+}
+
+}  // namespace
