@@ -66,9 +66,10 @@ constexpr const char* kClearKey = "1077efec-c0b2-4d02-ace3-3c1e52e2fb4b";
 
 // One EXT-X-KEY per protection system the init file signals. The segments carry Common Encryption: 'cenc'
 // (AES-CTR) is SAMPLE-AES-CTR, 'cbcs' SAMPLE-AES. Each system's initialization data travels in a data URI: the
-// pssh box for Widevine and ClearKey, the PlayReady header object (UTF-16) for PlayReady, whose players know it
-// by the key format "com.microsoft.playready"; W3C ClearKey is "org.w3.clearkey" (the "identity" format means a
-// whole-segment AES-128 key file and does not apply to Common Encryption).
+// pssh box for Widevine and other systems (KEYFORMAT their urn:uuid), the PlayReady header object (UTF-16) for
+// PlayReady, whose players know it by the key format "com.microsoft.playready", and the key id for W3C ClearKey,
+// "org.w3.clearkey" (the "identity" format means a whole-segment AES-128 key file and does not apply to Common
+// Encryption).
 void keys(std::string& out, const Track& track) {
     if (track.protectionScheme.empty()) return;
     const std::string method = track.protectionScheme == "cbcs" ? "SAMPLE-AES" : "SAMPLE-AES-CTR";
@@ -82,7 +83,10 @@ void keys(std::string& out, const Track& track) {
             format = "com.microsoft.playready";
             uri = "data:text/plain;charset=UTF-16;base64," + system.dataBase64;
         } else if (system.id == kClearKey) {
+            // ClearKey players (hls.js) read the key id itself from the URI's data.
+            if (track.defaultKidBase64.empty()) continue;
             format = "org.w3.clearkey";
+            uri = "data:text/plain;base64," + track.defaultKidBase64;
         }
         out += "#EXT-X-KEY:METHOD=" + method + ",URI=" + quoted(uri);
         if (!keyId.empty()) out += ",KEYID=0x" + keyId;

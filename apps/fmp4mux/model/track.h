@@ -38,7 +38,7 @@ struct Track {
     std::string initialization;   // path of the init file, relative to the manifest
     std::string mediaTemplate;    // DASH: with $Time$ or $Number$; Smooth: with {bitrate} and {start time}
     bool mediaByNumber = false;
-    // Common Encryption as the init file states it: the scheme ("cenc", "piff"; empty when clear), the default
+    // Common Encryption as the init file states it: the scheme ("cenc", "cbcs", "piff"; empty when clear), the default
     // key id as UUID text, and each protection system with its id (UUID text), its pssh box and the box's data,
     // both in base64.
     struct ProtectionSystem {
@@ -48,6 +48,7 @@ struct Track {
     };
     std::string protectionScheme;
     std::string defaultKid;
+    std::string defaultKidBase64;  // the same 16 bytes in base64
     std::vector<ProtectionSystem> protectionSystems;
     std::deque<Segment> segments;  // in the order written
     // How many segments marked `discontinuity` have left `segments` (HLS EXT-X-DISCONTINUITY-SEQUENCE).

@@ -45,6 +45,7 @@ Track encrypted(const std::string& scheme) {
     Track t = audio();
     t.protectionScheme = scheme;
     t.defaultKid = "00112233-4455-6677-8899-aabbccddeeff";
+    t.defaultKidBase64 = "ABEiM0RVZneImaq7zN3u/w==";
     t.protectionSystems = {{"1077efec-c0b2-4d02-ace3-3c1e52e2fb4b", "AAAA", ""},
                            {"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed", "BBBB", "CC"},
                            {"9a04f079-9840-4286-ab92-e65be0885f95", "DDDD", "EEEE"}};
@@ -53,7 +54,7 @@ Track encrypted(const std::string& scheme) {
 
 const std::string kKeyTail = ",KEYID=0x00112233445566778899aabbccddeeff,KEYFORMAT=";
 std::string keyLines(const std::string& method) {
-    return "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,AAAA\"" + kKeyTail +
+    return "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,ABEiM0RVZneImaq7zN3u/w==\"" + kKeyTail +
            "\"org.w3.clearkey\",KEYFORMATVERSIONS=\"1\"\n"
            "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,BBBB\"" + kKeyTail +
            "\"urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed\",KEYFORMATVERSIONS=\"1\"\n"
