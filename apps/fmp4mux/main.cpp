@@ -159,8 +159,11 @@ int run(int argc, char** argv) {
     std::unique_ptr<HttpOrigin> origin;
     if (options.serveAddress) {
         try {
-            origin = std::make_unique<HttpOrigin>(
-                HttpOrigin::Settings{options.outputDirectory, *options.serveAddress, options.servePort});
+            HttpOrigin::Settings serving{options.outputDirectory, *options.serveAddress, options.servePort};
+            // A blocking HLS playlist request is held for three segments at the most.
+            serving.blockingReloadLimit = std::chrono::milliseconds(
+                3 * std::int64_t{options.gopDurationMs} * static_cast<std::int64_t>(options.gopsPerSegment));
+            origin = std::make_unique<HttpOrigin>(serving);
         } catch (const std::exception& e) {
             throw ExitError(kExitOutput, e.what());
         }
@@ -188,6 +191,7 @@ int run(int argc, char** argv) {
     settings.timeShiftBufferSeconds = options.timeShiftBufferSeconds;
     settings.lowLatency = options.lowLatency();
     settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
+    settings.listsParts = options.lowLatency() && options.hls;
     if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));

@@ -234,7 +234,7 @@ with nothing to package; 4 output folder not writable.
            "gop (default): segments of whole GOPs, cut at common key frames;\n"
            "gop-alt: the same, with another numbering of missing chunks;\n"
            "separate-audio: audio cut on its own duration;\n"
-           "low-latency (DASH): segments of equal chunks (--chunk-duration), each chunk\n"
+           "low-latency (DASH, HLS): segments of equal chunks (--chunk-duration), each chunk\n"
            "written and served as soon as its samples exist")
         ->type_name("MODE");
     number("-g,--gop-duration", "MS", o.gopDurationMs, 100, 600000, "GOP duration of the inputs (default: measured on\nthe first video input, else 2000)");
@@ -429,7 +429,7 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
     }
 
     if (options.lowLatency() && !options.dash) {
-        error = "the low-latency mode is DASH only";
+        error = "the low-latency mode is for DASH and HLS only";
         return ParseResult::Error;
     }
     if (options.lowLatency() && options.mediaTemplateOrDefault().find("${number}") == std::string::npos) {

@@ -98,7 +98,32 @@ void keys(std::string& out, const Track& track) {
 
 std::string mediaPlaylistName(const Track& track) { return track.representationId + ".m3u8"; }
 
+namespace {
+// Low latency: the partial segments of segment `number`, byte ranges of its file.
+void partLines(std::string& out, const Track& track, const Segment& segment) {
+    const std::string uri = segmentUri(track, segment);
+    for (const Track::Part& part : track.parts) {
+        if (part.number != segment.number) continue;
+        out += "#EXT-X-PART:DURATION=" + seconds3(secondsOf(part.duration, track.timescale)) + ",URI=" + quoted(uri) +
+               ",BYTERANGE=\"" + std::to_string(part.length) + "@" + std::to_string(part.offset) + "\"";
+        if (part.independent) out += ",INDEPENDENT=YES";
+        out += "\n";
+    }
+}
+
+// The last partial segment listed: of the segment growing, or else of the last one written.
+std::optional<std::pair<std::uint64_t, std::uint64_t>> lastPartOf(const Track& track) {
+    if (track.parts.empty()) return std::nullopt;
+    const std::uint64_t number = track.parts.back().number;
+    const auto count = static_cast<std::uint64_t>(std::count_if(
+        track.parts.begin(), track.parts.end(), [number](const Track::Part& p) { return p.number == number; }));
+    return std::pair{number, count - 1};
+}
+}  // namespace
+
 std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing) {
+    const LowLatencyTiming& ll = timing.lowLatency;
+    const bool parts = timing.dynamic && ll.on && ll.chunkSeconds > 0;
     // Live, the window of the DASH time-shift buffer; the segments that left it raise the media sequence.
     const std::size_t from =
         timing.dynamic ? countBeforeWindow(track.segments, track.timescale, timing.timeShiftBufferSeconds) : 0;
@@ -115,7 +140,14 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
 
     std::string out = "#EXTM3U\n#EXT-X-VERSION:" + std::to_string(kVersion) + "\n";
     out += "#EXT-X-TARGETDURATION:" + std::to_string(target) + "\n";
-    const std::uint64_t sequence = from < track.segments.size() ? track.segments[from].number : 0;
+    if (parts) {
+        // Players block on reload for the next part, and stay three parts behind the live edge.
+        out += "#EXT-X-SERVER-CONTROL:CAN-BLOCK-RELOAD=YES,PART-HOLD-BACK=" + seconds3(3 * ll.chunkSeconds) + "\n";
+        out += "#EXT-X-PART-INF:PART-TARGET=" + seconds3(ll.chunkSeconds) + "\n";
+    }
+    const std::uint64_t sequence = from < track.segments.size() ? track.segments[from].number
+                                   : parts && track.growing ? track.growing->number
+                                                            : 0;
     out += "#EXT-X-MEDIA-SEQUENCE:" + std::to_string(sequence) + "\n";
     if (discontinuities > 0) out += "#EXT-X-DISCONTINUITY-SEQUENCE:" + std::to_string(discontinuities) + "\n";
     if (!timing.dynamic) out += "#EXT-X-PLAYLIST-TYPE:VOD\n";
@@ -128,7 +160,26 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
         // Live, each segment's wall-clock start on the clock of the DASH availability start.
         if (timing.dynamic)
             out += "#EXT-X-PROGRAM-DATE-TIME:" + isoUtc(timing.availabilityStart + secondsOf(s.time, track.timescale)) + "\n";
+        if (parts) partLines(out, track, s);
         out += "#EXTINF:" + seconds3(secondsOf(s.duration, track.timescale)) + ",\n" + segmentUri(track, s) + "\n";
+    }
+    if (parts) {
+        // The segment being written, by its parts so far, and the part to come: the rest of the growing file, or
+        // the next segment's file from its start.
+        Segment next;
+        std::uint64_t start = 0;
+        if (track.growing) {
+            partLines(out, track, *track.growing);
+            next = *track.growing;
+            for (const Track::Part& part : track.parts)
+                if (part.number == next.number) start = part.offset + part.length;
+        } else if (!track.segments.empty()) {
+            const Segment& before = track.segments.back();
+            next = {before.time + before.duration, 0, before.number + 1, false};
+        }
+        if (track.growing || !track.segments.empty())
+            out += "#EXT-X-PRELOAD-HINT:TYPE=PART,URI=" + quoted(segmentUri(track, next)) + ",BYTERANGE-START=" +
+                   std::to_string(start) + "\n";
     }
     if (!timing.dynamic) out += "#EXT-X-ENDLIST\n";
     return out;
@@ -182,8 +233,10 @@ std::string buildMultivariantPlaylist(const std::vector<Track>& tracks, const Ma
 
 std::vector<ManifestFile> HlsManifestWriter::files(const std::vector<Track>& tracks, const ManifestTiming& timing) const {
     std::vector<ManifestFile> all{{fileName(), buildMultivariantPlaylist(tracks, timing)}};
+    const bool parts = timing.dynamic && timing.lowLatency.on;
     for (const Track& t : tracks)
-        if (t.kind == "video" || t.kind == "audio") all.push_back({mediaPlaylistName(t), buildMediaPlaylist(t, timing)});
+        if (t.kind == "video" || t.kind == "audio")
+            all.push_back({mediaPlaylistName(t), buildMediaPlaylist(t, timing), parts ? lastPartOf(t) : std::nullopt});
     return all;
 }
 

@@ -14,6 +14,8 @@ namespace fmp4mux {
 std::string buildMultivariantPlaylist(const std::vector<Track>& tracks, const ManifestTiming& timing);
 
 // The media playlist of one track: the segments of the time-shift window while live, every one once finished.
+// Live in low latency, the chunks of the last segments and of the one growing as partial segments (byte ranges of
+// the segment's file), with a hint of the next, for players that block on reload.
 std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing);
 
 // "video0.m3u8": next to the multivariant playlist, so that both name the media files by the same paths.

@@ -2,6 +2,8 @@
 // Client manifests from what each output announced in its init chunk and the chunks it wrote: a DASH MPD (static
 // for files, dynamic for live inputs) and a Smooth Streaming client manifest.
 #include <cstdint>
+#include <optional>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -51,6 +53,8 @@ struct ManifestTiming {
 struct ManifestFile {
     std::string name;
     std::string text;
+    // A low-latency HLS media playlist: its last partial segment (media sequence number, part index).
+    std::optional<std::pair<std::uint64_t, std::uint64_t>> lastPart = std::nullopt;
 };
 
 // One client manifest format: the file it is and its text for the tracks written so far. A format of several

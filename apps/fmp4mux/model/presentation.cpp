@@ -62,6 +62,7 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     out.restarted = out.restarted || !track.segments.empty() || out.packagedSeconds > 0;
     for (const Segment& s : track.segments) track.discontinuitiesBefore += s.discontinuity ? 1U : 0U;
     track.segments.clear();
+    track.parts.clear();
     out.track = track;
     try {
         out.track.initialization = expandName(m_settings.initTemplate, out, 0, 0);
@@ -138,8 +139,21 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     out.growing->bytes += chunk.size();
     part.path = out.growing->path;
     part.complete = last;
-    for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk))
+    std::uint64_t written = 0;
+    for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk)) {
         part.ranges.emplace_back(static_cast<std::size_t>(range.data() - chunk.data()), range.size());
+        written += range.size();
+    }
+    // HLS partial segments: each chunk a byte range of the growing file. A segment's first chunk starts with a
+    // key frame; every audio chunk starts with a sync sample.
+    Track& track = out.track;
+    const bool first = part.growth == Publication::Growth::Start;
+    track.parts.push_back({out.growing->number, out.growing->fileBytes, written, timing->duration,
+                           first || track.kind != "video"});
+    out.growing->fileBytes += written;
+    track.growing = Segment{out.growing->time, out.growing->duration, out.growing->number, false};
+    // The parts of the last two segments before the growing one stay listed.
+    while (!track.parts.empty() && track.parts.front().number + 2 < out.growing->number) track.parts.pop_front();
     part.bytes = std::move(chunk);
     ++m_chunks;
     const bool firstChunk = !m_availabilityStart;
@@ -158,11 +172,12 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     if (last) {
         const Output::Growing done = *out.growing;
         out.growing.reset();
+        track.growing.reset();
         recordSegment(out, done.time, done.duration, done.number, done.bytes);
     }
-    // The MPD announces segments from the clock: it is written at the start and as segments complete (for the
-    // bitrates measured and the timeline of the last one).
-    if (m_live && (firstChunk || last)) publishManifestLocked();
+    // The MPD announces segments from the clock: it would do with being written at the start and as segments
+    // complete (for the bitrates measured and the timeline of the last one); HLS playlists list every chunk.
+    if (m_live && (firstChunk || last || m_settings.listsParts)) publishManifestLocked();
     removeLeaving();
 }
 
@@ -239,6 +254,7 @@ void Presentation::finish() {
         m_publisher.publish(std::move(last));
         const Output::Growing done = *out.growing;
         out.growing.reset();
+        out.track.growing.reset();
         recordSegment(out, done.time, done.duration, done.number, done.bytes);
     }
     m_live = false;
@@ -284,8 +300,11 @@ void Presentation::publishManifestLocked() {
         timing.lowLatency.utcTimingUrl = m_settings.utcTimingUrl;
         timing.maxSegmentMs = static_cast<std::uint32_t>(std::lround(timing.lowLatency.segmentSeconds * 1000));
     }
-    for (ManifestFile& file : m_manifest.files(tracks, timing))
-        m_publisher.publish({std::move(file.name), std::vector<std::uint8_t>(file.text.begin(), file.text.end()), {}, true});
+    for (ManifestFile& file : m_manifest.files(tracks, timing)) {
+        Publication p{std::move(file.name), std::vector<std::uint8_t>(file.text.begin(), file.text.end()), {}, true};
+        if (file.lastPart) p.lastPart = Publication::PartPosition{file.lastPart->first, file.lastPart->second};
+        m_publisher.publish(std::move(p));
+    }
 }
 
 std::uint64_t Presentation::chunks() const {

@@ -38,6 +38,7 @@ struct PresentationSettings {
     std::uint32_t chunksPerSegment = 1;
     std::uint32_t latencyTargetMs = 2000;
     std::string utcTimingUrl;  // an address answering the time (http-xsdate), when there is one
+    bool listsParts = false;   // a manifest lists every chunk (HLS partial segments): it is rewritten for each
 };
 
 class Presentation {
@@ -91,6 +92,7 @@ private:
         struct Growing {
             std::string path;
             std::uint64_t time = 0, duration = 0, number = 0, bytes = 0;
+            std::uint64_t fileBytes = 0;  // what its file holds: the chunks without the engine's marker boxes
         };
         std::optional<Growing> growing;
         std::uint64_t chunkDuration = 0;

@@ -2,6 +2,7 @@
 // One output of the presentation as the manifests show it, with the segments it has written.
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -53,6 +54,15 @@ struct Track {
     std::deque<Segment> segments;  // in the order written
     // How many segments marked `discontinuity` have left `segments` (HLS EXT-X-DISCONTINUITY-SEQUENCE).
     std::uint64_t discontinuitiesBefore = 0;
+    // Low latency: the segment being written (its duration so far), and the chunks of the last segments and of
+    // that one, each a byte range of its segment's file, for HLS partial segments.
+    struct Part {
+        std::uint64_t number = 0;  // of its segment
+        std::uint64_t offset = 0, length = 0, duration = 0;
+        bool independent = false;  // starts with a sync sample
+    };
+    std::optional<Segment> growing;
+    std::deque<Part> parts;
     // The chunk and segment durations the engine planned, in their own timescale (0 when not told).
     struct PlannedDurations {
         std::uint64_t timescale = 0, chunk = 0, segment = 0;

@@ -82,6 +82,25 @@ Track restarted() {
     return t;
 }
 
+// Low latency: 2 s segments of 0.5 s chunks; segment 1 written in four parts, segment 2 growing with two.
+Track growing() {
+    Track t = video();
+    t.mediaTemplate = "s/$RepresentationID$/n_$Number$.m4s";
+    t.segments = {{0, 20, 1}};
+    t.growing = Segment{20, 10, 2};
+    t.parts = {{1, 0, 100, 5, true}, {1, 100, 80, 5, false}, {1, 180, 90, 5, false}, {1, 270, 70, 5, false},
+               {2, 0, 120, 5, true}, {2, 120, 60, 5, false}};
+    return t;
+}
+
+ManifestTiming lowLatency() {
+    ManifestTiming timing = live();
+    timing.timeShiftBufferSeconds = 60;
+    timing.maxSegmentMs = 2000;
+    timing.lowLatency = {true, 0.5, 2.0, 1, 2000, ""};
+    return timing;
+}
+
 const std::string kHead = "#EXTM3U\n#EXT-X-VERSION:6\n";
 
 struct Playlist {
@@ -130,8 +149,31 @@ INSTANTIATE_TEST_SUITE_P(
                  buildMediaPlaylist(encrypted("cbcs"), finished()),
                  kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
                  "#EXT-X-INDEPENDENT-SEGMENTS\n" + keyLines("SAMPLE-AES") +
-                 "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n#EXT-X-ENDLIST\n"}),
+                 "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n#EXT-X-ENDLIST\n"},
+        Playlist{"LowLatencyParts",
+                 buildMediaPlaylist(growing(), lowLatency()),
+                 kHead + "#EXT-X-TARGETDURATION:2\n"
+                 "#EXT-X-SERVER-CONTROL:CAN-BLOCK-RELOAD=YES,PART-HOLD-BACK=1.500\n#EXT-X-PART-INF:PART-TARGET=0.500\n"
+                 "#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-INDEPENDENT-SEGMENTS\n#EXT-X-MAP:URI=\"s/v/init.mp4\"\n"
+                 "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:40.000Z\n"
+                 "#EXT-X-PART:DURATION=0.500,URI=\"s/video0/n_1.m4s\",BYTERANGE=\"100@0\",INDEPENDENT=YES\n"
+                 "#EXT-X-PART:DURATION=0.500,URI=\"s/video0/n_1.m4s\",BYTERANGE=\"80@100\"\n"
+                 "#EXT-X-PART:DURATION=0.500,URI=\"s/video0/n_1.m4s\",BYTERANGE=\"90@180\"\n"
+                 "#EXT-X-PART:DURATION=0.500,URI=\"s/video0/n_1.m4s\",BYTERANGE=\"70@270\"\n"
+                 "#EXTINF:2.000,\ns/video0/n_1.m4s\n"
+                 "#EXT-X-PART:DURATION=0.500,URI=\"s/video0/n_2.m4s\",BYTERANGE=\"120@0\",INDEPENDENT=YES\n"
+                 "#EXT-X-PART:DURATION=0.500,URI=\"s/video0/n_2.m4s\",BYTERANGE=\"60@120\"\n"
+                 "#EXT-X-PRELOAD-HINT:TYPE=PART,URI=\"s/video0/n_2.m4s\",BYTERANGE-START=180\n"}),
     [](const auto& test) { return test.param.name; });
+
+// The origin holds a blocking reload until the last part listed: part 1 of segment 2; parts go once finished.
+TEST(HlsPlaylist, LowLatencyPlaylistsTellTheirLastPart) {
+    const auto files = HlsManifestWriter().files({growing()}, lowLatency());
+    ASSERT_EQ(files.size(), 2u);
+    EXPECT_FALSE(files[0].lastPart);
+    EXPECT_EQ(files[1].lastPart, (std::pair<std::uint64_t, std::uint64_t>{2, 1}));
+    EXPECT_EQ(buildMediaPlaylist(growing(), finished()).find("PART"), std::string::npos);
+}
 
 // A variant's CODECS are the codecs attributes of the MPD's representations, one source for both.
 TEST(HlsPlaylist, CodecsAreTheMpdsCodecs) {
