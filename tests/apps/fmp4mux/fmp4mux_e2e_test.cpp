@@ -111,6 +111,13 @@ fs::path made(const Source& source) {
     return path(source);
 }
 
+// fmp4mux run with `args` on the inputs (made first) into `out`.
+Outcome package(const std::string& args, const std::vector<Source>& inputs, const fs::path& out) {
+    std::string names;
+    for (const Source& s : inputs) names += q(made(s)) + " ";
+    return sh(mux(args + " " + names + q(out)));
+}
+
 // The segments of the <S> elements of a text, repeats expanded.
 Timeline segments(const std::string& text) {
     Timeline list;
@@ -303,9 +310,7 @@ class Packages : public ::testing::TestWithParam<Packaging> {};
 TEST_P(Packages, EveryTrackDecodesWithItsSourcesPicturesAndSamples) {
     const Packaging& p = GetParam();
     const fs::path out = dir() / p.name;
-    std::string inputs;
-    for (const Source& s : p.inputs) inputs += q(made(s)) + " ";
-    const Outcome r = sh(mux(p.args + " " + inputs + q(out)));
+    const Outcome r = package(p.args, p.inputs, out);
     ASSERT_EQ(r.exitCode, 0) << r.output;
     const std::size_t jumps = count(r.output, "timestamps jump by");
     EXPECT_TRUE(p.says.empty() || count(r.output, p.says) == 1) << "said once: " << p.says << "\n" << r.output;
@@ -394,9 +399,7 @@ class HlsRuns : public ::testing::TestWithParam<HlsRun> {};
 TEST_P(HlsRuns, FfmpegDecodesEveryRenditionOfTheMultivariantPlaylist) {
     const HlsRun& p = GetParam();
     const fs::path out = dir() / p.name;
-    std::string inputs;
-    for (const Source& s : p.inputs) inputs += q(made(s)) + " ";
-    const Outcome r = sh(mux(p.args + " " + inputs + q(out)));
+    const Outcome r = package(p.args, p.inputs, out);
     ASSERT_EQ(r.exitCode, 0) << r.output;
     expectValidHls(out);
     if (fs::exists(out / "manifest.mpd")) expectValidMpd(out);
