@@ -5,40 +5,23 @@
 
 #include "apps/fmp4mux/manifests/hls.h"
 
+// The tracks below name only the fields a case sets; the rest keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 using namespace fmp4mux;
 
 Track video() {
-    Track t;
-    t.kind = "video";
-    t.representationId = "video0";
-    t.codecs = "avc1.64001e";
-    t.bandwidth = 300000;
-    t.averageBandwidth = 250000;
-    t.width = 640;
-    t.height = 360;
-    t.frameRate = "25/1";
-    t.timescale = 10;
-    t.initialization = "s/v/init.mp4";
-    t.mediaTemplate = "s/$RepresentationID$/c_$Time$.mp4";
-    t.segments = {{0, 20, 1}, {20, 25, 2}, {45, 14, 3}};  // 2.0 s, 2.5 s (rounds to 3), 1.4 s
-    return t;
+    return {.kind = "video", .representationId = "video0", .codecs = "avc1.64001e", .bandwidth = 300000,
+            .averageBandwidth = 250000, .width = 640, .height = 360, .frameRate = "25/1", .timescale = 10,
+            .initialization = "s/v/init.mp4", .mediaTemplate = "s/$RepresentationID$/c_$Time$.mp4",
+            .segments = {{0, 20, 1}, {20, 25, 2}, {45, 14, 3}}};  // 2.0 s, 2.5 s (rounds to 3), 1.4 s
 }
 
 Track audio() {
-    Track t;
-    t.kind = "audio";
-    t.representationId = "audio1";
-    t.codecs = "mp4a.40.2";
-    t.bandwidth = 64000;
-    t.averageBandwidth = 60000;
-    t.language = "fra";
-    t.channels = 2;
-    t.timescale = 10;
-    t.initialization = "s/a/init.mp4";
-    t.mediaTemplate = "s/a/c_$Number$.mp4";
-    t.segments = {{0, 20, 1}};
-    return t;
+    return {.kind = "audio", .representationId = "audio1", .language = "fra", .codecs = "mp4a.40.2", .bandwidth = 64000,
+            .averageBandwidth = 60000, .channels = 2, .timescale = 10, .initialization = "s/a/init.mp4",
+            .mediaTemplate = "s/a/c_$Number$.mp4", .segments = {{0, 20, 1}}};
 }
 
 Track encrypted(const std::string& scheme) {
@@ -52,14 +35,18 @@ Track encrypted(const std::string& scheme) {
     return t;
 }
 
-const std::string kKeyTail = ",KEYID=0x00112233445566778899aabbccddeeff,KEYFORMAT=";
-std::string keyLines(const std::string& method) {
-    return "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,ABEiM0RVZneImaq7zN3u/w==\"" + kKeyTail +
-           "\"org.w3.clearkey\",KEYFORMATVERSIONS=\"1\"\n"
-           "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;base64,BBBB\"" + kKeyTail +
-           "\"urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed\",KEYFORMATVERSIONS=\"1\"\n"
-           "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;charset=UTF-16;base64,EEEE\"" + kKeyTail +
-           "\"com.microsoft.playready\",KEYFORMATVERSIONS=\"1\"\n";
+// An audio track's playlist with one key per system: ClearKey (the key id), Widevine (its pssh), PlayReady (its
+// header object), each with the key id.
+std::string encryptedText(const std::string& method) {
+    std::string keys;
+    for (const auto& [uri, format] : {std::pair{"base64,ABEiM0RVZneImaq7zN3u/w==", "org.w3.clearkey"},
+                                      {"base64,BBBB", "urn:uuid:edef8ba9-79d6-4ace-a3c8-27dcd51d21ed"},
+                                      {"charset=UTF-16;base64,EEEE", "com.microsoft.playready"}})
+        keys += "#EXT-X-KEY:METHOD=" + method + ",URI=\"data:text/plain;" + uri +
+                "\",KEYID=0x00112233445566778899aabbccddeeff,KEYFORMAT=\"" + format + "\",KEYFORMATVERSIONS=\"1\"\n";
+    return "#EXTM3U\n#EXT-X-VERSION:6\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+           "#EXT-X-INDEPENDENT-SEGMENTS\n" + keys + "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n"
+           "#EXT-X-ENDLIST\n";
 }
 
 ManifestTiming finished() { return {}; }
@@ -140,16 +127,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:42.000Z\n#EXTINF:2.500,\ns/video0/c_20.mp4\n"
                  "#EXT-X-DISCONTINUITY\n"
                  "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:44.500Z\n#EXTINF:1.400,\ns/video0/c_45.mp4\n"},
-        Playlist{"EncryptedCenc",
-                 buildMediaPlaylist(encrypted("cenc"), finished()),
-                 kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
-                 "#EXT-X-INDEPENDENT-SEGMENTS\n" + keyLines("SAMPLE-AES-CTR") +
-                 "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n#EXT-X-ENDLIST\n"},
-        Playlist{"EncryptedCbcs",
-                 buildMediaPlaylist(encrypted("cbcs"), finished()),
-                 kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
-                 "#EXT-X-INDEPENDENT-SEGMENTS\n" + keyLines("SAMPLE-AES") +
-                 "#EXT-X-MAP:URI=\"s/a/init.mp4\"\n#EXTINF:2.000,\ns/a/c_1.mp4\n#EXT-X-ENDLIST\n"},
+        Playlist{"EncryptedCenc", buildMediaPlaylist(encrypted("cenc"), finished()), encryptedText("SAMPLE-AES-CTR")},
+        Playlist{"EncryptedCbcs", buildMediaPlaylist(encrypted("cbcs"), finished()), encryptedText("SAMPLE-AES")},
         Playlist{"LowLatencyParts",
                  buildMediaPlaylist(growing(), lowLatency()),
                  kHead + "#EXT-X-TARGETDURATION:2\n"
