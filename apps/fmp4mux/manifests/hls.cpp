@@ -94,11 +94,6 @@ void keys(std::string& out, const Track& track) {
     }
 }
 
-}  // namespace
-
-std::string mediaPlaylistName(const Track& track) { return track.representationId + ".m3u8"; }
-
-namespace {
 // Low latency: the partial segments of segment `number`, byte ranges of its file.
 void partLines(std::string& out, const Track& track, const Segment& segment) {
     const std::string uri = segmentUri(track, segment);
@@ -119,7 +114,10 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> lastPartOf(const Track& t
         track.parts.begin(), track.parts.end(), [number](const Track::Part& p) { return p.number == number; }));
     return std::pair{number, count - 1};
 }
+
 }  // namespace
+
+std::string mediaPlaylistName(const Track& track) { return track.representationId + ".m3u8"; }
 
 std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing) {
     const LowLatencyTiming& ll = timing.lowLatency;
