@@ -544,6 +544,13 @@ async function playLive(page, opts, requests, consoleLines) {
   if (seen.stalls > 0) problems.push(`${seen.stalls} stalls: ${JSON.stringify(seen.events)}`);
   const failed = requests.filter((r) => r.status >= 400);
   if (failed.length) problems.push(`requests failed: ${JSON.stringify(failed.slice(0, 20))}`);
+  if (opts.player === 'hlsjs') {
+    // LL-HLS as meant: playlists reloaded by blocking requests, parts fetched as byte ranges (status 206).
+    const blocking = requests.filter((r) => r.url.includes('_HLS_msn=')).length;
+    const parts = requests.filter((r) => r.status === 206).length;
+    console.log(`play.mjs: ${blocking} blocking playlist reloads, ${parts} partial segments fetched`);
+    if (!blocking || !parts) problems.push('hls.js did not play by blocking reloads and partial segments');
+  }
   if (problems.length) {
     for (const p of problems) console.error(`play.mjs: FAIL: ${p}`);
     for (const l of consoleLines.slice(-100)) console.error(`  ${l}`);
