@@ -97,7 +97,7 @@ void keys(std::string& out, const Track& track) {
 // Low latency: the partial segments of segment `number`, byte ranges of its file.
 void partLines(std::string& out, const Track& track, const Segment& segment) {
     const std::string uri = segmentUri(track, segment);
-    for (const Track::Part& part : track.parts) {
+    for (const Track::PartialSegment& part : track.parts) {
         if (part.number != segment.number) continue;
         out += "#EXT-X-PART:DURATION=" + seconds3(secondsOf(part.duration, track.timescale)) + ",URI=" + quoted(uri) +
                ",BYTERANGE=\"" + std::to_string(part.length) + "@" + std::to_string(part.offset) + "\"";
@@ -111,7 +111,7 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> lastPartOf(const Track& t
     if (track.parts.empty()) return std::nullopt;
     const std::uint64_t number = track.parts.back().number;
     const auto count = static_cast<std::uint64_t>(std::count_if(
-        track.parts.begin(), track.parts.end(), [number](const Track::Part& p) { return p.number == number; }));
+        track.parts.begin(), track.parts.end(), [number](const Track::PartialSegment& p) { return p.number == number; }));
     return std::pair{number, count - 1};
 }
 
@@ -169,7 +169,7 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
         if (track.growing) {
             partLines(out, track, *track.growing);
             next = *track.growing;
-            for (const Track::Part& part : track.parts)
+            for (const Track::PartialSegment& part : track.parts)
                 if (part.number == next.number) start = part.offset + part.length;
         } else if (!track.segments.empty()) {
             const Segment& before = track.segments.back();

@@ -56,13 +56,13 @@ struct Track {
     std::uint64_t discontinuitiesBefore = 0;
     // Low latency: the segment being written (its duration so far), and the chunks of the last segments and of
     // that one, each a byte range of its segment's file, for HLS partial segments.
-    struct Part {
+    struct PartialSegment {
         std::uint64_t number = 0;  // of its segment
         std::uint64_t offset = 0, length = 0, duration = 0;
         bool independent = false;  // starts with a sync sample
     };
     std::optional<Segment> growing;
-    std::deque<Part> parts;
+    std::deque<PartialSegment> parts;
     // The chunk and segment durations the engine planned, in their own timescale (0 when not told).
     struct PlannedDurations {
         std::uint64_t timescale = 0, chunk = 0, segment = 0;
