@@ -1,4 +1,4 @@
-// fmp4mux: packages real inputs into DASH or Smooth Streaming with the Tovrane filter. This file only wires the
+// fmp4mux: packages real inputs into DASH, HLS or Smooth Streaming with the Tovrane filter. This file only wires the
 // rooms together: cli (options, terminal), inputs (reading and timing), engine (the filter), model (the
 // presentation), manifests (one writer per format) and outputs (the publisher). docs/dataflow.md follows one
 // packet from its input to a file on disk.
@@ -20,6 +20,7 @@
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/reader.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
+#include "apps/fmp4mux/manifests/hls.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
 #include "apps/fmp4mux/outputs/buffer_pool.h"
@@ -158,8 +159,11 @@ int run(int argc, char** argv) {
     std::unique_ptr<HttpOrigin> origin;
     if (options.serveAddress) {
         try {
-            origin = std::make_unique<HttpOrigin>(
-                HttpOrigin::Settings{options.outputDirectory, *options.serveAddress, options.servePort});
+            HttpOrigin::Settings serving{options.outputDirectory, *options.serveAddress, options.servePort};
+            // A blocking HLS playlist request is held for three segments at the most.
+            serving.blockingReloadLimit = std::chrono::milliseconds(
+                3 * std::int64_t{options.gopDurationMs} * static_cast<std::int64_t>(options.gopsPerSegment));
+            origin = std::make_unique<HttpOrigin>(serving);
         } catch (const std::exception& e) {
             throw ExitError(kExitOutput, e.what());
         }
@@ -187,14 +191,20 @@ int run(int argc, char** argv) {
     settings.timeShiftBufferSeconds = options.timeShiftBufferSeconds;
     settings.lowLatency = options.lowLatency();
     settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
+    settings.listsParts = options.lowLatency() && options.hls;
     if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));
         settings.runFolder = runs.current;
         settings.earlierRuns = std::move(runs.earlier);
     }
-    Presentation presentation(settings, publisher,
-                              options.dash ? static_cast<const ManifestWriter&>(dashManifest) : smoothManifest);
+    HlsManifestWriter hlsManifest;
+    std::vector<const ManifestWriter*> formats;
+    if (!options.dash) formats.push_back(&smoothManifest);
+    if (options.dash && options.mpd) formats.push_back(&dashManifest);
+    if (options.hls) formats.push_back(&hlsManifest);
+    const ManifestSet manifests(formats);
+    Presentation presentation(settings, publisher, manifests);
 
     // The engine, one input pin and one output per planned stream.
     StderrLogger logger(options.verbosity);

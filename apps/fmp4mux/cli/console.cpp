@@ -48,6 +48,7 @@ void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files,
                  const std::string& outputDirectory, const std::string& manifestName, bool dash,
                  const std::string& keyId) {
     const std::string manifest = outputDirectory + "/" + manifestName;
+    const char* player = manifestName.ends_with(".m3u8") ? "an HLS player such as hls.js" : "a DASH player such as dash.js";
     std::fprintf(stderr, "fmp4mux: %.1f s of media in %llu chunks (%llu files) in %.2f s, %.1fx real time\n",
                  mediaSeconds, static_cast<unsigned long long>(chunks), static_cast<unsigned long long>(files),
                  wallSeconds, wallSeconds > 0 ? mediaSeconds / wallSeconds : 0.0);
@@ -61,14 +62,14 @@ void showSummary(double mediaSeconds, std::uint64_t chunks, std::uint64_t files,
         std::fprintf(stderr,
                      "fmp4mux: play it with: ffplay %s\n"
                      "         or serve the folder (python3 -m http.server -d %s 8000) and open\n"
-                     "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
+                     "         http://localhost:8000/%s in %s\n",
                      shellQuoted(std::filesystem::absolute(manifest).lexically_normal().string()).c_str(),
-                     shellQuoted(outputDirectory).c_str());
+                     shellQuoted(outputDirectory).c_str(), manifestName.c_str(), player);
     else if (dash)
         std::fprintf(stderr,
                      "fmp4mux: serve the folder (python3 -m http.server -d %s 8000) and open\n"
-                     "         http://localhost:8000/manifest.mpd in a DASH player such as dash.js\n",
-                     shellQuoted(outputDirectory).c_str());
+                     "         http://localhost:8000/%s in %s\n",
+                     shellQuoted(outputDirectory).c_str(), manifestName.c_str(), player);
     else
         std::fprintf(stderr,
                      "fmp4mux: serve the folder (python3 -m http.server -d %s 8000) and open\n"

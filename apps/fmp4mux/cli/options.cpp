@@ -176,7 +176,8 @@ CommandLine::CommandLine(Options& o) {
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a repeated option: the last wins
     app.description(
         "Packages every H.264, HEVC and AAC stream of the inputs (or those that --map selects) into fragmented MP4\n"
-        "chunks with a DASH MPD or a Smooth Streaming client manifest. Several inputs are renditions of one\n"
+        "chunks with a DASH MPD, HLS playlists (master.m3u8 and one per track) or a Smooth Streaming client\n"
+        "manifest. Several inputs are renditions of one\n"
         "presentation (for example three MPEG-TS files with aligned GOPs). INPUT is anything libavformat opens: a\n"
         "file (MPEG-TS, MP4), udp://..., srt://..., or - for standard input; put -- before inputs that begin with -.");
     app.footer(R"(Templates use ${sessionId}, ${adaptationSetId}, ${representationId}, ${bitrate}, ${time}, ${number}.
@@ -194,11 +195,28 @@ with nothing to package; 4 output folder not writable.
     app.add_option_function<std::string>(
            "-f,--format",
            [&o](const std::string& text) {
-               if (text != "dash" && text != "smooth") refuse("unknown format '" + text + "' (dash or smooth)");
-               o.dash = text == "dash";
+               std::set<std::string> formats;
+               for (std::size_t at = 0; at <= text.size();) {
+                   const std::size_t comma = std::min(text.find(',', at), text.size());
+                   const std::string name = text.substr(at, comma - at);
+                   if (name != "dash" && name != "hls" && name != "smooth")
+                       refuse("unknown format '" + name + "' (dash, hls or smooth, or dash,hls)");
+                   formats.insert(name);
+                   at = comma + 1;
+               }
+               // Smooth Streaming media files are its own (absolute times, its own boxes, named by bitrate):
+               // DASH and HLS cannot list them.
+               if (formats.count("smooth") && formats.size() > 1)
+                   refuse("smooth writes media files of its own that dash and hls cannot share: package smooth in "
+                          "a run of its own");
+               o.dash = !formats.count("smooth");
+               o.mpd = formats.count("dash") > 0;
+               o.hls = formats.count("hls") > 0;
            },
-           "output flavour (default dash)")
-        ->type_name("dash|smooth");
+           "output formats, comma separated (default dash): dash (manifest.mpd),\n"
+           "hls (master.m3u8 and a playlist per track), both sharing their media\n"
+           "files, or smooth (Manifest) alone")
+        ->type_name("FORMATS");
     app.add_option_function<std::string>(
            "-m,--mode",
            [&o](const std::string& text) {
@@ -216,7 +234,7 @@ with nothing to package; 4 output folder not writable.
            "gop (default): segments of whole GOPs, cut at common key frames;\n"
            "gop-alt: the same, with another numbering of missing chunks;\n"
            "separate-audio: audio cut on its own duration;\n"
-           "low-latency (DASH): segments of equal chunks (--chunk-duration), each chunk\n"
+           "low-latency (DASH, HLS): segments of equal chunks (--chunk-duration), each chunk\n"
            "written and served as soon as its samples exist")
         ->type_name("MODE");
     number("-g,--gop-duration", "MS", o.gopDurationMs, 100, 600000, "GOP duration of the inputs (default: measured on\nthe first video input, else 2000)");
@@ -420,7 +438,7 @@ ParseResult parseOptions(int argc, char** argv, Options& options, std::string& e
         return ParseResult::Error;
     }
     if (options.lowLatency() && !options.dash) {
-        error = "the low-latency mode is DASH only";
+        error = "the low-latency mode is for DASH and HLS only";
         return ParseResult::Error;
     }
     if (options.lowLatency() && options.mediaTemplateOrDefault().find("${number}") == std::string::npos) {

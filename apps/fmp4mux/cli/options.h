@@ -29,7 +29,9 @@ struct StreamSelector {
 };
 
 struct Options {
-    bool dash = true;
+    bool dash = true;   // CMAF media files, for DASH and HLS; Smooth Streaming's otherwise
+    bool mpd = true;    // the formats' manifests (-f): a DASH MPD, HLS playlists
+    bool hls = false;
     std::uint32_t mode = 0;  // 0 gop segments, 1 separate audio segments, 2 gop segments (alt), 3 low latency
     std::int32_t gopDurationMs = 2000;
     bool gopDurationGiven = false;  // -g was given; otherwise the input's key-frame interval is measured

@@ -302,4 +302,17 @@ std::string SmoothManifestWriter::build(const std::vector<Track>& tracks, const 
     return buildSmoothManifest(tracks, timing.dynamic, timing.timeShiftBufferSeconds);
 }
 
+std::string ManifestSet::fileName() const { return m_writers.empty() ? std::string() : m_writers.front()->fileName(); }
+
+std::string ManifestSet::build(const std::vector<Track>& tracks, const ManifestTiming& timing) const {
+    return m_writers.empty() ? std::string() : m_writers.front()->build(tracks, timing);
+}
+
+std::vector<ManifestFile> ManifestSet::files(const std::vector<Track>& tracks, const ManifestTiming& timing) const {
+    std::vector<ManifestFile> all;
+    for (const ManifestWriter* writer : m_writers)
+        for (ManifestFile& file : writer->files(tracks, timing)) all.push_back(std::move(file));
+    return all;
+}
+
 }  // namespace fmp4mux

@@ -2,6 +2,8 @@
 // Client manifests from what each output announced in its init chunk and the chunks it wrote: a DASH MPD (static
 // for files, dynamic for live inputs) and a Smooth Streaming client manifest.
 #include <cstdint>
+#include <optional>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -47,12 +49,37 @@ struct ManifestTiming {
     LowLatencyTiming lowLatency;
 };
 
-// One client manifest format: the file it is and its text for the tracks written so far.
+// One file of a manifest format, with its text.
+struct ManifestFile {
+    std::string name;
+    std::string text;
+    // A low-latency HLS media playlist: its last partial segment (media sequence number, part index).
+    std::optional<std::pair<std::uint64_t, std::uint64_t>> lastPart = std::nullopt;
+};
+
+// One client manifest format: the file it is and its text for the tracks written so far. A format of several
+// files (HLS: a multivariant playlist and a playlist per track) names its main one and builds them all in files().
 class ManifestWriter {
 public:
     virtual ~ManifestWriter() = default;
     virtual std::string fileName() const = 0;
     virtual std::string build(const std::vector<Track>& tracks, const ManifestTiming& timing) const = 0;
+    virtual std::vector<ManifestFile> files(const std::vector<Track>& tracks, const ManifestTiming& timing) const {
+        return {{fileName(), build(tracks, timing)}};
+    }
+};
+
+// Several formats written side by side for the same media files (DASH and HLS): every file of each.
+class ManifestSet : public ManifestWriter {
+public:
+    explicit ManifestSet(std::vector<const ManifestWriter*> writers) : m_writers(std::move(writers)) {}
+    // The first format's main file, and its main text.
+    std::string fileName() const override;
+    std::string build(const std::vector<Track>& tracks, const ManifestTiming& timing) const override;
+    std::vector<ManifestFile> files(const std::vector<Track>& tracks, const ManifestTiming& timing) const override;
+
+private:
+    std::vector<const ManifestWriter*> m_writers;
 };
 
 class DashManifestWriter : public ManifestWriter {

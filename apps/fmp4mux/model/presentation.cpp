@@ -58,8 +58,12 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     if (track.sampleRate == 0) track.sampleRate = out.track.sampleRate;
     track.representationId = out.track.representationId;
     track.adaptationSetId = out.track.adaptationSetId;
+    // A new session starts the timeline again: the segments of the one before leave the manifests.
+    out.restarted = out.restarted || !track.segments.empty() || out.packagedSeconds > 0;
+    for (const Segment& s : track.segments) track.discontinuitiesBefore += s.discontinuity ? 1U : 0U;
+    track.segments.clear();
+    track.parts.clear();
     out.track = track;
-    out.track.segments.clear();  // a new session starts the timeline again
     try {
         out.track.initialization = expandName(m_settings.initTemplate, out, 0, 0);
     } catch (const std::exception& e) {
@@ -135,8 +139,21 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     out.growing->bytes += chunk.size();
     part.path = out.growing->path;
     part.complete = last;
-    for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk))
+    std::uint64_t written = 0;
+    for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk)) {
         part.ranges.emplace_back(static_cast<std::size_t>(range.data() - chunk.data()), range.size());
+        written += range.size();
+    }
+    // HLS partial segments: each chunk a byte range of the growing file. A segment's first chunk starts with a
+    // key frame; every audio chunk starts with a sync sample.
+    Track& track = out.track;
+    const bool first = part.growth == Publication::Growth::Start;
+    track.parts.push_back({out.growing->number, out.growing->fileBytes, written, timing->duration,
+                           first || track.kind != "video"});
+    out.growing->fileBytes += written;
+    track.growing = Segment{out.growing->time, out.growing->duration, out.growing->number, false};
+    // The parts of the last two segments before the growing one stay listed.
+    while (!track.parts.empty() && track.parts.front().number + 2 < out.growing->number) track.parts.pop_front();
     part.bytes = std::move(chunk);
     ++m_chunks;
     const bool firstChunk = !m_availabilityStart;
@@ -155,11 +172,12 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     if (last) {
         const Output::Growing done = *out.growing;
         out.growing.reset();
+        track.growing.reset();
         recordSegment(out, done.time, done.duration, done.number, done.bytes);
     }
-    // The MPD announces segments from the clock: it is written at the start and as segments complete (for the
-    // bitrates measured and the timeline of the last one).
-    if (m_live && (firstChunk || last)) publishManifestLocked();
+    // The MPD announces segments from the clock: it would do with being written at the start and as segments
+    // complete (for the bitrates measured and the timeline of the last one); HLS playlists list every chunk.
+    if (m_live && (firstChunk || last || m_settings.listsParts)) publishManifestLocked();
     removeLeaving();
 }
 
@@ -173,8 +191,10 @@ void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t 
         const std::uint64_t beforeEnd = before.time + before.duration;
         const std::uint64_t step = beforeEnd > time ? beforeEnd - time : time - beforeEnd;
         if (step > 0 && step * 100 <= before.duration && time > before.time) before.duration = time - before.time;
+        out.restarted = out.restarted || before.time + before.duration != time;
     }
-    out.track.segments.push_back({time, duration, number});
+    out.track.segments.push_back({time, duration, number, out.restarted});
+    out.restarted = false;
     // A live session keeps the records of its time-shift window only, so that neither its memory nor the
     // manifest rewrite on every chunk grows with the run; the manifest that ends a live input therefore lists
     // the segments still in the window. A file input keeps them all for its static manifest.
@@ -191,11 +211,14 @@ void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t 
                 // a name that expanded once expands again
             }
         }
+        for (auto it = out.track.segments.begin(); it != out.track.segments.begin() + leaving; ++it)
+            out.track.discontinuitiesBefore += it->discontinuity ? 1U : 0U;
         out.track.segments.erase(out.track.segments.begin(), out.track.segments.begin() + leaving);
     }
     out.maxSegmentMs = std::max(out.maxSegmentMs, static_cast<std::uint32_t>(std::min<std::uint64_t>(
                                                       UINT32_MAX, duration * 1000 / out.track.timescale)));
     out.packagedSeconds += static_cast<double>(duration) / static_cast<double>(out.track.timescale);
+    out.packagedBytes += static_cast<double>(bytes);
     m_packagedSeconds = std::max(m_packagedSeconds, out.packagedSeconds);
     out.peakBitrate = std::max(out.peakBitrate, static_cast<std::uint32_t>(std::min<double>(
         4e9, static_cast<double>(bytes) * 8 * static_cast<double>(out.track.timescale) / static_cast<double>(duration))));
@@ -231,6 +254,7 @@ void Presentation::finish() {
         m_publisher.publish(std::move(last));
         const Output::Growing done = *out.growing;
         out.growing.reset();
+        out.track.growing.reset();
         recordSegment(out, done.time, done.duration, done.number, done.bytes);
     }
     m_live = false;
@@ -249,6 +273,8 @@ void Presentation::publishManifestLocked() {
         if (m_settings.dash)
             track.bandwidth = out.bitrateGiven ? std::max(track.bandwidth, track.bitrate)
                                                : std::max<std::uint32_t>(out.peakBitrate, 1);
+        if (out.packagedSeconds > 0)
+            track.averageBandwidth = static_cast<std::uint32_t>(std::min(4e9, out.packagedBytes * 8 / out.packagedSeconds));
         tracks.push_back(std::move(track));
         maxSegmentMs = std::max(maxSegmentMs, out.maxSegmentMs);
     }
@@ -274,8 +300,11 @@ void Presentation::publishManifestLocked() {
         timing.lowLatency.utcTimingUrl = m_settings.utcTimingUrl;
         timing.maxSegmentMs = static_cast<std::uint32_t>(std::lround(timing.lowLatency.segmentSeconds * 1000));
     }
-    const std::string text = m_manifest.build(tracks, timing);
-    m_publisher.publish({m_manifest.fileName(), std::vector<std::uint8_t>(text.begin(), text.end()), {}, true});
+    for (ManifestFile& file : m_manifest.files(tracks, timing)) {
+        Publication p{std::move(file.name), std::vector<std::uint8_t>(file.text.begin(), file.text.end()), {}, true};
+        if (file.lastPart) p.lastPart = Publication::PartPosition{file.lastPart->first, file.lastPart->second};
+        m_publisher.publish(std::move(p));
+    }
 }
 
 std::uint64_t Presentation::chunks() const {

@@ -21,7 +21,7 @@
 namespace fmp4mux {
 
 struct PresentationSettings {
-    bool dash = true;
+    bool dash = true;                  // CMAF media files (DASH, HLS); Smooth's otherwise
     bool live = false;                 // a dynamic manifest, rewritten as chunks come; a window of records
     std::string streamName = "live";   // ${sessionId}
     std::string initTemplate;          // naming templates, already checked
@@ -38,6 +38,7 @@ struct PresentationSettings {
     std::uint32_t chunksPerSegment = 1;
     std::uint32_t latencyTargetMs = 2000;
     std::string utcTimingUrl;  // an address answering the time (http-xsdate), when there is one
+    bool listsParts = false;   // a manifest lists every chunk (HLS partial segments): it is rewritten for each
 };
 
 class Presentation {
@@ -83,12 +84,15 @@ private:
         std::uint32_t peakBitrate = 0;   // measured over the segments written
         std::uint32_t maxSegmentMs = 0;  // the longest segment written
         double packagedSeconds = 0;      // the durations of its segments, added up
+        double packagedBytes = 0;        // the sizes of its segments, added up
+        bool restarted = false;          // a new session began: its next segment starts a new timeline
         Track track;
         std::uint64_t nextNumber = 1;
         // Low latency: the segment being written, and the duration of a chunk (the track's timescale).
         struct Growing {
             std::string path;
             std::uint64_t time = 0, duration = 0, number = 0, bytes = 0;
+            std::uint64_t fileBytes = 0;  // what its file holds: the chunks without the engine's marker boxes
         };
         std::optional<Growing> growing;
         std::uint64_t chunkDuration = 0;

@@ -79,6 +79,7 @@ void readProtection(std::span<const std::uint8_t> movie, Track& track) {
     const reader::MovieProtection protection = reader::readMovieProtection(movie);
     track.protectionScheme = protection.scheme;
     track.defaultKid = protection.defaultKeyId.size() == 16 ? uuidText(protection.defaultKeyId) : "";
+    track.defaultKidBase64 = protection.defaultKeyId.size() == 16 ? base64(protection.defaultKeyId) : "";
     track.protectionSystems.clear();
     for (const auto& system : protection.systems)
         track.protectionSystems.push_back({uuidText(system.systemId), base64(system.box), base64(system.data)});

@@ -2,6 +2,7 @@
 // One output of the presentation as the manifests show it, with the segments it has written.
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -12,6 +13,9 @@ struct Segment {
     std::uint64_t time = 0;
     std::uint64_t duration = 0;
     std::uint64_t number = 0;
+    // The timeline was re-based before this segment (a new session, or a gap or step back in its times): HLS
+    // marks it with EXT-X-DISCONTINUITY.
+    bool discontinuity = false;
 };
 
 // One output as the manifests show it.
@@ -23,6 +27,7 @@ struct Track {
     std::string codecs;
     std::uint32_t bandwidth = 0;
     std::uint32_t bitrate = 0;
+    std::uint32_t averageBandwidth = 0;  // measured over every segment written, bits/s (0: not measured)
     int width = 0, height = 0;
     std::string frameRate;
     int sarWidth = 1, sarHeight = 1;
@@ -34,7 +39,7 @@ struct Track {
     std::string initialization;   // path of the init file, relative to the manifest
     std::string mediaTemplate;    // DASH: with $Time$ or $Number$; Smooth: with {bitrate} and {start time}
     bool mediaByNumber = false;
-    // Common Encryption as the init file states it: the scheme ("cenc", "piff"; empty when clear), the default
+    // Common Encryption as the init file states it: the scheme ("cenc", "cbcs", "piff"; empty when clear), the default
     // key id as UUID text, and each protection system with its id (UUID text), its pssh box and the box's data,
     // both in base64.
     struct ProtectionSystem {
@@ -44,8 +49,20 @@ struct Track {
     };
     std::string protectionScheme;
     std::string defaultKid;
+    std::string defaultKidBase64;  // the same 16 bytes in base64
     std::vector<ProtectionSystem> protectionSystems;
     std::deque<Segment> segments;  // in the order written
+    // How many segments marked `discontinuity` have left `segments` (HLS EXT-X-DISCONTINUITY-SEQUENCE).
+    std::uint64_t discontinuitiesBefore = 0;
+    // Low latency: the segment being written (its duration so far), and the chunks of the last segments and of
+    // that one, each a byte range of its segment's file, for HLS partial segments.
+    struct PartialSegment {
+        std::uint64_t number = 0;  // of its segment
+        std::uint64_t offset = 0, length = 0, duration = 0;
+        bool independent = false;  // starts with a sync sample
+    };
+    std::optional<Segment> growing;
+    std::deque<PartialSegment> parts;
     // The chunk and segment durations the engine planned, in their own timescale (0 when not told).
     struct PlannedDurations {
         std::uint64_t timescale = 0, chunk = 0, segment = 0;

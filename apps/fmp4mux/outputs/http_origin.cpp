@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -72,13 +73,18 @@ bool servablePath(const std::string& path) {
     return true;
 }
 
-// A reader of a file that may still grow: each call gives what has come past `position`, waiting for it.
+// A reader of a file that may still grow, from byte `from` up to `end` (exclusive; the file's end without it):
+// each call gives what has come past `position`, waiting for it.
 struct OriginReader {
     HttpOrigin* origin;
     std::shared_ptr<HttpOrigin::Entry> entry;
+    std::uint64_t from = 0;
+    std::optional<std::uint64_t> end = std::nullopt;
 
-    static ssize_t read(void* self, std::uint64_t position, char* buffer, std::size_t max) {
+    static ssize_t read(void* self, std::uint64_t offset, char* buffer, std::size_t max) {
         auto& r = *static_cast<OriginReader*>(self);
+        const std::uint64_t position = r.from + offset;
+        if (r.end && position >= *r.end) return MHD_CONTENT_READER_END_OF_STREAM;
         std::unique_lock lock(r.origin->m_mutex);
         const auto deadline = std::chrono::steady_clock::now() + kStall;
         while (r.entry->bytes.size() <= position && !r.entry->complete) {
@@ -86,13 +92,52 @@ struct OriginReader {
                 r.origin->m_changed.wait_until(lock, deadline) == std::cv_status::timeout)
                 return MHD_CONTENT_READER_END_WITH_ERROR;
         }
-        if (r.entry->bytes.size() <= position) return MHD_CONTENT_READER_END_OF_STREAM;
-        const std::size_t count = std::min<std::size_t>(max, r.entry->bytes.size() - static_cast<std::size_t>(position));
+        // A range the complete file falls short of fails: its length was promised.
+        if (r.entry->bytes.size() <= position) return r.end ? MHD_CONTENT_READER_END_WITH_ERROR : MHD_CONTENT_READER_END_OF_STREAM;
+        std::uint64_t available = r.entry->bytes.size() - position;
+        if (r.end) available = std::min(available, *r.end - position);
+        const std::size_t count = static_cast<std::size_t>(std::min<std::uint64_t>(max, available));
         std::memcpy(buffer, r.entry->bytes.data() + position, count);
         return static_cast<ssize_t>(count);
     }
     static void done(void* self) { delete static_cast<OriginReader*>(self); }
 };
+
+// "bytes=A-B" or "bytes=A-": the first byte and, when given, the byte after the last. Unset for anything else
+// (several ranges, a suffix range), which is answered whole.
+struct ByteRange {
+    std::uint64_t from = 0;
+    std::optional<std::uint64_t> end = std::nullopt;
+};
+std::optional<ByteRange> parseRange(const char* header) {
+    if (header == nullptr) return std::nullopt;
+    unsigned long long first = 0, last = 0;
+    int used = 0;
+    if (std::sscanf(header, "bytes=%llu-%llu%n", &first, &last, &used) == 2 && header[used] == '\0' && last >= first)
+        return ByteRange{first, last + 1};
+    used = 0;
+    if (std::sscanf(header, "bytes=%llu-%n", &first, &used) == 1 && used > 0 && header[used] == '\0')
+        return ByteRange{first, std::nullopt};
+    return std::nullopt;
+}
+
+std::optional<std::uint64_t> number(const char* text) {
+    if (text == nullptr || *text == '\0' || std::strlen(text) > 19) return std::nullopt;
+    for (const char* c = text; *c != '\0'; ++c)
+        if (*c < '0' || *c > '9') return std::nullopt;
+    return std::strtoull(text, nullptr, 10);
+}
+
+// 206 with the range sent, the file's size after the slash once it is known.
+MHD_Result partial(MHD_Connection* connection, MHD_Response* response, const ByteRange& range,
+                   std::optional<std::uint64_t> size) {
+    if (range.end) {
+        const std::string value = "bytes " + std::to_string(range.from) + "-" + std::to_string(*range.end - 1) + "/" +
+                                  (size ? std::to_string(*size) : "*");
+        MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, value.c_str());
+    }
+    return queue(connection, MHD_HTTP_PARTIAL_CONTENT, response);
+}
 
 struct OriginAccess {
     static MHD_Result answer(void* self, MHD_Connection* connection, const char* url, const char* method,
@@ -114,11 +159,40 @@ struct OriginAccess {
         if (!servablePath(path)) return text(connection, MHD_HTTP_FORBIDDEN, "forbidden\n");
         // A growing file is served by its name, never by the name it has on disk meanwhile.
         if (path.ends_with(".growing")) return text(connection, MHD_HTTP_NOT_FOUND, "not found\n");
+        // A blocking playlist reload waits for the part it asks for.
+        if (const char* msn = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "_HLS_msn")) {
+            const char* part = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "_HLS_part");
+            const auto m = number(msn), p = number(part);
+            if (!m || (part != nullptr && !p)) return text(connection, MHD_HTTP_BAD_REQUEST, "bad _HLS_msn or _HLS_part\n");
+            const unsigned int status = origin.awaitPart(path, *m, p);
+            if (status != MHD_HTTP_OK) return text(connection, status, status == MHD_HTTP_BAD_REQUEST ? "too far ahead\n" : "not yet\n");
+        }
+        std::optional<ByteRange> range = parseRange(MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE));
 
         for (int attempt = 0; attempt < 2; ++attempt) {
             if (auto entry = origin.find(path, attempt == 1)) {
                 std::unique_lock lock(origin.m_mutex);
                 MHD_Response* response = nullptr;
+                if (range && entry->complete && range->from >= entry->bytes.size())
+                    return text(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, "range not satisfiable\n");
+                if (range && entry->complete) {
+                    const std::uint64_t size = entry->bytes.size();
+                    range->end = std::min(range->end.value_or(size), size);
+                    response = MHD_create_response_from_buffer(static_cast<std::size_t>(*range->end - range->from),
+                                                               entry->bytes.data() + range->from, MHD_RESPMEM_MUST_COPY);
+                    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(path).c_str());
+                    return partial(connection, response, *range, size);
+                }
+                if (range) {
+                    lock.unlock();
+                    // Bytes of a growing file, sent as they come: a closed range has its length, an open one goes
+                    // to the file's end with chunked transfer encoding (no Content-Range: its end is not known).
+                    response = MHD_create_response_from_callback(
+                        range->end ? *range->end - range->from : MHD_SIZE_UNKNOWN, 64 * 1024, &OriginReader::read,
+                        new OriginReader{&origin, entry, range->from, range->end}, &OriginReader::done);
+                    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(path).c_str());
+                    return partial(connection, response, *range, std::nullopt);
+                }
                 if (entry->complete) {
                     response = MHD_create_response_from_buffer(entry->bytes.size(), entry->bytes.data(),
                                                                MHD_RESPMEM_MUST_COPY);
@@ -130,7 +204,9 @@ struct OriginAccess {
                 }
                 MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(path).c_str());
                 MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL,
-                                        path.ends_with(".mpd") || path == "Manifest" ? "no-cache" : "max-age=60");
+                                        path.ends_with(".mpd") || path.ends_with(".m3u8") || path == "Manifest"
+                                            ? "no-cache"
+                                            : "max-age=60");
                 return queue(connection, MHD_HTTP_OK, response);
             }
             // On disk, inside the folder once links are followed.
@@ -143,9 +219,16 @@ struct OriginAccess {
                 const int fd = ::open(resolved.c_str(), O_RDONLY | O_CLOEXEC);
                 struct stat info {};
                 if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-                    MHD_Response* response = MHD_create_response_from_fd(static_cast<std::uint64_t>(info.st_size), fd);
+                    const auto size = static_cast<std::uint64_t>(info.st_size);
+                    if (range && range->from >= size) {
+                        ::close(fd);
+                        return text(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, "range not satisfiable\n");
+                    }
+                    if (range) range->end = std::min(range->end.value_or(size), size);
+                    MHD_Response* response = range ? MHD_create_response_from_fd_at_offset64(*range->end - range->from, fd, range->from)
+                                                   : MHD_create_response_from_fd(size, fd);
                     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(path).c_str());
-                    return queue(connection, MHD_HTTP_OK, response);
+                    return range ? partial(connection, response, *range, size) : queue(connection, MHD_HTTP_OK, response);
                 }
                 if (fd >= 0) ::close(fd);
                 return text(connection, MHD_HTTP_NOT_FOUND, "not found\n");
@@ -227,6 +310,7 @@ void HttpOrigin::publish(Publication&& publication) {
             auto entry = std::make_shared<Entry>();
             entry->bytes = std::move(bytes);
             entry->complete = publication.growth == Publication::Growth::Whole || publication.complete;
+            entry->lastPart = publication.lastPart;
             m_files[path] = entry;
             // A manifest is replaced, never added: it stays in memory.
             if (entry->complete && !publication.replaceable) keep(path);
@@ -245,6 +329,22 @@ std::shared_ptr<HttpOrigin::Entry> HttpOrigin::find(const std::string& path, boo
             const auto again = m_files.find(path);
             return again == m_files.end() ? nullptr : again->second;
         }
+    }
+}
+
+unsigned int HttpOrigin::awaitPart(const std::string& path, std::uint64_t msn, std::optional<std::uint64_t> part) {
+    std::unique_lock lock(m_mutex);
+    const auto deadline = std::chrono::steady_clock::now() + m_settings.blockingReloadLimit;
+    while (true) {
+        const auto it = m_files.find(path);
+        if (it != m_files.end()) {
+            // A playlist that lists no parts (not low latency, or ended) is answered as it is.
+            if (!it->second->lastPart) return MHD_HTTP_OK;
+            const Publication::PartPosition at = *it->second->lastPart;
+            if (msn > at.msn + 2) return MHD_HTTP_BAD_REQUEST;
+            if (at.msn > msn || (at.msn == msn && part && at.part >= *part)) return MHD_HTTP_OK;
+        }
+        if (m_closing || m_changed.wait_until(lock, deadline) == std::cv_status::timeout) return MHD_HTTP_SERVICE_UNAVAILABLE;
     }
 }
 

@@ -4,6 +4,11 @@
 // encoding, each chunk the moment it is published; older files are read from the folder. It also answers the
 // time, for the players' clocks (/utc, ISO 8601).
 //
+// A Range request (bytes=A-B, bytes=A-) is answered with those bytes (206), waiting for them in a growing file:
+// low-latency HLS addresses its partial segments so. A request for a playlist with _HLS_msn (and _HLS_part) is
+// held until the playlist lists that part (or a later segment, without _HLS_part), 400 when it asks more than two
+// segments ahead, 503 after `blockingReloadLimit`.
+//
 // Only GET and HEAD are answered (405 otherwise). A path is refused (403) when it has a '.' or '..' segment, after
 // percent-decoding, or when it leads out of the folder through a symbolic link; a file not there is 404, after a
 // bounded wait for a segment that is about to start. publish() only moves bytes into memory under the origin's
@@ -15,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "apps/fmp4mux/outputs/publisher.h"
@@ -32,6 +38,7 @@ public:
         std::uint16_t port = 0;           // 0: any free port
         std::chrono::milliseconds waitForStart{1500};  // how long a request waits for a file not yet there
         std::size_t keptFiles = 256;      // complete files kept in memory, newest first
+        std::chrono::milliseconds blockingReloadLimit{6000};  // how long a blocking playlist request is held
     };
     // Listens at once; raises std::runtime_error when the address cannot be listened on.
     explicit HttpOrigin(Settings settings);
@@ -52,12 +59,16 @@ public:
         std::vector<std::uint8_t> bytes;
         bool complete = false;
         bool abandoned = false;  // started again or taken away before its end: its readers fail
+        std::optional<Publication::PartPosition> lastPart;  // of a low-latency HLS playlist
     };
 
 private:
     friend struct OriginAccess;
     friend struct OriginReader;
     std::shared_ptr<Entry> find(const std::string& path, bool wait);
+    // An HTTP status: 200 once the playlist at `path` lists part (`msn`, `part`), or a later segment without a
+    // part; 400 for a request more than two segments ahead; 503 when the limit passes first.
+    unsigned int awaitPart(const std::string& path, std::uint64_t msn, std::optional<std::uint64_t> part);
     void keep(const std::string& path);
 
     const Settings m_settings;

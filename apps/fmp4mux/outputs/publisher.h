@@ -27,6 +27,12 @@ struct Publication {
     enum class Growth { Whole, Start, More };
     Growth growth = Growth::Whole;
     bool complete = false;
+    // A low-latency HLS playlist: the last partial segment it lists (media sequence number, part index), for an
+    // origin that holds a blocking playlist request (_HLS_msn, _HLS_part) until the playlist lists that part.
+    struct PartPosition {
+        std::uint64_t msn = 0, part = 0;
+    };
+    std::optional<PartPosition> lastPart = std::nullopt;
 };
 
 // The bytes a publication writes: its ranges joined, or all of `bytes` without ranges.

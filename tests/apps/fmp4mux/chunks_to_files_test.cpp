@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "apps/fmp4mux/engine/chunk_sink.h"
+#include "apps/fmp4mux/manifests/hls.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
 #include "packaging/fmp4/output/chunk_reader.h"
@@ -171,17 +172,25 @@ TEST(Presentation, FileInputWritesNamedFilesWithoutMarkersAndOneStaticManifestOf
 }
 
 // Starts and durations rounded apart by a tick meet again in the timeline (as separate-audio segments on a 1 ms
-// timescale do); a real gap stays.
+// timescale do); a real gap stays, and HLS marks it as a discontinuity. Both formats' files are written.
 TEST(Presentation, TimelineStaysContinuousAcrossRoundingButKeepsRealGaps) {
     Recorder out;
     DashManifestWriter mpd;
-    Presentation p(fileSettings(), out, mpd, [] { return 1000.0; });
+    HlsManifestWriter hls;
+    const ManifestSet both({&mpd, &hls});
+    Presentation p(fileSettings(), out, both, [] { return 1000.0; });
     p.addOutput(0, "audio", 2, 48000, false, "audio0", "und");
     p.onChunk(0, true, initChunk(kManifest));
     for (const auto& [time, duration] : {std::pair{0u, 1002u}, {1003u, 1002u}, {2004u, 1002u}, {4000u, 1000u}})
         p.onChunk(0, false, dashChunk(time, duration));
     p.finish();
-    const std::string text(out.files.back().second.begin(), out.files.back().second.end());
+    ASSERT_GE(out.files.size(), 3u);
+    const auto last = out.files.end() - 3;
+    EXPECT_EQ(last[0].first + " " + last[1].first + " " + last[2].first, "manifest.mpd master.m3u8 audio0.m3u8");
+    const std::string playlist(last[2].second.begin(), last[2].second.end());
+    EXPECT_EQ(playlist.find("#EXT-X-DISCONTINUITY\n"), playlist.find("_2004.mp4\n") + 10) << playlist;
+    EXPECT_EQ(playlist.rfind("#EXT-X-DISCONTINUITY\n"), playlist.find("#EXT-X-DISCONTINUITY\n")) << playlist;
+    const std::string text(last[0].second.begin(), last[0].second.end());
     for (const char* s : {"<S t=\"0\" d=\"1003\"/>", "<S t=\"1003\" d=\"1001\"/>", "<S t=\"2004\" d=\"1002\"/>",
                           "<S t=\"4000\" d=\"1000\"/>"})
         EXPECT_NE(text.find(s), std::string::npos) << s << "\n" << text;

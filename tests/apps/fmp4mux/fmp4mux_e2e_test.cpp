@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -105,6 +109,13 @@ fs::path made(const Source& source) {
         EXPECT_EQ(r.exitCode, 0) << r.output;
     }
     return path(source);
+}
+
+// fmp4mux run with `args` on the inputs (made first) into `out`.
+Outcome package(const std::string& args, const std::vector<Source>& inputs, const fs::path& out) {
+    std::string names;
+    for (const Source& s : inputs) names += q(made(s)) + " ";
+    return sh(mux(args + " " + names + q(out)));
 }
 
 // The segments of the <S> elements of a text, repeats expanded.
@@ -211,6 +222,61 @@ void expectValidMpd(const fs::path& out) {
     EXPECT_EQ(r.exitCode, 0) << r.output;
 }
 
+// What RFC 8216 asks of the playlists of `out`, read as text: attribute lists of NAME=value pairs (quoted string,
+// hexadecimal, decimal, resolution or enumerated) without a repeated name; every URI a file of `out`; in each media
+// playlist, a target duration that no EXTINF (three decimals) exceeds once rounded, and a media sequence that is
+// the number of the first segment where the files are named by number (n_N), the numbers following on. Returns
+// the media playlists' texts by name.
+std::map<std::string, std::string> expectValidHls(const fs::path& out) {
+    const std::string value = R"((?:"[^"\r\n]*"|0[xX][0-9A-Fa-f]+|-?[0-9]+(?:\.[0-9]+)?|[0-9]+x[0-9]+|[A-Z0-9-]+))";
+    const std::regex list("#EXT-X-[A-Z-]+:([A-Z0-9-]+=" + value + ")(,[A-Z0-9-]+=" + value + ")*"),
+        name("(?:^#EXT-X-[A-Z-]+:|,)([A-Z0-9-]+)=(?:\"[^\"]*\")?"), uri("[:,]URI=\"([^\"]+)\""),
+        number("/n_([0-9]+)\\."), tag("#EXT-X-(TARGETDURATION|MEDIA-SEQUENCE):([0-9]+)"), extinf("#EXTINF:([0-9]+\\.[0-9]{3}),");
+    std::smatch m;
+    // An attribute list's syntax and its names once each; the URI it names, when it names one.
+    const auto attributes = [&](const std::string& line) {
+        EXPECT_TRUE(std::regex_match(line, list)) << line;
+        std::set<std::string> names;
+        for (auto it = std::sregex_iterator(line.begin(), line.end(), name); it != std::sregex_iterator(); ++it)
+            EXPECT_TRUE(names.insert((*it)[1]).second) << "repeated " << (*it)[1] << " in " << line;
+        return std::regex_search(line, m, uri) ? m[1].str() : std::string();
+    };
+    std::map<std::string, std::string> playlists;
+    std::istringstream master(readText(out / "master.m3u8"));
+    std::string line, next;
+    EXPECT_TRUE(std::getline(master, line) && line == "#EXTM3U") << line;
+    while (std::getline(master, line)) {
+        if (line.starts_with("#EXT-X-MEDIA:")) next = attributes(line);
+        if (line.starts_with("#EXT-X-STREAM-INF:") && attributes(line).empty()) std::getline(master, next);
+        if (!next.empty()) playlists[next] = readText(out / next);
+        next.clear();
+    }
+    EXPECT_FALSE(playlists.empty());
+    for (const auto& [file, text] : playlists) {
+        SCOPED_TRACE(file);
+        std::istringstream in(text);
+        std::map<std::string, long> tags;  // TARGETDURATION, MEDIA-SEQUENCE
+        EXPECT_TRUE(std::getline(in, line) && line == "#EXTM3U") << line;
+        while (std::getline(in, line)) {
+            if (std::regex_match(line, m, tag)) tags[m[1]] = std::stol(m[2]);
+            if (line.starts_with("#EXT-X-MAP:") || line.starts_with("#EXT-X-KEY:")) {
+                const std::string named = attributes(line);
+                EXPECT_TRUE(line.starts_with("#EXT-X-KEY:") || fs::exists(out / named)) << line;
+            }
+            if (!line.starts_with("#EXTINF:")) continue;
+            EXPECT_TRUE(std::regex_match(line, m, extinf)) << line;
+            EXPECT_GE(tags["TARGETDURATION"], m.empty() ? 1 : std::lround(std::stod(m[1]))) << line;
+            std::getline(in, line);
+            EXPECT_TRUE(fs::exists(out / line)) << line;
+            const long expected = tags["MEDIA-SEQUENCE"]++;
+            EXPECT_TRUE(!std::regex_search(line, m, number) || std::stol(m[1]) == expected) << line << ", not " << expected;
+        }
+        EXPECT_GE(tags["TARGETDURATION"], 1);
+        EXPECT_EQ(tags.count("MEDIA-SEQUENCE"), 1u);
+    }
+    return playlists;
+}
+
 // One run whose every track decodes whole, each video track as the source named with it, the audio track as
 // input 0's. In DASH, each video timeline covers its source in segments of `seconds`, on the cut points of the
 // first, in one adaptation set per kind.
@@ -231,9 +297,7 @@ class Packages : public ::testing::TestWithParam<Packaging> {};
 TEST_P(Packages, EveryTrackDecodesWithItsSourcesPicturesAndSamples) {
     const Packaging& p = GetParam();
     const fs::path out = dir() / p.name;
-    std::string inputs;
-    for (const Source& s : p.inputs) inputs += q(made(s)) + " ";
-    const Outcome r = sh(mux(p.args + " " + inputs + q(out)));
+    const Outcome r = package(p.args, p.inputs, out);
     ASSERT_EQ(r.exitCode, 0) << r.output;
     const std::size_t jumps = count(r.output, "timestamps jump by");
     EXPECT_TRUE(p.says.empty() || count(r.output, p.says) == 1) << "said once: " << p.says << "\n" << r.output;
@@ -304,6 +368,62 @@ INSTANTIATE_TEST_SUITE_P(
         Packaging{"SmoothThreeRenditions", {kLow, kMid, kHigh},
                   "-f smooth --bitrate 0:0=200000 --bitrate 1:0=500000 --bitrate 2:0=900000",
                   {{"video:0", kLow}, {"video:1", kMid}, {"video:2", kHigh}}, "", "", 2}),
+    [](const auto& test) { return test.param.name; });
+
+// HLS, alone or beside DASH over the same media files: the playlists keep RFC 8216's rules, and ffmpeg reading
+// the multivariant playlist decodes every rendition whole, each video with its source's frame count (told apart
+// by width), the audio with the source's AAC frames.
+struct HlsRun {
+    std::string name;
+    std::vector<Source> inputs;
+    std::string args;
+    std::vector<Source> videos;
+    bool audio;
+};
+void PrintTo(const HlsRun& p, std::ostream* os) { *os << p.name; }
+class HlsRuns : public ::testing::TestWithParam<HlsRun> {};
+
+TEST_P(HlsRuns, FfmpegDecodesEveryRenditionOfTheMultivariantPlaylist) {
+    const HlsRun& p = GetParam();
+    const fs::path out = dir() / p.name;
+    const Outcome r = package(p.args, p.inputs, out);
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    expectValidHls(out);
+    if (fs::exists(out / "manifest.mpd")) expectValidMpd(out);
+    const auto counts = [](const fs::path& file) {
+        std::map<std::string, long> found;  // "video,WIDTH" or "audio": frames
+        std::smatch m;
+        const std::string text = sh("ffprobe -v error -count_frames -show_entries stream=codec_type,width,nb_read_frames "
+                                    "-of csv=p=0 " + q(file)).output;
+        const std::regex row("(video,[0-9]+|audio),([0-9]+)\n");
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), row); it != std::sregex_iterator(); ++it)
+            found[(*it)[1]] = std::stol((*it)[2]);
+        return found;
+    };
+    const auto decoded = counts(out / "master.m3u8");
+    std::size_t renditions = p.audio ? 1 : 0;
+    for (const Source& v : p.videos) {
+        const auto [width, frames] = decodedVideo(made(v));
+        EXPECT_EQ(decoded.count("video," + std::to_string(width)) ? decoded.at("video," + std::to_string(width)) : -1, frames)
+            << v.name;
+        ++renditions;
+    }
+    EXPECT_EQ(decoded.size(), renditions);
+    if (p.audio) {
+        const long want = counts(made(p.inputs[0])).at("audio");
+        EXPECT_LE(std::labs((decoded.count("audio") ? decoded.at("audio") : 0) - want), 1) << want << " AAC frames";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, HlsRuns,
+    ::testing::Values(
+        HlsRun{"HlsNamedByNumber", {kH264},
+               "-f hls --media-template '${sessionId}/${adaptationSetId}/${representationId}/n_${number}.m4s'", {kH264},
+               true},
+        HlsRun{"DashAndHlsOfThreeRenditions", {kLowWithAudio, kH264, kHighWithAudio},
+               "-f dash,hls --map 0:v --map 1:v --map 2:v --map 0:a", {kLowWithAudio, kH264, kHighWithAudio}, true},
+        HlsRun{"HlsAudioOnly", {kH264}, "-f hls --map 0:a", {}, true}),
     [](const auto& test) { return test.param.name; });
 
 // What operators get wrong is refused before anything is written, with the exit code of its kind (2 the command
@@ -442,7 +562,7 @@ TEST(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
     std::vector<std::string> runFolders;
     for (int run = 0; run < 2; ++run) {
         const Outcome r = sh("ffmpeg -hide_banner -loglevel error -nostdin -stream_loop 2 -i " + q(made(kH264)) +
-                             " -map 0 -c copy -f mpegts - | " + mux("--time-shift-buffer 6 - " + q(out)));
+                             " -map 0 -c copy -f mpegts - | " + mux("-f dash,hls --time-shift-buffer 6 - " + q(out)));
         ASSERT_EQ(r.exitCode, 0) << r.output;
         const std::string mpd = readText(out / "manifest.mpd");
         std::smatch m;
@@ -470,5 +590,20 @@ TEST(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
         EXPECT_LE(list.size(), 5u) << mpd;
     }
     EXPECT_GT(decodedVideo(joinTrack(out, "video0")).second, 0);
+    // The HLS playlists list the same window, from the media sequence number of the first segment in it.
+    const auto playlists = expectValidHls(out);
+    for (const char* id : {"video0", "audio1"}) {
+        const std::string text = playlists.count(std::string(id) + ".m3u8") ? playlists.at(std::string(id) + ".m3u8") : "";
+        std::vector<fs::path> files;
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(text, m, std::regex("#EXT-X-MAP:URI=\"([^\"]+)\""))) << text;
+        files.push_back(out / m[1].str());
+        const std::regex uriLine("\n([^#\n][^\n]*)");
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), uriLine); it != std::sregex_iterator(); ++it)
+            files.push_back(out / (*it)[1].str());
+        EXPECT_EQ(files, representation(out, id).second) << text;
+        ASSERT_TRUE(std::regex_search(text, m, std::regex("#EXT-X-MEDIA-SEQUENCE:([0-9]+)\n"))) << text;
+        EXPECT_GT(std::stoul(m[1]), 3u) << "segments left the window";
+    }
 }
 }  // namespace

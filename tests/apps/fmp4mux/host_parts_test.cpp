@@ -105,7 +105,7 @@ ParseResult parse(std::vector<std::string> args, Options& options, std::string& 
 // duration, stream settings (bitrate/language/name), maps (as written = input:stream or kind), inputs, output.
 std::string summary(const Options& o) {
     std::ostringstream s;
-    s << (o.dash ? "dash" : "smooth") << " m" << o.mode << " g" << o.gopDurationMs << " n" << o.gopsPerSegment << " v"
+    s << (!o.dash ? "smooth" : o.mpd && o.hls ? "dash,hls" : o.hls ? "hls" : "dash") << " m" << o.mode << " g" << o.gopDurationMs << " n" << o.gopsPerSegment << " v"
       << o.verbosity << (o.quiet ? " q" : "") << " first" << o.firstNumber;
     if (o.audioSegmentDurationMs) s << " audio" << *o.audioSegmentDurationMs;
     for (const auto& [key, st] : o.streams)
@@ -129,6 +129,8 @@ TEST(Options, AcceptedCommandLinesSetWhatTheySay) {
         {{"--bitrate", "0:1=96000", "--bitrate=00:0=500000", "--language", "0:1=fra", "--name=0:1=audio-fr", "a", "out"},
          "dash m0 g2000 n1 v1 first1 0:0=500000// 0:1=96000/fra/audio-fr <a >out"},
         {{"-", "out"}, "dash m0 g2000 n1 v1 first1 <- >out"},
+        {{"-f", "hls,dash", "-", "out"}, "dash,hls m0 g2000 n1 v1 first1 <- >out"},
+        {{"-f", "hls", "-", "out"}, "hls m0 g2000 n1 v1 first1 <- >out"},
         {{"-v", "--", "-in.ts", "--x", "out"}, "dash m0 g2000 n1 v2 first1 <-in.ts <--x >out"},
         {{"--map", "0:v", "--map=1:0", "--map", "2:a", "a", "b", "c", "out"},
          "dash m0 g2000 n1 v1 first1 map 0:v=0:video map 1:0=1:0 map 2:a=2:audio <a <b <c >out"},
@@ -152,9 +154,10 @@ TEST(Options, RefusedCommandLinesSayWhy) {
         {{"--frobnicate", "a", "out"}, "unknown option --frobnicate"},
         {{"-vx", "a", "out"}, "unknown option -x"},
         {{"a", "out", "-g"}, "--gop-duration"},
-        {{"-f", "hls", "a", "out"}, "unknown format 'hls' (dash or smooth)"},
+        {{"-f", "dash,ts", "a", "out"}, "unknown format 'ts' (dash, hls or smooth"},
+        {{"-f", "hls,smooth", "a", "out"}, "package smooth in a run of its own"},
         {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt, separate-audio or low-latency)"},
-        {{"-m", "low-latency", "-f", "smooth", "a", "out"}, "the low-latency mode is DASH only"},
+        {{"-m", "low-latency", "-f", "smooth", "a", "out"}, "the low-latency mode is for DASH and HLS only"},
         {{"-m", "low-latency", "--media-template", "${time}.mp4", "a", "out"}, "names segments by ${number}"},
         {{"--serve", "host:http", "a", "out"}, "--serve takes [ADDR:]PORT, not 'host:http'"},
         {{"--push", "ftp://x/", "a", "out"}, "--push takes an http:// or https:// URL"},

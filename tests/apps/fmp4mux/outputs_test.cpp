@@ -60,7 +60,8 @@ namespace {
 // The origin on a free port of 127.0.0.1 over a temporary folder, asked with curl.
 struct Origin {
     TempFolder folder;
-    HttpOrigin origin{HttpOrigin::Settings{folder.path.string(), "127.0.0.1", 0, std::chrono::milliseconds(200)}};
+    HttpOrigin origin{HttpOrigin::Settings{folder.path.string(), "127.0.0.1", 0, std::chrono::milliseconds(200), 256,
+                                           std::chrono::milliseconds(2000)}};
     std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(origin.port()) + path; }
     // "STATUS BYTES" of one request.
     std::string ask(const std::string& path, const std::string& options = "") const {
@@ -140,6 +141,47 @@ TEST(HttpOrigin, AReaderOfASegmentStartedAgainFails) {
     EXPECT_NE(status, 0) << body;
     EXPECT_LT(std::chrono::steady_clock::now() - restarted, std::chrono::seconds(2)) << "the reader was left waiting";
     EXPECT_EQ(testkit::run("curl -s '" + o.url("/s/seg_1.mp4") + "'"), "new");
+}
+
+// Low-latency HLS: parts are byte ranges (206 with those bytes, from memory, from the folder, or waited for in a
+// growing file); a blocking playlist reload is answered once the playlist lists the part asked for, 400 when it
+// asks more than two segments ahead or is not a number, 503 when the limit passes first.
+TEST(HttpOrigin, ByteRangesAndBlockingPlaylistReloads) {
+    Origin o;
+    std::ofstream(o.folder.path / "init.mp4") << "init";
+    o.origin.publish(part("seg.mp4", "0123456789", Publication::Growth::Whole, true));
+    o.origin.publish(part("grow.mp4", "abc", Publication::Growth::Start, false));
+    Publication playlist = part("v.m3u8", "#EXTM3U\n", Publication::Growth::Whole, true);
+    playlist.lastPart = Publication::PartPosition{5, 1};
+    o.origin.publish(Publication(playlist));
+    const auto get = [&](const std::string& path, const std::string& options) {
+        return testkit::run("curl -s -m 10 -w ' %{http_code}' " + options + " '" + o.url(path) + "'");
+    };
+    std::string grown;
+    std::thread growing([&] { grown = get("/grow.mp4", "-r 2-5"); });
+    const struct { std::string path, options, answer; } cases[] = {
+        {"/seg.mp4", "-r 2-4", "234 206"},
+        {"/seg.mp4", "-r 7-", "789 206"},
+        {"/seg.mp4", "-r 7-99", "789 206"},
+        {"/seg.mp4", "-r 20-30", "range not satisfiable\n 416"},
+        {"/init.mp4", "-r 1-2", "ni 206"},
+        {"/v.m3u8?_HLS_msn=5&_HLS_part=1", "", "#EXTM3U\n 200"},
+        {"/v.m3u8?_HLS_msn=4", "", "#EXTM3U\n 200"},
+        {"/v.m3u8?_HLS_msn=8", "", "too far ahead\n 400"},
+        {"/v.m3u8?_HLS_msn=x", "", "bad _HLS_msn or _HLS_part\n 400"},
+        {"/v.m3u8?_HLS_msn=5&_HLS_part=2", "", "not yet\n 503"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(get(c.path, c.options), c.answer) << c.options << " " << c.path;
+    std::string waited;
+    std::thread blocked([&] { waited = get("/v.m3u8?_HLS_msn=6&_HLS_part=0", ""); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // most likely waiting by now; answered either way
+    o.origin.publish(part("grow.mp4", "defg", Publication::Growth::More, false));
+    playlist.lastPart = Publication::PartPosition{6, 0};
+    o.origin.publish(std::move(playlist));
+    growing.join();
+    blocked.join();
+    EXPECT_EQ(grown, "cdef 206");
+    EXPECT_EQ(waited, "#EXTM3U\n 200");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// Plays a packaged presentation with dash.js in headless Chromium and checks that it really plays.
+// Plays a packaged presentation with dash.js (shaka-player, hls.js) in headless Chromium and checks that it really plays.
 //
-//   node play.mjs [--format dash|smooth] [--player dashjs|shaka] [--clearkey KID:KEY[,KID:KEY...]] [--min-time SECONDS]
-//                 [--timeout SECONDS] [--seek SECONDS --grab FILE] FOLDER MANIFEST
+//   node play.mjs [--format dash|smooth|hls] [--player dashjs|shaka|hlsjs] [--clearkey KID:KEY[,KID:KEY...]]
+//                 [--min-time SECONDS] [--timeout SECONDS] [--seek SECONDS --grab FILE] [--switch-level] FOLDER MANIFEST
 //
 // FOLDER is served over HTTP on 127.0.0.1 (ephemeral port) next to a small page that loads dash.js from this
 // folder's node_modules (and its Smooth Streaming module for --format smooth). The page plays FOLDER/MANIFEST
@@ -12,7 +12,9 @@
 // --seek seconds; the picture it then shows is written to --grab as raw RGBA, and its media time is printed as
 // "play.mjs: seek: shown MEDIA_TIME WIDTHxHEIGHT".
 // --clearkey hands the player a W3C ClearKey licence of its keys (key id and key as 32 hexadecimal digits each), for
-// encrypted presentations. --player shaka plays with shaka-player instead of dash.js (DASH only).
+// encrypted presentations. --player shaka plays with shaka-player instead of dash.js (DASH only). --format hls plays
+// a multivariant playlist with hls.js (its ClearKey licence comes from a licence address of this server); with
+// --switch-level it starts on the first variant and, past 2 s, is made to switch to the last, which it must show.
 // --manifest-url URL plays a live presentation that another server serves (fmp4mux --serve) in place of
 // FOLDER MANIFEST; with --max-latency SECONDS it is played in dash.js's low-latency mode for --min-time seconds from
 // its first frame, the player's own live-latency figure is read every 250 ms and printed, and the run fails when
@@ -31,6 +33,7 @@ const HERE = path.dirname(fileURLToPath(import.meta.url));
 const CHROMIUM = process.env.E2E_CHROMIUM || '/usr/bin/chromium';
 const DASHJS_DIST = path.join(HERE, 'node_modules', 'dashjs', 'dist', 'modern', 'umd');
 const PLAYER_FILES = {
+  '/__player/hls.min.js': path.join(HERE, 'node_modules', 'hls.js', 'dist', 'hls.min.js'),
   '/__player/dash.all.min.js': path.join(DASHJS_DIST, 'dash.all.min.js'),
   '/__player/dash.mss.min.js': path.join(DASHJS_DIST, 'dash.mss.min.js'),
   '/__player/shaka-player.compiled.js': path.join(HERE, 'node_modules', 'shaka-player', 'dist', 'shaka-player.compiled.js'),
@@ -44,7 +47,7 @@ function usage(message) {
 
 function parseArgs(argv) {
   const opts = { format: 'dash', player: 'dashjs', clearKey: null, minTime: 6, timeout: 40, seek: null, grab: null,
-                 manifestUrl: null, maxLatency: null, positional: [] };
+                 manifestUrl: null, maxLatency: null, switchLevel: false, positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -60,11 +63,14 @@ function parseArgs(argv) {
     else if (a === '--grab') opts.grab = value();
     else if (a === '--manifest-url') opts.manifestUrl = value();
     else if (a === '--max-latency') opts.maxLatency = Number(value());
+    else if (a === '--switch-level') opts.switchLevel = true;
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
   }
-  if (!['dash', 'smooth'].includes(opts.format)) usage(`unknown format ${opts.format}`);
-  if (!['dashjs', 'shaka'].includes(opts.player)) usage(`unknown player ${opts.player}`);
+  if (!['dash', 'smooth', 'hls'].includes(opts.format)) usage(`unknown format ${opts.format}`);
+  if (opts.format === 'hls') opts.player = 'hlsjs';
+  if (!['dashjs', 'shaka', 'hlsjs'].includes(opts.player)) usage(`unknown player ${opts.player}`);
+  if (opts.switchLevel && opts.player !== 'hlsjs') usage('--switch-level goes with --format hls');
   if (opts.player === 'shaka' && opts.format !== 'dash') usage('shaka plays DASH only here');
   if (opts.clearKey !== null && !/^[0-9a-fA-F]{32}:[0-9a-fA-F]{32}(,[0-9a-fA-F]{32}:[0-9a-fA-F]{32})*$/.test(opts.clearKey))
     usage('--clearkey takes KID:KEY[,KID:KEY...], 32 hexadecimal digits each');
@@ -90,6 +96,7 @@ function contentType(filePath) {
   const ext = path.extname(base).toLowerCase();
   switch (ext) {
     case '.mpd': return 'application/dash+xml';
+    case '.m3u8': return 'application/vnd.apple.mpegurl';
     case '.mp4': return 'video/mp4';
     case '.m4s': return 'video/iso.segment';
     case '.m4v': return 'video/mp4';
@@ -105,12 +112,14 @@ function contentType(filePath) {
   }
 }
 
-// The key id and key of --clearkey as the players take them: dash.js base64url, shaka hexadecimal.
+// The key id and key of --clearkey as the players take them: dash.js base64url, shaka hexadecimal; hls.js fetches a
+// W3C ClearKey licence (JSON Web Key set) from this server.
+const b64url = (hex) => Buffer.from(hex, 'hex').toString('base64url');
 function clearKeys(clearKey, player) {
   if (!clearKey) return null;
   const pairs = clearKey.toLowerCase().split(',').map((pair) => pair.split(':'));
   if (player === 'shaka') return Object.fromEntries(pairs);
-  const b64url = (hex) => Buffer.from(hex, 'hex').toString('base64url');
+  if (player === 'hlsjs') return { 'org.w3.clearkey': { licenseUrl: '/__player/clearkey' } };
   return { 'org.w3.clearkey': { clearkeys: Object.fromEntries(pairs.map(([kid, key]) => [b64url(kid), b64url(key)])) } };
 }
 
@@ -141,10 +150,11 @@ ${body}
 `;
 }
 
-function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency) {
+function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency, switchLevel) {
   const keys = JSON.stringify(clearKeys(clearKey, player));
   const source = manifestUrl || "/" + manifest;
   if (player === 'shaka') return shakaPageHtml(manifest, keys);
+  if (player === 'hlsjs') return hlsPageHtml(source, keys, lowLatency, switchLevel);
   const scripts = ['/__player/dash.all.min.js'];
   if (format === 'smooth') scripts.push('/__player/dash.mss.min.js');
   return playerPage(scripts, `
@@ -204,6 +214,40 @@ function shakaPageHtml(manifest, keys) {
 `);
 }
 
+// hls.js: fatal errors count as the player's, the others are kept for the log; the variants it switches to are
+// recorded, and with --switch-level it is sent from the first to the last once 2 s have played.
+function hlsPageHtml(source, keys, lowLatency, switchLevel) {
+  return playerPage(['/__player/hls.min.js'], `
+  try {
+    const drm = ${keys};
+    const hls = new Hls({ lowLatencyMode: ${JSON.stringify(!!lowLatency)}, startLevel: ${switchLevel ? 0 : -1},
+                          emeEnabled: !!drm, drmSystems: drm || {} });
+    state.switches = [];
+    state.notes = [];
+    hls.on(Hls.Events.ERROR, (event, data) => {
+      const entry = { code: data.details, message: data.type + ' ' + data.details + (data.error ? ': ' + data.error.message : ''),
+                      fatal: data.fatal };
+      (data.fatal ? state.dashErrors : state.notes).push(entry);
+    });
+    hls.on(Hls.Events.LEVEL_SWITCHED, (event, data) => state.switches.push(data.level));
+    video.addEventListener('playing', () => { state.started = true; });
+    if (${JSON.stringify(!!switchLevel)}) {
+      const ask = () => {
+        if (video.currentTime > 2) hls.currentLevel = hls.levels.length - 1;
+        else setTimeout(ask, 100);
+      };
+      ask();
+    }
+    hls.loadSource(${JSON.stringify(source)});
+    hls.attachMedia(video);
+    video.play().catch(() => {});
+    window.__player = hls;
+  } catch (e) {
+    state.fatal = String(e && e.stack || e);
+  }
+`);
+}
+
 function startServer(folder, opts, requests) {
   const { format, manifest } = opts;
   const server = http.createServer((req, res) => {
@@ -218,8 +262,15 @@ function startServer(folder, opts, requests) {
     } catch {
       return send(400, 'text/plain', 'bad url');
     }
+    if (req.method === 'POST' && urlPath === '/__player/clearkey' && opts.clearKey) {
+      // The licence: every key of --clearkey, whatever key ids the request names.
+      const keys = opts.clearKey.toLowerCase().split(',').map((pair) => pair.split(':'))
+        .map(([kid, key]) => ({ kty: 'oct', kid: b64url(kid), k: b64url(key) }));
+      req.resume();
+      return send(200, 'application/json', JSON.stringify({ keys, type: 'temporary' }));
+    }
     if (req.method !== 'GET' && req.method !== 'HEAD') return send(405, 'text/plain', 'method not allowed');
-    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey, opts.manifestUrl, opts.maxLatency !== null));
+    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey, opts.manifestUrl, opts.maxLatency !== null, opts.switchLevel));
     if (urlPath === '/favicon.ico') return send(204, 'image/x-icon', '');
     let filePath = PLAYER_FILES[urlPath];
     if (!filePath) {
@@ -376,6 +427,9 @@ async function main() {
         fatal: s.fatal || null,
         started: !!s.started,
         events: s.events || [],
+        switches: s.switches || [],
+        levels: p && p.levels ? p.levels.map((l) => l.width) : [],
+        notes: s.notes || [],
         videoTracks: tracks('video'),
         audioTracks: tracks('audio'),
       };
@@ -400,6 +454,13 @@ async function main() {
       problems.push(`the video element reported an error: ${JSON.stringify(seen.videoErrors.length ? seen.videoErrors : seen.videoElementError)}`);
     }
     if (failedRequests.length) problems.push(`requests failed: ${JSON.stringify(failedRequests)}`);
+    if (seen.notes.length) console.log(`play.mjs: hls.js notes: ${JSON.stringify(seen.notes).slice(0, 1000)}`);
+    if (opts.switchLevel) {
+      const last = seen.levels.length - 1;
+      console.log(`play.mjs: variants ${JSON.stringify(seen.levels)} wide; switched to ${JSON.stringify(seen.switches)}`);
+      if (last < 1 || seen.switches[0] !== 0 || !seen.switches.includes(last)) problems.push('hls.js did not switch from the first variant to the last');
+      else if (seen.videoWidth !== seen.levels[last]) problems.push(`the picture is ${seen.videoWidth} wide, not the last variant's ${seen.levels[last]}`);
+    }
 
     if (problems.length) {
       for (const p of problems) console.error(`play.mjs: FAIL: ${p}`);
@@ -445,7 +506,10 @@ async function playLive(page, opts, requests, consoleLines) {
       const s = window.__e2e || {};
       const v = document.getElementById('video');
       let latency = NaN;
-      try { latency = window.__player.getCurrentLiveLatency(); } catch {}
+      try {
+        const p = window.__player;
+        latency = typeof p.getCurrentLiveLatency === 'function' ? p.getCurrentLiveLatency() : p.latency;  // hls.js: latency
+      } catch {}
       // A stall: the video waits after playback started and does not play on within a frame (40 ms); a wait
       // that ends before the next frame is due shows nothing to the viewer, and is only counted.
       const firstPlaying = (s.events || []).findIndex((e) => e.event === 'playing');
@@ -480,6 +544,13 @@ async function playLive(page, opts, requests, consoleLines) {
   if (seen.stalls > 0) problems.push(`${seen.stalls} stalls: ${JSON.stringify(seen.events)}`);
   const failed = requests.filter((r) => r.status >= 400);
   if (failed.length) problems.push(`requests failed: ${JSON.stringify(failed.slice(0, 20))}`);
+  if (opts.player === 'hlsjs') {
+    // LL-HLS as meant: playlists reloaded by blocking requests, parts fetched as byte ranges (status 206).
+    const blocking = requests.filter((r) => r.url.includes('_HLS_msn=')).length;
+    const parts = requests.filter((r) => r.status === 206).length;
+    console.log(`play.mjs: ${blocking} blocking playlist reloads, ${parts} partial segments fetched`);
+    if (!blocking || !parts) problems.push('hls.js did not play by blocking reloads and partial segments');
+  }
   if (problems.length) {
     for (const p of problems) console.error(`play.mjs: FAIL: ${p}`);
     for (const l of consoleLines.slice(-100)) console.error(`  ${l}`);

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# End-to-end playback test: fmp4mux packages the bundled sample (H.264 + AAC in MPEG-TS) into DASH or Smooth
-# Streaming, the DASH MPD is checked against the MPD schema, and dash.js in headless Chromium must play the result
-# (play.mjs): currentTime past 6 s, frames decoded, no player or video element error.
+# End-to-end playback test: fmp4mux packages the bundled sample (H.264 + AAC in MPEG-TS) into DASH, Smooth
+# Streaming or HLS, the DASH MPD is checked against the MPD schema, and dash.js (hls.js for HLS) in headless
+# Chromium must play the result (play.mjs): currentTime past 6 s, frames decoded, no player or video element error.
 #
-#   bash tests/e2e/player/run_playback_test.sh BUILD_DIR dash|smooth [CASE]
+#   bash tests/e2e/player/run_playback_test.sh BUILD_DIR dash|smooth|hls [CASE]
 #
 # CASE picks another input, made from the sample with ffmpeg, and how far the player must get:
 #   jump-forward   the sample, then the sample again with its timestamps 5000 s later: played past 14 s
@@ -25,6 +25,8 @@
 #                  (tests/packaging/kms_clients/loopback_server.py: a key of its own for each key period), the key
 #                  period 2 s: each chunk ffmpeg decrypts with the key its seig group names decodes, the keys change
 #                  at least twice, and shaka-player given the server's keys plays past 8 s through the changes
+#   renditions     (HLS) three renditions of the sample (416, 640 and 960 wide, encoded again with aligned GOPs)
+#                  and its audio: hls.js starts on the first variant and, forced past 2 s, shows the last
 #   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
 #                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
@@ -34,11 +36,11 @@ set -euo pipefail
 
 fail() { echo "run_playback_test: FAIL: $*" >&2; exit 1; }
 
-[ $# -ge 2 ] && [ $# -le 3 ] || { echo "usage: $0 BUILD_DIR dash|smooth [CASE]" >&2; exit 2; }
+[ $# -ge 2 ] && [ $# -le 3 ] || { echo "usage: $0 BUILD_DIR dash|smooth|hls [CASE]" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 FORMAT=$2
 CASE=${3:-sample}
-case "$FORMAT" in dash|smooth) ;; *) echo "run_playback_test: unknown format '$FORMAT' (dash or smooth)" >&2; exit 2 ;; esac
+case "$FORMAT" in dash|smooth|hls) ;; *) echo "run_playback_test: unknown format '$FORMAT' (dash, smooth or hls)" >&2; exit 2 ;; esac
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 ROOT=$(cd "$HERE/../../.." && pwd)
@@ -86,6 +88,12 @@ case "$CASE" in
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   seek) INPUT=$SAMPLE MIN_TIME=8 ;;
+  renditions)
+    for size in 416x234 640x360 960x540; do
+      ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c:a copy -c:v libx264 -preset veryfast -s "$size" \
+        -g 50 -keyint_min 50 -sc_threshold 0 -f mpegts "$OUT/$size.ts" || fail "ffmpeg could not make the $size rendition"
+    done
+    INPUT=$OUT/416x234.ts INPUT2=$OUT/640x360.ts INPUT3=$OUT/960x540.ts ;;
   clearkey|clearkey-shaka|cbcs-shaka|kms-rotation) INPUT=$SAMPLE MIN_TIME=8 ;;
   damaged)
     node "$HERE/drop_ts_packets.mjs" "$SAMPLE" "$OUT/input.ts" 0.002 4 >/dev/null || fail "could not damage the sample"
@@ -98,9 +106,15 @@ manifest=manifest.mpd
 if [ "$FORMAT" = smooth ]; then
   args+=(-f smooth)
   manifest=Manifest
+elif [ "$FORMAT" = hls ]; then
+  args+=(-f hls)
+  manifest=master.m3u8
 fi
+SWITCH=()
+[ "$CASE" = renditions ] && args+=(--map 0:v --map 1:v --map 2:v --map 0:a) SWITCH=(--switch-level)
 KID=00112233445566778899aabbccddeeff KEY=2b7e151628aed2a6abf7158809cf4f3c WRONG=000102030405060708090a0b0c0d0e0f
 PLAYER=dashjs
+[ "$FORMAT" = hls ] && PLAYER=hlsjs
 CLEARKEY=()
 case "$CASE" in
   clearkey*|cbcs-shaka)
@@ -127,7 +141,7 @@ esac
 
 echo "run_playback_test: $FMP4MUX ${args[*]} $INPUT $OUT/out"
 rc=0
-timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" ${INPUT2:+"$INPUT2"} "$OUT/out" 2>"$OUT/stderr" || rc=$?
+timeout 120 "$FMP4MUX" "${args[@]}" "$INPUT" ${INPUT2:+"$INPUT2"} ${INPUT3:+"$INPUT3"} "$OUT/out" 2>"$OUT/stderr" || rc=$?
 cat "$OUT/stderr" >&2
 [ "$rc" -eq 0 ] || fail "fmp4mux exited with $rc"
 [ -s "$OUT/out/$manifest" ] || fail "fmp4mux wrote no $manifest"
@@ -135,7 +149,7 @@ echo "run_playback_test: fmp4mux wrote $(find "$OUT/out" -type f | wc -l) files"
 
 if [ "$FORMAT" = dash ]; then
   xmllint --noout --nonet --schema "$SCHEMA" "$OUT/out/$manifest" || fail "the MPD does not validate against $SCHEMA"
-else
+elif [ "$FORMAT" = smooth ]; then
   xmllint --noout --nonet "$OUT/out/$manifest" || fail "the Smooth Streaming manifest is not well-formed XML"
 fi
 
@@ -215,7 +229,7 @@ if [ "$CASE" = kms-rotation ]; then
 fi
 
 if [ "$CASE" != seek ]; then
-  node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" "${CLEARKEY[@]}" --min-time "$MIN_TIME" \
+  node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" "${CLEARKEY[@]}" "${SWITCH[@]}" --min-time "$MIN_TIME" \
     --timeout 60 "$OUT/out" "$manifest" ||
     fail "$PLAYER in Chromium did not play the $FORMAT output of fmp4mux ($CASE)"
   echo "run_playback_test: PASS ($FORMAT, $CASE)"
