@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "packaging/lib_parse_es/nal_builder_audio_frames.h"
 #include "support/exceptions/corvane_exception.h"
 
 namespace tvrn::encoding::filter {
@@ -114,6 +115,16 @@ std::int32_t keyRotationPeriod(const encryption::EncryptionConfiguration& config
 }
 
 }  // namespace
+
+fmp4::Fmp4MuxParts withMpeg1Layer3(fmp4::Fmp4MuxParts parts) {
+    namespace es = packaging::lib_parse_es;
+    parts.makeNalBuilder = [others = std::move(parts.makeNalBuilder)](std::uint32_t streamType) {
+        if (streamType == es::StreamType::MPEG1_AUDIO)
+            return std::unique_ptr<es::NALBuilder>(std::make_unique<es::NALBuilderMPEG1Audio>(true));
+        return others(streamType);
+    };
+    return parts;
+}
 
 CMuxFmp4Filter* CMuxFmp4Filter::Create(fmp4::Fmp4MuxParts parts, KeyServerParts keyServer) {
     return new CMuxFmp4Filter(std::move(parts), std::move(keyServer));

@@ -57,6 +57,10 @@ protected:
     virtual ~IMediaEventSink() = default;
 };
 
+// The session parts with MPEG-1 audio inputs framed to take Layer III (MP3) frames as well as Layers I and II. The
+// filter's default framing refuses Layer III; a host that feeds MP3 on an MPEG-1 audio pin chooses this.
+fmp4::Fmp4MuxParts withMpeg1Layer3(fmp4::Fmp4MuxParts parts);
+
 class CMuxFmp4Filter final : public IMuxFmp4Config, public IEncryptionListener {
 public:
     // Starts with one reference, held by the creator; the last Release destroys the filter.

@@ -56,5 +56,35 @@ public:
     void onNal(std::unique_ptr<NAL>& nal) override;
 };
 
+// AC-3 and E-AC-3 sync frames, whole. The first usable frame (for E-AC-3 the first access unit: an independent
+// substream 0 frame with the substreams that follow it) also goes out as the configuration sample, from which
+// the sample entry reads "dac3" or "dec3". Frames without a time are counted on from the last time, 1536 ticks
+// each.
+class SampleBuilderAc3Audio : public SampleBuilderAudio {
+public:
+    using SampleBuilderAudio::SampleBuilderAudio;
+    void onNal(std::unique_ptr<NAL>& nal) override;
+    void onEnd() override;
+
+    std::uint32_t bitRate = 0;
+    std::uint8_t channelClass = 0;
+    bool isEac3 = false;
+
+private:
+    // Sends the E-AC-3 access unit collected so far.
+    void sendPending();
+
+    std::vector<std::uint8_t> m_pending;
+    std::int64_t m_pendingPts = 0;
+    lib_parse_es::NalTimingInfo m_pendingTiming{};
+};
+
+// MPEG-1 audio frames, whole: 1152 samples, or 384 when the header's layer field reads 0.
+class SampleBuilderMpeg1Audio : public SampleBuilderAudio {
+public:
+    using SampleBuilderAudio::SampleBuilderAudio;
+    void onNal(std::unique_ptr<NAL>& nal) override;
+};
+
 }  // namespace v1
 }  // namespace tvrn::encoding::packaging::imff::imff_samples

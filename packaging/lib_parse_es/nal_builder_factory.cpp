@@ -1,5 +1,6 @@
 #include "packaging/lib_parse_es/nal_builder.h"
 #include "packaging/lib_parse_es/nal_builder_aac.h"
+#include "packaging/lib_parse_es/nal_builder_audio_frames.h"
 #include "packaging/lib_parse_es/nal_builder_bit_pattern.h"
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
 #include "packaging/lib_parse_es/nal_builder_metadata.h"
@@ -14,6 +15,8 @@ std::unique_ptr<NALBuilder> createNalBuilder(std::uint32_t streamType) {
         case StreamType::AAC_ADTS_AUDIO: return std::make_unique<NALBuilderAACADTSAudio>();
         case StreamType::AAC_LATM_AUDIO: return std::make_unique<NALBuilderAACLATMLOASAudio>();
         case StreamType::AAC_RAW_AUDIO: return std::make_unique<NALBuilderAACRawAudio>();
+        case StreamType::AC3_AUDIO: return std::make_unique<NALBuilderAC3Audio>();
+        case StreamType::MPEG1_AUDIO: return std::make_unique<NALBuilderMPEG1Audio>();
         case StreamType::H263_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALH263>>();
         case StreamType::MPEG4_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALMPEG4Visual>>();
         case StreamType::PRORES: return std::make_unique<NalBuilderStartCodeBased<NALProRes>>();

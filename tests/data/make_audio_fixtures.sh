@@ -29,3 +29,16 @@ make aac_lc_51_44k -f lavfi -i "sine=frequency=300:sample_rate=44100:duration=1"
 # The stereo stream again, in LOAS/LATM (a StreamMuxConfig every 32 frames, the rest reuse it).
 ffmpeg -v error -y -i aac_lc_stereo_48k.adts -c copy -f latm aac_lc_stereo_48k.latm
 probe aac_lc_stereo_48k.latm
+
+# Sync-frame audio, 1 s of a tone each, as bare elementary streams: AC-3 5.1 at 48 kHz, E-AC-3 stereo at
+# 44.1 kHz, MPEG-1 Layer II stereo at 48 kHz and Layer III stereo at 44.1 kHz (without ID3 tag or Xing frame).
+tone51="sine=frequency=500:sample_rate=48000:duration=1"
+ffmpeg -v error -y -f lavfi -i "$tone51" -filter_complex "[0:a]asplit=6[a][b][c][d][e][f];[a][b][c][d][e][f]join=inputs=6:channel_layout=5.1" \
+  -c:a ac3 -b:a 384k -f ac3 ac3_51_48k.ac3
+ffmpeg -v error -y -f lavfi -i "sine=frequency=500:sample_rate=44100:duration=1" -ac 2 -c:a eac3 -b:a 96k -f eac3 eac3_stereo_44k.eac3
+ffmpeg -v error -y -f lavfi -i "sine=frequency=500:sample_rate=48000:duration=1" -ac 2 -c:a mp2 -b:a 192k -f mp2 mp2_stereo_48k.mp2
+ffmpeg -v error -y -f lavfi -i "sine=frequency=500:sample_rate=44100:duration=1" -ac 2 -c:a libmp3lame -b:a 128k \
+  -write_xing 0 -id3v2_version 0 -f mp3 mp3_stereo_44k.mp3
+for f in ac3_51_48k.ac3 eac3_stereo_44k.eac3 mp2_stereo_48k.mp2 mp3_stereo_44k.mp3; do
+  ffprobe -v error -show_packets -show_entries packet=pts,duration,size -of csv=p=0 "$f" | grep -E '^-?[0-9]+,' > "$f.packets.csv"
+done

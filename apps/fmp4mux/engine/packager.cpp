@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
+#include <string>
 
 #include "apps/fmp4mux/cli/console.h"
 #include "apps/fmp4mux/exit_error.h"
@@ -13,15 +15,12 @@ using tvrn::com::S_OK;
 
 namespace {
 
-// The row of the filter's input type table that carries a stream type.
+// The first row of the filter's input type table that carries a stream type.
 std::size_t inputTypeIndex(std::uint32_t streamType) {
-    switch (streamType) {
-        case 2: return 1;    // H.264
-        case 17: return 2;   // HEVC
-        case 10: return 3;   // raw AAC
-        case 5: return 7;    // LATM
-        default: return 8;   // ADTS
-    }
+    const auto& table = flt::inputTypeTable();
+    for (std::size_t i = 0; i < table.size(); ++i)
+        if (table[i].streamType == streamType) return i;
+    throw std::logic_error("no input type carries stream type " + std::to_string(streamType));
 }
 
 flt::MediaType mediaTypeFor(std::uint32_t streamType) {
@@ -42,7 +41,7 @@ flt::KeyServerParts keyServerParts(const EncryptionOptions& e) {
 }  // namespace
 
 Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
-    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create({}, keyServerParts(s.encryption)))),
+    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create(flt::withMpeg1Layer3({}), keyServerParts(s.encryption)))),
       m_dash(s.dash), m_keyServer(s.encryption.keyServer()), m_keyServerWait(s.encryption.kmsWait) {
     m_filter->SetLogger(&logger);
     try {

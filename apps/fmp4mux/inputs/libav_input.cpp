@@ -20,7 +20,7 @@ extern "C" {
 namespace fmp4mux {
 
 namespace {
-constexpr std::uint32_t kH264 = 2, kHevc = 17, kAdts = 4, kLatm = 5, kRawAac = 10;
+constexpr std::uint32_t kMpeg1Audio = 1, kH264 = 2, kDolby = 3, kAdts = 4, kLatm = 5, kRawAac = 10, kHevc = 17;
 constexpr AVRational kHundredNs{1, 10000000};
 
 std::string avError(int code) {
@@ -176,6 +176,18 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
                 info.streamType = kHevc;
                 info.kind = "video";
                 if (par->extradata_size > 0 && par->extradata[0] == 1) annexB = "hevc_mp4toannexb";
+                break;
+            // AC-3, E-AC-3 and MPEG-1 audio travel as whole sync frames in MPEG-TS and MP4 alike; the packager
+            // finds the frames itself. MP3 is MPEG-1 Layer III, which the packager takes under its Layer III option.
+            case AV_CODEC_ID_AC3:
+            case AV_CODEC_ID_EAC3:
+                info.streamType = kDolby;
+                info.kind = "audio";
+                break;
+            case AV_CODEC_ID_MP2:
+            case AV_CODEC_ID_MP3:
+                info.streamType = kMpeg1Audio;
+                info.kind = "audio";
                 break;
             case AV_CODEC_ID_AAC_LATM:
                 info.streamType = kLatm;

@@ -144,7 +144,11 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
                 out += " audioSamplingRate=\"" + std::to_string(t->sampleRate) + "\"";
             }
             out += ">\n";
-            if (t->kind == "audio" && t->channels > 0) {
+            if (t->kind == "audio" && !t->channelScheme.empty()) {
+                indent(out, 4);
+                out += "<AudioChannelConfiguration schemeIdUri=\"" + escape(t->channelScheme) + "\" value=\"" +
+                       escape(t->channelValue) + "\"/>\n";
+            } else if (t->kind == "audio" && t->channels > 0) {
                 indent(out, 4);
                 out += "<AudioChannelConfiguration schemeIdUri=\"urn:mpeg:dash:23003:3:audio_channel_configuration:2011\" "
                        "value=\"" + std::to_string(t->channels) + "\"/>\n";

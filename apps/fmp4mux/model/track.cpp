@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <map>
 
 #include "packaging/fmp4/output/chunk_reader.h"
@@ -48,6 +49,20 @@ std::string smoothFourCC(const std::string& sampleEntry, const std::string& code
     std::string upper = sampleEntry;
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     return upper;
+}
+
+// The channels an audio channel configuration names: a count in MPEG's scheme, a mask in Dolby's (bits from
+// the top: L, C, R, Ls, Rs, Lc/Rc, Lrs/Rrs, Cs, Ts, Lsd/Rsd, Lw/Rw, Vhl/Vhr, Vhc, Lts/Rts, LFE2, LFE).
+std::uint32_t channelCountOf(const std::string& scheme, const std::string& value) {
+    if (scheme == "urn:dolby:dash:audio_channel_configuration:2011") {
+        static constexpr std::uint32_t kWeights[16] = {1, 1, 1, 1, 1, 2, 2, 1, 1, 2, 2, 2, 1, 2, 1, 1};
+        const unsigned long mask = std::strtoul(value.c_str(), nullptr, 16);
+        std::uint32_t count = 0;
+        for (unsigned bit = 0; bit < 16; ++bit)
+            if ((mask >> (15 - bit)) & 1u) count += kWeights[bit];
+        return count;
+    }
+    return number(value);
 }
 
 }  // namespace
@@ -127,8 +142,11 @@ bool readServerManifest(const std::string& xml, bool dash, Track& track) {
             track.language = attribute(audio, "lang").empty() ? "und" : attribute(audio, "lang");
             track.codecs = attribute(audio, "codecs");
             track.sampleRate = number(attribute(audio, "audioSamplingRate"));
-            if (const auto* channels = audio->FirstChildElement("AudioChannelConfiguration"))
-                track.channels = number(attribute(channels, "value"));
+            if (const auto* channels = audio->FirstChildElement("AudioChannelConfiguration")) {
+                track.channelScheme = attribute(channels, "schemeIdUri");
+                track.channelValue = attribute(channels, "value");
+                track.channels = channelCountOf(track.channelScheme, track.channelValue);
+            }
         } else {
             auto p = params(audio);
             track.bitrate = track.bandwidth = number(attribute(audio, "systemBitrate"));

@@ -33,6 +33,8 @@ struct Track {
     int sarWidth = 1, sarHeight = 1;
     std::uint32_t sampleRate = 0;
     std::uint32_t channels = 0;
+    // DASH: the audio channel configuration as the init file's manifest states it (scheme and value).
+    std::string channelScheme, channelValue;
     std::string fourCC;
     std::string codecPrivateData;
     std::uint64_t timescale = 10000000;

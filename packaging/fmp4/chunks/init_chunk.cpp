@@ -50,8 +50,9 @@ InitChunk::~InitChunk() = default;
 std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale, const ManifestDurations& durations,
                                   std::uint32_t streamType, const ElementaryStreamAttributes& attributes,
                                   bool inBandParameterSets, const StreamChunk& firstChunk, bool isMain) {
-    if (streamType == AAC_ADTS_AUDIO || streamType == AAC_LATM_AUDIO || streamType == AAC_RAW_AUDIO) {
-        // "mp4a" from the stream's decoder configuration; the track's timescale is the output's, not the rate.
+    if (streamType == AAC_ADTS_AUDIO || streamType == AAC_LATM_AUDIO || streamType == AAC_RAW_AUDIO ||
+        streamType == AC3_AUDIO || streamType == MPEG1_AUDIO) {
+        // The audio entry from the stream's decoder configuration; the track's timescale is the output's, not the rate.
         AudioSampleEntryResult audio = makeAudioSampleEntry(streamType, firstChunk, attributes);
         if (!audio.entry) return 0;
         protect(*audio.entry);

@@ -161,8 +161,12 @@ void LiveServerManifest::AddAudio(std::uint32_t trackId, const AudioManifestInfo
     audio->SetAttribute("mimeType", "audio/mp4");
     audio->SetAttribute("codecs", info.codecs.c_str());
     audio->SetAttribute("audioSamplingRate", number(info.samplingRate).c_str());
-    // The channel configuration element goes before "durations", the stream descriptors after it; both join
-    // with the descriptors' issue.
+    if (!info.channelScheme.empty()) {
+        XMLElement* channels = audio->InsertNewChildElement("AudioChannelConfiguration");
+        channels->SetAttribute("schemeIdUri", info.channelScheme.c_str());
+        channels->SetAttribute("value", info.channelValue.c_str());
+    }
+    // The stream descriptors join after "durations" with their own issue.
     addDurations(audio, durations);
 }
 

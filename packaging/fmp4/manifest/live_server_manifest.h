@@ -46,6 +46,9 @@ struct AudioManifestInfo {
     std::vector<std::uint8_t> codecPrivateData;  // the decoder configuration
     std::uint32_t channels = 0;
     std::uint32_t samplingRate = 0;
+    // The DASH audio channel configuration, when the codec has one to state.
+    std::string channelScheme;
+    std::string channelValue;
 };
 
 // The pairs of the extra parameters ("k=v;k2=v2"); empty when any key or value holds a blank, a quote, an

@@ -63,7 +63,7 @@ Source testPictures(const std::string& name, const std::string& size, const std:
     std::string args = "-f lavfi -i testsrc2=size=" + size + ":rate=25";
     if (!audio.empty()) args += " -f lavfi -i sine=frequency=440:sample_rate=48000";
     args += " -t 6 -map 0:v -b:v " + bitrate;
-    if (!audio.empty()) args += " -map 1:a -c:a " + audio + " -ac 2";
+    if (!audio.empty()) args += " -map 1:a -c:a " + audio + (audio.find(" -ac ") == npos ? " -ac 2" : "");
     if (name.starts_with("hevc"))
         return {name, ffmpeg(args + " -c:v libx265 -x265-params log-level=error:keyint=50:min-keyint=50:scenecut=0:"
                                     "bframes=2:open-gop=0"), {}};
@@ -79,7 +79,11 @@ const Source kHigh = testPictures("r-high.ts", "960x540", "900k", "");
 const Source kLowWithAudio = testPictures("m-low.ts", "416x234", "200k");
 const Source kHighWithAudio = testPictures("m-high.ts", "960x540", "900k");
 const Source kVideoAndMp2 = testPictures("mixed.ts", "640x360", "400k", "mp2");
-const Source kMp2Only{"mp2.ts", ffmpeg("-f lavfi -i sine -t 2 -c:a mp2"), {}};
+// AC-3 5.1 and MP2 in MPEG-TS; E-AC-3 and MP3 in MP4.
+const Source kVideoAndAc3 = testPictures("ac3.ts", "640x360", "400k", "ac3 -ac 6");
+const Source kVideoAndEac3 = testPictures("eac3.mp4", "640x360", "400k", "eac3");
+const Source kVideoAndMp3 = testPictures("mp3.mp4", "640x360", "400k", "libmp3lame");
+const Source kOpusOnly{"opus.ts", ffmpeg("-f lavfi -i sine -t 2 -c:a libopus"), {}};
 // 12 s in GOPs of 4 s.
 const Source kGop4{"gop4.ts", ffmpeg("-f lavfi -i testsrc2=size=640x360:rate=25 -t 12 -c:v libx264 -g 100 -keyint_min 100 "
                                      "-sc_threshold 0 -bf 2 -b:v 300k"), {}};
@@ -216,6 +220,13 @@ long decodedAudio(const fs::path& file) {
     return r.exitCode == 0 ? static_cast<long>(fs::file_size(pcm) / 2) : -1;
 }
 
+// The channel layout of the first audio stream, as ffprobe names it.
+std::string channelLayout(const fs::path& file) {
+    const std::string text = sh("ffprobe -v error -select_streams a:0 -show_entries stream=channel_layout "
+                                "-of default=nw=1:nk=1 " + q(file)).output;
+    return text.substr(0, text.find('\n'));
+}
+
 void expectValidMpd(const fs::path& out) {
     const Outcome r = sh("xmllint --noout --schema " + q(FMP4_TEST_DATA_DIR "/schemas/DASH-MPD.xsd") + " " +
                          q(out / "manifest.mpd"));
@@ -288,6 +299,7 @@ struct Packaging {
     std::string audio;  // none when empty
     std::string says;   // what fmp4mux prints once, when not empty
     int seconds;
+    long audioFrame = 1024;  // samples per frame of the audio codec
 };
 
 void PrintTo(const Packaging& p, std::ostream* os) { *os << p.name; }
@@ -326,9 +338,11 @@ TEST_P(Packages, EveryTrackDecodesWithItsSourcesPicturesAndSamples) {
     if (p.audio.empty()) return;
     // The source's audio within one AAC frame per stretch between timestamp jumps: the frame before each stretch's
     // first video key frame has no segment.
-    const long audio = decodedAudio(joinTrack(out, p.audio)), want = decodedAudio(made(p.inputs[0]));
+    const fs::path track = joinTrack(out, p.audio);
+    const long audio = decodedAudio(track), want = decodedAudio(made(p.inputs[0]));
     EXPECT_GT(audio, 0);
-    EXPECT_LE(std::labs(audio - want), 1024 * (1 + static_cast<long>(jumps))) << audio << " samples against " << want;
+    EXPECT_LE(std::labs(audio - want), p.audioFrame * (1 + static_cast<long>(jumps))) << audio << " samples against " << want;
+    EXPECT_EQ(channelLayout(track), channelLayout(made(p.inputs[0])));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -351,8 +365,14 @@ INSTANTIATE_TEST_SUITE_P(
         // Renditions 13 ms apart (as separate encodes of one source are) share their cut points.
         Packaging{"DashRenditionsAFewMillisecondsApart", {kLow, kMidLater, kHigh}, "",
                   {{"video0", kLow}, {"video1", kMidLater}, {"video2", kHigh}}, "", "", 2},
-        // An unsupported codec is named and its stream skipped; the rest is packaged.
-        Packaging{"DashSkipsMp2Audio", {kVideoAndMp2}, "", {{"video0", kVideoAndMp2}}, "", "'mp2'", 2},
+        // AC-3 5.1 and MP2 from MPEG-TS, E-AC-3 and MP3 from MP4: whole sync frames, with the Dolby channel
+        // configuration for AC-3 and E-AC-3.
+        Packaging{"DashAc3Surround", {kVideoAndAc3}, "", {{"video0", kVideoAndAc3}}, "audio1",
+                  "", 2, 1536},
+        Packaging{"DashEac3FromMp4", {kVideoAndEac3}, "", {{"video0", kVideoAndEac3}}, "audio1", "", 2, 1536},
+        Packaging{"DashMp2Audio", {kVideoAndMp2}, "", {{"video0", kVideoAndMp2}}, "audio1", "", 2, 1152},
+        Packaging{"DashMp3FromMp4", {kVideoAndMp3}, "", {{"video0", kVideoAndMp3}}, "audio1", "", 2, 1152},
+        Packaging{"SmoothAc3Surround", {kVideoAndAc3}, "-f smooth", {{"video:0", kVideoAndAc3}}, "audio:0", "", 2, 1536},
         // Under the default options the input's GOP duration is measured, and segments follow it.
         Packaging{"DashOfFourSecondGops", {kGop4}, "", {{"video0", kGop4}}, "",
                   "key frames every 4000 ms: GOP duration 4000 ms", 4},
@@ -452,7 +472,7 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux(source + " /proc/fmp4mux-cannot-write-here"), 4, "output folder"},
         // An input that cannot be opened, or holds nothing to package, leaves no output folder behind.
         {mux(q(dir() / "missing.ts") + " " + q(never)), 3, "cannot open input"},
-        {mux(q(made(kMp2Only)) + " " + q(never)), 3, "no stream that can be packaged"},
+        {mux(q(made(kOpusOnly)) + " " + q(never)), 3, "no stream that can be packaged"},
         {mux(q(made(kLow)) + " " + q(made(kMidOutOfStep)) + " " + q(never)), 3, "are 500 ms out of step (GOP 2000 ms)"},
         {mux("-g 2000 " + q(made(kGop4)) + " " + q(dir() / "g2000")), 0, "has key frames every 4000 ms, but -g says 2000 ms"},
         // Encryption: a key or key id that cannot be one, a missing key file; the key itself is never quoted.

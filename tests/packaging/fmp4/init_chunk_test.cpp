@@ -178,7 +178,7 @@ ElementaryStreamAttributes videoAttributes() {
 const VideoManifestInfo kVideo{.fourCC = "avc1", .codecs = "avc1.64001f", .codecPrivateData = {0, 0, 0, 1, 0x67, 0x64, 0xAB},
                                .width = 1280, .height = 720, .frameRateNumerator = 25, .sarWidth = 4, .sarHeight = 3};
 const AudioManifestInfo kAudio{.fourCC = "mp4a", .codecs = "mp4a.40.2", .codecPrivateData = {0x11, 0x90}, .channels = 2,
-                               .samplingRate = 48000};
+                               .samplingRate = 48000, .channelScheme = {}, .channelValue = {}};
 
 ElementaryStreamAttributes audioAttributes() {
     ElementaryStreamAttributes a;

@@ -52,6 +52,9 @@ std::vector<SplitCase> splitCases() {
     const AudioFixture stereo = loadAudioFixture("aac_lc_stereo_48k.adts");
     const AudioFixture surround = loadAudioFixture("aac_lc_51_44k.adts");
     const AudioFixture latm = loadAudioFixture("aac_lc_stereo_48k.latm");
+    const AudioFixture ac3 = loadAudioFixture("ac3_51_48k.ac3");
+    const AudioFixture eac3 = loadAudioFixture("eac3_stereo_44k.eac3");
+    const AudioFixture mp2 = loadAudioFixture("mp2_stereo_48k.mp2");
     using es::StreamType;
     std::vector<SplitCase> cases = {
         {"AnnexBMixed", StreamType::H264_VIDEO, kMixed, referenceUnits(kMixed), Cuts::EveryPair},
@@ -71,6 +74,9 @@ std::vector<SplitCase> splitCases() {
         cases.push_back({"AdtsStereo", StreamType::AAC_ADTS_AUDIO, stereo.bytes, packetBytes(stereo), Cuts::Random, maxPiece});
         cases.push_back({"Adts51", StreamType::AAC_ADTS_AUDIO, surround.bytes, packetBytes(surround), Cuts::Random, maxPiece});
         cases.push_back({"Loas", StreamType::AAC_LATM_AUDIO, latm.bytes, packetBytes(latm), Cuts::Random, maxPiece});
+        cases.push_back({"Ac3", StreamType::AC3_AUDIO, ac3.bytes, packetBytes(ac3), Cuts::Random, maxPiece});
+        cases.push_back({"Eac3", StreamType::AC3_AUDIO, eac3.bytes, packetBytes(eac3), Cuts::Random, maxPiece});
+        cases.push_back({"Mp2", StreamType::MPEG1_AUDIO, mp2.bytes, packetBytes(mp2), Cuts::Random, maxPiece});
     }
     return cases;
 }
