@@ -11,6 +11,7 @@
 #include "packaging/fmp4/manifest/live_server_manifest.h"
 #include "tests/common/boxes.h"
 #include "tests/common/chunks.h"
+#include "tests/common/fixtures.h"
 #include "tests/common/synthetic.h"
 
 namespace {
@@ -161,6 +162,52 @@ TEST(AudioSampleEntry, NoEntryWithoutAUsableConfiguration) {
     EXPECT_FALSE(makeAudioSampleEntry(H264_VIDEO, configChunk({0x11, 0x90}), attributes).entry);
     EXPECT_EQ(channelCountOf(7), 8u);
     EXPECT_EQ(channelCountOf(0), 0u);
+}
+
+// AC-3, E-AC-3 and MPEG-1 entries from ffmpeg's first frames, with configuration boxes worked out by hand from
+// ETSI TS 102 366 annex F. AC-3 5.1: fscod 0, bsid 8, bsmod 0, acmod 7, lfeon 1, frmsizcod 28 (code 14).
+// E-AC-3: one independent substream, 416 bytes at 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same
+// with a hand-made dependent substream of 64 bytes that adds Lrs/Rrs (chanmap 0x0200, chan_loc bit 1): 110 kbit/s.
+TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
+    const Bytes ac3 = packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front();
+    const Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
+    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");
+    dependent.resize(64, 0);
+    struct Case {
+        std::uint32_t type;
+        Bytes config;
+        const char* entryType;
+        Bytes box;  // the configuration box: type and payload
+        std::uint16_t channels;
+        std::uint32_t rate;
+        const char* codecs;
+        const char* channelValue;
+    };
+    const Case cases[] = {
+        {AC3_AUDIO, ac3, "'ac-3'", hex("'dac3' 103DC0"), 6, 48000, "ac-3", "F801"},
+        {AC3_AUDIO, eac3, "'ec-3'", hex("'dec3' 02F8 600400"), 2, 44100, "ec-3", "A000"},
+        {AC3_AUDIO, cat({eac3, dependent}), "'ec-3'", hex("'dec3' 0370 60040202"), 4, 44100, "ec-3", "A200"},
+        // esds: object type 0x6B, then the decoder specific info as the sample builder makes it.
+        {MPEG1_AUDIO, hex("F97E 0177 0040"), "'mp4a'", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b", "2"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.codecs + std::string(c.channelValue));
+        const AudioSampleEntryResult result = makeAudioSampleEntry(c.type, configChunk(c.config), ElementaryStreamAttributes{});
+        ASSERT_TRUE(result.entry);
+        const Bytes bytes = writeBox(result.entry);
+        EXPECT_EQ(slice(bytes, 4, 4), hex(c.entryType));
+        EXPECT_EQ(be16(&bytes[24]), c.channels);
+        EXPECT_EQ(be16(&bytes[32]), c.rate & 0xFFFF);
+        EXPECT_EQ(slice(bytes, bytes.size() - c.box.size(), c.box.size()), c.box);
+        EXPECT_EQ(codecString(*result.entry), c.codecs);
+        EXPECT_EQ(result.manifest.codecs, c.codecs);
+        EXPECT_EQ(result.manifest.channelValue, c.channelValue);
+        EXPECT_EQ(result.manifest.samplingRate, c.rate);
+    }
+    EXPECT_EQ(slice(writeBox(makeAudioSampleEntry(MPEG1_AUDIO, configChunk(hex("F97E 0177 0040")), {}).entry), 55, 1),
+              hex("6B"));
+    // A damaged first frame gives no entry.
+    EXPECT_FALSE(makeAudioSampleEntry(AC3_AUDIO, configChunk(hex("0B77 0000 C0 40 00 00")), {}).entry);
 }
 
 // --- the server manifest ------------------------------------------------------------------------------
