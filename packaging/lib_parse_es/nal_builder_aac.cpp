@@ -24,10 +24,14 @@ bool StreamByteQueue::push(IMediaData* data) {
 }
 
 std::uint8_t StreamByteQueue::at(std::uint64_t position) const {
-    // Looked up from the back: the callers ask for bytes near the newest one.
-    for (auto it = m_buffers.rbegin(); it != m_buffers.rend(); ++it)
-        if (position >= it->start) return position < it->start + it->size ? it->bytes[position - it->start] : 0;
-    return 0;
+    // The newest buffer first, where the callers mostly look; otherwise a binary search by start.
+    if (m_buffers.empty() || position < m_buffers.front().start || position >= m_end) return 0;
+    const Entry& last = m_buffers.back();
+    if (position >= last.start) return last.bytes[position - last.start];
+    const auto it = std::upper_bound(m_buffers.begin(), m_buffers.end(), position,
+                                     [](std::uint64_t p, const Entry& e) { return p < e.start; });
+    const Entry& entry = *(it - 1);
+    return position < entry.start + entry.size ? entry.bytes[position - entry.start] : 0;
 }
 
 void StreamByteQueue::dropBefore(std::uint64_t position) {

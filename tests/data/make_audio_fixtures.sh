@@ -39,6 +39,11 @@ ffmpeg -v error -y -f lavfi -i "sine=frequency=500:sample_rate=44100:duration=1"
 ffmpeg -v error -y -f lavfi -i "sine=frequency=500:sample_rate=48000:duration=1" -ac 2 -c:a mp2 -b:a 192k -f mp2 mp2_stereo_48k.mp2
 ffmpeg -v error -y -f lavfi -i "sine=frequency=500:sample_rate=44100:duration=1" -ac 2 -c:a libmp3lame -b:a 128k \
   -write_xing 0 -id3v2_version 0 -f mp3 mp3_stereo_44k.mp3
+# The same units as the AAC fixtures' (1/28224000 s): the MPEG audio demuxer reports them, the Dolby ones
+# report 1/90000 s, rescaled here.
 for f in ac3_51_48k.ac3 eac3_stereo_44k.eac3 mp2_stereo_48k.mp2 mp3_stereo_44k.mp3; do
-  ffprobe -v error -show_packets -show_entries packet=pts,duration,size -of csv=p=0 "$f" | grep -E '^-?[0-9]+,' > "$f.packets.csv"
+  base=$(ffprobe -v error -show_entries stream=time_base -of csv=p=0 "$f")
+  ffprobe -v error -show_packets -show_entries packet=pts,duration,size -of csv=p=0 "$f" | grep -E '^-?[0-9]+,' |
+    if [ "$base" = "1/90000" ]; then awk -F, '{ printf "%d,%d,%d\n", $1 * 3136 / 10, $2 * 3136 / 10, $3 }'; else cat; fi \
+    > "$f.packets.csv"
 done

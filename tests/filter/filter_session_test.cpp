@@ -114,3 +114,46 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     EXPECT_EQ(delivered, 2 * (expected[0].size() + expected[1].size()));
 }
 }  // namespace
+
+namespace {
+// H.264 with each sync-frame audio format: both outputs get an init chunk and media chunks, and end. Before these
+// formats had builders, such a session made no chunk at all and never ended.
+TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
+    const struct { const char* file; std::size_t row; bool layer3; } cases[] = {
+        {"ac3_51_48k.ac3", 4, false},
+        {"eac3_stereo_44k.eac3", 5, false},
+        {"mp2_stereo_48k.mp2", 9, false},
+        {"mp3_stereo_44k.mp3", 10, true},
+    };
+    const testkit::Fixture video = testkit::loadFixture("h264_plain");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        const testkit::AudioFixture audio = testkit::loadAudioFixture(c.file);
+        const Inputs inputs = loadInputs(video, audio);
+        FilterHolder filter(CMuxFmp4Filter::Create(c.layer3 ? withMpeg1Layer3({}) : fmp4::Fmp4MuxParts{}));
+        testkit::RecordingLogger logger;
+        filter->SetLogger(&logger);
+        ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
+        ASSERT_EQ(filter->ConfigureInputPin(1000000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
+        ASSERT_EQ(filter->inputPins().at(0)->ReceiveConnection(inputType(1)), S_OK);
+        ASSERT_EQ(filter->ConfigureInputPin(128000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
+        ASSERT_EQ(filter->inputPins().at(1)->ReceiveConnection(inputType(c.row)), S_OK);
+        RecordingSink sinks[2];
+        for (std::size_t o = 0; o < 2; ++o) ASSERT_EQ(filter->outputPins().at(o)->Connect(&sinks[o]), S_OK);
+        ASSERT_EQ(filter->Pause(), S_OK);
+        ASSERT_EQ(filter->Run(), S_OK);
+        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+        std::thread videoThread([&] { push(*filter->inputPins().at(0), inputs[0]); });
+        std::thread audioThread([&] { push(*filter->inputPins().at(1), inputs[1]); });
+        videoThread.join();
+        audioThread.join();
+        for (auto& sink : sinks) {
+            ASSERT_TRUE(sink.waitForEnds(1));
+            const auto chunks = joinChunks(sink.snapshot());
+            ASSERT_GE(chunks.size(), 2u);
+            EXPECT_TRUE(chunks.front().init);
+        }
+        ASSERT_EQ(filter->Stop(), S_OK);
+    }
+}
+}  // namespace
