@@ -15,6 +15,7 @@
 // encrypted presentations. --player shaka plays with shaka-player instead of dash.js (DASH only). --format hls plays
 // a multivariant playlist with hls.js (its ClearKey licence comes from a licence address of this server); with
 // --switch-level it starts on the first variant and, past 2 s, is made to switch to the last, which it must show.
+// --require-type TYPE ends with 77 (and says so) when MediaSource.isTypeSupported(TYPE) is false in this Chromium.
 // --manifest-url URL plays a live presentation that another server serves (fmp4mux --serve) in place of
 // FOLDER MANIFEST; with --max-latency SECONDS it is played in dash.js's low-latency mode for --min-time seconds from
 // its first frame, the player's own live-latency figure is read every 250 ms and printed, and the run fails when
@@ -47,7 +48,7 @@ function usage(message) {
 
 function parseArgs(argv) {
   const opts = { format: 'dash', player: 'dashjs', clearKey: null, minTime: 6, timeout: 40, seek: null, grab: null,
-                 manifestUrl: null, maxLatency: null, switchLevel: false, positional: [] };
+                 manifestUrl: null, maxLatency: null, switchLevel: false, requireType: null, positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -64,6 +65,7 @@ function parseArgs(argv) {
     else if (a === '--manifest-url') opts.manifestUrl = value();
     else if (a === '--max-latency') opts.maxLatency = Number(value());
     else if (a === '--switch-level') opts.switchLevel = true;
+    else if (a === '--require-type') opts.requireType = value();
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
   }
@@ -354,6 +356,12 @@ async function main() {
     console.log(`play.mjs: ${opts.format}: serving ${opts.folder} at http://127.0.0.1:${port}/, playing ${opts.manifest} ` +
                 `in Chromium ${browserVersion}`);
     await page.goto(pageUrl, { waitUntil: 'load', timeout: 15000 });
+    // A media type this Chromium's MediaSource refuses can't be played here at all: say so, and end with 77 (skip).
+    if (opts.requireType !== null &&
+        !(await page.evaluate((t) => window.MediaSource && MediaSource.isTypeSupported(t), opts.requireType))) {
+      console.log(`play.mjs: this Chromium (${browserVersion}) refuses MediaSource type ${opts.requireType}`);
+      return 77;
+    }
 
     if (opts.maxLatency !== null) return await playLive(page, opts, requests, consoleLines);
     const started = Date.now();

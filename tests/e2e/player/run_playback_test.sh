@@ -27,6 +27,9 @@
 #                  at least twice, and shaka-player given the server's keys plays past 8 s through the changes
 #   renditions     (HLS) three renditions of the sample (416, 640 and 960 wide, encoded again with aligned GOPs)
 #                  and its audio: hls.js starts on the first variant and, forced past 2 s, shows the last
+#   mp3            the sample with its audio encoded again as MP3: the MPD says mp4a.6b; when this Chromium's
+#                  MediaSource takes that type, dash.js plays past 6 s, and when it refuses it the test says so
+#                  and is skipped (exit 77)
 #   seek           the sample; once 8 s are buffered the player seeks to the middle of its second GOP, and the
 #                  picture it shows must be the source's frame at that time as ffmpeg decodes it (frame_diff.mjs)
 #
@@ -88,6 +91,10 @@ case "$CASE" in
       fail "ffmpeg could not make the input"
     INPUT=$SAMPLE INPUT2=$OUT/later.ts ;;
   seek) INPUT=$SAMPLE MIN_TIME=8 ;;
+  mp3)
+    ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c:v copy -c:a libmp3lame -b:a 128k -f mpegts \
+      "$OUT/input.ts" || fail "ffmpeg could not make the input"
+    INPUT=$OUT/input.ts ;;
   renditions)
     for size in 416x234 640x360 960x540; do
       ffmpeg -hide_banner -loglevel error -y -i "$SAMPLE" -map 0 -c:a copy -c:v libx264 -preset veryfast -s "$size" \
@@ -228,6 +235,16 @@ if [ "$CASE" = kms-rotation ]; then
   [ "$FRAMES" -eq 250 ] || fail "decrypted, the video has $FRAMES frames, the source 250"
 fi
 
+if [ "$CASE" = mp3 ]; then
+  grep -q 'codecs="mp4a.6b"' "$OUT/out/$manifest" || fail "the MPD does not say mp4a.6b for the MP3 audio"
+  rc=0
+  node "$HERE/play.mjs" --format "$FORMAT" --require-type 'audio/mp4; codecs="mp4a.6b"' --min-time "$MIN_TIME" \
+    --timeout 60 "$OUT/out" "$manifest" || rc=$?
+  [ "$rc" -eq 77 ] && { echo "run_playback_test: SKIP: this Chromium refuses MP3 in MP4 (mp4a.6b)"; exit 77; }
+  [ "$rc" -eq 0 ] || fail "dash.js in Chromium did not play the MP3 audio of the $FORMAT output of fmp4mux"
+  echo "run_playback_test: PASS ($FORMAT, $CASE)"
+  exit 0
+fi
 if [ "$CASE" != seek ]; then
   node "$HERE/play.mjs" --format "$FORMAT" --player "$PLAYER" "${CLEARKEY[@]}" "${SWITCH[@]}" --min-time "$MIN_TIME" \
     --timeout 60 "$OUT/out" "$manifest" ||
