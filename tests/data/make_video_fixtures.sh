@@ -31,3 +31,13 @@ make hevc_bframes -c:v libx265 -preset veryfast -g 24 -bf 3 \
 # A larger stream for the Annex B scanning benchmark only (no packet list needed).
 ffmpeg -v error -y -f lavfi -i testsrc2=size=640x360:rate=25 -frames:v 50 -pix_fmt yuv420p \
   -c:v libx264 -preset veryfast -bf 3 -crf 16 -f h264 h264_bench_640x360.es
+
+# The framings of the video kinds that are parsed but not packaged, three pictures each, as bare streams:
+# MPEG-2 video 720x576 4:3 at 25 fps, H.263 and MPEG-4 Visual QCIF, and ProRes 64x64 taken out of its MOV whole.
+ffmpeg -v error -y -f lavfi -i testsrc2=size=720x576:rate=25 -frames:v 3 -c:v mpeg2video -q:v 31 -aspect 4:3 \
+  -f mpeg2video mpeg2_720x576.m2v
+ffmpeg -v error -y -f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 3 -c:v h263 -q:v 31 -f h263 h263_qcif.h263
+ffmpeg -v error -y -f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 3 -c:v mpeg4 -q:v 31 -f m4v mpeg4_qcif.m4v
+ffmpeg -v error -y -f lavfi -i testsrc2=size=64x64:rate=25 -frames:v 3 -c:v prores -profile:v 0 prores.mov
+ffmpeg -v error -y -i prores.mov -map 0:v -c:v copy -f rawvideo prores_64x64.prores
+rm -f prores.mov

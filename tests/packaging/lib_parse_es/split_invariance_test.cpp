@@ -44,6 +44,27 @@ TEST(ReferenceWalk, CutsTheMixedStreamAsIntended) {
     EXPECT_EQ(referenceUnits(kMixed), expected);
 }
 
+// The units of a stream pushed whole.
+std::vector<Bytes> wholeUnits(std::uint32_t type, const Bytes& stream) {
+    auto builder = es::createNalBuilder(type);
+    NalCollector collector;
+    builder->setListener(&collector);
+    builder->push(makeBuffer(stream.data(), stream.size()).get());
+    builder->flush();
+    return collector.all();
+}
+
+// A stream cut at the sizes of its frames.
+std::vector<Bytes> cutAt(const Bytes& stream, std::initializer_list<std::size_t> sizes) {
+    std::vector<Bytes> out;
+    std::size_t at = 0;
+    for (std::size_t size : sizes) {
+        out.push_back(Bytes(stream.begin() + static_cast<std::ptrdiff_t>(at), stream.begin() + static_cast<std::ptrdiff_t>(at + size)));
+        at += size;
+    }
+    return out;
+}
+
 Bytes head(const Bytes& bytes, std::size_t size) { return Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)); }
 
 std::vector<SplitCase> splitCases() {
@@ -70,6 +91,16 @@ std::vector<SplitCase> splitCases() {
         {"ProRes", StreamType::PRORES, hex("0000000A 'icpf' AABB 00000009 'icpf' CC"),
          {hex("0000000A 'icpf' AABB"), hex("00000009 'icpf' CC")}, Cuts::EveryPair},
     };
+    // ffmpeg's streams of the same kinds: ProRes by ffprobe's frame sizes; MPEG-2 video and MPEG-4 Visual (a unit
+    // at every start code) as pushed whole, which the start-code count checks below.
+    const Bytes mpeg2 = readData("mpeg2_720x576.m2v");
+    const Bytes mpeg4 = readData("mpeg4_qcif.m4v");
+    const Bytes prores = readData("prores_64x64.prores");
+    cases.push_back({"Mpeg2Video", StreamType::MPEG2_VIDEO, mpeg2, wholeUnits(StreamType::MPEG2_VIDEO, mpeg2), Cuts::Random, 700});
+    cases.push_back({"Mpeg4VisualFfmpeg", StreamType::MPEG4_VIDEO, mpeg4, wholeUnits(StreamType::MPEG4_VIDEO, mpeg4), Cuts::Random, 7});
+    cases.push_back({"ProResFfmpeg", StreamType::PRORES, prores, cutAt(prores, {1535, 1561, 1596}), Cuts::Random, 9});
+    cases.push_back({"H263Ffmpeg", StreamType::H263_VIDEO, readData("h263_qcif.h263"),
+                     wholeUnits(StreamType::H263_VIDEO, readData("h263_qcif.h263")), Cuts::Random, 3});
     for (std::size_t maxPiece : {1u, 5u, 300u, 5000u}) {
         cases.push_back({"AdtsStereo", StreamType::AAC_ADTS_AUDIO, stereo.bytes, packetBytes(stereo), Cuts::Random, maxPiece});
         cases.push_back({"Adts51", StreamType::AAC_ADTS_AUDIO, surround.bytes, packetBytes(surround), Cuts::Random, maxPiece});
@@ -126,6 +157,25 @@ TEST_P(SplitInvariance, TheSameUnitsWhereverTheBuffersEnd) {
             EXPECT_EQ(collector.all(), c.expected);
             break;
         }
+    }
+}
+
+// The whole-stream references of ffmpeg's MPEG-2, MPEG-4 Visual and H.263 streams: a unit at every start code
+// (MPEG-2, MPEG-4) or picture start code (H.263, three pictures), and together the whole stream.
+TEST(ReferenceWalk, FfmpegVideoStreamsHaveAUnitPerStartCode) {
+    const struct { const char* file; std::uint32_t type; bool pictureCodes; } streams[] = {
+        {"mpeg2_720x576.m2v", es::StreamType::MPEG2_VIDEO, false},
+        {"mpeg4_qcif.m4v", es::StreamType::MPEG4_VIDEO, false},
+        {"h263_qcif.h263", es::StreamType::H263_VIDEO, true},
+    };
+    for (const auto& s : streams) {
+        const Bytes stream = readData(s.file);
+        std::size_t codes = 0;
+        for (std::size_t i = 0; i + 2 < stream.size(); ++i)
+            if (stream[i] == 0 && stream[i + 1] == 0 && (s.pictureCodes ? (stream[i + 2] & 0xFC) == 0x80 : stream[i + 2] == 1)) ++codes;
+        const std::vector<Bytes> units = wholeUnits(s.type, stream);
+        EXPECT_EQ(units.size(), s.pictureCodes ? 3u : codes) << s.file;
+        EXPECT_EQ(cat(units), stream) << s.file;
     }
 }
 
