@@ -31,9 +31,11 @@ void SampleBuilderAudio::sendDecoderConfig(std::uint32_t inputType) {
     emit(std::move(config));
 }
 
-void SampleBuilderAudio::emitFrame(std::uint32_t inputType, std::unique_ptr<NAL> payload, std::int64_t pts,
-                                   std::uint32_t rate, std::int64_t duration, const NalTimingInfo& timing) {
+void SampleBuilderAudio::emitFrameWithSync(std::uint32_t inputType, std::unique_ptr<NAL> payload, std::int64_t pts,
+                                           std::uint32_t rate, std::int64_t duration, const NalTimingInfo& timing,
+                                           bool sync) {
     auto sample = std::make_unique<Sample>();
+    sample->sync = sync;
     sample->streamId = streamId;
     sample->kind = KindAudio;
     sample->inputType = inputType;

@@ -28,7 +28,12 @@ protected:
     void sendDecoderConfig(std::uint32_t inputType);
     // An audio frame (kind 1) holding `payload`, at `pts` = dts in units of `rate`.
     void emitFrame(std::uint32_t inputType, std::unique_ptr<NAL> payload, std::int64_t pts, std::uint32_t rate,
-                   std::int64_t duration, const lib_parse_es::NalTimingInfo& timing);
+                   std::int64_t duration, const lib_parse_es::NalTimingInfo& timing) {
+        emitFrameWithSync(inputType, std::move(payload), pts, rate, duration, timing, false);
+    }
+    // The same with the random-access mark given (the frames above leave it clear).
+    void emitFrameWithSync(std::uint32_t inputType, std::unique_ptr<NAL> payload, std::int64_t pts, std::uint32_t rate,
+                           std::int64_t duration, const lib_parse_es::NalTimingInfo& timing, bool sync);
 };
 
 // ADTS frames: the sample is the frame without its 7- or 9-byte header.
@@ -84,6 +89,19 @@ class SampleBuilderMpeg1Audio : public SampleBuilderAudio {
 public:
     using SampleBuilderAudio::SampleBuilderAudio;
     void onNal(std::unique_ptr<NAL>& nal) override;
+};
+
+// AC-4 frames, whole (sync word, size and CRC included). The timescale and frame length come from the first
+// readable TOC, which also goes out as the configuration sample (the whole frame: the sample entry builds the
+// "dac4" from it); `sync` follows b_iframe_global. Frames without a time are dropped.
+class SampleBuilderAc4Audio : public SampleBuilderAudio {
+public:
+    using SampleBuilderAudio::SampleBuilderAudio;
+    void onNal(std::unique_ptr<NAL>& nal) override;
+
+private:
+    std::uint32_t m_timescale = 0;
+    std::uint32_t m_frameLength = 0;
 };
 
 }  // namespace v1

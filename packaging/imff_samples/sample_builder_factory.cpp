@@ -16,6 +16,7 @@ std::unique_ptr<SampleBuilder> createSampleBuilder(std::uint32_t streamType, boo
         case fmp4::AAC_RAW_AUDIO: return std::make_unique<SampleBuilderAACRAWAudio>(listener, inBandParameterSets);
         case fmp4::AC3_AUDIO: return std::make_unique<SampleBuilderAc3Audio>(listener, inBandParameterSets);
         case fmp4::MPEG1_AUDIO: return std::make_unique<SampleBuilderMpeg1Audio>(listener, inBandParameterSets);
+        case fmp4::AC4_AUDIO: return std::make_unique<SampleBuilderAc4Audio>(listener, inBandParameterSets);
         // Each further codec's sample builder adds its case here.
         default: return nullptr;
     }

@@ -98,5 +98,25 @@ void SampleBuilderMpeg1Audio::onNal(std::unique_ptr<NAL>& holder) {
     emitFrame(StreamType::MPEG1_AUDIO, copyNal(*holder, 0), pts, rate, duration, holder->timing);
 }
 
+// ---- AC-4 ----
+
+void SampleBuilderAc4Audio::onNal(std::unique_ptr<NAL>& holder) {
+    if (!holder || holder->type != StreamType::AC4_AUDIO) return;
+    lib_parse_es::Ac4Toc toc;
+    const bool readable = lib_parse_es::parseAc4Toc({holder->bytes(), holder->length}, toc);
+    if (decoderConfig.empty()) {
+        if (!readable || lib_parse_es::ac4FrameLength(toc) == 0) return;
+        m_timescale = lib_parse_es::ac4Timescale(toc);
+        m_frameLength = lib_parse_es::ac4FrameLength(toc);
+        sampleRate = static_cast<std::int32_t>(m_timescale);
+        decoderConfig.assign(holder->bytes(), holder->bytes() + holder->length);
+        sendDecoderConfig(StreamType::AC4_AUDIO);
+    }
+    if (!holder->timing.hasTime) return;
+    const std::int64_t pts = rescaleFrom90kHz(holder->timing.time90kHz(), m_timescale);
+    emitFrameWithSync(StreamType::AC4_AUDIO, copyNal(*holder, 0), pts, m_timescale, m_frameLength, holder->timing,
+                      readable && toc.iframeGlobal);
+}
+
 }  // namespace v1
 }  // namespace tvrn::encoding::packaging::imff::imff_samples

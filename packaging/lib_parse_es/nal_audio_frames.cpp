@@ -202,5 +202,107 @@ std::vector<std::uint8_t> mpeg1DecoderConfig(std::uint32_t sampleRate, std::uint
     return out;
 }
 
+namespace {
+// variable_bits(n) of ETSI TS 103 190-1 4.2.2.
+std::uint32_t variableBits(BitReader& r, unsigned n) {
+    std::uint32_t value = 0;
+    for (int guard = 0; guard < 8 && r.good(); ++guard) {
+        value += r.readBits(n);
+        if (!r.readFlag()) break;
+        value = (value << n) + (1u << n);
+    }
+    return value;
+}
+}  // namespace
+
+bool parseAc4Toc(std::span<const std::uint8_t> frame, Ac4Toc& out) {
+    out = {};
+    if (frame.size() < 4 || frame[0] != 0xAC || (frame[1] & 0xFE) != 0x40) return false;
+    BitReader r(frame.data(), frame.size());
+    r.skipBits(16);
+    if (r.readBits(16) == 0xFFFF) r.skipBits(24);  // frame_size
+    out.bitstreamVersion = r.readBits(2);
+    if (out.bitstreamVersion == 3) out.bitstreamVersion += variableBits(r, 2);
+    out.sequenceCounter = r.readBits(10);
+    if (r.readFlag()) {  // b_wait_frames
+        if (r.readBits(3) > 0) r.skipBits(2);  // wait_frames, br_code
+    }
+    out.fsIndex = r.readBits(1);
+    out.frameRateIndex = r.readBits(4);
+    out.iframeGlobal = r.readFlag();
+    if (r.readFlag()) {
+        out.presentations = 1;  // b_single_presentation
+    } else if (r.readFlag()) {
+        out.presentations = variableBits(r, 2) + 2;  // b_more_presentations
+    }
+    if (r.readFlag()) {  // b_payload_base
+        if (r.readBits(5) + 1 == 0x20) variableBits(r, 3);
+    }
+    if (out.bitstreamVersion > 1) {
+        out.programId = r.readFlag();
+        if (out.programId) {
+            out.shortProgramId = r.readBits(16);
+            if (r.readFlag()) r.skipBits(128);  // program_uuid
+        }
+        if (out.presentations > 0) {
+            // ac4_presentation_v1_info() up to presentation_version() and mdcompat.
+            const bool singleGroup = r.readFlag();
+            std::uint32_t config = 0;
+            if (!singleGroup) {
+                config = r.readBits(3);
+                if (config == 7) config += variableBits(r, 2);
+            }
+            while (r.good() && out.presentationVersion < 32 && r.readFlag()) ++out.presentationVersion;
+            if (singleGroup || config != 6) out.mdcompat = r.readBits(3);
+        }
+    }
+    return r.good() && out.bitstreamVersion <= 2;
+}
+
+std::uint32_t ac4Timescale(const Ac4Toc& toc) {
+    if (toc.fsIndex == 0) return 44100;
+    return toc.frameRateIndex < 64 && ((0x908u >> toc.frameRateIndex) & 1u) ? 240000 : 48000;
+}
+
+std::uint32_t ac4FrameLength(const Ac4Toc& toc) {
+    static constexpr std::uint32_t kLengths[16] = {2002, 2000, 1920, 8008, 1600, 1001, 1000, 960,
+                                                   4004, 800,  480,  2002, 400,  2048, 0,    0};
+    if (toc.fsIndex == 0) return 2048;
+    return kLengths[toc.frameRateIndex & 15];
+}
+
+std::vector<std::uint8_t> ac4DecoderSpecificInfo(const Ac4Toc& toc) {
+    std::vector<std::uint8_t> out;
+    std::uint32_t accumulator = 0;
+    unsigned filled = 0;
+    const auto put = [&](std::uint32_t value, unsigned count) {
+        for (unsigned i = count; i-- > 0;) {
+            accumulator = (accumulator << 1) | ((value >> i) & 1u);
+            if (++filled == 8) {
+                out.push_back(static_cast<std::uint8_t>(accumulator));
+                accumulator = 0;
+                filled = 0;
+            }
+        }
+    };
+    put(1, 3);  // ac4_dsi_version
+    put(toc.bitstreamVersion, 7);
+    put(toc.fsIndex, 1);
+    put(toc.frameRateIndex, 4);
+    put(0, 9);  // n_presentations
+    if (toc.bitstreamVersion > 1) {
+        put(toc.programId ? 1 : 0, 1);
+        if (toc.programId) {
+            put(toc.shortProgramId, 16);
+            put(0, 1);  // b_uuid
+        }
+    }
+    put(0, 2);   // bit_rate_mode: not specified
+    put(0, 32);  // bit_rate
+    put(0, 32);  // bit_rate_precision
+    if (filled > 0) put(0, 8 - filled);
+    return out;
+}
+
 }  // namespace v2
 }  // namespace tvrn::encoding::packaging::lib_parse_es

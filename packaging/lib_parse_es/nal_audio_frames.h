@@ -88,6 +88,35 @@ public:
     std::uint32_t frameSize = 0;
 };
 
+// What the ac4_toc() of an AC-4 frame (ETSI TS 103 190-1 and -2) says that timing, the codec string and the
+// decoder specific information need. The presentation fields are those of the first presentation.
+struct Ac4Toc {
+    std::uint32_t bitstreamVersion = 0;
+    std::uint32_t sequenceCounter = 0;
+    std::uint32_t fsIndex = 0;
+    std::uint32_t frameRateIndex = 0;
+    bool iframeGlobal = false;
+    std::uint32_t presentations = 0;
+    bool programId = false;
+    std::uint32_t shortProgramId = 0;
+    std::uint32_t presentationVersion = 0;
+    std::uint32_t mdcompat = 0;
+};
+
+// Reads the TOC of a frame that starts with the sync word AC 40 or AC 41 and its frame size. False when the
+// frame is short or its version is unknown.
+bool parseAc4Toc(std::span<const std::uint8_t> frame, Ac4Toc& out);
+
+// The timescale and frame length (in ticks of it) of an AC-4 stream: 48000 (240000 for the NTSC-like frame
+// rates 3, 8 and 11) at fs_index 1, 44100 and 2048 at fs_index 0. A frame length of 0 is no frame rate.
+std::uint32_t ac4Timescale(const Ac4Toc& toc);
+std::uint32_t ac4FrameLength(const Ac4Toc& toc);
+
+// The body of the "dac4" box (ac4_dsi_v1 of ETSI TS 103 190-2 annex E) from a TOC: version, rate, the program
+// id, and an unspecified bit rate. Presentations are announced only as their count in the TOC; their own
+// descriptions are not written (n_presentations is 0), which decoders that take the TOC from the frames accept.
+std::vector<std::uint8_t> ac4DecoderSpecificInfo(const Ac4Toc& toc);
+
 class NALAC4 : public NAL {
 public:
     explicit NALAC4(std::int32_t size) : NAL(StreamType::AC4_AUDIO, size) {}

@@ -18,6 +18,7 @@ std::unique_ptr<NALBuilder> createNalBuilder(std::uint32_t streamType) {
         case StreamType::AAC_RAW_AUDIO: return std::make_unique<NALBuilderAACRawAudio>();
         case StreamType::AC3_AUDIO: return std::make_unique<NALBuilderAC3Audio>();
         case StreamType::MPEG1_AUDIO: return std::make_unique<NALBuilderMPEG1Audio>();
+        case StreamType::AC4_AUDIO: return std::make_unique<NALBuilderAC4Audio>();
         case StreamType::MPEG2_VIDEO: return std::make_unique<NALBuilderMPEG2Video>();
         case StreamType::H263_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALH263>>();
         case StreamType::MPEG4_VIDEO: return std::make_unique<NalBuilderStartCodeBased<NALMPEG4Visual>>();

@@ -47,3 +47,22 @@ for f in ac3_51_48k.ac3 eac3_stereo_44k.eac3 mp2_stereo_48k.mp2 mp3_stereo_44k.m
     if [ "$base" = "1/90000" ]; then awk -F, '{ printf "%d,%d,%d\n", $1 * 3136 / 10, $2 * 3136 / 10, $3 }'; else cat; fi \
     > "$f.packets.csv"
 done
+
+# AC-4 (ffmpeg has no encoder): 60 frames made by hand, each sync word AC 40, a frame size of 96, and an ac4_toc
+# of ETSI TS 103 190-2: bitstream_version 2, sequence_counter n, no wait frames, fs_index 1, frame_rate_index 3
+# (29.97 fps, 8008 ticks of 240 kHz), b_iframe_global on all frames but every 4th, one presentation, no payload base, no
+# program id; the presentation: a single substream group, presentation_version 1, mdcompat 2; then zeros.
+python3 - <<'PY'
+bits = lambda v, n: format(v, '0%db' % n)
+frames, rows, t = b'', [], 0
+for n in range(60):
+    toc = bits(2, 2) + bits(n, 10) + '0' + '1' + bits(3, 4) + ('1' if n % 4 != 3 else '0') + '1' + '0' + '0'
+    toc += '1' + '10' + bits(2, 3)
+    toc += '0' * (-len(toc) % 8)
+    payload = int(toc, 2).to_bytes(len(toc) // 8, 'big').ljust(96, b'\0')
+    frames += bytes([0xAC, 0x40, 0, 96]) + payload
+    start = n * 8008 * 28224000 // 240000
+    rows.append('%d,%d,%d' % (start, (n + 1) * 8008 * 28224000 // 240000 - start, 100))
+open('ac4_handmade.ac4', 'wb').write(frames)
+open('ac4_handmade.ac4.packets.csv', 'w').write('\n'.join(rows) + '\n')
+PY

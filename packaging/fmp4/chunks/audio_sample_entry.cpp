@@ -117,6 +117,26 @@ AudioSampleEntryResult makeMpeg1Entry(const std::vector<std::uint8_t>& config,
     return result;
 }
 
+AudioSampleEntryResult makeAc4Entry(const std::vector<std::uint8_t>& firstFrame) {
+    AudioSampleEntryResult result;
+    lib_parse_es::Ac4Toc toc;
+    if (!lib_parse_es::parseAc4Toc(firstFrame, toc)) return result;
+    auto entry = std::make_shared<codec_box::AC4AudioSampleEntry>();
+    entry->dac4.data = lib_parse_es::ac4DecoderSpecificInfo(toc);
+    entry->sampleRate = toc.fsIndex == 0 ? 44100 : 48000;
+    AudioManifestInfo& info = result.manifest;
+    char codecs[32];
+    std::snprintf(codecs, sizeof codecs, "ac-4.%02X.%02X.%02X", toc.bitstreamVersion & 0xFFu,
+                  toc.presentationVersion & 0xFFu, toc.mdcompat & 0xFFu);
+    info.fourCC = "ac-4";
+    info.codecs = codecs;
+    info.codecPrivateData = entry->dac4.data;
+    info.channels = entry->channelCount;
+    info.samplingRate = entry->sampleRate;
+    result.entry = entry;
+    return result;
+}
+
 }  // namespace
 
 bool fillDec3(std::span<const std::uint8_t> accessUnit, codec_box::EC3SpecificBox& dec3) {
@@ -158,7 +178,7 @@ AudioSampleEntryResult makeAudioSampleEntry(std::uint32_t streamType, const Stre
                                             const ElementaryStreamAttributes& attributes) {
     AudioSampleEntryResult result;
     if (streamType != AAC_ADTS_AUDIO && streamType != AAC_LATM_AUDIO && streamType != AAC_RAW_AUDIO &&
-        streamType != AC3_AUDIO && streamType != MPEG1_AUDIO)
+        streamType != AC3_AUDIO && streamType != MPEG1_AUDIO && streamType != AC4_AUDIO)
         return result;
     std::vector<std::uint8_t> config;
     for (const auto& syncSample : firstChunk.samples) {
@@ -171,6 +191,7 @@ AudioSampleEntryResult makeAudioSampleEntry(std::uint32_t streamType, const Stre
     if (config.empty()) return result;
     if (streamType == AC3_AUDIO) return makeDolbyEntry(config);
     if (streamType == MPEG1_AUDIO) return makeMpeg1Entry(config, attributes);
+    if (streamType == AC4_AUDIO) return makeAc4Entry(config);
 
     m4a::AudioSpecificConfig asc;
     try {

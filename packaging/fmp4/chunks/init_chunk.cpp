@@ -51,7 +51,7 @@ std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale
                                   std::uint32_t streamType, const ElementaryStreamAttributes& attributes,
                                   bool inBandParameterSets, const StreamChunk& firstChunk, bool isMain) {
     if (streamType == AAC_ADTS_AUDIO || streamType == AAC_LATM_AUDIO || streamType == AAC_RAW_AUDIO ||
-        streamType == AC3_AUDIO || streamType == MPEG1_AUDIO) {
+        streamType == AC3_AUDIO || streamType == MPEG1_AUDIO || streamType == AC4_AUDIO) {
         // The audio entry from the stream's decoder configuration; the track's timescale is the output's, not the rate.
         AudioSampleEntryResult audio = makeAudioSampleEntry(streamType, firstChunk, attributes);
         if (!audio.entry) return 0;

@@ -206,6 +206,16 @@ TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
     }
     EXPECT_EQ(slice(writeBox(makeAudioSampleEntry(MPEG1_AUDIO, configChunk(hex("F97E 0177 0040")), {}).entry), 55, 1),
               hex("6B"));
+    // AC-4 from the hand-made first frame: ac4_dsi_v1 with version 1, bitstream_version 2, fs_index 1,
+    // frame_rate_index 3, no presentation descriptions, no program id, bit rate mode 0 with two zero rates: 91 bits
+    // in 12 bytes. The codec string takes presentation_version 1 and mdcompat 2 from the frame's TOC.
+    const AudioSampleEntryResult ac4 =
+        makeAudioSampleEntry(AC4_AUDIO, configChunk(packetBytes(loadAudioFixture("ac4_handmade.ac4")).front()), {});
+    ASSERT_TRUE(ac4.entry);
+    const Bytes ac4Bytes = writeBox(ac4.entry);
+    EXPECT_EQ(slice(ac4Bytes, 4, 4), hex("'ac-4'"));
+    EXPECT_EQ(slice(ac4Bytes, ac4Bytes.size() - 20, 20), hex("00000014 'dac4' 20A60000 00000000 00000000"));
+    EXPECT_EQ(ac4.manifest.codecs, "ac-4.02.01.02");
     // A damaged first frame gives no entry.
     EXPECT_FALSE(makeAudioSampleEntry(AC3_AUDIO, configChunk(hex("0B77 0000 C0 40 00 00")), {}).entry);
 }

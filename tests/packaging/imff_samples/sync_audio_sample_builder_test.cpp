@@ -64,4 +64,32 @@ TEST(SyncAudioSamples, ConfigurationThenEveryFrameCountedFromTheInputTime) {
     }
 }
 
+// Hand-made AC-4 frames (tests/data/make_audio_fixtures.sh): frame_rate_index 3 gives 8008 ticks of 240 kHz, all
+// frames but every fourth are I-frames; the first frame is the configuration; each frame is timed by its buffer.
+TEST(SyncAudioSamples, Ac4FramesOfTheirTocsTimescaleAndIFrames) {
+    const AudioFixture fixture = loadAudioFixture("ac4_handmade.ac4");
+    const std::vector<Bytes> frames = packetBytes(fixture);
+    SampleCollector c;
+    auto builder = es::createNalBuilder(es::StreamType::AC4_AUDIO);
+    auto sampleBuilder = samples::createSampleBuilder(es::StreamType::AC4_AUDIO, false, &c);
+    builder->setListener(sampleBuilder.get());
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        auto buffer = makeBuffer(frames[i]);
+        const std::int64_t t = probeTo100ns(fixture.packets[i].pts);
+        buffer->SetTime(&t, nullptr);
+        builder->push(buffer.get());
+    }
+    builder->flush();
+    ASSERT_FALSE(c.all.empty());
+    EXPECT_EQ(sampleBytes(*c.all[0]), frames[0]);
+    const auto audio = c.ofKind(samples::KindAudio);
+    ASSERT_EQ(audio.size(), frames.size());
+    for (std::size_t i = 0; i < audio.size(); ++i) {
+        EXPECT_EQ(sampleBytes(*audio[i]), frames[i]) << i;
+        EXPECT_EQ(std::make_tuple(audio[i]->timescale, audio[i]->duration, audio[i]->sync),
+                  std::make_tuple(std::uint64_t{240000}, std::int64_t{8008}, i % 4 != 3)) << i;
+        EXPECT_NEAR(static_cast<double>(audio[i]->pts), static_cast<double>(i) * 8008, 1.0) << i;
+    }
+}
+
 }  // namespace
