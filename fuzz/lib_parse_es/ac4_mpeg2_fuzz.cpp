@@ -1,0 +1,125 @@
+// libFuzzer entry for AC-4 and MPEG-2 video: the first bytes choose the path, the cuts and the timing; the rest is
+// the stream. AC-4 runs through its framing and sample builder; the TOC parse with the decoder specific
+// information, and the MPEG-2 framing with the sequence header parse, run on the bytes directly. Only the frame
+// rate lookup may throw, and only its own exception.
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+#include "packaging/imff_samples/sample_builder.h"
+#include "packaging/lib_parse_es/nal_audio_frames.h"
+#include "packaging/lib_parse_es/mpeg2_video.h"
+#include "packaging/lib_parse_es/nal_builder_audio_frames.h"
+
+namespace {
+
+namespace es = tvrn::encoding::packaging::lib_parse_es;
+namespace samples = tvrn::encoding::packaging::imff::imff_samples;
+using tvrn::encoding::packaging::imff::fmp4::SimpleMediaData;
+
+// Reads every sample back completely, as the box layer would, and checks what every audio sample promises.
+struct Sink : samples::ISampleListener {
+    void onStreamAdded(std::uint32_t, std::uint32_t) override {}
+    void onSample(std::unique_ptr<samples::ISample>& sample) override {
+        std::vector<std::uint8_t> bytes;
+        sample->getBytes(bytes);
+        std::int64_t pts = 0, dts = 0, duration = 0;
+        std::uint64_t timescale = 0;
+        const bool hasPts = sample->getPts(pts);
+        sample->getDts(dts);
+        sample->getDuration(duration);
+        sample->getTimescale(timescale);
+        if (hasPts && (pts != dts || timescale == 0 || duration <= 0)) __builtin_trap();
+        checksum += bytes.size() + static_cast<std::uint64_t>(pts);
+    }
+    void onEnd(std::uint32_t) override { ++ends; }
+    std::uint64_t checksum = 0;
+    int ends = 0;
+};
+
+std::uint32_t nextRandom(std::uint32_t& state) {
+    state = state * 1664525u + 1013904223u;
+    return state >> 8;
+}
+
+void feed(es::NALBuilder& builder, const std::uint8_t* data, std::size_t size, std::uint32_t seed,
+          std::uint32_t maxPiece) {
+    std::size_t offset = 0;
+    std::int64_t time = 0;
+    while (offset < size) {
+        const std::uint32_t r = nextRandom(seed);
+        const std::size_t piece = std::min<std::size_t>(size - offset, 1 + r % maxPiece);
+        auto buffer = SimpleMediaData::create(data + offset, piece);
+        if (r & 0x10000) {
+            time += static_cast<std::int64_t>((r >> 4) % 200000) - 40000;
+            buffer->SetTime(&time, nullptr);
+        }
+        buffer->SetSyncPoint((r & 0x80000) != 0);
+        buffer->SetDiscontinuity((r & 0x100000) != 0);
+        builder.push(buffer.get());
+        offset += piece;
+    }
+    builder.flush();
+}
+
+// Collects MPEG-2 units and parses each sequence header among them.
+struct Mpeg2Units : es::NALListener {
+    void onNal(std::unique_ptr<es::NAL>& nal) override {
+        auto* unit = dynamic_cast<es::NALMPEG2*>(nal.get());
+        if (unit == nullptr || unit->startCode() != es::mpeg2::kSequenceHeaderCode) return;
+        es::mpeg2::SequenceHeader h;
+        if (!es::mpeg2::parseSequenceHeader(unit->bytes(), unit->length, h)) __builtin_trap();
+        try {
+            es::mpeg2::frameRate(h.frame_rate_code);
+        } catch (const es::mpeg2::Exception&) {
+        }
+        const auto sar = es::mpeg2::sampleAspectRatio(h.aspect_ratio_information, h.horizontal_size_value,
+                                                      h.vertical_size_value);
+        if (sar.den == 0) __builtin_trap();
+    }
+    void onEnd() override { ++ends; }
+    int ends = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 3) return 0;
+    const std::uint8_t mode = data[0];
+    const std::uint32_t seed = data[1] | (std::uint32_t{data[2]} << 8);
+    data += 3;
+    size -= 3;
+    const std::uint32_t maxPiece = (mode & 0x08) ? 5 : 700;
+    switch (mode % 3) {
+        case 0: {
+            Sink sink;
+            auto builder = es::createNalBuilder(es::StreamType::AC4_AUDIO);
+            auto sampleBuilder = samples::createSampleBuilder(es::StreamType::AC4_AUDIO, false, &sink);
+            builder->setListener(sampleBuilder.get());
+            feed(*builder, data, size, seed, maxPiece);
+            if (sink.ends != 1) __builtin_trap();
+            break;
+        }
+        case 1: {
+            Mpeg2Units units;
+            es::NALBuilderMPEG2Video builder;
+            builder.setListener(&units);
+            feed(builder, data, size, seed, maxPiece);
+            if (units.ends != 1) __builtin_trap();
+            break;
+        }
+        default: {
+            es::Ac4Toc toc;
+            if (es::parseAc4Toc(std::span<const std::uint8_t>(data, size), toc)) {
+                if (es::ac4DecoderSpecificInfo(toc).size() > 1024) __builtin_trap();
+                es::ac4FrameLength(toc);
+                es::ac4Timescale(toc);
+            }
+            break;
+        }
+    }
+    return 0;
+}
