@@ -93,7 +93,8 @@ public:
 
 // AC-4 frames, whole (sync word, size and CRC included). The timescale and frame length come from the first
 // readable TOC, which also goes out as the configuration sample (the whole frame: the sample entry builds the
-// "dac4" from it); `sync` follows b_iframe_global. Frames without a time are dropped.
+// "dac4" from it); `sync` follows b_iframe_global. A frame without a time of its own (several frames in one input
+// buffer) follows the last timed one, as AC-3 frames do.
 class SampleBuilderAc4Audio : public SampleBuilderAudio {
 public:
     using SampleBuilderAudio::SampleBuilderAudio;

@@ -112,8 +112,13 @@ void SampleBuilderAc4Audio::onNal(std::unique_ptr<NAL>& holder) {
         decoderConfig.assign(holder->bytes(), holder->bytes() + holder->length);
         sendDecoderConfig(StreamType::AC4_AUDIO);
     }
-    if (!holder->timing.hasTime) return;
-    const std::int64_t pts = rescaleFrom90kHz(holder->timing.time90kHz(), m_timescale);
+    // A frame that shares its input buffer with an earlier one has no time: it follows the last timed frame.
+    if (holder->timing.hasTime) {
+        baseTime = rescaleFrom90kHz(holder->timing.time90kHz(), m_timescale);
+        frameCount = 0;
+    }
+    const std::int64_t pts = baseTime + std::int64_t{frameCount} * m_frameLength;
+    ++frameCount;
     emitFrameWithSync(StreamType::AC4_AUDIO, copyNal(*holder, 0), pts, m_timescale, m_frameLength, holder->timing,
                       readable && toc.iframeGlobal);
 }

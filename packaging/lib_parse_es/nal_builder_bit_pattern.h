@@ -111,10 +111,12 @@ private:
             const std::uint64_t take = std::min<std::uint64_t>(remaining, buffer.size - m_consumed);
             if (take > 0) {
                 unit->append(buffer.bytes + m_consumed, static_cast<std::size_t>(take));
-                // The last buffer that gives bytes sets the timing.
+                // The last buffer that gives bytes sets the timing, once: the units after it in the same buffer
+                // have no time of their own.
                 if (buffer.timingPending) {
                     unit->timing = NalTimingInfo{};
                     takeBufferTiming(*buffer.data, unit->timing, true);
+                    buffer.timingPending = false;
                 }
             }
             remaining -= take;
