@@ -99,8 +99,8 @@ std::vector<SplitCase> splitCases() {
     cases.push_back({"Mpeg2Video", StreamType::MPEG2_VIDEO, mpeg2, wholeUnits(StreamType::MPEG2_VIDEO, mpeg2), Cuts::Random, 700});
     cases.push_back({"Mpeg4VisualFfmpeg", StreamType::MPEG4_VIDEO, mpeg4, wholeUnits(StreamType::MPEG4_VIDEO, mpeg4), Cuts::Random, 7});
     cases.push_back({"ProResFfmpeg", StreamType::PRORES, prores, cutAt(prores, {1535, 1561, 1596}), Cuts::Random, 9});
-    cases.push_back({"H263Ffmpeg", StreamType::H263_VIDEO, readData("h263_qcif.h263"),
-                     wholeUnits(StreamType::H263_VIDEO, readData("h263_qcif.h263")), Cuts::Random, 3});
+    const Bytes h263 = readData("h263_qcif.h263");
+    cases.push_back({"H263Ffmpeg", StreamType::H263_VIDEO, h263, wholeUnits(StreamType::H263_VIDEO, h263), Cuts::Random, 3});
     for (std::size_t maxPiece : {1u, 5u, 300u, 5000u}) {
         cases.push_back({"AdtsStereo", StreamType::AAC_ADTS_AUDIO, stereo.bytes, packetBytes(stereo), Cuts::Random, maxPiece});
         cases.push_back({"Adts51", StreamType::AAC_ADTS_AUDIO, surround.bytes, packetBytes(surround), Cuts::Random, maxPiece});
