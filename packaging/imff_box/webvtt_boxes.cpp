@@ -3,6 +3,11 @@
 namespace tvrn::encoding::packaging::imff::imff_box {
 inline namespace v0 {
 
+void BoxStringBox::binarize(ImffBitWriter& writer) const {
+    binarizeBoxHeader(writer);
+    writer.copyBuffer(reinterpret_cast<const std::uint8_t*>(m_text.data()), m_text.size());
+}
+
 void CueSourceIDBox::binarize(ImffBitWriter& writer) const {
     binarizeBoxHeader(writer);
     writer.writeBits(32, m_sourceId);

@@ -1,6 +1,7 @@
 #pragma once
 // The sample-level boxes of WebVTT in ISO files: a cue ("vttc") with its optional parts and its payload, and the
-// empty cue ("vtte") that fills the gaps between cues. The text boxes hold their text and a zero byte.
+// empty cue ("vtte") that fills the gaps between cues. The text boxes hold their text as the ISO WebVTT boxstring:
+// UTF-8 that ends with the box, with no zero byte (players show a zero byte as part of the cue text).
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -10,6 +11,17 @@
 
 namespace tvrn::encoding::packaging::imff::imff_box {
 inline namespace v0 {
+
+class BoxStringBox : public Box {
+public:
+    BoxStringBox(FourCC type, std::string text) : Box(type), m_text(std::move(text)) {}
+    std::uint64_t getSize() const override { return Box::getSize() + m_text.size(); }
+    void binarize(ImffBitWriter& writer) const override;
+    const std::string& getText() const { return m_text; }
+
+private:
+    std::string m_text;
+};
 
 class CueSourceIDBox : public Box {
 public:
@@ -21,29 +33,29 @@ private:
     std::uint32_t m_sourceId;
 };
 
-class CueTimeBox : public TextHoldingBox {
+class CueTimeBox : public BoxStringBox {
 public:
-    explicit CueTimeBox(std::string text) : TextHoldingBox(fourCC("ctim"), std::move(text)) {}
+    explicit CueTimeBox(std::string text) : BoxStringBox(fourCC("ctim"), std::move(text)) {}
 };
 
-class CueIDBox : public TextHoldingBox {
+class CueIDBox : public BoxStringBox {
 public:
-    explicit CueIDBox(std::string text) : TextHoldingBox(fourCC("iden"), std::move(text)) {}
+    explicit CueIDBox(std::string text) : BoxStringBox(fourCC("iden"), std::move(text)) {}
 };
 
-class CueSettingsBox : public TextHoldingBox {
+class CueSettingsBox : public BoxStringBox {
 public:
-    explicit CueSettingsBox(std::string text) : TextHoldingBox(fourCC("sttg"), std::move(text)) {}
+    explicit CueSettingsBox(std::string text) : BoxStringBox(fourCC("sttg"), std::move(text)) {}
 };
 
-class CuePayloadBox : public TextHoldingBox {
+class CuePayloadBox : public BoxStringBox {
 public:
-    explicit CuePayloadBox(std::string text) : TextHoldingBox(fourCC("payl"), std::move(text)) {}
+    explicit CuePayloadBox(std::string text) : BoxStringBox(fourCC("payl"), std::move(text)) {}
 };
 
-class VTTAdditionalTextBox : public TextHoldingBox {
+class VTTAdditionalTextBox : public BoxStringBox {
 public:
-    explicit VTTAdditionalTextBox(std::string text) : TextHoldingBox(fourCC("vtta"), std::move(text)) {}
+    explicit VTTAdditionalTextBox(std::string text) : BoxStringBox(fourCC("vtta"), std::move(text)) {}
 };
 
 class VTTEmptyCueBox : public Box {

@@ -20,6 +20,8 @@ std::size_t inputTypeIndex(std::uint32_t streamType) {
         case 17: return 2;   // HEVC
         case 10: return 3;   // raw AAC
         case 5: return 7;    // LATM
+        case 18: return 12;  // TTML
+        case 20: return 13;  // WebVTT
         default: return 8;   // ADTS
     }
 }

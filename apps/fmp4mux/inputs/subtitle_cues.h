@@ -1,0 +1,31 @@
+#pragma once
+// Cutting subtitle files into the items the packager takes: WebVTT and SRT into cues (the settings on the first
+// line, the cue text after it), times in 100 ns units. A cue that cannot be packaged (times that do not parse, go
+// backwards or overlap the cue before, text that is not UTF-8, holds control bytes or leaves a tag open) is
+// skipped with a warning that names the file and line; the rest is kept.
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fmp4mux {
+
+struct TextCue {
+    std::int64_t start = 0;  // 100 ns units
+    std::int64_t end = 0;
+    std::string item;        // settings, a line feed, then the cue text
+};
+
+struct CueFile {
+    std::vector<TextCue> cues;
+    std::vector<std::string> warnings;  // "FILE:LINE: what", at most a few dozen
+};
+
+CueFile cutWebVtt(std::string_view data, const std::string& fileName);
+CueFile cutSrt(std::string_view data, const std::string& fileName);
+
+// The items to deliver for cues sorted and apart: each cue, and an empty item for each gap from `from` on, gaps cut
+// into pieces of at most `maxGap` so that every segment holds a sample of the stream.
+std::vector<TextCue> withGaps(const std::vector<TextCue>& cues, std::int64_t from, std::int64_t maxGap);
+
+}  // namespace fmp4mux

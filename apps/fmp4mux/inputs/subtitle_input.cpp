@@ -1,0 +1,68 @@
+#include "apps/fmp4mux/inputs/subtitle_input.h"
+
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace fmp4mux {
+
+namespace {
+
+constexpr std::uint32_t kWebVtt = 20;
+constexpr std::size_t kMaxFileBytes = 64u << 20;
+
+std::string extensionOf(const std::string& path) {
+    const std::size_t dot = path.rfind('.');
+    if (dot == std::string::npos || path.find('/', dot) != std::string::npos) return {};
+    std::string extension = path.substr(dot + 1);
+    for (char& c : extension) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    return extension;
+}
+
+}  // namespace
+
+bool SubtitleFileInput::handles(const std::string& path) {
+    const std::string extension = extensionOf(path);
+    return extension == "vtt" || extension == "srt";
+}
+
+SubtitleFileInput::SubtitleFileInput(const std::string& path, int index, std::vector<std::string>& warnings) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw std::runtime_error("cannot open " + path);
+    std::string data;
+    data.resize(kMaxFileBytes + 1);
+    file.read(data.data(), static_cast<std::streamsize>(data.size()));
+    data.resize(static_cast<std::size_t>(file.gcount()));
+    if (data.size() > kMaxFileBytes) throw std::runtime_error(path + ": a subtitle file of more than 64 MiB");
+    const bool srt = extensionOf(path) == "srt";
+    CueFile cut = srt ? cutSrt(data, path) : cutWebVtt(data, path);
+    for (auto& warning : cut.warnings) warnings.push_back(std::move(warning));
+    m_cues = std::move(cut.cues);
+    StreamInfo info;
+    info.input = index;
+    info.sourceIndex = 0;
+    info.streamType = kWebVtt;
+    info.codec = srt ? "SRT (as WebVTT)" : "WebVTT";
+    info.kind = "text";
+    info.bitrate = 1000;
+    m_streams.push_back(info);
+}
+
+bool SubtitleFileInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
+    if (m_dropped) return true;
+    for (const TextCue& item : withGaps(m_cues, 0, m_maxGap)) {
+        if (stop.load()) break;
+        Packet packet;
+        packet.stream = 0;
+        packet.data = reinterpret_cast<const std::uint8_t*>(item.item.data());
+        packet.size = item.item.size();
+        packet.pts = item.start;
+        packet.dts = item.start;
+        packet.duration = item.end - item.start;
+        packet.key = true;  // each item is one cue
+        onPacket(packet);
+    }
+    return true;
+}
+
+}  // namespace fmp4mux
