@@ -38,6 +38,11 @@ SubtitleFileInput::SubtitleFileInput(const std::string& path, int index, std::ve
     CueFile cut = srt ? cutSrt(data, path) : cutWebVtt(data, path);
     for (auto& warning : cut.warnings) warnings.push_back(std::move(warning));
     m_cues = std::move(cut.cues);
+    // A stream without a single sample would hold the whole presentation back: such a file offers no stream.
+    if (m_cues.empty()) {
+        warnings.push_back(path + ": no cue to package; the file is left out");
+        return;
+    }
     StreamInfo info;
     info.input = index;
     info.sourceIndex = 0;
