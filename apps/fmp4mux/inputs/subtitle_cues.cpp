@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cctype>
 #include <optional>
+#include <tinyxml2.h>
+
+#include "packaging/fmp4_types/ttml_time.h"
 
 namespace fmp4mux {
 
@@ -72,7 +75,7 @@ std::optional<std::int64_t> parseTime(std::string_view text, char separator, boo
     std::int64_t hours = 0;
     if (parts.size() == 3) {
         const auto h = digits(parts[0], hoursOptional ? 2 : 1, 9);
-        if (!h) return std::nullopt;
+        if (!h || *h > 1000000) return std::nullopt;  // a million hours at most: no overflow below
         hours = *h;
     }
     const auto minutes = digits(parts[parts.size() - 2], 2, 2);
@@ -250,6 +253,107 @@ CueFile cutSrt(std::string_view data, const std::string& fileName) {
                    std::vector<Line>(block.begin() + static_cast<std::ptrdiff_t>(timing) + 1, block.end()), false);
     }
     if (out.cues.empty()) cutter.warn(lines.back().number, "no subtitle to package");
+    return out;
+}
+
+const char* const kEmptyTtmlDocument = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                                       "<tt xmlns=\"http://www.w3.org/ns/ttml\"><body/></tt>\n";
+
+namespace {
+
+using tinyxml2::XMLElement;
+using tvrn::encoding::packaging::imff::fmp4::formatTtmlTime;
+using tvrn::encoding::packaging::imff::fmp4::parseTtmlTime;
+
+double rateOf(const XMLElement* root, const char* name, double otherwise) {
+    const char* text = root->Attribute(name);
+    if (text == nullptr) return otherwise;
+    const double value = std::strtod(text, nullptr);
+    return value > 0 && value < 1e6 ? value : otherwise;
+}
+
+void copyAttributes(const XMLElement& from, XMLElement& to, bool withTimes) {
+    for (const tinyxml2::XMLAttribute* a = from.FirstAttribute(); a != nullptr; a = a->Next()) {
+        const std::string_view name = a->Name();
+        if (!withTimes && (name == "begin" || name == "end" || name == "dur")) continue;
+        to.SetAttribute(a->Name(), a->Value());
+    }
+}
+
+}  // namespace
+
+CueFile cutTtml(std::string_view data, const std::string& fileName) {
+    CueFile out;
+    Cutter cutter(fileName, out);
+    if (data.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+        cutter.warn(1, "the file is empty");
+        return out;
+    }
+    tinyxml2::XMLDocument source;
+    if (source.Parse(data.data(), data.size()) != tinyxml2::XML_SUCCESS) {
+        cutter.warn(static_cast<std::size_t>(std::max(source.ErrorLineNum(), 1)),
+                    std::string("not well-formed XML (") + source.ErrorName() + "); the file gives no cue");
+        return out;
+    }
+    const XMLElement* root = source.RootElement();
+    if (root == nullptr || std::string_view(root->Name()) != "tt") {
+        cutter.warn(1, "not a TTML document: the root element is not 'tt'");
+        return out;
+    }
+    if (const char* base = root->Attribute("ttp:timeBase"); base && std::string_view(base) != "media")
+        cutter.warn(static_cast<std::size_t>(root->GetLineNum()), std::string("time base '") + base + "' is read as media time");
+    const double frameRate = rateOf(root, "ttp:frameRate", 30);
+    const double tickRate = rateOf(root, "ttp:tickRate", 1);
+    const auto timeOf = [&](const XMLElement& element, const char* name) -> std::optional<std::int64_t> {
+        const char* text = element.Attribute(name);
+        return text ? parseTtmlTime(text, frameRate, tickRate) : std::nullopt;
+    };
+    const XMLElement* head = root->FirstChildElement("head");
+    const XMLElement* body = root->FirstChildElement("body");
+    const std::int64_t bodyBegin = body ? timeOf(*body, "begin").value_or(0) : 0;
+    for (const XMLElement* div = body ? body->FirstChildElement("div") : nullptr; div; div = div->NextSiblingElement("div")) {
+        const std::int64_t divBegin = bodyBegin + timeOf(*div, "begin").value_or(0);
+        for (const XMLElement* p = div->FirstChildElement("p"); p; p = p->NextSiblingElement("p")) {
+            const auto line = static_cast<std::size_t>(p->GetLineNum());
+            const auto begin = timeOf(*p, "begin");
+            auto end = timeOf(*p, "end");
+            if (const auto dur = timeOf(*p, "dur"); !end && begin && dur) end = *begin + *dur;
+            if (!begin || !end) {
+                cutter.warn(line, "a paragraph without begin and end (or dur) that parse; it is skipped");
+                continue;
+            }
+            const std::int64_t start = divBegin + *begin;
+            const std::int64_t stop = divBegin + *end;
+            if (stop <= start) {
+                cutter.warn(line, "the paragraph ends before it starts; it is skipped");
+                continue;
+            }
+            if (!out.cues.empty() && start < out.cues.back().end) {
+                cutter.warn(line, "the paragraph overlaps the one before it; it is skipped");
+                continue;
+            }
+            // The document of this paragraph alone.
+            tinyxml2::XMLDocument item;
+            item.InsertEndChild(item.NewDeclaration());
+            XMLElement* tt = item.NewElement("tt");
+            item.InsertEndChild(tt);
+            copyAttributes(*root, *tt, true);
+            if (head) tt->InsertEndChild(head->DeepClone(&item));
+            XMLElement* itemBody = tt->InsertNewChildElement("body");
+            if (body) copyAttributes(*body, *itemBody, false);
+            XMLElement* itemDiv = itemBody->InsertNewChildElement("div");
+            copyAttributes(*div, *itemDiv, false);
+            XMLElement* itemP = p->DeepClone(&item)->ToElement();
+            itemP->DeleteAttribute("dur");
+            itemP->SetAttribute("begin", formatTtmlTime(start).c_str());
+            itemP->SetAttribute("end", formatTtmlTime(stop).c_str());
+            itemDiv->InsertEndChild(itemP);
+            tinyxml2::XMLPrinter printer(nullptr, true);
+            item.Print(&printer);
+            out.cues.push_back({start, stop, std::string(printer.CStr())});
+        }
+    }
+    if (out.cues.empty()) cutter.warn(static_cast<std::size_t>(root->GetLineNum()), "no paragraph to package");
     return out;
 }
 

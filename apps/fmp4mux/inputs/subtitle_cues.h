@@ -13,7 +13,7 @@ namespace fmp4mux {
 struct TextCue {
     std::int64_t start = 0;  // 100 ns units
     std::int64_t end = 0;
-    std::string item;        // settings, a line feed, then the cue text
+    std::string item;        // settings, a line feed, then the cue text; for TTML, a whole document
 };
 
 struct CueFile {
@@ -23,6 +23,11 @@ struct CueFile {
 
 CueFile cutWebVtt(std::string_view data, const std::string& fileName);
 CueFile cutSrt(std::string_view data, const std::string& fileName);
+// TTML: one document per paragraph, with the head of the file, the paragraph's div and the paragraph with its
+// times resolved (begin and end, on the file's timeline); a file that is not well-formed XML gives no cue.
+CueFile cutTtml(std::string_view data, const std::string& fileName);
+// The document that stands for a gap in a TTML stream.
+extern const char* const kEmptyTtmlDocument;
 
 // The items to deliver for cues sorted and apart: each cue, and an empty item for each gap from `from` on, gaps cut
 // into pieces of at most `maxGap` so that every segment holds a sample of the stream.

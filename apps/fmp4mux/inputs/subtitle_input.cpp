@@ -1,6 +1,7 @@
 #include "apps/fmp4mux/inputs/subtitle_input.h"
 
 #include <fstream>
+#include <string_view>
 #include <iterator>
 #include <stdexcept>
 
@@ -8,6 +9,7 @@ namespace fmp4mux {
 
 namespace {
 
+constexpr std::uint32_t kTtml = 18;
 constexpr std::uint32_t kWebVtt = 20;
 constexpr std::size_t kMaxFileBytes = 64u << 20;
 
@@ -23,7 +25,7 @@ std::string extensionOf(const std::string& path) {
 
 bool SubtitleFileInput::handles(const std::string& path) {
     const std::string extension = extensionOf(path);
-    return extension == "vtt" || extension == "srt";
+    return extension == "vtt" || extension == "srt" || extension == "ttml" || extension == "dfxp";
 }
 
 SubtitleFileInput::SubtitleFileInput(const std::string& path, int index, std::vector<std::string>& warnings) {
@@ -34,8 +36,10 @@ SubtitleFileInput::SubtitleFileInput(const std::string& path, int index, std::ve
     file.read(data.data(), static_cast<std::streamsize>(data.size()));
     data.resize(static_cast<std::size_t>(file.gcount()));
     if (data.size() > kMaxFileBytes) throw std::runtime_error(path + ": a subtitle file of more than 64 MiB");
-    const bool srt = extensionOf(path) == "srt";
-    CueFile cut = srt ? cutSrt(data, path) : cutWebVtt(data, path);
+    const std::string extension = extensionOf(path);
+    const bool srt = extension == "srt";
+    m_ttml = extension == "ttml" || extension == "dfxp";
+    CueFile cut = m_ttml ? cutTtml(data, path) : srt ? cutSrt(data, path) : cutWebVtt(data, path);
     for (auto& warning : cut.warnings) warnings.push_back(std::move(warning));
     m_cues = std::move(cut.cues);
     // A stream without a single sample would hold the whole presentation back: such a file offers no stream.
@@ -46,8 +50,8 @@ SubtitleFileInput::SubtitleFileInput(const std::string& path, int index, std::ve
     StreamInfo info;
     info.input = index;
     info.sourceIndex = 0;
-    info.streamType = kWebVtt;
-    info.codec = srt ? "SRT (as WebVTT)" : "WebVTT";
+    info.streamType = m_ttml ? kTtml : kWebVtt;
+    info.codec = m_ttml ? "TTML" : srt ? "SRT (as WebVTT)" : "WebVTT";
     info.kind = "text";
     info.bitrate = 1000;
     m_streams.push_back(info);
@@ -59,8 +63,10 @@ bool SubtitleFileInput::run(const std::function<void(Packet&)>& onPacket, const 
         if (stop.load()) break;
         Packet packet;
         packet.stream = 0;
-        packet.data = reinterpret_cast<const std::uint8_t*>(item.item.data());
-        packet.size = item.item.size();
+        // A gap is an empty cue in WebVTT, a document without paragraphs in TTML.
+        const std::string_view bytes = m_ttml && item.item.empty() ? std::string_view(kEmptyTtmlDocument) : item.item;
+        packet.data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+        packet.size = bytes.size();
         packet.pts = item.start;
         packet.dts = item.start;
         packet.duration = item.end - item.start;

@@ -1,6 +1,7 @@
 #pragma once
-// A subtitle file as an input: WebVTT (.vtt) or SRT (.srt), read whole and cut into cues when opened. Both go out
-// as one WebVTT stream, the cues on a timeline that starts at 0 with empty items in the gaps.
+// A subtitle file as an input: WebVTT (.vtt), SRT (.srt) or TTML (.ttml, .dfxp), read whole and cut into cues when
+// opened. WebVTT and SRT go out as one WebVTT stream, TTML as a TTML stream of one document per paragraph; the
+// cues on a timeline that starts at 0 with empty items in the gaps.
 #include <string>
 #include <vector>
 
@@ -33,6 +34,7 @@ private:
     std::vector<TextCue> m_cues;
     std::int64_t m_maxGap = 0;
     bool m_dropped = false;
+    bool m_ttml = false;
     std::string m_error;
 };
 

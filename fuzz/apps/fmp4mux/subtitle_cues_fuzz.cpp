@@ -1,5 +1,5 @@
-// libFuzzer entry for fmp4mux's subtitle cutting: arbitrary bytes as a WebVTT or an SRT file. What comes out must
-// be cues in order, apart, of positive length, and gap filling must cover the timeline without holes.
+// libFuzzer entry for fmp4mux's subtitle cutting: arbitrary bytes as a WebVTT, an SRT or a TTML file. What comes out
+// must be cues in order, apart, of positive length, and gap filling must cover the timeline without holes.
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -8,12 +8,14 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 1) return 0;
-    const bool srt = (data[0] & 1) != 0;
+    const int kind = data[0] % 3;
     const std::string_view text(reinterpret_cast<const char*>(data + 1), size - 1);
-    const fmp4mux::CueFile file = srt ? fmp4mux::cutSrt(text, "fuzz.srt") : fmp4mux::cutWebVtt(text, "fuzz.vtt");
+    const fmp4mux::CueFile file = kind == 0   ? fmp4mux::cutWebVtt(text, "fuzz.vtt")
+                                  : kind == 1 ? fmp4mux::cutSrt(text, "fuzz.srt")
+                                              : fmp4mux::cutTtml(text, "fuzz.ttml");
     std::int64_t last = 0;
     for (const auto& cue : file.cues) {
-        if (cue.end <= cue.start || cue.start < last || cue.item.find('\n') == std::string_view::npos) __builtin_trap();
+        if (cue.end <= cue.start || cue.start < last || (kind != 2 && cue.item.find('\n') == std::string_view::npos)) __builtin_trap();
         last = cue.end;
     }
     if (file.warnings.size() > 51) __builtin_trap();
