@@ -19,6 +19,7 @@
 #include "apps/fmp4mux/exit_error.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/reader.h"
+#include "apps/fmp4mux/inputs/subtitle_input.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests/hls.h"
 #include "apps/fmp4mux/manifests/manifests.h"
@@ -66,8 +67,17 @@ int run(int argc, char** argv) {
     std::vector<std::unique_ptr<Input>> inputs;
     std::vector<std::string> skipped;
     bool live = false;
+    std::vector<SubtitleFileInput*> subtitleFiles(options.inputs.size(), nullptr);
     for (std::size_t i = 0; i < options.inputs.size(); ++i) {
         try {
+            if (SubtitleFileInput::handles(options.inputs[i])) {
+                std::vector<std::string> warnings;
+                auto subtitles = std::make_unique<SubtitleFileInput>(options.inputs[i], static_cast<int>(i), warnings);
+                for (const auto& w : warnings) warn(w);
+                subtitleFiles[i] = subtitles.get();
+                inputs.push_back(std::move(subtitles));
+                continue;
+            }
             std::vector<std::string> notes;
             inputs.push_back(std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
                                                           &control.interrupted, options.program, &notes));
@@ -146,6 +156,14 @@ int run(int argc, char** argv) {
                                             std::to_string(options.gopDurationMs) +
                                             " ms): their segments cannot share cut points; package them separately");
         offsets[d] = step;
+    }
+
+    // Subtitle files count their cues from the start of the media: from the first video key frame, or from 0.
+    // Their gaps become empty cues of at most a segment, so that every segment has a text sample.
+    for (std::size_t d = 0; d < inputs.size(); ++d) {
+        if (subtitleFiles[d] == nullptr) continue;
+        offsets[d] = reference ? *firstKeys[*reference] : 0;
+        subtitleFiles[d]->setMaxGap(std::int64_t{plannedSegmentMs} * 10000);
     }
 
     // The output folder is made (and held) only once the inputs are known to be there.

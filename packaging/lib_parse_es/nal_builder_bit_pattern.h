@@ -168,6 +168,46 @@ private:
     std::vector<QueuedBuffer> m_queue;
 };
 
+// Documents and cues cut upstream (TTML, WebVTT): as above, but an empty buffer is an item too (a gap between
+// WebVTT cues), and a stop time on the item's first buffer gives its duration.
+template <typename T>
+class NalBuilderTextItem : public NALBuilder {
+public:
+    void push(IMediaData* data) override {
+        if (data == nullptr) return;
+        if (!m_queue.empty() && data->IsSyncPoint() == tvrn::com::S_OK) emit();
+        QueuedBuffer entry;
+        if (!bufferBytes(*data, entry.bytes, entry.size)) {
+            entry.bytes = nullptr;
+            entry.size = 0;
+        }
+        entry.data = MediaDataRef(data);
+        m_queue.push_back(std::move(entry));
+    }
+    void flush() override {
+        if (!m_queue.empty()) emit();
+        signalEnd();
+    }
+
+private:
+    void emit() {
+        std::uint64_t total = 0;
+        for (const QueuedBuffer& buffer : m_queue) total += buffer.size;
+        if (total > 0x7FFFFFFFu) {
+            m_queue.clear();
+            return;
+        }
+        auto unit = std::make_unique<T>(static_cast<std::int32_t>(total));
+        takeBufferTiming(*m_queue.front().data, unit->timing, true);
+        for (const QueuedBuffer& buffer : m_queue)
+            if (buffer.size > 0) unit->append(buffer.bytes, buffer.size);
+        m_queue.clear();
+        deliver(std::move(unit));
+    }
+
+    std::deque<QueuedBuffer> m_queue;
+};
+
 // H.263 pictures begin with the 22-bit picture start code.
 class NALH263 : public NAL {
 public:

@@ -29,6 +29,9 @@ std::unique_ptr<NALBuilder> createNalBuilder(std::uint32_t streamType) {
             return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::DV_VIDEO>>>();
         case StreamType::SRT:
             return std::make_unique<NalBuilderSyncPointBased<NalInputTypeGeneric<StreamType::SRT>>>();
+        case StreamType::TTML: return std::make_unique<NalBuilderTextItem<NalInputTypeGeneric<StreamType::TTML>>>();
+        case StreamType::WEBVTT:
+            return std::make_unique<NalBuilderTextItem<NalInputTypeGeneric<StreamType::WEBVTT>>>();
         case StreamType::SCTE_35: return std::make_unique<NALBuilderSCTE35>();
         case StreamType::MPEG2_TS: return std::make_unique<NALBuilderMpeg2ts>();
         case StreamType::TELETEXT:

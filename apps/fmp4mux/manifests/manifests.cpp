@@ -129,6 +129,10 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
                "\" segmentAlignment=\"true\" startWithSAP=\"1\"";
         if (lead.kind != "video") out += " lang=\"" + escape(lead.language) + "\"";
         out += ">\n";
+        if (lead.kind == "text") {
+            indent(out, 3);
+            out += "<Role schemeIdUri=\"urn:mpeg:dash:role:2011\" value=\"subtitle\"/>\n";
+        }
         contentProtection(out, lead);
         for (const Track* t : members) {
             indent(out, 3);
@@ -266,6 +270,7 @@ std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std
                    "\"";
         } else {
             out += " Language=\"" + escape(first.language) + "\"";
+            if (first.kind == "text") out += " Subtype=\"CAPT\"";
         }
         out += ">\n";
         int index = 0;
@@ -273,6 +278,10 @@ std::string buildSmoothManifest(const std::vector<Track>& tracks, bool live, std
             indent(out, 2);
             out += "<QualityLevel Index=\"" + std::to_string(index++) + "\" Bitrate=\"" + std::to_string(t->bitrate) +
                    "\" FourCC=\"" + t->fourCC + "\"";
+            if (t->kind == "text") {
+                out += "/>\n";
+                continue;
+            }
             if (t->kind == "video")
                 out += " MaxWidth=\"" + std::to_string(t->width) + "\" MaxHeight=\"" + std::to_string(t->height) + "\"";
             else

@@ -158,6 +158,20 @@ bool readServerManifest(const std::string& xml, bool dash, Track& track) {
         }
         return true;
     }
+    if (const auto* text = sw->FirstChildElement("textstream")) {
+        // Subtitles: "stpp" or "wvtt" (DASH), "TTML" or "wvtt" (Smooth Streaming).
+        track.kind = "text";
+        track.bitrate = track.bandwidth = number(attribute(text, "systemBitrate"));
+        if (dash) {
+            track.language = attribute(text, "lang").empty() ? "und" : attribute(text, "lang");
+            track.codecs = attribute(text, "codecs");
+        } else {
+            auto p = params(text);
+            track.language = attribute(text, "systemLanguage").empty() ? "und" : attribute(text, "systemLanguage");
+            track.fourCC = p["FourCC"];
+        }
+        return true;
+    }
     return false;
 }
 

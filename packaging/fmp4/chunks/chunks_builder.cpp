@@ -8,6 +8,7 @@
 #include "packaging/encryption/sample_encryption.h"
 #include "packaging/fmp4/chunks/chunk_serializer.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
+#include "packaging/fmp4/chunks/text_chunks.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "support/text/fraction.h"
 
@@ -306,6 +307,21 @@ void ChunksBuilder::checkDrift(const SegmentChunks& segments) {
 }
 
 void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
+    // Text chunks take their mdat form first; encryption never touches them.
+    for (const auto& [id, chunk] : segments.chunks) {
+        const auto record = m_streams.find(id);
+        if (!chunk || record == m_streams.end()) continue;
+        if (record->second.attributes.type == WEBVTT) foldRepeatedWebVttCues(*chunk);
+        if (record->second.attributes.type == TTML) {
+            // Players read the times of a TTML sample on the track's timeline, which starts at the time origin
+            // in DASH; Smooth Streaming clients take them absolute.
+            std::string skipped;
+            mergeTtmlChunk(*chunk, m_dash ? m_timeOrigin : 0, record->second.attributes.language, skipped);
+            if (!skipped.empty())
+                m_logger.WriteMsg(LOG_WARNING, "stream %u : TTML documents that are not XML left out at %s", id,
+                                  skipped.c_str());
+        }
+    }
     if (encrypting()) updateKeyAndEncrypt(segments);
     // The chunk is encrypted when the provider knows a key id: its samples then carry their encryption records.
     std::optional<FragmentEncryptionInfo> encryption;

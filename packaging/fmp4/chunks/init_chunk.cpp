@@ -19,6 +19,7 @@ void putBigEndian32(std::uint8_t* at, std::uint32_t value) {
 std::uint32_t getBigEndian32(const std::uint8_t* at) {
     return (std::uint32_t{at[0]} << 24) | (std::uint32_t{at[1]} << 16) | (std::uint32_t{at[2]} << 8) | at[3];
 }
+constexpr const char* kTtmlNamespace = "http://www.w3.org/ns/ttml";
 constexpr std::uint8_t kEmptyMfra[8] = {0, 0, 0, 8, 'm', 'f', 'r', 'a'};
 }  // namespace
 
@@ -59,6 +60,21 @@ std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale
         const std::uint32_t index = m_movie.addTrack(trackId, timescale, imff_box::TRACK_AUDIO, audio.entry, 0, 0,
                                                      m_languageInMediaHeader ? attributes.language : "und");
         if (isMain) m_manifest.AddAudio(trackId, audio.manifest, attributes, durations);
+        return static_cast<std::int32_t>(index);
+    }
+    if (streamType == TTML || streamType == WEBVTT) {
+        // DASH players read "stpp" and "wvtt" in a subtitle track; Smooth Streaming clients TTML as "dfxp".
+        std::shared_ptr<imff_box::SampleEntry> entry;
+        if (streamType == WEBVTT)
+            entry = std::make_shared<imff_box::WVTTSampleEntry>();
+        else if (m_dash)
+            entry = std::make_shared<imff_box::XMLSubtitleSampleEntry>(kTtmlNamespace);
+        else
+            entry = std::make_shared<imff_box::DfxpSampleEntry>();
+        const std::uint32_t index =
+            m_movie.addTrack(trackId, timescale, m_dash ? imff_box::TRACK_SUBTITLE : imff_box::TRACK_TEXT, entry, 0, 0,
+                             m_languageInMediaHeader ? attributes.language : "und");
+        if (isMain) m_manifest.AddText(trackId, imff_box::fourCCText(entry->getType()), attributes);
         return static_cast<std::int32_t>(index);
     }
     if (streamType != H264_VIDEO && streamType != HEVC_VIDEO) return 0;

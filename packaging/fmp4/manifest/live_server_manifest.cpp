@@ -170,6 +170,34 @@ void LiveServerManifest::AddAudio(std::uint32_t trackId, const AudioManifestInfo
     addDurations(audio, durations);
 }
 
+void LiveServerManifest::AddText(std::uint32_t trackId, const std::string& fourCC, const ElementaryStreamAttributes& a) {
+    ++m_entries;
+    XMLElement* text = m_switch->InsertNewChildElement("textstream");
+    if (!m_dash) {
+        text->SetAttribute("src", ("textStream_" + number(trackId)).c_str());
+        text->SetAttribute("systemBitrate", number(a.bitrate).c_str());
+        if (!a.name.empty()) text->SetAttribute("Name", a.name.c_str());
+        text->SetAttribute("systemLanguage", a.language.c_str());
+        addParam(text, "trackID", number(trackId));
+        addParam(text, "trackName", a.name);
+        addParam(text, "Subtype", "CAPT");
+        // Smooth Streaming clients know TTML as "TTML"; WebVTT keeps its own code.
+        addParam(text, "FourCC", fourCC == "wvtt" ? fourCC : std::string("TTML"));
+        return;
+    }
+    text->SetAttribute("systemBitrate", number(a.bitrate).c_str());
+    text->SetAttribute("trackID", number(trackId).c_str());
+    text->SetAttribute("lang", a.language.empty() ? "und" : a.language.c_str());
+    text->SetAttribute("startWithSAP", "1");
+    text->SetAttribute("mimeType", "application/mp4");
+    text->SetAttribute("codecs", fourCC.c_str());
+    if (a.flag) {
+        XMLElement* accessibility = text->InsertNewChildElement("Accessibility");
+        accessibility->SetAttribute("schemeIdUri", "urn:tva:metadata:cs:AudioPurposeCS:2007");
+        accessibility->SetAttribute("value", "2");
+    }
+}
+
 std::string LiveServerManifest::ToXml() const {
     TwoBlankPrinter printer;
     m_document->Print(&printer);

@@ -70,6 +70,8 @@ public:
                   const ManifestDurations& durations);
     void AddAudio(std::uint32_t trackId, const AudioManifestInfo& info, const ElementaryStreamAttributes& attributes,
                   const ManifestDurations& durations);
+    // A TTML or WebVTT stream; `fourCC` is its sample entry's code ("stpp", "wvtt", "dfxp").
+    void AddText(std::uint32_t trackId, const std::string& fourCC, const ElementaryStreamAttributes& attributes);
 
     bool empty() const { return m_entries == 0; }
     // The document, declared as XML 1.0 in UTF-8 and indented by two blanks.

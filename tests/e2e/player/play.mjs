@@ -21,6 +21,11 @@
 // its first frame, the player's own live-latency figure is read every 250 ms and printed, and the run fails when
 // it passes SECONDS or the video stalls (after playback started, a 'waiting' event not followed by 'playing'
 // within 40 ms, a frame's time).
+// --cues-vtt PATH (a WebVTT file below FOLDER, which Chromium's own WebVTT parser reads through a <track> element) or
+// --cues-json FILE (a list of {start, end, text}, seconds from the media's start) gives the subtitle cues the
+// presentation must expose: once played, the cues of the player's text track on video.textTracks must be those, in
+// number, start and end (within 1 ms, after the offset of the first video segment in the MPD) and text (without
+// its tags).
 // The browser and the server are closed on every path.
 
 import http from 'node:http';
@@ -48,7 +53,7 @@ function usage(message) {
 
 function parseArgs(argv) {
   const opts = { format: 'dash', player: 'dashjs', clearKey: null, minTime: 6, timeout: 40, seek: null, grab: null,
-                 manifestUrl: null, maxLatency: null, switchLevel: false, requireType: null, positional: [] };
+                 manifestUrl: null, maxLatency: null, switchLevel: false, requireType: null, cuesVtt: null, cuesJson: null, positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -66,6 +71,8 @@ function parseArgs(argv) {
     else if (a === '--max-latency') opts.maxLatency = Number(value());
     else if (a === '--switch-level') opts.switchLevel = true;
     else if (a === '--require-type') opts.requireType = value();
+    else if (a === '--cues-vtt') opts.cuesVtt = value();
+    else if (a === '--cues-json') opts.cuesJson = value();
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
   }
@@ -186,7 +193,11 @@ function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency, s
         }
       });
     }
+    // dash.js shows TTML subtitles only in a rendering element of the page's.
+    const ttml = document.createElement('div');
+    document.body.appendChild(ttml);
     player.initialize(video, ${JSON.stringify(source)}, true);
+    player.attachTTMLRenderingDiv(ttml);
     window.__player = player;
   } catch (e) {
     state.fatal = String(e && e.stack || e);
@@ -209,6 +220,8 @@ function shakaPageHtml(manifest, keys) {
     const keys = ${keys};
     if (keys) player.configure({ drm: { clearKeys: keys } });
     await player.load(${JSON.stringify("/" + manifest)});
+    // shaka fetches subtitles only while they are shown.
+    await player.setTextTrackVisibility(true);
     await video.play();
   })().catch((e) => {
     state.dashErrors.push({ code: e && e.code, message: 'shaka: ' + String(e && (e.message || e.code) || e) });
@@ -463,6 +476,7 @@ async function main() {
     }
     if (failedRequests.length) problems.push(`requests failed: ${JSON.stringify(failedRequests)}`);
     if (seen.notes.length) console.log(`play.mjs: hls.js notes: ${JSON.stringify(seen.notes).slice(0, 1000)}`);
+    if (opts.cuesVtt || opts.cuesJson) problems.push(...await checkCues(page, opts));
     if (opts.switchLevel) {
       const last = seen.levels.length - 1;
       console.log(`play.mjs: variants ${JSON.stringify(seen.levels)} wide; switched to ${JSON.stringify(seen.switches)}`);
@@ -497,6 +511,57 @@ async function main() {
     if (userDataDir) await fsp.rm(userDataDir, { recursive: true, force: true }).catch(() => {});
     clearTimeout(watchdog);
   }
+}
+
+// The cues the player put on the video's text tracks against those of the source; problems as text.
+async function checkCues(page, opts) {
+  let expected;
+  if (opts.cuesJson) {
+    expected = JSON.parse(await fsp.readFile(opts.cuesJson, 'utf8'));
+  } else {
+    expected = await page.evaluate(async (src) => {
+      const v = document.createElement('video');
+      const t = document.createElement('track');
+      t.kind = 'subtitles';
+      t.src = '/' + src;
+      t.default = true;
+      v.appendChild(t);
+      document.body.appendChild(v);
+      t.track.mode = 'hidden';
+      await new Promise((resolve, reject) => { t.addEventListener('load', resolve); t.addEventListener('error', reject); });
+      return Array.from(t.track.cues).map((c) => ({ start: c.startTime, end: c.endTime, text: c.text }));
+    }, opts.cuesVtt);
+  }
+  // Zero of the source is the first video segment's start.
+  const mpd = await fsp.readFile(path.join(opts.folder, opts.manifest), 'utf8');
+  const video = mpd.split('<AdaptationSet').find((set) => set.includes('contentType="video"')) || '';
+  const t0 = /<S t="(\d+)"/.exec(video);
+  const scale = /timescale="(\d+)"/.exec(video);
+  const offset = t0 && scale ? Number(t0[1]) / Number(scale[1]) : 0;
+  const got = await page.evaluate(() => {
+    const tracks = Array.from(document.getElementById('video').textTracks);
+    // The text of an imsc intermediate document (dash.js keeps TTML cues as one, rendered when shown).
+    const isdText = (node) => (node && (node.text || (node.contents || []).map(isdText).join(''))) || '';
+    for (const t of tracks) if (t.mode === 'disabled') t.mode = 'hidden';
+    return tracks.map((t) => ({ kind: t.kind, label: t.label, language: t.language,
+                                cues: Array.from(t.cues || []).map((c) => ({ start: c.startTime, end: c.endTime,
+                                                                            text: c.text || isdText(c.isd) })) }));
+  });
+  const track = got.find((t) => t.cues.length > 0) || got[0];
+  console.log(`play.mjs: text tracks ${JSON.stringify(got.map((t) => ({ kind: t.kind, language: t.language, cues: t.cues.length })))}; ` +
+              `${expected.length} cues expected, offset ${offset} s`);
+  if (!track) return ['the video has no text track'];
+  const problems = [];
+  if (track.cues.length !== expected.length) problems.push(`${track.cues.length} cues, not ${expected.length}: ${JSON.stringify(track.cues)}`);
+  expected.forEach((e, i) => {
+    const c = track.cues[i];
+    if (!c) return;
+    // Texts compare without their markup: a player turns TTML styling into WebVTT tags of its own.
+    const plain = (text) => text.replace(/<[^>]*>/g, '');
+    if (Math.abs(c.start - offset - e.start) > 0.001 || Math.abs(c.end - offset - e.end) > 0.001 || plain(c.text) !== plain(e.text))
+      problems.push(`cue ${i}: ${JSON.stringify(c)} (less ${offset} s), not ${JSON.stringify(e)}`);
+  });
+  return problems;
 }
 
 // Low-latency live play: from the first frame on, --min-time seconds of play with the player's live-latency figure
