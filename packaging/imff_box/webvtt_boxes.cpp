@@ -6,6 +6,7 @@ inline namespace v0 {
 void BoxStringBox::binarize(ImffBitWriter& writer) const {
     binarizeBoxHeader(writer);
     writer.copyBuffer(reinterpret_cast<const std::uint8_t*>(m_text.data()), m_text.size());
+    if (m_zeroTerminated) writer.writeBits(8, 0);
 }
 
 void CueSourceIDBox::binarize(ImffBitWriter& writer) const {

@@ -1,7 +1,7 @@
 #pragma once
 // The sample-level boxes of WebVTT in ISO files: a cue ("vttc") with its optional parts and its payload, and the
-// empty cue ("vtte") that fills the gaps between cues. The text boxes hold their text as the ISO WebVTT boxstring:
-// UTF-8 that ends with the box, with no zero byte (players show a zero byte as part of the cue text).
+// empty cue ("vtte") that fills the gaps between cues. The text boxes hold their text followed by a zero byte; for
+// players the text is the ISO WebVTT boxstring that ends with the box (players show a zero byte as part of the cue).
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -14,13 +14,15 @@ inline namespace v0 {
 
 class BoxStringBox : public Box {
 public:
-    BoxStringBox(FourCC type, std::string text) : Box(type), m_text(std::move(text)) {}
-    std::uint64_t getSize() const override { return Box::getSize() + m_text.size(); }
+    BoxStringBox(FourCC type, std::string text, bool zeroTerminated = true)
+        : Box(type), m_text(std::move(text)), m_zeroTerminated(zeroTerminated) {}
+    std::uint64_t getSize() const override { return Box::getSize() + m_text.size() + (m_zeroTerminated ? 1 : 0); }
     void binarize(ImffBitWriter& writer) const override;
     const std::string& getText() const { return m_text; }
 
 private:
     std::string m_text;
+    bool m_zeroTerminated;
 };
 
 class CueSourceIDBox : public Box {
@@ -45,12 +47,14 @@ public:
 
 class CueSettingsBox : public BoxStringBox {
 public:
-    explicit CueSettingsBox(std::string text) : BoxStringBox(fourCC("sttg"), std::move(text)) {}
+    explicit CueSettingsBox(std::string text, bool zeroTerminated = true)
+        : BoxStringBox(fourCC("sttg"), std::move(text), zeroTerminated) {}
 };
 
 class CuePayloadBox : public BoxStringBox {
 public:
-    explicit CuePayloadBox(std::string text) : BoxStringBox(fourCC("payl"), std::move(text)) {}
+    explicit CuePayloadBox(std::string text, bool zeroTerminated = true)
+        : BoxStringBox(fourCC("payl"), std::move(text), zeroTerminated) {}
 };
 
 class VTTAdditionalTextBox : public BoxStringBox {
@@ -66,7 +70,8 @@ public:
 // The optional boxes go out in the order they were added, and the payload always last.
 class VTTCueBox : public Box {
 public:
-    explicit VTTCueBox(std::string cueText) : Box(fourCC("vttc")), m_payload(std::move(cueText)) {}
+    explicit VTTCueBox(std::string cueText, bool zeroTerminated = true)
+        : Box(fourCC("vttc")), m_payload(std::move(cueText), zeroTerminated) {}
     void addOptional(std::shared_ptr<Box> box) { m_optional.push_back(std::move(box)); }
     std::uint64_t getSize() const override;
     void binarize(ImffBitWriter& writer) const override;

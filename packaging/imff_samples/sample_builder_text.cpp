@@ -50,7 +50,7 @@ void SampleBuilderMetadata::onNal(std::unique_ptr<NAL>& nal) {
     emit(std::move(sample));
 }
 
-std::vector<std::uint8_t> webVttCueBoxes(std::string_view item) {
+std::vector<std::uint8_t> webVttCueBoxes(std::string_view item, bool zeroTerminated) {
     using namespace imff_box;
     std::unique_ptr<Box> box;
     if (item.empty()) {
@@ -59,8 +59,8 @@ std::vector<std::uint8_t> webVttCueBoxes(std::string_view item) {
         const std::size_t lineEnd = item.find('\n');
         const std::string settings(item.substr(0, lineEnd));
         const std::string text(lineEnd == std::string_view::npos ? std::string_view{} : item.substr(lineEnd + 1));
-        auto cue = std::make_unique<VTTCueBox>(text);
-        if (!settings.empty()) cue->addOptional(std::make_shared<CueSettingsBox>(settings));
+        auto cue = std::make_unique<VTTCueBox>(text, zeroTerminated);
+        if (!settings.empty()) cue->addOptional(std::make_shared<CueSettingsBox>(settings, zeroTerminated));
         box = std::move(cue);
     }
     std::vector<std::uint8_t> bytes(box->getSize());
@@ -76,7 +76,7 @@ void SampleBuilderWebVtt::onNal(std::unique_ptr<NAL>& nal) {
     sample->pts = sample->dts = nal->timing.time;
     sample->duration = nal->timing.duration;
     const std::vector<std::uint8_t> boxes =
-        webVttCueBoxes(std::string_view(reinterpret_cast<const char*>(nal->bytes()), nal->length));
+        webVttCueBoxes(std::string_view(reinterpret_cast<const char*>(nal->bytes()), nal->length), zeroTerminated);
     auto payload = plainNal(boxes.data(), boxes.size());
     payload->timing = nal->timing;
     sample->addNal(std::move(payload));

@@ -22,6 +22,8 @@ class SampleBuilderWebVtt : public SampleBuilder {
 public:
     using SampleBuilder::SampleBuilder;
     void onNal(std::unique_ptr<NAL>& nal) override;
+    // Cue texts end with a zero byte, unless the chunks are made for players.
+    bool zeroTerminated = true;
 };
 
 class SampleBuilderTimedText : public SampleBuilder {
@@ -38,7 +40,7 @@ private:
 
 // The ISO boxes of one WebVTT cue item: "vtte" for an empty item; otherwise "vttc" with the first line as its
 // settings ("sttg", left out when empty) and the other lines as its payload.
-std::vector<std::uint8_t> webVttCueBoxes(std::string_view item);
+std::vector<std::uint8_t> webVttCueBoxes(std::string_view item, bool zeroTerminated = true);
 
 }  // namespace v1
 }  // namespace tvrn::encoding::packaging::imff::imff_samples

@@ -313,10 +313,12 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
         if (!chunk || record == m_streams.end()) continue;
         if (record->second.attributes.type == WEBVTT) foldRepeatedWebVttCues(*chunk);
         if (record->second.attributes.type == TTML) {
-            // Players read the times of a TTML sample on the track's timeline, which starts at the time origin
-            // in DASH; Smooth Streaming clients take them absolute.
+            // DASH times count from the chunk's start; players read them on the track's timeline, which starts
+            // at the time origin. Smooth Streaming clients take them absolute.
+            const std::int64_t chunkStart = chunk->samples.empty() ? m_timeOrigin : chunk->samples.front()->getTime();
             std::string skipped;
-            mergeTtmlChunk(*chunk, m_dash ? m_timeOrigin : 0, record->second.attributes.language, skipped);
+            mergeTtmlChunk(*chunk, !m_dash ? 0 : m_playerCompatible ? m_timeOrigin : chunkStart,
+                           record->second.attributes.language, skipped);
             if (!skipped.empty())
                 m_logger.WriteMsg(LOG_WARNING, "stream %u : TTML documents that are not XML left out at %s", id,
                                   skipped.c_str());

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "packaging/imff_samples/sample.h"
+#include "packaging/imff_samples/sample_builder_text.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "packaging/synchronizator/sample_segment_synchronisator.h"
 #include "packaging/synchronizator_lowlatency/low_latency_global_synchronizator.h"
@@ -151,6 +152,8 @@ void Fmp4Mux::AddStream(std::uint32_t streamId, const ElementaryStreamAttributes
     const bool inBandFlag = m_options.outputFormat == Smooth ? true : m_options.inBandParameterSets;
     auto sampleBuilder = m_parts.makeSampleBuilder(attributes.type, inBandFlag, listener);
     if (sampleBuilder) sampleBuilder->streamId = streamId;
+    if (auto* webVtt = dynamic_cast<imff_samples::SampleBuilderWebVtt*>(sampleBuilder.get()))
+        webVtt->zeroTerminated = !m_options.playerCompatible;
     if (nalBuilder) nalBuilder->setListener(sampleBuilder.get());
     if (nalBuilder) m_nalBuilders[streamId] = std::move(nalBuilder);
     if (sampleBuilder) m_sampleBuilders[streamId] = std::move(sampleBuilder);
