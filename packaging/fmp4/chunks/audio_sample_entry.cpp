@@ -39,7 +39,7 @@ constexpr unsigned kChanmapOfChanLoc[9] = {5, 6, 7, 8, 9, 10, 11, 12, 14};
 std::uint16_t chanLocOf(std::uint16_t chanmap) {
     std::uint16_t loc = 0;
     for (unsigned j = 0; j < 9; ++j)
-        if ((chanmap >> (15 - kChanmapOfChanLoc[j])) & 1u) loc = static_cast<std::uint16_t>(loc | (1u << j));
+        if ((static_cast<unsigned>(chanmap) >> (15u - kChanmapOfChanLoc[j])) & 1u) loc = static_cast<std::uint16_t>(loc | (1u << j));
     return loc;
 }
 
