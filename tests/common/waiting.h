@@ -13,13 +13,12 @@ inline constexpr std::chrono::seconds kWaitLimit{60};
 template <typename T>
 class Guarded {
 public:
-    // Changes the value under the lock and wakes every waiter.
+    // Changes the value and wakes every waiter, under the lock: a waiter that sees the change may destroy this
+    // object at once, so nothing here may touch it after the lock is released.
     template <typename F>
     void update(F&& change) {
-        {
-            std::lock_guard lock(m_mutex);
-            change(m_value);
-        }
+        std::lock_guard lock(m_mutex);
+        change(m_value);
         m_changed.notify_all();
     }
     // Waits until `predicate(value)` holds; false if it never does.
