@@ -210,6 +210,7 @@ int run(int argc, char** argv) {
     settings.lowLatency = options.lowLatency();
     settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
     settings.listsParts = options.lowLatency() && options.hls;
+    settings.webVttFiles = options.hls;
     if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));

@@ -39,6 +39,8 @@ struct PresentationSettings {
     std::uint32_t latencyTargetMs = 2000;
     std::string utcTimingUrl;  // an address answering the time (http-xsdate), when there is one
     bool listsParts = false;   // a manifest lists every chunk (HLS partial segments): it is rewritten for each
+    // HLS reads subtitles as WebVTT text files: each WebVTT segment is also written as one (not in low latency).
+    bool webVttFiles = false;
 };
 
 class Presentation {
