@@ -68,11 +68,25 @@ int run(int argc, char** argv) {
     std::vector<std::string> skipped;
     bool live = false;
     std::vector<SubtitleFileInput*> subtitleFiles(options.inputs.size(), nullptr);
+    // Followed subtitle inputs (growing files, named pipes) are read until every other input has ended.
+    std::atomic<bool> mediaEnded{false};
+    std::vector<bool> followed(options.inputs.size(), false);
+    for (const int f : options.follow) {
+        if (static_cast<std::size_t>(f) >= options.inputs.size() || !SubtitleFileInput::handles(options.inputs[static_cast<std::size_t>(f)]))
+            throw ExitError(kExitUsage, "--follow " + std::to_string(f) + ": input " + std::to_string(f) +
+                                            " is not a subtitle file (.vtt, .srt)");
+        followed[static_cast<std::size_t>(f)] = true;
+    }
     for (std::size_t i = 0; i < options.inputs.size(); ++i) {
         try {
             if (SubtitleFileInput::handles(options.inputs[i])) {
                 std::vector<std::string> warnings;
-                auto subtitles = std::make_unique<SubtitleFileInput>(options.inputs[i], static_cast<int>(i), warnings);
+                followed[i] = followed[i] || SubtitleFileInput::isPipe(options.inputs[i]);
+                auto subtitles = followed[i]
+                                     ? std::make_unique<SubtitleFileInput>(
+                                           options.inputs[i], static_cast<int>(i),
+                                           SubtitleFileInput::Follow{&mediaEnded, [](const std::string& w) { warn(w); }})
+                                     : std::make_unique<SubtitleFileInput>(options.inputs[i], static_cast<int>(i), warnings);
                 for (const auto& w : warnings) warn(w);
                 subtitleFiles[i] = subtitles.get();
                 inputs.push_back(std::move(subtitles));
@@ -282,18 +296,24 @@ int run(int argc, char** argv) {
                                      }};
     const auto started = Clock::now();
     std::vector<std::pair<std::size_t, std::unique_ptr<InputReader>>> readers;  // by input
+    const auto reads = [&handles](std::size_t d) {
+        return std::any_of(handles[d].begin(), handles[d].end(), [](int h) { return h >= 0; });
+    };
+    std::atomic<std::size_t> mediaReading{0};
+    for (std::size_t d = 0; d < inputs.size(); ++d) mediaReading += reads(d) && !followed[d] ? 1 : 0;
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         const auto& mine = handles[d];
-        if (std::all_of(mine.begin(), mine.end(), [](int h) { return h < 0; })) {
+        if (!reads(d)) {
             say("input " + std::to_string(d) + ": no stream selected, the input is not read");
             continue;
         }
         PacketDestination destination{
             [&mine](std::size_t stream) { return mine[stream] >= 0; },
             [&packager, &mine](std::size_t stream, const Packet& packet) { packager.deliver(mine[stream], packet); },
-            [&packager, &mine] {
+            [&packager, &mine, &mediaReading, &mediaEnded, media = !followed[d]] {
                 for (const int h : mine)
                     if (h >= 0) packager.endOfStream(h);
+                if (media && --mediaReading == 0) mediaEnded = true;
             }};
         ReaderSettings reading;
         reading.realtime = options.realtime;

@@ -377,6 +377,14 @@ with nothing to package; 4 output folder not writable.
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");
+    repeatable("--follow", "INPUT",
+               "read subtitle input INPUT (its index) as another program writes it, cue by\n"
+               "cue, until the media ends (WebVTT, SRT; a named pipe is always read so)",
+               [&o](const std::string& text) {
+                   long long index = 0;
+                   if (!parseInteger(text, 0, 1000, index)) refuse("--follow takes an input's index, not '" + text + "'");
+                   o.follow.push_back(static_cast<int>(index));
+               });
     app.add_option_function<int>(
            "--program", [&o](int number) { o.program = number; },
            "the program to package of inputs with several (an MPTS), by its number (default the first)")

@@ -53,6 +53,7 @@ struct Options {
     std::optional<std::string> mediaTemplate;
     std::optional<int> program;  // of an input with several programs; the first by default
     bool realtime = false;
+    std::vector<int> follow;  // subtitle inputs read as they grow (named pipes are, always)
     std::uint32_t timeShiftBufferSeconds = 60;
     bool quiet = false;
     int verbosity = 1;  // 0 errors, 1 warnings, 2 information, 3 debug

@@ -20,11 +20,10 @@ struct Line {
 };
 
 // The lines of a text with any of CR LF, LF or CR as the end of a line; a UTF-8 byte order mark is dropped.
-std::vector<Line> splitLines(std::string_view data) {
+std::vector<Line> splitLines(std::string_view data, std::size_t number = 1) {
     if (data.starts_with("\xEF\xBB\xBF")) data.remove_prefix(3);
     std::vector<Line> lines;
     std::size_t start = 0;
-    std::size_t number = 1;
     while (start < data.size()) {
         const std::size_t end = data.find_first_of("\r\n", start);
         if (end == std::string_view::npos) {
@@ -198,20 +197,21 @@ std::vector<std::vector<Line>> blocks(const std::vector<Line>& lines) {
 
 }  // namespace
 
-CueFile cutWebVtt(std::string_view data, const std::string& fileName) {
+CueFile cutWebVtt(std::string_view data, const std::string& fileName, FilePart part) {
     CueFile out;
     Cutter cutter(fileName, out);
-    const std::vector<Line> lines = splitLines(data);
+    const bool continued = part.firstLine > 1;
+    const std::vector<Line> lines = splitLines(data, part.firstLine);
     if (lines.empty()) {
-        cutter.warn(1, "the file is empty");
+        if (part.whole) cutter.warn(1, "the file is empty");
         return out;
     }
     const std::string_view first = lines.front().text;
-    if (!first.starts_with("WEBVTT") || (first.size() > 6 && first[6] != ' ' && first[6] != '\t')) {
+    if (!continued && (!first.starts_with("WEBVTT") || (first.size() > 6 && first[6] != ' ' && first[6] != '\t'))) {
         cutter.warn(1, "not a WebVTT file: the first line is not 'WEBVTT'");
         return out;
     }
-    bool header = true;
+    bool header = !continued;
     for (const auto& block : blocks(lines)) {
         if (header) {  // the WEBVTT line and what follows it directly
             header = false;
@@ -228,16 +228,16 @@ CueFile cutWebVtt(std::string_view data, const std::string& fileName) {
         cutter.add(block[timing], '.', true, std::vector<Line>(block.begin() + static_cast<std::ptrdiff_t>(timing) + 1, block.end()),
                    true);
     }
-    if (out.cues.empty()) cutter.warn(lines.back().number, "no cue to package");
+    if (out.cues.empty() && part.whole) cutter.warn(lines.back().number, "no cue to package");
     return out;
 }
 
-CueFile cutSrt(std::string_view data, const std::string& fileName) {
+CueFile cutSrt(std::string_view data, const std::string& fileName, FilePart part) {
     CueFile out;
     Cutter cutter(fileName, out);
-    const std::vector<Line> lines = splitLines(data);
+    const std::vector<Line> lines = splitLines(data, part.firstLine);
     if (lines.empty()) {
-        cutter.warn(1, "the file is empty");
+        if (part.whole) cutter.warn(1, "the file is empty");
         return out;
     }
     for (const auto& block : blocks(lines)) {
@@ -252,7 +252,7 @@ CueFile cutSrt(std::string_view data, const std::string& fileName) {
         cutter.add(block[timing], separator, false,
                    std::vector<Line>(block.begin() + static_cast<std::ptrdiff_t>(timing) + 1, block.end()), false);
     }
-    if (out.cues.empty()) cutter.warn(lines.back().number, "no subtitle to package");
+    if (out.cues.empty() && part.whole) cutter.warn(lines.back().number, "no subtitle to package");
     return out;
 }
 

@@ -21,8 +21,14 @@ struct CueFile {
     std::vector<std::string> warnings;  // "FILE:LINE: what", at most a few dozen
 };
 
-CueFile cutWebVtt(std::string_view data, const std::string& fileName);
-CueFile cutSrt(std::string_view data, const std::string& fileName);
+// A file read in parts as it grows: a part starts at `firstLine` (from 1), only the first has the WebVTT header,
+// and a part without a cue is no fault.
+struct FilePart {
+    std::size_t firstLine = 1;
+    bool whole = true;
+};
+CueFile cutWebVtt(std::string_view data, const std::string& fileName, FilePart part = {});
+CueFile cutSrt(std::string_view data, const std::string& fileName, FilePart part = {});
 // TTML: one document per paragraph, with the head of the file, the paragraph's div and the paragraph with its
 // times resolved (begin and end, on the file's timeline); a file that is not well-formed XML gives no cue.
 CueFile cutTtml(std::string_view data, const std::string& fileName);

@@ -16,13 +16,15 @@
 #   vtt-hls    cues.vtt packaged as DASH and HLS, played by hls.js from the multivariant playlist (a SUBTITLES group
 #              of WebVTT text files)
 #   ttml-hls   cues.ttml the same way (IMSC1 in fMP4)
+#   follow     cues.vtt written block by block (and a late cue) into a file that fmp4mux follows as it grows while
+#              it packages the sample in real time (--follow); the late cue gives a warning, dash.js shows the rest
 #   bad        tests/data/subtitles/bad.vtt: overlapping and backwards times, an unclosed tag, Latin-1 text and
 #              control bytes each give a warning naming the file and line; the two good cues are played
 set -euo pipefail
 
 fail() { echo "run_subtitle_test: FAIL: $*" >&2; exit 1; }
 
-[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR vtt|vtt-shaka|vtt-hls|srt|bad|ttml|ttml-shaka|ttml-hls" >&2; exit 2; }
+[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR vtt|vtt-shaka|vtt-hls|srt|bad|ttml|ttml-shaka|ttml-hls|follow" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 CASE=$2
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -44,10 +46,12 @@ OUT="$WORK/out"
 PLAYER=dashjs
 CODEC=wvtt
 FORMATS=dash
+EXTRA=()
 case "$CASE" in
   ttml) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp ;;
   ttml-shaka) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp; PLAYER=shaka ;;
   ttml-hls) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp; PLAYER=hlsjs; FORMATS=dash,hls ;;
+  follow) SUBS="$WORK/live.vtt"; CUES=(--cues-vtt cues.vtt); EXTRA=(--realtime --follow 1) ;;
   vtt) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt) ;;
   vtt-shaka) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt); PLAYER=shaka ;;
   vtt-hls) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt); PLAYER=hlsjs; FORMATS=dash,hls ;;
@@ -58,8 +62,26 @@ case "$CASE" in
   *) echo "run_subtitle_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
-"$FMP4MUX" -q -f "$FORMATS" --language 1:0=fra --name 1:0=subs "$SAMPLE" "$SUBS" "$OUT" 2>"$WORK/log" || { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+if [ "$CASE" = follow ]; then
+  # The blocks of cues.vtt one a second, the late cue (it starts inside the first one) after the third block.
+  : >"$SUBS"
+  awk -v RS= -v dir="$WORK" '{ print $0 "\n" > (dir "/block" NR) }' "$DATA/cues.vtt"
+  (
+    for n in $(seq 1 "$(ls "$WORK"/block* | wc -l)"); do
+      cat "$WORK/block$n" >>"$SUBS"
+      [ "$n" -eq 3 ] && printf '00:00:01.000 --> 00:00:01.500\nlate\n\n' >>"$SUBS"
+      sleep 1
+    done
+  ) &
+fi
+"$FMP4MUX" -q -f "$FORMATS" "${EXTRA[@]}" --language 1:0=fra --name 1:0=subs "$SAMPLE" "$SUBS" "$OUT" 2>"$WORK/log" ||
+  { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+wait
 cat "$WORK/log"
+if [ "$CASE" = follow ]; then
+  grep -q "warning: $SUBS.*the cue is skipped" "$WORK/log" || fail "no warning for the late cue"
+  SUBS="$DATA/cues.vtt"
+fi
 if [ "$CASE" = bad ]; then
   for line in 6 9 12 15 18; do
     grep -q "warning: $SUBS:$line: .*the cue is skipped" "$WORK/log" || fail "no warning for line $line of $SUBS"
