@@ -184,11 +184,11 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
     for (std::size_t k = from; k < track.segments.size(); ++k) {
         const Segment& s = track.segments[k];
         if (s.discontinuity && k > from) out += "#EXT-X-DISCONTINUITY\n";
-        for (; splice < timing.splices.size() && spliceTime(splice) < secondsOf(s.time + s.duration, track.timescale); ++splice)
-            out += dateRange(timing.splices[splice], timing);
         // Live, each segment's wall-clock start on the clock of the DASH availability start.
         if (timing.dynamic || !timing.splices.empty())
             out += "#EXT-X-PROGRAM-DATE-TIME:" + isoUtc(timing.availabilityStart + secondsOf(s.time, track.timescale)) + "\n";
+        for (; splice < timing.splices.size() && spliceTime(splice) < secondsOf(s.time + s.duration, track.timescale); ++splice)
+            out += dateRange(timing.splices[splice], timing);
         if (parts) partLines(out, track, s);
         out += "#EXTINF:" + seconds3(secondsOf(s.duration, track.timescale)) + ",\n" + segmentUri(track, s) + "\n";
     }
