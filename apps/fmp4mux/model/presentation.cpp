@@ -31,7 +31,7 @@ void Presentation::addOutput(int index, const std::string& kind, std::uint32_t c
     Output& out = m_outputs[index];
     out.track.kind = kind;
     out.track.descriptors = descriptors;
-    out.track.inbandSplices = m_settings.splices && m_settings.live && kind == "video";
+    out.track.inbandSplices = m_settings.splices && m_settings.live && m_settings.dash && kind == "video";
     out.track.channels = channels;
     out.track.sampleRate = sampleRate;
     out.track.representationId = representationId;
