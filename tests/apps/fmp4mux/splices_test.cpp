@@ -94,12 +94,6 @@ INSTANTIATE_TEST_SUITE_P(
         SectionCase{"NotASpliceTable", broken(hex(kNull), 0), false, 0, false, std::nullopt, 0, std::nullopt}),
     [](const auto& test) { return test.param.name; });
 
-TEST(SpliceSections, CrcIsMpeg2s) {
-    // The check value of CRC-32/MPEG-2 over the nine digits "123456789".
-    const std::string digits = "123456789";
-    EXPECT_EQ(mpeg2Crc32(Bytes(digits.begin(), digits.end())), 0x0376E6E7u);
-}
-
 TEST(SpliceSections, MessageTimesTheSpliceFromItsClock) {
     // The packager's input form: the clock value 142200 (0x22B78) in 8 bytes, then the section; the clock at
     // 1.58 s of the running timeline puts the splice 261000 ticks (2.9 s) later.
@@ -121,17 +115,6 @@ TEST(SpliceMessage, BoxAsIso23009Lays) {
     const Bytes expected = hex("0000003d656d736701000000""00015f90""0000000000043ad0""0002bf20""00000007"
                                "75726e3a736374653a7363746533353a323031333a62696e00""00""fc3011");
     EXPECT_EQ(spliceMessageBox(event, 90000), expected);
-}
-
-TEST(SpliceMessage, GoesAfterTheSegmentType) {
-    // A marker box of 8 bytes, a styp of 12, a sidx of 8: the boxes go at 20; without a styp, before the sidx.
-    const Bytes styp = hex("0000000874657374""0000000c73747970""6d736468""0000000873696478");
-    Bytes chunk = styp;
-    insertAfterSegmentType(chunk, {1, 2});
-    EXPECT_EQ(Bytes(chunk.begin() + 20, chunk.begin() + 22), (Bytes{1, 2}));
-    Bytes bare = hex("0000000874657374""0000000873696478");
-    insertAfterSegmentType(bare, {1, 2});
-    EXPECT_EQ(Bytes(bare.begin() + 8, bare.begin() + 10), (Bytes{1, 2}));
 }
 
 }  // namespace
