@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "apps/fmp4mux/model/splices.h"
@@ -197,9 +198,10 @@ void Presentation::noteKeyFrame(int index, std::int64_t pts) {
 
 void Presentation::addSplice(std::int64_t at, SpliceEvent event) {
     std::lock_guard lock(m_mutex);
-    // Encoders send a cue several times ahead of its splice: the same section for the same time is one splice.
+    // Encoders send a cue several times ahead of its splice: the same section for the same time (within the
+    // rounding of two clock values to 100 ns) is one splice.
     for (const auto& [time, section] : m_recentSections)
-        if (time == at && section == event.section) return;
+        if (std::llabs(time - at) < 10000 && section == event.section) return;
     m_recentSections.emplace_back(at, event.section);
     if (m_recentSections.size() > 16) m_recentSections.pop_front();
     event.id = m_nextSpliceId++;
