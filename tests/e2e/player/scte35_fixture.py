@@ -5,8 +5,8 @@ from ANSI/SCTE 35 and carried in transport packets of their own.
   python3 scte35_fixture.py IN.ts OUT.ts EXPECTED.json
 
 The PMT gains a stream of type 0x86 on PID 0x1F0 and, in its program loop, a registration descriptor "CUEI"; its
-CRC is computed again. Two sections go out 2 s ahead of their splice, each just before the video PES that the
-demuxer reads at that time:
+CRC is computed again. Two sections go out 2 s ahead of their splice (the first once more 1 s ahead, as encoders
+repeat a cue), each just before the video PES that the demuxer reads at that time:
   - a splice_insert() out of the network, 3.0 s after the first video picture, with a break_duration of 2 s;
   - a time_signal() 6.0 s after it, with a segmentation_descriptor() (a provider advertisement start).
 Both carry a pts_adjustment of 2^33 - 90000 (one second before the wrap), so pts_time is the splice's PTS plus
@@ -130,18 +130,20 @@ def main():
     first = min(pes_pts(p) for p in ts if pid_of(p) == video_pid and p[1] & 0x40 and pes_pts(p) is not None)
     cues = [(first + 3 * 90000, splice_insert(0x1234, first + 3 * 90000, 2 * 90000)),
             (first + 6 * 90000, time_signal(first + 6 * 90000))]
+    # (when, section): each cue 2 s ahead, and the splice_insert once more 1 s ahead, as encoders repeat a cue.
+    sends = sorted([(t - 2 * 90000, c) for t, c in cues] + [(cues[0][0] - 90000, cues[0][1])])
     out = bytearray()
     sent = 0
     for p in ts:
         if pid_of(p) == pmt_pid and p[1] & 0x40:
             p = new_pmt(p)
-        if sent < len(cues) and pid_of(p) == video_pid and p[1] & 0x40:
+        if sent < len(sends) and pid_of(p) == video_pid and p[1] & 0x40:
             pts = pes_pts(p)
-            if pts is not None and pts >= cues[sent][0] - 2 * 90000:
-                out += section_packet(cues[sent][1], sent)
+            if pts is not None and pts >= sends[sent][0]:
+                out += section_packet(sends[sent][1], sent)
                 sent += 1
         out += p
-    if sent != len(cues):
+    if sent != len(sends):
         sys.exit('scte35_fixture: the input is too short for its cues')
     open(dst, 'wb').write(out)
     json.dump([{'hex': c[1].hex(), 'after_first_picture': (c[0] - first) / 90000} for c in cues], open(expected, 'w'))
