@@ -211,6 +211,7 @@ int run(int argc, char** argv) {
     settings.lowLatency = options.lowLatency();
     settings.chunksPerSegment = static_cast<std::uint32_t>(plannedSegmentMs / std::max(options.chunkDurationMs, 1));
     settings.listsParts = options.lowLatency() && options.hls;
+    settings.webVttFiles = options.hls;
     if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
     for (const StreamPlan& plan : plans)
         settings.splices = settings.splices || streamLists[static_cast<std::size_t>(plan.input)][plan.stream].kind == "scte35";

@@ -1,25 +1,19 @@
 #include "packaging/encryption/aes_cbc.h"
 
-#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
+
+#include "packaging/encryption/openssl_support.h"
 
 namespace tvrn::encoding::packaging::encryption {
 inline namespace v0 {
 
 namespace {
 
-constexpr std::size_t kBlock = 16;
-// EVP takes an int length: a run of encrypted blocks longer than this goes in pieces, the chain carried on.
-constexpr std::size_t kMaxPiece = std::size_t{1} << 30;
-
-int openSslFailure() {
-    const unsigned long code = ERR_get_error();
-    ERR_clear_error();
-    const int reason = code == 0 ? 0 : ERR_GET_REASON(code);
-    return reason > 0 ? reason : 1;
-}
+using openssl_support::kBlock;
+using openssl_support::kMaxPiece;
+constexpr auto openSslFailure = openssl_support::failure;
 
 }  // namespace
 

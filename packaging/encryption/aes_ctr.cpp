@@ -1,19 +1,20 @@
 #include "packaging/encryption/aes_ctr.h"
 
-#include <openssl/err.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
 #include <array>
+
+#include "packaging/encryption/openssl_support.h"
 
 namespace tvrn::encoding::packaging::encryption {
 inline namespace v0 {
 
 namespace {
 
-constexpr std::size_t kBlock = 16;
-// EVP takes an int length: longer runs go in pieces of whole blocks, so the counter runs on between pieces.
-constexpr std::size_t kMaxPiece = std::size_t{1} << 30;
+using openssl_support::kBlock;
+using openssl_support::kMaxPiece;
+constexpr auto openSslFailure = openssl_support::failure;
 
 std::uint64_t loadBigEndian64(const std::uint8_t* bytes) {
     std::uint64_t value = 0;
@@ -26,14 +27,6 @@ void storeBigEndian64(std::uint8_t* bytes, std::uint64_t value) {
         bytes[i] = static_cast<std::uint8_t>(value);
         value >>= 8;
     }
-}
-
-// The reason of OpenSSL's oldest queued error (the queue is emptied), or 1 when it queued none.
-int openSslFailure() {
-    const unsigned long code = ERR_get_error();
-    ERR_clear_error();
-    const int reason = code == 0 ? 0 : ERR_GET_REASON(code);
-    return reason > 0 ? reason : 1;
 }
 
 }  // namespace

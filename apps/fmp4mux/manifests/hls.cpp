@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <set>
 
+#include "apps/fmp4mux/manifests/webvtt_segment.h"
+
 namespace fmp4mux {
 
 namespace {
@@ -43,7 +45,7 @@ std::string segmentUri(const Track& track, const Segment& segment) {
     replaceAll(uri, "$RepresentationID$", track.representationId);
     replaceAll(uri, "$Time$", std::to_string(segment.time));
     replaceAll(uri, "$Number$", std::to_string(segment.number));
-    return uri;
+    return track.webVttFiles ? webVttName(uri) : uri;
 }
 
 // "25", "30000/1001" as a decimal with three places; empty when the rate is not known.
@@ -170,25 +172,25 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
     if (!timing.dynamic) out += "#EXT-X-PLAYLIST-TYPE:VOD\n";
     out += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     keys(out, track);
-    out += "#EXT-X-MAP:URI=" + quoted(track.initialization) + "\n";
-    // Splices are dated ahead of the segment they fall in (those before the first one listed have left), which
-    // needs the segments' dates.
+    if (!track.webVttFiles) out += "#EXT-X-MAP:URI=" + quoted(track.initialization) + "\n";
+    // Splices are dated in the media playlists of the audio and video (in the segment they fall in; those before
+    // the first one listed have left), which needs the segments' dates.
+    const std::vector<SpliceEvent> none;
+    const std::vector<SpliceEvent>& splices = track.kind == "text" ? none : timing.splices;
     std::size_t splice = 0;
-    const auto spliceTime = [&](std::size_t i) {
-        return static_cast<double>(timing.splices[i].time) / 1e7;
-    };
+    const auto spliceTime = [&](std::size_t i) { return static_cast<double>(splices[i].time) / 1e7; };
     if (from < track.segments.size())
-        while (splice < timing.splices.size() &&
+        while (splice < splices.size() &&
                spliceTime(splice) < secondsOf(track.segments[from].time, track.timescale))
             ++splice;
     for (std::size_t k = from; k < track.segments.size(); ++k) {
         const Segment& s = track.segments[k];
         if (s.discontinuity && k > from) out += "#EXT-X-DISCONTINUITY\n";
         // Live, each segment's wall-clock start on the clock of the DASH availability start.
-        if (timing.dynamic || !timing.splices.empty())
+        if (timing.dynamic || !splices.empty())
             out += "#EXT-X-PROGRAM-DATE-TIME:" + isoUtc(timing.availabilityStart + secondsOf(s.time, track.timescale)) + "\n";
-        for (; splice < timing.splices.size() && spliceTime(splice) < secondsOf(s.time + s.duration, track.timescale); ++splice)
-            out += dateRange(timing.splices[splice], timing);
+        for (; splice < splices.size() && spliceTime(splice) < secondsOf(s.time + s.duration, track.timescale); ++splice)
+            out += dateRange(splices[splice], timing);
         if (parts) partLines(out, track, s);
         out += "#EXTINF:" + seconds3(secondsOf(s.duration, track.timescale)) + ",\n" + segmentUri(track, s) + "\n";
     }
@@ -215,11 +217,11 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
 }
 
 std::string buildMultivariantPlaylist(const std::vector<Track>& tracks, const ManifestTiming&) {
-    std::vector<const Track*> videos, audios;
+    std::vector<const Track*> videos, audios, texts;
     for (const Track& t : tracks) {
         if (t.kind == "video") videos.push_back(&t);
         if (t.kind == "audio") audios.push_back(&t);
-        // Text tracks would join a SUBTITLES group here, named on each EXT-X-STREAM-INF as the audio group is.
+        if (t.kind == "text") texts.push_back(&t);
     }
     std::string out = "#EXTM3U\n#EXT-X-VERSION:" + std::to_string(kVersion) + "\n#EXT-X-INDEPENDENT-SEGMENTS\n";
     // The audio renditions of one group: the variants carry the codecs of all and the rate of the highest.
@@ -238,24 +240,50 @@ std::string buildMultivariantPlaylist(const std::vector<Track>& tracks, const Ma
         if (a->channels > 0) out += ",CHANNELS=\"" + std::to_string(a->channels) + "\"";
         out += ",URI=" + quoted(mediaPlaylistName(*a)) + "\n";
     }
+    // Subtitles: one group that every variant names. None is the default, so that a player shows them only
+    // when asked; AUTOSELECT lets it pick the one of the viewer's language. The variants' CODECS list the text
+    // formats too (wvtt, stpp), as they list every format a variant may need.
+    std::vector<std::string> textCodecs;
+    std::uint32_t textPeak = 0, textAverage = 0;  // the largest, as one subtitle rendition plays at a time
+    for (const Track* t : texts) {
+        // TTML in fMP4 is announced as IMSC1 text, the profile HLS players take it in; WebVTT text files need no
+        // codecs entry.
+        const std::string codecs = t->codecs == "stpp" ? "stpp.ttml.im1t" : t->webVttFiles ? "" : t->codecs;
+        if (!codecs.empty() && std::find(textCodecs.begin(), textCodecs.end(), codecs) == textCodecs.end())
+            textCodecs.push_back(codecs);
+        textPeak = std::max(textPeak, t->bandwidth);
+        textAverage = std::max(textAverage, t->averageBandwidth);
+        out += "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=" + quoted(t->representationId);
+        if (!t->language.empty() && t->language != "und") out += ",LANGUAGE=" + quoted(t->language);
+        out += ",DEFAULT=NO,AUTOSELECT=YES,URI=" + quoted(mediaPlaylistName(*t)) + "\n";
+    }
+    const auto variantCodecs = [&](std::string codecs) {
+        for (const std::string& c : textCodecs) codecs += "," + c;
+        return codecs;
+    };
     for (const Track* v : videos) {
         std::string codecs = v->codecs;
         for (const std::string& c : audioCodecs) codecs += "," + c;
-        out += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(std::max<std::uint64_t>(1, std::uint64_t{v->bandwidth} + audioPeak));
+        codecs = variantCodecs(codecs);
+        out += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(std::max<std::uint64_t>(1, std::uint64_t{v->bandwidth} + audioPeak + textPeak));
         if (v->averageBandwidth > 0)
-            out += ",AVERAGE-BANDWIDTH=" + std::to_string(std::uint64_t{v->averageBandwidth} + audioAverage);
+            out += ",AVERAGE-BANDWIDTH=" + std::to_string(std::uint64_t{v->averageBandwidth} + audioAverage + textAverage);
         out += ",CODECS=" + quoted(codecs);
         if (v->width > 0 && v->height > 0) out += ",RESOLUTION=" + std::to_string(v->width) + "x" + std::to_string(v->height);
         if (const std::string rate = frameRate(v->frameRate); !rate.empty()) out += ",FRAME-RATE=" + rate;
         if (grouped) out += ",AUDIO=\"audio\"";
+        if (!texts.empty()) out += ",SUBTITLES=\"subs\"";
         out += "\n" + mediaPlaylistName(*v) + "\n";
     }
     // Audio alone: each audio track is a variant of its own.
     if (videos.empty())
         for (const Track* a : audios) {
-            out += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(std::max<std::uint32_t>(1, a->bandwidth));
-            if (a->averageBandwidth > 0) out += ",AVERAGE-BANDWIDTH=" + std::to_string(a->averageBandwidth);
-            out += ",CODECS=" + quoted(a->codecs) + "\n" + mediaPlaylistName(*a) + "\n";
+            out += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(std::max<std::uint64_t>(1, std::uint64_t{a->bandwidth} + textPeak));
+            if (a->averageBandwidth > 0)
+                out += ",AVERAGE-BANDWIDTH=" + std::to_string(std::uint64_t{a->averageBandwidth} + textAverage);
+            out += ",CODECS=" + quoted(variantCodecs(a->codecs));
+            if (!texts.empty()) out += ",SUBTITLES=\"subs\"";
+            out += "\n" + mediaPlaylistName(*a) + "\n";
         }
     return out;
 }
@@ -264,7 +292,7 @@ std::vector<ManifestFile> HlsManifestWriter::files(const std::vector<Track>& tra
     std::vector<ManifestFile> all{{fileName(), buildMultivariantPlaylist(tracks, timing)}};
     const bool parts = timing.dynamic && timing.lowLatency.on;
     for (const Track& t : tracks)
-        if (t.kind == "video" || t.kind == "audio")
+        if (t.kind == "video" || t.kind == "audio" || t.kind == "text")
             all.push_back({mediaPlaylistName(t), buildMediaPlaylist(t, timing), parts ? lastPartOf(t) : std::nullopt});
     return all;
 }

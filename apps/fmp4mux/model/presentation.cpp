@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "apps/fmp4mux/manifests/webvtt_segment.h"
 #include "apps/fmp4mux/model/splices.h"
 #include "packaging/fmp4/output/chunk_reader.h"
 #include "support/variable_expander/variable_expander.h"
@@ -78,6 +79,7 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     }
     out.track.mediaTemplate = manifestMediaTemplate(out);
     out.track.mediaByNumber = m_settings.mediaTemplate.find("${number}") != std::string::npos;
+    out.track.webVttFiles = m_settings.webVttFiles && !m_settings.lowLatency && out.track.codecs == "wvtt";
     out.ready = true;
     ++m_files;
     const auto offset = static_cast<std::size_t>(movie.data() - chunk.data());
@@ -104,6 +106,12 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     }
     ++m_chunks;
     const std::uint64_t size = chunk.size();
+    if (out.track.webVttFiles) {
+        const std::optional<std::string> text = webVttOfSegment(chunk, timing->timescale);
+        if (!text) return fail("output " + std::to_string(index) + ": a WebVTT segment could not be read");
+        ++m_files;
+        m_publisher.publish({webVttName(path), std::vector<std::uint8_t>(text->begin(), text->end()), {}, false});
+    }
     // DASH media files leave out the engine's marker boxes, which players do not know.
     Publication file{std::move(path), {}, {}, false};
     if (m_settings.dash)
@@ -265,8 +273,9 @@ void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t 
         // Their files go a window later: players that read the manifest before may still fetch them.
         for (auto it = out.track.segments.begin(); it != out.track.segments.begin() + leaving; ++it) {
             try {
-                m_leaving.push_back({end + m_settings.timeShiftBufferSeconds,
-                                     expandName(m_settings.mediaTemplate, out, it->time, it->number), false});
+                const std::string path = expandName(m_settings.mediaTemplate, out, it->time, it->number);
+                m_leaving.push_back({end + m_settings.timeShiftBufferSeconds, path, false});
+                if (out.track.webVttFiles) m_leaving.push_back({end + m_settings.timeShiftBufferSeconds, webVttName(path), false});
             } catch (const std::exception&) {
                 // a name that expanded once expands again
             }

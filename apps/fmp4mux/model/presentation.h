@@ -39,6 +39,8 @@ struct PresentationSettings {
     std::uint32_t latencyTargetMs = 2000;
     std::string utcTimingUrl;  // an address answering the time (http-xsdate), when there is one
     bool listsParts = false;   // a manifest lists every chunk (HLS partial segments): it is rewritten for each
+    // HLS reads subtitles as WebVTT text files: each WebVTT segment is also written as one (not in low latency).
+    bool webVttFiles = false;
     // The inputs signal splices (SCTE-35). A live presentation carries them in band, as `emsg` boxes in the video
     // segments that the MPD announces with an InbandEventStream: a player that joins late reads them from the
     // segments it fetches. A file's static MPD lists them all in its Period's EventStream instead, and its

@@ -61,6 +61,7 @@ struct Track {
     std::string initialization;   // path of the init file, relative to the manifest
     std::string mediaTemplate;    // DASH: with $Time$ or $Number$; Smooth: with {bitrate} and {start time}
     bool mediaByNumber = false;
+    bool webVttFiles = false;     // each media file has a WebVTT text twin (webVttName), for HLS
     // Common Encryption as the init file states it: the scheme ("cenc", "cbcs", "piff"; empty when clear), the default
     // key id as UUID text, and each protection system with its id (UUID text), its pssh box and the box's data,
     // both in base64.

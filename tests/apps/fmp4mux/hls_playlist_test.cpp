@@ -24,6 +24,12 @@ Track audio() {
             .mediaTemplate = "s/a/c_$Number$.mp4", .segments = {{0, 20, 1}}};
 }
 
+Track subtitles() {
+    return {.kind = "text", .representationId = "subs", .language = "eng", .codecs = "wvtt", .bandwidth = 1000,
+            .averageBandwidth = 500, .timescale = 10, .initialization = "s/t/init.mp4",
+            .mediaTemplate = "s/t/c_$Time$.mp4", .webVttFiles = true, .segments = {{0, 20, 1}}};
+}
+
 Track encrypted(const std::string& scheme) {
     Track t = audio();
     t.protectionScheme = scheme;
@@ -115,12 +121,14 @@ INSTANTIATE_TEST_SUITE_P(
     Table, HlsPlaylists,
     ::testing::Values(
         Playlist{"Multivariant",
-                 buildMultivariantPlaylist({video(), audio()}, finished()),
+                 buildMultivariantPlaylist({video(), audio(), subtitles()}, finished()),
                  kHead + "#EXT-X-INDEPENDENT-SEGMENTS\n"
                  "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"audio\",NAME=\"audio1\",LANGUAGE=\"fra\",DEFAULT=YES,"
                  "AUTOSELECT=YES,CHANNELS=\"2\",URI=\"audio1.m3u8\"\n"
-                 "#EXT-X-STREAM-INF:BANDWIDTH=364000,AVERAGE-BANDWIDTH=310000,CODECS=\"avc1.64001e,mp4a.40.2\","
-                 "RESOLUTION=640x360,FRAME-RATE=25.000,AUDIO=\"audio\"\nvideo0.m3u8\n"},
+                 "#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID=\"subs\",NAME=\"subs\",LANGUAGE=\"eng\",DEFAULT=NO,"
+                 "AUTOSELECT=YES,URI=\"subs.m3u8\"\n"
+                 "#EXT-X-STREAM-INF:BANDWIDTH=365000,AVERAGE-BANDWIDTH=310500,CODECS=\"avc1.64001e,mp4a.40.2\","
+                 "RESOLUTION=640x360,FRAME-RATE=25.000,AUDIO=\"audio\",SUBTITLES=\"subs\"\nvideo0.m3u8\n"},
         Playlist{"AudioOnlyMultivariant",
                  buildMultivariantPlaylist({audio()}, finished()),
                  kHead + "#EXT-X-INDEPENDENT-SEGMENTS\n"
@@ -152,6 +160,10 @@ INSTANTIATE_TEST_SUITE_P(
                  "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:44.500Z\n"
                  "#EXT-X-DATERANGE:ID=\"splice-2\",START-DATE=\"1970-01-01T00:16:44.500Z\",SCTE35-CMD=0xFC01\n"
                  "#EXTINF:1.400,\ns/video0/c_45.mp4\n#EXT-X-ENDLIST\n"},
+        Playlist{"WebVttTextFiles",
+                 buildMediaPlaylist(subtitles(), finished()),
+                 kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+                 "#EXT-X-INDEPENDENT-SEGMENTS\n#EXTINF:2.000,\ns/t/c_0.vtt\n#EXT-X-ENDLIST\n"},
         Playlist{"EncryptedCenc", buildMediaPlaylist(encrypted("cenc"), finished()), encryptedText("SAMPLE-AES-CTR")},
         Playlist{"EncryptedCbcs", buildMediaPlaylist(encrypted("cbcs"), finished()), encryptedText("SAMPLE-AES")},
         Playlist{"LowLatencyParts",

@@ -270,6 +270,9 @@ function hlsPageHtml(source, keys, lowLatency, switchLevel) {
       (data.fatal ? state.dashErrors : state.notes).push(entry);
     });
     hls.on(Hls.Events.LEVEL_SWITCHED, (event, data) => state.switches.push(data.level));
+    // Subtitles are off by default (no rendition is DEFAULT): show the first, so that hls.js fetches it (hls.js
+    // follows the mode of the text tracks it made on the video).
+    video.textTracks.addEventListener('addtrack', (e) => { if (e.track.kind === 'subtitles') e.track.mode = 'showing'; });
     video.addEventListener('playing', () => { state.started = true; });
     if (${JSON.stringify(!!switchLevel)}) {
       const ask = () => {
@@ -575,8 +578,10 @@ async function checkCues(page, opts) {
       return Array.from(t.track.cues).map((c) => ({ start: c.startTime, end: c.endTime, text: c.text }));
     }, opts.cuesVtt);
   }
-  // Zero of the source is the first video segment's start.
-  const mpd = await fsp.readFile(path.join(opts.folder, opts.manifest), 'utf8');
+  // Zero of the source is the first video segment's start; players keep the media's own times. An HLS run is
+  // packaged with an MPD beside its playlists, which says where that is.
+  const mpdName = opts.manifest.endsWith('.m3u8') ? 'manifest.mpd' : opts.manifest;
+  const mpd = await fsp.readFile(path.join(opts.folder, mpdName), 'utf8');
   const video = mpd.split('<AdaptationSet').find((set) => set.includes('contentType="video"')) || '';
   const t0 = /<S t="(\d+)"/.exec(video);
   const scale = /timescale="(\d+)"/.exec(video);

@@ -13,13 +13,16 @@
 #   ttml       tests/data/subtitles/cues.ttml (offset and clock times, dur, styles, a region), played by dash.js; the
 #              cues expected are written out beside it
 #   ttml-shaka the same played by shaka-player
+#   vtt-hls    cues.vtt packaged as DASH and HLS, played by hls.js from the multivariant playlist (a SUBTITLES group
+#              of WebVTT text files)
+#   ttml-hls   cues.ttml the same way (IMSC1 in fMP4)
 #   bad        tests/data/subtitles/bad.vtt: overlapping and backwards times, an unclosed tag, Latin-1 text and
 #              control bytes each give a warning naming the file and line; the two good cues are played
 set -euo pipefail
 
 fail() { echo "run_subtitle_test: FAIL: $*" >&2; exit 1; }
 
-[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR vtt|vtt-shaka|srt|bad|ttml|ttml-shaka" >&2; exit 2; }
+[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR vtt|vtt-shaka|vtt-hls|srt|bad|ttml|ttml-shaka|ttml-hls" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 CASE=$2
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -40,11 +43,14 @@ trap 'rm -rf "$WORK"' EXIT
 OUT="$WORK/out"
 PLAYER=dashjs
 CODEC=wvtt
+FORMATS=dash
 case "$CASE" in
   ttml) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp ;;
   ttml-shaka) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp; PLAYER=shaka ;;
+  ttml-hls) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp; PLAYER=hlsjs; FORMATS=dash,hls ;;
   vtt) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt) ;;
   vtt-shaka) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt); PLAYER=shaka ;;
+  vtt-hls) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt); PLAYER=hlsjs; FORMATS=dash,hls ;;
   srt) SUBS="$DATA/cues.srt"; CUES=(--cues-json "$DATA/cues.srt.json") ;;
   bad) SUBS="$DATA/bad.vtt"
        printf '[{"start":1,"end":2,"text":"kept one"},{"start":8,"end":9,"text":"kept two"}]' >"$WORK/bad.json"
@@ -52,7 +58,7 @@ case "$CASE" in
   *) echo "run_subtitle_test: unknown case '$CASE'" >&2; exit 2 ;;
 esac
 
-"$FMP4MUX" -q --language 1:0=fra --name 1:0=subs "$SAMPLE" "$SUBS" "$OUT" 2>"$WORK/log" || { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+"$FMP4MUX" -q -f "$FORMATS" --language 1:0=fra --name 1:0=subs "$SAMPLE" "$SUBS" "$OUT" 2>"$WORK/log" || { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
 cat "$WORK/log"
 if [ "$CASE" = bad ]; then
   for line in 6 9 12 15 18; do
@@ -98,5 +104,11 @@ PY
   echo "run_subtitle_test: every segment's TTML document is well-formed"
 fi
 
-node "$HERE/play.mjs" --player "$PLAYER" --min-time 9 "${CUES[@]}" "$OUT" manifest.mpd || fail "the player did not show the cues"
+if [ "$PLAYER" = hlsjs ]; then
+  grep -q '^#EXT-X-MEDIA:TYPE=SUBTITLES,GROUP-ID="subs",NAME="subs",LANGUAGE="fra",.*URI="subs.m3u8"' "$OUT/master.m3u8" ||
+    fail "no subtitle rendition in the multivariant playlist"
+  node "$HERE/play.mjs" --format hls --min-time 9 "${CUES[@]}" "$OUT" master.m3u8 || fail "hls.js did not show the cues"
+else
+  node "$HERE/play.mjs" --player "$PLAYER" --min-time 9 "${CUES[@]}" "$OUT" manifest.mpd || fail "the player did not show the cues"
+fi
 echo "run_subtitle_test: PASS: $CASE"
