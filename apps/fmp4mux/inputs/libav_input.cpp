@@ -366,9 +366,9 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
 
 namespace {
 // One SCTE-35 section as the packager takes it: the 8-byte big-endian clock value of the section (33-bit, 90 kHz),
-// then the section. The clock is the packet's own time where the demuxer gives one; a section carries no time
-// stamp of its own in the transport stream, so otherwise it is the time of the latest video packet of the program,
-// the clock the section's splice times count on.
+// then the section. A section has no PES header, hence no time stamp of its own: libavformat times it on the
+// program's clock where it can, and that time is taken. Otherwise the time of the latest video packet of the
+// program stands in: the section arrived with it, and splice times count on that same clock.
 void emitSection(const AVPacket* p, AVRational timeBase, std::optional<std::int64_t> lastVideoPts,
                  const std::function<void(Packet&)>& onPacket, std::size_t keptIndex) {
     std::optional<std::int64_t> clock;
