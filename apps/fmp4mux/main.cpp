@@ -24,6 +24,7 @@
 #include "apps/fmp4mux/manifests/hls.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
+#include "apps/fmp4mux/model/splices.h"
 #include "apps/fmp4mux/outputs/buffer_pool.h"
 #include "apps/fmp4mux/outputs/file_publisher.h"
 #include "apps/fmp4mux/outputs/http_origin.h"
@@ -226,6 +227,8 @@ int run(int argc, char** argv) {
     settings.listsParts = options.lowLatency() && options.hls;
     settings.webVttFiles = options.hls;
     if (origin && *options.serveAddress != "0.0.0.0") settings.utcTimingUrl = origin->utcTimingUrl();
+    for (const StreamPlan& plan : plans)
+        settings.splices = settings.splices || streamLists[static_cast<std::size_t>(plan.input)][plan.stream].kind == "scte35";
     if (live) {
         RunFolders runs = planRunFolders(options.outputDirectory, std::time(nullptr));
         settings.runFolder = runs.current;
@@ -257,21 +260,41 @@ int run(int argc, char** argv) {
     engineSettings.streamName = options.streamName;
     engineSettings.encryption = options.encryption;
     Packager packager(engineSettings, logger);
-    // handles[input][stream]: the engine's stream, or -1 for a stream left out.
-    std::vector<std::vector<int>> handles(inputs.size());
-    for (std::size_t d = 0; d < inputs.size(); ++d) handles[d].assign(streamLists[d].size(), -1);
+    // routes[input][stream]: where a stream's packets go: the engine's stream (-1: none) and the presentation's
+    // output; a stream left out goes nowhere. SCTE-35 sections make the presentation's splices, whether or not the
+    // engine takes them.
+    struct Route {
+        int engine = -1;
+        int output = -1;
+        bool splices = false;
+        bool video = false;
+        bool used() const { return engine >= 0 || splices; }
+    };
+    std::vector<std::vector<Route>> routes(inputs.size());
+    for (std::size_t d = 0; d < inputs.size(); ++d) routes[d].assign(streamLists[d].size(), Route{});
     for (const StreamPlan& plan : plans) {
         const StreamInfo& info = streamLists[static_cast<std::size_t>(plan.input)][plan.stream];
         const int output = static_cast<int>(&plan - plans.data());
+        Route& route = routes[static_cast<std::size_t>(plan.input)][plan.stream];
+        if (info.kind == "scte35") {
+            std::string refused;
+            route.splices = true;
+            route.engine = packager.connectSplices({plan.label, info, plan.bitrate, plan.language, plan.name, {}}, refused);
+            if (route.engine < 0) warn("input " + plan.label + ": SCTE-35 goes to the manifests and segments only: " + refused);
+            say("input " + plan.label + ": SCTE-35 splice information");
+            continue;
+        }
+        route.output = output;
+        route.video = info.kind == "video";
         presentation.addOutput(output, info.kind, static_cast<std::uint32_t>(std::max(info.channels, 0)),
                                static_cast<std::uint32_t>(std::max(info.sampleRate, 0)), plan.bitrateGiven, plan.name,
-                               plan.language);
+                               plan.language, plan.descriptors);
         // Room for one chunk of a segment and a half at a high rate (40 Mb/s video, 2 Mb/s audio), whatever
         // bitrate the stream announced: the sink copies every buffer at once.
         const double peakBitsPerSecond = info.kind == "video" ? 40e6 : 2e6;
         const auto bufferCount = static_cast<long>(1.5 * segmentMs / 1000.0 * peakBitsPerSecond / 8 / 8192) + 1;
-        handles[static_cast<std::size_t>(plan.input)][plan.stream] = packager.connect(
-            {plan.label, info, plan.bitrate, plan.language, plan.name}, bufferCount,
+        route.engine = packager.connect(
+            {plan.label, info, plan.bitrate, plan.language, plan.name, plan.descriptors}, bufferCount,
             [&presentation, output](bool init, std::vector<std::uint8_t>&& chunk) {
                 presentation.onChunk(output, init, std::move(chunk));
             },
@@ -281,8 +304,8 @@ int run(int argc, char** argv) {
             (info.sampleRate ? " " + std::to_string(info.sampleRate) + " Hz" : ""));
     }
     for (std::size_t d = 0; d < inputs.size(); ++d)
-        for (std::size_t k = 0; k < handles[d].size(); ++k)
-            if (handles[d][k] < 0) inputs[d]->drop(k);
+        for (std::size_t k = 0; k < routes[d].size(); ++k)
+            if (!routes[d][k].used()) inputs[d]->drop(k);
     packager.start(control.stop);
 
     // One reading thread per input that has a stream to package. Timestamp jumps are taken out before anything
@@ -296,23 +319,34 @@ int run(int argc, char** argv) {
                                      }};
     const auto started = Clock::now();
     std::vector<std::pair<std::size_t, std::unique_ptr<InputReader>>> readers;  // by input
-    const auto reads = [&handles](std::size_t d) {
-        return std::any_of(handles[d].begin(), handles[d].end(), [](int h) { return h >= 0; });
+    const auto reads = [&routes](std::size_t d) {
+        return std::any_of(routes[d].begin(), routes[d].end(), [](const Route& r) { return r.engine >= 0 || r.splices; });
     };
     std::atomic<std::size_t> mediaReading{0};
     for (std::size_t d = 0; d < inputs.size(); ++d) mediaReading += reads(d) && !followed[d] ? 1 : 0;
     for (std::size_t d = 0; d < inputs.size(); ++d) {
-        const auto& mine = handles[d];
+        const auto& mine = routes[d];
         if (!reads(d)) {
             say("input " + std::to_string(d) + ": no stream selected, the input is not read");
             continue;
         }
         PacketDestination destination{
-            [&mine](std::size_t stream) { return mine[stream] >= 0; },
-            [&packager, &mine](std::size_t stream, const Packet& packet) { packager.deliver(mine[stream], packet); },
+            [&mine](std::size_t stream) { return mine[stream].used(); },
+            [&packager, &presentation, &mine](std::size_t stream, const Packet& packet) {
+                const Route& route = mine[stream];
+                if (route.splices && packet.pts) {
+                    std::string why;
+                    if (auto splice = spliceOf({packet.data, packet.size}, *packet.pts, why))
+                        presentation.addSplice(splice->first, std::move(splice->second));
+                    else if (!why.empty())
+                        warn("an SCTE-35 section was left out: " + why);
+                }
+                if (route.video && packet.key && packet.pts) presentation.noteKeyFrame(route.output, *packet.pts);
+                if (route.engine >= 0) packager.deliver(route.engine, packet);
+            },
             [&packager, &mine, &mediaReading, &mediaEnded, media = !followed[d]] {
-                for (const int h : mine)
-                    if (h >= 0) packager.endOfStream(h);
+                for (const Route& r : mine)
+                    if (r.engine >= 0) packager.endOfStream(r.engine);
                 if (media && --mediaReading == 0) mediaEnded = true;
             }};
         ReaderSettings reading;

@@ -139,7 +139,7 @@ void BM_ChunkFromFilterToPlayer(benchmark::State& state) {
         engine.chunkDurationMs = 400;
         engine.offline = false;
         Packager packager(engine, logger);
-        const int handle = packager.connect({"0:0", info, 500000, "und", "video0"}, 400,
+        const int handle = packager.connect({"0:0", info, 500000, "und", "video0", {}}, 400,
                                             [&](bool init, std::vector<std::uint8_t>&& chunk) {
                                                 presentation.onChunk(0, init, std::move(chunk));
                                             }, {});

@@ -312,6 +312,30 @@ with nothing to package; 4 output folder not writable.
                       s.name = value;
                   });
 
+    // Descriptors of the stream's adaptation set: the MPD lists them, and the engine has them in its manifest.
+    streamSetting(o, "--role", "STREAM_ID=VALUE", "DASH Role of a stream in the urn:mpeg:dash:role:2011 scheme (main,\n"
+                  "alternate, commentary, dub, description, ...)",
+                  [](StreamSettings& s, const std::string& id, const std::string& value) {
+                      if (value.empty()) refuse("--role " + id + ": the role is empty");
+                      s.descriptors.push_back({"Role", "urn:mpeg:dash:role:2011", value});
+                  });
+    streamSetting(o, "--descriptor", "STREAM_ID=ELEMENT,SCHEME,VALUE",
+                  "a descriptor of a stream's adaptation set: ELEMENT is Accessibility,\n"
+                  "Role, Rating or Viewpoint, SCHEME its scheme URI (VALUE may be empty)",
+                  [](StreamSettings& s, const std::string& id, const std::string& text) {
+                      const auto first = text.find(',');
+                      const auto second = first == std::string::npos ? first : text.find(',', first + 1);
+                      if (second == std::string::npos)
+                          refuse("--descriptor " + id + ": '" + text + "' is not ELEMENT,SCHEME,VALUE");
+                      Descriptor d{text.substr(0, first), text.substr(first + 1, second - first - 1), text.substr(second + 1)};
+                      if (d.element != "Accessibility" && d.element != "Role" && d.element != "Rating" && d.element != "Viewpoint")
+                          refuse("--descriptor " + id + ": '" + d.element +
+                                 "' is not a descriptor element (Accessibility, Role, Rating or Viewpoint)");
+                      if (d.scheme.empty() || d.scheme.find_first_of(" \t\"<>") != std::string::npos)
+                          refuse("--descriptor " + id + ": '" + d.scheme + "' is not a scheme URI");
+                      s.descriptors.push_back(std::move(d));
+                  });
+
     app.option_defaults()->group("Encryption (Common Encryption, AES-128 CTR or CBC; keys stay out of logs)");
     EncryptionOptions& e = o.encryption;
     app.add_option("--key-id", e.keyIdText, "key id: UUID, 32 hexadecimal digits or base64")->type_name("KID");
@@ -548,6 +572,8 @@ std::vector<StreamPlan> planStreams(const Options& options, const std::vector<st
         if (found == nullptr) throw ExitError(kExitUsage, "stream " + id + " named by a stream setting does not exist");
         if (given.language && found->kind == "video")
             throw ExitError(kExitUsage, "--language " + id + ": stream " + id + " is video, which has no language");
+        if (!given.descriptors.empty() && found->kind == "scte35")
+            throw ExitError(kExitUsage, "stream " + id + " carries SCTE-35, which has no adaptation set to describe");
     }
     std::vector<StreamPlan> plans;
     std::set<std::string> usedBitrates, usedNames;
@@ -567,6 +593,7 @@ std::vector<StreamPlan> planStreams(const Options& options, const std::vector<st
             plan.bitrateGiven = settings.bitrate.has_value();
             plan.language = settings.language.value_or(info.language.empty() ? "und" : info.language);
             plan.name = settings.name.value_or(info.kind + std::to_string(plans.size()));
+            plan.descriptors = settings.descriptors;
             if (!usedNames.insert(plan.name).second)
                 throw ExitError(kExitUsage, "two streams are named '" + plan.name + "'");
             plans.push_back(std::move(plan));

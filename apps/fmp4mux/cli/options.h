@@ -8,6 +8,7 @@
 
 #include "apps/fmp4mux/cli/encryption_options.h"
 #include "apps/fmp4mux/inputs/input.h"
+#include "apps/fmp4mux/model/track.h"
 
 namespace fmp4mux {
 
@@ -16,6 +17,7 @@ struct StreamSettings {
     std::optional<std::uint32_t> bitrate;
     std::optional<std::string> language;
     std::optional<std::string> name;
+    std::vector<Descriptor> descriptors;  // --role, --descriptor: of its adaptation set
 };
 
 // One --map: a stream of an input ("1:0"), or every video ("1:v") or audio ("1:a") stream of an input.
@@ -95,6 +97,7 @@ struct StreamPlan {
     bool bitrateGiven = false;
     std::string language;
     std::string name;        // its representation id
+    std::vector<Descriptor> descriptors;
 };
 
 // The selected streams in input order, with their bitrates (given, the input's, or a default by kind; quality

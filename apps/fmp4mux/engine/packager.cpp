@@ -1,6 +1,7 @@
 #include "apps/fmp4mux/engine/packager.h"
 
 #include <algorithm>
+#include <memory>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -193,8 +194,17 @@ Packager::~Packager() { stop(); }
 
 int Packager::connect(const StreamSetup& stream, long bufferCount, ChunkSink::Handler onChunk, ChunkSink::Rooms rooms) {
     const StreamInfo& info = stream.info;
-    if (m_filter->ConfigureInputPin(stream.bitrate, stream.language.c_str(), 0, stream.name.c_str(), "", 0, 0,
-                                    nullptr) != S_OK)
+    // The engine's stream descriptors: {element, scheme, value} each.
+    const std::size_t count = stream.descriptors.size();
+    auto descriptors = std::make_unique<const char* [][3]>(std::max<std::size_t>(count, 1));
+    for (std::size_t i = 0; i < count; ++i) {
+        const Descriptor& d = stream.descriptors[i];
+        descriptors[i][0] = d.element.c_str();
+        descriptors[i][1] = d.scheme.c_str();
+        descriptors[i][2] = d.value.c_str();
+    }
+    if (m_filter->ConfigureInputPin(stream.bitrate, stream.language.c_str(), 0, stream.name.c_str(), "", 0,
+                                    static_cast<std::int32_t>(count), descriptors.get()) != S_OK)
         throw ExitError(kExitFailed, "cannot configure an input for stream " + stream.label);
     flt::MuxFmp4InputPin* pin = nullptr;
     for (auto* p : m_filter->inputPins())
@@ -210,7 +220,23 @@ int Packager::connect(const StreamSetup& stream, long bufferCount, ChunkSink::Ha
     if (output == nullptr || output->Connect(m_sinks.back().get()) != S_OK)
         throw ExitError(kExitFailed, "cannot connect the output of stream " + stream.label);
     m_pins.push_back(pin);
+    m_awaited.push_back(m_sinks.back().get());
     return static_cast<int>(m_pins.size() - 1);
+}
+
+int Packager::connectSplices(const StreamSetup& stream, std::string& refused) {
+    if (!flt::packagesStreamType(stream.info.streamType)) {
+        refused = "the engine does not take SCTE-35 input";
+        return -1;
+    }
+    try {
+        const int handle = connect(stream, 16, [](bool, std::vector<std::uint8_t>&&) {}, {});
+        m_awaited.pop_back();  // its output carries no media: the run does not wait for its end
+        return handle;
+    } catch (const ExitError& e) {
+        refused = e.what();
+        return -1;
+    }
 }
 
 void Packager::start(const std::atomic<bool>& stop) {
@@ -262,7 +288,7 @@ void Packager::endOfStream(int stream) { m_pins.at(static_cast<std::size_t>(stre
 
 bool Packager::waitForEnd(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (const auto& sink : m_sinks) {
+    for (ChunkSink* sink : m_awaited) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (!sink->waitForEnd(std::max(left, std::chrono::milliseconds(0)))) return false;
     }

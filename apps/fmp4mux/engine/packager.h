@@ -11,6 +11,7 @@
 #include "apps/fmp4mux/cli/encryption_options.h"
 #include "apps/fmp4mux/engine/chunk_sink.h"
 #include "apps/fmp4mux/inputs/input.h"
+#include "apps/fmp4mux/model/track.h"
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
 #include "support/log/i_logger.h"
 #include "support/system/ref_ptr.h"
@@ -40,6 +41,7 @@ struct StreamSetup {
     std::uint32_t bitrate = 0;
     std::string language;
     std::string name;
+    std::vector<Descriptor> descriptors;  // reach the engine's stream attributes
 };
 
 class Packager {
@@ -53,6 +55,10 @@ public:
     // Connects a stream and its output, whose whole chunks go to `onChunk`; `bufferCount` buffers of 8192 bytes
     // hold one chunk. Returns the stream's handle. Raises ExitError when the engine refuses the stream.
     int connect(const StreamSetup& stream, long bufferCount, ChunkSink::Handler onChunk, ChunkSink::Rooms rooms);
+    // Connects an SCTE-35 stream (input type 12): the engine reads its sections for its own downstream, and its
+    // output is no track of fmp4mux's, which makes its own events of the sections. -1, with `refused` saying why,
+    // when the engine does not take it; the run goes on without.
+    int connectSplices(const StreamSetup& stream, std::string& refused);
     // Starts the session. With keys from a key server, the session starts once the server has answered: until then
     // this waits (telling so once), for at most the operator's --kms-wait, and gives up when `stop` is set. Raises
     // ExitError when the session does not start.
@@ -77,6 +83,7 @@ private:
 
     // The sinks outlive the filter, whose outputs deliver to them.
     std::vector<std::unique_ptr<ChunkSink>> m_sinks;
+    std::vector<ChunkSink*> m_awaited;  // the sinks of the presentation's tracks, whose end ends the run
     tvrn::encoding::RefPtr<tvrn::encoding::filter::CMuxFmp4Filter> m_filter;
     const bool m_dash;
     std::vector<tvrn::encoding::filter::MuxFmp4InputPin*> m_pins;

@@ -20,7 +20,8 @@ extern "C" {
 namespace fmp4mux {
 
 namespace {
-constexpr std::uint32_t kMpeg1Audio = 1, kH264 = 2, kDolby = 3, kAdts = 4, kLatm = 5, kRawAac = 10, kHevc = 17;
+constexpr std::uint32_t kMpeg1Audio = 1, kH264 = 2, kDolby = 3, kAdts = 4, kLatm = 5, kRawAac = 10, kScte35 = 12,
+                        kHevc = 17;
 constexpr AVRational kHundredNs{1, 10000000};
 
 std::string avError(int code) {
@@ -71,6 +72,7 @@ struct LibavInput::Impl {
         bool rawAac = false;
         bool video = false, hevc = false;
         bool adts = false;
+        bool scte35 = false;
         std::vector<std::uint8_t> asc;
         std::uint32_t bitrate = 0;
         AVRational timeBase{1, 1};
@@ -206,6 +208,12 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
                     kept.adts = true;
                 }
                 break;
+            // SCTE-35 splice information (stream type 0x86): one section a packet.
+            case AV_CODEC_ID_SCTE_35:
+                info.streamType = kScte35;
+                info.kind = "scte35";
+                kept.scte35 = true;
+                break;
             default: {
                 const char* type = av_get_media_type_string(par->codec_type);
                 if (par->codec_type == AVMEDIA_TYPE_VIDEO || par->codec_type == AVMEDIA_TYPE_AUDIO ||
@@ -223,8 +231,9 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
             kept.toAnnexB->time_base_in = stream->time_base;
             if (av_bsf_init(kept.toAnnexB) < 0) throw std::runtime_error(std::string("cannot start the ") + annexB + " filter");
         }
-        // A stream type that the packager cannot analyse yet would hold the session: leave it out.
-        if (!tvrn::encoding::filter::packagesStreamType(info.streamType)) {
+        // A stream type that the packager cannot analyse yet would hold the session: leave it out. SCTE-35 is read
+        // whatever the engine takes, since fmp4mux makes its events itself.
+        if (!kept.scte35 && !tvrn::encoding::filter::packagesStreamType(info.streamType)) {
             skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(i) + ": codec '" +
                               info.codec + "' is not supported by this packager");
             continue;
@@ -355,13 +364,44 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
     return interval;
 }
 
+namespace {
+// One SCTE-35 section as the packager takes it: the 8-byte big-endian clock value of the section (33-bit, 90 kHz),
+// then the section. A section has no PES header, hence no time stamp of its own: libavformat times it on the
+// program's clock where it can, and that time is taken. Otherwise the time of the latest video packet of the
+// program stands in: the section arrived with it, and splice times count on that same clock.
+void emitSection(const AVPacket* p, AVRational timeBase, std::optional<std::int64_t> lastVideoPts,
+                 const std::function<void(Packet&)>& onPacket, std::size_t keptIndex) {
+    std::optional<std::int64_t> clock;
+    if (p->pts != AV_NOPTS_VALUE) clock = av_rescale_q(p->pts, timeBase, AVRational{1, 90000});
+    else if (p->dts != AV_NOPTS_VALUE) clock = av_rescale_q(p->dts, timeBase, AVRational{1, 90000});
+    else clock = lastVideoPts;
+    if (!clock || p->size <= 0) return;  // before any video: nothing to time it by
+    Packet out;
+    out.stream = keptIndex;
+    out.key = true;
+    out.pts = av_rescale_q(*clock, AVRational{1, 90000}, kHundredNs);
+    out.dts = out.pts;
+    out.owned.resize(8 + static_cast<std::size_t>(p->size));
+    const auto value = static_cast<std::uint64_t>(*clock) & ((std::uint64_t{1} << 33) - 1);
+    for (int i = 0; i < 8; ++i) out.owned[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (56 - 8 * i));
+    std::memcpy(out.owned.data() + 8, p->data, static_cast<std::size_t>(p->size));
+    out.data = out.owned.data();
+    out.size = out.owned.size();
+    onPacket(out);
+}
+}  // namespace
+
 bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
     m_impl->stop = &stop;
     AVPacket* packet = av_packet_alloc();
     bool ok = true;
+    const AVRational kClock90k{1, 90000};
+    std::optional<std::int64_t> lastVideoPts;  // of the latest video packet, 90 kHz
 
     auto emit = [&](AVPacket* p, std::size_t keptIndex) {
         Impl::Kept& kept = m_impl->kept[keptIndex];
+        if (kept.video && p->pts != AV_NOPTS_VALUE) lastVideoPts = av_rescale_q(p->pts, kept.timeBase, kClock90k);
+        if (kept.scte35) return emitSection(p, kept.timeBase, lastVideoPts, onPacket, keptIndex);
         Packet out;
         out.stream = keptIndex;
         out.damaged = (p->flags & AV_PKT_FLAG_CORRUPT) != 0 &&

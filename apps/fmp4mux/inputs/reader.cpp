@@ -85,6 +85,10 @@ void InputReader::run() {
         [&](Packet& packet) {
             if (!m_destination.wants(packet.stream)) return;
             const std::optional<std::int64_t> read = packet.dts ? packet.dts : packet.pts;
+            if (streams[packet.stream].kind == "scte35") {
+                m_timeline.follow(m_index, packet.pts, packet.dts);
+                return forward(packet);
+            }
             if (!m_timeline.place(m_index, static_cast<int>(packet.stream), streams[packet.stream].kind == "video",
                                   packet.key, packet.pts, packet.dts, packet.duration))
                 return;

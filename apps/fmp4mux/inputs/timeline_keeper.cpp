@@ -72,6 +72,14 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
     return true;
 }
 
+void TimelineKeeper::follow(int input, std::optional<std::int64_t>& pts, std::optional<std::int64_t>& dts) {
+    std::lock_guard lock(m_mutex);
+    const auto known = m_inputEpoch.find(input);
+    const std::int64_t offset = m_epochs[known == m_inputEpoch.end() ? 0 : known->second].offset;
+    if (pts) *pts += offset;
+    if (dts) *dts += offset;
+}
+
 void TimelineKeeper::setInputOffset(int input, std::int64_t offset) {
     std::lock_guard lock(m_mutex);
     m_epochs.push_back({offset, input});

@@ -36,6 +36,10 @@ public:
     bool place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
                std::optional<std::int64_t>& dts, std::int64_t duration);
 
+    // Moves the times of a sparse stream's packet (SCTE-35 sections, seconds apart) by the offset the input's
+    // media currently takes, without judging its steps: a gap between two sections is no jump.
+    void follow(int input, std::optional<std::int64_t>& pts, std::optional<std::int64_t>& dts);
+
     std::uint64_t dropped() const;
 
     // Moves every time of `input` by `offset` (100 ns units) from its start: renditions of one source whose

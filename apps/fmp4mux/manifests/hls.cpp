@@ -117,6 +117,25 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> lastPartOf(const Track& t
     return std::pair{number, count - 1};
 }
 
+// A splice as RFC 8216 dates it: its start on the clock of the segments' EXT-X-PROGRAM-DATE-TIME, the section in
+// hexadecimal as SCTE35-OUT (a splice out of the network), SCTE35-IN (back into it) or SCTE35-CMD (a time_signal),
+// and the break's duration, when told, as planned.
+std::string dateRange(const SpliceEvent& splice, const ManifestTiming& timing) {
+    static const char* digits = "0123456789ABCDEF";
+    std::string hex = "0x";
+    for (const std::uint8_t b : splice.section) {
+        hex += digits[b >> 4];
+        hex += digits[b & 15];
+    }
+    std::string line = "#EXT-X-DATERANGE:ID=\"splice-" + std::to_string(splice.id) + "\",START-DATE=\"" +
+                       isoUtc(timing.availabilityStart + static_cast<double>(splice.time) / 1e7) + "\"";
+    if (splice.duration) line += ",PLANNED-DURATION=" + seconds3(static_cast<double>(*splice.duration) / 1e7);
+    const char* attribute = splice.kind == SpliceEvent::Kind::Out  ? "SCTE35-OUT"
+                            : splice.kind == SpliceEvent::Kind::In ? "SCTE35-IN"
+                                                                   : "SCTE35-CMD";
+    return line + "," + attribute + "=" + hex + "\n";
+}
+
 }  // namespace
 
 std::string mediaPlaylistName(const Track& track) { return track.representationId + ".m3u8"; }
@@ -154,12 +173,24 @@ std::string buildMediaPlaylist(const Track& track, const ManifestTiming& timing)
     out += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     keys(out, track);
     if (!track.webVttFiles) out += "#EXT-X-MAP:URI=" + quoted(track.initialization) + "\n";
+    // Splices are dated in the media playlists of the audio and video (in the segment they fall in; those before
+    // the first one listed have left), which needs the segments' dates.
+    const std::vector<SpliceEvent> none;
+    const std::vector<SpliceEvent>& splices = track.kind == "text" ? none : timing.splices;
+    std::size_t splice = 0;
+    const auto spliceTime = [&](std::size_t i) { return static_cast<double>(splices[i].time) / 1e7; };
+    if (from < track.segments.size())
+        while (splice < splices.size() &&
+               spliceTime(splice) < secondsOf(track.segments[from].time, track.timescale))
+            ++splice;
     for (std::size_t k = from; k < track.segments.size(); ++k) {
         const Segment& s = track.segments[k];
         if (s.discontinuity && k > from) out += "#EXT-X-DISCONTINUITY\n";
         // Live, each segment's wall-clock start on the clock of the DASH availability start.
-        if (timing.dynamic)
+        if (timing.dynamic || !splices.empty())
             out += "#EXT-X-PROGRAM-DATE-TIME:" + isoUtc(timing.availabilityStart + secondsOf(s.time, track.timescale)) + "\n";
+        for (; splice < splices.size() && spliceTime(splice) < secondsOf(s.time + s.duration, track.timescale); ++splice)
+            out += dateRange(splices[splice], timing);
         if (parts) partLines(out, track, s);
         out += "#EXTINF:" + seconds3(secondsOf(s.duration, track.timescale)) + ",\n" + segmentUri(track, s) + "\n";
     }

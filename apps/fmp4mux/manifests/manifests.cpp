@@ -1,5 +1,7 @@
 #include "apps/fmp4mux/manifests/manifests.h"
 
+#include "apps/fmp4mux/model/splices.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -78,6 +80,39 @@ void contentProtection(std::string& out, const Track& track) {
         out += "</ContentProtection>\n";
     }
 }
+// The descriptors of an adaptation set in the order of the MPD schema: Accessibility, Role, Rating, Viewpoint,
+// each in the order given. A text set is a subtitle.
+void descriptors(std::string& out, const Track& lead) {
+    std::vector<Descriptor> all = lead.descriptors;
+    if (lead.kind == "text") all.push_back({"Role", "urn:mpeg:dash:role:2011", "subtitle"});
+    for (const char* element : {"Accessibility", "Role", "Rating", "Viewpoint"})
+        for (const Descriptor& d : all) {
+            if (d.element != element) continue;
+            indent(out, 3);
+            out += "<" + d.element + " schemeIdUri=\"" + escape(d.scheme) + "\"";
+            if (!d.value.empty()) out += " value=\"" + escape(d.value) + "\"";
+            out += "/>\n";
+        }
+}
+
+// The splices of a presentation whose segments do not carry them: an EventStream of the Period, on a 90 kHz
+// timescale, each event's message the section in base64.
+void splicesEventStream(std::string& out, const std::vector<Track>& tracks, const std::vector<SpliceEvent>& splices) {
+    if (splices.empty() || std::any_of(tracks.begin(), tracks.end(), [](const Track& t) { return t.inbandSplices; }))
+        return;
+    const auto ticks = [](std::uint64_t t) { return std::to_string((t * 9 + 500) / 1000); };
+    indent(out, 2);
+    out += "<EventStream schemeIdUri=\"" + std::string(kScte35Scheme) + "\" timescale=\"90000\">\n";
+    for (const SpliceEvent& e : splices) {
+        indent(out, 3);
+        out += "<Event presentationTime=\"" + ticks(e.time) + "\"";
+        if (e.duration) out += " duration=\"" + ticks(*e.duration) + "\"";
+        out += " id=\"" + std::to_string(e.id) + "\" contentEncoding=\"base64\">" + base64(e.section) + "</Event>\n";
+    }
+    indent(out, 2);
+    out += "</EventStream>\n";
+}
+
 }  // namespace
 
 std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) {
@@ -118,6 +153,7 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
     }
     indent(out, 1);
     out += "<Period id=\"0\" start=\"PT0S\">\n";
+    splicesEventStream(out, tracks, timing.splices);
 
     std::map<int, std::vector<const Track*>> sets;
     for (const auto& t : tracks) sets[t.adaptationSetId].push_back(&t);
@@ -129,11 +165,12 @@ std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing) 
                "\" segmentAlignment=\"true\" startWithSAP=\"1\"";
         if (lead.kind != "video") out += " lang=\"" + escape(lead.language) + "\"";
         out += ">\n";
-        if (lead.kind == "text") {
-            indent(out, 3);
-            out += "<Role schemeIdUri=\"urn:mpeg:dash:role:2011\" value=\"subtitle\"/>\n";
-        }
         contentProtection(out, lead);
+        if (lead.inbandSplices) {
+            indent(out, 3);
+            out += "<InbandEventStream schemeIdUri=\"" + std::string(kScte35Scheme) + "\"/>\n";
+        }
+        descriptors(out, lead);
         for (const Track* t : members) {
             indent(out, 3);
             out += "<Representation id=\"" + escape(t->representationId) + "\" bandwidth=\"" +
@@ -308,6 +345,7 @@ std::string DashManifestWriter::build(const std::vector<Track>& tracks, const Ma
     mpd.availabilityStartTime = isoUtc(timing.availabilityStart);
     mpd.publishTime = isoUtc(timing.now);
     mpd.lowLatency = timing.lowLatency;
+    mpd.splices = timing.splices;
     return buildMpd(tracks, mpd);
 }
 

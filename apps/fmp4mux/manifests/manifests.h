@@ -29,6 +29,7 @@ struct MpdTiming {
     std::string publishTime;
     std::uint32_t timeShiftBufferSeconds = 60;
     std::uint32_t maxSegmentMs = 2000;
+    std::vector<SpliceEvent> splices;  // listed in the Period's EventStream unless the segments carry them
 };
 
 std::string buildMpd(const std::vector<Track>& tracks, const MpdTiming& timing);
@@ -47,6 +48,7 @@ struct ManifestTiming {
     std::uint32_t timeShiftBufferSeconds = 60;
     std::uint32_t maxSegmentMs = 0;   // the longest segment written
     LowLatencyTiming lowLatency;
+    std::vector<SpliceEvent> splices;  // on the media timeline, in the order signalled
 };
 
 // One file of a manifest format, with its text.

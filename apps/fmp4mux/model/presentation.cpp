@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "apps/fmp4mux/manifests/webvtt_segment.h"
+#include "apps/fmp4mux/model/splices.h"
 #include "packaging/fmp4/output/chunk_reader.h"
 #include "support/variable_expander/variable_expander.h"
 
@@ -25,10 +27,13 @@ Presentation::Presentation(PresentationSettings settings, Publisher& publisher, 
       m_now(now ? std::move(now) : WallClock(systemNow)), m_live(m_settings.live) {}
 
 void Presentation::addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
-                             bool bitrateGiven, const std::string& representationId, const std::string& language) {
+                             bool bitrateGiven, const std::string& representationId, const std::string& language,
+                             const std::vector<Descriptor>& descriptors) {
     std::lock_guard lock(m_mutex);
     Output& out = m_outputs[index];
     out.track.kind = kind;
+    out.track.descriptors = descriptors;
+    out.track.inbandSplices = m_settings.splices && m_settings.live && m_settings.dash && kind == "video";
     out.track.channels = channels;
     out.track.sampleRate = sampleRate;
     out.track.representationId = representationId;
@@ -59,6 +64,8 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     if (track.sampleRate == 0) track.sampleRate = out.track.sampleRate;
     track.representationId = out.track.representationId;
     track.adaptationSetId = out.track.adaptationSetId;
+    track.descriptors = out.track.descriptors;
+    track.inbandSplices = out.track.inbandSplices;
     // A new session starts the timeline again: the segments of the one before leave the manifests.
     out.restarted = out.restarted || !track.segments.empty() || out.packagedSeconds > 0;
     for (const Segment& s : track.segments) track.discontinuitiesBefore += s.discontinuity ? 1U : 0U;
@@ -89,6 +96,7 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     // replace the first file of a $Time$ template and put the timeline back to 0.
     if (timing->duration == 0) return;
     out.track.timescale = timing->timescale;
+    carrySplices(out, chunk, timing->time, timing->timescale);
     const std::uint64_t number = out.nextNumber++;
     std::string path;
     try {
@@ -128,6 +136,7 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     out.chunkDuration = static_cast<std::uint64_t>(
         static_cast<unsigned __int128>(plan.chunk) * timing->timescale / plan.timescale);
     timing->duration = out.chunkDuration;
+    carrySplices(out, chunk, timing->time, timing->timescale);
     Publication part{{}, {}, {}, false};
     if (!out.growing) {
         Output::Growing growing;
@@ -187,6 +196,57 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     // complete (for the bitrates measured and the timeline of the last one); HLS playlists list every chunk.
     if (m_live && (firstChunk || last || m_settings.listsParts)) publishManifestLocked();
     removeLeaving();
+}
+
+void Presentation::noteKeyFrame(int index, std::int64_t pts) {
+    std::lock_guard lock(m_mutex);
+    const auto it = m_outputs.find(index);
+    if (it != m_outputs.end() && !it->second.firstKey) it->second.firstKey = pts;
+}
+
+void Presentation::addSplice(std::int64_t at, SpliceEvent event) {
+    std::lock_guard lock(m_mutex);
+    // Encoders send a cue several times ahead of its splice: the same section for the same time (within the
+    // rounding of two clock values to 100 ns) is one splice.
+    for (const auto& [time, section] : m_recentSections)
+        if (std::llabs(time - at) < 10000 && section == event.section) return;
+    m_recentSections.emplace_back(at, event.section);
+    if (m_recentSections.size() > 16) m_recentSections.pop_front();
+    event.id = m_nextSpliceId++;
+    if (m_origin) return placeSplice(at, std::move(event));
+    m_unplacedSplices.emplace_back(at, std::move(event));
+    if (m_unplacedSplices.size() > 64) m_unplacedSplices.pop_front();
+}
+
+void Presentation::placeSplice(std::int64_t at, SpliceEvent&& event) {
+    // A splice before the media's start has nothing to mark.
+    if (at < *m_origin) return;
+    event.time = static_cast<std::uint64_t>(at - *m_origin);
+    m_splices.push_back(std::move(event));
+    if (m_splices.size() > 256) m_splices.pop_front();
+}
+
+void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& chunk, std::uint64_t time, std::uint64_t timescale) {
+    if (out.track.kind != "video") return;
+    // The engine starts the media timeline at the earliest sample of the session, and a video output's first
+    // segment starts with the first key frame it was given: that key frame's running time less the segment's
+    // media time is the running time of media time 0, for every stream.
+    if (!m_origin && out.firstKey && timescale > 0) {
+        m_origin = *out.firstKey - static_cast<std::int64_t>(static_cast<unsigned __int128>(time) * 10000000 / timescale);
+        while (!m_unplacedSplices.empty()) {
+            placeSplice(m_unplacedSplices.front().first, std::move(m_unplacedSplices.front().second));
+            m_unplacedSplices.pop_front();
+        }
+    }
+    if (!out.track.inbandSplices) return;
+    std::vector<std::uint8_t> boxes;
+    for (const SpliceEvent& event : m_splices) {
+        if (event.id <= out.splicesSent) continue;
+        const std::vector<std::uint8_t> box = spliceMessageBox(event, timescale);
+        boxes.insert(boxes.end(), box.begin(), box.end());
+        out.splicesSent = event.id;
+    }
+    if (!boxes.empty()) insertAfterSegmentType(chunk, boxes);
 }
 
 void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,
@@ -289,6 +349,9 @@ void Presentation::publishManifestLocked() {
     }
     if (tracks.empty()) return;
     ManifestTiming timing;
+    timing.splices.assign(m_splices.begin(), m_splices.end());
+    std::stable_sort(timing.splices.begin(), timing.splices.end(),
+                     [](const SpliceEvent& a, const SpliceEvent& b) { return a.time < b.time; });
     timing.dynamic = m_live;
     timing.now = m_now();
     timing.availabilityStart = m_availabilityStart.value_or(timing.now);
@@ -357,7 +420,9 @@ void Presentation::fail(const std::string& message) {
 }
 
 int Presentation::adaptationSet(const Track& track) {
-    const std::string key = track.kind + "/" + (track.kind == "video" ? "" : track.language);
+    std::string key = track.kind + "/" + (track.kind == "video" ? "" : track.language);
+    // Streams described differently (another role, accessibility) are sets of their own.
+    for (const Descriptor& d : track.descriptors) key += "/" + d.element + "=" + d.scheme + "=" + d.value;
     const auto it = m_sets.find(key);
     if (it != m_sets.end()) return it->second;
     const int id = static_cast<int>(m_sets.size());

@@ -41,6 +41,11 @@ struct PresentationSettings {
     bool listsParts = false;   // a manifest lists every chunk (HLS partial segments): it is rewritten for each
     // HLS reads subtitles as WebVTT text files: each WebVTT segment is also written as one (not in low latency).
     bool webVttFiles = false;
+    // The inputs signal splices (SCTE-35). A live presentation carries them in band, as `emsg` boxes in the video
+    // segments that the MPD announces with an InbandEventStream: a player that joins late reads them from the
+    // segments it fetches. A file's static MPD lists them all in its Period's EventStream instead, and its
+    // segments stay as the engine wrote them. HLS playlists list them as EXT-X-DATERANGE tags either way.
+    bool splices = false;
 };
 
 class Presentation {
@@ -55,7 +60,15 @@ public:
     // the init chunk's manifest says nothing of them; `bitrateGiven`: the operator stated the bitrate, and the
     // manifests announce it as is.
     void addOutput(int index, const std::string& kind, std::uint32_t channels, std::uint32_t sampleRate,
-                   bool bitrateGiven, const std::string& representationId, const std::string& language);
+                   bool bitrateGiven, const std::string& representationId, const std::string& language,
+                   const std::vector<Descriptor>& descriptors = {});
+
+    // A key frame handed to output `index`'s engine input, at `pts` (100 ns, the running timeline). The first one of
+    // the first video output starts its first segment: with that segment's time, it ties the running timeline to
+    // the media timeline, on which splices are placed.
+    void noteKeyFrame(int index, std::int64_t pts);
+    // A splice at `at` (100 ns, the running timeline). A section sent again for the same splice adds nothing.
+    void addSplice(std::int64_t at, SpliceEvent event);
 
     // A whole chunk of output `index`, given away.
     void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk);
@@ -98,11 +111,18 @@ private:
         };
         std::optional<Growing> growing;
         std::uint64_t chunkDuration = 0;
+        std::optional<std::int64_t> firstKey;  // 100 ns, the running timeline
+        std::uint32_t splicesSent = 0;         // the id of the last splice its segments carry
     };
 
     void onInit(int index, Output& out, std::vector<std::uint8_t>&& chunk);
     void onMedia(int index, Output& out, std::vector<std::uint8_t>&& chunk);
     void onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& chunk);
+    // Ties the running timeline to the media timeline at a video output's first chunk (of media time `time` on
+    // `timescale`), then places the splices that waited for it; live, puts the splices this output's segments do
+    // not carry yet into `chunk`.
+    void carrySplices(Output& out, std::vector<std::uint8_t>& chunk, std::uint64_t time, std::uint64_t timescale);
+    void placeSplice(std::int64_t at, SpliceEvent&& event);
     // A segment written whole (or, in low latency, completed): its record, the live window, the bitrate.
     void recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,
                        std::uint64_t bytes);
@@ -138,6 +158,13 @@ private:
     std::deque<Leaving> m_leaving;
     double m_mediaEnd = 0;
     std::optional<std::string> m_failure;
+    // Splices: those waiting for the media timeline (the running time of each), and those placed on it, which the
+    // manifests list (the latest few hundred).
+    std::optional<std::int64_t> m_origin;  // the running time of media time 0, 100 ns
+    std::deque<std::pair<std::int64_t, SpliceEvent>> m_unplacedSplices;
+    std::deque<std::pair<std::int64_t, std::vector<std::uint8_t>>> m_recentSections;
+    std::deque<SpliceEvent> m_splices;
+    std::uint32_t m_nextSpliceId = 1;
 };
 
 }  // namespace fmp4mux

@@ -67,7 +67,6 @@ std::uint32_t channelCountOf(const std::string& scheme, const std::string& value
 
 }  // namespace
 
-namespace {
 std::string base64(const std::vector<std::uint8_t>& bytes) {
     std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
     const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(),
@@ -75,6 +74,8 @@ std::string base64(const std::vector<std::uint8_t>& bytes) {
     text.resize(static_cast<std::size_t>(std::max(length, 0)));
     return text;
 }
+
+namespace {
 
 // 16 bytes in the order a file holds them as UUID text: 8-4-4-4-12 lower-case hexadecimal digits.
 std::string uuidText(const std::vector<std::uint8_t>& id) {

@@ -18,12 +18,32 @@ struct Segment {
     bool discontinuity = false;
 };
 
+// A descriptor of an adaptation set, as the operator gave it: the DASH element (Accessibility, Role, Rating,
+// Viewpoint), its scheme and its value.
+struct Descriptor {
+    std::string element, scheme, value;
+    bool operator==(const Descriptor&) const = default;
+};
+
+// A splice that the input signalled with SCTE-35, placed on the tracks' media timeline.
+struct SpliceEvent {
+    enum class Kind { Out, In, Signal };  // splice_insert() out of the network or back into it; time_signal()
+    std::uint32_t id = 0;                 // unique in the presentation
+    std::uint64_t time = 0;               // 100 ns units from the timeline's 0, as segment times count
+    std::optional<std::uint64_t> duration;  // the break's, 100 ns units
+    Kind kind = Kind::Signal;
+    std::vector<std::uint8_t> section;      // the splice_info_section() as received
+};
+
 // One output as the manifests show it.
 struct Track {
     std::string kind;  // "video", "audio" or "text"
     int adaptationSetId = 0;
     std::string representationId;
     std::string language = "und";
+    std::vector<Descriptor> descriptors;  // of its adaptation set
+    // Its media segments carry the presentation's splices as `emsg` boxes (DASH: an InbandEventStream).
+    bool inbandSplices = false;
     std::string codecs;
     std::uint32_t bandwidth = 0;
     std::uint32_t bitrate = 0;
@@ -82,6 +102,8 @@ std::size_t countBeforeWindow(const std::deque<Segment>& segments, std::uint64_t
 // Reads the server manifest of an init chunk into `track` (codecs, bitrates, picture, sound, Smooth fields).
 // False when the text is not a manifest with one video or audio entry.
 bool readServerManifest(const std::string& xml, bool dash, Track& track);
+
+std::string base64(const std::vector<std::uint8_t>& bytes);
 
 // Fills the protection fields of `track` from an init file's movie part.
 void readProtection(std::span<const std::uint8_t> movie, Track& track);

@@ -94,6 +94,17 @@ ManifestTiming lowLatency() {
     return timing;
 }
 
+// Three splices of a file whose time 0 was at 1000 s (sorted by time, as the presentation gives them): back into
+// the network at 0.5 s, out of it at 2.5 s for a 30 s break, a time_signal at 4.5 s, where the third segment starts.
+ManifestTiming withSplices() {
+    ManifestTiming timing;
+    timing.availabilityStart = 1000;
+    timing.splices = {{3, 5000000, std::nullopt, SpliceEvent::Kind::In, {0xAB}},
+                      {1, 25000000, 300000000, SpliceEvent::Kind::Out, {0xFC, 0x30, 0x11}},
+                      {2, 45000000, std::nullopt, SpliceEvent::Kind::Signal, {0xFC, 0x01}}};
+    return timing;
+}
+
 const std::string kHead = "#EXTM3U\n#EXT-X-VERSION:6\n";
 
 struct Playlist {
@@ -135,6 +146,20 @@ INSTANTIATE_TEST_SUITE_P(
                  "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:42.000Z\n#EXTINF:2.500,\ns/video0/c_20.mp4\n"
                  "#EXT-X-DISCONTINUITY\n"
                  "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:44.500Z\n#EXTINF:1.400,\ns/video0/c_45.mp4\n"},
+        Playlist{"SplicesDatedInTheirSegments",
+                 buildMediaPlaylist(video(), withSplices()),
+                 kHead + "#EXT-X-TARGETDURATION:3\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"
+                 "#EXT-X-INDEPENDENT-SEGMENTS\n#EXT-X-MAP:URI=\"s/v/init.mp4\"\n"
+                 "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:40.000Z\n"
+                 "#EXT-X-DATERANGE:ID=\"splice-3\",START-DATE=\"1970-01-01T00:16:40.500Z\",SCTE35-IN=0xAB\n"
+                 "#EXTINF:2.000,\ns/video0/c_0.mp4\n"
+                 "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:42.000Z\n"
+                 "#EXT-X-DATERANGE:ID=\"splice-1\",START-DATE=\"1970-01-01T00:16:42.500Z\",PLANNED-DURATION=30.000,"
+                 "SCTE35-OUT=0xFC3011\n"
+                 "#EXTINF:2.500,\ns/video0/c_20.mp4\n"
+                 "#EXT-X-PROGRAM-DATE-TIME:1970-01-01T00:16:44.500Z\n"
+                 "#EXT-X-DATERANGE:ID=\"splice-2\",START-DATE=\"1970-01-01T00:16:44.500Z\",SCTE35-CMD=0xFC01\n"
+                 "#EXTINF:1.400,\ns/video0/c_45.mp4\n#EXT-X-ENDLIST\n"},
         Playlist{"WebVttTextFiles",
                  buildMediaPlaylist(subtitles(), finished()),
                  kHead + "#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n#EXT-X-PLAYLIST-TYPE:VOD\n"

@@ -1,7 +1,8 @@
 // Plays a packaged presentation with dash.js (shaka-player, hls.js) in headless Chromium and checks that it really plays.
 //
 //   node play.mjs [--format dash|smooth|hls] [--player dashjs|shaka|hlsjs] [--clearkey KID:KEY[,KID:KEY...]]
-//                 [--min-time SECONDS] [--timeout SECONDS] [--seek SECONDS --grab FILE] [--switch-level] FOLDER MANIFEST
+//                 [--min-time SECONDS] [--timeout SECONDS] [--seek SECONDS --grab FILE] [--switch-level] [--events FILE]
+//                 FOLDER MANIFEST
 //
 // FOLDER is served over HTTP on 127.0.0.1 (ephemeral port) next to a small page that loads dash.js from this
 // folder's node_modules (and its Smooth Streaming module for --format smooth). The page plays FOLDER/MANIFEST
@@ -26,6 +27,10 @@
 // presentation must expose: once played, the cues of the player's text track on video.textTracks must be those, in
 // number, start and end (within 1 ms, after the offset of the first video segment in the MPD) and text (without
 // its tags).
+// --events FILE (a list of {time, hex}: seconds of media time, the message in hexadecimal) gives the SCTE-35 events
+// (scheme urn:scte:scte35:2013:bin) the presentation must make dash.js fire, from the MPD or from emsg boxes: once
+// played, each must have fired once, at its presentation time within one frame (40 ms) and not before it, with its
+// message bytes.
 // The browser and the server are closed on every path.
 
 import http from 'node:http';
@@ -53,7 +58,8 @@ function usage(message) {
 
 function parseArgs(argv) {
   const opts = { format: 'dash', player: 'dashjs', clearKey: null, minTime: 6, timeout: 40, seek: null, grab: null,
-                 manifestUrl: null, maxLatency: null, switchLevel: false, requireType: null, cuesVtt: null, cuesJson: null, positional: [] };
+                 manifestUrl: null, maxLatency: null, switchLevel: false, requireType: null, cuesVtt: null, cuesJson: null,
+                 events: null, positional: [] };
   for (let i = 0; i < argv.length; i++) {
     const a = argv[i];
     const value = () => {
@@ -73,6 +79,7 @@ function parseArgs(argv) {
     else if (a === '--require-type') opts.requireType = value();
     else if (a === '--cues-vtt') opts.cuesVtt = value();
     else if (a === '--cues-json') opts.cuesJson = value();
+    else if (a === '--events') opts.events = value();
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
   }
@@ -81,6 +88,7 @@ function parseArgs(argv) {
   if (!['dashjs', 'shaka', 'hlsjs'].includes(opts.player)) usage(`unknown player ${opts.player}`);
   if (opts.switchLevel && opts.player !== 'hlsjs') usage('--switch-level goes with --format hls');
   if (opts.player === 'shaka' && opts.format !== 'dash') usage('shaka plays DASH only here');
+  if (opts.events !== null && opts.player !== 'dashjs') usage('--events goes with dash.js');
   if (opts.clearKey !== null && !/^[0-9a-fA-F]{32}:[0-9a-fA-F]{32}(,[0-9a-fA-F]{32}:[0-9a-fA-F]{32})*$/.test(opts.clearKey))
     usage('--clearkey takes KID:KEY[,KID:KEY...], 32 hexadecimal digits each');
   if (!(opts.minTime > 0)) usage('--min-time must be a positive number');
@@ -159,7 +167,7 @@ ${body}
 `;
 }
 
-function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency, switchLevel) {
+function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency, switchLevel, events) {
   const keys = JSON.stringify(clearKeys(clearKey, player));
   const source = manifestUrl || "/" + manifest;
   if (player === 'shaka') return shakaPageHtml(manifest, keys);
@@ -178,6 +186,23 @@ function pageHtml(format, manifest, player, clearKey, manifestUrl, lowLatency, s
                               data: err && err.data ? JSON.stringify(err.data).slice(0, 500) : undefined });
     });
     player.on(dashjs.MediaPlayer.events.PLAYBACK_STARTED, () => { state.started = true; });
+    // SCTE-35 events as they start: their time, their message (bytes in hexadecimal, or the MPD's text) and when
+    // they fired.
+    state.splices = [];
+    if (${JSON.stringify(!!events)}) {
+      player.on('urn:scte:scte35:2013:bin', (e) => {
+        const ev = e.event || {};
+        const data = ev.messageData;
+        const hex = data && typeof data !== 'string'
+          ? Array.from(new Uint8Array(data.buffer ? data.buffer.slice(data.byteOffset, data.byteOffset + data.byteLength) : data))
+              .map((b) => b.toString(16).padStart(2, '0')).join('')
+          : null;
+        const scale = ev.eventStream && ev.eventStream.timescale;
+        state.splices.push({ id: ev.id, time: ev.calculatedPresentationTime !== undefined ? ev.calculatedPresentationTime
+                                                                                     : ev.presentationTime / scale,
+                             hex, text: typeof data === 'string' ? data : null, firedAt: video.currentTime });
+      }, null, { mode: dashjs.MediaPlayer.events.EVENT_MODE_ON_START });
+    }
     const keys = ${keys};
     if (keys) player.setProtectionData(keys);
     // dash.js's Smooth Streaming module signals PlayReady and Widevine only, from the PlayReady header: a ClearKey
@@ -288,7 +313,7 @@ function startServer(folder, opts, requests) {
       return send(200, 'application/json', JSON.stringify({ keys, type: 'temporary' }));
     }
     if (req.method !== 'GET' && req.method !== 'HEAD') return send(405, 'text/plain', 'method not allowed');
-    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey, opts.manifestUrl, opts.maxLatency !== null, opts.switchLevel));
+    if (urlPath === '/__player/index.html') return send(200, contentType('index.html'), pageHtml(format, manifest, opts.player, opts.clearKey, opts.manifestUrl, opts.maxLatency !== null, opts.switchLevel, opts.events !== null));
     if (urlPath === '/favicon.ico') return send(204, 'image/x-icon', '');
     let filePath = PLAYER_FILES[urlPath];
     if (!filePath) {
@@ -480,6 +505,7 @@ async function main() {
     if (failedRequests.length) problems.push(`requests failed: ${JSON.stringify(failedRequests)}`);
     if (seen.notes.length) console.log(`play.mjs: hls.js notes: ${JSON.stringify(seen.notes).slice(0, 1000)}`);
     if (opts.cuesVtt || opts.cuesJson) problems.push(...await checkCues(page, opts));
+    if (opts.events) problems.push(...await checkEvents(page, opts));
     if (opts.switchLevel) {
       const last = seen.levels.length - 1;
       console.log(`play.mjs: variants ${JSON.stringify(seen.levels)} wide; switched to ${JSON.stringify(seen.switches)}`);
@@ -514,6 +540,23 @@ async function main() {
     if (userDataDir) await fsp.rm(userDataDir, { recursive: true, force: true }).catch(() => {});
     clearTimeout(watchdog);
   }
+}
+
+// The SCTE-35 events dash.js fired against those expected; problems as text.
+async function checkEvents(page, opts) {
+  const expected = JSON.parse(await fsp.readFile(opts.events, 'utf8'));
+  const fired = await page.evaluate(() => (window.__e2e && window.__e2e.splices) || []);
+  console.log(`play.mjs: events fired: ${JSON.stringify(fired)}`);
+  const bytesOf = (f) => f.hex !== null ? f.hex : Buffer.from(f.text.trim(), 'base64').toString('hex');
+  const problems = [];
+  if (fired.length !== expected.length) problems.push(`${fired.length} events fired, not ${expected.length}`);
+  for (const e of expected) {
+    const f = fired.find((x) => bytesOf(x) === e.hex.toLowerCase());
+    if (!f) problems.push(`no event fired with the message ${e.hex}`);
+    else if (!(Math.abs(f.time - e.time) <= 0.040)) problems.push(`the event of ${e.hex} is at ${f.time} s, not ${e.time} s`);
+    else if (!(f.firedAt >= e.time - 0.040)) problems.push(`the event of ${e.hex} fired at ${f.firedAt} s, before its time ${e.time} s`);
+  }
+  return problems;
 }
 
 // The cues the player put on the video's text tracks against those of the source; problems as text.
