@@ -214,6 +214,9 @@ TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
     EXPECT_EQ(slice(ac4Bytes, 4, 4), hex("'ac-4'"));
     EXPECT_EQ(slice(ac4Bytes, ac4Bytes.size() - 20, 20), hex("00000014 'dac4' 20A60000 00000000 00000000"));
     EXPECT_EQ(ac4.manifest.codecs, "ac-4.02.01.02");
+    // Two channels are the L/R speaker group alone: bit 0 of the 24-bit AC-4 mask.
+    EXPECT_EQ(ac4.manifest.channelScheme + " " + ac4.manifest.channelValue,
+              "tag:dolby.com,2015:dash:audio_channel_configuration:2015 000001");
     // A damaged first frame gives no entry.
     EXPECT_FALSE(makeAudioSampleEntry(AC3_AUDIO, configChunk(hex("0B77 0000 C0 40 00 00")), {}).entry);
 }
@@ -289,6 +292,56 @@ TEST(LiveServerManifest, DashAspectRatioAndUndeterminedLanguage) {
                    "codecs=\"avc1.64001f\" sar_width=\"4\" sar_height=\"3\">\n"
                    "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n",
                    "      <audio systemBitrate=\"128000\" trackID=\"2\" lang=\"und\" startWithSAP=\"1\""});
+}
+
+// DASH entries end with the stream descriptors in their given order: video after "durations", audio after its
+// channel configuration and "durations", text after its accessibility mark. Smooth Streaming has none. SCTE-35 is
+// a Smooth Streaming entry only, with its two params read from "Subtype".
+TEST(LiveServerManifest, DescriptorsInOrderAndAdMarkers) {
+    const std::vector<StreamDescriptor> descriptors = {{"Role", "urn:mpeg:dash:role:2011", "main"},
+                                                       {"Rating", "urn:dvb::iptv:cpm:2014", "1"},
+                                                       {"Viewpoint", "urn:x", "v"}};
+    ElementaryStreamAttributes video = videoAttributes(), audio = audioAttributes(), text = audioAttributes();
+    video.descriptors = audio.descriptors = text.descriptors = descriptors;
+    text.flag = true;
+    AudioManifestInfo channels = kAudio;
+    channels.channelScheme = "urn:mpeg:dash:23003:3:audio_channel_configuration:2011";
+    channels.channelValue = "2";
+    ElementaryStreamAttributes markers;
+    markers.type = SCTE_35;
+    markers.name = "hd";
+    const std::string children = "        <Role schemeIdUri=\"urn:mpeg:dash:role:2011\" value=\"main\"/>\n"
+                                 "        <Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>\n"
+                                 "        <Viewpoint schemeIdUri=\"urn:x\" value=\"v\"/>\n";
+    for (bool dash : {true, false}) {
+        LiveServerManifest m("out", dash);
+        m.AddVideo(1, kVideo, video, kDurations);
+        m.AddAudio(2, channels, audio, kDurations);
+        m.AddText(3, "stpp", text);
+        m.AddScte35(4, markers);
+        const std::string xml = m.ToXml();
+        if (!dash) {
+            EXPECT_EQ(xml.find("Rating"), std::string::npos);
+            expectInOrder(xml, {"      <textstream src=\"textStream_4\" systemLanguage=\"eng\">\n"
+                                "        <param name=\"trackID\" value=\"4\" valuetype=\"data\"/>\n"
+                                "        <param name=\"trackName\" value=\"SCTE35_out_4\" valuetype=\"data\"/>\n"
+                                "        <param name=\"trackName\" value=\"AdMarkers\" valuetype=\"data\"/>\n"
+                                "        <param name=\"manifestOutput\" value=\"TRUE\" valuetype=\"data\"/>\n"
+                                "        <param name=\"FourCC\" Subtype=\"SCTE35\" valuetype=\"data\"/>\n"
+                                "        <param name=\"parentTrackName\" Subtype=\"videohd\" valuetype=\"data\"/>\n"
+                                "      </textstream>\n"});
+            continue;
+        }
+        EXPECT_EQ(xml.find("SCTE35"), std::string::npos);
+        expectInOrder(xml, {"        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n" +
+                                children + "      </video>\n",
+                            "        <AudioChannelConfiguration schemeIdUri=\"urn:mpeg:dash:23003:3:audio_channel_configuration:2011\" "
+                            "value=\"2\"/>\n"
+                            "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n" +
+                                children + "      </audio>\n",
+                            "        <Accessibility schemeIdUri=\"urn:tva:metadata:cs:AudioPurposeCS:2007\" value=\"2\"/>\n" +
+                                children + "      </textstream>\n    </switch>"});
+    }
 }
 
 TEST(ExtraParameters, AnyForbiddenCharacterVoidsTheWholeList) {
