@@ -71,16 +71,21 @@ std::optional<CommonCut> findCommonCut(const Streams& streams, std::uint32_t gop
         }
     }
     // A cut waits until every live stream has samples up to it. A stream that has ended and has nothing
-    // left does not hold the others back.
+    // left does not hold the others back. When no audio or video sample is left at all there is nothing to cut:
+    // otherwise, with those streams ended and a sparse one still open, the forced boundaries would give empty
+    // segments for ever; what the sparse stream still brings goes out with the flush at its end.
     std::int64_t limit = kEndOfTime;
+    bool anySamples = false;
     for (const auto& [id, stream] : streams) {
         if (isSparse(stream)) continue;
         if (stream.samples.empty()) {
             if (stream.ended) continue;
             return std::nullopt;
         }
+        anySamples = true;
         if (!stream.ended) limit = std::min(limit, stream.samples.back()->getTime());
     }
+    if (!anySamples) return std::nullopt;
     bool anyForced = false;
     std::uint32_t index = 0;
     for (const auto& [time, entry] : points) {
