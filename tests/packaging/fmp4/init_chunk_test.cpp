@@ -295,53 +295,40 @@ TEST(LiveServerManifest, DashAspectRatioAndUndeterminedLanguage) {
 }
 
 // DASH entries end with the stream descriptors in their given order: video after "durations", audio after its
-// channel configuration and "durations", text after its accessibility mark. Smooth Streaming has none. SCTE-35 is
-// a Smooth Streaming entry only, with its two params read from "Subtype".
+// channel configuration and "durations", text after its accessibility mark. SCTE-35 is a Smooth Streaming entry
+// only, its last two params read from "Subtype".
 TEST(LiveServerManifest, DescriptorsInOrderAndAdMarkers) {
-    const std::vector<StreamDescriptor> descriptors = {{"Role", "urn:mpeg:dash:role:2011", "main"},
-                                                       {"Rating", "urn:dvb::iptv:cpm:2014", "1"},
-                                                       {"Viewpoint", "urn:x", "v"}};
-    ElementaryStreamAttributes video = videoAttributes(), audio = audioAttributes(), text = audioAttributes();
-    video.descriptors = audio.descriptors = text.descriptors = descriptors;
-    text.flag = true;
-    AudioManifestInfo channels = kAudio;
-    channels.channelScheme = "urn:mpeg:dash:23003:3:audio_channel_configuration:2011";
-    channels.channelValue = "2";
-    ElementaryStreamAttributes markers;
-    markers.type = SCTE_35;
+    ElementaryStreamAttributes a = audioAttributes(), markers;
+    a.descriptors = {{"Role", "urn:mpeg:dash:role:2011", "main"}, {"Rating", "urn:dvb::iptv:cpm:2014", "1"}};
+    a.flag = true;
     markers.name = "hd";
-    const std::string children = "        <Role schemeIdUri=\"urn:mpeg:dash:role:2011\" value=\"main\"/>\n"
-                                 "        <Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>\n"
-                                 "        <Viewpoint schemeIdUri=\"urn:x\" value=\"v\"/>\n";
-    for (bool dash : {true, false}) {
-        LiveServerManifest m("out", dash);
-        m.AddVideo(1, kVideo, video, kDurations);
-        m.AddAudio(2, channels, audio, kDurations);
-        m.AddText(3, "stpp", text);
-        m.AddScte35(4, markers);
-        const std::string xml = m.ToXml();
-        if (!dash) {
-            EXPECT_EQ(xml.find("Rating"), std::string::npos);
-            expectInOrder(xml, {"      <textstream src=\"textStream_4\" systemLanguage=\"eng\">\n"
-                                "        <param name=\"trackID\" value=\"4\" valuetype=\"data\"/>\n"
-                                "        <param name=\"trackName\" value=\"SCTE35_out_4\" valuetype=\"data\"/>\n"
-                                "        <param name=\"trackName\" value=\"AdMarkers\" valuetype=\"data\"/>\n"
-                                "        <param name=\"manifestOutput\" value=\"TRUE\" valuetype=\"data\"/>\n"
-                                "        <param name=\"FourCC\" Subtype=\"SCTE35\" valuetype=\"data\"/>\n"
-                                "        <param name=\"parentTrackName\" Subtype=\"videohd\" valuetype=\"data\"/>\n"
-                                "      </textstream>\n"});
-            continue;
-        }
-        EXPECT_EQ(xml.find("SCTE35"), std::string::npos);
-        expectInOrder(xml, {"        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n" +
-                                children + "      </video>\n",
-                            "        <AudioChannelConfiguration schemeIdUri=\"urn:mpeg:dash:23003:3:audio_channel_configuration:2011\" "
-                            "value=\"2\"/>\n"
-                            "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n" +
-                                children + "      </audio>\n",
-                            "        <Accessibility schemeIdUri=\"urn:tva:metadata:cs:AudioPurposeCS:2007\" value=\"2\"/>\n" +
-                                children + "      </textstream>\n    </switch>"});
+    AudioManifestInfo channels = kAudio;
+    channels.channelScheme = "urn:x:channels";
+    channels.channelValue = "2";
+    const std::string durations = "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n";
+    const std::string descriptors = "        <Role schemeIdUri=\"urn:mpeg:dash:role:2011\" value=\"main\"/>\n"
+                                    "        <Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>\n";
+    LiveServerManifest dash("out", true), smooth("out", false);
+    for (LiveServerManifest* m : {&dash, &smooth}) {
+        m->AddVideo(1, kVideo, a, kDurations);
+        m->AddAudio(2, channels, a, kDurations);
+        m->AddText(3, "stpp", a);
+        m->AddScte35(4, markers);
     }
+    expectInOrder(dash.ToXml(), {durations + descriptors + "      </video>\n",
+                                 "        <AudioChannelConfiguration schemeIdUri=\"urn:x:channels\" value=\"2\"/>\n" +
+                                     durations + descriptors + "      </audio>\n",
+                                 "        <Accessibility schemeIdUri=\"urn:tva:metadata:cs:AudioPurposeCS:2007\" value=\"2\"/>\n" +
+                                     descriptors + "      </textstream>\n    </switch>"});
+    EXPECT_EQ(smooth.ToXml().find("Rating"), std::string::npos);
+    expectInOrder(smooth.ToXml(), {"      <textstream src=\"textStream_4\" systemLanguage=\"eng\">\n"
+                                   "        <param name=\"trackID\" value=\"4\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"trackName\" value=\"SCTE35_out_4\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"trackName\" value=\"AdMarkers\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"manifestOutput\" value=\"TRUE\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"FourCC\" Subtype=\"SCTE35\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"parentTrackName\" Subtype=\"videohd\" valuetype=\"data\"/>\n"
+                                   "      </textstream>\n"});
 }
 
 TEST(ExtraParameters, AnyForbiddenCharacterVoidsTheWholeList) {

@@ -1,14 +1,11 @@
 // Parental rating events: an event block laid out by hand (EN 300 468 start time and duration, two rating pairs,
-// one a region code), its log text and BroadcastEvent document, the emsg bytes and their place in a DASH chunk,
-// and the map's rules over successive segments.
+// one a region code), its log text, BroadcastEvent document and emsg bytes, and the map's rules over segments.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "packaging/fmp4/chunks/chunk_serializer.h"
-#include "packaging/fmp4/chunks/chunks_builder.h"
 #include "packaging/fmp4/chunks/parental_rating.h"
-#include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "tests/common/chunks.h"
 #include "tests/common/loggers.h"
 
@@ -22,9 +19,7 @@ struct BlockEvent {
 };
 
 template <typename T>
-void put(ParentalRatingEventBlock& block, std::size_t at, T value) {
-    std::memcpy(block.bytes + at, &value, sizeof value);
-}
+void put(ParentalRatingEventBlock& block, std::size_t at, T value) { std::memcpy(block.bytes + at, &value, sizeof value); }
 
 // The block as the demultiplexer writes it (host byte order): UTC seconds at 0, 90 kHz time at 8, count at 16,
 // 160-byte events from 24: id, start, duration, pair count at 24, pair j's country at 28 + 8j, rating at 32 + 8j.
@@ -65,121 +60,69 @@ const std::string kDocument =
     "</ParentalGuidance>"
     "</InstanceDescription></BroadcastEvent>";
 
-TEST(ParentalRating, BlockTimeRoundsTheNinthsUp) {
-    // t / 90000 whole seconds, then 111 units a tick plus the ninths of the remainder: 1 tick is 111.1 units.
-    const std::pair<std::int64_t, std::int64_t> cases[] = {{90000, 10000000}, {1, 111}, {9, 1000}, {45000, 5000000}, {900001, 100000111}};
-    for (const auto& [ticks, units] : cases) EXPECT_EQ(blockTimeTo100ns(ticks), units) << ticks;
-}
-
-// The block is dated 10 s before the event, at 10 s of stream time: the event starts at 20 s (200000000) and ends at
-// 80 s. At 30 s it is active, 10 s behind and 50 s ahead.
-TEST(ParentalRating, EventTextAndDocumentWorkedOutByHand) {
-    const ParentalRatingEventBlock block = blockOf(kStartSeconds - 10, 900000, 1, {kEvent});
+// The block is dated 10 s before the event, at 10 s (900001 ticks: 111 units for the odd tick) of stream time: the
+// event runs from 20 s to 80 s. At 30 s it is active, 10 s behind and 50 s ahead. Its message goes into an emsg
+// box: full box v0, scheme and value each ended by a zero byte, timescale 1000, presentation time delta 0, 50000 ms,
+// id 42, then the document; 12 + 22 + 2 + 16 + 333 = 385 bytes.
+TEST(ParentalRating, EventTextDocumentAndEmsgWorkedOutByHand) {
+    const ParentalRatingEventBlock block = blockOf(kStartSeconds - 10, 900001, 1, {kEvent});
     ParentalRatings ratings;
     ratings.update({&block}, 0);
     ASSERT_EQ(ratings.entries().size(), 1u);
-    EXPECT_EQ(ratings.entries().at(42).start, 200000000);
-    EXPECT_EQ(ratingEventText(ratings.entries().at(42).event), kEventText);
+    EXPECT_EQ(ratings.entries().at(42).start, 200000111);
     RecordingLogger logger;
-    const auto messages = ratings.messagesAt(300000000, 7, logger);
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].document, kDocument);
-    EXPECT_EQ(std::tie(messages[0].id, messages[0].durationMs), std::make_tuple(42u, 50000u));
-    EXPECT_EQ(logger.lines(),
-              std::vector<std::string>{"2 segment 7: Parental Rating restriction(s): [@t = -10000ms to 50000ms, " + kEventText + "]"});
-}
-
-// Each event is an emsg between styp and sidx, in the events' order.
-TEST(ParentalRating, EmsgBytesBetweenStypAndSidx) {
-    auto sample = std::shared_ptr<samples::Sample>(timedSample(0, samples::KindVideo, H264_VIDEO, 0, 0, 3600, {1}));
-    sample->sync = true;
-    StreamChunk chunk;
-    chunk.samples = {std::make_shared<Fmp4Sample>(sample)};
-    chunk.duration = 400000;
     ChunkSerialisationParameters p;
-    p.tracks = {{1, ChunkVideo, &chunk}};
-    p.events = {{42, 50000, "<x/>"}, {7, 0xFFFFFFFF, "<y/>"}};
-    const ChunkBytes bytes = serialiseChunk(p);
-    const Bytes chunkBytes(bytes.data.get(), bytes.data.get() + bytes.size);
-    std::vector<std::string> order;
-    for (const BoxView& box : boxesIn(chunkBytes)) order.push_back(box.type);
-    EXPECT_EQ(order, (std::vector<std::string>{"styp", "emsg", "emsg", "sidx", "moof", "mdat", "teoc"}));
-    const BoxView emsg = boxesIn(chunkBytes)[1];
-    // Full box v0: scheme and value each ended by a zero byte, timescale 1000, presentation time delta 0, duration
-    // 50000 ms, id 42, then the message; 12 + 22 + 2 + 16 + 4 = 56 bytes.
-    EXPECT_EQ(Bytes(chunkBytes.begin() + static_cast<std::ptrdiff_t>(emsg.offset),
-                    chunkBytes.begin() + static_cast<std::ptrdiff_t>(emsg.end)),
-              hex("00000038 'emsg' 00000000 'urn:dvb:iptv:cpm:2014' 00 '1' 00 000003E8 00000000 0000C350 0000002A '<x/>'"));
+    p.events = ratings.messagesAt(300000000, 7, logger);
+    EXPECT_EQ(logger.lines(),
+              std::vector<std::string>{"2 segment 7: Parental Rating restriction(s): [@t = -9999ms to 50000ms, " + kEventText + "]"});
+    const ChunkBytes chunk = serialiseChunk(p);
+    const Bytes bytes(chunk.data.get(), chunk.data.get() + chunk.size);
+    const BoxView emsg = boxesIn(bytes).at(1);
+    EXPECT_EQ(slice(bytes, emsg.offset, emsg.size()),
+              cat({hex("00000181 'emsg' 00000000 'urn:dvb:iptv:cpm:2014' 00 '1' 00 000003E8 00000000 0000C350 0000002A"),
+                   Bytes(kDocument.begin(), kDocument.end())}));
 }
 
-// One-second H.264 chunks at 0, 1 and 2 s, each a segment; each sample may carry a block. What each chunk's emsg
-// boxes say (their ids) and what is logged.
-struct MapCase {
-    const char* name;
-    std::optional<std::uint32_t> defaultAge;
-    std::vector<std::vector<ParentalRatingEventBlock>> blocks;  // per chunk, one per sample
-    std::vector<std::vector<std::uint32_t>> ids;                // per chunk
-    std::vector<std::string> logs;                              // the start of each log line
-};
-
-std::vector<std::uint32_t> emsgIds(const Bytes& chunk) {
-    std::vector<std::uint32_t> ids;
-    for (const BoxView& box : boxesIn(chunk))
-        if (box.type == "emsg") ids.push_back(be32(chunk.data() + box.contentStart + 4 + 22 + 2 + 12));
-    return ids;
-}
-
+// The map's rules over chunks at 0, 1 and 2 s, each a segment start: the ids of each chunk's messages, and the
+// start of each information line logged.
 TEST(ParentalRating, MapOverSegments) {
-    // Starts 0.5 s into the first chunk (block at 45000 ticks), lasts 1 s: active only at the second chunk's start.
+    // From 0.5 s (block at 45000 ticks) for 1 s: active at the second chunk's start only.
     const auto inside = blockOf(kStartSeconds, 45000, 1, {{42, kStart, 0x000001, {{kGbr, 9}}}});
-    const auto from0 = [](std::int64_t id) { return blockOf(kStartSeconds, 0, 1, {{id, kStart, 0x010000, {{kGbr, 9}}}}); };
-    const MapCase cases[] = {
-        {"an entry ending inside a chunk is active by the chunk's start only", {}, {{inside}, {}, {}}, {{}, {42}, {}},
+    const auto hour = [](std::int64_t id) { return blockOf(kStartSeconds, 0, 1, {{id, kStart, 0x010000, {{kGbr, 9}}}}); };
+    const auto over = blockOf(kStartSeconds, 0, 33, {});
+    struct Case {
+        const char* name;
+        std::optional<std::uint32_t> defaultAge;
+        std::vector<const ParentalRatingEventBlock*> first;  // the blocks of the first chunk's samples
+        std::vector<std::vector<std::uint32_t>> ids;
+        std::vector<std::string> logs;
+    };
+    const auto h42 = hour(42), h43 = hour(43);
+    const Case cases[] = {
+        {"ending inside a chunk: active by the chunk's start", {}, {&inside}, {{}, {42}, {}},
          {"segment 2: Parental Rating restriction(s): [@t = -500ms to 500ms, EventId=0042"}},
-        {"a count of 33 ends the update", {}, {{from0(42), blockOf(kStartSeconds, 0, 33, {}), from0(43)}, {}, {}},
-         {{42}, {42}, {42}},
-         {"segment 1: Parental Rating restriction(s): [@t = 0ms to 3600000ms, EventId=0042",
-          "segment 2: Parental Rating restriction(s): [@t = -1000ms", "segment 3: Parental Rating restriction(s): [@t = -2000ms"}},
-        {"the default event on every segment, logged once", 12, {{}, {}, {}}, {{0}, {0}, {0}},
+        {"a count of 33 ends the update", {}, {&h42, &over, &h43}, {{42}, {42}, {42}},
+         {"segment 1: Parental", "segment 2: Parental", "segment 3: Parental"}},
+        {"the default on every segment, its text logged once", 12, {}, {{0}, {0}, {0}},
          {"segment 1: Default Parental Rating restriction: (all countries - 12)"}},
-        {"the default again once the entry is over", 12, {{inside}, {}, {}}, {{0}, {42}, {0}},
+        {"the default again after an entry", 12, {&inside}, {{0}, {42}, {0}},
          {"segment 1: Default", "segment 2: Parental", "segment 3: Default"}},
     };
-    for (const MapCase& c : cases) {
+    for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
+        ParentalRatings ratings;
+        if (c.defaultAge) ratings.setDefaultAge(*c.defaultAge);
         RecordingLogger logger;
-        Fmp4MuxConfig config = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0);
-        ChunksBuilder builder(ChunksBuilderParams{Dash, &config, false, &logger});
-        ElementaryStreamAttributes video;
-        video.type = H264_VIDEO;
-        builder.AddStream(0, 1, video);
-        KeepingOutput output;
-        builder.SetOutputs({{"", {0}, &output, 1}}, false, false, false);
-        if (c.defaultAge) builder.SetDefaultParentalRating(*c.defaultAge);
-        builder.OnFirstSegments({{{0, std::make_shared<StreamChunk>()}}, 1}, 1000, 1000, 1000);
-        for (std::size_t k = 0; k < c.blocks.size(); ++k) {
-            auto chunk = std::make_shared<StreamChunk>();
-            chunk->duration = 10000000;
-            const std::int64_t t = static_cast<std::int64_t>(k) * 90000;
-            for (std::size_t i = 0; i <= c.blocks[k].size(); ++i) {
-                auto sample = std::shared_ptr<samples::Sample>(
-                    timedSample(0, samples::KindVideo, H264_VIDEO, t + static_cast<std::int64_t>(i), t, 1, {1}));
-                if (i < c.blocks[k].size()) {
-                    sample->hasParentalRating = true;
-                    sample->parentalRating = std::make_unique<ParentalRatingEventBlock>(c.blocks[k][i]);
-                }
-                chunk->samples.push_back(std::make_shared<Fmp4Sample>(sample));
-            }
-            builder.OnChunks({{{0, chunk}}, 1}, true);
+        for (std::size_t k = 0; k < c.ids.size(); ++k) {
+            const std::int64_t t = static_cast<std::int64_t>(k) * 10000000;
+            ratings.update(k == 0 ? c.first : std::vector<const ParentalRatingEventBlock*>{}, t);
+            std::vector<std::uint32_t> ids;
+            for (const RatingMessage& m : ratings.messagesAt(t, k + 1, logger)) ids.push_back(m.id);
+            EXPECT_EQ(ids, c.ids[k]) << "chunk " << k;
         }
-        const auto media = output.media();
-        ASSERT_EQ(media.size(), c.ids.size());
-        for (std::size_t k = 0; k < media.size(); ++k) EXPECT_EQ(emsgIds(media[k].bytes), c.ids[k]) << "chunk " << k;
-        std::vector<std::string> logs;
-        for (const auto& e : logger.entries())
-            if (e.level == tvrn::log::LOG_INFO) logs.push_back(e.text);
+        const auto logs = logger.lines();
         ASSERT_EQ(logs.size(), c.logs.size());
-        for (std::size_t i = 0; i < logs.size(); ++i) EXPECT_EQ(logs[i].rfind(c.logs[i], 0), 0u) << logs[i];
+        for (std::size_t i = 0; i < logs.size(); ++i) EXPECT_EQ(logs[i].rfind("2 " + c.logs[i], 0), 0u) << logs[i];
     }
 }
 
