@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "packaging/fmp4/chunks/parental_rating.h"
 #include "packaging/lib_parse_es/nal_builder_audio_frames.h"
 #include "support/exceptions/corvane_exception.h"
 
@@ -543,7 +544,13 @@ std::unique_ptr<fmp4::IMuxSession> CMuxFmp4Filter::buildSession() {
     for (const auto& pin : m_inputs)
         if (pin->IsConnected()) connected.push_back(pin.get());
     std::sort(connected.begin(), connected.end(), [](auto* a, auto* b) { return a->streamId() < b->streamId(); });
-    for (auto* pin : connected) session->AddStream(static_cast<std::uint32_t>(pin->streamId()), pin->attributes());
+    for (auto* pin : connected) {
+        fmp4::ElementaryStreamAttributes attributes = pin->attributes();
+        // Video announces that its segments carry rating events when a default rating applies.
+        if (m_defaultParentalRating && fmp4::isVideo(attributes.type))
+            attributes.descriptors.push_back({"Rating", fmp4::kParentalRatingDescriptorScheme, "1"});
+        session->AddStream(static_cast<std::uint32_t>(pin->streamId()), attributes);
+    }
 
     std::vector<fmp4::ChunkOutputSeed> outputs;
     for (const auto& [index, ids] : m_pairings) {

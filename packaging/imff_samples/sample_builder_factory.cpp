@@ -18,6 +18,7 @@ std::unique_ptr<SampleBuilder> createSampleBuilder(std::uint32_t streamType, boo
         case fmp4::AC3_AUDIO: return std::make_unique<SampleBuilderAc3Audio>(listener, inBandParameterSets);
         case fmp4::MPEG1_AUDIO: return std::make_unique<SampleBuilderMpeg1Audio>(listener, inBandParameterSets);
         case fmp4::AC4_AUDIO: return std::make_unique<SampleBuilderAc4Audio>(listener, inBandParameterSets);
+        case fmp4::SCTE_35:
         case fmp4::TTML: return std::make_unique<SampleBuilderMetadata>(listener, inBandParameterSets);
         case fmp4::WEBVTT: return std::make_unique<SampleBuilderWebVtt>(listener, inBandParameterSets);
         case fmp4::SRT: return std::make_unique<SampleBuilderTimedText>(listener, inBandParameterSets);

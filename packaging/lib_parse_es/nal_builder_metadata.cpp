@@ -27,7 +27,8 @@ void NALBuilderSCTE35::push(IMediaData* data) {
         const SCTE_35::SpliceInfoSection section = SCTE_35::parseSpliceInfoSection(bytes + 8, size - 8);
         ptsTime = SCTE_35::splicePtsTime(section);
         adjustment = section.ptsAdjustment;
-    } catch (const SCTE_35::Exception&) {
+    } catch (const SCTE_35::Exception& e) {
+        if (m_logger) m_logger->WriteMsg(tvrn::log::LOG_DEBUG, "SCTE-35 section dropped: %s", e.what());
         return;
     }
     auto unit = std::make_unique<NALSCTE35>(static_cast<std::int32_t>(size));

@@ -2,6 +2,7 @@
 // again, destroy; and what leaves the outputs compared with what the session's chunk builder writes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <thread>
@@ -9,6 +10,7 @@
 #include "filter_helpers.h"
 #include "tests/common/chunks.h"
 #include "tests/common/loggers.h"
+#include "tests/common/process.h"
 
 namespace {
 using namespace filter_test;
@@ -160,5 +162,82 @@ TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
         }
         ASSERT_EQ(filter->Stop(), S_OK);
     }
+}
+}  // namespace
+
+namespace {
+// H.264, AAC and SCTE-35 ad markers, with a default parental rating. Before SCTE-35 had a sample builder, its
+// registered stream never delivered and held every media chunk back: the video output got its init chunk only.
+// Now every output writes its chunks to the end: the video and audio outputs as many as without the markers, the
+// markers' output one per segment. Its init chunk has no track. Each video segment opens with the rating's emsg box, and ffmpeg decodes every picture of the file.
+TEST(FilterSession, AdMarkersBesideH264AndAacLetEveryOutputWriteToTheEnd) {
+    const testkit::Fixture video = testkit::loadFixture("h264_plain");
+    const testkit::AudioFixture audio = testkit::loadAudioFixture("aac_lc_stereo_48k.adts");
+    const Inputs inputs = loadInputs(video, audio);
+    const auto expected = referenceChunks(inputs);
+    // A time_signal() splice_info_section (ANSI/SCTE 35): table 0xFC, section_length 22, pts_adjustment 0,
+    // cw_index 0xFF, tier 0xFFF, command length 5, type 6 with pts_time 900000, no descriptors, CRC; behind the
+    // 8-byte 90 kHz clock. One every 400 ms over the video's time.
+    const Bytes message = testkit::hex("0000000000000000 FC3016 00 0000000000 FF FFF005 06 FE000DBBA0 0000 00000000");
+    std::vector<Unit> markers;
+    for (REFERENCE_TIME t = inputs[0].front().pts; t < inputs[0].back().pts; t += 4000000)
+        markers.push_back({message.data(), message.size(), t, std::nullopt});
+
+    FilterHolder filter(CMuxFmp4Filter::Create());
+    testkit::RecordingLogger logger;
+    filter->SetLogger(&logger);
+    ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
+    ASSERT_EQ(filter->SetDefaultParentalRating(12), S_OK);
+    const std::pair<std::uint32_t, std::size_t> pins[] = {{1000000, 1}, {128000, 8}, {1000, 11}};  // bitrate, type row
+    for (std::size_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(filter->ConfigureInputPin(pins[i].first, "und", 0, "main", "", 0, 0, nullptr), S_OK);
+        ASSERT_EQ(filter->inputPins().at(i)->ReceiveConnection(inputType(pins[i].second)), S_OK);
+    }
+    RecordingSink sinks[3];
+    for (std::size_t o = 0; o < 3; ++o) ASSERT_EQ(filter->outputPins().at(o)->Connect(&sinks[o]), S_OK);
+    ASSERT_EQ(filter->Pause(), S_OK);
+    ASSERT_EQ(filter->Run(), S_OK);
+    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+    // The markers end first, so that the last segment flushes all three streams at once (a stream still open
+    // after the others would get a segment of its own, empty for them).
+    push(*filter->inputPins().at(2), markers);
+    std::thread videoThread([&] { push(*filter->inputPins().at(0), inputs[0]); });
+    std::thread audioThread([&] { push(*filter->inputPins().at(1), inputs[1]); });
+    videoThread.join();
+    audioThread.join();
+    std::vector<testkit::WrittenChunk> chunks[3];
+    for (std::size_t o = 0; o < 3; ++o) {
+        ASSERT_TRUE(sinks[o].waitForEnds(1)) << o;
+        chunks[o] = joinChunks(sinks[o].snapshot());
+        ASSERT_FALSE(chunks[o].empty());
+        EXPECT_TRUE(chunks[o].front().init);
+    }
+    ASSERT_EQ(filter->Stop(), S_OK);
+    EXPECT_EQ(chunks[0].size(), expected[0].size());
+    EXPECT_EQ(chunks[1].size(), expected[1].size());
+    EXPECT_EQ(chunks[2].size(), chunks[0].size());
+
+    // The markers' init chunk: a movie without track; each media chunk has a fragment of their track, 3.
+    const auto movie = fmp4::moviePart(chunks[2].front().bytes);
+    EXPECT_EQ(std::search(movie.begin(), movie.end(), "trak", "trak" + 4), movie.end());
+    for (std::size_t k = 1; k < chunks[2].size(); ++k) {
+        const auto tfhd = fmp4::findBox(chunks[2][k].bytes, "moof/traf/tfhd");
+        EXPECT_TRUE(tfhd && testkit::u32In(chunks[2][k].bytes, *tfhd, 4) == 3u) << k;
+    }
+    const std::string init(chunks[0].front().bytes.begin(), chunks[0].front().bytes.end());
+    EXPECT_NE(init.find("<Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>"), std::string::npos);
+    for (std::size_t k = 1; k < chunks[0].size(); ++k) {
+        std::string order;
+        for (const auto& box : fmp4::boxesIn(chunks[0][k].bytes)) order += box.type + " ";
+        EXPECT_NE(order.find("styp emsg sidx moof mdat"), std::string::npos) << k << ": " << order;
+    }
+    testkit::TempDir dir;
+    testkit::writeFile(dir.file("video.mp4"), testkit::playableFile(chunks[0]));
+    int status = -1;
+    const auto lines = testkit::lines(testkit::run("ffmpeg -v error -nostdin -xerror -i " + dir.file("video.mp4") +
+                                                   " -map 0:v:0 -f framemd5 - 2>&1", &status));
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string& l) { return l[0] != '#'; }),
+              static_cast<std::ptrdiff_t>(video.packets.size()));
 }
 }  // namespace

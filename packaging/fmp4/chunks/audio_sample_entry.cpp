@@ -24,6 +24,18 @@ namespace {
 
 constexpr char kDolbyChannelScheme[] = "urn:dolby:dash:audio_channel_configuration:2011";
 constexpr char kMpegChannelScheme[] = "urn:mpeg:dash:23003:3:audio_channel_configuration:2011";
+constexpr char kAc4ChannelScheme[] = "tag:dolby.com,2015:dash:audio_channel_configuration:2015";
+
+// The AC-4 speaker group mask (ETSI TS 103 190-2: bit 0 L/R, 1 C, 2 Ls/Rs, 3 Lb/Rb, 6 LFE) of the usual layouts
+// by channel count; other counts are announced as a stereo pair.
+std::uint32_t ac4ChannelMask(std::uint32_t channels) {
+    switch (channels) {
+        case 1: return 0x000002;
+        case 6: return 0x000047;
+        case 8: return 0x00004F;
+        default: return 0x000001;
+    }
+}
 
 std::string hex4(std::uint32_t value) {
     char text[8];
@@ -133,6 +145,10 @@ AudioSampleEntryResult makeAc4Entry(const std::vector<std::uint8_t>& firstFrame)
     info.codecPrivateData = entry->dac4.data;
     info.channels = entry->channelCount;
     info.samplingRate = entry->sampleRate;
+    char mask[16];
+    std::snprintf(mask, sizeof mask, "%06X", ac4ChannelMask(entry->channelCount) & 0xFFFFFFu);
+    info.channelScheme = kAc4ChannelScheme;
+    info.channelValue = mask;
     result.entry = entry;
     return result;
 }

@@ -18,6 +18,8 @@ using namespace imff_box;
 namespace {
 
 constexpr std::uint64_t kHundredNs = 10000000;
+// The value of the rating events, the same as the Rating descriptor's that announces them.
+constexpr char kRatingEventValue[] = "1";
 
 std::vector<const ISample*> boxSamples(const StreamChunk& chunk) {
     std::vector<const ISample*> samples;
@@ -152,7 +154,13 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
                                                                         p.segmentNumber));
         head.push_back(std::make_shared<SegmentTypeBox>(fourCC("msdh"), 0,
                                                         std::vector<FourCC>{fourCC("msdh"), fourCC("msix")}));
-        // In-band event messages (emsg) go here, before sidx.
+        for (const RatingMessage& event : p.events) {
+            if (event.document.empty()) continue;
+            // Times in ms; the event applies from the chunk's start.
+            head.push_back(std::make_shared<EventMessageBox>(
+                kParentalRatingEventScheme, kRatingEventValue, 1000, 0, event.durationMs, event.id,
+                std::vector<std::uint8_t>(event.document.begin(), event.document.end())));
+        }
         std::int64_t earliest = 0;
         const bool any = earliestPresentation(fragments, p.timescale, earliest);
         const std::int64_t ept = any ? earliest + p.negatedOrigin : 0;

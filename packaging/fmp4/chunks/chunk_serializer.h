@@ -1,11 +1,13 @@
 #pragma once
-// One media chunk as bytes: [tnsb] styp sidx moof mdat [teoc] [teos] for DASH, moof mdat for Smooth Streaming.
+// One media chunk as bytes: [tnsb] styp emsg... sidx moof mdat [teoc] [teos] for DASH, moof mdat for Smooth
+// Streaming.
 // The size is computed first, the chunk is allocated once, and each payload byte is copied exactly once.
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <vector>
 
+#include "packaging/fmp4/chunks/parental_rating.h"
 #include "packaging/fmp4_types/stream_attributes.h"
 #include "packaging/fmp4_types/sync_sample.h"
 #include "packaging/imff_box/box.h"
@@ -56,6 +58,8 @@ struct ChunkSerialisationParameters {
     bool playerCompatible = false;
     std::uint64_t timescale = 10000000;
     std::int64_t negatedOrigin = 0;  // at the timescale, added to DASH decode and presentation times
+    // DASH: one emsg box each, ahead of sidx.
+    std::vector<RatingMessage> events{};
     // Set when the session has an encryption provider, for every chunk, clear ones included; unset otherwise.
     std::optional<FragmentEncryptionInfo> encryption{};
 };

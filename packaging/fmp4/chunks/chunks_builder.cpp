@@ -181,7 +181,25 @@ void ChunksBuilder::SetOutputs(const std::vector<ChunkOutputSeed>& outputs, bool
     }
 }
 
-void ChunksBuilder::SetDefaultParentalRating(std::uint32_t age) { m_defaultRatingAge = age; }
+void ChunksBuilder::SetDefaultParentalRating(std::uint32_t age) { m_ratings.setDefaultAge(age); }
+
+std::optional<std::int64_t> ChunksBuilder::updateParentalRatings(const SegmentChunks& segments) {
+    for (const auto& [id, chunk] : segments.chunks) {
+        const auto record = m_streams.find(id);
+        if (!chunk || chunk->samples.empty() || record == m_streams.end() || !isVideo(record->second.attributes.type))
+            continue;
+        std::vector<const ParentalRatingEventBlock*> blocks;
+        for (const auto& entry : chunk->samples) {
+            const auto* sample = dynamic_cast<const Fmp4Sample*>(entry.get());
+            if (sample && sample->sample()->hasParentalRating && sample->sample()->parentalRating)
+                blocks.push_back(sample->sample()->parentalRating.get());
+        }
+        const std::int64_t start = chunkStartTime(*chunk, kHundredNs);
+        m_ratings.update(blocks, start);
+        return start;
+    }
+    return std::nullopt;
+}
 
 std::string ChunksBuilder::labelOf(int index, const ChunkOutput& output) const {
     return outputLabel(index, output.streamIds, m_attributes);
@@ -307,6 +325,7 @@ void ChunksBuilder::checkDrift(const SegmentChunks& segments) {
 }
 
 void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
+    const std::optional<std::int64_t> videoStart = updateParentalRatings(segments);
     // Text chunks take their mdat form first; encryption never touches them.
     for (const auto& [id, chunk] : segments.chunks) {
         const auto record = m_streams.find(id);
@@ -386,6 +405,9 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
         p.psshInFragments = m_psshInFragments;
         p.playerCompatible = m_playerCompatible;
         p.timescale = output.timescale;
+        // Rating events open each segment, at the video's time (the output's own when there is no video).
+        if (output.atSegmentStart)
+            p.events = m_ratings.messagesAt(videoStart.value_or(chunkTime), output.segmentNumber, m_logger);
         p.negatedOrigin = -rescale(m_timeOrigin, kHundredNs, output.timescale);
         if (encryption) {
             p.encryption = encryption;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "packaging/fmp4/chunks/parental_rating.h"
 #include "packaging/fmp4/fmp4_mux/chunks_builder_interface.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
 
@@ -89,6 +90,8 @@ private:
     bool encrypting() const { return m_encryption && m_encryption->hasProvider(); }
     std::string labelOf(int index, const ChunkOutput& output) const;
     std::uint64_t segmentMs(const ChunkOutput& output) const;
+    // Takes the rating blocks of the first video stream's samples; its chunk's start (100 ns), if there is one.
+    std::optional<std::int64_t> updateParentalRatings(const SegmentChunks& segments);
 
     bool m_dash;
     bool m_inBandParameterSets = false;
@@ -105,7 +108,7 @@ private:
     std::int64_t m_timeOrigin = 0;                       // 100 ns units
     std::map<std::uint32_t, std::int64_t> m_earliest;    // per stream, 100 ns units
     std::deque<HeldChunks> m_held;
-    std::optional<std::uint32_t> m_defaultRatingAge;
+    ParentalRatings m_ratings;
     std::unique_ptr<encryption::EncryptionManager> m_encryption;
     std::function<std::int64_t()> m_clock;
     tvrn::log::ILogger& m_logger;

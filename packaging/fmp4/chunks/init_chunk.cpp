@@ -77,6 +77,11 @@ std::int32_t InitChunk::AddStream(std::uint32_t trackId, std::uint32_t timescale
         if (isMain) m_manifest.AddText(trackId, imff_box::fourCCText(entry->getType()), attributes);
         return static_cast<std::int32_t>(index);
     }
+    if (streamType == SCTE_35) {
+        // Ad markers get no track: the manifest names them, and their sections travel in the media chunks.
+        if (isMain) m_manifest.AddScte35(trackId, attributes);
+        return -1;
+    }
     if (streamType != H264_VIDEO && streamType != HEVC_VIDEO) return 0;
     // The in-band entries ("avc3", "hev1") are a DASH matter; Smooth Streaming clients know "avc1" and "hvc1".
     VideoSampleEntryResult video = makeVideoSampleEntry(streamType, firstChunk, m_dash && inBandParameterSets);

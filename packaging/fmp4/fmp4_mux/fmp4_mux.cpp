@@ -4,6 +4,7 @@
 
 #include "packaging/imff_samples/sample.h"
 #include "packaging/imff_samples/sample_builder_text.h"
+#include "packaging/lib_parse_es/nal_builder_metadata.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
 #include "packaging/synchronizator/sample_segment_synchronisator.h"
 #include "packaging/synchronizator_lowlatency/low_latency_global_synchronizator.h"
@@ -149,6 +150,7 @@ void Fmp4Mux::AddStream(std::uint32_t streamId, const ElementaryStreamAttributes
     listener->onStreamAdded(attributes.type, streamId);
 
     auto nalBuilder = m_parts.makeNalBuilder(attributes.type);
+    if (auto* markers = dynamic_cast<lib_parse_es::NALBuilderSCTE35*>(nalBuilder.get())) markers->setLogger(&m_logger);
     const bool inBandFlag = m_options.outputFormat == Smooth ? true : m_options.inBandParameterSets;
     auto sampleBuilder = m_parts.makeSampleBuilder(attributes.type, inBandFlag, listener);
     if (sampleBuilder) sampleBuilder->streamId = streamId;

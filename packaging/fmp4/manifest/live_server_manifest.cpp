@@ -93,6 +93,15 @@ void LiveServerManifest::addDurations(XMLElement* element, const ManifestDuratio
     child->SetAttribute("chunkDuration", number(static_cast<std::int64_t>(durations.chunkDuration)).c_str());
 }
 
+void LiveServerManifest::addDescriptors(XMLElement* element, const ElementaryStreamAttributes& attributes) {
+    for (const StreamDescriptor& descriptor : attributes.descriptors) {
+        if (descriptor.element.empty()) continue;  // no element name to write
+        XMLElement* child = element->InsertNewChildElement(descriptor.element.c_str());
+        child->SetAttribute("schemeIdUri", descriptor.schemeIdUri.c_str());
+        child->SetAttribute("value", descriptor.value.c_str());
+    }
+}
+
 void LiveServerManifest::AddVideo(std::uint32_t trackId, const VideoManifestInfo& info,
                                   const ElementaryStreamAttributes& a, const ManifestDurations& durations) {
     ++m_entries;
@@ -128,7 +137,7 @@ void LiveServerManifest::AddVideo(std::uint32_t trackId, const VideoManifestInfo
     video->SetAttribute("sar_width", number(info.sarWidth).c_str());
     video->SetAttribute("sar_height", number(info.sarHeight).c_str());
     addDurations(video, durations);
-    // The stream descriptors join here with their own issue.
+    addDescriptors(video, a);
 }
 
 void LiveServerManifest::AddAudio(std::uint32_t trackId, const AudioManifestInfo& info,
@@ -166,8 +175,8 @@ void LiveServerManifest::AddAudio(std::uint32_t trackId, const AudioManifestInfo
         channels->SetAttribute("schemeIdUri", info.channelScheme.c_str());
         channels->SetAttribute("value", info.channelValue.c_str());
     }
-    // The stream descriptors join after "durations" with their own issue.
     addDurations(audio, durations);
+    addDescriptors(audio, a);
 }
 
 void LiveServerManifest::AddText(std::uint32_t trackId, const std::string& fourCC, const ElementaryStreamAttributes& a) {
@@ -195,6 +204,27 @@ void LiveServerManifest::AddText(std::uint32_t trackId, const std::string& fourC
         XMLElement* accessibility = text->InsertNewChildElement("Accessibility");
         accessibility->SetAttribute("schemeIdUri", "urn:tva:metadata:cs:AudioPurposeCS:2007");
         accessibility->SetAttribute("value", "2");
+    }
+    addDescriptors(text, a);
+}
+
+void LiveServerManifest::AddScte35(std::uint32_t trackId, const ElementaryStreamAttributes& a) {
+    if (m_dash) return;
+    ++m_entries;
+    XMLElement* markers = m_switch->InsertNewChildElement("textstream");
+    markers->SetAttribute("src", ("textStream_" + number(trackId)).c_str());
+    markers->SetAttribute("systemLanguage", "eng");
+    addParam(markers, "trackID", number(trackId));
+    addParam(markers, "trackName", "SCTE35_" + m_outputName + "_" + number(trackId));
+    addParam(markers, "trackName", "AdMarkers");
+    addParam(markers, "manifestOutput", "TRUE");
+    // Publishers read these two from "Subtype", not from "value".
+    for (const auto& [name, subtype] : {std::pair<const char*, std::string>{"FourCC", "SCTE35"},
+                                        std::pair<const char*, std::string>{"parentTrackName", "video" + a.name}}) {
+        XMLElement* param = markers->InsertNewChildElement("param");
+        param->SetAttribute("name", name);
+        param->SetAttribute("Subtype", subtype.c_str());
+        param->SetAttribute("valuetype", "data");
     }
 }
 

@@ -72,6 +72,9 @@ public:
                   const ManifestDurations& durations);
     // A TTML or WebVTT stream; `fourCC` is its sample entry's code ("stpp", "wvtt", "dfxp").
     void AddText(std::uint32_t trackId, const std::string& fourCC, const ElementaryStreamAttributes& attributes);
+    // An SCTE-35 stream: the ad markers of the output's video for Smooth Streaming publishers. A DASH manifest
+    // says nothing of it.
+    void AddScte35(std::uint32_t trackId, const ElementaryStreamAttributes& attributes);
 
     bool empty() const { return m_entries == 0; }
     // The document, declared as XML 1.0 in UTF-8 and indented by two blanks.
@@ -81,6 +84,8 @@ private:
     tinyxml2::XMLElement* addParam(tinyxml2::XMLElement* parent, const char* name, const std::string& value);
     void addExtraParameters(tinyxml2::XMLElement* element, const ElementaryStreamAttributes& attributes);
     void addDurations(tinyxml2::XMLElement* element, const ManifestDurations& durations);
+    // DASH: one child per stream descriptor, in the attributes' order, named by its element word.
+    void addDescriptors(tinyxml2::XMLElement* element, const ElementaryStreamAttributes& attributes);
 
     bool m_dash;
     std::string m_outputName;

@@ -214,6 +214,9 @@ TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
     EXPECT_EQ(slice(ac4Bytes, 4, 4), hex("'ac-4'"));
     EXPECT_EQ(slice(ac4Bytes, ac4Bytes.size() - 20, 20), hex("00000014 'dac4' 20A60000 00000000 00000000"));
     EXPECT_EQ(ac4.manifest.codecs, "ac-4.02.01.02");
+    // Two channels are the L/R speaker group alone: bit 0 of the 24-bit AC-4 mask.
+    EXPECT_EQ(ac4.manifest.channelScheme + " " + ac4.manifest.channelValue,
+              "tag:dolby.com,2015:dash:audio_channel_configuration:2015 000001");
     // A damaged first frame gives no entry.
     EXPECT_FALSE(makeAudioSampleEntry(AC3_AUDIO, configChunk(hex("0B77 0000 C0 40 00 00")), {}).entry);
 }
@@ -289,6 +292,43 @@ TEST(LiveServerManifest, DashAspectRatioAndUndeterminedLanguage) {
                    "codecs=\"avc1.64001f\" sar_width=\"4\" sar_height=\"3\">\n"
                    "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n",
                    "      <audio systemBitrate=\"128000\" trackID=\"2\" lang=\"und\" startWithSAP=\"1\""});
+}
+
+// DASH entries end with the stream descriptors in their given order: video after "durations", audio after its
+// channel configuration and "durations", text after its accessibility mark. SCTE-35 is a Smooth Streaming entry
+// only, its last two params read from "Subtype".
+TEST(LiveServerManifest, DescriptorsInOrderAndAdMarkers) {
+    ElementaryStreamAttributes a = audioAttributes(), markers;
+    a.descriptors = {{"Role", "urn:mpeg:dash:role:2011", "main"}, {"Rating", "urn:dvb::iptv:cpm:2014", "1"}};
+    a.flag = true;
+    markers.name = "hd";
+    AudioManifestInfo channels = kAudio;
+    channels.channelScheme = "urn:x:channels";
+    channels.channelValue = "2";
+    const std::string durations = "        <durations timescale=\"1000\" segmentDuration=\"2000\" chunkDuration=\"500\"/>\n";
+    const std::string descriptors = "        <Role schemeIdUri=\"urn:mpeg:dash:role:2011\" value=\"main\"/>\n"
+                                    "        <Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>\n";
+    LiveServerManifest dash("out", true), smooth("out", false);
+    for (LiveServerManifest* m : {&dash, &smooth}) {
+        m->AddVideo(1, kVideo, a, kDurations);
+        m->AddAudio(2, channels, a, kDurations);
+        m->AddText(3, "stpp", a);
+        m->AddScte35(4, markers);
+    }
+    expectInOrder(dash.ToXml(), {durations + descriptors + "      </video>\n",
+                                 "        <AudioChannelConfiguration schemeIdUri=\"urn:x:channels\" value=\"2\"/>\n" +
+                                     durations + descriptors + "      </audio>\n",
+                                 "        <Accessibility schemeIdUri=\"urn:tva:metadata:cs:AudioPurposeCS:2007\" value=\"2\"/>\n" +
+                                     descriptors + "      </textstream>\n    </switch>"});
+    EXPECT_EQ(smooth.ToXml().find("Rating"), std::string::npos);
+    expectInOrder(smooth.ToXml(), {"      <textstream src=\"textStream_4\" systemLanguage=\"eng\">\n"
+                                   "        <param name=\"trackID\" value=\"4\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"trackName\" value=\"SCTE35_out_4\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"trackName\" value=\"AdMarkers\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"manifestOutput\" value=\"TRUE\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"FourCC\" Subtype=\"SCTE35\" valuetype=\"data\"/>\n"
+                                   "        <param name=\"parentTrackName\" Subtype=\"videohd\" valuetype=\"data\"/>\n"
+                                   "      </textstream>\n"});
 }
 
 TEST(ExtraParameters, AnyForbiddenCharacterVoidsTheWholeList) {

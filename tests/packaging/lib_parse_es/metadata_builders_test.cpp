@@ -7,6 +7,7 @@
 #include "packaging/lib_parse_es/nal_builder_metadata.h"
 #include "packaging/lib_parse_es/scte35.h"
 #include "tests/common/bytes.h"
+#include "tests/common/loggers.h"
 #include "tests/common/synthetic.h"
 
 namespace {
@@ -76,9 +77,15 @@ TEST(Scte35, MessagesTheBuilderPassesWithTheirSpliceTimeOrDrops) {
     for (const Row& row : rows) {
         es::NALBuilderSCTE35 builder;
         NalCollector collector;
+        RecordingLogger logger;
         builder.setListener(&collector);
+        builder.setLogger(&logger);
         builder.push(makeBuffer(row.bytes, t90, t90 / 2).get());
         ASSERT_EQ(collector.nals.size(), row.delivered ? 1u : 0u) << row.name;
+        // A dropped message leaves one debug line with the parser's reason.
+        const auto logs = logger.lines();
+        EXPECT_EQ(logs.size(), row.delivered ? 0u : 1u) << row.name;
+        for (const std::string& line : logs) EXPECT_EQ(line.rfind("3 SCTE-35 section dropped: ", 0), 0u) << line;
         if (!row.delivered) continue;
         const auto& nal = static_cast<const es::NALSCTE35&>(*collector.nals[0]);
         EXPECT_EQ(collector.bytesOf(0), row.bytes) << row.name;
