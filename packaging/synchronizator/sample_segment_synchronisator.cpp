@@ -72,9 +72,8 @@ std::optional<CommonCut> findCommonCut(const Streams& streams, std::uint32_t gop
     }
     // A cut waits until every live stream has samples up to it. A stream that has ended and has nothing left does
     // not hold the others back. Once every audio and video stream has ended and given all it had, only sparse
-    // streams are left open:
-    // there is nothing to cut (forced boundaries alone would cut empty segments without end); what the sparse
-    // streams still bring goes out with the flush at their end.
+    // streams are left open: there is nothing to cut (forced boundaries alone would cut empty segments without
+    // end); what the sparse streams still bring goes out with the flush at their end.
     std::int64_t limit = kEndOfTime;
     bool media = false;
     for (const auto& [id, stream] : streams) {
