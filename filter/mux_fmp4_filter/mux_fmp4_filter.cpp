@@ -127,6 +127,14 @@ fmp4::Fmp4MuxParts withMpeg1Layer3(fmp4::Fmp4MuxParts parts) {
     return parts;
 }
 
+fmp4::Fmp4MuxParts withoutWaitingForSparseStreams(fmp4::Fmp4MuxParts parts) {
+    parts.makeChunksBuilder = [others = std::move(parts.makeChunksBuilder)](fmp4::ChunksBuilderParams params) {
+        params.sparseStreamsHoldOrigin = false;
+        return others(params);
+    };
+    return parts;
+}
+
 CMuxFmp4Filter* CMuxFmp4Filter::Create(fmp4::Fmp4MuxParts parts, KeyServerParts keyServer) {
     return new CMuxFmp4Filter(std::move(parts), std::move(keyServer));
 }

@@ -61,6 +61,11 @@ protected:
 // filter's default framing refuses Layer III; a host that feeds MP3 on an MPEG-1 audio pin chooses this.
 fmp4::Fmp4MuxParts withMpeg1Layer3(fmp4::Fmp4MuxParts parts);
 
+// The session parts with a chunk builder that does not wait for sparse streams (text, metadata, SCTE-35) to fix
+// the time origin: an SCTE-35 input may send nothing for hours, and by default no media chunk leaves before every
+// stream has delivered once. A host that connects such inputs chooses this.
+fmp4::Fmp4MuxParts withoutWaitingForSparseStreams(fmp4::Fmp4MuxParts parts);
+
 class CMuxFmp4Filter final : public IMuxFmp4Config, public IEncryptionListener {
 public:
     // Starts with one reference, held by the creator; the last Release destroys the filter.

@@ -42,7 +42,8 @@ flt::KeyServerParts keyServerParts(const EncryptionOptions& e) {
 }  // namespace
 
 Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
-    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create(flt::withMpeg1Layer3({}), keyServerParts(s.encryption)))),
+    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create(
+          flt::withoutWaitingForSparseStreams(flt::withMpeg1Layer3({})), keyServerParts(s.encryption)))),
       m_dash(s.dash), m_keyServer(s.encryption.keyServer()), m_keyServerWait(s.encryption.kmsWait) {
     m_filter->SetLogger(&logger);
     try {

@@ -82,6 +82,7 @@ std::optional<std::string> syncPointFailure(const SegmentChunks& segments, std::
 ChunksBuilder::ChunksBuilder(const ChunksBuilderParams& params)
     : m_dash(params.outputFormat != Smooth),
       m_playerCompatible(params.playerCompatible),
+      m_sparseStreamsHoldOrigin(params.sparseStreamsHoldOrigin),
       m_config(*params.config),
       m_driftDetection(params.driftDetection),
       m_clock(params.utcClockMs ? params.utcClockMs : std::function<std::int64_t()>(systemUtcMs)),
@@ -284,7 +285,13 @@ void ChunksBuilder::OnChunks(const SegmentChunks& segments, bool last) {
             known->second = std::min(known->second, start);
     }
     m_held.push_back({segments, last});
-    if (m_earliest.size() < m_streams.size()) return;
+    const auto awaited = [this](const auto& stream) {
+        return m_sparseStreamsHoldOrigin || syncStreamKind(stream.second.attributes.type) != SyncOther;
+    };
+    const auto waitedFor = static_cast<std::size_t>(std::count_if(m_streams.begin(), m_streams.end(), awaited));
+    std::size_t delivered = 0;
+    for (const auto& stream : m_streams) delivered += awaited(stream) && m_earliest.count(stream.first) ? 1U : 0U;
+    if (delivered < waitedFor || m_earliest.empty()) return;
     m_timeOrigin = std::numeric_limits<std::int64_t>::max();
     for (const auto& [id, time] : m_earliest) m_timeOrigin = std::min(m_timeOrigin, time);
     m_earliest.clear();
@@ -325,6 +332,13 @@ void ChunksBuilder::checkDrift(const SegmentChunks& segments) {
 }
 
 void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
+    // A sparse stream that the time origin did not wait for may have spoken before it: that is dropped.
+    if (!m_sparseStreamsHoldOrigin)
+        for (const auto& [id, chunk] : segments.chunks) {
+            const auto stream = m_streams.find(id);
+            if (!chunk || stream == m_streams.end() || syncStreamKind(stream->second.attributes.type) != SyncOther) continue;
+            std::erase_if(chunk->samples, [this](const auto& sample) { return sample->getTime() < m_timeOrigin; });
+        }
     const std::optional<std::int64_t> videoStart = updateParentalRatings(segments);
     // Text chunks take their mdat form first; encryption never touches them.
     for (const auto& [id, chunk] : segments.chunks) {

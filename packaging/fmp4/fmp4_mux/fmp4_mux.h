@@ -53,6 +53,10 @@ struct ChunksBuilderParams {
     std::function<std::int64_t()> utcClockMs = {};
     // Chunks as players read them: see TrackFragmentParameters.
     bool playerCompatible = false;
+    // No media chunk leaves before every registered stream has delivered once, so that the time origin is the
+    // earliest of them all. Off: sparse streams (text, metadata, SCTE-35), which may stay silent for hours, are
+    // not waited for; a sample of theirs from before the origin found without them is dropped.
+    bool sparseStreamsHoldOrigin = true;
 };
 
 std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params);

@@ -6,7 +6,7 @@
 # section as their message (play.mjs --events). The MPDs, with the stream descriptors given, are valid against
 # the MPD schema.
 #
-#   bash tests/e2e/player/run_scte35_test.sh BUILD_DIR live|ondemand
+#   bash tests/e2e/player/run_scte35_test.sh BUILD_DIR live|ondemand|silent
 #
 #   live      the input comes through a pipe, a live source: the MPD is dynamic (the one written after the first
 #             part of the input is kept and validated), the video segments carry the events as emsg boxes after
@@ -14,11 +14,13 @@
 #             boxes in them
 #   ondemand  the file with -f dash,hls: a static MPD lists the events in its Period's EventStream, the segments
 #             carry none, and the video playlist dates each event with EXT-X-DATERANGE (SCTE35-OUT, SCTE35-CMD)
+#   silent    the SCTE-35 stream is declared and sends nothing: every frame is still packaged (the engine takes the
+#             time origin without waiting for it)
 set -euo pipefail
 
 fail() { echo "run_scte35_test: FAIL: $*" >&2; exit 1; }
 
-[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR live|ondemand" >&2; exit 2; }
+[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR live|ondemand|silent" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 CASE=$2
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -35,6 +37,18 @@ WORK=$(mktemp -d)
 RUN=
 trap '[ -n "$RUN" ] && kill "$RUN" 2>/dev/null; rm -rf "$WORK"' EXIT
 OUT="$WORK/out"
+SOURCE=$(ffprobe -v error -select_streams v -count_frames -show_entries stream=nb_read_frames -of csv=p=0 "$ROOT/samples/sample.ts" | awk 'NF && !n++')
+if [ "$CASE" = silent ]; then
+  python3 "$HERE/scte35_fixture.py" "$ROOT/samples/sample.ts" "$WORK/silent.ts" "$WORK/cues.json" --silent
+  "$FMP4MUX" -q "$WORK/silent.ts" "$OUT" 2>"$WORK/log" || { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+  INIT=$(find "$OUT" -path '*video0*' -name init.mp4 | head -1)
+  [ -n "$INIT" ] || { cat "$WORK/log" >&2; fail "no video init segment"; }
+  cat "$INIT" $(ls "$(dirname "$INIT")"/chunk_*.mp4 | sort -t_ -k2 -n) >"$WORK/video.mp4"
+  FRAMES=$(ffmpeg -v error -xerror -i "$WORK/video.mp4" -map 0:v -f framemd5 - | grep -vc '^#')
+  [ "$FRAMES" -eq "$SOURCE" ] || fail "ffmpeg decodes $FRAMES frames, not the source's $SOURCE"
+  echo "run_scte35_test: PASS: silent ($FRAMES frames)"
+  exit 0
+fi
 python3 "$HERE/scte35_fixture.py" "$ROOT/samples/sample.ts" "$WORK/cue.ts" "$WORK/cues.json"
 DESCRIBE=(--role 0:0=main --descriptor "0:1=Accessibility,urn:tva:metadata:cs:AudioPurposeCS:2007,1"
           --descriptor "0:0=Viewpoint,urn:example:viewpoint,stage")
@@ -103,7 +117,6 @@ if [ "$CASE" = live ]; then
   [ "$EMSG" -eq 2 ] || fail "the video segments carry $EMSG emsg boxes, not 2"
   grep -q '<InbandEventStream schemeIdUri="urn:scte:scte35:2013:bin"/>' "$MPD" || fail "no InbandEventStream in the MPD"
   FRAMES=$(ffmpeg -v error -xerror -i "$WORK/video.mp4" -map 0:v -f framemd5 - | grep -vc '^#')
-  SOURCE=$(ffprobe -v error -select_streams v -count_frames -show_entries stream=nb_read_frames -of csv=p=0 "$ROOT/samples/sample.ts" | awk 'NF && !n++')
   [ "$FRAMES" -eq "$SOURCE" ] || fail "ffmpeg decodes $FRAMES frames of the segments with emsg, not the source's $SOURCE"
   echo "run_scte35_test: $EMSG emsg boxes; ffmpeg decodes all $FRAMES frames"
 else

@@ -2,7 +2,7 @@
 """Adds an SCTE-35 stream to an MPEG-TS file: ffmpeg cannot write one, so the sections are built here field by field
 from ANSI/SCTE 35 and carried in transport packets of their own.
 
-  python3 scte35_fixture.py IN.ts OUT.ts EXPECTED.json
+  python3 scte35_fixture.py IN.ts OUT.ts EXPECTED.json [--silent]
 
 The PMT gains a stream of type 0x86 on PID 0x1F0 and, in its program loop, a registration descriptor "CUEI"; its
 CRC is computed again. Two sections go out 2 s ahead of their splice (the first once more 1 s ahead, as encoders
@@ -11,6 +11,7 @@ repeat a cue), each just before the video PES that the demuxer reads at that tim
   - a time_signal() 6.0 s after it, with a segmentation_descriptor() (a provider advertisement start).
 Both carry a pts_adjustment of 2^33 - 90000 (one second before the wrap), so pts_time is the splice's PTS plus
 90000: only the sum taken modulo 2^33 lands on the splice.
+With --silent the stream is declared and sends nothing, as an SCTE-35 PID does between ad breaks.
 EXPECTED.json lists, per section, its hexadecimal bytes and its splice's distance from the first video picture in
 seconds.
 """
@@ -132,6 +133,8 @@ def main():
             (first + 6 * 90000, time_signal(first + 6 * 90000))]
     # (when, section): each cue 2 s ahead, and the splice_insert once more 1 s ahead, as encoders repeat a cue.
     sends = sorted([(t - 2 * 90000, c) for t, c in cues] + [(cues[0][0] - 90000, cues[0][1])])
+    if sys.argv[4:] == ['--silent']:
+        sends = []
     out = bytearray()
     sent = 0
     for p in ts:

@@ -56,10 +56,12 @@ ElementaryStreamAttributes attributesOf(std::uint32_t type) {
 }
 
 struct Session {
-    explicit Session(OutputFormat format, Fmp4MuxConfig muxConfig = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0))
+    explicit Session(OutputFormat format, Fmp4MuxConfig muxConfig = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0),
+                     bool sparseStreamsHoldOrigin = true)
         : config(std::move(muxConfig)) {
         ChunksBuilderParams params{format, &this->config, true, &logger};
         params.utcClockMs = [this] { return nowMs; };
+        params.sparseStreamsHoldOrigin = sparseStreamsHoldOrigin;
         builder = std::make_unique<ChunksBuilder>(params);
     }
     // Registers video streams (ids 0..n-1, 300 kbit/s) with one output each, and starts the session with
@@ -273,6 +275,25 @@ TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
     EXPECT_EQ(Session::decodeTime(s.media(0)[1]), 20000000u);
     EXPECT_EQ(Session::decodeTime(s.media(1)[0]), std::nullopt);
     EXPECT_EQ(Session::decodeTime(s.media(1)[1]), 0u);
+}
+
+// A TTML stream (1) beside the video (0): by default its silence holds every chunk; told not to wait for sparse
+// streams, the origin is the video's, and a cue from before it is dropped.
+TEST(TimeOrigin, ASilentSparseStreamHoldsTheOriginOnlyWhenWaitedFor) {
+    for (const bool hold : {true, false}) {
+        Session s(Dash, Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0), hold);
+        s.builder->AddStream(0, 1, attributesOf(H264_VIDEO));
+        s.builder->AddStream(1, 2, attributesOf(TTML));
+        s.builder->SetOutputs({{"", {0}, &s.outputs[0], 1}, {"", {1}, &s.outputs[1], 1}}, false, false, false);
+        s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>()}, {1, std::make_shared<StreamChunk>()}}),
+                                   1000, 1000, 1000);
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 20)}, {1, std::make_shared<StreamChunk>()}}), true);
+        EXPECT_EQ(s.media(0).size(), hold ? 0u : 1u);
+        auto early = chunkOf({sampleOf(1, samples::KindTimedText, TTML, 19 * 90000, 19 * 90000, true, {'<'})}, 10000000);
+        s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 21)}, {1, early}}), true);
+        EXPECT_EQ(s.builder->timeOrigin(), hold ? 190000000 : 200000000);
+        EXPECT_EQ(early->samples.empty(), !hold);
+    }
 }
 
 TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
