@@ -9,6 +9,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -244,6 +245,12 @@ int run(int argc, char** argv) {
 
     // The engine, one input pin and one output per planned stream.
     StderrLogger logger(options.verbosity);
+    std::set<int> sparseOutputs;
+    for (const StreamPlan& plan : plans) {
+        const std::string& kind = streamLists[static_cast<std::size_t>(plan.input)][plan.stream].kind;
+        if (kind != "video" && kind != "audio") sparseOutputs.insert(static_cast<int>(&plan - plans.data()));
+    }
+    logger.setSparseOutputs(std::move(sparseOutputs));
     const std::int32_t segmentMs = options.gopDurationMs * static_cast<std::int32_t>(options.gopsPerSegment);
     EngineSettings engineSettings;
     engineSettings.dash = options.dash;

@@ -7,12 +7,24 @@
 
 namespace fmp4mux {
 
+bool StderrLogger::sparseMissingChunk(const std::string& text) const {
+    const auto at = text.find("output#");
+    if (at == std::string::npos || text.find(" : missing chunk detected ") == std::string::npos) return false;
+    int output = 0;
+    std::size_t i = at + 7;
+    for (; i < text.size() && i < at + 12 && text[i] >= '0' && text[i] <= '9'; ++i) output = output * 10 + (text[i] - '0');
+    return i > at + 7 && m_sparse.count(output) != 0;
+}
+
 void StderrLogger::WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) {
+    // Only a warning can become a debug line: anything else below the verbosity is not even formatted.
     if (static_cast<int>(level) > m_verbosity) return;
     va_list args;
     va_start(args, format);
     const std::string text = tvrn::log::formatV(format, args);
     va_end(args);
+    if (level == tvrn::log::LOG_WARNING && sparseMissingChunk(text)) level = tvrn::log::LOG_DEBUG;
+    if (static_cast<int>(level) > m_verbosity) return;
     static constexpr const char* kLabels[] = {"error", "warning", "info", "debug"};
     std::lock_guard lock(m_mutex);
     std::fprintf(stderr, "\r\033[Kfmp4mux: %s: %s\n", level < 4 ? kLabels[level] : "log", text.c_str());

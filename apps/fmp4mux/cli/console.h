@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "support/log/i_logger.h"
@@ -14,9 +15,15 @@ class StderrLogger : public tvrn::log::ILogger {
 public:
     explicit StderrLogger(int verbosity) : m_verbosity(verbosity) {}
     void WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) override __attribute__((format(printf, 3, 4)));
+    // Outputs of sparse streams (subtitles, SCTE-35): a segment without a sample of theirs is their normal state,
+    // so the engine's "missing chunk detected" warning of theirs is a debug line here.
+    void setSparseOutputs(std::set<int> outputs) { m_sparse = std::move(outputs); }
 
 private:
+    bool sparseMissingChunk(const std::string& text) const;
+
     int m_verbosity;
+    std::set<int> m_sparse;
     std::mutex m_mutex;
 };
 
