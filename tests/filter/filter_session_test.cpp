@@ -61,6 +61,45 @@ std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const Inputs& in
     return {outputs[0].chunks(), outputs[1].chunks()};
 }
 
+// A filter in DASH, GOP segments of 1 s, with a pin per (bitrate, input type row) and a sink on each output.
+struct Graph {
+    explicit Graph(std::vector<std::pair<std::uint32_t, std::size_t>> pins, fmp4::Fmp4MuxParts parts = {},
+                   std::optional<std::uint32_t> rating = {})
+        : filter(CMuxFmp4Filter::Create(std::move(parts))), sinks(pins.size()) {
+        filter->SetLogger(&logger);
+        EXPECT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
+        if (rating) {
+            EXPECT_EQ(filter->SetDefaultParentalRating(*rating), S_OK);
+        }
+        for (std::size_t i = 0; i < pins.size(); ++i) {
+            EXPECT_EQ(filter->ConfigureInputPin(pins[i].first, "und", 0, "main", "", 0, 0, nullptr), S_OK);
+            EXPECT_EQ(filter->inputPins().at(i)->ReceiveConnection(inputType(pins[i].second)), S_OK);
+        }
+        for (std::size_t o = 0; o < pins.size(); ++o) EXPECT_EQ(filter->outputPins().at(o)->Connect(&sinks[o]), S_OK);
+    }
+    // Pauses and runs, then feeds each pin's units on a streaming thread of its own, as a graph delivers them;
+    // pin `first`, when given, whole before the others.
+    void run(const std::vector<const std::vector<Unit>*>& units, std::size_t first = SIZE_MAX) {
+        ASSERT_EQ(filter->Pause(), S_OK);
+        ASSERT_EQ(filter->Run(), S_OK);
+        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+        if (first < units.size()) push(*filter->inputPins().at(first), *units[first]);
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < units.size(); ++i)
+            if (i != first) threads.emplace_back([this, i, &units] { push(*filter->inputPins().at(i), *units[i]); });
+        for (auto& t : threads) t.join();
+    }
+    // The chunks of output `o` once it has ended `ends` times.
+    std::vector<testkit::WrittenChunk> chunks(std::size_t o, int ends = 1) {
+        EXPECT_TRUE(sinks[o].waitForEnds(ends)) << o;
+        return joinChunks(sinks[o].snapshot());
+    }
+
+    FilterHolder filter;
+    testkit::RecordingLogger logger;
+    std::vector<RecordingSink> sinks;
+};
+
 TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     const testkit::Fixture video = testkit::loadFixture("h264_plain");
     const testkit::AudioFixture audio = testkit::loadAudioFixture("aac_lc_stereo_48k.adts");
@@ -69,37 +108,12 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
     ASSERT_GT(expected[0].size(), 2u);
     ASSERT_GT(expected[1].size(), 2u);
 
-    FilterHolder filter(CMuxFmp4Filter::Create());
-    testkit::RecordingLogger logger;
-    filter->SetLogger(&logger);
-    ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
-    ASSERT_EQ(filter->ConfigureInputPin(1000000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
-    auto* videoPin = filter->inputPins().at(0);
-    ASSERT_EQ(videoPin->ReceiveConnection(inputType(1)), S_OK);
-    ASSERT_EQ(filter->ConfigureInputPin(128000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
-    auto* audioPin = filter->inputPins().at(1);
-    ASSERT_EQ(audioPin->ReceiveConnection(inputType(8)), S_OK);
-    RecordingSink videoSink, audioSink;
-    ASSERT_EQ(filter->outputPins().at(0)->Connect(&videoSink), S_OK);
-    ASSERT_EQ(filter->outputPins().at(1)->Connect(&audioSink), S_OK);
-
+    Graph graph({{1000000, 1}, {128000, 8}});
     for (int session = 1; session <= 2; ++session) {
-        ASSERT_EQ(filter->Pause(), S_OK);
-        ASSERT_EQ(filter->Run(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
-        // Each input on a streaming thread of its own, as a graph delivers them.
-        std::thread videoThread([&] { push(*videoPin, inputs[0]); });
-        std::thread audioThread([&] { push(*audioPin, inputs[1]); });
-        videoThread.join();
-        audioThread.join();
-        ASSERT_TRUE(videoSink.waitForEnds(session) && audioSink.waitForEnds(session));
-        ASSERT_EQ(filter->Stop(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
-
-        RecordingSink* sinks[] = {&videoSink, &audioSink};
-        for (int o = 0; o < 2; ++o) {
-            const auto got = joinChunks(sinks[o]->snapshot());
-            const auto& want = expected[static_cast<std::size_t>(o)];
+        graph.run({&inputs[0], &inputs[1]});
+        for (std::size_t o = 0; o < 2; ++o) {
+            const auto got = graph.chunks(o, session);
+            const auto& want = expected[o];
             // Each session sends its own init chunk first (sync point, no time), then the media chunks.
             ASSERT_EQ(got.size(), want.size() * static_cast<std::size_t>(session)) << "output " << o;
             const std::size_t base = want.size() * static_cast<std::size_t>(session - 1);
@@ -110,9 +124,11 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
             }
             EXPECT_TRUE(got[base].init);
         }
+        ASSERT_EQ(graph.filter->Stop(), S_OK);
+        ASSERT_TRUE(waitForWorker(graph.filter.get(), fmp4::Idle));
     }
     std::uint32_t delivered = 0;
-    filter->GetStatus(&delivered, nullptr, 0);
+    graph.filter->GetStatus(&delivered, nullptr, 0);
     EXPECT_EQ(delivered, 2 * (expected[0].size() + expected[1].size()));
 }
 }  // namespace
@@ -137,30 +153,14 @@ TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
         // at the video's first key frame (80 ms), as an encoder that aligns the two would.
         if (c.row == 6)
             for (Unit& u : inputs[1]) u.pts += 800000;
-        FilterHolder filter(CMuxFmp4Filter::Create(c.layer3 ? withMpeg1Layer3({}) : fmp4::Fmp4MuxParts{}));
-        testkit::RecordingLogger logger;
-        filter->SetLogger(&logger);
-        ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
-        ASSERT_EQ(filter->ConfigureInputPin(1000000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
-        ASSERT_EQ(filter->inputPins().at(0)->ReceiveConnection(inputType(1)), S_OK);
-        ASSERT_EQ(filter->ConfigureInputPin(128000, "und", 0, "main", "", 0, 0, nullptr), S_OK);
-        ASSERT_EQ(filter->inputPins().at(1)->ReceiveConnection(inputType(c.row)), S_OK);
-        RecordingSink sinks[2];
-        for (std::size_t o = 0; o < 2; ++o) ASSERT_EQ(filter->outputPins().at(o)->Connect(&sinks[o]), S_OK);
-        ASSERT_EQ(filter->Pause(), S_OK);
-        ASSERT_EQ(filter->Run(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
-        std::thread videoThread([&] { push(*filter->inputPins().at(0), inputs[0]); });
-        std::thread audioThread([&] { push(*filter->inputPins().at(1), inputs[1]); });
-        videoThread.join();
-        audioThread.join();
-        for (auto& sink : sinks) {
-            ASSERT_TRUE(sink.waitForEnds(1));
-            const auto chunks = joinChunks(sink.snapshot());
+        Graph g({{1000000, 1}, {128000, c.row}}, c.layer3 ? withMpeg1Layer3({}) : fmp4::Fmp4MuxParts{});
+        g.run({&inputs[0], &inputs[1]});
+        for (std::size_t o = 0; o < 2; ++o) {
+            const auto chunks = g.chunks(o);
             ASSERT_GE(chunks.size(), 2u);
             EXPECT_TRUE(chunks.front().init);
         }
-        ASSERT_EQ(filter->Stop(), S_OK);
+        ASSERT_EQ(g.filter->Stop(), S_OK);
     }
 }
 }  // namespace
@@ -183,36 +183,17 @@ TEST(FilterSession, AdMarkersBesideH264AndAacLetEveryOutputWriteToTheEnd) {
     for (REFERENCE_TIME t = inputs[0].front().pts; t < inputs[0].back().pts; t += 4000000)
         markers.push_back({message.data(), message.size(), t, std::nullopt});
 
-    FilterHolder filter(CMuxFmp4Filter::Create());
-    testkit::RecordingLogger logger;
-    filter->SetLogger(&logger);
-    ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
-    ASSERT_EQ(filter->SetDefaultParentalRating(12), S_OK);
-    const std::pair<std::uint32_t, std::size_t> pins[] = {{1000000, 1}, {128000, 8}, {1000, 11}};  // bitrate, type row
-    for (std::size_t i = 0; i < 3; ++i) {
-        ASSERT_EQ(filter->ConfigureInputPin(pins[i].first, "und", 0, "main", "", 0, 0, nullptr), S_OK);
-        ASSERT_EQ(filter->inputPins().at(i)->ReceiveConnection(inputType(pins[i].second)), S_OK);
-    }
-    RecordingSink sinks[3];
-    for (std::size_t o = 0; o < 3; ++o) ASSERT_EQ(filter->outputPins().at(o)->Connect(&sinks[o]), S_OK);
-    ASSERT_EQ(filter->Pause(), S_OK);
-    ASSERT_EQ(filter->Run(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
     // The markers end first, so that the last segment flushes all three streams at once (a stream still open
     // after the others would get a segment of its own, empty for them).
-    push(*filter->inputPins().at(2), markers);
-    std::thread videoThread([&] { push(*filter->inputPins().at(0), inputs[0]); });
-    std::thread audioThread([&] { push(*filter->inputPins().at(1), inputs[1]); });
-    videoThread.join();
-    audioThread.join();
+    Graph g({{1000000, 1}, {128000, 8}, {1000, 11}}, {}, 12);
+    g.run({&inputs[0], &inputs[1], &markers}, 2);
     std::vector<testkit::WrittenChunk> chunks[3];
     for (std::size_t o = 0; o < 3; ++o) {
-        ASSERT_TRUE(sinks[o].waitForEnds(1)) << o;
-        chunks[o] = joinChunks(sinks[o].snapshot());
+        chunks[o] = g.chunks(o);
         ASSERT_FALSE(chunks[o].empty());
         EXPECT_TRUE(chunks[o].front().init);
     }
-    ASSERT_EQ(filter->Stop(), S_OK);
+    ASSERT_EQ(g.filter->Stop(), S_OK);
     EXPECT_EQ(chunks[0].size(), expected[0].size());
     EXPECT_EQ(chunks[1].size(), expected[1].size());
     EXPECT_EQ(chunks[2].size(), chunks[0].size());
