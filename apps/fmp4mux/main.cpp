@@ -70,6 +70,7 @@ int run(int argc, char** argv) {
     std::vector<std::string> skipped;
     bool live = false;
     std::vector<SubtitleFileInput*> subtitleFiles(options.inputs.size(), nullptr);
+    std::vector<LibavInput*> libavInputs;
     // Followed subtitle inputs (growing files, named pipes) are read until every other input has ended.
     std::atomic<bool> mediaEnded{false};
     std::vector<bool> followed(options.inputs.size(), false);
@@ -95,8 +96,10 @@ int run(int argc, char** argv) {
                 continue;
             }
             std::vector<std::string> notes;
-            inputs.push_back(std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
-                                                          &control.interrupted, options.program, &notes));
+            auto media = std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
+                                                      &control.interrupted, options.program, &notes);
+            libavInputs.push_back(media.get());
+            inputs.push_back(std::move(media));
             for (const auto& note : notes) say(note);
         } catch (const ExitError&) {
             throw;
@@ -181,6 +184,9 @@ int run(int argc, char** argv) {
         offsets[d] = reference ? *firstKeys[*reference] : 0;
         subtitleFiles[d]->setMaxGap(std::int64_t{plannedSegmentMs} * 10000);
     }
+    // Subtitle streams inside the media inputs keep their own times, and fill their gaps alike.
+    for (LibavInput* media : libavInputs)
+        media->setTextHandling(std::int64_t{plannedSegmentMs} * 10000, [](const std::string& w) { warn(w); });
 
     // The output folder is made (and held) only once the inputs are known to be there.
     const OutputFolder folder(options.outputDirectory);

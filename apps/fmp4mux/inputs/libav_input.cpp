@@ -1,11 +1,13 @@
 #include "apps/fmp4mux/inputs/libav_input.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <deque>
 #include <cstring>
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
+#include "apps/fmp4mux/inputs/subtitle_cues.h"
 #include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
@@ -21,7 +23,7 @@ namespace fmp4mux {
 
 namespace {
 constexpr std::uint32_t kMpeg1Audio = 1, kH264 = 2, kDolby = 3, kAdts = 4, kLatm = 5, kRawAac = 10, kScte35 = 12,
-                        kHevc = 17;
+                        kHevc = 17, kWebVtt = 20;
 constexpr AVRational kHundredNs{1, 10000000};
 
 std::string avError(int code) {
@@ -73,6 +75,10 @@ struct LibavInput::Impl {
         bool video = false, hevc = false;
         bool adts = false;
         bool scte35 = false;
+        bool webVtt = false, subRip = false;  // subtitles, delivered as WebVTT cues
+        std::optional<std::int64_t> covered;  // where the subtitle items delivered end, 100 ns
+        bool dtsSeen = false;                 // video: a decoding time has been given
+        std::vector<AVPacket*> waitingForDts;
         std::vector<std::uint8_t> asc;
         std::uint32_t bitrate = 0;
         AVRational timeBase{1, 1};
@@ -213,6 +219,15 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
                 info.streamType = kScte35;
                 info.kind = "scte35";
                 kept.scte35 = true;
+                break;
+            // Subtitles in the container (WebVTT, SubRip in Matroska or MP4) go out as a WebVTT stream.
+            case AV_CODEC_ID_WEBVTT:
+            case AV_CODEC_ID_SUBRIP:
+                info.streamType = kWebVtt;
+                info.kind = "text";
+                info.bitrate = 1000;
+                kept.webVtt = par->codec_id == AV_CODEC_ID_WEBVTT;
+                kept.subRip = !kept.webVtt;
                 break;
             default: {
                 const char* type = av_get_media_type_string(par->codec_type);
@@ -369,6 +384,59 @@ namespace {
 // then the section. A section has no PES header, hence no time stamp of its own: libavformat times it on the
 // program's clock where it can, and that time is taken. Otherwise the time of the latest video packet of the
 // program stands in: the section arrived with it, and splice times count on that same clock.
+// A subtitle packet as the same cue block a subtitle file holds, cut by the same rules (times, UTF-8, tags), then
+// delivered after empty items that fill the gap since the last cue (since `from`, the media's first key frame,
+// before the first), at most `maxGap` each: the packager lays a chunk's text samples end to end from the chunk's
+// start, so a gap left open would move the cues after it. A cue that begins before the last one ends is shown
+// for the rest of its time.
+void emitCueItems(const AVPacket* p, AVRational timeBase, bool webVtt, std::int64_t maxGap, std::int64_t from,
+                  std::optional<std::int64_t>& covered,
+                  std::size_t keptIndex, const std::function<void(Packet&)>& onPacket,
+                  const std::function<void(const std::string&)>& warn) {
+    if (p->pts == AV_NOPTS_VALUE || p->duration <= 0) return;
+    const std::int64_t start = av_rescale_q(p->pts, timeBase, kHundredNs);
+    const std::int64_t end = start + av_rescale_q(p->duration, timeBase, kHundredNs);
+    const auto stamp = [](std::int64_t t, char comma) {
+        const std::int64_t ms = std::max<std::int64_t>(t, 0) / 10000;
+        char text[48];
+        std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld%c%03lld", static_cast<long long>(ms / 3600000),
+                      static_cast<long long>(ms / 60000 % 60), static_cast<long long>(ms / 1000 % 60), comma,
+                      static_cast<long long>(ms % 1000));
+        return std::string(text);
+    };
+    std::string settings;
+    std::size_t size = 0;
+    if (const std::uint8_t* data = av_packet_get_side_data(p, AV_PKT_DATA_WEBVTT_SETTINGS, &size))
+        settings.assign(reinterpret_cast<const char*>(data), size);
+    std::string text(reinterpret_cast<const char*>(p->data), static_cast<std::size_t>(p->size));
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == '\0')) text.pop_back();
+    // Times from 0 in the block: a negative stream time would not parse; the real times are put back below.
+    const std::string block = webVtt ? "WEBVTT\n\n" + stamp(0, '.') + " --> " + stamp(end - start, '.') +
+                                           (settings.empty() ? "" : " " + settings) + "\n" + text + "\n"
+                                     : "1\n" + stamp(0, ',') + " --> " + stamp(end - start, ',') + "\n" + text + "\n";
+    const std::string name = "stream " + std::to_string(keptIndex) + " at " + stamp(start, '.');
+    CueFile cut = webVtt ? cutWebVtt(block, name) : cutSrt(block, name);
+    for (const auto& w : cut.warnings)
+        if (warn) warn(w);
+    if (cut.cues.empty()) return;
+    TextCue cue = cut.cues.front();
+    cue.start = covered ? std::max(start, *covered) : start;
+    cue.end = end;
+    if (cue.end <= cue.start) return;
+    for (const TextCue& item : withGaps({cue}, covered.value_or(std::min(from, cue.start)), maxGap)) {
+        Packet out;
+        out.stream = keptIndex;
+        out.key = true;
+        out.pts = out.dts = item.start;
+        out.duration = item.end - item.start;
+        out.owned.assign(item.item.begin(), item.item.end());
+        out.data = out.owned.data();
+        out.size = out.owned.size();
+        onPacket(out);
+        covered = item.end;
+    }
+}
+
 void emitSection(const AVPacket* p, AVRational timeBase, std::optional<std::int64_t> lastVideoPts,
                  const std::function<void(Packet&)>& onPacket, std::size_t keptIndex) {
     std::optional<std::int64_t> clock;
@@ -402,6 +470,9 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
         Impl::Kept& kept = m_impl->kept[keptIndex];
         if (kept.video && p->pts != AV_NOPTS_VALUE) lastVideoPts = av_rescale_q(p->pts, kept.timeBase, kClock90k);
         if (kept.scte35) return emitSection(p, kept.timeBase, lastVideoPts, onPacket, keptIndex);
+        if (kept.webVtt || kept.subRip)
+            return emitCueItems(p, kept.timeBase, kept.webVtt, m_maxTextGap, m_firstKey.value_or(0), kept.covered,
+                                keptIndex, onPacket, m_warn);
         Packet out;
         out.stream = keptIndex;
         out.damaged = (p->flags & AV_PKT_FLAG_CORRUPT) != 0 &&
@@ -441,20 +512,41 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
             continue;
         }
         Impl::Kept& kept = m_impl->kept[static_cast<std::size_t>(keptIndex)];
-        if (kept.toAnnexB != nullptr) {
-            if (av_bsf_send_packet(kept.toAnnexB, packet) < 0) {
+        const auto forward = [&](AVPacket* p) {
+            if (kept.toAnnexB == nullptr) {
+                emit(p, static_cast<std::size_t>(keptIndex));
+            } else if (av_bsf_send_packet(kept.toAnnexB, p) == 0) {
+                while (av_bsf_receive_packet(kept.toAnnexB, p) == 0) {
+                    emit(p, static_cast<std::size_t>(keptIndex));
+                    av_packet_unref(p);
+                }
+            }
+            av_packet_unref(p);
+        };
+        // Matroska gives the first reordered pictures of a stream no decoding time, and the packager would take
+        // the jump back to the first decoding time it is given as pictures out of order. They wait for that
+        // time, and get the times one frame apart before it.
+        if (kept.video && !kept.dtsSeen) {
+            if (packet->dts == AV_NOPTS_VALUE && packet->pts != AV_NOPTS_VALUE && kept.waitingForDts.size() < 32) {
+                kept.waitingForDts.push_back(av_packet_clone(packet));
                 av_packet_unref(packet);
                 continue;
             }
-            while (av_bsf_receive_packet(kept.toAnnexB, packet) == 0) {
-                emit(packet, static_cast<std::size_t>(keptIndex));
-                av_packet_unref(packet);
+            kept.dtsSeen = true;
+            const std::int64_t step = packet->duration > 0 ? packet->duration : 0;
+            for (std::size_t k = 0; k < kept.waitingForDts.size(); ++k) {
+                AVPacket* held = kept.waitingForDts[k];
+                if (packet->dts != AV_NOPTS_VALUE && step > 0)
+                    held->dts = packet->dts - static_cast<std::int64_t>(kept.waitingForDts.size() - k) * step;
+                forward(held);
+                av_packet_free(&held);
             }
-        } else {
-            emit(packet, static_cast<std::size_t>(keptIndex));
-            av_packet_unref(packet);
+            kept.waitingForDts.clear();
         }
+        forward(packet);
     }
+    for (auto& k : m_impl->kept)
+        for (AVPacket*& held : k.waitingForDts) av_packet_free(&held);
     av_packet_free(&packet);
     m_impl->stop = nullptr;
     return ok;

@@ -2,7 +2,9 @@
 // Reads one input with libavformat (file, udp://, srt://, or "-" for standard input) and hands out each packet of
 // every supported elementary stream in the byte form the packager reads: Annex B for H.264 and HEVC, ADTS or
 // LOAS/LATM as the input carries AAC, or the packager's raw AAC packets when the input holds raw AAC frames.
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "apps/fmp4mux/inputs/input.h"
 
@@ -31,6 +33,12 @@ public:
     const std::string& error() const override { return m_error; }
     std::optional<double> keyFrameInterval(double maxSeconds) override;
     std::optional<std::int64_t> firstKeyFrameTime() const override { return m_firstKey; }
+    // Subtitle streams: gaps between cues become empty items of at most this much (100 ns units), and a cue that
+    // cannot be packaged is named through `warn`.
+    void setTextHandling(std::int64_t maxGap, std::function<void(const std::string&)> warn) {
+        m_maxTextGap = maxGap;
+        m_warn = std::move(warn);
+    }
 
 private:
     struct Impl;
@@ -40,6 +48,8 @@ private:
     bool m_canWait = true;
     std::string m_error;
     std::optional<std::int64_t> m_firstKey;
+    std::int64_t m_maxTextGap = 0;
+    std::function<void(const std::string&)> m_warn;
 };
 
 // How much of libavformat's own logging reaches the terminal, by fmp4mux's verbosity (0 errors to 3 debug). Its

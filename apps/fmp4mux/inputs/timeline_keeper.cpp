@@ -33,9 +33,16 @@ void TimelineKeeper::announce(int input, std::size_t epoch, std::int64_t jump, s
 bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
                            std::optional<std::int64_t>& dts, std::int64_t duration) {
     if (!dts && !pts) return true;  // nothing to move; the packager times it from its neighbours
-    const std::int64_t raw = dts ? *dts : *pts;
     std::lock_guard lock(m_mutex);
     Stream& s = m_streams[{input, stream}];
+    if (!dts && video) {
+        // A picture with a presentation time only (Matroska leaves the decoding time of the first reordered
+        // pictures unknown): presentation times go back and forth with reordering, so it decides no jump and
+        // follows its stream's timeline.
+        *pts += m_epochs[s.seen ? s.epoch : m_inputEpoch[input]].offset;
+        return true;
+    }
+    const std::int64_t raw = dts ? *dts : *pts;
     if (!s.seen) {
         s.epoch = m_inputEpoch[input];
     } else if (!fits(s, raw + m_epochs[s.epoch].offset)) {

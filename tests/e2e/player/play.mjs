@@ -26,7 +26,8 @@
 // --cues-json FILE (a list of {start, end, text}, seconds from the media's start) gives the subtitle cues the
 // presentation must expose: once played, the cues of the player's text track on video.textTracks must be those, in
 // number, start and end (within 1 ms, after the offset of the first video segment in the MPD) and text (without
-// its tags).
+// its tags). --cues-zero SECONDS: the source's time of its first video picture, when the cues count from the
+// source's own zero (a subtitle stream inside the media) rather than from that picture (a subtitle file).
 // --events FILE (a list of {time, hex}: seconds of media time, the message in hexadecimal) gives the SCTE-35 events
 // (scheme urn:scte:scte35:2013:bin) the presentation must make dash.js fire, from the MPD or from emsg boxes: once
 // played, each must have fired once, at its presentation time within one frame (40 ms) and not before it, with its
@@ -79,6 +80,7 @@ function parseArgs(argv) {
     else if (a === '--require-type') opts.requireType = value();
     else if (a === '--cues-vtt') opts.cuesVtt = value();
     else if (a === '--cues-json') opts.cuesJson = value();
+    else if (a === '--cues-zero') opts.cuesZero = Number(value());
     else if (a === '--events') opts.events = value();
     else if (a.startsWith('--')) usage(`unknown option ${a}`);
     else opts.positional.push(a);
@@ -585,7 +587,8 @@ async function checkCues(page, opts) {
   const video = mpd.split('<AdaptationSet').find((set) => set.includes('contentType="video"')) || '';
   const t0 = /<S t="(\d+)"/.exec(video);
   const scale = /timescale="(\d+)"/.exec(video);
-  const offset = t0 && scale ? Number(t0[1]) / Number(scale[1]) : 0;
+  // Cues of a subtitle stream inside the media count from the container's zero, not from its first picture.
+  const offset = (t0 && scale ? Number(t0[1]) / Number(scale[1]) : 0) - (opts.cuesZero || 0);
   const got = await page.evaluate(() => {
     const tracks = Array.from(document.getElementById('video').textTracks);
     // The text of an imsc intermediate document (dash.js keeps TTML cues as one, rendered when shown).

@@ -18,13 +18,14 @@
 #   ttml-hls   cues.ttml the same way (IMSC1 in fMP4)
 #   follow     cues.vtt written block by block (and a late cue) into a file that fmp4mux follows as it grows while
 #              it packages the sample in real time (--follow); the late cue gives a warning, dash.js shows the rest
+#   mkv        cues.vtt muxed by ffmpeg beside the sample into Matroska (a WebVTT stream of the input), played by dash.js
 #   bad        tests/data/subtitles/bad.vtt: overlapping and backwards times, an unclosed tag, Latin-1 text and
 #              control bytes each give a warning naming the file and line; the two good cues are played
 set -euo pipefail
 
 fail() { echo "run_subtitle_test: FAIL: $*" >&2; exit 1; }
 
-[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR vtt|vtt-shaka|vtt-hls|srt|bad|ttml|ttml-shaka|ttml-hls|follow" >&2; exit 2; }
+[ $# -eq 2 ] || { echo "usage: $0 BUILD_DIR vtt|vtt-shaka|vtt-hls|srt|bad|ttml|ttml-shaka|ttml-hls|follow|mkv" >&2; exit 2; }
 BUILD_DIR=$(cd "$1" && pwd) || fail "no build folder $1"
 CASE=$2
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -51,6 +52,7 @@ case "$CASE" in
   ttml) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp ;;
   ttml-shaka) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp; PLAYER=shaka ;;
   ttml-hls) SUBS="$DATA/cues.ttml"; CUES=(--cues-json "$DATA/cues.ttml.json"); CODEC=stpp; PLAYER=hlsjs; FORMATS=dash,hls ;;
+  mkv) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt) ;;
   follow) SUBS="$WORK/live.vtt"; CUES=(--cues-vtt cues.vtt); EXTRA=(--realtime --follow 1) ;;
   vtt) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt) ;;
   vtt-shaka) SUBS="$DATA/cues.vtt"; CUES=(--cues-vtt cues.vtt); PLAYER=shaka ;;
@@ -74,8 +76,17 @@ if [ "$CASE" = follow ]; then
     done
   ) &
 fi
-"$FMP4MUX" -q -f "$FORMATS" "${EXTRA[@]}" --language 1:0=fra --name 1:0=subs "$SAMPLE" "$SUBS" "$OUT" 2>"$WORK/log" ||
-  { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+if [ "$CASE" = mkv ]; then
+  ffmpeg -v error -nostdin -i "$SAMPLE" -i "$SUBS" -map 0 -map 1 -c:v copy -c:a copy -c:s webvtt -metadata:s:s:0 language=fra \
+    "$WORK/in.mkv" || fail "ffmpeg could not write the Matroska input"
+  # Its cues count from the file's zero; the player's timeline from its first picture.
+  ZERO=$(ffprobe -v error -select_streams v -show_entries packet=pts_time -of csv=p=0 "$WORK/in.mkv" | sort -n | head -1)
+  CUES+=(--cues-zero "$ZERO")
+  "$FMP4MUX" -q --name 0:2=subs "$WORK/in.mkv" "$OUT" 2>"$WORK/log" || { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+else
+  "$FMP4MUX" -q -f "$FORMATS" "${EXTRA[@]}" --language 1:0=fra --name 1:0=subs "$SAMPLE" "$SUBS" "$OUT" 2>"$WORK/log" ||
+    { cat "$WORK/log" >&2; fail "fmp4mux failed"; }
+fi
 wait
 cat "$WORK/log"
 if [ "$CASE" = follow ]; then
