@@ -177,6 +177,12 @@ int run(int argc, char** argv) {
         offsets[d] = step;
     }
 
+    if (options.lowLatency())
+        for (std::size_t d = 0; d < inputs.size(); ++d)
+            if (subtitleFiles[d] != nullptr)
+                throw ExitError(kExitUsage, "input " + std::to_string(d) + " is a subtitle file: the low-latency mode cuts "
+                                            "equal chunks from each stream's sample duration, which cues do not have");
+
     // Subtitle files count their cues from the start of the media: from the first video key frame, or from 0.
     // Their gaps become empty cues of at most a segment, so that every segment has a text sample.
     for (std::size_t d = 0; d < inputs.size(); ++d) {
@@ -295,6 +301,11 @@ int run(int argc, char** argv) {
             route.engine = packager.connectSplices({plan.label, info, plan.bitrate, plan.language, plan.name, {}}, refused);
             if (route.engine < 0) warn("input " + plan.label + ": SCTE-35 goes to the manifests and segments only: " + refused);
             say("input " + plan.label + ": SCTE-35 splice information");
+            continue;
+        }
+        // The low-latency mode cuts equal chunks from every stream's own sample duration, which cues do not have.
+        if (info.kind == "text" && options.lowLatency()) {
+            warn("input " + plan.label + ": subtitles are not packaged in the low-latency mode; the stream is skipped");
             continue;
         }
         route.output = output;

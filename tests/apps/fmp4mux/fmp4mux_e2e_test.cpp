@@ -467,6 +467,9 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("--map 0:x " + source + to), 2, "--map takes INPUT:STREAM, INPUT:v or INPUT:a, not '0:x'\nTry 'fmp4mux --help'."},
         {mux("--init-template '${adaptationSetId}/${representationId}/${' " + source + to), 2, "unbalanced braces"},
         {mux("--program 5 " + q(made(kTwoPrograms)) + to), 2, "input 0 has no program 5 (its programs: 1, 2)"},
+        {mux("-m low-latency " + source + " " + q(fs::path(FMP4_TEST_DATA_DIR) / "subtitles/cues.vtt") + to), 2,
+         "input 1 is a subtitle file: the low-latency mode cuts equal chunks"},
+        {mux("--follow 0 " + source + to), 2, "--follow 0: input 0 is not a subtitle file"},
         // A second fmp4mux on a folder that one already writes to (flock holds its lock meanwhile).
         {"flock " + q(out / ".fmp4mux.lock") + " " + mux(source + to), 4, "is in use by another fmp4mux"},
         {mux(source + " /proc/fmp4mux-cannot-write-here"), 4, "output folder"},
