@@ -152,9 +152,6 @@ bool SubtitleFileInput::follow(const std::function<void(Packet&)>& onPacket, con
         return false;
     }
     const bool pipe = isPipe(m_path);
-    // The packager fixes the presentation's time origin once every stream has delivered: a stream that stays
-    // silent until its first cue would hold every output back. A short empty item at 0 says where it starts.
-    deliver({{0, 10000, {}}}, onPacket);
     std::string pending;
     std::size_t nextLine = 1;
     char buffer[65536];
