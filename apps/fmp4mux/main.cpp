@@ -303,6 +303,12 @@ int run(int argc, char** argv) {
             say("input " + plan.label + ": SCTE-35 splice information");
             continue;
         }
+        // Smooth Streaming names no FourCC for MPEG-1 audio (a client would take it for AAC): left out, said.
+        if (!options.dash && info.kind == "audio" && info.streamType == 1) {
+            warn("input " + plan.label + ": Smooth Streaming carries no MPEG-1 audio (" + info.codec +
+                 "); the stream is skipped");
+            continue;
+        }
         // The low-latency mode cuts equal chunks from every stream's own sample duration, which cues do not have.
         if (info.kind == "text" && options.lowLatency()) {
             warn("input " + plan.label + ": subtitles are not packaged in the low-latency mode; the stream is skipped");

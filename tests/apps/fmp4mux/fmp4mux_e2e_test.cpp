@@ -373,6 +373,9 @@ INSTANTIATE_TEST_SUITE_P(
         Packaging{"DashMp2Audio", {kVideoAndMp2}, "", {{"video0", kVideoAndMp2}}, "audio1", "", 2, 1152},
         Packaging{"DashMp3FromMp4", {kVideoAndMp3}, "", {{"video0", kVideoAndMp3}}, "audio1", "", 2, 1152},
         Packaging{"SmoothAc3Surround", {kVideoAndAc3}, "-f smooth", {{"video:0", kVideoAndAc3}}, "audio:0", "", 2, 1536},
+        // Smooth Streaming has no FourCC for MPEG-1 audio: the video alone, and why.
+        Packaging{"SmoothWithoutMp2", {kVideoAndMp2}, "-f smooth", {{"video:0", kVideoAndMp2}}, "",
+                  "Smooth Streaming carries no MPEG-1 audio (mp2); the stream is skipped", 2},
         // Under the default options the input's GOP duration is measured, and segments follow it.
         Packaging{"DashOfFourSecondGops", {kGop4}, "", {{"video0", kGop4}}, "",
                   "key frames every 4000 ms: GOP duration 4000 ms", 4},
