@@ -1,13 +1,14 @@
 #pragma once
-// A logger that keeps every message, with its level, its text and its format; safe from any thread.
+// A logger that keeps every message, with its level, its text and its format; safe from any thread, and waited on
+// for a line that another thread logs.
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "support/log/i_logger.h"
+#include "tests/common/waiting.h"
 
 namespace testkit {
 
@@ -19,14 +20,10 @@ public:
         char buffer[4096];
         std::vsnprintf(buffer, sizeof buffer, format, args);
         va_end(args);
-        std::lock_guard lock(m_mutex);
-        m_entries.push_back({level, buffer, format});
+        m_entries.update([&](std::vector<Entry>& all) { all.push_back({level, buffer, format}); });
     }
     struct Entry { tvrn::log::LOGLEVEL level; std::string text, format; };
-    std::vector<Entry> entries() const {
-        std::lock_guard lock(m_mutex);
-        return m_entries;
-    }
+    std::vector<Entry> entries() const { return m_entries.get(); }
     // Each message as "<level> <text>".
     std::vector<std::string> lines() const {
         std::vector<std::string> out;
@@ -37,10 +34,15 @@ public:
         const std::vector<std::string> all = lines();
         return std::find(all.begin(), all.end(), line) != all.end();
     }
+    // Waits until "<level> <text>" has been logged; false if it never is.
+    bool waitFor(const std::string& line) {
+        return m_entries.waitFor([&](const std::vector<Entry>& all) {
+            return std::any_of(all.begin(), all.end(), [&](const Entry& e) { return std::to_string(e.level) + " " + e.text == line; });
+        });
+    }
 
 private:
-    mutable std::mutex m_mutex;
-    std::vector<Entry> m_entries;
+    Guarded<std::vector<Entry>> m_entries;
 };
 
 }  // namespace testkit
