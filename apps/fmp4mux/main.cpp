@@ -278,6 +278,7 @@ int run(int argc, char** argv) {
     engineSettings.firstNumber = options.firstNumber;
     engineSettings.streamName = options.streamName;
     engineSettings.encryption = options.encryption;
+    engineSettings.chunkDump = options.verbosity >= 3;
     Packager packager(engineSettings, logger);
     // routes[input][stream]: where a stream's packets go: the engine's stream (-1: none) and the presentation's
     // output; a stream left out goes nowhere. SCTE-35 sections make the presentation's splices, whether or not the

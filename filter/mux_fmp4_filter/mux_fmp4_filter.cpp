@@ -135,6 +135,14 @@ fmp4::Fmp4MuxParts withoutWaitingForSparseStreams(fmp4::Fmp4MuxParts parts) {
     return parts;
 }
 
+fmp4::Fmp4MuxParts withChunkDump(fmp4::Fmp4MuxParts parts, std::function<void(const std::string&)> dump) {
+    parts.makeChunksBuilder = [others = std::move(parts.makeChunksBuilder), dump = std::move(dump)](fmp4::ChunksBuilderParams params) {
+        params.chunkDump = dump;
+        return others(params);
+    };
+    return parts;
+}
+
 CMuxFmp4Filter* CMuxFmp4Filter::Create(fmp4::Fmp4MuxParts parts, KeyServerParts keyServer) {
     return new CMuxFmp4Filter(std::move(parts), std::move(keyServer));
 }

@@ -39,11 +39,21 @@ flt::KeyServerParts keyServerParts(const EncryptionOptions& e) {
     return parts;
 }
 
+// The engine's parts as fmp4mux wants them: MP3 framed, sparse streams not awaited for the time origin, and, when
+// asked, each chunk described in a debug line.
+tvrn::encoding::packaging::imff::fmp4::Fmp4MuxParts sessionParts(const EngineSettings& s, tvrn::log::ILogger& logger) {
+    auto parts = flt::withoutWaitingForSparseStreams(flt::withMpeg1Layer3({}));
+    if (!s.chunkDump) return parts;
+    return flt::withChunkDump(std::move(parts), [&logger](const std::string& line) {
+        logger.WriteMsg(tvrn::log::LOG_DEBUG, "%s", line.c_str());
+    });
+}
+
 }  // namespace
 
 Packager::Packager(const EngineSettings& s, tvrn::log::ILogger& logger)
-    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(flt::CMuxFmp4Filter::Create(
-          flt::withoutWaitingForSparseStreams(flt::withMpeg1Layer3({})), keyServerParts(s.encryption)))),
+    : m_filter(tvrn::encoding::RefPtr<flt::CMuxFmp4Filter>::adopt(
+          flt::CMuxFmp4Filter::Create(sessionParts(s, logger), keyServerParts(s.encryption)))),
       m_dash(s.dash), m_keyServer(s.encryption.keyServer()), m_keyServerWait(s.encryption.kmsWait) {
     m_filter->SetLogger(&logger);
     try {

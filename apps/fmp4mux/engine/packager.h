@@ -32,6 +32,7 @@ struct EngineSettings {
     std::int32_t firstNumber = 1;
     std::string streamName = "live";
     EncryptionOptions encryption;  // checked; not enabled(): clear output
+    bool chunkDump = false;        // each chunk described in a debug line before it is built
 };
 
 // One stream to package.

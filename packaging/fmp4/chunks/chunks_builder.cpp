@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "packaging/encryption/sample_encryption.h"
+#include "packaging/fmp4/chunks/chunk_dump.h"
 #include "packaging/fmp4/chunks/chunk_serializer.h"
 #include "packaging/fmp4/chunks/init_chunk.h"
 #include "packaging/fmp4/chunks/text_chunks.h"
@@ -83,6 +84,7 @@ ChunksBuilder::ChunksBuilder(const ChunksBuilderParams& params)
     : m_dash(params.outputFormat != Smooth),
       m_playerCompatible(params.playerCompatible),
       m_sparseStreamsHoldOrigin(params.sparseStreamsHoldOrigin),
+      m_chunkDump(params.chunkDump),
       m_config(*params.config),
       m_driftDetection(params.driftDetection),
       m_clock(params.utcClockMs ? params.utcClockMs : std::function<std::int64_t()>(systemUtcMs)),
@@ -428,6 +430,7 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
             if (m_psshInFragments && output.atSegmentStart)
                 m_encryption->getProtectionBoxes(p.encryption->fragmentProtectionBoxes, true);
         }
+        if (m_chunkDump) m_chunkDump(chunkDumpText(p.tracks, p.chunkNumber, p.segmentNumber, m_timeOrigin));
         const ChunkBytes bytes = serialiseChunk(p);
 
         const bool written = output.output != nullptr &&

@@ -99,6 +99,7 @@ private:
     bool m_allVideoInInit = false;
     bool m_playerCompatible = false;
     bool m_sparseStreamsHoldOrigin = true;
+    std::function<void(const std::string&)> m_chunkDump;
     Fmp4MuxConfig m_config;
     std::map<std::uint32_t, ChunkStreamRecord> m_streams;
     std::map<std::uint32_t, ElementaryStreamAttributes> m_attributes;  // the same, as the labels take them

@@ -57,6 +57,8 @@ struct ChunksBuilderParams {
     // earliest of them all. Off: sparse streams (text, metadata, SCTE-35), which may stay silent for hours, are
     // not waited for; a sample of theirs from before the origin found without them is dropped.
     bool sparseStreamsHoldOrigin = true;
+    // Given, the chunk dump (a line describing each chunk about to be built) goes to it; otherwise it is not built.
+    std::function<void(const std::string&)> chunkDump = {};
 };
 
 std::unique_ptr<ISampleSynchronizator> makeSampleSegmentSynchronisator(const SegmentSynchronizatorParams& params);

@@ -62,6 +62,7 @@ struct Session {
         ChunksBuilderParams params{format, &this->config, true, &logger};
         params.utcClockMs = [this] { return nowMs; };
         params.sparseStreamsHoldOrigin = sparseStreamsHoldOrigin;
+        params.chunkDump = [this](const std::string& line) { dumps.push_back(line); };
         builder = std::make_unique<ChunksBuilder>(params);
     }
     // Registers video streams (ids 0..n-1, 300 kbit/s) with one output each, and starts the session with
@@ -91,6 +92,7 @@ struct Session {
 
     Fmp4MuxConfig config;
     RecordingLogger logger;
+    std::vector<std::string> dumps;  // the chunk dump, a line per chunk built
     std::int64_t nowMs = 1000000;
     KeepingOutput outputs[3];
     std::unique_ptr<ChunksBuilder> builder;
@@ -183,6 +185,9 @@ TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
     EXPECT_EQ(Session::numberBox(chunks[0], "tnsb"), 1u);
     EXPECT_EQ(Session::numberBox(chunks[1], "teos"), 1u);
     EXPECT_EQ(Session::numberBox(chunks[2], "tnsb"), 2u);
+    // Each chunk is described before it is built, by its own numbers and times from the origin (10 s).
+    ASSERT_EQ(s.dumps.size(), 3u);
+    EXPECT_EQ(s.dumps[1], "Video Chunk #101 of Segment #1 :  [Video track #1 : pts = 1000 | dts = 1000 | 2 samples | dur 1000 ms");
 }
 
 // Two video streams, one output each, all video in each init chunk: both init chunks describe both streams on
