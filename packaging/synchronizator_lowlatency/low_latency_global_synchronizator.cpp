@@ -144,8 +144,9 @@ void LowLatencyGlobalSynchronizator::onStreamsReady() {
     for (auto& [id, stream] : m_streams) {
         if (!takesPart(stream)) continue;
         auto& held = m_firstSamples[id];
+        const bool video = stream.kind == 0;  // named: clang takes no structured binding into a lambda
         auto keep = std::find_if(held.begin(), held.end(), [&](const auto& s) {
-            return stream.kind == 0 ? s->getTime() >= start && s->isSync() : s->getEndTime() > start;
+            return video ? s->getTime() >= start && s->isSync() : s->getEndTime() > start;
         });
         held.erase(held.begin(), keep);
         if (held.empty()) {

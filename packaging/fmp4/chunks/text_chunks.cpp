@@ -150,8 +150,8 @@ void mergeTtmlChunk(StreamChunk& chunk, std::int64_t zero, const std::string& la
         divisions.emplace_back(nullptr, std::vector<Paragraph>{});
         for (const auto& [div, p] : found) {
             // A time that is missing or does not parse is -1: the paragraph then takes its sample's.
-            const auto timeOf = [&](const char* name) -> std::int64_t {
-                const char* value = p->Attribute(name);
+            const auto timeOf = [&, paragraph = p](const char* name) -> std::int64_t {
+                const char* value = paragraph->Attribute(name);
                 return value ? parseTtmlTime(value, frameRate, tickRate).value_or(-1) : -1;
             };
             const std::int64_t begin = timeOf("begin");
