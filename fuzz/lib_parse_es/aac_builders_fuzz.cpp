@@ -15,12 +15,6 @@
 namespace {
 
 namespace es = tvrn::encoding::packaging::lib_parse_es;
-namespace samples = tvrn::encoding::packaging::imff::imff_samples;
-using tvrn::encoding::packaging::imff::fmp4::SimpleMediaData;
-
-using audio_fuzz::feed;
-using audio_fuzz::Sink;
-
 template <typename T>
 void parseUnit(const std::uint8_t* data, std::size_t size) {
     T nal(static_cast<std::int32_t>(size));
@@ -34,12 +28,9 @@ void parseUnit(const std::uint8_t* data, std::size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 3) return 0;
-    const std::uint8_t mode = data[0];
-    const std::uint32_t seed = data[1] | (std::uint32_t{data[2]} << 8);
-    data += 3;
-    size -= 3;
-    const std::uint32_t maxPiece = (mode & 0x08) ? 5 : 700;
+    audio_fuzz::Prologue p;
+    if (!audio_fuzz::takePrologue(data, size, 5, 700, p)) return 0;
+    const std::uint8_t mode = p.mode;
     static constexpr std::uint32_t kTypes[3] = {es::StreamType::AAC_ADTS_AUDIO, es::StreamType::AAC_LATM_AUDIO,
                                                 es::StreamType::AAC_RAW_AUDIO};
     switch (mode % 4) {
@@ -47,12 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         case 1:
         case 2: {
             const std::uint32_t type = kTypes[mode % 4];
-            Sink sink;
-            auto builder = es::createNalBuilder(type);
-            auto sampleBuilder = samples::createSampleBuilder(type, false, &sink);
-            builder->setListener(sampleBuilder.get());
-            feed(*builder, data, size, seed, maxPiece);
-            if (sink.ends != 1) __builtin_trap();
+            audio_fuzz::throughSamples(*es::createNalBuilder(type), type, data, size, p);
             break;
         }
         default: {

@@ -18,11 +18,7 @@
 namespace {
 
 namespace es = tvrn::encoding::packaging::lib_parse_es;
-namespace samples = tvrn::encoding::packaging::imff::imff_samples;
-using tvrn::encoding::packaging::imff::fmp4::SimpleMediaData;
-
 using audio_fuzz::feed;
-using audio_fuzz::Sink;
 
 // Collects MPEG-2 units and parses each sequence header among them.
 struct Mpeg2Units : es::NALListener {
@@ -46,27 +42,20 @@ struct Mpeg2Units : es::NALListener {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 3) return 0;
-    const std::uint8_t mode = data[0];
-    const std::uint32_t seed = data[1] | (std::uint32_t{data[2]} << 8);
-    data += 3;
-    size -= 3;
-    const std::uint32_t maxPiece = (mode & 0x08) ? 5 : 700;
+    audio_fuzz::Prologue p;
+    if (!audio_fuzz::takePrologue(data, size, 5, 700, p)) return 0;
+    const std::uint8_t mode = p.mode;
     switch (mode % 3) {
         case 0: {
-            Sink sink;
-            auto builder = es::createNalBuilder(es::StreamType::AC4_AUDIO);
-            auto sampleBuilder = samples::createSampleBuilder(es::StreamType::AC4_AUDIO, false, &sink);
-            builder->setListener(sampleBuilder.get());
-            feed(*builder, data, size, seed, maxPiece);
-            if (sink.ends != 1) __builtin_trap();
+            audio_fuzz::throughSamples(*es::createNalBuilder(es::StreamType::AC4_AUDIO), es::StreamType::AC4_AUDIO, data,
+                                       size, p);
             break;
         }
         case 1: {
             Mpeg2Units units;
             es::NALBuilderMPEG2Video builder;
             builder.setListener(&units);
-            feed(builder, data, size, seed, maxPiece);
+            feed(builder, data, size, p.seed, p.maxPiece);
             if (units.ends != 1) __builtin_trap();
             break;
         }

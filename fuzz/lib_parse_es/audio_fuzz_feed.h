@@ -1,6 +1,7 @@
 #pragma once
-// What the audio fuzz targets share: a sink that reads every sample back and traps on a broken promise, and the
-// feed that cuts the fuzzer's bytes into buffers of random sizes with random times and flags.
+// What the stream fuzz targets share: the first bytes that choose the path and the cuts, a sink that reads every
+// sample back and traps on a broken promise, and the feed that cuts the fuzzer's bytes into buffers of random sizes
+// with random times and flags.
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -34,6 +35,21 @@ struct Sink : samples::ISampleListener {
     int ends = 0;
 };
 
+// The fuzzer's first three bytes: the path (bit 3 asks for pieces of at most `small` bytes rather than `large`) and
+// the seed of the cuts; `data` and `size` are left at the stream. False when there is no stream.
+struct Prologue {
+    std::uint8_t mode = 0;
+    std::uint32_t seed = 0, maxPiece = 0;
+};
+inline bool takePrologue(const std::uint8_t*& data, std::size_t& size, std::uint32_t small, std::uint32_t large,
+                         Prologue& p) {
+    if (size < 3) return false;
+    p = {data[0], data[1] | (std::uint32_t{data[2]} << 8), (data[0] & 0x08) ? small : large};
+    data += 3;
+    size -= 3;
+    return true;
+}
+
 inline std::uint32_t nextRandom(std::uint32_t& state) {
     state = state * 1664525u + 1013904223u;
     return state >> 8;
@@ -57,6 +73,16 @@ inline void feed(es::NALBuilder& builder, const std::uint8_t* data, std::size_t 
         offset += piece;
     }
     builder.flush();
+}
+
+// The stream through `builder` into the sample builder of `type`, read back by a checking sink; it must end once.
+inline void throughSamples(es::NALBuilder& builder, std::uint32_t type, const std::uint8_t* data, std::size_t size,
+                           const Prologue& p) {
+    Sink sink;
+    auto sampleBuilder = samples::createSampleBuilder(type, false, &sink);
+    builder.setListener(sampleBuilder.get());
+    feed(builder, data, size, p.seed, p.maxPiece);
+    if (sink.ends != 1) __builtin_trap();
 }
 
 }  // namespace audio_fuzz

@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/lib_parse_es/audio_fuzz_feed.h"
 #include "packaging/imff_samples/sample_builder.h"
 #include "packaging/lib_parse_es/h264_manager.h"
 #include "packaging/lib_parse_es/hevc_sps.h"
@@ -42,10 +43,7 @@ struct Units : es::NALListener {
     std::uint64_t total = 0;
 };
 
-std::uint32_t nextRandom(std::uint32_t& state) {
-    state = state * 1664525u + 1013904223u;
-    return state >> 8;
-}
+using audio_fuzz::nextRandom;
 
 void feed(es::NALBuilder& builder, const std::uint8_t* data, std::size_t size, std::uint32_t seed,
           std::uint32_t maxPiece) {
@@ -76,12 +74,10 @@ void feed(es::NALBuilder& builder, const std::uint8_t* data, std::size_t size, s
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 3) return 0;
-    const std::uint8_t mode = data[0];
-    const std::uint32_t seed = data[1] | (std::uint32_t{data[2]} << 8);
-    data += 3;
-    size -= 3;
-    const std::uint32_t maxPiece = (mode & 0x08) ? 7 : 509;
+    audio_fuzz::Prologue p;
+    if (!audio_fuzz::takePrologue(data, size, 7, 509, p)) return 0;
+    const std::uint8_t mode = p.mode;
+    const std::uint32_t seed = p.seed, maxPiece = p.maxPiece;
     switch (mode % 8) {
         case 0:
         case 1:

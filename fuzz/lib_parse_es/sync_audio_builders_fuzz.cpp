@@ -13,24 +13,12 @@
 #include "packaging/lib_parse_es/nal_audio_frames.h"
 #include "packaging/lib_parse_es/nal_builder_audio_frames.h"
 
-namespace {
-
 namespace es = tvrn::encoding::packaging::lib_parse_es;
-namespace samples = tvrn::encoding::packaging::imff::imff_samples;
-using tvrn::encoding::packaging::imff::fmp4::SimpleMediaData;
-
-using audio_fuzz::feed;
-using audio_fuzz::Sink;
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 3) return 0;
-    const std::uint8_t mode = data[0];
-    const std::uint32_t seed = data[1] | (std::uint32_t{data[2]} << 8);
-    data += 3;
-    size -= 3;
-    const std::uint32_t maxPiece = (mode & 0x08) ? 5 : 700;
+    audio_fuzz::Prologue p;
+    if (!audio_fuzz::takePrologue(data, size, 5, 700, p)) return 0;
+    const std::uint8_t mode = p.mode;
     switch (mode % 4) {
         case 0:
         case 1:
@@ -39,11 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::unique_ptr<es::NALBuilder> builder;
             if (mode % 4 == 2) builder = std::make_unique<es::NALBuilderMPEG1Audio>(true);
             else builder = es::createNalBuilder(type);
-            Sink sink;
-            auto sampleBuilder = samples::createSampleBuilder(type, false, &sink);
-            builder->setListener(sampleBuilder.get());
-            feed(*builder, data, size, seed, maxPiece);
-            if (sink.ends != 1) __builtin_trap();
+            audio_fuzz::throughSamples(*builder, type, data, size, p);
             break;
         }
         default: {
