@@ -200,6 +200,10 @@ int run(int argc, char** argv) {
     // Outputs: files through a publisher of their own, the presentation that names them and writes manifests.
     BufferPool rooms;
     FilePublisher files(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
+    // Inputs that can wait are read as fast as packaging goes, which can be faster than the disk takes the files:
+    // packaging then waits for the disk instead of queuing the difference in memory.
+    if (!options.realtime && std::all_of(inputs.begin(), inputs.end(), [](const auto& in) { return in->canWait(); }))
+        files.limitBacklog(8u << 20);
     // Every file goes to the folder, and to the built-in origin with --serve.
     PublisherGroup publisher;
     std::unique_ptr<HttpOrigin> origin;

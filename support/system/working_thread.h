@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "support/system/batching_wake.h"
 #include "support/system/thread.h"
 
 namespace tvrn::concurrency {
@@ -33,11 +34,13 @@ public:
     }
 
     void post(T item) {
+        bool wake = false;
         {
             std::lock_guard lock(m_lock);
             m_queue.push_back(std::move(item));
+            wake = m_wake.shouldWake(m_queue.size());
         }
-        m_semaphore.notify_one();
+        if (wake) m_semaphore.notify_one();
     }
 
     std::size_t pending() const {
@@ -51,11 +54,14 @@ private:
             T item;
             {
                 std::unique_lock lock(m_lock);
-                m_semaphore.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+                m_wake.wait(
+                    m_semaphore, lock, [this] { return m_stop || !m_queue.empty(); }, [this] { return m_stop; },
+                    [this] { return m_queue.size(); });
                 // The stop event comes before anything queued.
                 if (m_stop) return;
                 item = std::move(m_queue.front());
                 m_queue.pop_front();
+                m_wake.took();
             }
             m_handler(item);
         }
@@ -63,6 +69,7 @@ private:
 
     std::deque<T> m_queue;
     std::condition_variable m_semaphore;
+    BatchingWake m_wake;
     mutable std::mutex m_lock;
     std::function<void(const T&)> m_handler;
     bool m_stop = false;

@@ -401,7 +401,9 @@ double Presentation::packagedSeconds() const {
 
 std::uint64_t Presentation::waitForChunk(std::uint64_t seen, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(m_mutex);
-    m_progress.wait_for(lock, timeout, [&] { return m_chunks != seen; });
+    // A zero timeout only reads the count: a timed wait that has already expired still puts the thread to sleep
+    // and wakes it, a context switch for every packet read.
+    if (timeout.count() > 0) m_progress.wait_for(lock, timeout, [&] { return m_chunks != seen; });
     return m_chunks;
 }
 

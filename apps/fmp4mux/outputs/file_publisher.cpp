@@ -132,9 +132,16 @@ FilePublisher::~FilePublisher() {
     m_thread.join();
 }
 
+void FilePublisher::limitBacklog(std::size_t bytes) {
+    std::lock_guard lock(m_mutex);
+    m_backlogLimit = bytes;
+}
+
 void FilePublisher::publish(Publication&& publication) {
     {
-        std::lock_guard lock(m_mutex);
+        std::unique_lock lock(m_mutex);
+        if (m_backlogLimit > 0)
+            m_room.wait(lock, [this] { return m_failure || m_queuedBytes <= m_backlogLimit; });
         // After a failure nothing more is written: a manifest published after a file that was not written would
         // list it. What is on disk stays consistent: every manifest written lists files written before it.
         if (m_failure) {
@@ -145,10 +152,12 @@ void FilePublisher::publish(Publication&& publication) {
             // Only the newest manifest matters: it replaces one that has not been written yet.
             for (auto& waiting : m_queue)
                 if (waiting.replaceable && waiting.path == publication.path) {
+                    m_queuedBytes = m_queuedBytes - waiting.bytes.size() + publication.bytes.size();
                     waiting = std::move(publication);
                     return;
                 }
         }
+        m_queuedBytes += publication.bytes.size();
         m_queue.push_back(std::move(publication));
     }
     m_work.notify_one();
@@ -171,6 +180,7 @@ void FilePublisher::run() {
         if (m_queue.empty()) return;  // closing with nothing left
         Publication next = std::move(m_queue.front());
         m_queue.pop_front();
+        const std::size_t size = next.bytes.size();
         m_writing = true;
         lock.unlock();
         std::optional<std::string> failed;
@@ -193,12 +203,15 @@ void FilePublisher::run() {
         if (m_recycle) m_recycle(std::move(next.bytes));
         lock.lock();
         m_writing = false;
+        m_queuedBytes -= size;
         if (failed && !m_failure) {
             m_failure = failed;
             for (auto& dropped : m_queue)
                 if (m_recycle) m_recycle(std::move(dropped.bytes));
             m_queue.clear();
+            m_queuedBytes = 0;
         }
+        if (m_queuedBytes <= m_backlogLimit || m_failure) m_room.notify_all();
         if (m_queue.empty()) m_idle.notify_all();
     }
 }

@@ -25,6 +25,10 @@ public:
 
     void publish(Publication&& publication) override;
     void drain() override;
+    // With a limit, publish() waits while the files not yet written hold more than `bytes`: an input read as fast
+    // as it can be would otherwise queue what the disk has not taken yet without bound. 0 (the default) never
+    // waits, for a live input that cannot be held back.
+    void limitBacklog(std::size_t bytes);
     std::optional<std::string> failure() const override;
 
 private:
@@ -33,8 +37,9 @@ private:
     const std::string m_root;
     const std::function<void(std::vector<std::uint8_t>&&)> m_recycle;
     mutable std::mutex m_mutex;
-    std::condition_variable m_work, m_idle;
+    std::condition_variable m_work, m_idle, m_room;
     std::deque<Publication> m_queue;
+    std::size_t m_queuedBytes = 0, m_backlogLimit = 0;
     bool m_writing = false;
     bool m_closing = false;
     std::optional<std::string> m_failure;

@@ -4,11 +4,13 @@ namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
 
 void SampleQueue::push(std::uint32_t streamId, MediaDataRef sample) {
+    bool wake = false;
     {
         std::lock_guard lock(m_lock);
         m_entries.push_back(Entry{streamId, std::move(sample)});
+        wake = m_batching.shouldWake(m_entries.size());
     }
-    m_wake.notify_one();
+    if (wake) m_wake.notify_one();
 }
 
 void SampleQueue::clear() {
@@ -63,7 +65,9 @@ SampleQueue::Wake SampleQueue::waitStartOrExit() {
 
 SampleQueue::Wake SampleQueue::waitForEntry(Entry& entry) {
     std::unique_lock lock(m_lock);
-    m_wake.wait(lock, [this] { return m_stop || m_exit || !m_entries.empty(); });
+    m_batching.wait(
+        m_wake, lock, [this] { return m_stop || m_exit || !m_entries.empty(); }, [this] { return m_stop || m_exit; },
+        [this] { return m_entries.size(); });
     if (m_stop) {
         m_stop = false;
         return Wake::Stop;
@@ -74,6 +78,7 @@ SampleQueue::Wake SampleQueue::waitForEntry(Entry& entry) {
     }
     entry = std::move(m_entries.front());
     m_entries.pop_front();
+    m_batching.took();
     return Wake::Entry;
 }
 

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "packaging/fmp4_types/media_data.h"
+#include "support/system/batching_wake.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
@@ -58,6 +59,7 @@ public:
 private:
     mutable std::mutex m_lock;
     std::condition_variable m_wake;
+    concurrency::BatchingWake m_batching;  // when a push wakes the worker
     std::deque<Entry> m_entries;
     bool m_start = false;
     bool m_stop = false;
