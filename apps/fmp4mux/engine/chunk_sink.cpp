@@ -1,6 +1,7 @@
 #include "apps/fmp4mux/engine/chunk_sink.h"
 
 #include <algorithm>
+#include <string>
 
 #include "packaging/fmp4/output/chunk_reader.h"
 
@@ -12,6 +13,14 @@ namespace reader = tvrn::encoding::packaging::imff::fmp4;
 
 ChunkSink::ChunkSink(bool dash, long bufferCount, Handler handler, Rooms rooms)
     : m_dash(dash), m_bufferCount(bufferCount), m_handler(std::move(handler)), m_rooms(std::move(rooms)) {}
+
+namespace {
+std::uint64_t be(const std::uint8_t* p, int bytes) {
+    std::uint64_t v = 0;
+    for (int i = 0; i < bytes; ++i) v = (v << 8) | p[i];
+    return v;
+}
+}  // namespace
 
 HRESULT ChunkSink::Receive(IMediaSample3* sample) {
     std::uint8_t* data = nullptr;
@@ -28,26 +37,44 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         m_pendingInit = init;
         m_pendingHasTime = hasTime;
         m_pendingTime = start;
+        // A chunk comes in buffers of a few kilobytes: room for one as large as the last spares growing it step by
+        // step, each step a copy into fresh memory.
+        if (m_pending.capacity() < m_largest) m_pending.reserve(m_largest);
     }
     m_pending.insert(m_pending.end(), data, data + std::max(length, 0L));
 
     if (m_pendingInit) {
         if (!reader::moviePart(m_pending).empty()) finish();
-    } else {
-        const std::string last = reader::lastCompleteBox(m_pending);
-        // A chunk inside a segment ends at its end-of-chunk box; one that ends a segment has the end-of-segment
-        // box after it, which a full buffer may leave for the next one.
-        const bool full = length >= sample->GetSize();
-        if ((m_dash && (last == "teos" || (last == "teoc" && !full))) || (!m_dash && last == "mdat")) finish();
+        return S_OK;
     }
+    // The boxes complete so far are walked once each, from where the last buffer left off.
+    while (m_nextBox + 8 <= m_pending.size()) {
+        const std::uint8_t* box = m_pending.data() + m_nextBox;
+        std::uint64_t size = be(box, 4);
+        if (size == 1) {
+            if (m_nextBox + 16 > m_pending.size()) break;
+            size = be(box + 8, 8);
+        }
+        if (size < 8 || size > m_pending.size() - m_nextBox) break;
+        m_lastBox.assign(reinterpret_cast<const char*>(box + 4), 4);
+        m_nextBox += static_cast<std::size_t>(size);
+    }
+    if (m_nextBox != m_pending.size()) return S_OK;
+    // A chunk inside a segment ends at its end-of-chunk box; one that ends a segment has the end-of-segment box
+    // after it, which a full buffer may leave for the next one.
+    const bool full = length >= sample->GetSize();
+    if ((m_dash && (m_lastBox == "teos" || (m_lastBox == "teoc" && !full))) || (!m_dash && m_lastBox == "mdat")) finish();
     return S_OK;
 }
 
 void ChunkSink::finish() {
     if (m_pending.empty()) return;
+    m_largest = std::max(m_largest, m_pending.size());
     Bytes chunk = m_rooms ? m_rooms() : Bytes{};
     chunk.swap(m_pending);
     m_pending.clear();
+    m_nextBox = 0;
+    m_lastBox.clear();
     m_handler(m_pendingInit, std::move(chunk));
 }
 

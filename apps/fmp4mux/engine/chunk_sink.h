@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "filter/mux_fmp4_filter/pins.h"
@@ -42,6 +43,9 @@ private:
     const Handler m_handler;
     const Rooms m_rooms;
     Bytes m_pending;
+    std::size_t m_nextBox = 0;  // where the next box of the pending chunk starts
+    std::string m_lastBox;      // the type of the last box complete in it
+    std::size_t m_largest = 0;  // the largest chunk so far
     bool m_pendingInit = false;
     bool m_pendingHasTime = false;
     std::int64_t m_pendingTime = 0;
