@@ -367,7 +367,7 @@ int run(int argc, char** argv) {
         }
         PacketDestination destination{
             [&mine](std::size_t stream) { return mine[stream].used(); },
-            [&packager, &presentation, &mine](std::size_t stream, const Packet& packet) {
+            [&packager, &presentation, &mine](std::size_t stream, Packet& packet) {
                 const Route& route = mine[stream];
                 if (route.splices && packet.pts) {
                     std::string why;

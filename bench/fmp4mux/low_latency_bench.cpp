@@ -113,7 +113,7 @@ void player(Watch& watch, std::uint16_t port, const std::atomic<bool>& stop) {
 
 void BM_ChunkFromFilterToPlayer(benchmark::State& state) {
     StreamInfo info;
-    const std::vector<Kept> packets = videoPackets(info);
+    std::vector<Kept> packets = videoPackets(info);
     const auto firstKey = static_cast<std::size_t>(
         std::find_if(packets.begin(), packets.end(), [](const Kept& k) { return k.packet.key; }) - packets.begin());
     constexpr std::size_t kSamplesPerChunk = 10;  // 400 ms at 25 fps

@@ -21,6 +21,21 @@ SampleRef<COOBMediaSample> COOBMediaSample::createUninitialised(std::size_t size
     return SampleRef<COOBMediaSample>::adopt(sample);
 }
 
+COwnedMediaSample::COwnedMediaSample(std::vector<std::uint8_t>&& bytes) : m_bytes(std::move(bytes)) {
+    m_size = m_bytes.size();
+    m_actualLength = static_cast<long>(m_bytes.size());
+}
+
+SampleRef<COOBMediaSample> COwnedMediaSample::adopt(std::vector<std::uint8_t>&& bytes) {
+    return SampleRef<COOBMediaSample>::adopt(new COwnedMediaSample(std::move(bytes)));
+}
+
+HRESULT COwnedMediaSample::GetPointer(std::uint8_t** buffer) {
+    if (buffer == nullptr) return E_POINTER;
+    *buffer = m_bytes.data();
+    return S_OK;
+}
+
 unsigned long COOBMediaSample::AddRef() { return m_refCount.add(); }
 
 unsigned long COOBMediaSample::Release() {

@@ -142,6 +142,17 @@ protected:
     std::map<std::uint32_t, std::vector<std::uint8_t>> m_metadata;
 };
 
+// A sample over bytes its creator hands over (a demultiplexer's reassembled packet), taken as they are: no copy.
+class COwnedMediaSample final : public COOBMediaSample {
+public:
+    static SampleRef<COOBMediaSample> adopt(std::vector<std::uint8_t>&& bytes);
+    HRESULT GetPointer(std::uint8_t** buffer) override;
+
+private:
+    explicit COwnedMediaSample(std::vector<std::uint8_t>&& bytes);
+    std::vector<std::uint8_t> m_bytes;
+};
+
 class MemAllocator;
 
 // A sample from an allocator's pool: the last release gives it back to the pool.

@@ -281,11 +281,19 @@ bool Packager::keyServerDown() const {
     return m_keyServer && m_filter->GetKeyServerStatus(&status) == S_OK && status == flt::KeyServerDown;
 }
 
-void Packager::deliver(int stream, const Packet& packet) {
-    auto sample = flt::COOBMediaSample::createUninitialised(packet.size);
-    std::uint8_t* data = nullptr;
-    sample->GetPointer(&data);
-    if (packet.size > 0) std::memcpy(data, packet.data, packet.size);
+void Packager::deliver(int stream, Packet& packet) {
+    // Bytes the packet owns whole go into the sample as they are; bytes it only points to are copied.
+    const bool whole = !packet.owned.empty() && packet.data == packet.owned.data() && packet.size == packet.owned.size();
+    auto sample = whole ? flt::COwnedMediaSample::adopt(std::move(packet.owned))
+                        : flt::COOBMediaSample::createUninitialised(packet.size);
+    if (whole) {
+        packet.data = nullptr;
+        packet.size = 0;
+    } else if (packet.size > 0) {
+        std::uint8_t* data = nullptr;
+        sample->GetPointer(&data);
+        std::memcpy(data, packet.data, packet.size);
+    }
     if (packet.pts) {
         const std::int64_t stopTime = *packet.pts + packet.duration;
         sample->SetTime(&*packet.pts, packet.duration > 0 ? &stopTime : nullptr);

@@ -67,8 +67,9 @@ public:
     // Whether the key server is down: before it first answered, or since a key request failed (the last key is
     // kept meanwhile).
     bool keyServerDown() const;
-    // From the input's reading thread.
-    void deliver(int stream, const Packet& packet);
+    // From the input's reading thread. Bytes the packet owns whole (Packet::owned) are moved into the engine;
+    // the packet's bytes are gone then.
+    void deliver(int stream, Packet& packet);
     void endOfStream(int stream);
     // Waits until every output has ended, or `timeout`; true when all have.
     bool waitForEnd(std::chrono::milliseconds timeout);

@@ -18,7 +18,8 @@ namespace fmp4mux {
 // Where a reader hands its packets.
 struct PacketDestination {
     std::function<bool(std::size_t stream)> wants;  // the stream is packaged
-    std::function<void(std::size_t stream, const Packet& packet)> deliver;
+    // May take the bytes the packet owns (Packet::owned).
+    std::function<void(std::size_t stream, Packet& packet)> deliver;
     std::function<void()> endOfStream;  // every stream of the input has ended
 };
 
