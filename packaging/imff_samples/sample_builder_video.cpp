@@ -1,5 +1,7 @@
 #include "packaging/imff_samples/sample_builder_video.h"
 
+#include <span>
+
 namespace tvrn::encoding::packaging::imff::imff_samples {
 inline namespace v1 {
 
@@ -14,11 +16,12 @@ std::unique_ptr<NAL> copyNal(const NAL& nal, std::uint32_t from) {
 std::unique_ptr<NAL> lengthPrefixedNal(const NAL& nal, std::uint32_t headerOffset) {
     std::uint32_t size = headerOffset < nal.length ? nal.length - headerOffset : 0;
     if (size > 0x7FFFFFFBu) size = 0x7FFFFFFBu;  // the prefix must fit in a unit's capacity
-    auto copy = std::make_unique<NAL>(-1, static_cast<std::int32_t>(size + 4));
     const std::uint8_t prefix[4] = {static_cast<std::uint8_t>(size >> 24), static_cast<std::uint8_t>(size >> 16),
                                     static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)};
-    copy->append(prefix, 4);
-    if (size > 0) copy->append(nal.bytes() + headerOffset, size);
+    // One copy of prefix and payload into storage that is not zero-filled first: a picture's slices are most of
+    // the bytes that pass through the packager.
+    const std::span<const std::uint8_t> pieces[2] = {{prefix, 4}, {size > 0 ? nal.bytes() + headerOffset : prefix, size}};
+    auto copy = std::make_unique<NAL>(-1, std::span<const std::span<const std::uint8_t>>(pieces));
     copy->timing = nal.timing;
     return copy;
 }

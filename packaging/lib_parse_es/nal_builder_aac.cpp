@@ -89,6 +89,13 @@ void NALBuilderAACADTSAudio::push(IMediaData* data) {
     if (!m_queue.push(data)) return;
     const std::uint64_t end = m_queue.end();
     for (std::uint64_t p = begin; p < end; ++p) {
+        // A header and a frame are looked at in one byte each (the header's sixth, the byte after the next sync
+        // byte): the bytes before it are skipped, not visited.
+        if (m_state != State::Hunting) {
+            const std::uint64_t next = m_state == State::Header ? m_frameStart + 5 : m_frameStart + m_frameLength + 1;
+            if (p < next) p = next;
+            if (p >= end) break;
+        }
         const std::uint8_t b = m_queue.at(p);
         switch (m_state) {
             case State::Hunting:
