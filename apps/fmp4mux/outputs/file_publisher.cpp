@@ -4,10 +4,12 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -65,57 +67,86 @@ RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start)
     return folders;
 }
 
+namespace {
+// The temporary name of a file being written: the process id keeps two runs apart.
+std::string temporaryName(const std::string& path) {
+    static const std::string suffix = ".tmp" + std::to_string(::getpid());
+    return path + suffix;
+}
+
+// Opens `path` for writing, making its folders when they are missing: the folders are made on the first failure
+// only, so that a file into a folder that exists costs one system call.
+int openForWriting(const std::string& path, int flags) {
+    int fd = ::open(path.c_str(), flags | O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    if (fd >= 0 || errno != ENOENT) return fd;
+    const std::filesystem::path target(path);
+    if (!target.has_parent_path()) return fd;
+    std::error_code error;
+    std::filesystem::create_directories(target.parent_path(), error);
+    if (error) throw std::runtime_error("cannot create folder " + target.parent_path().string() + ": " + error.message());
+    return ::open(path.c_str(), flags | O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+}
+
+// Writes the ranges of `bytes` (all of it when there are none) with as few system calls as the ranges allow.
+bool writeRanges(int fd, const std::vector<std::uint8_t>& bytes, const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
+    std::vector<iovec> parts;
+    if (ranges.empty()) {
+        parts.push_back({const_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+    } else {
+        for (const auto& [offset, length] : ranges)
+            if (length > 0) parts.push_back({const_cast<std::uint8_t*>(bytes.data() + offset), length});
+    }
+    std::size_t next = 0;
+    while (next < parts.size()) {
+        const int count = static_cast<int>(std::min<std::size_t>(parts.size() - next, IOV_MAX));
+        const ssize_t done = ::writev(fd, parts.data() + next, count);
+        if (done < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        // Past the parts written whole; a part written in half goes on from where it stopped.
+        auto left = static_cast<std::size_t>(done);
+        while (next < parts.size() && left >= parts[next].iov_len) left -= parts[next++].iov_len;
+        if (left > 0) {
+            parts[next].iov_base = static_cast<std::uint8_t*>(parts[next].iov_base) + left;
+            parts[next].iov_len -= left;
+        }
+        while (next < parts.size() && parts[next].iov_len == 0) ++next;
+    }
+    return true;
+}
+}  // namespace
+
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
                          const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
-    const std::filesystem::path target(path);
-    if (target.has_parent_path()) {
-        std::error_code error;
-        std::filesystem::create_directories(target.parent_path(), error);
-        if (error) throw std::runtime_error("cannot create folder " + target.parent_path().string() + ": " + error.message());
-    }
-    const std::string temporary = path + ".tmp" + std::to_string(::getpid());
-    std::FILE* file = std::fopen(temporary.c_str(), "wb");
-    if (file == nullptr) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
-    bool written = true;
-    auto write = [&](std::size_t offset, std::size_t length) {
-        written = written && (length == 0 || std::fwrite(bytes.data() + offset, 1, length, file) == length);
-    };
-    if (ranges.empty())
-        write(0, bytes.size());
-    else
-        for (const auto& [offset, length] : ranges) write(offset, length);
-    const bool closed = std::fclose(file) == 0;
+    const std::string temporary = temporaryName(path);
+    const int fd = openForWriting(temporary, O_TRUNC);
+    if (fd < 0) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+    const bool written = writeRanges(fd, bytes, ranges);
+    const int writeError = errno;
+    const bool closed = ::close(fd) == 0;
     if (!written || !closed) {
+        const int error = !written ? writeError : errno;
         std::remove(temporary.c_str());
-        throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+        throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(error));
     }
     if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int error = errno;
         std::remove(temporary.c_str());
-        throw std::runtime_error("cannot rename " + temporary + " to " + path + ": " + std::strerror(errno));
+        throw std::runtime_error("cannot rename " + temporary + " to " + path + ": " + std::strerror(error));
     }
 }
 
 void writeSegmentPart(const std::string& path, const Publication& part) {
-    const std::filesystem::path target(path);
-    if (part.growth == Publication::Growth::Start && target.has_parent_path()) {
-        std::error_code error;
-        std::filesystem::create_directories(target.parent_path(), error);
-        if (error) throw std::runtime_error("cannot create folder " + target.parent_path().string() + ": " + error.message());
-    }
     const std::string growing = growingName(path);
-    std::FILE* file = std::fopen(growing.c_str(), part.growth == Publication::Growth::Start ? "wb" : "ab");
-    if (file == nullptr) throw std::runtime_error("cannot write " + growing + ": " + std::strerror(errno));
-    bool written = true;
-    auto write = [&](std::size_t offset, std::size_t length) {
-        written = written && (length == 0 || std::fwrite(part.bytes.data() + offset, 1, length, file) == length);
-    };
-    if (part.ranges.empty())
-        write(0, part.bytes.size());
-    else
-        for (const auto& [offset, length] : part.ranges) write(offset, length);
+    const int fd = openForWriting(growing, part.growth == Publication::Growth::Start ? O_TRUNC : O_APPEND);
+    if (fd < 0) throw std::runtime_error("cannot write " + growing + ": " + std::strerror(errno));
     // Each chunk reaches the file as it comes: a reader of the growing file sees it at once.
-    const bool closed = std::fclose(file) == 0;
-    if (!written || !closed) throw std::runtime_error("cannot write " + growing + ": " + std::strerror(errno));
+    const bool written = writeRanges(fd, part.bytes, part.ranges);
+    const int writeError = errno;
+    const bool closed = ::close(fd) == 0;
+    if (!written || !closed)
+        throw std::runtime_error("cannot write " + growing + ": " + std::strerror(!written ? writeError : errno));
     if (part.complete && std::rename(growing.c_str(), path.c_str()) != 0)
         throw std::runtime_error("cannot rename " + growing + " to " + path + ": " + std::strerror(errno));
 }
