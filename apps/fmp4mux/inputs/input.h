@@ -1,6 +1,6 @@
 #pragma once
 // An input of fmp4mux: a source of elementary streams, each packet in the byte form the packager reads, with its
-// times in 100 ns units. Readers (libavformat today; our own MPEG-TS reader and subtitle files later) implement it.
+// times in 100 ns units. Readers (libavformat, fmp4mux's own MPEG-TS reader, subtitle files) implement it.
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -61,6 +61,10 @@ public:
     }
     // The presentation time (100 ns units) of that stream's first key frame, once keyFrameInterval() has looked.
     virtual std::optional<std::int64_t> firstKeyFrameTime() const { return std::nullopt; }
+    // Transport packets found missing, and PES left out, so far (an MPEG-TS read by fmp4mux's own reader); read from
+    // any thread.
+    virtual std::uint64_t packetsLost() const { return 0; }
+    virtual std::uint64_t pesDropped() const { return 0; }
 };
 
 }  // namespace fmp4mux

@@ -80,6 +80,7 @@ TsDemux::PidState& TsDemux::add(std::uint16_t pid, int kind, std::uint16_t progr
         slot = std::make_unique<PidState>();
         slot->pid = pid;
         slot->kind = kind;
+        slot->ignored = m_ignored.test(pid);
     }
     slot->program = program;
     return *slot;
@@ -93,7 +94,9 @@ void TsDemux::forget(std::uint16_t pid) {
 }
 
 void TsDemux::ignore(std::uint16_t pid) {
-    if (auto& slot = m_pids[pid & 0x1FFF]) {
+    pid &= 0x1FFF;
+    m_ignored.set(pid);
+    if (auto& slot = m_pids[pid]) {
         dropPes(*slot, false);
         slot->ignored = true;
     }

@@ -13,6 +13,7 @@
 // sections (SCTE-35 splice information, stream type 0x86) handed on whole with their PID and the program's clock.
 // After garbage it finds the packets again at three sync bytes 188 apart. Memory is bounded whatever the input.
 #include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -81,7 +82,8 @@ public:
     void push(const std::uint8_t* data, std::size_t size);
     // The input ended: a PES without a length goes out; one short of its length goes out damaged.
     void finish();
-    // The PES of this PID are not gathered (a stream nobody reads); its continuity is still counted.
+    // The PES and sections of this PID, now or once a PMT lists it, are not gathered (a stream nobody reads); its
+    // continuity is still counted.
     void ignore(std::uint16_t pid);
 
     const Stats& stats() const { return m_stats; }
@@ -120,6 +122,7 @@ private:
     Callbacks m_callbacks;
     std::array<std::unique_ptr<PidState>, 8192> m_pids;
     std::vector<Program> m_programs;
+    std::bitset<8192> m_ignored;
     std::vector<std::pair<std::uint16_t, Line>> m_lines;  // by program number, kept when a program goes
     int m_patVersion = -1;
     std::vector<std::uint8_t> m_carry;  // bytes of a packet cut between two pushes
