@@ -374,7 +374,8 @@ void TsDemux::sectionBytes(PidState& s, const std::uint8_t* p, std::size_t n) {
         }
         std::size_t total = 3;
         if (b.size() >= 3) total = 3 + (((static_cast<std::size_t>(b[1]) & 0x0F) << 8) | b[2]);
-        if (total > kMaxSection) {
+        // Shorter than its header and CRC, or longer than a section may be: the rest of the packet is not read.
+        if (total > kMaxSection || (b.size() >= 3 && total < 3 + 5)) {
             ++m_stats.badSections;
             s.collecting = false;
             b.clear();
@@ -384,7 +385,7 @@ void TsDemux::sectionBytes(PidState& s, const std::uint8_t* p, std::size_t n) {
         b.insert(b.end(), p, p + take);
         p += take;
         n -= take;
-        if (b.size() == total && total > 3) {
+        if (b.size() == total && b.size() > 3) {
             section(s);
             if (m_pids[s.pid].get() != &s) return;  // a PAT or PMT change removed this PID
             b.clear();

@@ -56,6 +56,9 @@ std::vector<std::uint8_t> ts(const std::string& header, const std::string& paylo
 const auto kPat = ts("47 40 00 10", "00 00 B0 0D 00 01 C1 00 00 00 01 E1 00 E8 F9 5E 7D");
 // PMT of program 1, version 0: PCR on 0x101; H.264 (type 0x1B) on 0x101, ADTS (0x0F) on 0x102, SCTE-35 (0x86) on
 // 0x103, no descriptors (section_length 28). Version 1 (C3) leaves the audio out (section_length 23).
+// A PAT section of length 0 (B0 00), then the PAT again with counter 1.
+const auto kEmptyPat = ts("47 40 00 10", "00 00 B0 00");
+const auto kPatAgain = ts("47 40 00 11", "00 00 B0 0D 00 01 C1 00 00 00 01 E1 00 E8 F9 5E 7D");
 const auto kPmt = ts("47 41 00 10", "00 02 B0 1C 00 01 C1 00 00 E1 01 F0 00 1B E1 01 F0 00 0F E1 02 F0 00 86 E1 03 F0 00 "
                                     "15 E9 47 57");
 const auto kPmtV1 = ts("47 41 00 11", "00 02 B0 17 00 01 C3 00 00 E1 01 F0 00 1B E1 01 F0 00 86 E1 03 F0 00 B5 26 6E D7");
@@ -152,6 +155,9 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"PmtVersionChangeRemovesAStream",
              {kPat, kPmt, kAudio, kPmtV1, kAudioAgain},
              {"pes 258 8 A0-A0 pts=126000 dts=126000", "lost 0 duplicates 0 bad sections 0 PMT changes 1"}},
+        Case{"SectionOfLengthZero",
+             {kEmptyPat, kPatAgain, kPmt, kAudio},
+             {"pes 258 8 A0-A0 pts=126000 dts=126000", "lost 0 duplicates 0 bad sections 1 PMT changes 0"}},
         Case{"SectionAcrossPacketsThenOneWithABadCrc",
              {kPat, kPmt, kPcr, kSpliceStart, kSpliceEnd, kSpliceBadCrc},
              {"section 259 20 clock=90000", "lost 0 duplicates 0 bad sections 1 PMT changes 0"}}),
