@@ -77,7 +77,9 @@ ProbedInput::~ProbedInput() {
 
 int ProbedInput::read(void* self, std::uint8_t* buffer, int size) {
     auto* probe = static_cast<ProbedInput*>(self);
-    const int got = avio_read(probe->m_source, buffer, size);
+    // A live source hands on what has come, rather than wait for the whole buffer.
+    const int got = probe->m_live ? avio_read_partial(probe->m_source, buffer, size)
+                                  : avio_read(probe->m_source, buffer, size);
     if (got <= 0) return got == 0 ? AVERROR_EOF : got;
     // Only bytes that continue the recording from the start are kept: libavformat may look at the end of a file.
     const auto recorded = static_cast<std::int64_t>(probe->m_recorded.size());

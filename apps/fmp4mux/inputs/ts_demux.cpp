@@ -446,10 +446,7 @@ void TsDemux::readPat(const std::uint8_t* p, std::size_t n) {
             if (!listed(st.pid)) forget(st.pid);
     }
     m_programs = std::move(programs);
-    for (const Program& program : m_programs) {
-        PidState& pmt = add(program.pmtPid, PidState::kPmt, program.number);
-        (void)pmt;
-    }
+    for (const Program& program : m_programs) add(program.pmtPid, PidState::kPmt, program.number);
 }
 
 void TsDemux::readPmt(std::uint16_t pid, const std::uint8_t* p, std::size_t n) {

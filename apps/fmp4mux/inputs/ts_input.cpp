@@ -151,9 +151,11 @@ std::optional<double> TsInput::keyFrameInterval(double maxSeconds) {
     KeyFrameMeter meter(m_kept.size(), video, maxSeconds);
     m_meter = &meter;
     m_readingAhead = true;
-    bool failed = false;
-    while (meter.wantsMore() && feed(failed)) {
+    bool failed = false, more = true;
+    while (meter.wantsMore() && (more = feed(failed))) {
     }
+    // The whole input was read ahead: what it leaves under way is measured too.
+    if (!more && !failed) m_demux.finish();
     m_meter = nullptr;
     m_readingAhead = false;
     if (failed) m_error.clear();  // run() meets it again

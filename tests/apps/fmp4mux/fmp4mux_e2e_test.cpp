@@ -583,6 +583,10 @@ TEST(Fmp4muxEndToEnd, APipedInputAnnouncesItsMeasuredRateAndItsAudioTrackItsLang
     ASSERT_TRUE(std::regex_search(manifest, m, std::regex("QualityLevel Index=\"0\" Bitrate=\"(\\d+)\" FourCC=\"H264\"")))
         << manifest;
     EXPECT_NEAR(std::stod(m[1]), 400000, 150000) << "kH264 is encoded at 400 kbit/s";
+    // libavformat's demuxer measures the same packets, to the end of the input.
+    const fs::path libav = dir() / "piped-smooth-libav";
+    ASSERT_EQ(sh("cat " + q(made(kH264)) + " | " + mux("-f smooth --demuxer libavformat - " + q(libav))).exitCode, 0);
+    EXPECT_NE(readText(libav / "Manifest").find("QualityLevel Index=\"0\" Bitrate=\"" + m[1].str() + "\""), npos);
     const Outcome language = sh("ffprobe -v error -show_entries stream_tags=language -of csv=p=0 " + q(joinTrack(out, "audio:0")));
     EXPECT_EQ(language.output, "fra\n");
 }

@@ -157,6 +157,7 @@ TEST(Options, RefusedCommandLinesSayWhy) {
         {{"-f", "dash,ts", "a", "out"}, "unknown format 'ts' (dash, hls or smooth"},
         {{"-f", "hls,smooth", "a", "out"}, "package smooth in a run of its own"},
         {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt, separate-audio or low-latency)"},
+        {{"--demuxer", "ffmpeg", "a", "out"}, "--demuxer is 'internal' or 'libavformat', not 'ffmpeg'"},
         {{"-m", "low-latency", "-f", "smooth", "a", "out"}, "the low-latency mode is for DASH and HLS only"},
         {{"-m", "low-latency", "--media-template", "${time}.mp4", "a", "out"}, "names segments by ${number}"},
         {{"--serve", "host:http", "a", "out"}, "--serve takes [ADDR:]PORT, not 'host:http'"},
