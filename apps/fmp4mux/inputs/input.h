@@ -34,6 +34,9 @@ struct Packet {
     std::int64_t duration = 0;        // 100 ns units, 0 when unknown
     bool key = false;      // a video access unit a decoder can start at
     bool damaged = false;  // the source lost or broke part of it (a transport continuity error)
+    // The source marked its time base as broken since the stream's last packet (the MPEG-TS discontinuity
+    // indicator): these times need not follow on from the ones before.
+    bool discontinuity = false;
 };
 
 class Input {

@@ -163,8 +163,6 @@ std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::v
         kept.id = stream->id;
         kept.sourceIndex = static_cast<int>(i);
         kept.bitrate = static_cast<std::uint32_t>(par->bit_rate);
-        kept.timeBaseNum = stream->time_base.num;
-        kept.timeBaseDen = stream->time_base.den;
         kept.video = par->codec_id == AV_CODEC_ID_H264 || par->codec_id == AV_CODEC_ID_HEVC;
         kept.hevc = par->codec_id == AV_CODEC_ID_HEVC;
         switch (par->codec_id) {

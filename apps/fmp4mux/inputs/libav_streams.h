@@ -74,7 +74,6 @@ struct KeptStream {
     bool webVtt = false, subRip = false;
     std::vector<std::uint8_t> asc;
     std::uint32_t bitrate = 0;
-    int timeBaseNum = 1, timeBaseDen = 1;
 };
 
 // The streams of `format` (opened, its streams found) that fmp4mux packages, those of one program when it has

@@ -30,13 +30,14 @@ TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector
           [this](const TsDemux::Pes& pes) {
               const int stream = m_pidToStream[pes.pid];
               if (stream < 0) return;
-              take(Unit{static_cast<std::size_t>(stream), pes.data, pes.size, pes.pts, pes.dts, std::nullopt, pes.damaged});
+              take(Unit{static_cast<std::size_t>(stream), pes.data, pes.size, pes.pts, pes.dts, std::nullopt, pes.damaged,
+                        pes.discontinuity});
           },
           [this](const TsDemux::Section& section) {
               const int stream = m_pidToStream[section.pid];
               if (stream < 0) return;
               take(Unit{static_cast<std::size_t>(stream), section.data, section.size, std::nullopt, std::nullopt,
-                        section.clock, false});
+                        section.clock, false, false});
           }}) {
     m_pidToStream.fill(-1);
     AVFormatContext* fmt = m_probe->format();
@@ -104,6 +105,7 @@ void TsInput::deliver(const Unit& unit) {
     out.stream = unit.stream;
     out.damaged = unit.damaged && !(kept.adts && wholeAdtsFrames(unit.data, unit.size));
     out.key = kept.video && annexBRandomAccess(unit.data, unit.size, kept.hevc);
+    out.discontinuity = unit.discontinuity;
     if (unit.pts) out.pts = av_rescale_q(*unit.pts, kClock90k, kHundredNs);
     if (unit.dts) out.dts = av_rescale_q(*unit.dts, kClock90k, kHundredNs);
     if (kept.rawAac) {

@@ -50,6 +50,7 @@ private:
         std::size_t size = 0;
         std::optional<std::int64_t> pts, dts, clock;
         bool damaged = false;
+        bool discontinuity = false;
     };
     struct Held {  // a unit read ahead, with its bytes
         Unit unit;
