@@ -22,6 +22,7 @@
 #include "apps/fmp4mux/inputs/reader.h"
 #include "apps/fmp4mux/inputs/subtitle_input.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
+#include "apps/fmp4mux/inputs/ts_input.h"
 #include "apps/fmp4mux/manifests/hls.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
@@ -95,11 +96,26 @@ int run(int argc, char** argv) {
                 inputs.push_back(std::move(subtitles));
                 continue;
             }
+            // An MPEG-TS goes to fmp4mux's own reader, unless --demuxer says otherwise; anything else stays with
+            // libavformat, which probed it.
             std::vector<std::string> notes;
-            auto media = std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
-                                                      &control.interrupted, options.program, &notes);
-            libavInputs.push_back(media.get());
-            inputs.push_back(std::move(media));
+            std::unique_ptr<LibavInput> libav;
+            if (options.libavDemuxer) {
+                libav = std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
+                                                     &control.interrupted, options.program, &notes);
+            } else {
+                auto probe = std::make_unique<ProbedInput>(options.inputs[i], &control.interrupted);
+                if (probe->plainMpegTs())
+                    inputs.push_back(std::make_unique<TsInput>(std::move(probe), static_cast<int>(i), skipped,
+                                                               options.program, &notes));
+                else
+                    libav = std::make_unique<LibavInput>(std::move(probe), static_cast<int>(i), skipped,
+                                                         options.program, &notes);
+            }
+            if (libav) {
+                libavInputs.push_back(libav.get());
+                inputs.push_back(std::move(libav));
+            }
             for (const auto& note : notes) say(note);
         } catch (const ExitError&) {
             throw;
@@ -398,12 +414,14 @@ int run(int argc, char** argv) {
         if (presentation.failure()) control.stop = true;
         if (control.stop.load()) presentation.wake();
         if (!options.quiet) {
-            std::uint64_t dropped = 0;
-            for (const auto& [d, reader] : readers)
+            std::uint64_t dropped = 0, lost = 0;
+            for (const auto& [d, reader] : readers) {
                 dropped += reader->damage().videoFramesDropped() + reader->damage().audioPacketsDropped();
+                lost += inputs[d]->packetsLost();
+            }
             showProgress(presentation.mediaSeconds(), presentation.chunks(),
                          std::chrono::duration<double>(Clock::now() - started).count(), dropped,
-                         packager.keyServerDown());
+                         packager.keyServerDown(), lost);
         }
         if (control.stop.load() && presentation.failure()) break;
     }
@@ -423,6 +441,12 @@ int run(int argc, char** argv) {
              " video frames dropped (" + std::to_string(damage.damagedVideoFrames()) +
              " damaged and those after them up to the next key frame) and " +
              std::to_string(damage.audioPacketsDropped()) + " damaged audio packets");
+    }
+    for (const auto& [d, reader] : readers) {
+        const std::uint64_t lost = inputs[d]->packetsLost(), dropped = inputs[d]->pesDropped();
+        if (lost + dropped == 0) continue;
+        warn("input " + std::to_string(d) + " lost " + std::to_string(lost) + " transport packets (continuity gaps)" +
+             (dropped > 0 ? " and " + std::to_string(dropped) + " PES that could not be read" : ""));
     }
     for (const auto& [d, reader] : readers)
         if (!reader->error().empty()) warn("reading input " + std::to_string(d) + " stopped early: " + reader->error());

@@ -35,11 +35,12 @@ void say(const std::string& text) { std::fprintf(stderr, "fmp4mux: %s\n", text.c
 void warn(const std::string& text) { std::fprintf(stderr, "\r\033[Kfmp4mux: warning: %s\n", text.c_str()); }
 
 void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds, std::uint64_t damagedDropped,
-                  bool keyServerDown) {
+                  bool keyServerDown, std::uint64_t packetsLost) {
     std::fprintf(stderr, "\r\033[Kfmp4mux: %.1f s packaged | %llu chunks | %.1fx real time", mediaSeconds,
                  static_cast<unsigned long long>(chunks), wallSeconds > 0 ? mediaSeconds / wallSeconds : 0.0);
     if (damagedDropped > 0)
         std::fprintf(stderr, " | %llu damaged dropped", static_cast<unsigned long long>(damagedDropped));
+    if (packetsLost > 0) std::fprintf(stderr, " | %llu TS packets lost", static_cast<unsigned long long>(packetsLost));
     if (keyServerDown) std::fprintf(stderr, " | key server down, last key kept");
 }
 

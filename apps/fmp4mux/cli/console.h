@@ -32,9 +32,10 @@ void say(const std::string& text);
 // A warning: "fmp4mux: warning: <text>".
 void warn(const std::string& text);
 
-// The progress line, rewritten in place; `damagedDropped` counts the frames and packets dropped as damaged.
+// The progress line, rewritten in place; `damagedDropped` counts the frames and packets dropped as damaged,
+// `packetsLost` the transport packets the inputs lost.
 void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds, std::uint64_t damagedDropped,
-                  bool keyServerDown = false);
+                  bool keyServerDown = false, std::uint64_t packetsLost = 0);
 void clearProgress();
 
 // Where the result is and how to play it.

@@ -414,6 +414,16 @@ with nothing to package; 4 output folder not writable.
            "the program to package of inputs with several (an MPTS), by its number (default the first)")
         ->type_name("N")
         ->check(CLI::Range(1, 65535));
+    app.add_option_function<std::string>(
+           "--demuxer",
+           [&o](const std::string& name) {
+               if (name != "internal" && name != "libavformat")
+                   refuse("--demuxer is 'internal' or 'libavformat', not '" + name + "'");
+               o.libavDemuxer = name == "libavformat";
+           },
+           "what reads MPEG-TS inputs: 'internal' (fmp4mux's own reader, the default) or\n"
+           "'libavformat' (other containers are always read with libavformat)")
+        ->type_name("NAME");
     app.add_flag("-q,--quiet", o.quiet, "no progress line");
     app.add_flag_function("-v,--verbose", [&o](std::int64_t count) { o.verbosity += static_cast<int>(count); },
                           "more log lines (repeat for debug: -vv)");

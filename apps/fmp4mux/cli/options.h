@@ -54,6 +54,7 @@ struct Options {
     std::optional<std::string> initTemplate;
     std::optional<std::string> mediaTemplate;
     std::optional<int> program;  // of an input with several programs; the first by default
+    bool libavDemuxer = false;   // MPEG-TS read with libavformat rather than fmp4mux's own reader
     bool realtime = false;
     std::vector<int> follow;  // subtitle inputs read as they grow (named pipes are, always)
     std::uint32_t timeShiftBufferSeconds = 60;

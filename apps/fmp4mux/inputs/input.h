@@ -1,6 +1,6 @@
 #pragma once
 // An input of fmp4mux: a source of elementary streams, each packet in the byte form the packager reads, with its
-// times in 100 ns units. Readers (libavformat today; our own MPEG-TS reader and subtitle files later) implement it.
+// times in 100 ns units. Readers (libavformat, fmp4mux's own MPEG-TS reader, subtitle files) implement it.
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -34,6 +34,9 @@ struct Packet {
     std::int64_t duration = 0;        // 100 ns units, 0 when unknown
     bool key = false;      // a video access unit a decoder can start at
     bool damaged = false;  // the source lost or broke part of it (a transport continuity error)
+    // The source marked its time base as broken since the stream's last packet (the MPEG-TS discontinuity
+    // indicator): these times need not follow on from the ones before.
+    bool discontinuity = false;
 };
 
 class Input {
@@ -61,6 +64,10 @@ public:
     }
     // The presentation time (100 ns units) of that stream's first key frame, once keyFrameInterval() has looked.
     virtual std::optional<std::int64_t> firstKeyFrameTime() const { return std::nullopt; }
+    // Transport packets found missing, and PES left out, so far (an MPEG-TS read by fmp4mux's own reader); read from
+    // any thread.
+    virtual std::uint64_t packetsLost() const { return 0; }
+    virtual std::uint64_t pesDropped() const { return 0; }
 };
 
 }  // namespace fmp4mux

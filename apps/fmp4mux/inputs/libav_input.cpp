@@ -7,8 +7,8 @@
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
+#include "apps/fmp4mux/inputs/libav_streams.h"
 #include "apps/fmp4mux/inputs/subtitle_cues.h"
-#include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -22,8 +22,6 @@ extern "C" {
 namespace fmp4mux {
 
 namespace {
-constexpr std::uint32_t kMpeg1Audio = 1, kH264 = 2, kDolby = 3, kAdts = 4, kLatm = 5, kRawAac = 10, kScte35 = 12,
-                        kHevc = 17, kWebVtt = 20;
 constexpr AVRational kHundredNs{1, 10000000};
 
 std::string avError(int code) {
@@ -61,27 +59,17 @@ std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc,
 
 struct LibavInput::Impl {
     AVFormatContext* format = nullptr;
-    const std::atomic<bool>* interrupt = nullptr;
-    const std::atomic<bool>* stop = nullptr;
-    static int interrupted(void* self) {
-        const auto* impl = static_cast<const Impl*>(self);
-        return (impl->interrupt && impl->interrupt->load()) || (impl->stop && impl->stop->load()) ? 1 : 0;
-    }
-    // Per kept stream: its source index, an optional bitstream filter to Annex B, and how AAC is carried.
+    std::unique_ptr<ProbedInput> probe;  // the I/O libavformat reads through, when the input was probed first
+    InterruptFlags ownFlags;
+    InterruptFlags* flags = &ownFlags;
+    // Per kept stream: what it is, its bitstream filter to Annex B, and what reading it keeps.
     struct Kept {
-        int sourceIndex = -1;
+        KeptStream stream;
         AVBSFContext* toAnnexB = nullptr;
-        bool rawAac = false;
-        bool video = false, hevc = false;
-        bool adts = false;
-        bool scte35 = false;
-        bool webVtt = false, subRip = false;  // subtitles, delivered as WebVTT cues
+        AVRational timeBase{1, 1};
         std::optional<std::int64_t> covered;  // where the subtitle items delivered end, 100 ns
         bool dtsSeen = false;                 // video: a decoding time has been given
         std::vector<AVPacket*> waitingForDts;
-        std::vector<std::uint8_t> asc;
-        std::uint32_t bitrate = 0;
-        AVRational timeBase{1, 1};
     };
     std::vector<Kept> kept;
     std::vector<int> sourceToKept;
@@ -99,18 +87,18 @@ struct LibavInput::Impl {
     ~Impl() {
         for (auto* p : readAhead) av_packet_free(&p);
         for (auto& k : kept) av_bsf_free(&k.toAnnexB);
-        if (format) avformat_close_input(&format);
+        if (format && !probe) avformat_close_input(&format);
     }
 };
 
 LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
                        const std::atomic<bool>* interrupt, std::optional<int> program, std::vector<std::string>* notes)
     : m_impl(std::make_unique<Impl>()) {
-    m_impl->interrupt = interrupt;
+    m_impl->ownFlags.interrupt = interrupt;
     m_impl->format = avformat_alloc_context();
     if (m_impl->format == nullptr) throw std::runtime_error("out of memory opening '" + url + "'");
-    m_impl->format->interrupt_callback.callback = &Impl::interrupted;
-    m_impl->format->interrupt_callback.opaque = m_impl.get();
+    m_impl->format->interrupt_callback.callback = &InterruptFlags::check;
+    m_impl->format->interrupt_callback.opaque = &m_impl->ownFlags;
     const std::string source = url == "-" ? "pipe:0" : url;
     m_live = source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
              source == "pipe:0";
@@ -122,147 +110,46 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
     if (opened < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(opened));
     const int found = avformat_find_stream_info(m_impl->format, nullptr);
     if (found < 0) throw std::runtime_error("cannot read the streams of '" + url + "': " + avError(found));
+    setUp(inputIndex, skipped, program, notes);
+}
 
+LibavInput::LibavInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
+                       std::optional<int> program, std::vector<std::string>* notes)
+    : m_impl(std::make_unique<Impl>()) {
+    probe->stopRecording();
+    m_live = probe->live();
+    m_canWait = probe->canWait();
+    m_impl->format = probe->format();
+    m_impl->flags = &probe->flags();
+    m_impl->probe = std::move(probe);
+    setUp(inputIndex, skipped, program, notes);
+}
+
+void LibavInput::setUp(int inputIndex, std::vector<std::string>& skipped, std::optional<int> program,
+                       std::vector<std::string>* notes) {
     AVFormatContext* fmt = m_impl->format;
     // The packager finds access units itself (start codes, ADTS and LOAS syncs, timestamps), so the container's
     // payloads go to it as they are: no codec parser splits or joins them on the way, which halves the cost of
     // reading an MPEG-TS. The stream list above was read with the parsers on.
     if (std::string(fmt->iformat->name) == "mpegts") fmt->flags |= AVFMT_FLAG_NOPARSE | AVFMT_FLAG_NOFILLIN;
     m_impl->sourceToKept.assign(fmt->nb_streams, -1);
-    // One program of several: its streams only.
-    std::vector<bool> inProgram(fmt->nb_streams, true);
-    if (fmt->nb_programs > 1 || (program && fmt->nb_programs > 0)) {
-        const AVProgram* chosen = nullptr;
-        std::string numbers;
-        for (unsigned p = 0; p < fmt->nb_programs; ++p) {
-            numbers += (p ? ", " : "") + std::to_string(fmt->programs[p]->id);
-            if (chosen == nullptr && (!program || fmt->programs[p]->id == *program)) chosen = fmt->programs[p];
-        }
-        if (chosen == nullptr)
-            throw ExitError(kExitUsage, "input " + std::to_string(inputIndex) + " has no program " +
-                                            std::to_string(*program) + " (its programs: " + numbers + ")");
-        inProgram.assign(fmt->nb_streams, false);
-        for (unsigned k = 0; k < chosen->nb_stream_indexes; ++k)
-            if (chosen->stream_index[k] < fmt->nb_streams) inProgram[chosen->stream_index[k]] = true;
-        if (notes != nullptr && fmt->nb_programs > 1)
-            notes->push_back("input " + std::to_string(inputIndex) + ": program " + std::to_string(chosen->id) +
-                             " of programs " + numbers + (program ? "" : " (--program picks another)"));
-    } else if (program && fmt->nb_programs == 0 && *program != 1) {
-        throw ExitError(kExitUsage, "input " + std::to_string(inputIndex) + " has no program " + std::to_string(*program));
-    }
-    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
-        if (!inProgram[i]) {
-            fmt->streams[i]->discard = AVDISCARD_ALL;
-            continue;
-        }
-        const AVStream* stream = fmt->streams[i];
-        const AVCodecParameters* par = stream->codecpar;
-        StreamInfo info;
-        info.input = inputIndex;
-        info.sourceIndex = static_cast<int>(i);
-        info.codec = avcodec_get_name(par->codec_id);
-        info.bitrate = par->bit_rate;
-        if (const AVDictionaryEntry* lang = av_dict_get(stream->metadata, "language", nullptr, 0)) info.language = lang->value;
-        info.width = par->width;
-        info.height = par->height;
-        info.sampleRate = par->sample_rate;
-        info.channels = par->ch_layout.nb_channels;
+    for (KeptStream& stream : keptStreams(fmt, inputIndex, skipped, program, notes)) {
         Impl::Kept kept;
-        kept.sourceIndex = static_cast<int>(i);
-        kept.bitrate = static_cast<std::uint32_t>(par->bit_rate);
-        kept.timeBase = stream->time_base;
-        kept.video = par->codec_id == AV_CODEC_ID_H264 || par->codec_id == AV_CODEC_ID_HEVC;
-        kept.hevc = par->codec_id == AV_CODEC_ID_HEVC;
-        const char* annexB = nullptr;
-        switch (par->codec_id) {
-            case AV_CODEC_ID_H264:
-                info.streamType = kH264;
-                info.kind = "video";
-                if (par->extradata_size > 0 && par->extradata[0] == 1) annexB = "h264_mp4toannexb";
-                break;
-            case AV_CODEC_ID_HEVC:
-                info.streamType = kHevc;
-                info.kind = "video";
-                if (par->extradata_size > 0 && par->extradata[0] == 1) annexB = "hevc_mp4toannexb";
-                break;
-            // AC-3, E-AC-3 and MPEG-1 audio travel as whole sync frames in MPEG-TS and MP4 alike; the packager
-            // finds the frames itself. MP3 is MPEG-1 Layer III, which the packager takes under its Layer III option.
-            case AV_CODEC_ID_AC3:
-            case AV_CODEC_ID_EAC3:
-                info.streamType = kDolby;
-                info.kind = "audio";
-                break;
-            case AV_CODEC_ID_MP2:
-            case AV_CODEC_ID_MP3:
-                info.streamType = kMpeg1Audio;
-                info.kind = "audio";
-                break;
-            case AV_CODEC_ID_AAC_LATM:
-                info.streamType = kLatm;
-                info.kind = "audio";
-                break;
-            case AV_CODEC_ID_AAC:
-                info.kind = "audio";
-                // An AudioSpecificConfig in the stream header means raw frames (as in MP4); without one the frames
-                // carry ADTS headers (as in MPEG-TS).
-                if (par->extradata_size >= 2) {
-                    info.streamType = kRawAac;
-                    kept.rawAac = true;
-                    kept.asc.assign(par->extradata, par->extradata + par->extradata_size);
-                } else {
-                    info.streamType = kAdts;
-                    kept.adts = true;
-                }
-                break;
-            // SCTE-35 splice information (stream type 0x86): one section a packet.
-            case AV_CODEC_ID_SCTE_35:
-                info.streamType = kScte35;
-                info.kind = "scte35";
-                kept.scte35 = true;
-                break;
-            // Subtitles in the container (WebVTT, SubRip in Matroska or MP4) go out as a WebVTT stream.
-            case AV_CODEC_ID_WEBVTT:
-            case AV_CODEC_ID_SUBRIP:
-                info.streamType = kWebVtt;
-                info.kind = "text";
-                info.bitrate = 1000;
-                kept.webVtt = par->codec_id == AV_CODEC_ID_WEBVTT;
-                kept.subRip = !kept.webVtt;
-                break;
-            default: {
-                const char* type = av_get_media_type_string(par->codec_type);
-                if (par->codec_type == AVMEDIA_TYPE_VIDEO || par->codec_type == AVMEDIA_TYPE_AUDIO ||
-                    par->codec_type == AVMEDIA_TYPE_SUBTITLE)
-                    skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(i) + ": " +
-                                      (type ? type : "data") + " codec '" + info.codec + "' is not supported");
-                continue;
-            }
-        }
-        if (annexB != nullptr) {
-            const AVBitStreamFilter* filter = av_bsf_get_by_name(annexB);
+        const AVStream* source = fmt->streams[stream.sourceIndex];
+        kept.timeBase = source->time_base;
+        if (stream.toAnnexB != nullptr) {
+            const AVBitStreamFilter* filter = av_bsf_get_by_name(stream.toAnnexB);
             if (filter == nullptr || av_bsf_alloc(filter, &kept.toAnnexB) < 0)
-                throw std::runtime_error(std::string("cannot create the ") + annexB + " filter");
-            avcodec_parameters_copy(kept.toAnnexB->par_in, par);
-            kept.toAnnexB->time_base_in = stream->time_base;
-            if (av_bsf_init(kept.toAnnexB) < 0) throw std::runtime_error(std::string("cannot start the ") + annexB + " filter");
+                throw std::runtime_error(std::string("cannot create the ") + stream.toAnnexB + " filter");
+            avcodec_parameters_copy(kept.toAnnexB->par_in, source->codecpar);
+            kept.toAnnexB->time_base_in = source->time_base;
+            if (av_bsf_init(kept.toAnnexB) < 0)
+                throw std::runtime_error(std::string("cannot start the ") + stream.toAnnexB + " filter");
         }
-        // A stream type that the packager cannot analyse yet would hold the session: leave it out. SCTE-35 is read
-        // whatever the engine takes, since fmp4mux makes its events itself.
-        if (!kept.scte35 && !tvrn::encoding::filter::packagesStreamType(info.streamType)) {
-            skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(i) + ": codec '" +
-                              info.codec + "' is not supported by this packager");
-            continue;
-        }
-        if (info.bitrate <= 0 && par->codec_type == AVMEDIA_TYPE_VIDEO && fmt->bit_rate > 0) {
-            // The container's rate less what its other streams declare: a fair first estimate of the video's.
-            std::int64_t others = 0;
-            for (unsigned j = 0; j < fmt->nb_streams; ++j)
-                if (j != i) others += std::max<std::int64_t>(fmt->streams[j]->codecpar->bit_rate, 0);
-            if (fmt->bit_rate > others) info.bitrate = fmt->bit_rate - others;
-        }
-        m_impl->sourceToKept[i] = static_cast<int>(m_impl->kept.size());
-        m_impl->kept.push_back(kept);
-        m_streams.push_back(info);
+        m_streams.push_back(stream.info);
+        m_impl->sourceToKept[static_cast<std::size_t>(stream.sourceIndex)] = static_cast<int>(m_impl->kept.size());
+        kept.stream = std::move(stream);
+        m_impl->kept.push_back(std::move(kept));
     }
 }
 
@@ -274,109 +161,41 @@ void LibavInput::drop(std::size_t index) {
     m_impl->format->streams[source]->discard = AVDISCARD_ALL;
 }
 
-namespace {
-// Whether an Annex B access unit is a random access picture: its first slice is an IDR slice of H.264, an IRAP
-// picture of HEVC. Only the NAL units ahead of the first slice are looked at (delimiter, parameter sets, SEI),
-// so the cost does not grow with the picture. MPEG-TS is read without libavformat's parsers, so its packets carry
-// no reliable key-frame flag of their own.
-bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
-    for (std::size_t i = 0; i + 3 < size; ++i) {
-        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-        const std::uint8_t header = data[i + 3];
-        if (hevc) {
-            const int type = (header >> 1) & 0x3F;
-            if (type < 32) return type >= 16 && type <= 21;  // the first VCL unit decides
-        } else {
-            const int type = header & 0x1F;
-            if (type >= 1 && type <= 5) return type == 5;
-        }
-        i += 2;
-    }
-    return false;
-}
-
-// Whether a PES of ADTS frames holds whole frames from its first byte to its last. The demuxer flags a PES as
-// damaged when the transport packet after it broke the continuity count, which a splice of two recordings does
-// too; a PES whose frame lengths add up exactly to its size lost nothing.
-bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) {
-    std::size_t at = 0;
-    while (at + 7 <= size) {
-        if (data[at] != 0xFF || (data[at + 1] & 0xF6) != 0xF0) return false;
-        const std::size_t length = ((data[at + 3] & 0x03u) << 11) | (static_cast<std::size_t>(data[at + 4]) << 3) |
-                                   (data[at + 5] >> 5);
-        if (length < 7) return false;
-        at += length;
-    }
-    return at == size && size > 0;
-}
-}  // namespace
-
 std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
     AVFormatContext* fmt = m_impl->format;
-    int video = -1;
-    for (const auto& k : m_impl->kept)
-        if (fmt->streams[k.sourceIndex]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
-            video = k.sourceIndex;
-            break;
-        }
-    if (video < 0) return std::nullopt;
-    const AVRational timeBase = fmt->streams[video]->time_base;
-    std::vector<double> keys;  // seconds
-    std::optional<double> first;
-    std::size_t bytes = 0;
-    // Per kept stream, what the read-ahead holds of it: bytes, and the first and last decoding times in seconds.
-    struct Seen {
-        std::size_t bytes = 0;
-        std::optional<double> first, last;
-    };
-    std::vector<Seen> seen(m_impl->kept.size());
-    // Four key frames give three intervals; the read-ahead is bounded in time and in memory.
-    while (keys.size() < 4 && bytes < (64u << 20)) {
+    std::optional<std::size_t> video;
+    for (std::size_t k = 0; k < m_impl->kept.size() && !video; ++k)
+        if (m_impl->kept[k].stream.video) video = k;
+    if (!video) return std::nullopt;
+    KeyFrameMeter meter(m_impl->kept.size(), video, maxSeconds);
+    while (meter.wantsMore()) {
         AVPacket* packet = av_packet_alloc();
         if (av_read_frame(fmt, packet) < 0) {
             av_packet_free(&packet);
             break;
         }
-        bytes += static_cast<std::size_t>(packet->size);
         m_impl->readAhead.push_back(packet);
         const int keptIndex = packet->stream_index >= 0 && static_cast<std::size_t>(packet->stream_index) < m_impl->sourceToKept.size()
                                   ? m_impl->sourceToKept[static_cast<std::size_t>(packet->stream_index)]
                                   : -1;
-        const std::int64_t when = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-        if (keptIndex >= 0 && when != AV_NOPTS_VALUE) {
-            Seen& s = seen[static_cast<std::size_t>(keptIndex)];
-            const double at = static_cast<double>(when) * av_q2d(fmt->streams[packet->stream_index]->time_base);
-            s.bytes += static_cast<std::size_t>(packet->size);
-            if (!s.first) s.first = at;
-            s.last = at;
+        std::optional<std::size_t> stream;
+        std::optional<double> seconds;
+        std::optional<std::int64_t> pts;
+        if (keptIndex >= 0) {
+            stream = static_cast<std::size_t>(keptIndex);
+            const AVRational timeBase = m_impl->kept[*stream].timeBase;
+            const std::int64_t when = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+            if (when != AV_NOPTS_VALUE) seconds = static_cast<double>(when) * av_q2d(timeBase);
+            if (packet->pts != AV_NOPTS_VALUE) pts = av_rescale_q(packet->pts, timeBase, kHundredNs);
         }
-        if (packet->stream_index != video) continue;
-        const std::int64_t t = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-        if (t == AV_NOPTS_VALUE) continue;
-        const double seconds = static_cast<double>(t) * av_q2d(timeBase);
-        if (!first) first = seconds;
-        if (seconds - *first > maxSeconds) break;
-        const bool hevc = fmt->streams[video]->codecpar->codec_id == AV_CODEC_ID_HEVC;
-        if ((packet->flags & AV_PKT_FLAG_KEY) != 0 ||
-            annexBRandomAccess(packet->data, static_cast<std::size_t>(packet->size), hevc)) {
-            keys.push_back(seconds);
-            if (!m_firstKey && packet->pts != AV_NOPTS_VALUE) m_firstKey = av_rescale_q(packet->pts, timeBase, kHundredNs);
-        }
+        meter.add(stream, static_cast<std::size_t>(packet->size), seconds, pts, [&] {
+            return (packet->flags & AV_PKT_FLAG_KEY) != 0 ||
+                   annexBRandomAccess(packet->data, static_cast<std::size_t>(packet->size), m_impl->kept[*video].stream.hevc);
+        });
     }
-    // A stream whose rate neither it nor its container tells (a live or piped input) is measured on what was
-    // read, so that manifests announce a real rate and renditions rank as their media do.
-    for (std::size_t k = 0; k < seen.size(); ++k) {
-        const Seen& s = seen[k];
-        if (m_streams[k].bitrate > 0 || !s.first || *s.last - *s.first < 0.5) continue;
-        m_streams[k].bitrate = std::llround(static_cast<double>(s.bytes) * 8 / (*s.last - *s.first));
-    }
-    if (keys.size() < 2) return std::nullopt;
-    std::vector<double> intervals;
-    for (std::size_t i = 1; i < keys.size(); ++i) intervals.push_back(keys[i] - keys[i - 1]);
-    std::sort(intervals.begin(), intervals.end());
-    const double interval = intervals[intervals.size() / 2];
-    if (interval <= 0) return std::nullopt;
-    return interval;
+    meter.measureBitrates(m_streams);
+    m_firstKey = meter.firstKey();
+    return meter.interval();
 }
 
 namespace {
@@ -444,23 +263,13 @@ void emitSection(const AVPacket* p, AVRational timeBase, std::optional<std::int6
     else if (p->dts != AV_NOPTS_VALUE) clock = av_rescale_q(p->dts, timeBase, AVRational{1, 90000});
     else clock = lastVideoPts;
     if (!clock || p->size <= 0) return;  // before any video: nothing to time it by
-    Packet out;
-    out.stream = keptIndex;
-    out.key = true;
-    out.pts = av_rescale_q(*clock, AVRational{1, 90000}, kHundredNs);
-    out.dts = out.pts;
-    out.owned.resize(8 + static_cast<std::size_t>(p->size));
-    const auto value = static_cast<std::uint64_t>(*clock) & ((std::uint64_t{1} << 33) - 1);
-    for (int i = 0; i < 8; ++i) out.owned[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (56 - 8 * i));
-    std::memcpy(out.owned.data() + 8, p->data, static_cast<std::size_t>(p->size));
-    out.data = out.owned.data();
-    out.size = out.owned.size();
+    Packet out = sectionPacket(keptIndex, *clock, p->data, static_cast<std::size_t>(p->size));
     onPacket(out);
 }
 }  // namespace
 
 bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
-    m_impl->stop = &stop;
+    m_impl->flags->stop = &stop;
     AVPacket* packet = av_packet_alloc();
     bool ok = true;
     const AVRational kClock90k{1, 90000};
@@ -468,24 +277,24 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
 
     auto emit = [&](AVPacket* p, std::size_t keptIndex) {
         Impl::Kept& kept = m_impl->kept[keptIndex];
-        if (kept.video && p->pts != AV_NOPTS_VALUE) lastVideoPts = av_rescale_q(p->pts, kept.timeBase, kClock90k);
-        if (kept.scte35) return emitSection(p, kept.timeBase, lastVideoPts, onPacket, keptIndex);
-        if (kept.webVtt || kept.subRip)
-            return emitCueItems(p, kept.timeBase, kept.webVtt, m_maxTextGap, m_firstKey.value_or(0), kept.covered,
+        if (kept.stream.video && p->pts != AV_NOPTS_VALUE) lastVideoPts = av_rescale_q(p->pts, kept.timeBase, kClock90k);
+        if (kept.stream.scte35) return emitSection(p, kept.timeBase, lastVideoPts, onPacket, keptIndex);
+        if (kept.stream.webVtt || kept.stream.subRip)
+            return emitCueItems(p, kept.timeBase, kept.stream.webVtt, m_maxTextGap, m_firstKey.value_or(0), kept.covered,
                                 keptIndex, onPacket, m_warn);
         Packet out;
         out.stream = keptIndex;
         out.damaged = (p->flags & AV_PKT_FLAG_CORRUPT) != 0 &&
-                      !(kept.adts && wholeAdtsFrames(p->data, static_cast<std::size_t>(p->size)));
-        if (kept.video)
-            out.key = annexBRandomAccess(p->data, static_cast<std::size_t>(p->size), kept.hevc);
+                      !(kept.stream.adts && wholeAdtsFrames(p->data, static_cast<std::size_t>(p->size)));
+        if (kept.stream.video)
+            out.key = annexBRandomAccess(p->data, static_cast<std::size_t>(p->size), kept.stream.hevc);
         else
             out.key = (p->flags & AV_PKT_FLAG_KEY) != 0;
         if (p->pts != AV_NOPTS_VALUE) out.pts = av_rescale_q(p->pts, kept.timeBase, kHundredNs);
         if (p->dts != AV_NOPTS_VALUE) out.dts = av_rescale_q(p->dts, kept.timeBase, kHundredNs);
         if (p->duration > 0) out.duration = av_rescale_q(p->duration, kept.timeBase, kHundredNs);
-        if (kept.rawAac) {
-            out.owned = makeRawAacPacket(kept.asc, kept.bitrate, p->data, static_cast<std::size_t>(p->size));
+        if (kept.stream.rawAac) {
+            out.owned = makeRawAacPacket(kept.stream.asc, kept.stream.bitrate, p->data, static_cast<std::size_t>(p->size));
             out.data = out.owned.data();
             out.size = out.owned.size();
         } else {
@@ -526,7 +335,7 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
         // Matroska gives the first reordered pictures of a stream no decoding time, and the packager would take
         // the jump back to the first decoding time it is given as pictures out of order. They wait for that
         // time, and get the times one frame apart before it.
-        if (kept.video && !kept.dtsSeen) {
+        if (kept.stream.video && !kept.dtsSeen) {
             if (packet->dts == AV_NOPTS_VALUE && packet->pts != AV_NOPTS_VALUE && kept.waitingForDts.size() < 32) {
                 kept.waitingForDts.push_back(av_packet_clone(packet));
                 av_packet_unref(packet);
@@ -548,7 +357,7 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
     for (auto& k : m_impl->kept)
         for (AVPacket*& held : k.waitingForDts) av_packet_free(&held);
     av_packet_free(&packet);
-    m_impl->stop = nullptr;
+    m_impl->flags->stop = nullptr;
     return ok;
 }
 

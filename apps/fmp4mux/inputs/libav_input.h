@@ -7,6 +7,7 @@
 #include <string>
 
 #include "apps/fmp4mux/inputs/input.h"
+#include "apps/fmp4mux/inputs/libav_streams.h"
 
 namespace fmp4mux {
 
@@ -20,6 +21,9 @@ public:
     LibavInput(const std::string& url, int inputIndex, std::vector<std::string>& skipped,
                const std::atomic<bool>* interrupt = nullptr, std::optional<int> program = std::nullopt,
                std::vector<std::string>* notes = nullptr);
+    // Reads on with libavformat from an input already probed.
+    LibavInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
+               std::optional<int> program = std::nullopt, std::vector<std::string>* notes = nullptr);
     ~LibavInput() override;
     LibavInput(const LibavInput&) = delete;
     LibavInput& operator=(const LibavInput&) = delete;
@@ -41,6 +45,8 @@ public:
     }
 
 private:
+    void setUp(int inputIndex, std::vector<std::string>& skipped, std::optional<int> program,
+               std::vector<std::string>* notes);
     struct Impl;
     std::unique_ptr<Impl> m_impl;
     std::vector<StreamInfo> m_streams;

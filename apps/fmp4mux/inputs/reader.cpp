@@ -90,7 +90,7 @@ void InputReader::run() {
                 return forward(packet);
             }
             if (!m_timeline.place(m_index, static_cast<int>(packet.stream), streams[packet.stream].kind == "video",
-                                  packet.key, packet.pts, packet.dts, packet.duration))
+                                  packet.key, packet.pts, packet.dts, packet.duration, packet.discontinuity))
                 return;
             // A change of the offset that the timeline keeper applies is a timestamp jump taken out here.
             const std::optional<std::int64_t> placed = packet.dts ? packet.dts : packet.pts;

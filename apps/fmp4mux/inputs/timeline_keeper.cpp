@@ -31,7 +31,7 @@ void TimelineKeeper::announce(int input, std::size_t epoch, std::int64_t jump, s
 }
 
 bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
-                           std::optional<std::int64_t>& dts, std::int64_t duration) {
+                           std::optional<std::int64_t>& dts, std::int64_t duration, bool discontinuity) {
     if (!dts && !pts) return true;  // nothing to move; the packager times it from its neighbours
     std::lock_guard lock(m_mutex);
     Stream& s = m_streams[{input, stream}];
@@ -45,7 +45,8 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
     const std::int64_t raw = dts ? *dts : *pts;
     if (!s.seen) {
         s.epoch = m_inputEpoch[input];
-    } else if (!fits(s, raw + m_epochs[s.epoch].offset)) {
+    } else if (const std::int64_t placed = raw + m_epochs[s.epoch].offset;
+               !fits(s, placed) || (discontinuity && std::llabs(placed - s.due) > std::max<std::int64_t>(s.step, 1))) {
         const std::int64_t jump = raw + m_epochs[s.epoch].offset - s.due;
         if (const auto e = adoptableEpoch(input, s, raw)) {
             s.epoch = *e;

@@ -32,9 +32,10 @@ public:
     TimelineKeeper(std::int64_t bound, Log log) : m_bound(bound), m_log(std::move(log)) {}
 
     // Moves the times of one packet (100 ns units) onto the running timeline. False when the packet must be
-    // dropped. Safe to call from the reading threads of several inputs.
+    // dropped. Safe to call from the reading threads of several inputs. After a `discontinuity` the source
+    // signalled, a step of more than a packet from where the packet was due is a jump, however small.
     bool place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
-               std::optional<std::int64_t>& dts, std::int64_t duration);
+               std::optional<std::int64_t>& dts, std::int64_t duration, bool discontinuity = false);
 
     // Moves the times of a sparse stream's packet (SCTE-35 sections, seconds apart) by the offset the input's
     // media currently takes, without judging its steps: a gap between two sections is no jump.

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <regex>
@@ -104,6 +105,14 @@ const Source kJumpForward{"jump-forward.ts", "cat " + q(path(kH264)) + " " + q(p
 const Source kLaterStill{"later-still.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 100 -f mpegts"),
                          {kH264}};
 const Source kJumpBack{"jump-back.ts", "cat " + q(path(kLaterStill)) + " " + q(path(kH264)) + " >", {kH264, kLaterStill}};
+
+// h264.ts 95440 s later: its times cross the wrap of the 33-bit clock 2.3 s in, having started within a minute of it.
+const Source kAcrossTheWrap{"wrap.ts", ffmpeg("-i " + q(path(kH264)) + " -map 0 -c copy -output_ts_offset 95440 -f mpegts"),
+                            {kH264}};
+// The bundled sample with an SCTE-35 stream (the player test's fixture; the list of its cues is not kept).
+const Source kWithCues{"cues.ts", "f() { python3 " + q(FMP4_TEST_DATA_DIR "/../e2e/player/scte35_fixture.py") + " " +
+                                      q(FMP4_TEST_DATA_DIR "/../../samples/sample.ts") + " \"$1\" /dev/null; }; f",
+                       {}};
 
 // Makes a file, and the files it is made from, once per name.
 fs::path made(const Source& source) {
@@ -574,6 +583,10 @@ TEST(Fmp4muxEndToEnd, APipedInputAnnouncesItsMeasuredRateAndItsAudioTrackItsLang
     ASSERT_TRUE(std::regex_search(manifest, m, std::regex("QualityLevel Index=\"0\" Bitrate=\"(\\d+)\" FourCC=\"H264\"")))
         << manifest;
     EXPECT_NEAR(std::stod(m[1]), 400000, 150000) << "kH264 is encoded at 400 kbit/s";
+    // libavformat's demuxer measures the same packets, to the end of the input.
+    const fs::path libav = dir() / "piped-smooth-libav";
+    ASSERT_EQ(sh("cat " + q(made(kH264)) + " | " + mux("-f smooth --demuxer libavformat - " + q(libav))).exitCode, 0);
+    EXPECT_NE(readText(libav / "Manifest").find("QualityLevel Index=\"0\" Bitrate=\"" + m[1].str() + "\""), npos);
     const Outcome language = sh("ffprobe -v error -show_entries stream_tags=language -of csv=p=0 " + q(joinTrack(out, "audio:0")));
     EXPECT_EQ(language.output, "fra\n");
 }
@@ -631,5 +644,109 @@ TEST(Fmp4muxEndToEnd, LoopedStandardInputKeepsAForwardTimelineAndItsWindow) {
         ASSERT_TRUE(std::regex_search(text, m, std::regex("#EXT-X-MEDIA-SEQUENCE:([0-9]+)\n"))) << text;
         EXPECT_GT(std::stoul(m[1]), 3u) << "segments left the window";
     }
+}
+
+// fmp4mux's own MPEG-TS reader and libavformat's hand the packager the same packets: on every TS input it takes,
+// the two runs write the same files, byte for byte (media, MPD and playlists, or the Smooth manifest).
+struct BothDemuxers {
+    std::string name;
+    std::vector<Source> inputs;
+    std::string args = "-f dash,hls";
+};
+void PrintTo(const BothDemuxers& p, std::ostream* os) { *os << p.name; }
+class Demuxers : public ::testing::TestWithParam<BothDemuxers> {};
+
+TEST_P(Demuxers, WriteTheSameFiles) {
+    const BothDemuxers& p = GetParam();
+    const fs::path own = dir() / ("own-" + p.name), libav = dir() / ("libav-" + p.name);
+    const Outcome a = package(p.args, p.inputs, own), b = package(p.args + " --demuxer libavformat", p.inputs, libav);
+    ASSERT_EQ(a.exitCode, 0) << a.output;
+    ASSERT_EQ(b.exitCode, 0) << b.output;
+    std::set<fs::path> files;
+    for (const fs::path& top : {own, libav})
+        for (const auto& entry : fs::recursive_directory_iterator(top))
+            if (entry.is_regular_file() && entry.path().filename() != ".fmp4mux.lock")
+                files.insert(fs::relative(entry.path(), top));
+    EXPECT_GT(files.size(), 4u);
+    for (const fs::path& file : files)
+        EXPECT_TRUE(fs::exists(own / file) && fs::exists(libav / file) &&
+                    testkit::readFile(own / file) == testkit::readFile(libav / file))
+            << file;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    TsInputs, Demuxers,
+    ::testing::Values(BothDemuxers{"H264", {kH264}}, BothDemuxers{"Hevc", {kHevc}}, BothDemuxers{"Mp2", {kVideoAndMp2}},
+                      BothDemuxers{"Ac3Smooth", {kVideoAndAc3}, "-f smooth"}, BothDemuxers{"Gop4", {kGop4}},
+                      BothDemuxers{"RenditionsApart", {kLow, kMidLater, kHigh}},
+                      BothDemuxers{"RenditionsWithAudio", {kLowWithAudio, kMid, kHighWithAudio}, "--map 0:v --map 1:v --map 2:v --map 0:a"},
+                      BothDemuxers{"FirstProgram", {kTwoPrograms}}, BothDemuxers{"ProgramTwo", {kTwoPrograms}, "--program 2"},
+                      BothDemuxers{"JumpForward", {kJumpForward}}, BothDemuxers{"JumpBack", {kJumpBack}},
+                      BothDemuxers{"AcrossTheWrap", {kAcrossTheWrap}},
+                      // HLS would date its segments by the wall clock once there are splices to date.
+                      BothDemuxers{"Scte35", {kWithCues}, "-f dash"}),
+    [](const auto& test) { return test.param.name; });
+
+// The PMT of one of ffmpeg's TS packets (PID 0x1000) at version 1 without the stream on `pid`: the entry leaves its
+// loop, section_length and CRC_32 (CRC-32/MPEG-2) are written again.
+void withoutStream(std::uint8_t* packet, unsigned pid) {
+    std::uint8_t* s = packet + 5 + packet[4];
+    std::size_t length = ((s[1] & 0x0Fu) << 8) | s[2];
+    s[5] = static_cast<std::uint8_t>((s[5] & 0xC1) | (1 << 1));
+    for (std::size_t at = 12 + (((s[10] & 0x0Fu) << 8) | s[11]); at + 5 <= length + 3 - 4;) {
+        const std::size_t entry = 5 + (((s[at + 3] & 0x0Fu) << 8) | s[at + 4]);
+        if ((((s[at + 1] & 0x1Fu) << 8) | s[at + 2]) != pid) {
+            at += entry;
+            continue;
+        }
+        std::copy(s + at + entry, s + length + 3, s + at);
+        length -= entry;
+        break;
+    }
+    s[1] = static_cast<std::uint8_t>((s[1] & 0xF0) | (length >> 8));
+    s[2] = static_cast<std::uint8_t>(length);
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (std::size_t i = 0; i < length + 3 - 4; ++i) {
+        crc ^= static_cast<std::uint32_t>(s[i]) << 24;
+        for (int k = 0; k < 8; ++k) crc = (crc & 0x80000000u) ? (crc << 1) ^ 0x04C11DB7u : crc << 1;
+    }
+    for (int i = 0; i < 4; ++i) s[length - 1 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
+    std::fill(s + length + 3, packet + 188, 0xFF);
+}
+
+// An MPEG-TS damaged every way at once: from the middle on, its audio PID gone (null packets instead) and its PMT
+// changed to say so; a dozen packets overwritten with noise; 30000 bytes cut out of it (off the packet grid); its
+// last packet cut short. fmp4mux reads it to the end, says what it lost, and what it wrote decodes without error.
+// (Segments end where the audio does: the packager cuts where every stream has media.)
+TEST(Fmp4muxEndToEnd, ADamagedTransportStreamIsReadToTheEndAndItsLossesAreSaid) {
+    std::vector<std::uint8_t> ts = testkit::readFile(made(kH264));
+    const std::size_t packets = ts.size() / 188;
+    for (std::size_t k = packets / 2; k < packets; ++k) {
+        std::uint8_t* p = &ts[k * 188];
+        const unsigned pid = ((p[1] & 0x1Fu) << 8) | p[2];
+        if (pid == 0x101) {
+            p[1] = 0x1F;
+            p[2] = 0xFF;
+        }
+        if (pid == 0x1000 && (p[1] & 0x40) != 0) withoutStream(p, 0x101);
+    }
+    std::mt19937 noise(7);
+    for (int i = 0; i < 12; ++i) {
+        const std::size_t k = 20 + noise() % (packets - 40);
+        for (std::size_t j = 0; j < 188; ++j) ts[k * 188 + j] = static_cast<std::uint8_t>(noise());
+    }
+    const auto cut = ts.begin() + static_cast<std::ptrdiff_t>(packets * 3 / 4 * 188 + 77);
+    ts.erase(cut, cut + 30000);
+    ts.resize(ts.size() - 100);
+    const fs::path input = dir() / "damaged.ts", out = dir() / "damaged";
+    testkit::writeFile(input.string(), ts);
+    const Outcome r = sh(mux(q(input) + " " + q(out)));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_TRUE(std::regex_search(r.output, std::regex("input 0 lost [1-9][0-9]* transport packets"))) << r.output;
+    const Outcome video = sh("ffmpeg -hide_banner -loglevel error -nostdin -xerror -i " + q(joinTrack(out, "video0")) +
+                             " -f null -");
+    EXPECT_EQ(video.exitCode, 0) << video.output;
+    EXPECT_GT(decodedVideo(joinTrack(out, "video0")).second, 0);
+    EXPECT_GT(decodedAudio(joinTrack(out, "audio1")), 0);
 }
 }  // namespace

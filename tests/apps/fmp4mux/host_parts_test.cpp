@@ -157,6 +157,7 @@ TEST(Options, RefusedCommandLinesSayWhy) {
         {{"-f", "dash,ts", "a", "out"}, "unknown format 'ts' (dash, hls or smooth"},
         {{"-f", "hls,smooth", "a", "out"}, "package smooth in a run of its own"},
         {{"--mode", "sometimes", "a", "out"}, "unknown mode 'sometimes' (gop, gop-alt, separate-audio or low-latency)"},
+        {{"--demuxer", "ffmpeg", "a", "out"}, "--demuxer is 'internal' or 'libavformat', not 'ffmpeg'"},
         {{"-m", "low-latency", "-f", "smooth", "a", "out"}, "the low-latency mode is for DASH and HLS only"},
         {{"-m", "low-latency", "--media-template", "${time}.mp4", "a", "out"}, "names segments by ${number}"},
         {{"--serve", "host:http", "a", "out"}, "--serve takes [ADDR:]PORT, not 'host:http'"},
@@ -254,6 +255,7 @@ struct Fed {
     bool video, key;
     long long raw;       // decode time in, ms
     long long expected;  // decode time out, ms, or kDropped
+    bool discontinuity = false;  // signalled by the source
 };
 
 struct JumpCase { std::string name; std::vector<Fed> packets; std::size_t jumpsLogged; };
@@ -266,7 +268,7 @@ TEST_P(TimelineKeeperTable, PlacesEveryPacket) {
     std::uint64_t dropped = 0;
     for (const Fed& p : GetParam().packets) {
         std::optional<std::int64_t> dts = p.raw * 10000, pts = (p.raw + 80) * 10000;
-        const bool kept = keeper.place(p.input, p.stream, p.video, p.key, pts, dts, 0);
+        const bool kept = keeper.place(p.input, p.stream, p.video, p.key, pts, dts, 0, p.discontinuity);
         SCOPED_TRACE("packet " + std::to_string(p.input) + ":" + std::to_string(p.stream) + " at " + std::to_string(p.raw));
         if (p.expected == kDropped) {
             EXPECT_FALSE(kept);
@@ -293,6 +295,11 @@ INSTANTIATE_TEST_SUITE_P(
         JumpCase{"BackwardJumpContinuesWhereTheNextPacketWasDue",
              {V(0, 10000, 10000), V(0, 10040, 10040), V(0, 0, 10080), V(0, 40, 10120)}, 1},
         JumpCase{"GapBelowTheBoundIsKept", {V(0, 0, 0), V(0, 40, 40), V(0, 3040, 3040), V(0, 3080, 3080)}, 0},
+        // After a discontinuity the source signalled, the same gap is a jump; times that go on as due are none.
+        JumpCase{"SignalledDiscontinuityBelowTheBound",
+                 {V(0, 0, 0), V(0, 40, 40), {0, 0, true, true, 3040, 80, true}, V(0, 3080, 120),
+                  {0, 0, true, true, 3120, 160, true}},
+                 1},
         JumpCase{"AudioAndVideoOfOneInputTakeOneOffset",
              {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 21, 21), A(0, 42, 42), V(0, 80, 80), A(0, 63, 63),
               A(0, 84, 84), A(0, 5000105, 105), V(0, 5000120, 120), A(0, 5000126, 126)},

@@ -1,0 +1,192 @@
+#include "apps/fmp4mux/inputs/ts_input.h"
+
+#include <algorithm>
+
+#include "apps/fmp4mux/inputs/libav_input.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+}
+
+namespace fmp4mux {
+
+namespace {
+constexpr AVRational kClock90k{1, 90000};
+constexpr AVRational kHundredNs{1, 10000000};
+constexpr std::size_t kBlock = TsDemux::kPacketSize * 1024;
+
+std::string avError(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+}  // namespace
+
+TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
+                 std::optional<int> program, std::vector<std::string>* notes)
+    : m_probe(std::move(probe)),
+      m_demux(TsDemux::Callbacks{
+          [this](const TsDemux::Pes& pes) {
+              const int stream = m_pidToStream[pes.pid];
+              if (stream < 0) return;
+              take(Unit{static_cast<std::size_t>(stream), pes.data, pes.size, pes.pts, pes.dts, std::nullopt, pes.damaged,
+                        pes.discontinuity});
+          },
+          [this](const TsDemux::Section& section) {
+              const int stream = m_pidToStream[section.pid];
+              if (stream < 0) return;
+              take(Unit{static_cast<std::size_t>(stream), section.data, section.size, std::nullopt, std::nullopt,
+                        section.clock, false, false});
+          }}) {
+    m_pidToStream.fill(-1);
+    AVFormatContext* fmt = m_probe->format();
+    for (KeptStream& stream : keptStreams(fmt, inputIndex, skipped, program, notes)) {
+        // MPEG-TS carries none of these; a stream that did would need libavformat's conversions.
+        if (stream.toAnnexB != nullptr || stream.webVtt || stream.subRip || stream.id < 0 || stream.id > 0x1FFF) {
+            skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(stream.sourceIndex) +
+                              ": codec '" + stream.info.codec + "' is read with --demuxer libavformat only");
+            continue;
+        }
+        m_pidToStream[static_cast<std::size_t>(stream.id)] = static_cast<int>(m_kept.size());
+        m_streams.push_back(stream.info);
+        m_kept.push_back(std::move(stream));
+    }
+    m_dropped.assign(m_kept.size(), false);
+    // Streams not packaged are not gathered at all.
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+        const int pid = fmt->streams[i]->id;
+        if (pid >= 0 && pid <= 0x1FFF && m_pidToStream[static_cast<std::size_t>(pid)] < 0)
+            m_demux.ignore(static_cast<std::uint16_t>(pid));
+    }
+    m_recorded = m_probe->takeRecording();
+    m_block.resize(kBlock);
+}
+
+TsInput::~TsInput() = default;
+
+void TsInput::drop(std::size_t index) {
+    m_dropped.at(index) = true;
+    m_pidToStream[static_cast<std::size_t>(m_kept[index].id)] = -1;
+    m_demux.ignore(static_cast<std::uint16_t>(m_kept[index].id));
+}
+
+// A unit is measured and kept while the input is read ahead, and handed on otherwise.
+void TsInput::take(const Unit& unit) {
+    if (!m_readingAhead) return deliver(unit);
+    Held held{unit, std::vector<std::uint8_t>(unit.data, unit.data + unit.size)};
+    held.unit.data = held.bytes.data();
+    if (m_meter != nullptr && m_meter->wantsMore()) {
+        const KeptStream& kept = m_kept[unit.stream];
+        const std::optional<std::int64_t> when = kept.scte35 ? unit.clock : unit.dts ? unit.dts : unit.pts;
+        std::optional<double> seconds;
+        if (when) seconds = static_cast<double>(*when) * av_q2d(kClock90k);
+        std::optional<std::int64_t> pts = kept.scte35 ? unit.clock : unit.pts;
+        if (pts) pts = av_rescale_q(*pts, kClock90k, kHundredNs);
+        m_meter->add(unit.stream, unit.size, seconds, pts,
+                     [&] { return annexBRandomAccess(unit.data, unit.size, kept.hevc); });
+    }
+    m_readAhead.push_back(std::move(held));
+}
+
+// As LibavInput hands on a packet of an MPEG-TS: the same bytes, times, key and damage flags, and SCTE-35 timed by
+// the program's clock, or else by the latest video picture.
+void TsInput::deliver(const Unit& unit) {
+    if (m_dropped[unit.stream] || m_onPacket == nullptr) return;
+    const KeptStream& kept = m_kept[unit.stream];
+    if (kept.video && unit.pts) m_lastVideoPts = unit.pts;
+    if (kept.scte35) {
+        const std::optional<std::int64_t> clock = unit.clock ? unit.clock : m_lastVideoPts;
+        if (!clock || unit.size == 0) return;  // before any video: nothing to time it by
+        Packet out = sectionPacket(unit.stream, *clock, unit.data, unit.size);
+        return (*m_onPacket)(out);
+    }
+    Packet out;
+    out.stream = unit.stream;
+    out.damaged = unit.damaged && !(kept.adts && wholeAdtsFrames(unit.data, unit.size));
+    out.key = kept.video && annexBRandomAccess(unit.data, unit.size, kept.hevc);
+    out.discontinuity = unit.discontinuity;
+    if (unit.pts) out.pts = av_rescale_q(*unit.pts, kClock90k, kHundredNs);
+    if (unit.dts) out.dts = av_rescale_q(*unit.dts, kClock90k, kHundredNs);
+    if (kept.rawAac) {
+        out.owned = makeRawAacPacket(kept.asc, kept.bitrate, unit.data, unit.size);
+        out.data = out.owned.data();
+        out.size = out.owned.size();
+    } else {
+        out.data = unit.data;
+        out.size = unit.size;
+    }
+    (*m_onPacket)(out);
+}
+
+bool TsInput::feed(bool& failed) {
+    if (m_recordedFed < m_recorded.size()) {
+        const std::size_t n = std::min(kBlock, m_recorded.size() - m_recordedFed);
+        m_demux.push(m_recorded.data() + m_recordedFed, n);
+        m_recordedFed += n;
+        if (m_recordedFed == m_recorded.size()) std::vector<std::uint8_t>().swap(m_recorded);
+    } else {
+        m_recordedFed = 0;
+        AVIOContext* source = m_probe->source();
+        // A live source hands on what has come; a file fills the block.
+        const int got = m_probe->live() ? avio_read_partial(source, m_block.data(), static_cast<int>(m_block.size()))
+                                        : avio_read(source, m_block.data(), static_cast<int>(m_block.size()));
+        if (got == AVERROR_EOF || got == AVERROR_EXIT || (got == 0 && avio_feof(source))) return false;
+        if (got == AVERROR(EAGAIN) || got == 0) return true;
+        if (got < 0) {
+            m_error = avError(got);
+            failed = true;
+            return false;
+        }
+        m_demux.push(m_block.data(), static_cast<std::size_t>(got));
+    }
+    m_lost.store(m_demux.stats().lost, std::memory_order_relaxed);
+    m_pesDropped.store(m_demux.stats().pesDropped, std::memory_order_relaxed);
+    return true;
+}
+
+std::optional<double> TsInput::keyFrameInterval(double maxSeconds) {
+    std::optional<std::size_t> video;
+    for (std::size_t k = 0; k < m_kept.size() && !video; ++k)
+        if (m_kept[k].video) video = k;
+    if (!video) return std::nullopt;
+    KeyFrameMeter meter(m_kept.size(), video, maxSeconds);
+    m_meter = &meter;
+    m_readingAhead = true;
+    bool failed = false, more = true;
+    while (meter.wantsMore() && (more = feed(failed))) {
+    }
+    // The whole input was read ahead: what it leaves under way is measured too.
+    if (!more && !failed) m_demux.finish();
+    m_meter = nullptr;
+    m_readingAhead = false;
+    if (failed) m_error.clear();  // run() meets it again
+    meter.measureBitrates(m_streams);
+    m_firstKey = meter.firstKey();
+    return meter.interval();
+}
+
+bool TsInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
+    m_probe->flags().stop = &stop;
+    m_onPacket = &onPacket;
+    while (!m_readAhead.empty() && !stop.load()) {
+        deliver(m_readAhead.front().unit);
+        m_readAhead.pop_front();
+    }
+    bool failed = false, ended = false;
+    while (!stop.load()) {
+        if (!feed(failed)) {
+            ended = !failed && !stop.load();
+            break;
+        }
+    }
+    // What the end leaves under way: a PES without a length is whole at the end of the input.
+    if (ended && m_error.empty()) m_demux.finish();
+    m_lost.store(m_demux.stats().lost, std::memory_order_relaxed);
+    m_pesDropped.store(m_demux.stats().pesDropped, std::memory_order_relaxed);
+    m_onPacket = nullptr;
+    m_probe->flags().stop = nullptr;
+    return !failed;
+}
+
+}  // namespace fmp4mux

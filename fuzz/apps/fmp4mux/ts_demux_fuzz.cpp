@@ -1,0 +1,50 @@
+// libFuzzer entry for fmp4mux's MPEG-TS demultiplexer: arbitrary bytes pushed whole, then cut at the points the
+// first bytes choose. Both ways must give the same PES and sections, none over the size bound, and the same counts.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "apps/fmp4mux/inputs/ts_demux.h"
+
+namespace {
+using fmp4mux::TsDemux;
+
+// What came out, folded into numbers: PID, size, times, flags and an FNV-1a hash of the bytes of each unit.
+std::vector<std::uint64_t> demux(const std::uint8_t* data, std::size_t size, const std::uint8_t* cuts, std::size_t cutCount) {
+    std::vector<std::uint64_t> out;
+    const auto hash = [](const std::uint8_t* p, std::size_t n) {
+        std::uint64_t h = 1469598103934665603ull;
+        for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 1099511628211ull;
+        return h;
+    };
+    TsDemux d({[&](const TsDemux::Pes& p) {
+                   if (p.size == 0 || p.size > TsDemux::kMaxPesSize || p.data == nullptr) __builtin_trap();
+                   out.insert(out.end(), {p.pid, p.size, static_cast<std::uint64_t>(p.pts.value_or(-1)),
+                                          static_cast<std::uint64_t>(p.dts.value_or(-1)),
+                                          std::uint64_t{p.damaged} | std::uint64_t{p.discontinuity} << 1, hash(p.data, p.size)});
+               },
+               [&](const TsDemux::Section& s) {
+                   if (s.size < 8 || s.size > 4096 || s.data == nullptr) __builtin_trap();
+                   out.insert(out.end(), {s.pid, s.size, static_cast<std::uint64_t>(s.clock.value_or(-1)), hash(s.data, s.size)});
+               }});
+    std::size_t at = 0, k = 0;
+    while (at < size) {
+        const std::size_t piece = cutCount == 0 ? size : 1 + cuts[k++ % cutCount] * 3u;
+        const std::size_t n = piece < size - at ? piece : size - at;
+        d.push(data + at, n);
+        at += n;
+    }
+    d.finish();
+    const TsDemux::Stats& s = d.stats();
+    out.insert(out.end(), {s.packets, s.lost, s.duplicates, s.pesDropped, s.badSections, s.pmtChanges});
+    return out;
+}
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 4) return 0;
+    // Four bytes choose the pieces' sizes (1 to 766 bytes); the rest is the stream.
+    const std::vector<std::uint64_t> whole = demux(data + 4, size - 4, nullptr, 0);
+    if (demux(data + 4, size - 4, data, 4) != whole) __builtin_trap();
+    return 0;
+}
