@@ -2,6 +2,8 @@
 // rooms together: cli (options, terminal), inputs (reading and timing), engine (the filter), model (the
 // presentation), manifests (one writer per format) and outputs (the publisher). docs/dataflow.md follows one
 // packet from its input to a file on disk.
+#include <malloc.h>
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -142,6 +144,7 @@ int run(int argc, char** argv) {
     // read-ahead measures the bitrates that the inputs do not tell.
     std::vector<std::optional<std::int64_t>> firstKeys(inputs.size());  // each input's first key frame, 100 ns
     bool measured = false;
+    std::int32_t longestKeyIntervalMs = 0;  // of every input measured, for how far a reader may run ahead
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         bool video = false;
         for (std::size_t k = 0; k < streamLists[d].size(); ++k) video = video || (selected[d][k] && streamLists[d][k].kind == "video");
@@ -149,6 +152,7 @@ int run(int argc, char** argv) {
         const auto interval = inputs[d]->keyFrameInterval(20.0);
         streamLists[d] = inputs[d]->streams();
         firstKeys[d] = inputs[d]->firstKeyFrameTime();
+        if (interval) longestKeyIntervalMs = std::max(longestKeyIntervalMs, static_cast<std::int32_t>(std::lround(*interval * 1000)));
         if (!interval || measured) continue;
         measured = true;
         const auto measuredMs = static_cast<std::int32_t>(std::lround(*interval * 1000));
@@ -219,7 +223,7 @@ int run(int argc, char** argv) {
     // Inputs that can wait are read as fast as packaging goes, which can be faster than the disk takes the files:
     // packaging then waits for the disk instead of queuing the difference in memory.
     if (!options.realtime && std::all_of(inputs.begin(), inputs.end(), [](const auto& in) { return in->canWait(); }))
-        files.limitBacklog(8u << 20);
+        files.limitBacklog(4u << 20);
     // Every file goes to the folder, and to the built-in origin with --serve.
     PublisherGroup publisher;
     std::unique_ptr<HttpOrigin> origin;
@@ -349,7 +353,7 @@ int run(int argc, char** argv) {
             [&presentation, output](bool init, std::vector<std::uint8_t>&& chunk) {
                 presentation.onChunk(output, init, std::move(chunk));
             },
-            [&rooms] { return rooms.take(); });
+            [&rooms](std::size_t wanted) { return rooms.take(wanted); });
         say("input " + plan.label + ": " + info.codec + " " + info.kind +
             (info.width ? " " + std::to_string(info.width) + "x" + std::to_string(info.height) : "") +
             (info.sampleRate ? " " + std::to_string(info.sampleRate) + " Hz" : ""));
@@ -403,7 +407,9 @@ int run(int argc, char** argv) {
         ReaderSettings reading;
         reading.realtime = options.realtime;
         reading.throttle = inputs[d]->canWait() && !options.realtime;
-        reading.aheadLimitSeconds = 4.0 * segmentMs / 1000.0 + 2.0;
+        // Two segments (or two of the longest GOP, which a cut has to wait for) and two seconds: enough to keep
+        // packaging busy, and all that a file input holds in memory.
+        reading.aheadLimitSeconds = 2.0 * std::max(segmentMs, longestKeyIntervalMs) / 1000.0 + 2.0;
         readers.emplace_back(d, std::make_unique<InputReader>(*inputs[d], static_cast<int>(d), timeline,
                                                               std::move(destination), progress, reading, control.stop));
     }
@@ -462,6 +468,10 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Media bytes are taken on one thread and given back on another (reader, worker, synchroniser, publisher):
+    // with an allocation arena per thread, each arena keeps the room freed into it, and a run holds several
+    // times what it uses. Two arenas are shared by all.
+    mallopt(M_ARENA_MAX, 2);
     try {
         return run(argc, argv);
     } catch (const ExitError& e) {

@@ -37,9 +37,9 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         m_pendingInit = init;
         m_pendingHasTime = hasTime;
         m_pendingTime = start;
-        // A chunk comes in buffers of a few kilobytes: room for one as large as the last spares growing it step by
-        // step, each step a copy into fresh memory.
-        if (m_pending.capacity() < m_largest) m_pending.reserve(m_largest);
+        // A chunk comes in buffers of a few kilobytes: room for one a quarter larger than the largest so far
+        // spares growing it step by step, each step a copy into fresh memory and twice the room.
+        if (m_pending.capacity() < m_largest) m_pending.reserve(m_largest + m_largest / 4);
     }
     m_pending.insert(m_pending.end(), data, data + std::max(length, 0L));
 
@@ -70,7 +70,7 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
 void ChunkSink::finish() {
     if (m_pending.empty()) return;
     m_largest = std::max(m_largest, m_pending.size());
-    Bytes chunk = m_rooms ? m_rooms() : Bytes{};
+    Bytes chunk = m_rooms ? m_rooms(m_largest + m_largest / 4) : Bytes{};
     chunk.swap(m_pending);
     m_pending.clear();
     m_nextBox = 0;

@@ -17,8 +17,9 @@ public:
     using Bytes = std::vector<std::uint8_t>;
     // A whole chunk, `init` or media, given away to the handler.
     using Handler = std::function<void(bool init, Bytes&& chunk)>;
-    // Where the room for the next chunk comes from (a pool that recycles the rooms of chunks written).
-    using Rooms = std::function<Bytes()>;
+    // Where the room for the next chunk comes from (a pool that recycles the rooms of chunks written), given the
+    // size it should have.
+    using Rooms = std::function<Bytes(std::size_t wanted)>;
 
     // A chunk is complete when its bytes end at the box that closes it (the index of an init chunk, `mdat` of a
     // Smooth chunk, the end-of-segment box of a DASH chunk, or its end-of-chunk box when no more bytes follow in

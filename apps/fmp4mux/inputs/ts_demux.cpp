@@ -332,6 +332,7 @@ void TsDemux::emitPes(PidState& s, bool complete) {
     pes.damaged = pes.damaged || !complete;
     pes.data = s.buffer.data();
     pes.size = s.buffer.size();
+    pes.buffer = &s.buffer;
     if (pes.pts || pes.dts) {
         Line& l = line(s.program);
         // The line's reference comes from the decoding time, the first time on it.
@@ -342,9 +343,11 @@ void TsDemux::emitPes(PidState& s, bool complete) {
         }
     }
     s.state = PidState::kIdle;
-    if (pes.size > 0 && m_callbacks.pes) m_callbacks.pes(pes);
-    m_buffered -= std::min(m_buffered, s.buffer.size());
+    const std::size_t size = pes.size;
+    if (size > 0 && m_callbacks.pes) m_callbacks.pes(pes);
+    m_buffered -= std::min(m_buffered, size);
     s.buffer.clear();
+    if (s.buffer.capacity() == 0) s.buffer.reserve(size);  // taken: the next PES is likely as large
 }
 
 // ---- Sections ----

@@ -1,7 +1,7 @@
 #pragma once
 // fmp4mux's own MPEG transport stream demultiplexer: bytes in, whole PES payloads and private sections out. No I/O
 // and no allocation per packet: each PID gathers its PES payload in a buffer of its own, handed to the callback as
-// it is and reused for the next PES.
+// it is, and reused for the next PES unless the callback took it.
 //
 // What it reads: the PAT and the PMTs (sections across packets, CRC checked, a new version read again: a PMT change
 // adds and removes PIDs), PES with or without a length, PTS and DTS (33 bits, put on one line per program as
@@ -37,6 +37,9 @@ public:
         std::uint8_t streamType = 0;  // as the PMT declares it
         const std::uint8_t* data = nullptr;  // the payload, valid during the callback
         std::size_t size = 0;
+        // The buffer that holds the payload, exactly: the callback may take it (swap it out), and the next PES of
+        // the PID then starts in a new buffer of the same size. A reader that hands PES on takes them without a copy.
+        std::vector<std::uint8_t>* buffer = nullptr;
         std::optional<std::int64_t> pts, dts;  // 90 kHz on the program's line; dts is pts when only pts is given
         bool damaged = false;        // packets of it were lost, or it ended short of its length
         bool discontinuity = false;  // the source set the discontinuity indicator since this PID's last PES

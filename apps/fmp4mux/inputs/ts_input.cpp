@@ -30,14 +30,14 @@ TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector
           [this](const TsDemux::Pes& pes) {
               const int stream = m_pidToStream[pes.pid];
               if (stream < 0) return;
-              take(Unit{static_cast<std::size_t>(stream), pes.data, pes.size, pes.pts, pes.dts, std::nullopt, pes.damaged,
-                        pes.discontinuity});
+              take(Unit{static_cast<std::size_t>(stream), pes.data, pes.size, pes.buffer, pes.pts, pes.dts, std::nullopt,
+                        pes.damaged, pes.discontinuity});
           },
           [this](const TsDemux::Section& section) {
               const int stream = m_pidToStream[section.pid];
               if (stream < 0) return;
-              take(Unit{static_cast<std::size_t>(stream), section.data, section.size, std::nullopt, std::nullopt,
-                        section.clock, false, false});
+              take(Unit{static_cast<std::size_t>(stream), section.data, section.size, nullptr, std::nullopt,
+                        std::nullopt, section.clock, false, false});
           }}) {
     m_pidToStream.fill(-1);
     AVFormatContext* fmt = m_probe->format();
@@ -74,8 +74,13 @@ void TsInput::drop(std::size_t index) {
 // A unit is measured and kept while the input is read ahead, and handed on otherwise.
 void TsInput::take(const Unit& unit) {
     if (!m_readingAhead) return deliver(unit);
-    Held held{unit, std::vector<std::uint8_t>(unit.data, unit.data + unit.size)};
+    Held held{unit, {}};
+    if (unit.buffer != nullptr)
+        held.bytes.swap(*unit.buffer);
+    else
+        held.bytes.assign(unit.data, unit.data + unit.size);
     held.unit.data = held.bytes.data();
+    held.unit.buffer = nullptr;  // set when handed on: the deque may move the held units
     if (m_meter != nullptr && m_meter->wantsMore()) {
         const KeptStream& kept = m_kept[unit.stream];
         const std::optional<std::int64_t> when = kept.scte35 ? unit.clock : unit.dts ? unit.dts : unit.pts;
@@ -110,6 +115,11 @@ void TsInput::deliver(const Unit& unit) {
     if (unit.dts) out.dts = av_rescale_q(*unit.dts, kClock90k, kHundredNs);
     if (kept.rawAac) {
         out.owned = makeRawAacPacket(kept.asc, kept.bitrate, unit.data, unit.size);
+        out.data = out.owned.data();
+        out.size = out.owned.size();
+    } else if (unit.buffer != nullptr) {
+        // The PES buffer itself goes on, into the packager: no copy.
+        out.owned.swap(*unit.buffer);
         out.data = out.owned.data();
         out.size = out.owned.size();
     } else {
@@ -170,7 +180,9 @@ bool TsInput::run(const std::function<void(Packet&)>& onPacket, const std::atomi
     m_probe->flags().stop = &stop;
     m_onPacket = &onPacket;
     while (!m_readAhead.empty() && !stop.load()) {
-        deliver(m_readAhead.front().unit);
+        Held& held = m_readAhead.front();
+        held.unit.buffer = &held.bytes;
+        deliver(held.unit);
         m_readAhead.pop_front();
     }
     bool failed = false, ended = false;

@@ -48,6 +48,7 @@ private:
         std::size_t stream = 0;
         const std::uint8_t* data = nullptr;
         std::size_t size = 0;
+        std::vector<std::uint8_t>* buffer = nullptr;  // holding exactly the bytes, which may be taken
         std::optional<std::int64_t> pts, dts, clock;
         bool damaged = false;
         bool discontinuity = false;

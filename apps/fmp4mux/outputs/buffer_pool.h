@@ -1,8 +1,11 @@
 #pragma once
-// Rooms for chunks, recycled: a chunk's room goes back once its file is written and the next chunk takes it,
-// so a long run does not take and free a block the size of a chunk for every chunk (which leaves the heap in
-// more and more pieces). At most `keep` rooms wait; more are freed.
+// Rooms for chunks, recycled: a chunk's room goes back once its file is written and a later chunk of about its size
+// takes it, so a long run does not take and free a block the size of a chunk for every chunk (which leaves the heap
+// in more and more pieces). A room is taken only by a chunk that fills a good part of it: an audio chunk in a room
+// made for video would hold megabytes for kilobytes. At most `keep` rooms wait; the oldest goes first.
+#include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <vector>
 
@@ -10,25 +13,34 @@ namespace fmp4mux {
 
 class BufferPool {
 public:
-    explicit BufferPool(std::size_t keep = 4) : m_keep(keep) {}
+    explicit BufferPool(std::size_t keep = 2) : m_keep(keep) {}
 
-    std::vector<std::uint8_t> take() {
+    // A room of at least `wanted` bytes and not much more, the closest fit; an empty one when none fits.
+    std::vector<std::uint8_t> take(std::size_t wanted) {
         std::lock_guard lock(m_mutex);
-        if (m_rooms.empty()) return {};
-        std::vector<std::uint8_t> room = std::move(m_rooms.back());
-        m_rooms.pop_back();
+        const std::size_t most = 2 * wanted + (64u << 10);
+        auto best = m_rooms.end();
+        for (auto it = m_rooms.begin(); it != m_rooms.end(); ++it)
+            if (it->capacity() >= wanted && it->capacity() <= most &&
+                (best == m_rooms.end() || it->capacity() < best->capacity()))
+                best = it;
+        if (best == m_rooms.end()) return {};
+        std::vector<std::uint8_t> room = std::move(*best);
+        m_rooms.erase(best);
         return room;
     }
     void give(std::vector<std::uint8_t>&& room) {
         room.clear();
+        if (room.capacity() == 0) return;
         std::lock_guard lock(m_mutex);
-        if (m_rooms.size() < m_keep) m_rooms.push_back(std::move(room));
+        m_rooms.push_back(std::move(room));
+        if (m_rooms.size() > m_keep) m_rooms.pop_front();
     }
 
 private:
     const std::size_t m_keep;
     std::mutex m_mutex;
-    std::vector<std::vector<std::uint8_t>> m_rooms;
+    std::deque<std::vector<std::uint8_t>> m_rooms;
 };
 
 }  // namespace fmp4mux
