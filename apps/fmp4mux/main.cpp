@@ -470,8 +470,12 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     // Media bytes are taken on one thread and given back on another (reader, worker, synchroniser, publisher):
     // with an allocation arena per thread, each arena keeps the room freed into it, and a run holds several
-    // times what it uses. Two arenas are shared by all.
+    // times what it uses. Two arenas are shared by all. Chunks of a few megabytes come and go all run long: they
+    // are kept in the arenas (up to 8 MiB each, and 8 MiB of free room at their top) rather than mapped, faulted in
+    // page by page and given back to the system each time.
     mallopt(M_ARENA_MAX, 2);
+    mallopt(M_MMAP_THRESHOLD, 8 << 20);
+    mallopt(M_TRIM_THRESHOLD, 8 << 20);
     try {
         return run(argc, argv);
     } catch (const ExitError& e) {
