@@ -62,7 +62,13 @@ ProbedInput::ProbedInput(const std::string& url, const std::atomic<bool>* interr
     m_format->interrupt_callback = callback;
     const int probed = avformat_open_input(&m_format, source.c_str(), nullptr, nullptr);
     if (probed < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(probed));
-    const int found = avformat_find_stream_info(m_format, nullptr);
+    // The stream parameters come from the parameter sets and the first key frame: decoding every picture of the
+    // probe, as libavformat otherwise does, is most of what opening a 1080p input costs.
+    std::vector<AVDictionary*> decoding(m_format->nb_streams, nullptr);
+    for (unsigned i = 0; i < m_format->nb_streams; ++i)
+        if (m_format->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) av_dict_set(&decoding[i], "skip_frame", "nokey", 0);
+    const int found = avformat_find_stream_info(m_format, decoding.data());
+    for (AVDictionary*& entry : decoding) av_dict_free(&entry);
     if (found < 0) throw std::runtime_error("cannot read the streams of '" + url + "': " + avError(found));
 }
 
