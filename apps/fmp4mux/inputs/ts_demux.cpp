@@ -199,7 +199,9 @@ void TsDemux::packet(const std::uint8_t* p) {
     if (pid == kNullPid) return;
     PidState* s = m_pids[pid].get();
     if (s == nullptr) return;
-    const bool transportError = (p[1] & 0x80) != 0;
+    // A packet the transport marked as broken is not read: its counter cannot be trusted either, and the next
+    // packet shows the loss.
+    if ((p[1] & 0x80) != 0) return;
     const bool start = (p[1] & 0x40) != 0;
     const int control = (p[3] >> 4) & 3;
     const int cc = p[3] & 0x0F;
@@ -221,7 +223,6 @@ void TsDemux::packet(const std::uint8_t* p) {
         }
     }
     const bool payload = (control & 1) != 0 && at < kPacketSize;
-    if (transportError) return;  // its continuity counter cannot be trusted; the next packet shows the loss
     // Continuity: the counter steps with each packet that carries a payload.
     if ((control & 1) != 0) {
         if (s->lastCc >= 0 && !discontinuity) {
