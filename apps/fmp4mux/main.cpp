@@ -379,6 +379,9 @@ int run(int argc, char** argv) {
     };
     std::atomic<std::size_t> mediaReading{0};
     for (std::size_t d = 0; d < inputs.size(); ++d) mediaReading += reads(d) && !followed[d] ? 1 : 0;
+    // By input and stream: ended before its input did.
+    std::vector<std::vector<bool>> endedEarly(inputs.size());
+    for (std::size_t d = 0; d < inputs.size(); ++d) endedEarly[d].assign(routes[d].size(), false);
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         const auto& mine = routes[d];
         if (!reads(d)) {
@@ -387,8 +390,19 @@ int run(int argc, char** argv) {
         }
         PacketDestination destination{
             [&mine](std::size_t stream) { return mine[stream].used(); },
-            [&packager, &presentation, &mine](std::size_t stream, Packet& packet) {
+            [&packager, &presentation, &mine, &gone = endedEarly[d], d](std::size_t stream, Packet& packet) {
                 const Route& route = mine[stream];
+                // A stream that leaves the input (its PID dropped from the program) ends on its own: the others
+                // are cut without it from then on, rather than wait for it for ever.
+                if (packet.ended) {
+                    if (gone[stream]) return;
+                    gone[stream] = true;
+                    warn("input " + std::to_string(d) + " stream " + std::to_string(stream) +
+                         ": it left the program; it ends here and the others go on without it");
+                    if (route.engine >= 0) packager.endOfStream(route.engine);
+                    return;
+                }
+                if (gone[stream]) return;
                 if (route.splices && packet.pts) {
                     std::string why;
                     if (auto splice = spliceOf({packet.data, packet.size}, *packet.pts, why))
@@ -399,9 +413,9 @@ int run(int argc, char** argv) {
                 if (route.video && packet.key && packet.pts) presentation.noteKeyFrame(route.output, *packet.pts);
                 if (route.engine >= 0) packager.deliver(route.engine, packet);
             },
-            [&packager, &mine, &mediaReading, &mediaEnded, media = !followed[d]] {
-                for (const Route& r : mine)
-                    if (r.engine >= 0) packager.endOfStream(r.engine);
+            [&packager, &mine, &mediaReading, &mediaEnded, &gone = endedEarly[d], media = !followed[d]] {
+                for (std::size_t k = 0; k < mine.size(); ++k)
+                    if (mine[k].engine >= 0 && !gone[k]) packager.endOfStream(mine[k].engine);
                 if (media && --mediaReading == 0) mediaEnded = true;
             }};
         ReaderSettings reading;

@@ -37,6 +37,8 @@ struct Packet {
     // The source marked its time base as broken since the stream's last packet (the MPEG-TS discontinuity
     // indicator): these times need not follow on from the ones before.
     bool discontinuity = false;
+    // No data: the stream ended here, before the input did (its PID left the program). Nothing more of it follows.
+    bool ended = false;
 };
 
 class Input {

@@ -84,6 +84,7 @@ void InputReader::run() {
     m_input.run(
         [&](Packet& packet) {
             if (!m_destination.wants(packet.stream)) return;
+            if (packet.ended) return m_destination.deliver(packet.stream, packet);
             const std::optional<std::int64_t> read = packet.dts ? packet.dts : packet.pts;
             if (streams[packet.stream].kind == "scte35") {
                 m_timeline.follow(m_index, packet.pts, packet.dts);

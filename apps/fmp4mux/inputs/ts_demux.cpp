@@ -89,7 +89,9 @@ TsDemux::PidState& TsDemux::add(std::uint16_t pid, int kind, std::uint16_t progr
 void TsDemux::forget(std::uint16_t pid) {
     if (auto& slot = m_pids[pid]) {
         m_buffered -= std::min(m_buffered, slot->buffer.size());
+        const bool stream = slot->kind == PidState::kPes || slot->kind == PidState::kSections;
         slot.reset();
+        if (stream && m_callbacks.gone) m_callbacks.gone(pid);
     }
 }
 

@@ -74,6 +74,9 @@ public:
     struct Callbacks {
         std::function<void(const Pes&)> pes;
         std::function<void(const Section&)> section;
+        // A PID of PES or sections that no PMT lists any more (or lists with another stream type): nothing more
+        // of it comes, until a PMT lists it again.
+        std::function<void(std::uint16_t pid)> gone;
     };
 
     explicit TsDemux(Callbacks callbacks);

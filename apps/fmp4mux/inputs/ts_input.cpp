@@ -38,6 +38,16 @@ TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector
               if (stream < 0) return;
               take(Unit{static_cast<std::size_t>(stream), section.data, section.size, nullptr, std::nullopt,
                         std::nullopt, section.clock, false, false});
+          },
+          [this](std::uint16_t pid) {
+              const int stream = m_pidToStream[pid];
+              if (stream < 0) return;
+              // The stream is over: a PID that a later PMT lists again is another stream, not read.
+              m_pidToStream[pid] = -1;
+              Unit end;
+              end.stream = static_cast<std::size_t>(stream);
+              end.ended = true;
+              take(end);
           }}) {
     m_pidToStream.fill(-1);
     AVFormatContext* fmt = m_probe->format();
@@ -81,7 +91,7 @@ void TsInput::take(const Unit& unit) {
         held.bytes.assign(unit.data, unit.data + unit.size);
     held.unit.data = held.bytes.data();
     held.unit.buffer = nullptr;  // set when handed on: the deque may move the held units
-    if (m_meter != nullptr && m_meter->wantsMore()) {
+    if (m_meter != nullptr && m_meter->wantsMore() && !unit.ended) {
         const KeptStream& kept = m_kept[unit.stream];
         const std::optional<std::int64_t> when = kept.scte35 ? unit.clock : unit.dts ? unit.dts : unit.pts;
         std::optional<double> seconds;
@@ -98,6 +108,12 @@ void TsInput::take(const Unit& unit) {
 // the program's clock, or else by the latest video picture.
 void TsInput::deliver(const Unit& unit) {
     if (m_dropped[unit.stream] || m_onPacket == nullptr) return;
+    if (unit.ended) {
+        Packet end;
+        end.stream = unit.stream;
+        end.ended = true;
+        return (*m_onPacket)(end);
+    }
     const KeptStream& kept = m_kept[unit.stream];
     if (kept.video && unit.pts) m_lastVideoPts = unit.pts;
     if (kept.scte35) {

@@ -52,6 +52,7 @@ private:
         std::optional<std::int64_t> pts, dts, clock;
         bool damaged = false;
         bool discontinuity = false;
+        bool ended = false;  // the stream's PID left the program
     };
     struct Held {  // a unit read ahead, with its bytes
         Unit unit;

@@ -714,11 +714,8 @@ void withoutStream(std::uint8_t* packet, unsigned pid) {
     std::fill(s + length + 3, packet + 188, 0xFF);
 }
 
-// An MPEG-TS damaged every way at once: from the middle on, its audio PID gone (null packets instead) and its PMT
-// changed to say so; a dozen packets overwritten with noise; 30000 bytes cut out of it (off the packet grid); its
-// last packet cut short. fmp4mux reads it to the end, says what it lost, and what it wrote decodes without error.
-// (Segments end where the audio does: the packager cuts where every stream has media.)
-TEST(Fmp4muxEndToEnd, ADamagedTransportStreamIsReadToTheEndAndItsLossesAreSaid) {
+// The h264 fixture with its audio PID gone from the middle on (null packets instead) and its PMT changed to say so.
+std::vector<std::uint8_t> withoutAudioFromTheMiddle() {
     std::vector<std::uint8_t> ts = testkit::readFile(made(kH264));
     const std::size_t packets = ts.size() / 188;
     for (std::size_t k = packets / 2; k < packets; ++k) {
@@ -730,6 +727,30 @@ TEST(Fmp4muxEndToEnd, ADamagedTransportStreamIsReadToTheEndAndItsLossesAreSaid) 
         }
         if (pid == 0x1000 && (p[1] & 0x40) != 0) withoutStream(p, 0x101);
     }
+    return ts;
+}
+
+// The audio leaves the program half way (after 3 of the 6 s): it ends there, and the video goes on without it to
+// its last frame, in segments of 2 s (waiting for the audio, the last two would be one at the end).
+TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramEndsThereAndTheOthersGoOn) {
+    const fs::path input = dir() / "audio-leaves.ts", out = dir() / "audio-leaves";
+    testkit::writeFile(input.string(), withoutAudioFromTheMiddle());
+    const Outcome r = sh(mux(q(input) + " " + q(out)));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("input 0 stream 1: it left the program"), std::string::npos) << r.output;
+    EXPECT_EQ(decodedVideo(joinTrack(out, "video0")).second, 150) << r.output;
+    EXPECT_EQ(representation(out, "video0").second.size(), 4u);  // the init segment and three of 2 s
+    const long audio = decodedAudio(joinTrack(out, "audio1"));
+    EXPECT_GT(audio, 48000 * 2);
+    EXPECT_LT(audio, 48000 * 4);
+}
+
+// An MPEG-TS damaged every way at once: its audio gone from the middle on, as above; a dozen packets overwritten
+// with noise; 30000 bytes cut out of it (off the packet grid); its last packet cut short. fmp4mux reads it to the
+// end, says what it lost, and what it wrote decodes without error.
+TEST(Fmp4muxEndToEnd, ADamagedTransportStreamIsReadToTheEndAndItsLossesAreSaid) {
+    std::vector<std::uint8_t> ts = withoutAudioFromTheMiddle();
+    const std::size_t packets = ts.size() / 188;
     std::mt19937 noise(7);
     for (int i = 0; i < 12; ++i) {
         const std::size_t k = 20 + noise() % (packets - 40);

@@ -114,7 +114,8 @@ TEST_P(TsDemuxCases, GiveWhatTheBytesHold) {
                            std::snprintf(text, sizeof text, "section %u %zu clock=%lld", s.pid, s.size,
                                          static_cast<long long>(s.clock.value_or(-1)));
                            out.push_back(text);
-                       }});
+                       },
+                       [&](std::uint16_t pid) { out.push_back("gone " + std::to_string(pid)); }});
         for (std::size_t at = 0; at < input.size(); at += piece)
             demux.push(input.data() + at, std::min(piece, input.size() - at));
         demux.finish();
@@ -154,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
               "lost 0 duplicates 0 bad sections 0 PMT changes 0"}},
         Case{"PmtVersionChangeRemovesAStream",
              {kPat, kPmt, kAudio, kPmtV1, kAudioAgain},
-             {"pes 258 8 A0-A0 pts=126000 dts=126000", "lost 0 duplicates 0 bad sections 0 PMT changes 1"}},
+             {"pes 258 8 A0-A0 pts=126000 dts=126000", "gone 258", "lost 0 duplicates 0 bad sections 0 PMT changes 1"}},
         Case{"SectionOfLengthZero",
              {kEmptyPat, kPatAgain, kPmt, kAudio},
              {"pes 258 8 A0-A0 pts=126000 dts=126000", "lost 0 duplicates 0 bad sections 1 PMT changes 0"}},
