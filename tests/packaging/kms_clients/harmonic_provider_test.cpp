@@ -48,12 +48,9 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
     EXPECT_EQ(keyIdOf(*provider), kIdAtZero);
     EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
     std::vector<std::uint8_t> iv;  // eight zero bytes, whatever the server's IV
-    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
     provider->getInitialisationVector(iv);
-    provider->getProtectionBoxes(boxes, true);
     EXPECT_BYTES(iv, testkit::zeros(8));
-    ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_BYTES(testkit::writeBox(boxes[0]),
+    EXPECT_BYTES(protectionBoxesOf(*provider),
                  hex("00000024 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000004 08011210"));
     std::string text;
     provider->getContentProtectionText(text, false);

@@ -46,14 +46,10 @@ TEST(IrdetoProvider, TheKeyOfEachCryptoPeriodWithEachSystemsSignalling) {
     EXPECT_BYTES(iv, hex("00010203 04050607 08090a0b 0c0d0e0f"));
 
     // Systems in the order of their ids: the one "Streaming" got, PlayReady, Widevine.
-    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
-    provider->getProtectionBoxes(boxes, true);
-    ASSERT_EQ(boxes.size(), 3u);
-    EXPECT_BYTES(testkit::writeBox(boxes[0]), hex("00000020 'pssh' 00000000 00000000 00000000 00000000 000000ee 00000000"));
-    EXPECT_BYTES(testkit::writeBox(boxes[1]),
-                 hex("00000023 'pssh' 00000000 9a04f079 98404286 ab92e65b e0885f95 00000003 010203"));
-    EXPECT_BYTES(testkit::writeBox(boxes[2]),
-                 hex("00000024 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000004 08011210"));
+    EXPECT_BYTES(protectionBoxesOf(*provider),
+                 hex("00000020 'pssh' 00000000 00000000 00000000 00000000 000000ee 00000000"
+                     "00000023 'pssh' 00000000 9a04f079 98404286 ab92e65b e0885f95 00000003 010203"
+                     "00000024 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000004 08011210"));
     std::string text;
     provider->getContentProtectionText(text, true);
     EXPECT_EQ(text, "<!-- Common Encryption -->\n"

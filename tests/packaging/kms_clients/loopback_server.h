@@ -161,6 +161,13 @@ inline std::string keyIdOf(enc::IEncryptionProvider& p) {
     return testkit::hexText(testkit::Bytes(uuid.begin(), uuid.end()));
 }
 
+// The protection boxes a provider gives for DASH, written one after the other.
+inline testkit::Bytes protectionBoxesOf(enc::IEncryptionProvider& p) {
+    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
+    p.getProtectionBoxes(boxes, true);
+    return tvrn::encoding::packaging::imff::imff_box::binarizeBoxes(boxes);
+}
+
 // An address on 127.0.0.1 where nothing listens.
 inline std::string downUrl(const std::string& path) { return "http://127.0.0.1:" + std::to_string(closedPort()) + path; }
 

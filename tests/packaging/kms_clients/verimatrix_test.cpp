@@ -42,10 +42,7 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
     std::vector<std::uint8_t> iv;
     provider->getInitialisationVector(iv);
     EXPECT_BYTES(iv, testkit::zeros(8));
-    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
-    provider->getProtectionBoxes(boxes, true);
-    ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_BYTES(testkit::writeBox(boxes[0]),
+    EXPECT_BYTES(protectionBoxesOf(*provider),
                  hex("00000023 'pssh' 00000000 9a27dd82 fde24725 8cbc4234 aa06ec09 00000003 564d58"));
     std::string text;
     provider->getContentProtectionText(text, true);

@@ -59,11 +59,8 @@ TEST(WidevineProvider, TheKeyOfEachRequestItsSignallingAndRotationByMediaTime) {
     // The n-th answer: key id d0d0d0d0 + n + 8 zero bytes, key 80+n .., pssh data 08 01 12 10 + key id.
     EXPECT_EQ(keyIdOf(*provider), "d0d0d0d0000000000000000000000000");
     EXPECT_BYTES(keyOf(*provider), hex("808182838485868788898a8b8c8d8e8f"));
-    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
-    provider->getProtectionBoxes(boxes, true);
-    ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_BYTES(testkit::writeBox(boxes[0]), hex("00000034 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000014"
-                                                  "08011210 d0d0d0d0 00000000 00000000 00000000"));
+    EXPECT_BYTES(protectionBoxesOf(*provider), hex("00000034 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed"
+                                                   "00000014 08011210 d0d0d0d0 00000000 00000000 00000000"));
     std::string text;
     provider->getContentProtectionText(text, true);
     EXPECT_NE(text.find("cenc:default_KID=\"d0d0d0d0-0000-0000-0000-000000000000\""), std::string::npos) << text;
