@@ -76,14 +76,11 @@ inline std::vector<es::MediaDataRef> fixtureBuffers(const Fixture& fixture, std:
 
 // The first chunk of a stream as the synchroniser gives it: the configuration samples of the fixture.
 inline StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
-    SampleCollector collector;
-    auto nals = es::createNalBuilder(type);
-    auto builder = samples::createSampleBuilder(type, false, &collector);
-    nals->setListener(builder.get());
-    for (const auto& buffer : fixtureBuffers(loadFixture(name), 0)) nals->push(buffer.get());
-    nals->flush();
+    SampleChain chain(type);
+    for (const auto& buffer : fixtureBuffers(loadFixture(name), 0)) chain.builder->push(buffer.get());
+    chain.builder->flush();
     StreamChunk chunk;
-    for (auto& sample : collector.all)
+    for (auto& sample : chain.collector.all)
         if (sample->kind >= samples::KindSequenceParameterSet && sample->kind <= samples::KindVideoParameterSet)
             chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<samples::Sample>(sample.release())));
     return chunk;
