@@ -110,6 +110,9 @@ inline void push(MuxFmp4InputPin& pin, const std::vector<Unit>& units) {
 inline bool waitForWorker(CMuxFmp4Filter* filter, fmp4::WorkerState state) {
     return filter->waitForWorkerState(state, testkit::kWaitLimit);
 }
+// Pauses the filter and waits until its session runs; stops it and waits until its worker is idle.
+inline bool paused(CMuxFmp4Filter* f) { return f->Pause() == S_OK && waitForWorker(f, fmp4::Running); }
+inline bool stopped(CMuxFmp4Filter* f) { return f->Stop() == S_OK && waitForWorker(f, fmp4::Idle); }
 
 // Releases a filter at the end of a scope.
 using FilterHolder = std::unique_ptr<CMuxFmp4Filter, decltype([](CMuxFmp4Filter* filter) { filter->Release(); })>;

@@ -124,16 +124,13 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
             }
             EXPECT_TRUE(got[base].init);
         }
-        ASSERT_EQ(graph.filter->Stop(), S_OK);
-        ASSERT_TRUE(waitForWorker(graph.filter.get(), fmp4::Idle));
+        ASSERT_TRUE(stopped(graph.filter.get()));
     }
     std::uint32_t delivered = 0;
     graph.filter->GetStatus(&delivered, nullptr, 0);
     EXPECT_EQ(delivered, 2 * (expected[0].size() + expected[1].size()));
 }
-}  // namespace
 
-namespace {
 // H.264 with each sync-frame audio format (AC-4 made by hand): both outputs get an init chunk and media chunks, and end. Before these
 // formats had builders, such a session made no chunk at all and never ended.
 TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
@@ -163,9 +160,7 @@ TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
         ASSERT_EQ(g.filter->Stop(), S_OK);
     }
 }
-}  // namespace
 
-namespace {
 // H.264, AAC and SCTE-35 ad markers, with a default parental rating. Before SCTE-35 had a sample builder, its
 // registered stream never delivered and held every media chunk back: the video output got its init chunk only.
 // Now every output writes its chunks to the end: the video and audio outputs as many as without the markers, the
