@@ -173,4 +173,15 @@ inline void pushPieces(es::NALBuilder& builder, const Bytes& stream, std::uint32
     }
 }
 
+// The units the framing of `type` delivers from `stream` pushed in pieces (pushPieces), then flushed.
+inline NalCollector framedInPieces(std::uint32_t type, const Bytes& stream, std::uint32_t seed, std::size_t maxPiece,
+                                   std::optional<std::int64_t> time100ns = std::int64_t{0}) {
+    NalCollector collector;
+    auto builder = es::createNalBuilder(type);
+    builder->setListener(&collector);
+    pushPieces(*builder, stream, seed, maxPiece, time100ns);
+    builder->flush();
+    return collector;
+}
+
 }  // namespace testkit
