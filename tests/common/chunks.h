@@ -61,6 +61,18 @@ private:
     Guarded<State> m_state;
 };
 
+// A stream's attributes: its type, bit rate, announced bandwidth, name and extra parameters.
+inline ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t bitrate = 0, std::uint32_t bandwidth = 0,
+                                               const std::string& name = "", const std::string& extra = "") {
+    ElementaryStreamAttributes a;
+    a.type = type;
+    a.bitrate = bitrate;
+    a.bandwidth = bandwidth;
+    a.name = name;
+    a.name2 = extra;
+    return a;
+}
+
 // The fixture's packets as input buffers, their 90 kHz times moved by `offset90k`; the first `count` only.
 inline std::vector<es::MediaDataRef> fixtureBuffers(const Fixture& fixture, std::int64_t offset90k,
                                                     std::size_t count = SIZE_MAX) {

@@ -40,11 +40,8 @@ std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const Inputs& in
                       false, false, false, false, true, fmp4::Fmp4MuxParts{});
     const std::pair<std::uint32_t, std::int32_t> streams[] = {{fmp4::H264_VIDEO, 1000000}, {fmp4::AAC_ADTS_AUDIO, 128000}};
     for (std::uint32_t s = 0; s < 2; ++s) {
-        fmp4::ElementaryStreamAttributes attributes;
-        std::tie(attributes.type, attributes.bitrate) = streams[s];
-        attributes.bandwidth = static_cast<std::uint32_t>(attributes.bitrate);
-        attributes.name = "main";
-        mux.AddStream(s, attributes);
+        const auto [type, bitrate] = streams[s];
+        mux.AddStream(s, testkit::attributesOf(type, bitrate, static_cast<std::uint32_t>(bitrate), "main"));
     }
     mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &outputs[0], 1}, fmp4::ChunkOutputSeed{"", {1}, &outputs[1], 1}});
     for (std::uint32_t s = 0; s < 2; ++s) {

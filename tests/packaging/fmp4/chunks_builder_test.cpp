@@ -47,14 +47,6 @@ SegmentChunks segmentsOf(std::map<std::uint32_t, std::shared_ptr<StreamChunk>> c
     return s;
 }
 
-// A stream of `type` at 300 kbit/s.
-ElementaryStreamAttributes attributesOf(std::uint32_t type) {
-    ElementaryStreamAttributes a;
-    a.type = type;
-    a.bandwidth = 300000;
-    return a;
-}
-
 struct Session {
     explicit Session(OutputFormat format, Fmp4MuxConfig muxConfig = Fmp4MuxConfig::fromMode(GopSegments, 1000, 1, 0, 0),
                      bool sparseStreamsHoldOrigin = true)
@@ -72,7 +64,7 @@ struct Session {
               bool pssh = false) {
         std::map<std::uint32_t, std::shared_ptr<StreamChunk>> first;
         for (std::uint32_t i = 0; i < streams.size(); ++i) {
-            builder->AddStream(i, streams[i].second, attributesOf(streams[i].first));
+            builder->AddStream(i, streams[i].second, attributesOf(streams[i].first, 0, 300000));
             first[i] = std::make_shared<StreamChunk>();
         }
         std::vector<ChunkOutputSeed> seeds;
@@ -203,8 +195,8 @@ TEST(ChunkNumbering, FirstNumberAppliesToChunksAndSegmentsCountFromOne) {
 // track 1, and each chunk names its stream's entry in tfhd.
 TEST(AllVideoInInit, EveryOutputDescribesEveryVideoStream) {
     Session s(Dash);
-    s.builder->AddStream(0, 1, attributesOf(H264_VIDEO));
-    s.builder->AddStream(1, 1, attributesOf(HEVC_VIDEO));
+    s.builder->AddStream(0, 1, attributesOf(H264_VIDEO, 0, 300000));
+    s.builder->AddStream(1, 1, attributesOf(HEVC_VIDEO, 0, 300000));
     s.builder->SetOutputs({{"", {0}, &s.outputs[0], 1}, {"", {1}, &s.outputs[1], 1}}, false, false, true);
     s.builder->OnFirstSegments(segmentsOf({{0, std::make_shared<StreamChunk>(firstChunkOf("h264_plain", H264_VIDEO))},
                                            {1, std::make_shared<StreamChunk>(firstChunkOf("hevc_bframes", HEVC_VIDEO))}}),

@@ -102,10 +102,9 @@ std::map<std::string, std::vector<WrittenChunk>> runSession(OutputFormat format,
     std::vector<KeepingOutput> outputs(feeds.size());
     std::vector<ChunkOutputSeed> seeds;
     for (std::uint32_t i = 0; i < feeds.size(); ++i) {
-        ElementaryStreamAttributes attributes;
-        attributes.type = feeds[i].second.type;
-        attributes.bitrate = isAudio(attributes.type) ? 64000 : 300000 * static_cast<std::int32_t>(i + 1);
-        attributes.bandwidth = static_cast<std::uint32_t>(attributes.bitrate);
+        const std::uint32_t type = feeds[i].second.type;
+        const std::int32_t bitrate = isAudio(type) ? 64000 : 300000 * static_cast<std::int32_t>(i + 1);
+        ElementaryStreamAttributes attributes = attributesOf(type, bitrate, static_cast<std::uint32_t>(bitrate));
         attributes.language = "eng";
         mux->AddStream(i, attributes);
         seeds.push_back({"", {static_cast<std::int32_t>(i)}, &outputs[i], 1});

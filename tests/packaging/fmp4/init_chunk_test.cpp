@@ -18,13 +18,6 @@ namespace {
 using namespace testkit;
 namespace codec_box = tvrn::encoding::packaging::imff::codec_box;
 
-ElementaryStreamAttributes videoOf(std::uint32_t type) {
-    ElementaryStreamAttributes a;
-    a.type = type;
-    a.bitrate = 500000;
-    return a;
-}
-
 const ManifestDurations kDurations{1000, 2000, 500};  // timescale, segment and chunk durations
 
 // Parameter sets in band in DASH (Smooth Streaming's are in the golden chunks): the entry is avc3 or hev1, the
@@ -34,7 +27,7 @@ TEST(InitChunk, InBandParameterSetsInDash) {
     for (const Case& c : {Case{"h264_plain", H264_VIDEO, "avc3"}, Case{"hevc_bframes", HEVC_VIDEO, "hev1"}}) {
         SCOPED_TRACE(c.entry);
         InitChunk init("out", true);
-        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, videoOf(c.type), true, firstChunkOf(c.fixture, c.type), true), 1);
+        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, attributesOf(c.type, 500000), true, firstChunkOf(c.fixture, c.type), true), 1);
         const Bytes bytes = init.Serialise();
         const ByteView movie = moviePart(bytes);
         const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
@@ -57,8 +50,8 @@ TEST(InitChunk, InBandParameterSetsInDash) {
 
 TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
     InitChunk init("out", true);
-    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, videoOf(H264_VIDEO), false, StreamChunk{}, true), 0);
-    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, MPEG2_VIDEO, videoOf(MPEG2_VIDEO), false,
+    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, attributesOf(H264_VIDEO, 500000), false, StreamChunk{}, true), 0);
+    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, MPEG2_VIDEO, attributesOf(MPEG2_VIDEO, 500000), false,
                              firstChunkOf("h264_plain", H264_VIDEO), true),
               0);
     EXPECT_TRUE(init.manifest().empty());
@@ -68,7 +61,7 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
         for (const Bytes& unit : {hex("67"), hex("420101"), Bytes(40, 0xFF), hex("67 0000000000")}) {
             const Bytes withLength = cat({hex("000000"), {static_cast<std::uint8_t>(unit.size())}, unit});
             InitChunk garbage("out", true);
-            EXPECT_GE(garbage.AddStream(1, 10000000, kDurations, type, videoOf(type), false,
+            EXPECT_GE(garbage.AddStream(1, 10000000, kDurations, type, attributesOf(type, 500000), false,
                                         configurationChunk(samples::KindSequenceParameterSet, withLength), true),
                       0);
             EXPECT_FALSE(garbage.Serialise().empty());
@@ -223,15 +216,7 @@ TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
 
 // --- the server manifest ------------------------------------------------------------------------------
 
-ElementaryStreamAttributes videoAttributes() {
-    ElementaryStreamAttributes a;
-    a.type = H264_VIDEO;
-    a.bitrate = 3000000;
-    a.bandwidth = 3300000;
-    a.name = "hd";
-    a.name2 = "Foo=1;bar=x";
-    return a;
-}
+ElementaryStreamAttributes videoAttributes() { return attributesOf(H264_VIDEO, 3000000, 3300000, "hd", "Foo=1;bar=x"); }
 
 const VideoManifestInfo kVideo{.fourCC = "avc1", .codecs = "avc1.64001f", .codecPrivateData = {0, 0, 0, 1, 0x67, 0x64, 0xAB},
                                .width = 1280, .height = 720, .frameRateNumerator = 25, .sarWidth = 4, .sarHeight = 3};
@@ -239,13 +224,8 @@ const AudioManifestInfo kAudio{.fourCC = "mp4a", .codecs = "mp4a.40.2", .codecPr
                                .samplingRate = 48000, .channelScheme = {}, .channelValue = {}};
 
 ElementaryStreamAttributes audioAttributes() {
-    ElementaryStreamAttributes a;
-    a.type = AAC_ADTS_AUDIO;
-    a.bitrate = 128000;
-    a.bandwidth = 128000;
-    a.name = "main";
+    ElementaryStreamAttributes a = attributesOf(AAC_ADTS_AUDIO, 128000, 128000, "main", "k=v");
     a.language = "fra";
-    a.name2 = "k=v";
     return a;
 }
 
