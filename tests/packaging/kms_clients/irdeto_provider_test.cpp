@@ -167,21 +167,4 @@ TEST(IrdetoProvider, EachFaultAtConnectionIsLoggedInItsOwnWordsAndGivesNoKey) {
     EXPECT_EQ(keyIdOf(*added), "a1a1a1a1b2b2c3c3d4d40000000003e8");
 }
 
-TEST(IrdetoProvider, TheFactoryBuildsKeyGenerationAndRefusesTheScalableLicence) {
-    testkit::RecordingLogger logger;
-    std::unique_ptr<enc::EncryptionManager> manager;
-    const auto build = &tvrn::encoding::packaging::kms_clients::buildEncryptionManager;
-    enc::IrdetoConfiguration record{.serverUrl = "http://i", .variant = enc::IrdetoGenerateKeysSettings{0, 30},
-                                    .contentId = "c", .password = kPassword};
-    build(manager, record, {}, logger, nullptr, {});
-    EXPECT_TRUE(manager->hasProvider());
-    EXPECT_TRUE(logger.contains(
-        "2 Irdeto encryption parameters: Content Id = 'c' : Server Url = 'http://i' : Key Change period = 30 sec."));
-    EXPECT_TRUE(logger.contains("2 Irdeto GenerateKeys Encryption: Use 'http://i' as key session url."));
-    record.variant = enc::IrdetoPlayReadyScalableLicense{};
-    build(manager, record, {}, logger, nullptr, {});
-    EXPECT_FALSE(manager->hasProvider());
-    EXPECT_EQ(logger.lines().back(), "1 Encryption Mode \"Irdeto PlayReady Scalable License\" is not yet implemented");
-}
-
 }  // namespace

@@ -168,6 +168,12 @@ inline testkit::Bytes protectionBoxesOf(enc::IEncryptionProvider& p) {
     return tvrn::encoding::packaging::imff::imff_box::binarizeBoxes(boxes);
 }
 
+// A provider with a key period of 0 connects and keeps the key of connect whatever the media time.
+inline void expectOneKeyForEver(enc::IEncryptionProvider& p) {
+    ASSERT_TRUE(p.connect());
+    for (std::uint64_t s : {1u, 1000u, 1000000u}) EXPECT_EQ(p.updateKey(s * kSecond), KeyUpdateResult::Unchanged) << s;
+}
+
 // An address on 127.0.0.1 where nothing listens.
 inline std::string downUrl(const std::string& path) { return "http://127.0.0.1:" + std::to_string(closedPort()) + path; }
 

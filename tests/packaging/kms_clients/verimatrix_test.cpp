@@ -64,9 +64,7 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
                            "/vmx/ok ?&r=res%20one&t=DTV&p=40000001\n/vmx/ok ?&r=res%20one&t=DTV&p=80000002\n");
 
     // Period 0: the key of the connection for the whole run.
-    Provider once = vmx.make("/vmx/ok", 0);
-    ASSERT_TRUE(once->connect());
-    EXPECT_EQ(once->updateKey(1000 * kSecond), KeyUpdateResult::Unchanged);
+    expectOneKeyForEver(*vmx.make("/vmx/ok", 0));
     // A server that names its key id every time: the key changes, the id does not (the manager keeps the old key).
     Provider named = vmx.make("/vmx/keyid-always");
     ASSERT_TRUE(named->connect());
