@@ -34,7 +34,8 @@ public:
         REFERENCE_TIME start = 0;
         std::uint64_t dataId = 0;
     };
-    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF) : m_allocator(maxBuffers) {}
+    // Its allocator gives at most `maxBuffers` buffers of at most `maxSize` bytes.
+    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF) : m_allocator(maxBuffers, maxSize) {}
     HRESULT Receive(IMediaSample3* sample) override {
         Received r;
         std::uint8_t* data = nullptr;

@@ -205,13 +205,7 @@ TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     f.filter->Stop();
 
     // A sink whose allocator gives smaller buffers cannot connect.
-    class SmallSink : public RecordingSink {
-    public:
-        SmallSink() : m_small(1000, 4096) {}
-        MemAllocator* GetAllocator() override { return &m_small;  }
-    private:
-        MemAllocator m_small;
-    } small;
+    RecordingSink small(1000, 4096);
     ASSERT_EQ(f.filter->inputPins()[1]->ReceiveConnection(inputType(8, 128000)), S_OK);
     EXPECT_EQ(f.filter->outputPins()[1]->Connect(&small), E_FAIL);
 }
