@@ -17,10 +17,6 @@ using namespace kmstest;
 using namespace tvrn::encoding::packaging::kms_clients;
 constexpr int kTimeout = -1000000;  // 1 s, in gSOAP's microseconds
 
-struct Server : Scripted {
-    std::string last(const std::string& kind) { return get("/last/" + kind); }
-};
-
 // Text as UTF-16LE bytes, as a PlayReady header holds it.
 testkit::Bytes utf16(const std::string& text) {
     testkit::Bytes out;
@@ -32,7 +28,7 @@ bool holds(const testkit::Bytes& bytes, const testkit::Bytes& part) {
 }
 
 TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader) {
-    Server is;
+    Scripted is;
     const auto make = [&](const std::string& name, std::int32_t period, const std::string& contentId = "channel-1") {
         return std::make_unique<InsideSecureEncryptionProvider>(
             enc::InsideSecureConfiguration{name.rfind("http", 0) == 0 ? name : is.url("/insidesecure/" + name),
@@ -41,7 +37,7 @@ TEST(InsideSecureProvider, AKeyAtConnectAndOnceEachPeriodWithItsPlayReadyHeader)
     };
     auto provider = make("ok", 4);
     ASSERT_TRUE(provider->connect());
-    const std::string request = is.last("insidesecure");
+    const std::string request = is.get("/last/insidesecure");
     expectInOrder(request, {"protectionSystem>PlayReady<", "contentID>channel-1<", "position>1764000000<"});
     EXPECT_EQ(keyIdOf(*provider), "15150000000041518000000000000000");
     EXPECT_BYTES(keyOf(*provider), hex("404142434445464748494a4b4c4d4e4f"));
@@ -90,7 +86,7 @@ TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
               "tovrane-fmp4 1</EncoderVersion><UserKey>user-SECRET-1</UserKey><KeyID>0a0b0c0d-0102-0304-0506-"
               "0708090a0b0c</KeyID><ContentID>movie&lt;1&gt;</ContentID><fl_GeneratePRHeader>true</fl_GeneratePRHeader>"
               "<MediaID>movie&lt;1&gt;</MediaID></KeyOSEncryptionInfoRequest>");
-    Server kos;
+    Scripted kos;
     const auto make = [&](const std::string& name, std::string userKey = "user-SECRET-1") {
         enc::BuyDrmConfiguration c = record;
         c.serverUrl = name.rfind("http", 0) == 0 ? name : kos.url("/keyos/" + name);
@@ -141,13 +137,13 @@ TEST(BuyDrmProvider, TheRequestDocumentTheServersHeaderAndTheAnswersFailures) {
 }
 
 TEST(ViaccessClient, TheKeyAndEachSystemsInformationOrTheFailureOfTheMissingPart) {
-    Server via;
+    Scripted via;
     const auto ask = [&](const std::string& name, bool changeKey = false) {
         return ViaccessClient(via.url("/viaccess/" + name), enc::TransportSecurity{}, via.logger, kTimeout)
             .getProtectionInfo("channel-1", changeKey);
     };
     const ViaccessProtectionInfo info = ask("ok", true);
-    const std::string request = via.last("viaccess");
+    const std::string request = via.get("/last/viaccess");
     expectInOrder(request, {"ProtocolVersion>1<", "ContentId>channel-1<", "ProtectionSystem>PLAYREADY<",
                              "ProtectionSystem>VODRM<", "ChangeKey>true<"});
     EXPECT_BYTES(info.key, hex("707172737475767778797a7b7c7d7e7f"));
@@ -174,13 +170,13 @@ TEST(ViaccessClient, TheKeyAndEachSystemsInformationOrTheFailureOfTheMissingPart
 TEST(PlayReadyPackagingClient, ThePackagingDataForItsDurationsOrTheFailure) {
     EXPECT_EQ(packagingDuration(93784), "P1DT2H3M4S");
     EXPECT_EQ(packagingDuration(0), "P0DT0H0M0S");
-    Server prp;
+    Scripted prp;
     const auto ask = [&](const std::string& name) {
         return PlayReadyPackagingClient(prp.url("/prpackaging/" + name), enc::TransportSecurity{}, prp.logger, kTimeout)
             .acquirePackagingData("channel-1", 93784, 3600);
     };
     const PlayReadyPackagingData data = ask("ok");
-    const std::string request = prp.last("prpackaging");
+    const std::string request = prp.get("/last/prpackaging");
     expectInOrder(request, {"ContentId>channel-1<", "KeyRotationDuration>P1DT2H3M4S<", "LicenseDuration>P0DT1H0M0S<"});
     EXPECT_EQ(data.keyId, "0a0b0c0d-0102-0304-0506-0708090a0b0c");
     EXPECT_BYTES(data.contentKey, hex("505152535455565758595a5b5c5d5e5f"));
