@@ -237,18 +237,8 @@ TEST(VideoFixture, SlicedPicturesInPiecesMatchFfprobePackets) {
         std::size_t offset = 0;
         std::uint32_t seed = 12345;
         for (const Packet& p : fixture.packets) {
-            for (std::size_t done = 0; done < p.size;) {
-                seed = seed * 1103515245u + 12345u;
-                std::size_t piece = 1 + (seed >> 16) % 300;
-                if (done == 0) piece = std::max<std::size_t>(piece, 16);
-                piece = std::min(piece, p.size - done);
-                const bool first = done == 0;
-                chain.builder->push(makeBuffer(fixture.bytes.data() + offset + done, piece,
-                                         first ? std::optional(p.pts) : std::nullopt,
-                                         first && withDts ? std::optional(p.dts) : std::nullopt)
-                                  .get());
-                done += piece;
-            }
+            pushPieces(*chain.builder, fixture.bytes.data() + offset, p.size, seed, 300, es::from90kHz(p.pts),
+                       withDts ? std::optional(es::from90kHz(p.dts)) : std::nullopt, 16);
             offset += p.size;
         }
         const auto pictures = chain.pictures();
