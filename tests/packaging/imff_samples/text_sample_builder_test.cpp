@@ -12,34 +12,24 @@
 namespace {
 using namespace testkit;
 
-struct CueCase {
-    const char* item;
-    bool forPlayers;  // the boxstring form, without the zero byte
-    Bytes boxes;
-};
-
-class WebVttCueBoxes : public ::testing::TestWithParam<CueCase> {};
-
-TEST_P(WebVttCueBoxes, MatchTheStandardsLayout) {
-    EXPECT_EQ(samples::webVttCueBoxes(GetParam().item, !GetParam().forPlayers), GetParam().boxes);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Items, WebVttCueBoxes,
-    ::testing::Values(
+TEST(WebVttCueBoxes, MatchTheStandardsLayout) {
+    const struct { const char* item; bool forPlayers; Bytes boxes; } cases[] = {
         // A gap: "vtte", header only.
-        CueCase{"", false, {0, 0, 0, 8, 'v', 't', 't', 'e'}},
+        {"", false, {0, 0, 0, 8, 'v', 't', 't', 'e'}},
         // No settings: "vttc" holding only "payl" with "Hi" and its zero byte; for players, without it.
-        CueCase{"\nHi", false, {0, 0, 0, 19, 'v', 't', 't', 'c', 0, 0, 0, 11, 'p', 'a', 'y', 'l', 'H', 'i', 0}},
-        CueCase{"\nHi", true, {0, 0, 0, 18, 'v', 't', 't', 'c', 0, 0, 0, 10, 'p', 'a', 'y', 'l', 'H', 'i'}},
+        {"\nHi", false, {0, 0, 0, 19, 'v', 't', 't', 'c', 0, 0, 0, 11, 'p', 'a', 'y', 'l', 'H', 'i', 0}},
+        {"\nHi", true, {0, 0, 0, 18, 'v', 't', 't', 'c', 0, 0, 0, 10, 'p', 'a', 'y', 'l', 'H', 'i'}},
         // Settings, then the payload last; the text keeps its inner line feed.
-        CueCase{"line:0\nA\nB", true,
-                {0, 0, 0, 33, 'v', 't', 't', 'c', 0, 0, 0, 14, 's', 't', 't', 'g', 'l', 'i', 'n', 'e', ':', '0',
-                 0, 0, 0, 11, 'p', 'a', 'y', 'l', 'A', '\n', 'B'}},
+        {"line:0\nA\nB", true,
+         {0, 0, 0, 33, 'v', 't', 't', 'c', 0, 0, 0, 14, 's', 't', 't', 'g', 'l', 'i', 'n', 'e', ':', '0',
+          0, 0, 0, 11, 'p', 'a', 'y', 'l', 'A', '\n', 'B'}},
         // Settings and no text: a "payl" of its zero byte alone.
-        CueCase{"align:start", false,
-                {0, 0, 0, 37, 'v', 't', 't', 'c', 0, 0, 0, 20, 's', 't', 't', 'g', 'a', 'l', 'i', 'g', 'n', ':',
-                 's', 't', 'a', 'r', 't', 0, 0, 0, 0, 9, 'p', 'a', 'y', 'l', 0}}));
+        {"align:start", false,
+         {0, 0, 0, 37, 'v', 't', 't', 'c', 0, 0, 0, 20, 's', 't', 't', 'g', 'a', 'l', 'i', 'g', 'n', ':',
+          's', 't', 'a', 'r', 't', 0, 0, 0, 0, 9, 'p', 'a', 'y', 'l', 0}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(samples::webVttCueBoxes(c.item, !c.forPlayers), c.boxes) << c.item;
+}
 
 // Buffers of (text, time in 100 ns, stop or -1, sync); the builders of `type` with their sample builder.
 struct Buffer {

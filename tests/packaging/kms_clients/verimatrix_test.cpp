@@ -81,13 +81,12 @@ TEST(VerimatrixProvider, EachFaultFailsTheConnectionOrKeepsThePreviousKey) {
     Vmx vmx;
     const std::string down = downUrl("/vmx/ok");
     const std::string prefix = "Could not retrieve key from key server: HTTP GET to ";
+    const std::string query = "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed";
     const std::pair<std::string, std::string> rows[] = {
-        {down, prefix + down + "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed: "},
-        {"/vmx/status-404", prefix + vmx.url("/vmx/status-404") +
-                                "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed with error code 404 : Not Found"},
-        {"/vmx/status-503", prefix + vmx.url("/vmx/status-503") +
-                                "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed with error code 503 : Service Unavailable"},
-        {"/vmx/slow", prefix + vmx.url("/vmx/slow") + "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed: "},
+        {down, prefix + down + query + ": "},
+        {"/vmx/status-404", prefix + vmx.url("/vmx/status-404") + query + " with error code 404 : Not Found"},
+        {"/vmx/status-503", prefix + vmx.url("/vmx/status-503") + query + " with error code 503 : Service Unavailable"},
+        {"/vmx/slow", prefix + vmx.url("/vmx/slow") + query + ": "},
         {"/vmx/short-body", "Incomplete key received from key server (8 bytes)"},
     };
     for (const auto& [path, text] : rows) {
