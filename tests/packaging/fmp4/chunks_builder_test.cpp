@@ -470,16 +470,15 @@ TEST(ChunkBytes, ForPlayersAChunkLastsAsLongAsItsPicturesAreShown) {
 
 // The debugging line of a chunk: times in ms from the origin (1 s here), the first sample's.
 TEST(ChunkDump, KindNumbersAndPerTrackTimes) {
-    StreamChunk video, audio, empty;
-    for (std::int64_t i = 0; i < 2; ++i)
-        video.samples.push_back(std::make_shared<Fmp4Sample>(
-            std::shared_ptr<samples::Sample>(timedSample(1, samples::KindVideo, H264_VIDEO, 180000 + 3600 * i, 187200 + 3600 * i, 3600))));
-    video.duration = 800000;
+    const auto video = chunkOf({sampleOf(1, samples::KindVideo, H264_VIDEO, 180000, 187200, true, {}),
+                                sampleOf(1, samples::KindVideo, H264_VIDEO, 183600, 190800, false, {})},
+                               800000);
+    StreamChunk audio, empty;
     audio.samples.push_back(std::make_shared<Fmp4Sample>(
         std::shared_ptr<samples::Sample>(timedSample(2, samples::KindAudio, AC3_AUDIO, 96000, 96000, 1536, {}, 48000))));
     audio.duration = 320000;
     EXPECT_EQ(chunkDumpText({}, 7, 3, 0), "Invalid empty chunk 7 of segment 3");
-    EXPECT_EQ(chunkDumpText({{1, ChunkVideo, &video}}, 4, 2, 10000000),
+    EXPECT_EQ(chunkDumpText({{1, ChunkVideo, video.get()}}, 4, 2, 10000000),
               "Video Chunk #4 of Segment #2 :  [Video track #1 : pts = 1080 | dts = 1000 | 2 samples | dur 80 ms");
     EXPECT_EQ(chunkDumpText({{2, ChunkAudio, &audio}, {3, ChunkTimedText, &empty}}, 5, 2, 10000000),
               "Multi Chunk #5 of Segment #2 :  [Audio track #2 : pts = 1000 | dts = 1000 | 1 samples | dur 32 ms"
