@@ -40,12 +40,15 @@ Bytes pattern(std::size_t n) {
     return b;
 }
 
-// The samples of one stream, as NAL sizes per sample, encrypted through encryptStreamSamples.
+// The samples of one stream, as NAL sizes per sample, encrypted through encryptStreamSamples from `iv`, which moves on.
 struct Stream {
     std::vector<std::vector<Bytes>> original, bytes;
     std::vector<std::vector<enc::NalBytes>> nals;
     std::vector<std::optional<enc::SampleEncryptionInfo>> infos;
-    Stream(const std::vector<std::vector<std::size_t>>& sizes, bool subsamples, Bytes& iv) {
+    Bytes iv;
+    Stream(const std::vector<std::vector<std::size_t>>& sizes, bool subsamples,
+           Bytes startIv = FixedKeyProvider::defaultIv())
+        : iv(std::move(startIv)) {
         for (const auto& sample : sizes) {
             original.emplace_back();
             for (std::size_t n : sample) original.back().push_back(pattern(n));
@@ -93,19 +96,17 @@ TEST(SubsampleMap, FollowsTheClearRuleAndMergesEntriesWithoutProtectedBytes) {
         {{5}, {{5, 0}}},   {{20}, {{20, 0}}},       {{21}, {{5, 16}}},           {{22}, {{6, 16}}},
         {{1000}, {{8, 992}}}, {{9, 37}, {{14, 32}}}, {{21, 9}, {{5, 16}, {9, 0}}}, {{5, 6, 20}, {{31, 0}}}};
     for (const auto& [sizes, map] : table) {
-        Bytes iv = FixedKeyProvider::defaultIv();
-        Stream stream({sizes}, true, iv);
+        Stream stream({sizes}, true);
         EXPECT_EQ(stream.infos[0]->subsamples, map) << testing::PrintToString(sizes);
     }
 }
 
 TEST(SampleEncryption, EightByteIvRunsTheBlockCounterAcrossNalsAndRestartsItWithTheNextIv) {
-    Bytes iv = FixedKeyProvider::defaultIv();
-    Stream stream({{37, 21}, {}, {22}}, true, iv);
+    Stream stream({{37, 21}, {}, {22}}, true);
     EXPECT_EQ(stream.infos[0]->iv, FixedKeyProvider::defaultIv());
     EXPECT_FALSE(stream.infos[1].has_value());  // no NAL, no record; the IV moves on all the same
     EXPECT_EQ(stream.infos[2]->iv, testkit::hex("a1a2a3a4a5a6a7aa"));
-    EXPECT_EQ(iv, testkit::hex("a1a2a3a4a5a6a7ab"));
+    EXPECT_EQ(stream.iv, testkit::hex("a1a2a3a4a5a6a7ab"));
     stream.expectNal(0, 0, 5, kIvHigh, 0);
     stream.expectNal(0, 1, 5, kIvHigh, 2);
     stream.expectNal(2, 0, 6, kIvHigh + 2, 0);
@@ -113,18 +114,16 @@ TEST(SampleEncryption, EightByteIvRunsTheBlockCounterAcrossNalsAndRestartsItWith
 
 TEST(SampleEncryption, SixteenByteIvCarriesOverFromSampleToSample) {
     const std::uint64_t high = 0x1122334455667788ULL, start = 0xfffffffffffffffeULL;
-    Bytes iv = counterBlock(high, start);
-    Stream stream({{37, 22}, {21}}, true, iv);
+    Stream stream({{37, 22}, {21}}, true, counterBlock(high, start));
     EXPECT_EQ(stream.infos[1]->iv, counterBlock(high, 1));  // three blocks on, past the wrap
-    EXPECT_EQ(iv, counterBlock(high, 2));
+    EXPECT_EQ(stream.iv, counterBlock(high, 2));
     stream.expectNal(0, 0, 5, high, start);
     stream.expectNal(0, 1, 6, high, 0);
     stream.expectNal(1, 0, 5, high, 1);
 }
 
 TEST(SampleEncryption, WholeSampleModeEncryptsEveryByteAndRestartsEachNalWithAnEightByteIv) {
-    Bytes iv = FixedKeyProvider::defaultIv();
-    Stream stream({{20, 35}, {7}}, false, iv);
+    Stream stream({{20, 35}, {7}}, false);
     EXPECT_TRUE(stream.infos[0]->subsamples.empty());
     stream.expectNal(0, 0, 0, kIvHigh, 0);
     stream.expectNal(0, 1, 0, kIvHigh, 0);
@@ -133,8 +132,7 @@ TEST(SampleEncryption, WholeSampleModeEncryptsEveryByteAndRestartsEachNalWithAnE
 
 TEST(SampleEncryption, NalShorterThanFiveBytesFailsWithTheManagersException) {
     for (std::size_t n = 0; n < 5; ++n) {
-        Bytes iv = FixedKeyProvider::defaultIv();
-        EXPECT_EQ(testkit::failureOf<enc::EncryptionManager::Exception>([&] { Stream({{21, n}}, true, iv); }),
+        EXPECT_EQ(testkit::failureOf<enc::EncryptionManager::Exception>([&] { Stream({{21, n}}, true); }),
                   "Rijndael 128 CTR encrypt : failed (error -1)")
             << n;
     }
