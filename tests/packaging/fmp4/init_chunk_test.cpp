@@ -75,7 +75,7 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
 // --- codec strings -------------------------------------------------------------------------------------
 
 // AVC's string (profile, compatibility, level in hex) is in the golden manifests and the in-band test above.
-TEST(CodecString, HevcEntries) {
+TEST(CodecString, HevcEntriesAndAnAacObjectTypeNotAnnounced) {
     // Main profile, compatible with Main and Main 10 (flags 1 and 2), level 3.1, progressive, non-packed,
     // frame only: the example of ISO/IEC 14496-15.
     codec_box::HEVCSampleEntry hevc(true);
@@ -97,11 +97,8 @@ TEST(CodecString, HevcEntries) {
     bare.configuration.generalProfileCompatibilityFlags = 0x20000000;
     bare.configuration.generalLevelIdc = 120;
     EXPECT_EQ(codecString(bare), "hvc1.2.4.L120");
-}
-
-// An AAC object type that players are not told of gives no string. (Those they are told of are in the audio sample
-// entry's tests.)
-TEST(CodecString, AacMainIsNotAnnounced) {
+    // An AAC object type that players are not told of gives no string. (Those they are told of are in the audio
+    // sample entry's tests.)
     codec_box::MP4AudioSampleEntry aac;
     aac.esds.setDecoderSpecificInfo({0x0A, 0x10});  // audio object type 1, AAC main
     EXPECT_EQ(codecString(aac), "");
