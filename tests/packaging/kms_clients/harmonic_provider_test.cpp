@@ -43,8 +43,7 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
     Kms kms;
     Provider provider = kms.minimal("/keys/ok");
     ASSERT_TRUE(provider->connect());
-    EXPECT_EQ(keyIdOf(*provider), kIdAtZero);
-    EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
+    expectKey(*provider, kIdAtZero, kKeyAtZero);
     std::vector<std::uint8_t> iv;  // eight zero bytes, whatever the server's IV
     provider->getInitialisationVector(iv);
     EXPECT_BYTES(iv, testkit::zeros(8));
@@ -63,8 +62,7 @@ TEST(HarmonicProvider, TheKeyOfTimeZeroWithItsSignallingThenANewKeyOnceThePeriod
     EXPECT_TRUE(provider->isKeyRotationEnabled());
     EXPECT_EQ(provider->updateKey(10 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(10 * kSecond + 1), KeyUpdateResult::Updated);
-    EXPECT_EQ(keyIdOf(*provider), kIdLater);
-    EXPECT_BYTES(keyOf(*provider), kKeyLater);
+    expectKey(*provider, kIdLater, kKeyLater);
     EXPECT_EQ(provider->updateKey(20 * kSecond + 1), KeyUpdateResult::Unchanged);
     EXPECT_EQ(kms.get("/calls"), "/keys/ok GetKeyAndSignalization 0\n/keys/ok GetKeyAndSignalization 100000001\n");
     expectOneKeyForEver(*kms.minimal("/keys/ok", 0));
@@ -77,8 +75,7 @@ TEST(HarmonicProvider, AFailedRequestKeepsThePreviousKeyAndAsksAgainAtTheNextSeg
     ASSERT_TRUE(provider->connect());
     EXPECT_EQ(provider->updateKey(11 * kSecond), KeyUpdateResult::Failed);
     EXPECT_EQ(provider->updateKey(12 * kSecond), KeyUpdateResult::Failed);
-    EXPECT_EQ(keyIdOf(*provider), kIdAtZero);
-    EXPECT_BYTES(keyOf(*provider), kKeyAtZero);
+    expectKey(*provider, kIdAtZero, kKeyAtZero);
     const std::string failed = "0 Harmonic KMS: getKeyAndSignalization failed (";
     const auto lines = kms.logger.lines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), failed + "key not ready), use previous key"), 2);

@@ -39,8 +39,7 @@ TEST(IrdetoProvider, TheKeyOfEachCryptoPeriodWithEachSystemsSignalling) {
     Provider provider = irdeto.make(c);
     ASSERT_TRUE(provider->connect());
     EXPECT_TRUE(provider->isKeyRotationEnabled());
-    EXPECT_BYTES(keyOf(*provider), hex("e8e8e8e8 e8e8e8e8 e8e8e8e8 e8e8e8e8"));
-    EXPECT_EQ(keyIdOf(*provider), "a1a1a1a1b2b2c3c3d4d40000000003e8");
+    expectKey(*provider, "a1a1a1a1b2b2c3c3d4d40000000003e8", hex("e8e8e8e8 e8e8e8e8 e8e8e8e8 e8e8e8e8"));
     std::vector<std::uint8_t> iv;
     provider->getInitialisationVector(iv);
     EXPECT_BYTES(iv, hex("00010203 04050607 08090a0b 0c0d0e0f"));
@@ -72,8 +71,7 @@ TEST(IrdetoProvider, TheKeyOfEachCryptoPeriodWithEachSystemsSignalling) {
     EXPECT_EQ(provider->updateKey(5 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(15 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(15 * kSecond + 10'000), KeyUpdateResult::Updated);
-    EXPECT_BYTES(keyOf(*provider), hex("e9e9e9e9 e9e9e9e9 e9e9e9e9 e9e9e9e9"));
-    EXPECT_EQ(keyIdOf(*provider), "a1a1a1a1b2b2c3c3d4d40000000003e9");
+    expectKey(*provider, "a1a1a1a1b2b2c3c3d4d40000000003e9", hex("e9e9e9e9 e9e9e9e9 e9e9e9e9 e9e9e9e9"));
     EXPECT_TRUE(irdeto.logger.contains("2 Irdeto encryption : generate key request succeeded (crypto period = 1001)"));
     EXPECT_EQ(irdeto.get("/calls-of/irdeto"), "/irdeto/ok CreateLiveEvent live-1\n/irdeto/ok GenerateKeys 1000\n"
                                               "/irdeto/ok GenerateKeys 1001\n");

@@ -174,6 +174,12 @@ inline void expectOneKeyForEver(enc::IEncryptionProvider& p) {
     for (std::uint64_t s : {1u, 1000u, 1000000u}) EXPECT_EQ(p.updateKey(s * kSecond), KeyUpdateResult::Unchanged) << s;
 }
 
+// The key id a provider holds (as keyIdOf gives it) and its content key.
+inline void expectKey(enc::IEncryptionProvider& p, const std::string& keyId, const testkit::Bytes& key) {
+    EXPECT_EQ(keyIdOf(p), keyId);
+    EXPECT_BYTES(keyOf(p), key);
+}
+
 // An address on 127.0.0.1 where nothing listens.
 inline std::string downUrl(const std::string& path) { return "http://127.0.0.1:" + std::to_string(closedPort()) + path; }
 

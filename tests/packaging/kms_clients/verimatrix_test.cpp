@@ -37,8 +37,7 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
     Provider provider = vmx.make("/vmx/ok");
     ASSERT_TRUE(provider->connect());
     EXPECT_TRUE(provider->isKeyRotationEnabled());
-    EXPECT_BYTES(keyOf(*provider), hex("00010203 04050607 08090a0b 0c0d0e0f"));
-    EXPECT_EQ(keyIdOf(*provider), "0000000000000000000000006553f100");
+    expectKey(*provider, "0000000000000000000000006553f100", hex("00010203 04050607 08090a0b 0c0d0e0f"));
     std::vector<std::uint8_t> iv;
     provider->getInitialisationVector(iv);
     EXPECT_BYTES(iv, testkit::zeros(8));
@@ -55,8 +54,7 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
     // Key period 4 s: a request once more than 4 s have passed since the last key (connection's counts as 0).
     EXPECT_EQ(provider->updateKey(4 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(4 * kSecond + 1), KeyUpdateResult::Updated);
-    EXPECT_BYTES(keyOf(*provider), hex("44444444 44444444 44444444 44444444"));
-    EXPECT_EQ(keyIdOf(*provider), "00000000000000000000000002625a01");
+    expectKey(*provider, "00000000000000000000000002625a01", hex("44444444 44444444 44444444 44444444"));
     EXPECT_EQ(provider->updateKey(8 * kSecond + 1), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(8 * kSecond + 2), KeyUpdateResult::Updated);
     EXPECT_BYTES(keyOf(*provider), hex("48484848 48484848 48484848 48484848"));
@@ -69,8 +67,7 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
     Provider named = vmx.make("/vmx/keyid-always");
     ASSERT_TRUE(named->connect());
     EXPECT_EQ(named->updateKey(5 * kSecond), KeyUpdateResult::Updated);
-    EXPECT_BYTES(keyOf(*named), hex("45454545 45454545 45454545 45454545"));
-    EXPECT_EQ(keyIdOf(*named), "0000000000000000000000006553f100");
+    expectKey(*named, "0000000000000000000000006553f100", hex("45454545 45454545 45454545 45454545"));
     EXPECT_TRUE(vmx.logger.contains("2 Verimatrix encryption parameters: Ressource Id = 'res one' : Key Change period = 4 sec."));
     vmx.expectNotLogged({"000102030405060708090a0b0c0d0e0f", "AAECAwQFBgcICQoLDA0ODw==", "DDDD", "HHHH"});
 }
@@ -100,8 +97,7 @@ TEST(VerimatrixProvider, EachFaultFailsTheConnectionOrKeepsThePreviousKey) {
     ASSERT_TRUE(provider->connect());
     EXPECT_EQ(provider->updateKey(5 * kSecond), KeyUpdateResult::Failed);
     EXPECT_EQ(provider->updateKey(6 * kSecond), KeyUpdateResult::Failed);
-    EXPECT_BYTES(keyOf(*provider), hex("00010203 04050607 08090a0b 0c0d0e0f"));
-    EXPECT_EQ(keyIdOf(*provider), "0000000000000000000000006553f100");
+    expectKey(*provider, "0000000000000000000000006553f100", hex("00010203 04050607 08090a0b 0c0d0e0f"));
     // Headers that are not base64: no DASH key id to signal, which the manifest text refuses.
     Provider garbled = vmx.make("/vmx/bad-headers");
     ASSERT_TRUE(garbled->connect());

@@ -57,8 +57,7 @@ TEST(WidevineProvider, TheKeyOfEachRequestItsSignallingAndRotationByMediaTime) {
     auto provider = wv.make("ok");
     ASSERT_TRUE(provider->connect());
     // The n-th answer: key id d0d0d0d0 + n + 8 zero bytes, key 80+n .., pssh data 08 01 12 10 + key id.
-    EXPECT_EQ(keyIdOf(*provider), "d0d0d0d0000000000000000000000000");
-    EXPECT_BYTES(keyOf(*provider), hex("808182838485868788898a8b8c8d8e8f"));
+    expectKey(*provider, "d0d0d0d0000000000000000000000000", hex("808182838485868788898a8b8c8d8e8f"));
     EXPECT_BYTES(protectionBoxesOf(*provider), hex("00000034 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed"
                                                    "00000014 08011210 d0d0d0d0 00000000 00000000 00000000"));
     std::string text;
