@@ -134,18 +134,16 @@ TEST(AacSamples, ARateChangeTakesEffectAtItsFrame) {
     // From the fourth frame on, the header says 24 kHz (index 6).
     for (std::size_t i = 3; i < frames.size(); ++i)
         frames[i][2] = static_cast<std::uint8_t>((frames[i][2] & ~0x3C) | (6 << 2));
-    SampleCollector c;
-    samples::SampleBuilderAACADTSAudio builder(&c, false);
-    es::NALBuilderAACADTSAudio framing;
-    framing.setListener(&builder);
+    SampleChain chain(4);
+    const SampleCollector& c = chain.collector;
     std::int64_t t = 900000;  // 90 ms
     for (const Bytes& f : frames) {
         auto buffer = makeBuffer(f);
         buffer->SetTime(&t, nullptr);
-        framing.push(buffer.get());
+        chain.builder->push(buffer.get());
         t += 213333;
     }
-    framing.flush();
+    chain.builder->flush();
     const auto audio = c.ofKind(samples::KindAudio);
     ASSERT_EQ(audio.size(), 6u);
     // The input times, 132.67 ms and 154 ms, rounded to 90 kHz ticks (11940 and 13860), at the rate of each frame.
