@@ -62,8 +62,9 @@ private:
 };
 
 // A stream's attributes: its type, bit rate, announced bandwidth, name and extra parameters.
-inline ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t bitrate = 0, std::uint32_t bandwidth = 0,
-                                               const std::string& name = "", const std::string& extra = "") {
+inline ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t bitrate = 0,
+                                               std::uint32_t bandwidth = 0, const std::string& name = "",
+                                               const std::string& extra = "") {
     ElementaryStreamAttributes a;
     a.type = type;
     a.bitrate = bitrate;

@@ -33,7 +33,8 @@ public:
     // Whether the text of a message holds `part`.
     bool mentions(const std::string& part) const {
         const std::vector<Entry> all = entries();
-        return std::any_of(all.begin(), all.end(), [&](const Entry& e) { return e.text.find(part) != std::string::npos; });
+        return std::any_of(all.begin(), all.end(),
+                           [&](const Entry& e) { return e.text.find(part) != std::string::npos; });
     }
     bool contains(const std::string& line) const {
         const std::vector<std::string> all = lines();

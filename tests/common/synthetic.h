@@ -278,7 +278,8 @@ template <typename TimeOf>
 void pushInThrees(es::NALBuilder& builder, const std::vector<Bytes>& frames, TimeOf timeOf) {
     for (std::size_t i = 0; i < frames.size(); i += 3) {
         const auto from = frames.begin() + static_cast<std::ptrdiff_t>(i);
-        auto buffer = makeBuffer(cat(std::vector<Bytes>(from, from + std::min<std::ptrdiff_t>(3, frames.end() - from))));
+        const auto to = from + std::min<std::ptrdiff_t>(3, frames.end() - from);
+        auto buffer = makeBuffer(cat(std::vector<Bytes>(from, to)));
         const std::int64_t t = timeOf(i);
         buffer->SetTime(&t, nullptr);
         builder.push(buffer.get());

@@ -35,7 +35,8 @@ public:
         std::uint64_t dataId = 0;
     };
     // Its allocator gives at most `maxBuffers` buffers of at most `maxSize` bytes.
-    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF) : m_allocator(maxBuffers, maxSize) {}
+    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF)
+        : m_allocator(maxBuffers, maxSize) {}
     HRESULT Receive(IMediaSample3* sample) override {
         Received r;
         std::uint8_t* data = nullptr;

@@ -68,7 +68,8 @@ struct Session {
             first[i] = std::make_shared<StreamChunk>();
         }
         std::vector<ChunkOutputSeed> seeds;
-        for (std::size_t o = 0; o < outputStreams.size(); ++o) seeds.push_back({"", outputStreams[o], &outputs[o], firstNumber});
+        for (std::size_t o = 0; o < outputStreams.size(); ++o)
+            seeds.push_back({"", outputStreams[o], &outputs[o], firstNumber});
         builder->SetOutputs(seeds, false, pssh, false);
         builder->OnFirstSegments(segmentsOf(first), 1000, 1000, 1000);
     }

@@ -27,7 +27,9 @@ TEST(InitChunk, InBandParameterSetsInDash) {
     for (const Case& c : {Case{"h264_plain", H264_VIDEO, "avc3"}, Case{"hevc_bframes", HEVC_VIDEO, "hev1"}}) {
         SCOPED_TRACE(c.entry);
         InitChunk init("out", true);
-        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, attributesOf(c.type, 500000), true, firstChunkOf(c.fixture, c.type), true), 1);
+        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, attributesOf(c.type, 500000), true,
+                                 firstChunkOf(c.fixture, c.type), true),
+                  1);
         const Bytes bytes = init.Serialise();
         const ByteView movie = moviePart(bytes);
         const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
@@ -50,7 +52,9 @@ TEST(InitChunk, InBandParameterSetsInDash) {
 
 TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
     InitChunk init("out", true);
-    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, attributesOf(H264_VIDEO, 500000), false, StreamChunk{}, true), 0);
+    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, attributesOf(H264_VIDEO, 500000), false,
+                             StreamChunk{}, true),
+              0);
     EXPECT_EQ(init.AddStream(1, 10000000, kDurations, MPEG2_VIDEO, attributesOf(MPEG2_VIDEO, 500000), false,
                              firstChunkOf("h264_plain", H264_VIDEO), true),
               0);
@@ -146,7 +150,8 @@ TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString)
         {AC3_AUDIO, eac3, "ec-3", "dec3", hex("02F8 600400"), 2, 44100, "ec-3", "A000"},
         {AC3_AUDIO, cat({eac3, dependent}), "ec-3", "dec3", hex("0370 60040202"), 4, 44100, "ec-3", "A200"},
         // esds: object type 0x6B, then the decoder specific info as the sample builder makes it.
-        {MPEG1_AUDIO, hex("F97E 0177 0040"), "mp4a", "esds", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b", "2"},
+        {MPEG1_AUDIO, hex("F97E 0177 0040"), "mp4a", "esds", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b",
+         "2"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.codecs + std::to_string(c.channels) + c.channelValue);

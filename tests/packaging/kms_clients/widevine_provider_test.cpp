@@ -126,7 +126,8 @@ TEST(KeyClientFactory, BuildsEachProviderAndLogsItsParameters) {
          {"2 Widevine encryption parameters: Content Id = 'channel-1' : Server Url = 'http://k' : Key Change period = "
           "10 sec."}},
         {enc::HarmonicConfiguration{"r", "q", 10, "http://s"}, true,
-         {"2 Harmonic KMS full impl.: resourceId='r' , requestorId='q' : KeyPeriod = 10 sec., KeySessionUrl='http://s'"}},
+         {"2 Harmonic KMS full impl.: resourceId='r' , requestorId='q' : KeyPeriod = 10 sec., "
+          "KeySessionUrl='http://s'"}},
         {enc::IrdetoConfiguration{.serverUrl = "http://i", .variant = enc::IrdetoGenerateKeysSettings{0, 30},
                                   .contentId = "c", .password = "pw"},
          true,

@@ -100,7 +100,8 @@ TEST(LatmFraming, AFrameWithAConfigurationThatIsNotCarriedIsDroppedAndTheStreamG
     const Bytes stream = cat({latmFrame(payloads[0], &celp), latmFrame(payloads[1], nullptr),
                               latmFrame(payloads[2], &good), latmFrame(payloads[3], nullptr),
                               latmFrame(payloads[4], nullptr)});
-    EXPECT_EQ(framedInPieces(es::StreamType::AAC_LATM_AUDIO, stream, 1, 1000).nals.size(), 3u);  // frame 1 reuses a configuration never seen; 2, 3 and 4 come
+    // Frame 1 reuses a configuration never seen; 2, 3 and 4 come.
+    EXPECT_EQ(framedInPieces(es::StreamType::AAC_LATM_AUDIO, stream, 1, 1000).nals.size(), 3u);
 }
 
 TEST(RawPacketFraming, PacketsAcrossBuffersWithGarbageAndBadLengths) {

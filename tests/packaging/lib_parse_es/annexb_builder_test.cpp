@@ -91,8 +91,9 @@ TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
                 if (k > 0 && data[k] == 0 && data[k - 1] == 0) data[k] = 0x11;  // keep zeros single
             }
             if (pair + 1 < size) data[pair] = data[pair + 1] = 0;
-            const auto expected = static_cast<std::size_t>(
-                std::adjacent_find(data.begin(), data.end(), [](auto a, auto b) { return a == 0 && b == 0; }) - data.begin());
+            const auto pairAt =
+                std::adjacent_find(data.begin(), data.end(), [](auto a, auto b) { return a == 0 && b == 0; });
+            const auto expected = static_cast<std::size_t>(pairAt - data.begin());
             const std::uint8_t* hit = es::findZeroPair(data.data(), data.size());
             ASSERT_EQ(hit == nullptr ? size : static_cast<std::size_t>(hit - data.data()), expected)
                 << "size " << size << " pair " << pair;

@@ -148,10 +148,11 @@ TEST_P(SplitInvariance, TheSameUnitsWhereverTheBuffersEnd) {
             EXPECT_EQ(unitsFor(c, every), c.expected);
             break;
         }
-        case Cuts::Random:
-            EXPECT_EQ(framedInPieces(c.streamType, c.stream, 77 + static_cast<std::uint32_t>(c.maxPiece), c.maxPiece).all(),
-                      c.expected);
+        case Cuts::Random: {
+            const std::uint32_t seed = 77 + static_cast<std::uint32_t>(c.maxPiece);
+            EXPECT_EQ(framedInPieces(c.streamType, c.stream, seed, c.maxPiece).all(), c.expected);
             break;
+        }
     }
 }
 

@@ -90,7 +90,8 @@ TEST(SyncFrameFraming, FalseSyncsCostNothingAndACutFrameGoesOutAtTheEnd) {
     // frame; and the last frame cut short.
     const Bytes cut(frames[2].begin(), frames[2].begin() + 100);
     const Bytes stream = cat({hex("0B77 0000 1C 40 E0 00"), frames[0], frames[1], cut});
-    EXPECT_EQ(framedInPieces(es::StreamType::AC3_AUDIO, stream, 5, 64).all(), (std::vector<Bytes>{frames[0], frames[1], cut}));
+    EXPECT_EQ(framedInPieces(es::StreamType::AC3_AUDIO, stream, 5, 64).all(),
+              (std::vector<Bytes>{frames[0], frames[1], cut}));
 }
 
 }  // namespace

@@ -73,7 +73,8 @@ struct Session {
         for (std::size_t k = 0; k < record.segments.size(); ++k)
             for (const auto& [id, chunk] : record.segments[k].chunks)
                 if (!stream || id == *stream)
-                    out.push_back({id, chunk->duration, chunk->samples.size(), record.lastFlags[k], chunk->discontinuity != 0});
+                    out.push_back({id, chunk->duration, chunk->samples.size(), record.lastFlags[k],
+                                   chunk->discontinuity != 0});
         return out;
     }
 };
