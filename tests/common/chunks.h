@@ -113,6 +113,12 @@ inline std::uint32_t u32In(ByteView bytes, const BoxView& box, std::size_t at) {
 inline std::uint64_t u64In(ByteView bytes, const BoxView& box, std::size_t at) {
     return be64(bytes.data() + box.contentStart + at);
 }
+// The types of the boxes in bytes [from, to), each followed by a space.
+inline std::string typesIn(ByteView bytes, std::size_t from = 0, std::size_t to = SIZE_MAX) {
+    std::string types;
+    for (const BoxView& box : boxesIn(bytes, from, std::min(to, bytes.size()))) types += box.type + " ";
+    return types;
+}
 // The children of `box` of one type, in order.
 inline std::vector<BoxView> childrenOf(ByteView bytes, const BoxView& box, const std::string& type) {
     std::vector<BoxView> out;

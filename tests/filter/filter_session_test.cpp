@@ -200,8 +200,7 @@ TEST(FilterSession, AdMarkersBesideH264AndAacLetEveryOutputWriteToTheEnd) {
     const std::string init(chunks[0].front().bytes.begin(), chunks[0].front().bytes.end());
     EXPECT_NE(init.find("<Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>"), std::string::npos);
     for (std::size_t k = 1; k < chunks[0].size(); ++k) {
-        std::string order;
-        for (const auto& box : fmp4::boxesIn(chunks[0][k].bytes)) order += box.type + " ";
+        const std::string order = testkit::typesIn(chunks[0][k].bytes);
         EXPECT_NE(order.find("styp emsg sidx moof mdat"), std::string::npos) << k << ": " << order;
     }
     testkit::TempDir dir;
