@@ -73,6 +73,8 @@ struct Session {
         builder->SetOutputs(seeds, false, pssh, false);
         builder->OnFirstSegments(segmentsOf(first), 1000, 1000, 1000);
     }
+    // Started with `streams` video streams.
+    Session(OutputFormat format, std::int32_t streams) : Session(format) { start(streams); }
     // Video streams on track 1, each with an output of its own.
     void start(std::int32_t streams, std::uint64_t firstNumber = 1, bool pssh = false) {
         std::vector<std::vector<std::int32_t>> each;
@@ -256,8 +258,7 @@ TEST(MuxedOutput, DataOffsetsOfTheSecondTrackFragment) {
 }
 
 TEST(TimeOrigin, HeldUntilEveryStreamDeliveredThenTheEarliestStart) {
-    Session s(Dash);
-    s.start(2);
+    Session s(Dash, 2);
     // Stream 1 is missing from the first slice: nothing leaves.
     s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 20)}}), true);
     EXPECT_TRUE(s.media(0).empty());
@@ -318,8 +319,7 @@ TEST(MissingChunks, DashGopModesCountThemOtherModesAndSmoothSkipThem) {
 }
 
 TEST(Writes, RefusedChunkIsLoggedAndNumberingGoesOn) {
-    Session s(Dash);
-    s.start(1);
+    Session s(Dash, 1);
     s.outputs[0].refuse = true;
     s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
     s.outputs[0].refuse = false;
@@ -381,8 +381,7 @@ TEST(Drift, TheWallClockRenumbersBeyondItsToleranceAtSyncPointsOnly) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
-        Session s(Dash);
-        s.start(1);
+        Session s(Dash, 1);
         for (const Step& step : c.steps) {
             s.nowMs += step.advanceMs;
             auto chunk = videoSecond(0, step.second);
@@ -404,8 +403,7 @@ TEST(Drift, TheWallClockRenumbersBeyondItsToleranceAtSyncPointsOnly) {
 }
 
 TEST(Restart, ResynchronisesFromTheWallClock) {
-    Session s(Dash);
-    s.start(1);
+    Session s(Dash, 1);
     s.builder->OnChunks(segmentsOf({{0, videoSecond(0, 1)}}), true);
     s.nowMs += 5500;
     s.builder->OnRestart();
