@@ -61,6 +61,19 @@ private:
     Guarded<State> m_state;
 };
 
+// A stream's attributes: its type, bit rate, announced bandwidth, name and extra parameters.
+inline ElementaryStreamAttributes attributesOf(std::uint32_t type, std::int32_t bitrate = 0,
+                                               std::uint32_t bandwidth = 0, const std::string& name = "",
+                                               const std::string& extra = "") {
+    ElementaryStreamAttributes a;
+    a.type = type;
+    a.bitrate = bitrate;
+    a.bandwidth = bandwidth;
+    a.name = name;
+    a.name2 = extra;
+    return a;
+}
+
 // The fixture's packets as input buffers, their 90 kHz times moved by `offset90k`; the first `count` only.
 inline std::vector<es::MediaDataRef> fixtureBuffers(const Fixture& fixture, std::int64_t offset90k,
                                                     std::size_t count = SIZE_MAX) {
@@ -76,14 +89,11 @@ inline std::vector<es::MediaDataRef> fixtureBuffers(const Fixture& fixture, std:
 
 // The first chunk of a stream as the synchroniser gives it: the configuration samples of the fixture.
 inline StreamChunk firstChunkOf(const char* name, std::uint32_t type) {
-    SampleCollector collector;
-    auto nals = es::createNalBuilder(type);
-    auto builder = samples::createSampleBuilder(type, false, &collector);
-    nals->setListener(builder.get());
-    for (const auto& buffer : fixtureBuffers(loadFixture(name), 0)) nals->push(buffer.get());
-    nals->flush();
+    SampleChain chain(type);
+    for (const auto& buffer : fixtureBuffers(loadFixture(name), 0)) chain.builder->push(buffer.get());
+    chain.builder->flush();
     StreamChunk chunk;
-    for (auto& sample : collector.all)
+    for (auto& sample : chain.collector.all)
         if (sample->kind >= samples::KindSequenceParameterSet && sample->kind <= samples::KindVideoParameterSet)
             chunk.samples.push_back(std::make_shared<Fmp4Sample>(std::shared_ptr<samples::Sample>(sample.release())));
     return chunk;
@@ -102,6 +112,12 @@ inline std::uint32_t u32In(ByteView bytes, const BoxView& box, std::size_t at) {
 }
 inline std::uint64_t u64In(ByteView bytes, const BoxView& box, std::size_t at) {
     return be64(bytes.data() + box.contentStart + at);
+}
+// The types of the boxes in bytes [from, to), each followed by a space.
+inline std::string typesIn(ByteView bytes, std::size_t from = 0, std::size_t to = SIZE_MAX) {
+    std::string types;
+    for (const BoxView& box : boxesIn(bytes, from, std::min(to, bytes.size()))) types += box.type + " ";
+    return types;
 }
 // The children of `box` of one type, in order.
 inline std::vector<BoxView> childrenOf(ByteView bytes, const BoxView& box, const std::string& type) {

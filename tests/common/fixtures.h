@@ -159,18 +159,36 @@ struct NalCollector : es::NALListener {
     int ends = 0;
 };
 
-// Pushes `stream` in pieces of 1 to `maxPiece` bytes drawn from `seed`; the first piece has `time100ns`.
-inline void pushPieces(es::NALBuilder& builder, const Bytes& stream, std::uint32_t seed, std::size_t maxPiece,
-                       std::optional<std::int64_t> time100ns = std::int64_t{0}) {
-    std::size_t offset = 0;
-    while (offset < stream.size()) {
+// Pushes `size` bytes in pieces of 1 to `maxPiece` bytes (the first at least `minFirst`) drawn from `seed`, which
+// moves on; the first piece has the presentation and decoding times given (100 ns).
+inline void pushPieces(es::NALBuilder& builder, const std::uint8_t* bytes, std::size_t size, std::uint32_t& seed,
+                       std::size_t maxPiece, std::optional<std::int64_t> time100ns,
+                       std::optional<std::int64_t> mediaTime100ns = std::nullopt, std::size_t minFirst = 1) {
+    for (std::size_t offset = 0; offset < size;) {
         seed = seed * 1103515245u + 12345u;
-        const std::size_t piece = std::min<std::size_t>(stream.size() - offset, 1 + (seed >> 16) % maxPiece);
-        auto buffer = tvrn::encoding::packaging::imff::fmp4::SimpleMediaData::create(stream.data() + offset, piece);
+        std::size_t piece = 1 + (seed >> 16) % maxPiece;
+        piece = std::min(size - offset, offset == 0 ? std::max(piece, minFirst) : piece);
+        auto buffer = tvrn::encoding::packaging::imff::fmp4::SimpleMediaData::create(bytes + offset, piece);
         if (offset == 0 && time100ns) buffer->SetTime(&*time100ns, nullptr);
+        if (offset == 0 && mediaTime100ns) buffer->SetMediaTime(&*mediaTime100ns, nullptr);
         builder.push(buffer.get());
         offset += piece;
     }
+}
+inline void pushPieces(es::NALBuilder& builder, const Bytes& stream, std::uint32_t seed, std::size_t maxPiece,
+                       std::optional<std::int64_t> time100ns = std::int64_t{0}) {
+    pushPieces(builder, stream.data(), stream.size(), seed, maxPiece, time100ns);
+}
+
+// The units the framing of `type` delivers from `stream` pushed in pieces (pushPieces), then flushed.
+inline NalCollector framedInPieces(std::uint32_t type, const Bytes& stream, std::uint32_t seed, std::size_t maxPiece,
+                                   std::optional<std::int64_t> time100ns = std::int64_t{0}) {
+    NalCollector collector;
+    auto builder = es::createNalBuilder(type);
+    builder->setListener(&collector);
+    pushPieces(*builder, stream, seed, maxPiece, time100ns);
+    builder->flush();
+    return collector;
 }
 
 }  // namespace testkit

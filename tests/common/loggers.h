@@ -30,6 +30,12 @@ public:
         for (const Entry& e : entries()) out.push_back(std::to_string(e.level) + " " + e.text);
         return out;
     }
+    // Whether the text of a message holds `part`.
+    bool mentions(const std::string& part) const {
+        const std::vector<Entry> all = entries();
+        return std::any_of(all.begin(), all.end(),
+                           [&](const Entry& e) { return e.text.find(part) != std::string::npos; });
+    }
     bool contains(const std::string& line) const {
         const std::vector<std::string> all = lines();
         return std::find(all.begin(), all.end(), line) != all.end();

@@ -1,9 +1,13 @@
 #pragma once
-// Samples made by hand, and a listener that keeps every sample a sample builder delivers.
+// Samples made by hand, a listener that keeps every sample a sample builder delivers, and a stream type's NAL
+// builder feeding its sample builder.
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "packaging/imff_samples/sample.h"
+#include "packaging/imff_samples/sample_builder.h"
+#include "tests/common/fixtures.h"
 
 namespace testkit {
 
@@ -53,6 +57,31 @@ struct SampleCollector : samples::ISampleListener {
     std::vector<std::unique_ptr<samples::Sample>> all;
     int ends = 0;
     std::uint32_t endedStream = 0;
+};
+
+// The bytes a sample holds.
+inline std::vector<std::uint8_t> bytesOf(const samples::Sample& sample) {
+    std::vector<std::uint8_t> bytes;
+    sample.getBytes(bytes);
+    return bytes;
+}
+
+// The NAL builder of a stream type feeding its sample builder, for stream 3; every sample kept.
+struct SampleChain {
+    explicit SampleChain(std::uint32_t type, bool inBand = false)
+        : builder(es::createNalBuilder(type)), sampleBuilder(samples::createSampleBuilder(type, inBand, &collector)) {
+        if (!builder || !sampleBuilder) throw std::runtime_error("no builders for stream type " + std::to_string(type));
+        sampleBuilder->streamId = 3;
+        builder->setListener(sampleBuilder.get());
+    }
+    // `bytes` in one buffer, with times at 90 kHz when given.
+    void push(const std::vector<std::uint8_t>& bytes, std::optional<std::int64_t> pts90 = std::nullopt,
+              std::optional<std::int64_t> dts90 = std::nullopt) {
+        builder->push(makeBuffer(bytes, pts90, dts90).get());
+    }
+    SampleCollector collector;
+    std::unique_ptr<es::NALBuilder> builder;
+    std::unique_ptr<samples::SampleBuilder> sampleBuilder;
 };
 
 }  // namespace testkit

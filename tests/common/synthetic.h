@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <vector>
 
+#include "tests/common/bytes.h"
 #include "tests/common/fixtures.h"
 
 namespace testkit {
@@ -270,6 +271,19 @@ inline Bytes rawPacket(const Bytes& payload, const Bytes& config, std::uint32_t 
     putBE32(out, static_cast<std::uint32_t>(payload.size()));
     out.insert(out.end(), payload.begin(), payload.end());
     return out;
+}
+
+// Pushes the frames three to a buffer, each buffer with the time (100 ns) `timeOf` gives for its first frame's index.
+template <typename TimeOf>
+void pushInThrees(es::NALBuilder& builder, const std::vector<Bytes>& frames, TimeOf timeOf) {
+    for (std::size_t i = 0; i < frames.size(); i += 3) {
+        const auto from = frames.begin() + static_cast<std::ptrdiff_t>(i);
+        const auto to = from + std::min<std::ptrdiff_t>(3, frames.end() - from);
+        auto buffer = makeBuffer(cat(std::vector<Bytes>(from, to)));
+        const std::int64_t t = timeOf(i);
+        buffer->SetTime(&t, nullptr);
+        builder.push(buffer.get());
+    }
 }
 
 }  // namespace testkit

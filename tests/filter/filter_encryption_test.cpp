@@ -89,8 +89,7 @@ TEST(EncryptionSlots, CheckTheirArgumentsAndRefuseWhileASessionExists) {
     };
     FilterHolder idle(CMuxFmp4Filter::Create());
     FilterHolder running(CMuxFmp4Filter::Create());
-    ASSERT_EQ(running->Pause(), S_OK);
-    ASSERT_TRUE(waitForWorker(running.get(), fmp4::Running));
+    ASSERT_TRUE(paused(running.get()));
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         const auto& [call, result] = rows[i];
         EXPECT_EQ(call(*idle), result) << "row " << i;
@@ -192,16 +191,14 @@ TEST(EncryptionSlots, EachReachesTheFactoryWithItsModeAddressAndKeyPeriod) {
         SCOPED_TRACE(static_cast<int>(row.mode));
         server.state.update([](KeyServer::State& s) { s.addresses.clear(); });
         ASSERT_EQ(row.set(*filter), S_OK);
-        ASSERT_EQ(filter->Pause(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+        ASSERT_TRUE(paused(filter.get()));
         EXPECT_EQ(server.state.get().mode, row.mode);
         EXPECT_EQ(server.state.get().addresses, row.addresses);
         EXPECT_EQ(statusOf(*filter), row.status);
         EXPECT_EQ(chunks.flags[1], row.psshInFragments);
         const bool logged = logger.contains("2 Connection Established to " + row.addresses.back());
         EXPECT_EQ(logged, !row.addresses.back().empty());
-        ASSERT_EQ(filter->Stop(), S_OK);
-        ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+        ASSERT_TRUE(stopped(filter.get()));
     }
     const enc::TransportSecurity transport = server.state.get().transport;
     const auto* tls = std::get_if<enc::TlsSettings>(&transport);
@@ -229,11 +226,9 @@ TEST(EncryptionSlots, TheSchemeGoesWithEveryConfigurationAndCbcsDoesNotStartInSm
     ASSERT_EQ(filter->Pause(), S_OK);  // Smooth Streaming, the default format
     EXPECT_TRUE(logger.waitFor(refusal));
     EXPECT_EQ(server.builds(), 0);
-    ASSERT_EQ(filter->Stop(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+    ASSERT_TRUE(stopped(filter.get()));
     ASSERT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 1000, 1, 0, 0, 0, 0, 0, 0, 1), S_OK);
-    ASSERT_EQ(filter->Pause(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+    ASSERT_TRUE(paused(filter.get()));
     const enc::SchemeSettings reached = server.state.get().scheme;
     EXPECT_EQ(reached.scheme, enc::EncryptionScheme::Cbcs);
     EXPECT_TRUE(reached.constantIv && std::equal(reached.constantIv->begin(), reached.constantIv->end(), kConstantIv));
@@ -266,8 +261,7 @@ TEST(KeyWait, SamplesAreDroppedUntilTheServerIsUpThenChunksLeaveEncrypted) {
     EXPECT_EQ(filter->SetVerimatrixEncryption(&kVerimatrix), E_FAIL);
     push(*pin, inputs[0]);  // dropped: the session does not run yet
     EXPECT_EQ(filter->stats().samplesReceived.load(), inputs[0].size());
-    ASSERT_EQ(filter->Stop(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+    ASSERT_TRUE(stopped(filter.get()));
     ASSERT_EQ(filter->Pause(), S_OK);
     ASSERT_TRUE(server.waitForBuilds(server.builds() + 2));
     answer = Up;
@@ -276,8 +270,7 @@ TEST(KeyWait, SamplesAreDroppedUntilTheServerIsUpThenChunksLeaveEncrypted) {
     EXPECT_EQ(statusOf(*filter), KeyServerMainUp);
     push(*pin, inputs[0]);
     ASSERT_TRUE(sink.waitForEnds(1));
-    ASSERT_EQ(filter->Stop(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+    ASSERT_TRUE(stopped(filter.get()));
 
     const auto lines = logger.lines();
     for (const char* line : {"0 Failed to configure encryption : 'no route to key server'",

@@ -34,7 +34,9 @@ public:
         REFERENCE_TIME start = 0;
         std::uint64_t dataId = 0;
     };
-    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF) : m_allocator(maxBuffers) {}
+    // Its allocator gives at most `maxBuffers` buffers of at most `maxSize` bytes.
+    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF)
+        : m_allocator(maxBuffers, maxSize) {}
     HRESULT Receive(IMediaSample3* sample) override {
         Received r;
         std::uint8_t* data = nullptr;
@@ -110,6 +112,9 @@ inline void push(MuxFmp4InputPin& pin, const std::vector<Unit>& units) {
 inline bool waitForWorker(CMuxFmp4Filter* filter, fmp4::WorkerState state) {
     return filter->waitForWorkerState(state, testkit::kWaitLimit);
 }
+// Pauses the filter and waits until its session runs; stops it and waits until its worker is idle.
+inline bool paused(CMuxFmp4Filter* f) { return f->Pause() == S_OK && waitForWorker(f, fmp4::Running); }
+inline bool stopped(CMuxFmp4Filter* f) { return f->Stop() == S_OK && waitForWorker(f, fmp4::Idle); }
 
 // Releases a filter at the end of a scope.
 using FilterHolder = std::unique_ptr<CMuxFmp4Filter, decltype([](CMuxFmp4Filter* filter) { filter->Release(); })>;

@@ -132,16 +132,14 @@ TEST(Configuration, StateChecksAndArgumentCodes) {
     EXPECT_EQ(filter->ConfigureInputPin(500, "und", 0, "", "", 0, 0, nullptr), S_OK);
     EXPECT_EQ(filter->inputPins().at(1)->attributes().bitrate, 500);
 
-    ASSERT_EQ(filter->Pause(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+    ASSERT_TRUE(paused(filter.get()));
     EXPECT_EQ(filter->ConfigureInputPin(500, "und", 0, "", "", 0, 0, nullptr), VFW_E_WRONG_STATE);
     EXPECT_EQ(filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0), E_FAIL);
     EXPECT_EQ(filter->SetLogger(nullptr), E_FAIL);
     EXPECT_EQ(filter->SetFirstNumber(5), S_OK);  // no state check
     EXPECT_EQ(filter->SetOverheadPercent(3), S_OK);
     EXPECT_EQ(pin->Disconnect(), VFW_E_NOT_STOPPED);
-    ASSERT_EQ(filter->Stop(), S_OK);
-    ASSERT_TRUE(waitForWorker(filter.get(), fmp4::Idle));
+    ASSERT_TRUE(stopped(filter.get()));
     EXPECT_EQ(filter->SetLogger(nullptr), S_OK);
 
     std::uint32_t chunks = 99;
@@ -188,8 +186,7 @@ struct OutputFixture {
         filter->SetMuxMode("s", fmp4::Dash, fmp4::GopSegments, 2000, 3, 0, 0, 0, 0, 0, 0, 0);
         EXPECT_EQ(filter->inputPins()[0]->ReceiveConnection(inputType(1, 2000000)), S_OK);
         EXPECT_EQ(filter->outputPins()[0]->Connect(&sink), S_OK);
-        filter->Pause();
-        EXPECT_TRUE(waitForWorker(filter.get(), fmp4::Running));
+        EXPECT_TRUE(paused(filter.get()));
     }
     fmp4::IOutputFmp4& output() { return *chunks.outputs.at(0).output; }
 };
@@ -208,13 +205,7 @@ TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     f.filter->Stop();
 
     // A sink whose allocator gives smaller buffers cannot connect.
-    class SmallSink : public RecordingSink {
-    public:
-        SmallSink() : m_small(1000, 4096) {}
-        MemAllocator* GetAllocator() override { return &m_small;  }
-    private:
-        MemAllocator m_small;
-    } small;
+    RecordingSink small(1000, 4096);
     ASSERT_EQ(f.filter->inputPins()[1]->ReceiveConnection(inputType(8, 128000)), S_OK);
     EXPECT_EQ(f.filter->outputPins()[1]->Connect(&small), E_FAIL);
 }

@@ -40,11 +40,8 @@ std::vector<std::vector<testkit::WrittenChunk>> referenceChunks(const Inputs& in
                       false, false, false, false, true, fmp4::Fmp4MuxParts{});
     const std::pair<std::uint32_t, std::int32_t> streams[] = {{fmp4::H264_VIDEO, 1000000}, {fmp4::AAC_ADTS_AUDIO, 128000}};
     for (std::uint32_t s = 0; s < 2; ++s) {
-        fmp4::ElementaryStreamAttributes attributes;
-        std::tie(attributes.type, attributes.bitrate) = streams[s];
-        attributes.bandwidth = static_cast<std::uint32_t>(attributes.bitrate);
-        attributes.name = "main";
-        mux.AddStream(s, attributes);
+        const auto [type, bitrate] = streams[s];
+        mux.AddStream(s, testkit::attributesOf(type, bitrate, static_cast<std::uint32_t>(bitrate), "main"));
     }
     mux.SetOutputs({fmp4::ChunkOutputSeed{"", {0}, &outputs[0], 1}, fmp4::ChunkOutputSeed{"", {1}, &outputs[1], 1}});
     for (std::uint32_t s = 0; s < 2; ++s) {
@@ -124,16 +121,13 @@ TEST(FilterSession, ASessionPerPauseWithChunksEqualToTheChunkBuilders) {
             }
             EXPECT_TRUE(got[base].init);
         }
-        ASSERT_EQ(graph.filter->Stop(), S_OK);
-        ASSERT_TRUE(waitForWorker(graph.filter.get(), fmp4::Idle));
+        ASSERT_TRUE(stopped(graph.filter.get()));
     }
     std::uint32_t delivered = 0;
     graph.filter->GetStatus(&delivered, nullptr, 0);
     EXPECT_EQ(delivered, 2 * (expected[0].size() + expected[1].size()));
 }
-}  // namespace
 
-namespace {
 // H.264 with each sync-frame audio format (AC-4 made by hand): both outputs get an init chunk and media chunks, and end. Before these
 // formats had builders, such a session made no chunk at all and never ended.
 TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
@@ -163,9 +157,7 @@ TEST(FilterSession, H264WithEachSyncFrameAudioWritesBothOutputsToTheEnd) {
         ASSERT_EQ(g.filter->Stop(), S_OK);
     }
 }
-}  // namespace
 
-namespace {
 // H.264, AAC and SCTE-35 ad markers, with a default parental rating. Before SCTE-35 had a sample builder, its
 // registered stream never delivered and held every media chunk back: the video output got its init chunk only.
 // Now every output writes its chunks to the end: the video and audio outputs as many as without the markers, the
@@ -208,8 +200,7 @@ TEST(FilterSession, AdMarkersBesideH264AndAacLetEveryOutputWriteToTheEnd) {
     const std::string init(chunks[0].front().bytes.begin(), chunks[0].front().bytes.end());
     EXPECT_NE(init.find("<Rating schemeIdUri=\"urn:dvb::iptv:cpm:2014\" value=\"1\"/>"), std::string::npos);
     for (std::size_t k = 1; k < chunks[0].size(); ++k) {
-        std::string order;
-        for (const auto& box : fmp4::boxesIn(chunks[0][k].bytes)) order += box.type + " ";
+        const std::string order = testkit::typesIn(chunks[0][k].bytes);
         EXPECT_NE(order.find("styp emsg sidx moof mdat"), std::string::npos) << k << ": " << order;
     }
     testkit::TempDir dir;

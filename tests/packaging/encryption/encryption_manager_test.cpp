@@ -115,31 +115,6 @@ TEST(EncryptionManager, FailureTexts) {
     }
 }
 
-TEST(BuildEncryptionManager, MakesNoProviderAndWarnsForModesNotAvailable) {
-    const auto warning = [](const std::string& mode) { return "1 Encryption Mode \"" + mode + "\" is not yet implemented"; };
-    const std::vector<std::pair<enc::EncryptionConfiguration, std::string>> table = {
-        {enc::EncryptionConfiguration{}, ""},
-        {enc::EncryptionConfiguration{enc::EncryptionMode::AutoGen}, warning("AutoGen")},
-        {enc::HarmonicConfiguration{}, warning("Harmonic KMS")},
-        {enc::IrdetoConfiguration{}, warning("Irdeto")},
-        {enc::IrdetoConfiguration{.serverUrl = "", .variant = enc::IrdetoPlayReadyScalableLicense{}},
-         warning("Irdeto PlayReady Scalable License")},
-        {enc::EncryptionConfiguration{static_cast<enc::EncryptionMode>(12)}, "internal assertion failure"},
-        {enc::EncryptionConfiguration{enc::EncryptionMode::Widevine}, "cannot convert union to given type"},
-    };
-    for (const auto& [configuration, outcome] : table) {
-        testkit::RecordingLogger logger;
-        std::unique_ptr<enc::EncryptionManager> manager;
-        std::string got = testkit::failureOf<std::logic_error>(
-            [&] { enc::buildEncryptionManager(manager, configuration, enc::TlsSettings{}, logger, nullptr); });
-        if (manager) {
-            EXPECT_FALSE(manager->hasProvider());
-            got = logger.lines().empty() ? "" : logger.lines().back();
-        }
-        EXPECT_EQ(got, outcome);
-    }
-}
-
 TEST(MaskSecret, KeepsTheEndsAndStarsTheMiddle) {
     for (const auto& [text, masked] : std::vector<std::pair<std::string, std::string>>{
              {"", ""}, {"abc", "abc"}, {"abcdef", "ab***f"}, {"abcdefg", "abcdefg"}, {"abcdefghij", "abcd***hij"}}) {

@@ -22,12 +22,15 @@ using Map = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
 
 const std::uint64_t kIvHigh = 0xa1a2a3a4a5a6a7a8ULL;  // FixedKeyProvider::defaultIv() as a number
 
-// A manager with the provider's key installed.
+// A manager with the provider's key installed; with `cbcs`, after the scheme is set to cbcs with the constant IV
+// 00 01 .. 0f.
 struct Keyed {
     enc::EncryptionManager manager{std::make_unique<FixedKeyProvider>()};
-    Keyed() {
-        Bytes iv;
-        manager.updateKey(0, iv);
+    explicit Keyed(bool cbcs = false) {
+        const std::array<std::uint8_t, 16> iv{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+        if (cbcs) manager.setScheme({enc::EncryptionScheme::Cbcs, iv});
+        Bytes ivOut;
+        manager.updateKey(0, ivOut);
     }
 };
 
@@ -37,12 +40,15 @@ Bytes pattern(std::size_t n) {
     return b;
 }
 
-// The samples of one stream, as NAL sizes per sample, encrypted through encryptStreamSamples.
+// The samples of one stream, as NAL sizes per sample, encrypted through encryptStreamSamples from `iv`, which moves on.
 struct Stream {
     std::vector<std::vector<Bytes>> original, bytes;
     std::vector<std::vector<enc::NalBytes>> nals;
     std::vector<std::optional<enc::SampleEncryptionInfo>> infos;
-    Stream(const std::vector<std::vector<std::size_t>>& sizes, bool subsamples, Bytes& iv) {
+    Bytes iv;
+    Stream(const std::vector<std::vector<std::size_t>>& sizes, bool subsamples,
+           Bytes startIv = FixedKeyProvider::defaultIv())
+        : iv(std::move(startIv)) {
         for (const auto& sample : sizes) {
             original.emplace_back();
             for (std::size_t n : sample) original.back().push_back(pattern(n));
@@ -90,19 +96,17 @@ TEST(SubsampleMap, FollowsTheClearRuleAndMergesEntriesWithoutProtectedBytes) {
         {{5}, {{5, 0}}},   {{20}, {{20, 0}}},       {{21}, {{5, 16}}},           {{22}, {{6, 16}}},
         {{1000}, {{8, 992}}}, {{9, 37}, {{14, 32}}}, {{21, 9}, {{5, 16}, {9, 0}}}, {{5, 6, 20}, {{31, 0}}}};
     for (const auto& [sizes, map] : table) {
-        Bytes iv = FixedKeyProvider::defaultIv();
-        Stream stream({sizes}, true, iv);
+        Stream stream({sizes}, true);
         EXPECT_EQ(stream.infos[0]->subsamples, map) << testing::PrintToString(sizes);
     }
 }
 
 TEST(SampleEncryption, EightByteIvRunsTheBlockCounterAcrossNalsAndRestartsItWithTheNextIv) {
-    Bytes iv = FixedKeyProvider::defaultIv();
-    Stream stream({{37, 21}, {}, {22}}, true, iv);
+    Stream stream({{37, 21}, {}, {22}}, true);
     EXPECT_EQ(stream.infos[0]->iv, FixedKeyProvider::defaultIv());
     EXPECT_FALSE(stream.infos[1].has_value());  // no NAL, no record; the IV moves on all the same
     EXPECT_EQ(stream.infos[2]->iv, testkit::hex("a1a2a3a4a5a6a7aa"));
-    EXPECT_EQ(iv, testkit::hex("a1a2a3a4a5a6a7ab"));
+    EXPECT_EQ(stream.iv, testkit::hex("a1a2a3a4a5a6a7ab"));
     stream.expectNal(0, 0, 5, kIvHigh, 0);
     stream.expectNal(0, 1, 5, kIvHigh, 2);
     stream.expectNal(2, 0, 6, kIvHigh + 2, 0);
@@ -110,18 +114,16 @@ TEST(SampleEncryption, EightByteIvRunsTheBlockCounterAcrossNalsAndRestartsItWith
 
 TEST(SampleEncryption, SixteenByteIvCarriesOverFromSampleToSample) {
     const std::uint64_t high = 0x1122334455667788ULL, start = 0xfffffffffffffffeULL;
-    Bytes iv = counterBlock(high, start);
-    Stream stream({{37, 22}, {21}}, true, iv);
+    Stream stream({{37, 22}, {21}}, true, counterBlock(high, start));
     EXPECT_EQ(stream.infos[1]->iv, counterBlock(high, 1));  // three blocks on, past the wrap
-    EXPECT_EQ(iv, counterBlock(high, 2));
+    EXPECT_EQ(stream.iv, counterBlock(high, 2));
     stream.expectNal(0, 0, 5, high, start);
     stream.expectNal(0, 1, 6, high, 0);
     stream.expectNal(1, 0, 5, high, 1);
 }
 
 TEST(SampleEncryption, WholeSampleModeEncryptsEveryByteAndRestartsEachNalWithAnEightByteIv) {
-    Bytes iv = FixedKeyProvider::defaultIv();
-    Stream stream({{20, 35}, {7}}, false, iv);
+    Stream stream({{20, 35}, {7}}, false);
     EXPECT_TRUE(stream.infos[0]->subsamples.empty());
     stream.expectNal(0, 0, 0, kIvHigh, 0);
     stream.expectNal(0, 1, 0, kIvHigh, 0);
@@ -130,23 +132,11 @@ TEST(SampleEncryption, WholeSampleModeEncryptsEveryByteAndRestartsEachNalWithAnE
 
 TEST(SampleEncryption, NalShorterThanFiveBytesFailsWithTheManagersException) {
     for (std::size_t n = 0; n < 5; ++n) {
-        Bytes iv = FixedKeyProvider::defaultIv();
-        EXPECT_EQ(testkit::failureOf<enc::EncryptionManager::Exception>([&] { Stream({{21, n}}, true, iv); }),
+        EXPECT_EQ(testkit::failureOf<enc::EncryptionManager::Exception>([&] { Stream({{21, n}}, true); }),
                   "Rijndael 128 CTR encrypt : failed (error -1)")
             << n;
     }
 }
-
-// cbcs with the constant IV 00 01 .. 0f; the key installed after the scheme is set.
-struct CbcsKeyed {
-    enc::EncryptionManager manager{std::make_unique<FixedKeyProvider>()};
-    CbcsKeyed() {
-        manager.setScheme({enc::EncryptionScheme::Cbcs, std::array<std::uint8_t, 16>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9,
-                                                                                         10, 11, 12, 13, 14, 15}});
-        Bytes iv;
-        manager.updateKey(0, iv);
-    }
-};
 
 // A NAL of `size` bytes whose byte i is i + offset, under its 4-byte length field and the header byte(s).
 Bytes nal(std::size_t size, Bytes header, std::uint8_t offset = 0) {
@@ -165,7 +155,7 @@ void put(Bytes& bytes, std::size_t at, const char* hexText) {
 }
 
 TEST(Cbcs, VideoSlicesGetThePatternFromTheConstantIvAtEachProtectedRangeAndTheRestStaysClear) {
-    CbcsKeyed k;
+    Keyed k(true);
     // An SEI, all clear; an IDR slice with 181 protected bytes after 4 + 64 clear ones: blocks 0 and 10 encrypted
     // as one chain across the nine skipped, 5 trailing bytes clear; a second slice whose 19 protected bytes start
     // the chain again from the IV.
@@ -195,7 +185,7 @@ TEST(Cbcs, SubsampleMapReadsEachCodecsNalTypeAndSplitsLongClearRuns) {
         {enc::NalCodec::H264, {{70000, {0x06}}, {100, {0x65}}}, {{0xFFFF, 0}, {70068 - 0xFFFF, 32}}},
     };
     for (const auto& row : table) {
-        CbcsKeyed k;
+        Keyed k(true);
         std::vector<Bytes> nals;
         for (const auto& [size, header] : row.nals) nals.push_back(nal(size, header));
         std::vector<enc::NalBytes> views(nals.begin(), nals.end());
@@ -206,7 +196,7 @@ TEST(Cbcs, SubsampleMapReadsEachCodecsNalTypeAndSplitsLongClearRuns) {
 }
 
 TEST(Cbcs, AudioIsOneChainOverTheWholeSampleWithItsTrailingPartialBlockClear) {
-    CbcsKeyed k;
+    Keyed k(true);
     Bytes sample(45);
     for (std::size_t i = 0; i < sample.size(); ++i) sample[i] = static_cast<std::uint8_t>(3 * i);
     Bytes expected = sample;

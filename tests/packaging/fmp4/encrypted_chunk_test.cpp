@@ -19,12 +19,6 @@ std::shared_ptr<ISyncSample> sampleOf(std::int32_t kind, std::uint32_t type, std
     return std::make_shared<Fmp4Sample>(sample);
 }
 
-std::string typesIn(ByteView bytes, const BoxView& parent) {
-    std::string types;
-    for (const BoxView& child : boxesIn(bytes, parent.contentStart, parent.end)) types += child.type + " ";
-    return types;
-}
-
 struct EncryptedChunk : testing::Test {
     EncryptedChunk() {
         video.duration = audio.duration = 400000;
@@ -52,10 +46,10 @@ TEST_F(EncryptedChunk, AuxiliaryDataOfTheEncryptedTrackOpensMdat) {
     const Bytes bytes = serialise();
     const auto moof = findBox(bytes, "moof"), mdat = findBox(bytes, "mdat"), sidx = findBox(bytes, "sidx");
     ASSERT_TRUE(moof && mdat && sidx);
-    EXPECT_EQ(typesIn(bytes, *moof), "pssh mfhd traf traf ");
+    EXPECT_EQ(typesIn(bytes, moof->contentStart, moof->end), "pssh mfhd traf traf ");
     const auto trafs = childrenOf(bytes, *moof, "traf");
-    EXPECT_EQ(typesIn(bytes, trafs[0]), "tfhd tfdt trun saiz saio sbgp sgpd ");
-    EXPECT_EQ(typesIn(bytes, trafs[1]), "tfhd tfdt trun ");
+    EXPECT_EQ(typesIn(bytes, trafs[0].contentStart, trafs[0].end), "tfhd tfdt trun saiz saio sbgp sgpd ");
+    EXPECT_EQ(typesIn(bytes, trafs[1].contentStart, trafs[1].end), "tfhd tfdt trun ");
 
     // saio: version and flags, type, parameter, count, then the 64-bit offset from the start of moof.
     const auto saio = childrenOf(bytes, trafs[0], "saio");

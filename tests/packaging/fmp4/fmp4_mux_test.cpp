@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "tests/common/bytes.h"
+#include "tests/common/chunks.h"
 #include "tests/common/session_fakes.h"
 
 namespace {
@@ -46,12 +47,6 @@ struct SessionFixture {
         return std::make_unique<Fmp4Mux>(format, config, nullptr, logger, inBand, false, false, false, offline, parts());
     }
 };
-
-ElementaryStreamAttributes attributesOf(std::uint32_t type) {
-    ElementaryStreamAttributes a;
-    a.type = type;
-    return a;
-}
 
 // Adds streams 0, 1, ... of these types.
 void addStreams(Fmp4Mux& mux, std::initializer_list<std::uint32_t> types) {

@@ -38,7 +38,18 @@ struct GoldenCase {
 void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.name; }
 
 // A stream's buffers, each with its decoding time at 90 kHz for the interleaving.
-struct Feed { std::uint32_t type = 0; std::vector<es::MediaDataRef> buffers; std::vector<std::int64_t> times90k; };
+struct Feed {
+    std::uint32_t type = 0;
+    std::vector<es::MediaDataRef> buffers;
+    std::vector<std::int64_t> times90k;
+    // A packet in one buffer with its times, or cut in two after `first` bytes with them on the first piece.
+    void add(const std::uint8_t* bytes, std::size_t size, std::size_t first, std::int64_t pts90k,
+             std::optional<std::int64_t> dts90k = std::nullopt) {
+        buffers.push_back(makeBuffer(bytes, first, pts90k, dts90k));
+        if (first < size) buffers.push_back(makeBuffer(bytes + first, size - first));
+        times90k.resize(buffers.size(), dts90k.value_or(pts90k));
+    }
+};
 
 // The video fixture's first frames; with `split`, every packet cut in two where a seeded draw says, only the
 // first piece carrying the packet's times.
@@ -51,12 +62,7 @@ Feed videoFeed(const char* name, std::uint32_t type, bool split) {
         const Packet& p = fixture.packets[i];
         seed = seed * 1103515245u + 12345u;
         const std::size_t first = split ? std::min(p.size, 16 + (seed >> 16) % p.size) : p.size;
-        feed.buffers.push_back(makeBuffer(fixture.bytes.data() + offset, first, p.pts + kOffset90k, p.dts + kOffset90k));
-        feed.times90k.push_back(p.dts + kOffset90k);
-        if (first < p.size) {
-            feed.buffers.push_back(makeBuffer(fixture.bytes.data() + offset + first, p.size - first));
-            feed.times90k.push_back(p.dts + kOffset90k);
-        }
+        feed.add(fixture.bytes.data() + offset, p.size, first, p.pts + kOffset90k, p.dts + kOffset90k);
         offset += p.size;
     }
     return feed;
@@ -73,12 +79,7 @@ Feed audioFeed(bool split) {
         const std::int64_t t = fixture.packets[i].pts * 90000 / kProbeTimeBase;
         if (t >= static_cast<std::int64_t>(kVideoFrames) * kFrame90k) break;
         const std::size_t first = split ? frames[i].size() / 3 : frames[i].size();
-        feed.buffers.push_back(makeBuffer(frames[i].data(), first, t + start90k));
-        feed.times90k.push_back(t + start90k);
-        if (first < frames[i].size()) {
-            feed.buffers.push_back(makeBuffer(frames[i].data() + first, frames[i].size() - first));
-            feed.times90k.push_back(t + start90k);
-        }
+        feed.add(frames[i].data(), frames[i].size(), first, t + start90k);
     }
     return feed;
 }
@@ -101,10 +102,9 @@ std::map<std::string, std::vector<WrittenChunk>> runSession(OutputFormat format,
     std::vector<KeepingOutput> outputs(feeds.size());
     std::vector<ChunkOutputSeed> seeds;
     for (std::uint32_t i = 0; i < feeds.size(); ++i) {
-        ElementaryStreamAttributes attributes;
-        attributes.type = feeds[i].second.type;
-        attributes.bitrate = isAudio(attributes.type) ? 64000 : 300000 * static_cast<std::int32_t>(i + 1);
-        attributes.bandwidth = static_cast<std::uint32_t>(attributes.bitrate);
+        const std::uint32_t type = feeds[i].second.type;
+        const std::int32_t bitrate = isAudio(type) ? 64000 : 300000 * static_cast<std::int32_t>(i + 1);
+        ElementaryStreamAttributes attributes = attributesOf(type, bitrate, static_cast<std::uint32_t>(bitrate));
         attributes.language = "eng";
         mux->AddStream(i, attributes);
         seeds.push_back({"", {static_cast<std::int32_t>(i)}, &outputs[i], 1});

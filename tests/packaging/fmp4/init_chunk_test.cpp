@@ -18,13 +18,6 @@ namespace {
 using namespace testkit;
 namespace codec_box = tvrn::encoding::packaging::imff::codec_box;
 
-ElementaryStreamAttributes videoOf(std::uint32_t type) {
-    ElementaryStreamAttributes a;
-    a.type = type;
-    a.bitrate = 500000;
-    return a;
-}
-
 const ManifestDurations kDurations{1000, 2000, 500};  // timescale, segment and chunk durations
 
 // Parameter sets in band in DASH (Smooth Streaming's are in the golden chunks): the entry is avc3 or hev1, the
@@ -34,7 +27,9 @@ TEST(InitChunk, InBandParameterSetsInDash) {
     for (const Case& c : {Case{"h264_plain", H264_VIDEO, "avc3"}, Case{"hevc_bframes", HEVC_VIDEO, "hev1"}}) {
         SCOPED_TRACE(c.entry);
         InitChunk init("out", true);
-        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, videoOf(c.type), true, firstChunkOf(c.fixture, c.type), true), 1);
+        ASSERT_EQ(init.AddStream(1, 10000000, kDurations, c.type, attributesOf(c.type, 500000), true,
+                                 firstChunkOf(c.fixture, c.type), true),
+                  1);
         const Bytes bytes = init.Serialise();
         const ByteView movie = moviePart(bytes);
         const auto stsd = findBox(movie, "moov/trak/mdia/minf/stbl/stsd");
@@ -57,8 +52,10 @@ TEST(InitChunk, InBandParameterSetsInDash) {
 
 TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
     InitChunk init("out", true);
-    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, videoOf(H264_VIDEO), false, StreamChunk{}, true), 0);
-    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, MPEG2_VIDEO, videoOf(MPEG2_VIDEO), false,
+    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, H264_VIDEO, attributesOf(H264_VIDEO, 500000), false,
+                             StreamChunk{}, true),
+              0);
+    EXPECT_EQ(init.AddStream(1, 10000000, kDurations, MPEG2_VIDEO, attributesOf(MPEG2_VIDEO, 500000), false,
                              firstChunkOf("h264_plain", H264_VIDEO), true),
               0);
     EXPECT_TRUE(init.manifest().empty());
@@ -68,7 +65,7 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
         for (const Bytes& unit : {hex("67"), hex("420101"), Bytes(40, 0xFF), hex("67 0000000000")}) {
             const Bytes withLength = cat({hex("000000"), {static_cast<std::uint8_t>(unit.size())}, unit});
             InitChunk garbage("out", true);
-            EXPECT_GE(garbage.AddStream(1, 10000000, kDurations, type, videoOf(type), false,
+            EXPECT_GE(garbage.AddStream(1, 10000000, kDurations, type, attributesOf(type, 500000), false,
                                         configurationChunk(samples::KindSequenceParameterSet, withLength), true),
                       0);
             EXPECT_FALSE(garbage.Serialise().empty());
@@ -82,7 +79,7 @@ TEST(InitChunk, NothingAddedWithoutParameterSetsOrSampleEntry) {
 // --- codec strings -------------------------------------------------------------------------------------
 
 // AVC's string (profile, compatibility, level in hex) is in the golden manifests and the in-band test above.
-TEST(CodecString, HevcEntries) {
+TEST(CodecString, HevcEntriesAndAnAacObjectTypeNotAnnounced) {
     // Main profile, compatible with Main and Main 10 (flags 1 and 2), level 3.1, progressive, non-packed,
     // frame only: the example of ISO/IEC 14496-15.
     codec_box::HEVCSampleEntry hevc(true);
@@ -104,11 +101,8 @@ TEST(CodecString, HevcEntries) {
     bare.configuration.generalProfileCompatibilityFlags = 0x20000000;
     bare.configuration.generalLevelIdc = 120;
     EXPECT_EQ(codecString(bare), "hvc1.2.4.L120");
-}
-
-// An AAC object type that players are not told of gives no string. (Those they are told of are in the audio sample
-// entry's tests.)
-TEST(CodecString, AacMainIsNotAnnounced) {
+    // An AAC object type that players are not told of gives no string. (Those they are told of are in the audio
+    // sample entry's tests.)
     codec_box::MP4AudioSampleEntry aac;
     aac.esds.setDecoderSpecificInfo({0x0A, 0x10});  // audio object type 1, AAC main
     EXPECT_EQ(codecString(aac), "");
@@ -118,39 +112,66 @@ TEST(CodecString, AacMainIsNotAnnounced) {
 
 StreamChunk configChunk(const Bytes& config) { return configurationChunk(samples::KindDecoderConfiguration, config); }
 
-TEST(AudioSampleEntry, EachConfigurationGivesItsRateChannelsAndCodecString) {
-    struct Case { Bytes config; std::uint32_t rate; std::uint32_t channels; const char* codecs; };
+// Each configuration's entry: its type, the channels, the rate in the 16.16 field and, filling the rest, its
+// configuration box; the codec string and what the manifest says. AAC's "esds" ends with the decoder specific info
+// (tag 5 and its length), the configuration itself, then the SL descriptor. AC-3, E-AC-3 and MPEG-1 from ffmpeg's
+// first frames, with configuration boxes worked out by hand from ETSI TS 102 366 annex F. AC-3 5.1: fscod 0,
+// bsid 8, bsmod 0, acmod 7, lfeon 1, frmsizcod 28 (code 14). E-AC-3: one independent substream, 416 bytes at
+// 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same with a hand-made dependent substream of 64 bytes
+// that adds Lrs/Rrs (chanmap 0x0200, chan_loc bit 1): 110 kbit/s.
+TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString) {
+    const Bytes ac3 = packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front();
+    const Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
+    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");
+    dependent.resize(64, 0);
+    struct Case {
+        std::uint32_t type;
+        Bytes config;
+        const char* entryType;
+        const char* boxType;
+        Bytes boxTail;
+        std::uint16_t channels;
+        std::uint32_t rate;
+        const char* codecs;
+        const char* channelValue;
+    };
+    const auto aac = [](const Bytes& config, std::uint16_t channels, std::uint32_t rate, const char* codecs) {
+        return Case{AAC_ADTS_AUDIO, config, "mp4a", "esds",
+                    cat({{0x05, static_cast<std::uint8_t>(config.size())}, config, hex("06 01 02")}), channels, rate,
+                    codecs, ""};
+    };
     const Case cases[] = {
-        {{0x11, 0x90}, 48000, 2, "mp4a.40.2"},
-        {{0x12, 0x30}, 44100, 6, "mp4a.40.2"},
-        {ascBytes({5, 6, 2, 3}), 48000, 2, "mp4a.40.5"},
-        {ascBytes({29, 6, 1, 3}), 48000, 2, "mp4a.40.29"},
-        {{0x11, 0x88}, 48000, 1, "mp4a.40.2"},
+        aac({0x11, 0x90}, 2, 48000, "mp4a.40.2"),
+        aac({0x12, 0x30}, 6, 44100, "mp4a.40.2"),
+        aac(ascBytes({5, 6, 2, 3}), 2, 48000, "mp4a.40.5"),
+        aac(ascBytes({29, 6, 1, 3}), 2, 48000, "mp4a.40.29"),
+        aac({0x11, 0x88}, 1, 48000, "mp4a.40.2"),
+        {AC3_AUDIO, ac3, "ac-3", "dac3", hex("103DC0"), 6, 48000, "ac-3", "F801"},
+        {AC3_AUDIO, eac3, "ec-3", "dec3", hex("02F8 600400"), 2, 44100, "ec-3", "A000"},
+        {AC3_AUDIO, cat({eac3, dependent}), "ec-3", "dec3", hex("0370 60040202"), 4, 44100, "ec-3", "A200"},
+        // esds: object type 0x6B, then the decoder specific info as the sample builder makes it.
+        {MPEG1_AUDIO, hex("F97E 0177 0040"), "mp4a", "esds", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b",
+         "2"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.codecs + std::to_string(c.channels));
-        ElementaryStreamAttributes attributes;
-        attributes.bitrate = 96000;
-        const AudioSampleEntryResult result = makeAudioSampleEntry(AAC_ADTS_AUDIO, configChunk(c.config), attributes);
+        SCOPED_TRACE(c.codecs + std::to_string(c.channels) + c.channelValue);
+        const AudioSampleEntryResult result = makeAudioSampleEntry(c.type, configChunk(c.config), {});
         ASSERT_TRUE(result.entry);
-        EXPECT_EQ(result.entry->sampleRate, c.rate);
-        EXPECT_EQ(result.entry->channelCount, c.channels);
-        EXPECT_EQ(result.manifest.codecs, c.codecs);
-        EXPECT_EQ(result.manifest.fourCC, "mp4a");
-        EXPECT_EQ(result.manifest.codecPrivateData, c.config);
-        EXPECT_EQ(result.manifest.channels, c.channels);
-        EXPECT_EQ(result.manifest.samplingRate, c.rate);
-
-        // The entry's bytes: "mp4a", channels, the rate in the 16.16 field, then "esds" to the end, whose decoder
-        // specific info (tag 5 and its length) is the configuration, followed by the SL descriptor.
         const Bytes bytes = writeBox(result.entry);
-        ASSERT_GE(bytes.size(), 36u + 8);
-        EXPECT_EQ(slice(bytes, 4, 4), hex("'mp4a'"));
+        ASSERT_GE(bytes.size(), 36u + 8 + c.boxTail.size());
+        EXPECT_EQ(slice(bytes, 4, 4), Bytes(c.entryType, c.entryType + 4));
         EXPECT_EQ(be16(&bytes[24]), c.channels);
         EXPECT_EQ(be16(&bytes[32]), c.rate & 0xFFFF);
-        EXPECT_EQ(slice(bytes, 36, 8), cat({Bytes{0, 0, 0, static_cast<std::uint8_t>(bytes.size() - 36)}, hex("'esds'")}));
-        EXPECT_EQ(slice(bytes, bytes.size() - c.config.size() - 5, c.config.size() + 5),
-                  cat({{0x05, static_cast<std::uint8_t>(c.config.size())}, c.config, hex("06 01 02")}));
+        EXPECT_EQ(slice(bytes, 36, 8), cat({Bytes{0, 0, 0, static_cast<std::uint8_t>(bytes.size() - 36)},
+                                              Bytes(c.boxType, c.boxType + 4)}));
+        EXPECT_EQ(slice(bytes, bytes.size() - c.boxTail.size(), c.boxTail.size()), c.boxTail);
+        EXPECT_EQ(codecString(*result.entry), c.codecs);
+        EXPECT_EQ(result.manifest.codecs, c.codecs);
+        EXPECT_EQ(result.manifest.fourCC, c.entryType);
+        EXPECT_EQ(result.manifest.codecPrivateData, c.config.size() > 64 ? Bytes{} : c.config);
+        EXPECT_EQ(result.manifest.channels, c.channels);
+        EXPECT_EQ(result.manifest.channelValue, c.channelValue);
+        EXPECT_EQ(result.manifest.samplingRate, c.rate);
     }
 }
 
@@ -164,46 +185,7 @@ TEST(AudioSampleEntry, NoEntryWithoutAUsableConfiguration) {
     EXPECT_EQ(channelCountOf(0), 0u);
 }
 
-// AC-3, E-AC-3 and MPEG-1 entries from ffmpeg's first frames, with configuration boxes worked out by hand from
-// ETSI TS 102 366 annex F. AC-3 5.1: fscod 0, bsid 8, bsmod 0, acmod 7, lfeon 1, frmsizcod 28 (code 14).
-// E-AC-3: one independent substream, 416 bytes at 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same
-// with a hand-made dependent substream of 64 bytes that adds Lrs/Rrs (chanmap 0x0200, chan_loc bit 1): 110 kbit/s.
-TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
-    const Bytes ac3 = packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front();
-    const Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
-    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");
-    dependent.resize(64, 0);
-    struct Case {
-        std::uint32_t type;
-        Bytes config;
-        const char* entryType;
-        Bytes box;  // the configuration box: type and payload
-        std::uint16_t channels;
-        std::uint32_t rate;
-        const char* codecs;
-        const char* channelValue;
-    };
-    const Case cases[] = {
-        {AC3_AUDIO, ac3, "'ac-3'", hex("'dac3' 103DC0"), 6, 48000, "ac-3", "F801"},
-        {AC3_AUDIO, eac3, "'ec-3'", hex("'dec3' 02F8 600400"), 2, 44100, "ec-3", "A000"},
-        {AC3_AUDIO, cat({eac3, dependent}), "'ec-3'", hex("'dec3' 0370 60040202"), 4, 44100, "ec-3", "A200"},
-        // esds: object type 0x6B, then the decoder specific info as the sample builder makes it.
-        {MPEG1_AUDIO, hex("F97E 0177 0040"), "'mp4a'", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b", "2"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.codecs + std::string(c.channelValue));
-        const AudioSampleEntryResult result = makeAudioSampleEntry(c.type, configChunk(c.config), ElementaryStreamAttributes{});
-        ASSERT_TRUE(result.entry);
-        const Bytes bytes = writeBox(result.entry);
-        EXPECT_EQ(slice(bytes, 4, 4), hex(c.entryType));
-        EXPECT_EQ(be16(&bytes[24]), c.channels);
-        EXPECT_EQ(be16(&bytes[32]), c.rate & 0xFFFF);
-        EXPECT_EQ(slice(bytes, bytes.size() - c.box.size(), c.box.size()), c.box);
-        EXPECT_EQ(codecString(*result.entry), c.codecs);
-        EXPECT_EQ(result.manifest.codecs, c.codecs);
-        EXPECT_EQ(result.manifest.channelValue, c.channelValue);
-        EXPECT_EQ(result.manifest.samplingRate, c.rate);
-    }
+TEST(AudioSampleEntry, Ac4EntryFromItsFirstFrame) {
     // AC-4 from the hand-made first frame: ac4_dsi_v1 with version 1, bitstream_version 2, fs_index 1,
     // frame_rate_index 3, no presentation descriptions, no program id, bit rate mode 0 with two zero rates: 91 bits
     // in 12 bytes. The codec string takes presentation_version 1 and mdcompat 2 from the frame's TOC.
@@ -223,15 +205,7 @@ TEST(AudioSampleEntry, DolbyAndMpeg1EntriesFromTheirFirstFrames) {
 
 // --- the server manifest ------------------------------------------------------------------------------
 
-ElementaryStreamAttributes videoAttributes() {
-    ElementaryStreamAttributes a;
-    a.type = H264_VIDEO;
-    a.bitrate = 3000000;
-    a.bandwidth = 3300000;
-    a.name = "hd";
-    a.name2 = "Foo=1;bar=x";
-    return a;
-}
+ElementaryStreamAttributes videoAttributes() { return attributesOf(H264_VIDEO, 3000000, 3300000, "hd", "Foo=1;bar=x"); }
 
 const VideoManifestInfo kVideo{.fourCC = "avc1", .codecs = "avc1.64001f", .codecPrivateData = {0, 0, 0, 1, 0x67, 0x64, 0xAB},
                                .width = 1280, .height = 720, .frameRateNumerator = 25, .sarWidth = 4, .sarHeight = 3};
@@ -239,13 +213,8 @@ const AudioManifestInfo kAudio{.fourCC = "mp4a", .codecs = "mp4a.40.2", .codecPr
                                .samplingRate = 48000, .channelScheme = {}, .channelValue = {}};
 
 ElementaryStreamAttributes audioAttributes() {
-    ElementaryStreamAttributes a;
-    a.type = AAC_ADTS_AUDIO;
-    a.bitrate = 128000;
-    a.bandwidth = 128000;
-    a.name = "main";
+    ElementaryStreamAttributes a = attributesOf(AAC_ADTS_AUDIO, 128000, 128000, "main", "k=v");
     a.language = "fra";
-    a.name2 = "k=v";
     return a;
 }
 

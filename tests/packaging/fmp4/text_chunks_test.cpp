@@ -7,6 +7,7 @@
 
 #include "packaging/fmp4/chunks/text_chunks.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_sample.h"
+#include "tests/common/samples.h"
 
 namespace {
 namespace fmp4 = tvrn::encoding::packaging::imff::fmp4;
@@ -15,15 +16,9 @@ namespace samples = tvrn::encoding::packaging::imff::imff_samples;
 // A sample of `text` at `start` for `duration`, in the sample's timescale.
 std::shared_ptr<fmp4::ISyncSample> textSample(const std::string& text, std::int64_t start, std::int64_t duration,
                                               std::uint64_t timescale) {
-    auto sample = std::make_shared<samples::Sample>();
-    sample->kind = samples::KindTimedText;
-    sample->hasTimescale = sample->hasPts = sample->hasDts = sample->hasDuration = sample->sync = true;
-    sample->timescale = timescale;
-    sample->pts = sample->dts = start;
-    sample->duration = duration;
-    auto nal = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(text.size()));
-    nal->append(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-    sample->addNal(std::move(nal));
+    std::shared_ptr<samples::Sample> sample = testkit::timedSample(0, samples::KindTimedText, 0, start, start, duration,
+                                                                   {text.begin(), text.end()}, timescale);
+    sample->sync = true;
     return std::make_shared<fmp4::Fmp4Sample>(std::move(sample));
 }
 

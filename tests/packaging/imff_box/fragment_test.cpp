@@ -135,6 +135,11 @@ TEST(TrackFragmentBuilder, ExtremeTimesNeitherOverflowNorGoNegative) {
 // For players: flags as ISO/IEC 14496-12 reads them. Sync: depends on 2, depended on 1 = 0x02400000; non-sync:
 // depends on 1, depended on 1, sample_is_non_sync_sample = 0x01410000.
 TEST(TrackFragmentBuilder, PlayerCompatibleFlagsAndLastDuration) {
+    // Three samples of 3600 ticks, a key frame first: tfhd has the non-sync default, trun the first sample's flags.
+    const char* const keyFrameFirst =
+        "0000006C 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
+        "0000003C 'trun' 00 000B05 00000003 00000000 02400000"
+        "  00000E10 00000001 00000000  00000E10 00000001 00000000  00000E10 00000001 00000000";
     struct Case {
         const char* name;
         std::vector<bool> sync;
@@ -144,9 +149,7 @@ TEST(TrackFragmentBuilder, PlayerCompatibleFlagsAndLastDuration) {
         const char* traf;
     } cases[] = {
         {"one key frame first: tfhd default non-sync, first sample flags sync", {true, false, false}, 10800,
-         "0000006C 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
-         "0000003C 'trun' 00 000B05 00000003 00000000 02400000"
-         "  00000E10 00000001 00000000  00000E10 00000001 00000000  00000E10 00000001 00000000"},
+         keyFrameFirst},
         {"a chunk inside a GOP: its first sample is non-sync too", {false, false}, 7200,
          "00000060 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
          "00000030 'trun' 00 000B05 00000002 00000000 01410000"
@@ -157,9 +160,7 @@ TEST(TrackFragmentBuilder, PlayerCompatibleFlagsAndLastDuration) {
          "  00000E10 00000001 02400000 00000000  00000E10 00000001 01410000 00000000"
          "  00000E10 00000001 02400000 00000000"},
         {"the segment leaves the last sample nothing: it keeps its own 3600", {true, false, false}, 7200,
-         "0000006C 'traf' 00000014 'tfhd' 00 020020 00000001 01410000  00000014 'tfdt' 01000000 0000000000000000"
-         "0000003C 'trun' 00 000B05 00000003 00000000 02400000"
-         "  00000E10 00000001 00000000  00000E10 00000001 00000000  00000E10 00000001 00000000"},
+         keyFrameFirst},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -13,13 +13,9 @@ using namespace testkit;
 
 // Pushes the frames one buffer each, every buffer with its ffprobe time (or only the first with `firstOnly`),
 // each buffer split at a random point.
-void feedFrames(std::uint32_t streamType, const std::vector<Bytes>& frames, const std::vector<AudioPacket>& packets,
-                SampleCollector& collector, bool firstOnly = false) {
-    auto builder = es::createNalBuilder(streamType);
-    auto sampleBuilder = samples::createSampleBuilder(streamType, false, &collector);
-    ASSERT_TRUE(builder && sampleBuilder);
-    sampleBuilder->streamId = 3;
-    builder->setListener(sampleBuilder.get());
+SampleCollector feedFrames(std::uint32_t streamType, const std::vector<Bytes>& frames,
+                           const std::vector<AudioPacket>& packets, bool firstOnly = false) {
+    SampleChain chain(streamType);
     std::uint32_t seed = 99;
     for (std::size_t i = 0; i < frames.size(); ++i) {
         seed = seed * 1103515245u + 12345u;
@@ -29,16 +25,11 @@ void feedFrames(std::uint32_t streamType, const std::vector<Bytes>& frames, cons
             const std::int64_t t = probeTo100ns(packets[i].pts);
             head->SetTime(&t, nullptr);
         }
-        builder->push(head.get());
-        builder->push(makeBuffer(frames[i].data() + cut, frames[i].size() - cut).get());
+        chain.builder->push(head.get());
+        chain.builder->push(makeBuffer(frames[i].data() + cut, frames[i].size() - cut).get());
     }
-    builder->flush();
-}
-
-Bytes sampleBytes(const samples::Sample& s) {
-    Bytes b;
-    s.getBytes(b);
-    return b;
+    chain.builder->flush();
+    return std::move(chain.collector);
 }
 
 // The configuration sample comes first, once; then one audio sample per frame, with the given payloads,
@@ -48,7 +39,7 @@ void expectSamples(const SampleCollector& c, const Bytes& config, const std::vec
                    std::uint32_t inputType) {
     ASSERT_FALSE(c.all.empty());
     EXPECT_EQ(c.all[0]->kind, samples::KindDecoderConfiguration);
-    EXPECT_EQ(sampleBytes(*c.all[0]), config);
+    EXPECT_EQ(bytesOf(*c.all[0]), config);
     EXPECT_EQ(c.all[0]->timescale, 90000u);
     EXPECT_FALSE(c.all[0]->hasPts);
     EXPECT_EQ(c.all[0]->inputType, inputType);
@@ -57,7 +48,7 @@ void expectSamples(const SampleCollector& c, const Bytes& config, const std::vec
     ASSERT_EQ(audio.size(), payloads.size());
     for (std::size_t i = 0; i < audio.size(); ++i) {
         const samples::Sample& s = *audio[i];
-        EXPECT_EQ(sampleBytes(s), payloads[i]) << i;
+        EXPECT_EQ(bytesOf(s), payloads[i]) << i;
         EXPECT_EQ(s.timescale, timescale);
         EXPECT_EQ(s.streamId, 3u);
         EXPECT_EQ(s.duration, duration);
@@ -80,8 +71,7 @@ TEST(AacSamples, AdtsWithCrcStereoAnd51) {
     for (const Case& k : {Case{"aac_lc_stereo_48k.adts", 48000, {0x11, 0x90}}, Case{"aac_lc_51_44k.adts", 44100, {0x12, 0x30}}}) {
         SCOPED_TRACE(k.file);
         const AudioFixture fixture = loadAudioFixture(k.file);
-        SampleCollector c;
-        feedFrames(4, framesWithCrc(fixture), fixture.packets, c, true);
+        const SampleCollector c = feedFrames(4, framesWithCrc(fixture), fixture.packets, true);
         expectSamples(c, k.config, adtsPayloads(fixture), fixture.packets, k.rate, 1024, 4);
     }
 }
@@ -90,8 +80,7 @@ TEST(AacSamples, LoasPayloadsAreTheAdtsPayloadsOfTheSameEncoding) {
     // The LOAS file was copied from the ADTS one without re-encoding: the raw frames must be identical.
     const AudioFixture adts = loadAudioFixture("aac_lc_stereo_48k.adts");
     const AudioFixture latm = loadAudioFixture("aac_lc_stereo_48k.latm");
-    SampleCollector c;
-    feedFrames(5, packetBytes(latm), latm.packets, c, true);
+    const SampleCollector c = feedFrames(5, packetBytes(latm), latm.packets, true);
     expectSamples(c, {0x11, 0x90}, adtsPayloads(adts), latm.packets, 48000, 1024, 5);
 }
 
@@ -109,8 +98,7 @@ TEST(AacSamples, LoasHeAacCarriesTheConfigurationBitsAndTheCoreRate) {
             expectedTimes.push_back({static_cast<std::int64_t>(i - 1) * 1024 * kProbeTimeBase / 24000, 0, 0});
             packets.push_back(expectedTimes.back());
         }
-        SampleCollector c;
-        feedFrames(5, frames, packets, c, true);
+        const SampleCollector c = feedFrames(5, frames, packets, true);
         const std::vector<Bytes> expectedPayloads(payloads.begin() + 1, payloads.begin() + 30);
         expectSamples(c, ascBytes(asc), expectedPayloads, expectedTimes, 24000, 1024, 5);
     }
@@ -133,8 +121,7 @@ TEST(AacSamples, RawPacketsLcAndHeAac) {
         }
         std::vector<AudioPacket> packets = adts.packets;
         packets.erase(packets.begin() + 20);
-        SampleCollector c;
-        feedFrames(10, frames, adts.packets, c);
+        const SampleCollector c = feedFrames(10, frames, adts.packets);
         // With SBR a frame is 2048 samples of the 48 kHz output; the input times are those of the LC stream.
         expectSamples(c, config, expectedPayloads, packets, k.rate, k.duration, 10);
     }
@@ -147,18 +134,16 @@ TEST(AacSamples, ARateChangeTakesEffectAtItsFrame) {
     // From the fourth frame on, the header says 24 kHz (index 6).
     for (std::size_t i = 3; i < frames.size(); ++i)
         frames[i][2] = static_cast<std::uint8_t>((frames[i][2] & ~0x3C) | (6 << 2));
-    SampleCollector c;
-    samples::SampleBuilderAACADTSAudio builder(&c, false);
-    es::NALBuilderAACADTSAudio framing;
-    framing.setListener(&builder);
+    SampleChain chain(4);
+    const SampleCollector& c = chain.collector;
     std::int64_t t = 900000;  // 90 ms
     for (const Bytes& f : frames) {
         auto buffer = makeBuffer(f);
         buffer->SetTime(&t, nullptr);
-        framing.push(buffer.get());
+        chain.builder->push(buffer.get());
         t += 213333;
     }
-    framing.flush();
+    chain.builder->flush();
     const auto audio = c.ofKind(samples::KindAudio);
     ASSERT_EQ(audio.size(), 6u);
     // The input times, 132.67 ms and 154 ms, rounded to 90 kHz ticks (11940 and 13860), at the rate of each frame.
@@ -166,7 +151,7 @@ TEST(AacSamples, ARateChangeTakesEffectAtItsFrame) {
     EXPECT_EQ(audio[2]->pts, 6368);
     EXPECT_EQ(audio[3]->timescale, 24000u);
     EXPECT_EQ(audio[3]->pts, 3696);
-    EXPECT_EQ(sampleBytes(*c.ofKind(samples::KindDecoderConfiguration).at(0)), (Bytes{0x11, 0x90}));
+    EXPECT_EQ(bytesOf(*c.ofKind(samples::KindDecoderConfiguration).at(0)), (Bytes{0x11, 0x90}));
     EXPECT_EQ(c.ofKind(samples::KindDecoderConfiguration).size(), 1u);
 }
 

@@ -12,12 +12,6 @@
 namespace {
 using namespace testkit;
 
-Bytes sampleBytes(const samples::Sample& s) {
-    Bytes b;
-    s.getBytes(b);
-    return b;
-}
-
 TEST(SyncAudioSamples, ConfigurationThenEveryFrameCountedFromTheInputTime) {
     struct Case {
         const char* file;
@@ -38,27 +32,21 @@ TEST(SyncAudioSamples, ConfigurationThenEveryFrameCountedFromTheInputTime) {
     for (const Case& k : cases) {
         SCOPED_TRACE(k.file);
         const std::vector<Bytes> frames = packetBytes(loadAudioFixture(k.file));
-        SampleCollector c;
-        auto builder = es::createNalBuilder(k.type);
-        auto sampleBuilder = samples::createSampleBuilder(k.type, false, &c);
-        ASSERT_TRUE(builder && sampleBuilder);
-        builder->setListener(sampleBuilder.get());
+        SampleChain chain(k.type);
+        const SampleCollector& c = chain.collector;
         // All frames in one buffer whose time is 1 s: one second of ticks.
-        auto buffer = makeBuffer(cat(frames));
-        const std::int64_t t = 10000000;
-        buffer->SetTime(&t, nullptr);
-        builder->push(buffer.get());
-        builder->flush();
+        chain.push(cat(frames), 90000);
+        chain.builder->flush();
 
         ASSERT_FALSE(c.all.empty());
         EXPECT_EQ(c.all[0]->kind, samples::KindDecoderConfiguration);
         EXPECT_EQ(c.all[0]->inputType, k.type);
-        EXPECT_EQ(sampleBytes(*c.all[0]), k.config.empty() ? frames[0] : k.config);
+        EXPECT_EQ(bytesOf(*c.all[0]), k.config.empty() ? frames[0] : k.config);
         EXPECT_EQ(c.ofKind(samples::KindDecoderConfiguration).size(), 1u);
         const auto audio = c.ofKind(samples::KindAudio);
         ASSERT_EQ(audio.size(), frames.size());
         for (std::size_t i = 0; i < audio.size(); ++i) {
-            EXPECT_EQ(sampleBytes(*audio[i]), frames[i]) << i;
+            EXPECT_EQ(bytesOf(*audio[i]), frames[i]) << i;
             EXPECT_EQ(audio[i]->timescale, k.timescale);
             EXPECT_EQ(audio[i]->duration, k.duration);
             EXPECT_EQ(audio[i]->sync, k.iframes && i % 4 != 3) << i;

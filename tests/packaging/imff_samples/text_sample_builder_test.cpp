@@ -12,34 +12,24 @@
 namespace {
 using namespace testkit;
 
-struct CueCase {
-    const char* item;
-    bool forPlayers;  // the boxstring form, without the zero byte
-    Bytes boxes;
-};
-
-class WebVttCueBoxes : public ::testing::TestWithParam<CueCase> {};
-
-TEST_P(WebVttCueBoxes, MatchTheStandardsLayout) {
-    EXPECT_EQ(samples::webVttCueBoxes(GetParam().item, !GetParam().forPlayers), GetParam().boxes);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Items, WebVttCueBoxes,
-    ::testing::Values(
+TEST(WebVttCueBoxes, MatchTheStandardsLayout) {
+    const struct { const char* item; bool forPlayers; Bytes boxes; } cases[] = {
         // A gap: "vtte", header only.
-        CueCase{"", false, {0, 0, 0, 8, 'v', 't', 't', 'e'}},
+        {"", false, {0, 0, 0, 8, 'v', 't', 't', 'e'}},
         // No settings: "vttc" holding only "payl" with "Hi" and its zero byte; for players, without it.
-        CueCase{"\nHi", false, {0, 0, 0, 19, 'v', 't', 't', 'c', 0, 0, 0, 11, 'p', 'a', 'y', 'l', 'H', 'i', 0}},
-        CueCase{"\nHi", true, {0, 0, 0, 18, 'v', 't', 't', 'c', 0, 0, 0, 10, 'p', 'a', 'y', 'l', 'H', 'i'}},
+        {"\nHi", false, {0, 0, 0, 19, 'v', 't', 't', 'c', 0, 0, 0, 11, 'p', 'a', 'y', 'l', 'H', 'i', 0}},
+        {"\nHi", true, {0, 0, 0, 18, 'v', 't', 't', 'c', 0, 0, 0, 10, 'p', 'a', 'y', 'l', 'H', 'i'}},
         // Settings, then the payload last; the text keeps its inner line feed.
-        CueCase{"line:0\nA\nB", true,
-                {0, 0, 0, 33, 'v', 't', 't', 'c', 0, 0, 0, 14, 's', 't', 't', 'g', 'l', 'i', 'n', 'e', ':', '0',
-                 0, 0, 0, 11, 'p', 'a', 'y', 'l', 'A', '\n', 'B'}},
+        {"line:0\nA\nB", true,
+         {0, 0, 0, 33, 'v', 't', 't', 'c', 0, 0, 0, 14, 's', 't', 't', 'g', 'l', 'i', 'n', 'e', ':', '0',
+          0, 0, 0, 11, 'p', 'a', 'y', 'l', 'A', '\n', 'B'}},
         // Settings and no text: a "payl" of its zero byte alone.
-        CueCase{"align:start", false,
-                {0, 0, 0, 37, 'v', 't', 't', 'c', 0, 0, 0, 20, 's', 't', 't', 'g', 'a', 'l', 'i', 'g', 'n', ':',
-                 's', 't', 'a', 'r', 't', 0, 0, 0, 0, 9, 'p', 'a', 'y', 'l', 0}}));
+        {"align:start", false,
+         {0, 0, 0, 37, 'v', 't', 't', 'c', 0, 0, 0, 20, 's', 't', 't', 'g', 'a', 'l', 'i', 'g', 'n', ':',
+          's', 't', 'a', 'r', 't', 0, 0, 0, 0, 9, 'p', 'a', 'y', 'l', 0}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(samples::webVttCueBoxes(c.item, !c.forPlayers), c.boxes) << c.item;
+}
 
 // Buffers of (text, time in 100 ns, stop or -1, sync); the builders of `type` with their sample builder.
 struct Buffer {
@@ -49,44 +39,38 @@ struct Buffer {
     bool sync;
 };
 
-void run(std::uint32_t type, const std::vector<Buffer>& buffers, SampleCollector& collector) {
-    auto builder = es::createNalBuilder(type);
-    auto sampleBuilder = samples::createSampleBuilder(type, false, &collector);
-    ASSERT_TRUE(builder && sampleBuilder);
-    builder->setListener(sampleBuilder.get());
+SampleCollector run(std::uint32_t type, const std::vector<Buffer>& buffers) {
+    SampleChain chain(type);
     for (const Buffer& b : buffers) {
         auto buffer = makeBuffer(reinterpret_cast<const std::uint8_t*>(b.text.data()), b.text.size());
         buffer->SetTime(&b.start, b.stop >= 0 ? &b.stop : nullptr);
         buffer->SetSyncPoint(b.sync);
-        builder->push(buffer.get());
+        chain.builder->push(buffer.get());
     }
-    builder->flush();
+    chain.builder->flush();
+    return std::move(chain.collector);
 }
 
 TEST(TextSampleBuilders, WebVttItemsAreCutAtSyncBuffersAndAnEmptyItemIsAGap) {
-    SampleCollector c;
     // One cue in two buffers, a gap item, a cue without a stop time (dropped).
-    run(es::StreamType::WEBVTT,
-        {{"\nHel", 10000000, 30000000, true}, {"lo", 0, -1, false}, {"", 30000000, 50000000, true},
-         {"\nNo end", 50000000, -1, true}},
-        c);
+    const SampleCollector c = run(es::StreamType::WEBVTT, {{"\nHel", 10000000, 30000000, true},
+                                                          {"lo", 0, -1, false},
+                                                          {"", 30000000, 50000000, true},
+                                                          {"\nNo end", 50000000, -1, true}});
     ASSERT_EQ(c.all.size(), 2u);
     EXPECT_EQ(c.all[0]->pts, 10000000);
     EXPECT_EQ(c.all[0]->duration, 20000000);
     EXPECT_EQ(c.all[0]->timescale, 10000000u);
     EXPECT_EQ(c.all[0]->kind, samples::KindTimedText);
-    Bytes bytes;
-    c.all[0]->getBytes(bytes);
-    EXPECT_EQ(bytes, samples::webVttCueBoxes("\nHello"));
+    EXPECT_EQ(bytesOf(*c.all[0]), samples::webVttCueBoxes("\nHello"));
     EXPECT_EQ(c.all[1]->pts, 30000000);
-    c.all[1]->getBytes(bytes);
-    EXPECT_EQ(bytes, samples::webVttCueBoxes(""));
+    EXPECT_EQ(bytesOf(*c.all[1]), samples::webVttCueBoxes(""));
     EXPECT_EQ(c.ends, 1);
 }
 
 TEST(TextSampleBuilders, TtmlDocumentsKeepTheirBytesAt90kHz) {
-    SampleCollector c;
-    run(es::StreamType::TTML, {{"<tt/>", 10000000, 20000000, true}, {"<tt>", 20000000, -1, true}}, c);
+    const SampleCollector c =
+        run(es::StreamType::TTML, {{"<tt/>", 10000000, 20000000, true}, {"<tt>", 20000000, -1, true}});
     ASSERT_EQ(c.all.size(), 2u);
     EXPECT_EQ(c.all[0]->pts, 90000);
     EXPECT_TRUE(c.all[0]->hasDuration);
@@ -96,18 +80,15 @@ TEST(TextSampleBuilders, TtmlDocumentsKeepTheirBytesAt90kHz) {
 }
 
 TEST(TextSampleBuilders, SrtCuesGetGapSamplesBetweenThemAndAClosingOne) {
-    SampleCollector c;
-    run(es::StreamType::SRT, {{"A", 10, 20, true}, {"Bc", 20, 50, true}}, c);
+    const SampleCollector c = run(es::StreamType::SRT, {{"A", 10, 20, true}, {"Bc", 20, 50, true}});
     // The generic accumulating builder carries start times only, so each cue ends where it starts: cue A, the gap
     // from A's end to B, cue B, and the closing gap of one tick at B's end.
     ASSERT_EQ(c.all.size(), 4u);
     const std::vector<std::pair<std::int64_t, std::int64_t>> times = {{10, 0}, {10, 10}, {20, 0}, {20, 1}};
     const std::vector<Bytes> payloads = {{0, 1, 'A'}, {0, 0}, {0, 2, 'B', 'c'}, {0, 0}};
     for (std::size_t i = 0; i < 4; ++i) {
-        Bytes bytes;
-        c.all[i]->getBytes(bytes);
         EXPECT_EQ(std::make_pair(c.all[i]->pts, c.all[i]->duration), times[i]) << i;
-        EXPECT_EQ(bytes, payloads[i]) << i;
+        EXPECT_EQ(bytesOf(*c.all[i]), payloads[i]) << i;
         EXPECT_EQ(c.all[i]->inputType, std::uint32_t{es::StreamType::TX3G});
     }
 }

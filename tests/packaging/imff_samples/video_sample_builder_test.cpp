@@ -18,25 +18,18 @@ using namespace testkit;
 
 using samples::Sample;
 
-// The NAL builder of a stream type feeding its sample builder; every unit goes in a buffer of its own.
-struct Chain {
-    explicit Chain(std::uint32_t type = 2, bool inBand = false)
-        : builder(es::createNalBuilder(type)), sampleBuilder(samples::createSampleBuilder(type, inBand, &collector)) {
-        sampleBuilder->streamId = 3;
-        builder->setListener(sampleBuilder.get());
-    }
-    void push(const Bytes& unit, std::optional<std::int64_t> pts = std::nullopt,
-              std::optional<std::int64_t> dts = std::nullopt) {
-        builder->push(makeBuffer(unit, pts, dts).get());
-    }
+// An H.264 (or `type`) chain; every unit goes in a buffer of its own.
+struct Chain : SampleChain {
+    explicit Chain(std::uint32_t type = 2) : SampleChain(type) {}
     void setup(H264SpsOptions sps = {}) {
         push(h264Sps(sps));
         push(h264Pps(0, sps.id));
     }
-    std::vector<const Sample*> pictures() const { return collector.ofKind(samples::KindVideo); }
-    SampleCollector collector;
-    std::unique_ptr<es::NALBuilder> builder;
-    std::unique_ptr<samples::SampleBuilder> sampleBuilder;
+    // Flushed: the pictures.
+    std::vector<const Sample*> pictures() {
+        builder->flush();
+        return collector.ofKind(samples::KindVideo);
+    }
 };
 
 // The NAL unit types in a sample, read after each 4-byte length.
@@ -54,7 +47,6 @@ TEST(SampleBuilderH264, SlicesOfOnePictureJoinTheFirstPtsStandsAndARetrogradeDec
     chain.push(h264Slice(5, 2), 9900, 6000);  // same dts, other pts: still the same picture
     chain.push(h264Slice(1, 0), 5000, 2400);  // earlier dts: dropped, the sample stays open
     chain.push(h264Slice(1, 0), 12600, 9600);
-    chain.builder->flush();
     const auto pics = chain.pictures();
     ASSERT_EQ(pics.size(), 2u);
     EXPECT_EQ(pics[0]->nals.size(), 3u);
@@ -76,7 +68,6 @@ TEST(SampleBuilderH264, NewFrameRateAppliesFromTheNextSample) {
     faster.unitsInTick = 1001;  // 29.97 frames a second
     chain.push(h264Sps(faster));
     chain.push(h264Slice(1, 0), 3600, 3600);
-    chain.builder->flush();
     const auto pics = chain.pictures();
     ASSERT_EQ(pics.size(), 2u);
     EXPECT_EQ(pics[0]->duration, 3600);
@@ -102,14 +93,12 @@ TEST(SampleBuilderH264, DelimitersAndFillerNeverReachASampleAndSeiGoesWithTheNex
     chain.push(filler);
     chain.push(aud, 3600, 3600);
     chain.push(h264Slice(1, 0));
-    chain.builder->flush();
     const auto pics = chain.pictures();
     ASSERT_EQ(pics.size(), 2u);
     EXPECT_EQ(typesOf(*pics[0]), (std::vector<unsigned>{6, 5}));
     EXPECT_EQ(typesOf(*pics[1]), (std::vector<unsigned>{1}));
     // The SEI is carried whole after its length, without its start code.
-    Bytes bytes;
-    pics[0]->getBytes(bytes);
+    const Bytes bytes = bytesOf(*pics[0]);
     EXPECT_EQ(Bytes(bytes.begin() + 4, bytes.begin() + 4 + static_cast<std::ptrdiff_t>(secondSei.size()) - 4),
               Bytes(secondSei.begin() + 4, secondSei.end()));
     EXPECT_EQ(bytes.size(), pics[0]->getSize());
@@ -122,7 +111,6 @@ TEST(SampleBuilderH264, RandomAccessFollowsTheFirstSliceIntraNotIdr) {
     chain.push(h264Slice(1, 2), 3600, 3600);  // I slice, not IDR
     chain.push(h264Slice(1, 0));              // a P slice of the same picture changes nothing
     chain.push(h264Slice(1, 1), 7200, 7200);  // B
-    chain.builder->flush();
     const auto pics = chain.pictures();
     ASSERT_EQ(pics.size(), 3u);
     EXPECT_TRUE(pics[0]->isSync());
@@ -146,7 +134,6 @@ TEST(SampleBuilderH264, StreamsWithoutUsableTimingGiveNoPictures) {
         chain.setup(c.sps);
         chain.push(h264Sei({}));
         chain.push(h264Slice(5, 2), c.pts, c.dts);
-        chain.builder->flush();
         EXPECT_TRUE(chain.pictures().empty());
         EXPECT_EQ(chain.collector.ends, 1);
     }
@@ -188,9 +175,8 @@ TEST(SampleBuilderHevc, PicturesSplitOnPresentationTimeWithSapTypes) {
         pts += 3600;
         chain.push(hevcUnit(type), pts, pts - 100);
     }
-    chain.builder->flush();
-    EXPECT_EQ(chain.collector.ofKind(samples::KindVideoParameterSet).size(), 1u);
     const auto pics = chain.pictures();
+    EXPECT_EQ(chain.collector.ofKind(samples::KindVideoParameterSet).size(), 1u);
     ASSERT_EQ(pics.size(), 7u);
     EXPECT_EQ(typesOf(*pics[0], true), (std::vector<unsigned>{39, 19, 19, 40}));
     EXPECT_EQ(pics[0]->pts, 1000);
@@ -251,29 +237,17 @@ TEST(VideoFixture, SlicedPicturesInPiecesMatchFfprobePackets) {
         std::size_t offset = 0;
         std::uint32_t seed = 12345;
         for (const Packet& p : fixture.packets) {
-            for (std::size_t done = 0; done < p.size;) {
-                seed = seed * 1103515245u + 12345u;
-                std::size_t piece = 1 + (seed >> 16) % 300;
-                if (done == 0) piece = std::max<std::size_t>(piece, 16);
-                piece = std::min(piece, p.size - done);
-                const bool first = done == 0;
-                chain.builder->push(makeBuffer(fixture.bytes.data() + offset + done, piece,
-                                         first ? std::optional(p.pts) : std::nullopt,
-                                         first && withDts ? std::optional(p.dts) : std::nullopt)
-                                  .get());
-                done += piece;
-            }
+            pushPieces(*chain.builder, fixture.bytes.data() + offset, p.size, seed, 300, es::from90kHz(p.pts),
+                       withDts ? std::optional(es::from90kHz(p.dts)) : std::nullopt, 16);
             offset += p.size;
         }
-        chain.builder->flush();
-
+        const auto pictures = chain.pictures();
         EXPECT_EQ(collector.ends, 1);
         EXPECT_EQ(collector.endedStream, 3u);
         // One configuration sample of each parameter set, before any picture.
         EXPECT_EQ(collector.ofKind(samples::KindSequenceParameterSet).size(), 1u);
         EXPECT_EQ(collector.ofKind(samples::KindPictureParameterSet).size(), 1u);
         EXPECT_NE(collector.all.front()->kind, samples::KindVideo);
-        const auto pictures = collector.ofKind(samples::KindVideo);
         ASSERT_EQ(pictures.size(), fixture.packets.size());
         for (std::size_t i = 0; i < pictures.size(); ++i) {
             SCOPED_TRACE(i);

@@ -161,6 +161,25 @@ inline std::string keyIdOf(enc::IEncryptionProvider& p) {
     return testkit::hexText(testkit::Bytes(uuid.begin(), uuid.end()));
 }
 
+// The protection boxes a provider gives for DASH, written one after the other.
+inline testkit::Bytes protectionBoxesOf(enc::IEncryptionProvider& p) {
+    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
+    p.getProtectionBoxes(boxes, true);
+    return tvrn::encoding::packaging::imff::imff_box::binarizeBoxes(boxes);
+}
+
+// A provider with a key period of 0 connects and keeps the key of connect whatever the media time.
+inline void expectOneKeyForEver(enc::IEncryptionProvider& p) {
+    ASSERT_TRUE(p.connect());
+    for (std::uint64_t s : {1u, 1000u, 1000000u}) EXPECT_EQ(p.updateKey(s * kSecond), KeyUpdateResult::Unchanged) << s;
+}
+
+// The key id a provider holds (as keyIdOf gives it) and its content key.
+inline void expectKey(enc::IEncryptionProvider& p, const std::string& keyId, const testkit::Bytes& key) {
+    EXPECT_EQ(keyIdOf(p), keyId);
+    EXPECT_BYTES(keyOf(p), key);
+}
+
 // An address on 127.0.0.1 where nothing listens.
 inline std::string downUrl(const std::string& path) { return "http://127.0.0.1:" + std::to_string(closedPort()) + path; }
 

@@ -38,6 +38,22 @@ struct KeyCall {
     int run(KeyService& service) {
         return service.call([&](hk::KeyProvisioningProxy& proxy) { return proxy.GetKeyAndSignalization(&request, response); });
     }
+    // Runs the call, failing as checkSoapResult does; the time of the one key answered, or -1.
+    std::int64_t keyTime(KeyService& service) {
+        checkSoapResult(run(service), service, "GetKeyAndSignalization");
+        return response.scheduledKey.size() == 1 ? static_cast<std::int64_t>(response.scheduledKey[0]->time) : -1;
+    }
+};
+
+// A service at `url` whose traffic its dumper logs.
+struct Dumped {
+    explicit Dumped(const std::string& url, const TransportSecurity& tls = {}) {
+        initSoapService(&service, url, tls);
+        service.setPluginLogger(&dumper);
+    }
+    KeyService service;
+    testkit::RecordingLogger logger;
+    SoapRequestDumper dumper{&logger};
 };
 
 TEST(SoapTransport, RefusesANullServiceAndAnEmptyAddress) {
@@ -55,18 +71,10 @@ TEST(SoapTransport, RefusesANullServiceAndAnEmptyAddress) {
 
 TEST(SoapTransport, ARoundTripThroughTheGeneratedStub) {
     kmstest::LoopbackServer server;
-    testkit::RecordingLogger logger;
-    SoapRequestDumper dumper(&logger);
-    KeyService service;
-    initSoapService(&service, server.url("http", "/soap"), {});
-    service.setPluginLogger(&dumper);
-
+    Dumped d(server.url("http", "/soap"));
     KeyCall call("resource-1", 123456789);
-    const int code = call.run(service);
-    checkSoapResult(code, service, "GetKeyAndSignalization");
+    ASSERT_EQ(call.keyTime(d.service), 123456789);
     EXPECT_EQ(call.response.returnCode, 0);
-    ASSERT_EQ(call.response.scheduledKey.size(), 1u);
-    EXPECT_EQ(call.response.scheduledKey[0]->time, 123456789u);
     const hk::harmonic243__ContentKeyType* key = call.response.scheduledKey[0]->contentKey;
     ASSERT_TRUE(key && key->keyId && key->key);
     EXPECT_EQ(*key->keyId, "0a0b0c0d-0102-0304-0506-0708090a0b0c");
@@ -76,7 +84,7 @@ TEST(SoapTransport, ARoundTripThroughTheGeneratedStub) {
     ASSERT_EQ(call.response.signalization->dash.size(), 1u);
     EXPECT_EQ(call.response.signalization->dash[0]->drmSystemId, "edef8ba9-79d6-4ace-a3c8-27dcd51d21ed");
 
-    const std::vector<std::string> lines = logger.lines();
+    const std::vector<std::string> lines = d.logger.lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].rfind("3 SOAP request: POST /soap", 0), 0u) << lines[0];
     EXPECT_NE(lines[0].find("resource-1"), std::string::npos);
@@ -101,17 +109,11 @@ TEST(SoapTransport, ASoapFaultNamesTheOperationAndTheFaultString) {
 }
 
 TEST(SoapTransport, AServerThatIsDownFailsTheCall) {
-    KeyService service;
-    testkit::RecordingLogger logger;
-    SoapRequestDumper dumper(&logger);
-    initSoapService(&service, "http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/soap", {});
-    service.setPluginLogger(&dumper);
+    Dumped d("http://127.0.0.1:" + std::to_string(kmstest::closedPort()) + "/soap");
     KeyCall call("resource-1", 0);
-    const int code = call.run(service);
-    const std::string text =
-        failureOf<KmsConnectionException>([&] { checkSoapResult(code, service, "GetKeyAndSignalization"); });
+    const std::string text = failureOf<KmsConnectionException>([&] { call.keyTime(d.service); });
     EXPECT_EQ(text.rfind("GetKeyAndSignalization error; ", 0), 0u) << text;
-    EXPECT_TRUE(logger.contains("3 SOAP empty response"));
+    EXPECT_TRUE(d.logger.contains("3 SOAP empty response"));
 }
 
 TEST(SoapTransport, TlsWithTheOperatorsCaAndItsFailures) {
@@ -120,26 +122,18 @@ TEST(SoapTransport, TlsWithTheOperatorsCaAndItsFailures) {
     TlsSettings tls;
     tls.caFile = certificates.file("ca.pem");
     {
-        KeyService service;
-        initSoapService(&service, server.url("https", "/soap"), tls);
-        testkit::RecordingLogger logger;
-        SoapRequestDumper dumper(&logger);
-        service.setPluginLogger(&dumper);
-        service.context()->http_extra_header = "Authorization: Bearer tok-SECRET-bearer";
-        KeyCall call("resource-1", 7);
-        checkSoapResult(call.run(service), service, "GetKeyAndSignalization");
-        ASSERT_EQ(call.response.scheduledKey.size(), 1u);
-        EXPECT_EQ(call.response.scheduledKey[0]->time, 7u);
-        ASSERT_FALSE(logger.lines().empty());
-        EXPECT_NE(logger.lines()[0].find("Authorization: ***"), std::string::npos) << logger.lines()[0];
-        EXPECT_EQ(logger.lines()[0].find("SECRET"), std::string::npos);
+        Dumped d(server.url("https", "/soap"), tls);
+        d.service.context()->http_extra_header = "Authorization: Bearer tok-SECRET-bearer";
+        EXPECT_EQ(KeyCall("resource-1", 7).keyTime(d.service), 7);
+        ASSERT_FALSE(d.logger.lines().empty());
+        EXPECT_NE(d.logger.lines()[0].find("Authorization: ***"), std::string::npos) << d.logger.lines()[0];
+        EXPECT_EQ(d.logger.lines()[0].find("SECRET"), std::string::npos);
     }
     {  // no record: the system's CA store does not know the test CA
         KeyService service;
         initSoapService(&service, server.url("https", "/soap"), {});
         KeyCall call("resource-1", 7);
-        EXPECT_NE(failureOf<KmsConnectionException>([&] { checkSoapResult(call.run(service), service, "GetKeyAndSignalization"); }),
-                  "no failure");
+        EXPECT_NE(failureOf<KmsConnectionException>([&] { call.keyTime(service); }), "no failure");
     }
     {  // a server that asks for a client certificate: none, then the operator's with its password
         kmstest::LoopbackServer asking({"--cert", certificates.file("server.pem"), "--key",
@@ -147,17 +141,12 @@ TEST(SoapTransport, TlsWithTheOperatorsCaAndItsFailures) {
         KeyService without;
         initSoapService(&without, asking.url("https", "/soap"), tls);
         KeyCall refused("resource-1", 8);
-        EXPECT_NE(failureOf<KmsConnectionException>(
-                      [&] { checkSoapResult(refused.run(without), without, "GetKeyAndSignalization"); }),
-                  "no failure");
+        EXPECT_NE(failureOf<KmsConnectionException>([&] { refused.keyTime(without); }), "no failure");
         TlsSettings withCertificate = tls;
         withCertificate.clientCertificate = {certificates.file("client-bundle.pem"), kmstest::kClientPassword};
         KeyService with;
         initSoapService(&with, asking.url("https", "/soap"), withCertificate);
-        KeyCall call("resource-1", 8);
-        checkSoapResult(call.run(with), with, "GetKeyAndSignalization");
-        ASSERT_EQ(call.response.scheduledKey.size(), 1u);
-        EXPECT_EQ(call.response.scheduledKey[0]->time, 8u);
+        EXPECT_EQ(KeyCall("resource-1", 8).keyTime(with), 8);
     }
     {
         TlsSettings missing;

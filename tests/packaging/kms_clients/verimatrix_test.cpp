@@ -37,15 +37,11 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
     Provider provider = vmx.make("/vmx/ok");
     ASSERT_TRUE(provider->connect());
     EXPECT_TRUE(provider->isKeyRotationEnabled());
-    EXPECT_BYTES(keyOf(*provider), hex("00010203 04050607 08090a0b 0c0d0e0f"));
-    EXPECT_EQ(keyIdOf(*provider), "0000000000000000000000006553f100");
+    expectKey(*provider, "0000000000000000000000006553f100", hex("00010203 04050607 08090a0b 0c0d0e0f"));
     std::vector<std::uint8_t> iv;
     provider->getInitialisationVector(iv);
     EXPECT_BYTES(iv, testkit::zeros(8));
-    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
-    provider->getProtectionBoxes(boxes, true);
-    ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_BYTES(testkit::writeBox(boxes[0]),
+    EXPECT_BYTES(protectionBoxesOf(*provider),
                  hex("00000023 'pssh' 00000000 9a27dd82 fde24725 8cbc4234 aa06ec09 00000003 564d58"));
     std::string text;
     provider->getContentProtectionText(text, true);
@@ -58,8 +54,7 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
     // Key period 4 s: a request once more than 4 s have passed since the last key (connection's counts as 0).
     EXPECT_EQ(provider->updateKey(4 * kSecond), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(4 * kSecond + 1), KeyUpdateResult::Updated);
-    EXPECT_BYTES(keyOf(*provider), hex("44444444 44444444 44444444 44444444"));
-    EXPECT_EQ(keyIdOf(*provider), "00000000000000000000000002625a01");
+    expectKey(*provider, "00000000000000000000000002625a01", hex("44444444 44444444 44444444 44444444"));
     EXPECT_EQ(provider->updateKey(8 * kSecond + 1), KeyUpdateResult::Unchanged);
     EXPECT_EQ(provider->updateKey(8 * kSecond + 2), KeyUpdateResult::Updated);
     EXPECT_BYTES(keyOf(*provider), hex("48484848 48484848 48484848 48484848"));
@@ -67,15 +62,12 @@ TEST(VerimatrixProvider, TheKeyOfConnectionWithItsSignallingThenAKeyPerPeriodNam
                            "/vmx/ok ?&r=res%20one&t=DTV&p=40000001\n/vmx/ok ?&r=res%20one&t=DTV&p=80000002\n");
 
     // Period 0: the key of the connection for the whole run.
-    Provider once = vmx.make("/vmx/ok", 0);
-    ASSERT_TRUE(once->connect());
-    EXPECT_EQ(once->updateKey(1000 * kSecond), KeyUpdateResult::Unchanged);
+    expectOneKeyForEver(*vmx.make("/vmx/ok", 0));
     // A server that names its key id every time: the key changes, the id does not (the manager keeps the old key).
     Provider named = vmx.make("/vmx/keyid-always");
     ASSERT_TRUE(named->connect());
     EXPECT_EQ(named->updateKey(5 * kSecond), KeyUpdateResult::Updated);
-    EXPECT_BYTES(keyOf(*named), hex("45454545 45454545 45454545 45454545"));
-    EXPECT_EQ(keyIdOf(*named), "0000000000000000000000006553f100");
+    expectKey(*named, "0000000000000000000000006553f100", hex("45454545 45454545 45454545 45454545"));
     EXPECT_TRUE(vmx.logger.contains("2 Verimatrix encryption parameters: Ressource Id = 'res one' : Key Change period = 4 sec."));
     vmx.expectNotLogged({"000102030405060708090a0b0c0d0e0f", "AAECAwQFBgcICQoLDA0ODw==", "DDDD", "HHHH"});
 }
@@ -86,13 +78,12 @@ TEST(VerimatrixProvider, EachFaultFailsTheConnectionOrKeepsThePreviousKey) {
     Vmx vmx;
     const std::string down = downUrl("/vmx/ok");
     const std::string prefix = "Could not retrieve key from key server: HTTP GET to ";
+    const std::string query = "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed";
     const std::pair<std::string, std::string> rows[] = {
-        {down, prefix + down + "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed: "},
-        {"/vmx/status-404", prefix + vmx.url("/vmx/status-404") +
-                                "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed with error code 404 : Not Found"},
-        {"/vmx/status-503", prefix + vmx.url("/vmx/status-503") +
-                                "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed with error code 503 : Service Unavailable"},
-        {"/vmx/slow", prefix + vmx.url("/vmx/slow") + "?&e=DASH&c=0&r=res%20one&t=DTV&p=1700000000 failed: "},
+        {down, prefix + down + query + ": "},
+        {"/vmx/status-404", prefix + vmx.url("/vmx/status-404") + query + " with error code 404 : Not Found"},
+        {"/vmx/status-503", prefix + vmx.url("/vmx/status-503") + query + " with error code 503 : Service Unavailable"},
+        {"/vmx/slow", prefix + vmx.url("/vmx/slow") + query + ": "},
         {"/vmx/short-body", "Incomplete key received from key server (8 bytes)"},
     };
     for (const auto& [path, text] : rows) {
@@ -106,8 +97,7 @@ TEST(VerimatrixProvider, EachFaultFailsTheConnectionOrKeepsThePreviousKey) {
     ASSERT_TRUE(provider->connect());
     EXPECT_EQ(provider->updateKey(5 * kSecond), KeyUpdateResult::Failed);
     EXPECT_EQ(provider->updateKey(6 * kSecond), KeyUpdateResult::Failed);
-    EXPECT_BYTES(keyOf(*provider), hex("00010203 04050607 08090a0b 0c0d0e0f"));
-    EXPECT_EQ(keyIdOf(*provider), "0000000000000000000000006553f100");
+    expectKey(*provider, "0000000000000000000000006553f100", hex("00010203 04050607 08090a0b 0c0d0e0f"));
     // Headers that are not base64: no DASH key id to signal, which the manifest text refuses.
     Provider garbled = vmx.make("/vmx/bad-headers");
     ASSERT_TRUE(garbled->connect());

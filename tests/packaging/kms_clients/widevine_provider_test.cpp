@@ -57,13 +57,9 @@ TEST(WidevineProvider, TheKeyOfEachRequestItsSignallingAndRotationByMediaTime) {
     auto provider = wv.make("ok");
     ASSERT_TRUE(provider->connect());
     // The n-th answer: key id d0d0d0d0 + n + 8 zero bytes, key 80+n .., pssh data 08 01 12 10 + key id.
-    EXPECT_EQ(keyIdOf(*provider), "d0d0d0d0000000000000000000000000");
-    EXPECT_BYTES(keyOf(*provider), hex("808182838485868788898a8b8c8d8e8f"));
-    tvrn::encoding::packaging::imff::imff_box::BoxList boxes;
-    provider->getProtectionBoxes(boxes, true);
-    ASSERT_EQ(boxes.size(), 1u);
-    EXPECT_BYTES(testkit::writeBox(boxes[0]), hex("00000034 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed 00000014"
-                                                  "08011210 d0d0d0d0 00000000 00000000 00000000"));
+    expectKey(*provider, "d0d0d0d0000000000000000000000000", hex("808182838485868788898a8b8c8d8e8f"));
+    EXPECT_BYTES(protectionBoxesOf(*provider), hex("00000034 'pssh' 00000000 edef8ba9 79d64ace a3c827dc d51d21ed"
+                                                   "00000014 08011210 d0d0d0d0 00000000 00000000 00000000"));
     std::string text;
     provider->getContentProtectionText(text, true);
     EXPECT_NE(text.find("cenc:default_KID=\"d0d0d0d0-0000-0000-0000-000000000000\""), std::string::npos) << text;
@@ -75,10 +71,7 @@ TEST(WidevineProvider, TheKeyOfEachRequestItsSignallingAndRotationByMediaTime) {
     EXPECT_EQ(provider->updateKey(105 * kSecond), KeyUpdateResult::Updated);
     EXPECT_EQ(keyIdOf(*provider), "d0d0d0d0000000010000000000000000");
     EXPECT_EQ(provider->cryptoPeriodIndex(), 1u);
-    auto once = wv.make("ok", 0, {});  // unsigned, no rotation
-    ASSERT_TRUE(once->connect());
-    EXPECT_EQ(once->updateKey(1000 * kSecond), KeyUpdateResult::Unchanged);
-    EXPECT_EQ(once->updateKey(2000 * kSecond), KeyUpdateResult::Unchanged);
+    expectOneKeyForEver(*wv.make("ok", 0, {}));  // unsigned
     wv.expectNotLogged({"ICEiIyQlJicoKSorLC0uLzAxMjM0NTY3ODk6Ozw9Pj8"});
 }
 
@@ -126,14 +119,30 @@ TEST(WidevineProvider, FailuresAtConnectAndDuringTheRun) {
     EXPECT_NE(wv.logger.lines().back().find(", fallback on last received key"), std::string::npos);
 }
 
-TEST(WidevineProvider, TheFactoryLogsItsParametersAndBuildsIt) {
-    testkit::RecordingLogger logger;
-    std::unique_ptr<enc::EncryptionManager> manager;
-    tvrn::encoding::packaging::kms_clients::buildEncryptionManager(
-        manager, enc::WidevineConfiguration{"http://k", "s", kSigning, 10, "channel-1"}, {}, logger, nullptr, {});
-    EXPECT_TRUE(manager && manager->hasProvider());
-    EXPECT_TRUE(logger.contains(
-        "2 Widevine encryption parameters: Content Id = 'channel-1' : Server Url = 'http://k' : Key Change period = 10 sec."));
+// The factory of the key clients: the provider each record gets (none for the scalable licence) and the lines logged.
+TEST(KeyClientFactory, BuildsEachProviderAndLogsItsParameters) {
+    const struct { enc::EncryptionConfiguration record; bool provider; std::vector<std::string> lines; } rows[] = {
+        {enc::WidevineConfiguration{"http://k", "s", kSigning, 10, "channel-1"}, true,
+         {"2 Widevine encryption parameters: Content Id = 'channel-1' : Server Url = 'http://k' : Key Change period = "
+          "10 sec."}},
+        {enc::HarmonicConfiguration{"r", "q", 10, "http://s"}, true,
+         {"2 Harmonic KMS full impl.: resourceId='r' , requestorId='q' : KeyPeriod = 10 sec., "
+          "KeySessionUrl='http://s'"}},
+        {enc::IrdetoConfiguration{.serverUrl = "http://i", .variant = enc::IrdetoGenerateKeysSettings{0, 30},
+                                  .contentId = "c", .password = "pw"},
+         true,
+         {"2 Irdeto encryption parameters: Content Id = 'c' : Server Url = 'http://i' : Key Change period = 30 sec.",
+          "2 Irdeto GenerateKeys Encryption: Use 'http://i' as key session url."}},
+        {enc::IrdetoConfiguration{.serverUrl = "http://i", .variant = enc::IrdetoPlayReadyScalableLicense{}}, false,
+         {"1 Encryption Mode \"Irdeto PlayReady Scalable License\" is not yet implemented"}},
+    };
+    for (const auto& row : rows) {
+        testkit::RecordingLogger logger;
+        std::unique_ptr<enc::EncryptionManager> manager;
+        tvrn::encoding::packaging::kms_clients::buildEncryptionManager(manager, row.record, {}, logger, nullptr, {});
+        EXPECT_EQ(manager && manager->hasProvider(), row.provider) << row.lines[0];
+        for (const std::string& line : row.lines) EXPECT_TRUE(logger.contains(line)) << line;
+    }
 }
 
 }  // namespace

@@ -18,17 +18,6 @@ namespace m4a = es::mpeg4_audio;
 
 constexpr std::int64_t kFrame48k = 10240000000 / 48000;  // 1024 samples at 48 kHz in 100 ns, truncated
 
-// The units the framing of `type` delivers from `stream` pushed in pieces (pushPieces), then flushed.
-NalCollector framed(es::StreamType type, const Bytes& stream, std::uint32_t seed, std::size_t maxPiece,
-                    std::optional<std::int64_t> time100ns = std::int64_t{0}) {
-    NalCollector c;
-    auto builder = es::createNalBuilder(type);
-    builder->setListener(&c);
-    pushPieces(*builder, stream, seed, maxPiece, time100ns);
-    builder->flush();
-    return c;
-}
-
 TEST(AdtsFraming, EachBufferTimeReplacesTheRunningTime) {
     const AudioFixture fixture = loadAudioFixture("aac_lc_stereo_48k.adts");
     const std::vector<Bytes> frames = packetBytes(fixture);
@@ -36,14 +25,7 @@ TEST(AdtsFraming, EachBufferTimeReplacesTheRunningTime) {
     es::NALBuilderAACADTSAudio builder;
     builder.setListener(&c);
     // Buffers of three frames, each with a time off the running time's grid.
-    for (std::size_t i = 0; i < frames.size(); i += 3) {
-        const auto from = frames.begin() + static_cast<std::ptrdiff_t>(i);
-        const auto to = from + static_cast<std::ptrdiff_t>(std::min<std::size_t>(3, frames.size() - i));
-        auto buffer = makeBuffer(cat(std::vector<Bytes>(from, to)));
-        const std::int64_t t = probeTo100ns(fixture.packets[i].pts) + 1000;
-        buffer->SetTime(&t, nullptr);
-        builder.push(buffer.get());
-    }
+    pushInThrees(builder, frames, [&](std::size_t i) { return probeTo100ns(fixture.packets[i].pts) + 1000; });
     builder.flush();
     ASSERT_EQ(c.all(), frames);
     for (std::size_t i = 0; i < c.nals.size(); ++i) {
@@ -65,7 +47,7 @@ TEST(AdtsFraming, DamageCostsOnlyTheFramesItTouches) {
         if (i == 30) frame[2] = static_cast<std::uint8_t>((frame[2] & ~0x3C) | (13 << 2));
         stream = cat({stream, frame});
     }
-    const std::vector<Bytes> got = framed(es::StreamType::AAC_ADTS_AUDIO, stream, 9, 200).all();
+    const std::vector<Bytes> got = framedInPieces(es::StreamType::AAC_ADTS_AUDIO, stream, 9, 200).all();
     // Every frame delivered is one of the stream's own, whole, in order; frames 10, 11, 20 and 30 are lost at
     // most, with the frame each damage runs into.
     std::size_t next = 0;
@@ -107,7 +89,7 @@ TEST(LatmFraming, FalseSyncPatternsInGarbageCostNothing) {
         if (i % 5 != 0) stream = cat({stream, garbage[i % 5 - 1]});
         stream = cat({stream, frames[i]});
     }
-    EXPECT_EQ(framed(es::StreamType::AAC_LATM_AUDIO, stream, 2, 50).all(), frames);
+    EXPECT_EQ(framedInPieces(es::StreamType::AAC_LATM_AUDIO, stream, 2, 50).all(), frames);
 }
 
 TEST(LatmFraming, AFrameWithAConfigurationThatIsNotCarriedIsDroppedAndTheStreamGoesOn) {
@@ -118,7 +100,8 @@ TEST(LatmFraming, AFrameWithAConfigurationThatIsNotCarriedIsDroppedAndTheStreamG
     const Bytes stream = cat({latmFrame(payloads[0], &celp), latmFrame(payloads[1], nullptr),
                               latmFrame(payloads[2], &good), latmFrame(payloads[3], nullptr),
                               latmFrame(payloads[4], nullptr)});
-    EXPECT_EQ(framed(es::StreamType::AAC_LATM_AUDIO, stream, 1, 1000).nals.size(), 3u);  // frame 1 reuses a configuration never seen; 2, 3 and 4 come
+    // Frame 1 reuses a configuration never seen; 2, 3 and 4 come.
+    EXPECT_EQ(framedInPieces(es::StreamType::AAC_LATM_AUDIO, stream, 1, 1000).nals.size(), 3u);
 }
 
 TEST(RawPacketFraming, PacketsAcrossBuffersWithGarbageAndBadLengths) {
@@ -134,7 +117,7 @@ TEST(RawPacketFraming, PacketsAcrossBuffersWithGarbageAndBadLengths) {
         stream = cat({stream, packet});
         packets.push_back(packet);
     }
-    const NalCollector c = framed(es::StreamType::AAC_RAW_AUDIO, stream, 4, 90, 1000);
+    const NalCollector c = framedInPieces(es::StreamType::AAC_RAW_AUDIO, stream, 4, 90, 1000);
     ASSERT_EQ(c.all(), packets);
     std::int64_t expectedTime = 1000;
     for (std::size_t i = 0; i < c.nals.size(); ++i) {

@@ -1,6 +1,8 @@
 // The Annex B builder of H.264 and HEVC: the timing of units, flushes, and the zero-pair search.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "packaging/lib_parse_es/nal_builder_h264_hevc.h"
 #include "packaging/lib_parse_es/nal_h264_hevc.h"
 #include "tests/common/synthetic.h"
@@ -89,13 +91,9 @@ TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
                 if (k > 0 && data[k] == 0 && data[k - 1] == 0) data[k] = 0x11;  // keep zeros single
             }
             if (pair + 1 < size) data[pair] = data[pair + 1] = 0;
-            std::size_t expected = size;
-            for (std::size_t i = 0; i + 1 < size; ++i) {
-                if (data[i] == 0 && data[i + 1] == 0) {
-                    expected = i;
-                    break;
-                }
-            }
+            const auto pairAt =
+                std::adjacent_find(data.begin(), data.end(), [](auto a, auto b) { return a == 0 && b == 0; });
+            const auto expected = static_cast<std::size_t>(pairAt - data.begin());
             const std::uint8_t* hit = es::findZeroPair(data.data(), data.size());
             ASSERT_EQ(hit == nullptr ? size : static_cast<std::size_t>(hit - data.data()), expected)
                 << "size " << size << " pair " << pair;

@@ -152,57 +152,52 @@ struct Timed {
 
 // Picture times over a short run. One tick is 1/50 s, 1800 at 90 kHz; times count from the first picture's
 // output (baseTime 10000), and a picture is decoded its output delay before it is presented.
-struct TimedPicture {
-    std::uint32_t cpb, dpb;
-    bool bufferingPeriod;
-    bool ok;
-    std::int64_t pts, dts;  // checked when ok
-};
-struct TimingCase { const char* name; unsigned cpbLengthMinus1; std::vector<TimedPicture> pictures; };
-
-class H264Timing : public ::testing::TestWithParam<TimingCase> {};
-
-TEST_P(H264Timing, PtsAndDtsFollowTheRemovalAndOutputDelays) {
-    Timed t(GetParam().cpbLengthMinus1);
-    int index = 0;
-    for (const TimedPicture& p : GetParam().pictures) {
-        SCOPED_TRACE(index++);
-        ASSERT_EQ(t.picture(p.cpb, p.dpb, p.bufferingPeriod), p.ok);
-        if (!p.ok) continue;
-        EXPECT_EQ(t.m.computedPts, p.pts);
-        EXPECT_EQ(t.m.computedDts, p.dts);
-        EXPECT_TRUE(t.m.iSlice);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Runs, H264Timing,
-    ::testing::Values(
-        TimingCase{"OutputDelay", 23,
-                   {{0, 2, true, true, 10000, 10000 - 3600},
-                    {2, 6, false, true, 10000 + 6 * 1800, 10000},
-                    {4, 2, false, true, 10000 + 4 * 1800, 10000 + 2 * 1800}}},
+TEST(H264Timing, PtsAndDtsFollowTheRemovalAndOutputDelays) {
+    struct Picture {
+        std::uint32_t cpb, dpb;
+        bool bufferingPeriod;
+        bool ok;
+        std::int64_t pts, dts;  // checked when ok
+    };
+    const struct { const char* name; unsigned cpbLengthMinus1; std::vector<Picture> pictures; } runs[] = {
+        {"output delay", 23,
+         {{0, 2, true, true, 10000, 10000 - 3600},
+          {2, 6, false, true, 10000 + 6 * 1800, 10000},
+          {4, 2, false, true, 10000 + 4 * 1800, 10000 + 2 * 1800}}},
         // A smaller removal delay right after a buffering period counts from that period (10), no discontinuity.
-        TimingCase{"SmallerDelayAfterBufferingPeriod", 23,
-                   {{0, 2, true, true, 10000, 10000 - 3600},
-                    {10, 2, true, true, 10000 + 10 * 1800, 10000 + 8 * 1800},
-                    {2, 2, false, true, 10000 + 12 * 1800, 10000 + 10 * 1800}}},
+        {"smaller delay after a buffering period", 23,
+         {{0, 2, true, true, 10000, 10000 - 3600},
+          {10, 2, true, true, 10000 + 10 * 1800, 10000 + 8 * 1800},
+          {2, 2, false, true, 10000 + 12 * 1800, 10000 + 10 * 1800}}},
         // A 4-bit counter wraps at 16 when the last value was near the top; back to zero far from the top is
         // taken as a restart at the last value.
-        TimingCase{"CounterWrapsAtItsWidth", 3,
-                   {{0, 2, true, true, 10000, 10000 - 3600},
-                    {14, 2, false, true, 10000 + 14 * 1800, 10000 + 12 * 1800},
-                    {1, 2, false, true, 10000 + 17 * 1800, 10000 + 15 * 1800},
-                    {0, 2, false, true, 10000 + 17 * 1800, 10000 + 15 * 1800}}},
+        {"counter wraps at its width", 3,
+         {{0, 2, true, true, 10000, 10000 - 3600},
+          {14, 2, false, true, 10000 + 14 * 1800, 10000 + 12 * 1800},
+          {1, 2, false, true, 10000 + 17 * 1800, 10000 + 15 * 1800},
+          {0, 2, false, true, 10000 + 17 * 1800, 10000 + 15 * 1800}}},
         // A drop far from the top without a buffering period clears the bookkeeping: the picture has no time
         // and the next one counts from zero.
-        TimingCase{"DropWithoutBufferingPeriodRestarts", 23,
-                   {{0, 2, true, true, 10000, 10000 - 3600},
-                    {40, 2, false, true, 10000 + 40 * 1800, 10000 + 38 * 1800},
-                    {50, 2, false, true, 10000 + 50 * 1800, 10000 + 48 * 1800},
-                    {7, 2, false, false, 0, 0},
-                    {9, 2, false, true, 10000 + 9 * 1800, 10000 + 7 * 1800}}}),
-    [](const auto& param) { return std::string(param.param.name); });
+        {"drop without a buffering period restarts", 23,
+         {{0, 2, true, true, 10000, 10000 - 3600},
+          {40, 2, false, true, 10000 + 40 * 1800, 10000 + 38 * 1800},
+          {50, 2, false, true, 10000 + 50 * 1800, 10000 + 48 * 1800},
+          {7, 2, false, false, 0, 0},
+          {9, 2, false, true, 10000 + 9 * 1800, 10000 + 7 * 1800}}},
+    };
+    for (const auto& run : runs) {
+        Timed t(run.cpbLengthMinus1);
+        for (std::size_t i = 0; i < run.pictures.size(); ++i) {
+            SCOPED_TRACE(std::string(run.name) + ", picture " + std::to_string(i));
+            const Picture& p = run.pictures[i];
+            ASSERT_EQ(t.picture(p.cpb, p.dpb, p.bufferingPeriod), p.ok);
+            if (!p.ok) continue;
+            EXPECT_EQ(t.m.computedPts, p.pts);
+            EXPECT_EQ(t.m.computedDts, p.dts);
+            EXPECT_TRUE(t.m.iSlice);
+        }
+    }
+}
 
 TEST(H264Manager, NoTimesWithoutPictureTimingOrParameterSets) {
     es::NALH264Manager empty;

@@ -11,11 +11,7 @@ using namespace testkit;
 namespace mpeg2 = es::mpeg2;
 
 TEST(Mpeg2Video, SequenceHeaderOfFfmpegsStreamAndItsLookups) {
-    NalCollector c;
-    es::NALBuilderMPEG2Video builder;
-    builder.setListener(&c);
-    pushPieces(builder, readData("mpeg2_720x576.m2v"), 3, 11);
-    builder.flush();
+    const NalCollector c = framedInPieces(es::StreamType::MPEG2_VIDEO, readData("mpeg2_720x576.m2v"), 3, 11);
     ASSERT_FALSE(c.nals.empty());
     auto* first = dynamic_cast<es::NALMPEG2*>(c.nals.front().get());
     ASSERT_NE(first, nullptr);

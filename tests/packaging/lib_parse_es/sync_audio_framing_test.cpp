@@ -75,13 +75,7 @@ TEST(SyncFrameFraming, EveryFrameWithTheTimeOfTheBufferItOpens) {
         const std::vector<Bytes> frames = packetBytes(loadAudioFixture(c.file));
         NalCollector nals;
         c.builder->setListener(&nals);
-        for (std::size_t i = 0; i < frames.size(); i += 3) {
-            const auto from = frames.begin() + static_cast<std::ptrdiff_t>(i);
-            auto buffer = makeBuffer(cat(std::vector<Bytes>(from, from + std::min<std::ptrdiff_t>(3, frames.end() - from))));
-            const std::int64_t t = static_cast<std::int64_t>(i) * 1000;
-            buffer->SetTime(&t, nullptr);
-            c.builder->push(buffer.get());
-        }
+        pushInThrees(*c.builder, frames, [](std::size_t i) { return static_cast<std::int64_t>(i) * 1000; });
         c.builder->flush();
         EXPECT_EQ(nals.ends, 1);
         ASSERT_EQ(nals.all(), c.framed ? frames : std::vector<Bytes>{});
@@ -96,12 +90,8 @@ TEST(SyncFrameFraming, FalseSyncsCostNothingAndACutFrameGoesOutAtTheEnd) {
     // frame; and the last frame cut short.
     const Bytes cut(frames[2].begin(), frames[2].begin() + 100);
     const Bytes stream = cat({hex("0B77 0000 1C 40 E0 00"), frames[0], frames[1], cut});
-    NalCollector c;
-    es::NALBuilderAC3Audio builder;
-    builder.setListener(&c);
-    pushPieces(builder, stream, 5, 64);
-    builder.flush();
-    EXPECT_EQ(c.all(), (std::vector<Bytes>{frames[0], frames[1], cut}));
+    EXPECT_EQ(framedInPieces(es::StreamType::AC3_AUDIO, stream, 5, 64).all(),
+              (std::vector<Bytes>{frames[0], frames[1], cut}));
 }
 
 }  // namespace

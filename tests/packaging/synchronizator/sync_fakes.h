@@ -89,14 +89,16 @@ public:
     void OnEndOfStream() override {
         m_state.update([](Record& r) { ++r.ends; });
     }
-    void OnRestart() override {}
+    void OnRestart() override {
+        m_state.update([](Record& r) { ++r.restarts; });
+    }
 
     struct Record {
         std::vector<SegmentChunks> segments;
         std::vector<bool> lastFlags;
         std::vector<SegmentChunks> firstSegments;
         std::vector<std::uint64_t> firstArguments;
-        int ends = 0;
+        int ends = 0, restarts = 0;
     };
     // What was delivered, once the end of stream has come.
     Record waitForEnd() {

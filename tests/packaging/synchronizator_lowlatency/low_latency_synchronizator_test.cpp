@@ -33,25 +33,8 @@ struct Delivered {
     bool discontinuity;
 };
 
-// Records what the synchroniser delivers; it runs on the pushing thread.
-struct Recorder : ISynchronizatorListener {
-    std::vector<Delivered> chunks;
-    std::vector<std::uint64_t> firstArguments;
-    int restarts = 0;
-    int ends = 0;
-    void OnChunks(const SegmentChunks& segment, bool last) override {
-        for (const auto& [id, chunk] : segment.chunks)
-            chunks.push_back({id, chunk->duration, chunk->samples.size(), last, chunk->discontinuity != 0});
-    }
-    void OnFirstSegments(const SegmentChunks&, std::uint64_t timebase, std::uint64_t chunk, std::uint64_t segment) override {
-        firstArguments = {timebase, chunk, segment};
-    }
-    void OnEndOfStream() override { ++ends; }
-    void OnRestart() override { ++restarts; }
-};
-
 struct Session {
-    Recorder listener;
+    sync_test::RecordingListener listener;
     sync_test::RecordingNotifier notifier;
     testkit::RecordingLogger logger;
     LowLatencyGlobalSynchronizator sync;
@@ -83,10 +66,15 @@ struct Session {
             sync.pushSample(sample);
         }
     }
-    std::vector<Delivered> of(std::uint32_t stream) const {
+    // Every chunk delivered, in order; of `stream` only when given.
+    std::vector<Delivered> delivered(std::optional<std::uint32_t> stream = std::nullopt) const {
+        const auto record = listener.record();
         std::vector<Delivered> out;
-        for (const auto& c : listener.chunks)
-            if (c.stream == stream) out.push_back(c);
+        for (std::size_t k = 0; k < record.segments.size(); ++k)
+            for (const auto& [id, chunk] : record.segments[k].chunks)
+                if (!stream || id == *stream)
+                    out.push_back({id, chunk->duration, chunk->samples.size(), record.lastFlags[k],
+                                   chunk->discontinuity != 0});
         return out;
     }
 };
@@ -120,23 +108,22 @@ TEST_P(ChunkPlanTable, EqualChunksAndWholeSegmentsOrTheStartFails) {
         } catch (const CorvaneException& e) {
             EXPECT_STREQ(e.what(), c.failure);
         }
-        EXPECT_TRUE(run.listener.chunks.empty());
+        EXPECT_TRUE(run.delivered().empty());
         return;
     }
     run.play(c.streams, 12, atSegmentStarts);
     for (const StreamSpec& s : c.streams) run.sync.eof(s.id);
-    EXPECT_EQ(run.listener.ends, 1);
-    EXPECT_EQ(run.listener.restarts, 0);
-    ASSERT_TRUE(run.sync.plan());
-    EXPECT_EQ(run.sync.plan()->chunksPerSegment, c.chunksPerSegment);
+    const auto record = run.listener.record();
+    EXPECT_EQ(record.ends, 1);
+    EXPECT_EQ(record.restarts, 0);
     // The chunk builder is told the durations in a timescale where they are exact.
-    ASSERT_EQ(run.listener.firstArguments.size(), 3u);
-    EXPECT_EQ(run.listener.firstArguments[1] * kSecond, static_cast<std::uint64_t>(c.chunkUnits) * run.listener.firstArguments[0]);
-    EXPECT_EQ(run.listener.firstArguments[2], run.listener.firstArguments[1] * c.chunksPerSegment);
+    ASSERT_EQ(record.firstArguments.size(), 3u);
+    EXPECT_EQ(record.firstArguments[1] * kSecond, static_cast<std::uint64_t>(c.chunkUnits) * record.firstArguments[0]);
+    EXPECT_EQ(record.firstArguments[2], record.firstArguments[1] * c.chunksPerSegment);
 
     std::size_t fullChunks = 0;
     for (const StreamSpec& s : c.streams) {
-        const auto chunks = run.of(s.id);
+        const auto chunks = run.delivered(s.id);
         ASSERT_GT(chunks.size(), c.chunksPerSegment) << s.id;
         // All but the end-of-stream rest are full; the last-of-segment flag falls on every m-th chunk.
         for (std::size_t i = 0; i + 1 < chunks.size(); ++i) {
@@ -149,9 +136,7 @@ TEST_P(ChunkPlanTable, EqualChunksAndWholeSegmentsOrTheStartFails) {
         if (fullChunks == 0) fullChunks = chunks.size();
         EXPECT_EQ(chunks.size(), fullChunks) << "streams make the same number of chunks " << chunks.back().samples << " " << chunks.front().samples;
     }
-    bool warned = false;
-    for (const auto& line : run.logger.lines()) warned = warned || line.find("exceeds target chunk duration") != std::string::npos;
-    EXPECT_EQ(warned, c.warned);
+    EXPECT_EQ(run.logger.mentions("exceeds target chunk duration"), c.warned);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -198,12 +183,12 @@ TEST_P(RestartRule, TwoMissingAccessPointsInARowRestart) {
     const RestartCase& c = GetParam();
     Session run(200, 1000, {c.stream});
     run.play({c.stream}, 10, [&](std::int64_t frame) { return frame % 25 == 0 && !c.segmentsWithoutKey.contains(frame / 25); });
-    EXPECT_EQ(run.listener.restarts, c.restarts);
+    EXPECT_EQ(run.listener.record().restarts, c.restarts);
     std::size_t without = 0;
     for (const auto& cut : run.notifier.record().cuts) without += cut.randomAccess ? 0 : 1;
     EXPECT_EQ(without, c.cutsWithoutKey);
     std::size_t discontinuous = 0;
-    for (const auto& chunk : run.listener.chunks) {
+    for (const auto& chunk : run.delivered()) {
         discontinuous += chunk.discontinuity ? 1 : 0;
         EXPECT_EQ(chunk.samples, 5u);
     }
