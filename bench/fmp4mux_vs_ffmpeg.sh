@@ -20,7 +20,7 @@ command -v /usr/bin/time >/dev/null || { echo "needs /usr/bin/time (Debian packa
 . bench/bench_input.sh
 input=$(bench_input "$build") || exit 2
 size=$(stat -c %s "$input")
-work=$(mktemp -d)
+work=$(mktemp -d -p "${BENCH_OUTPUT_DIR:-/tmp}")
 trap 'rm -rf "$work"' EXIT
 printf 'key_id=00112233445566778899aabbccddeeff\nkey=2b7e151628aed2a6abf7158809cf4f3c\n' >"$work/keys"
 
@@ -61,8 +61,8 @@ awk -v fw="$fw" -v fc="$fc" -v fk="$fk" -v gw="$gw" -v gc="$gc" -v gk="$gk" -v e
   printf "%-28s %8.2f %8.2f %10.1f\n", "fmp4mux encrypted", ew, ec, ek / 1024
   printf "%-28s %8.2f %8.2f %10.1f\n", "fmp4mux --demuxer libavformat", lw, lc, lk / 1024
   printf "%-28s %8.2f %8.2f %10.1f\n", "ffmpeg -c copy -f dash", gw, gc, gk / 1024
-  printf "speed (ffmpeg wall / fmp4mux wall): %.2fx   target >= 2: %s\n", gw / fw, gw / fw >= 2 ? "met" : "NOT MET"
-  printf "CPU (fmp4mux CPU / ffmpeg CPU):     %.2f    target <= 0.5: %s\n", fc / gc, fc / gc <= 0.5 ? "met" : "NOT MET"
-  printf "peak memory:                        %.1f MiB target <= 80: %s\n", fk / 1024, fk / 1024 <= 80 ? "met" : "NOT MET"
+  printf "speed (ffmpeg wall / fmp4mux wall): %.2fx   target >= 2: %s\n", gw / fw, (gw / fw >= 2) ? "met" : "NOT MET"
+  printf "CPU (fmp4mux CPU / ffmpeg CPU):     %.2f    target <= 0.5: %s\n", fc / gc, (fc / gc <= 0.5) ? "met" : "NOT MET"
+  printf "peak memory:                        %.1f MiB target <= 80: %s\n", fk / 1024, (fk / 1024 <= 80) ? "met" : "NOT MET"
   printf "encryption cost (CPU):              %+.1f %%\n", (ec / fc - 1) * 100
 }'
