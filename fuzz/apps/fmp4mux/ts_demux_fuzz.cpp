@@ -22,11 +22,16 @@ std::vector<std::uint64_t> demux(const std::uint8_t* data, std::size_t size, con
                    out.insert(out.end(), {p.pid, p.size, static_cast<std::uint64_t>(p.pts.value_or(-1)),
                                           static_cast<std::uint64_t>(p.dts.value_or(-1)),
                                           std::uint64_t{p.damaged} | std::uint64_t{p.discontinuity} << 1, hash(p.data, p.size)});
+                   // The buffer holds exactly the payload; taking it (as the reader does, every other PES here)
+                   // changes nothing that comes after.
+                   if (p.buffer == nullptr || p.buffer->data() != p.data || p.buffer->size() != p.size) __builtin_trap();
+                   if ((p.size & 1) != 0) std::vector<std::uint8_t>().swap(*p.buffer);
                },
                [&](const TsDemux::Section& s) {
                    if (s.size < 8 || s.size > 4096 || s.data == nullptr) __builtin_trap();
                    out.insert(out.end(), {s.pid, s.size, static_cast<std::uint64_t>(s.clock.value_or(-1)), hash(s.data, s.size)});
-               }});
+               },
+               [&](std::uint16_t pid) { out.push_back(0x10000u | pid); }});
     std::size_t at = 0, k = 0;
     while (at < size) {
         const std::size_t piece = cutCount == 0 ? size : 1 + cuts[k++ % cutCount] * 3u;
