@@ -152,10 +152,11 @@ int run(int argc, char** argv) {
         const auto interval = inputs[d]->keyFrameInterval(20.0);
         streamLists[d] = inputs[d]->streams();
         firstKeys[d] = inputs[d]->firstKeyFrameTime();
-        if (interval) longestKeyIntervalMs = std::max(longestKeyIntervalMs, static_cast<std::int32_t>(std::lround(*interval * 1000)));
-        if (!interval || measured) continue;
-        measured = true;
+        if (!interval) continue;
         const auto measuredMs = static_cast<std::int32_t>(std::lround(*interval * 1000));
+        longestKeyIntervalMs = std::max(longestKeyIntervalMs, measuredMs);
+        if (measured) continue;
+        measured = true;
         if (!options.gopDurationGiven && measuredMs >= 100 && measuredMs <= 600000) {
             options.gopDurationMs = measuredMs;
             say("input " + std::to_string(d) + ": key frames every " + std::to_string(measuredMs) + " ms: GOP duration " +

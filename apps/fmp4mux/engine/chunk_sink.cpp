@@ -14,14 +14,6 @@ namespace reader = tvrn::encoding::packaging::imff::fmp4;
 ChunkSink::ChunkSink(bool dash, long bufferCount, Handler handler, Rooms rooms)
     : m_dash(dash), m_bufferCount(bufferCount), m_handler(std::move(handler)), m_rooms(std::move(rooms)) {}
 
-namespace {
-std::uint64_t be(const std::uint8_t* p, int bytes) {
-    std::uint64_t v = 0;
-    for (int i = 0; i < bytes; ++i) v = (v << 8) | p[i];
-    return v;
-}
-}  // namespace
-
 HRESULT ChunkSink::Receive(IMediaSample3* sample) {
     std::uint8_t* data = nullptr;
     if (FAILED(sample->GetPointer(&data))) return E_POINTER;
@@ -48,16 +40,9 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         return S_OK;
     }
     // The boxes complete so far are walked once each, from where the last buffer left off.
-    while (m_nextBox + 8 <= m_pending.size()) {
-        const std::uint8_t* box = m_pending.data() + m_nextBox;
-        std::uint64_t size = be(box, 4);
-        if (size == 1) {
-            if (m_nextBox + 16 > m_pending.size()) break;
-            size = be(box + 8, 8);
-        }
-        if (size < 8 || size > m_pending.size() - m_nextBox) break;
-        m_lastBox.assign(reinterpret_cast<const char*>(box + 4), 4);
-        m_nextBox += static_cast<std::size_t>(size);
+    for (const reader::BoxView& box : reader::boxesIn(m_pending, m_nextBox, m_pending.size())) {
+        m_lastBox = box.type;
+        m_nextBox = box.end;
     }
     if (m_nextBox != m_pending.size()) return S_OK;
     // A chunk inside a segment ends at its end-of-chunk box; one that ends a segment has the end-of-segment box
