@@ -62,7 +62,7 @@ public:
     bool sync = false;
     std::uint32_t sapType = 0;
     bool hasParentalRating = false;
-    std::unique_ptr<fmp4::ParentalRatingEventBlock> parentalRating;
+    std::shared_ptr<const fmp4::ParentalRatingEventBlock> parentalRating;
     std::vector<std::uint8_t> payload;
 
 private:

@@ -53,11 +53,10 @@ void SampleBuilderH264::mergeTiming(NalTimingInfo& timing) {
     }
     if (timing.hasParentalRating) {
         m_latch.hasParentalRating = true;
-        if (!m_latch.parentalRating) m_latch.parentalRating = std::make_unique<lib_parse_es::ParentalRatingEventBlock>();
-        *m_latch.parentalRating = timing.parentalRating;
+        m_latch.parentalRating = timing.parentalRating;
     } else if (m_latch.hasParentalRating) {
         timing.hasParentalRating = 1;
-        timing.parentalRating = *m_latch.parentalRating;
+        timing.parentalRating = m_latch.parentalRating;
     }
 }
 
@@ -73,7 +72,7 @@ void SampleBuilderH264::onNal(std::unique_ptr<NAL>& holder) {
     std::uint32_t rbspSize = 0;
     switch (nalUnitType) {
         case 1:
-        case 5: onSlice(*nal, nalUnitType, headerOffset); break;
+        case 5: onSlice(holder, *nal, nalUnitType, headerOffset); break;
         case 6: {
             const std::uint8_t* rbsp = nal->getRbsp(rbspSize);
             manager.addSei(rbsp, rbspSize);
@@ -98,7 +97,8 @@ void SampleBuilderH264::onNal(std::unique_ptr<NAL>& holder) {
     }
 }
 
-void SampleBuilderH264::onSlice(NALH264_HEVC& nal, std::uint8_t nalUnitType, std::uint32_t headerOffset) {
+void SampleBuilderH264::onSlice(std::unique_ptr<NAL>& holder, NALH264_HEVC& nal, std::uint8_t nalUnitType,
+                                std::uint32_t headerOffset) {
     const NalTimingInfo& timing = nal.timing;
     if (timing.hasTime) {
         manager.baseTime = to90kHz(timing.time);
@@ -128,7 +128,7 @@ void SampleBuilderH264::onSlice(NALH264_HEVC& nal, std::uint8_t nalUnitType, std
     if (m_current) {
         if (dts < m_current->dts) return;  // retrograde decoding time: dropped, the sample stays open
         if (dts == m_current->dts) {
-            m_current->addNal(lengthPrefixedNal(nal, headerOffset));
+            m_current->addNal(takeLengthPrefixed(holder, headerOffset));
             return;
         }
         emit(std::move(m_current));
@@ -144,9 +144,9 @@ void SampleBuilderH264::onSlice(NALH264_HEVC& nal, std::uint8_t nalUnitType, std
     m_current->dataId = m_latch.dataId;
     if (m_latch.hasParentalRating && m_latch.parentalRating) {
         m_current->hasParentalRating = true;
-        m_current->parentalRating = std::make_unique<lib_parse_es::ParentalRatingEventBlock>(*m_latch.parentalRating);
+        m_current->parentalRating = m_latch.parentalRating;
     }
-    m_current->addNal(lengthPrefixedNal(nal, headerOffset));
+    m_current->addNal(takeLengthPrefixed(holder, headerOffset));
 }
 
 void SampleBuilderH264::onEnd() {

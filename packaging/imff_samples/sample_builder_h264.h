@@ -31,11 +31,12 @@ private:
         bool hasDataId = false;
         std::uint64_t dataId = 0;
         bool hasParentalRating = false;
-        std::unique_ptr<lib_parse_es::ParentalRatingEventBlock> parentalRating;
+        std::shared_ptr<const lib_parse_es::ParentalRatingEventBlock> parentalRating;
     };
 
     void mergeTiming(lib_parse_es::NalTimingInfo& timing);
-    void onSlice(lib_parse_es::NALH264_HEVC& nal, std::uint8_t nalUnitType, std::uint32_t headerOffset);
+    void onSlice(std::unique_ptr<NAL>& holder, lib_parse_es::NALH264_HEVC& nal, std::uint8_t nalUnitType,
+                 std::uint32_t headerOffset);
 
     TimingLatch m_latch;
     std::unique_ptr<Sample> m_current;

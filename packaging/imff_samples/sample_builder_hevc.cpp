@@ -110,7 +110,7 @@ void SampleBuilderHEVC::onNal(std::unique_ptr<NAL>& holder) {
         m_current->dataId = m_pendingDataId;
         m_pendingHasDataId = false;
     }
-    m_current->addNal(lengthPrefixedNal(*nal, headerOffset));
+    m_current->addNal(takeLengthPrefixed(holder, headerOffset));
 }
 
 void SampleBuilderHEVC::onEnd() {

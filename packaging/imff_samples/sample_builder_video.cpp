@@ -26,6 +26,11 @@ std::unique_ptr<NAL> lengthPrefixedNal(const NAL& nal, std::uint32_t headerOffse
     return copy;
 }
 
+std::unique_ptr<NAL> takeLengthPrefixed(std::unique_ptr<NAL>& holder, std::uint32_t headerOffset) {
+    if (holder->replaceStartCodeWithLength(headerOffset)) return std::move(holder);
+    return lengthPrefixedNal(*holder, headerOffset);
+}
+
 std::unique_ptr<Sample> SampleBuilderVideo::makeSample(std::int32_t kind, std::uint32_t inputType,
                                                        std::int64_t pts, std::int64_t dts, std::int64_t duration) {
     auto sample = std::make_unique<Sample>();

@@ -14,6 +14,9 @@ inline constexpr std::uint64_t kVideoTimescale = 90000;
 std::unique_ptr<NAL> copyNal(const NAL& nal, std::uint32_t from);
 // A plain unit holding a 4-byte big-endian length and the bytes of `nal` from its header byte on.
 std::unique_ptr<NAL> lengthPrefixedNal(const NAL& nal, std::uint32_t headerOffset);
+// The same, taken from `holder`: a picture's slices are most of the bytes through the packager, so the unit is
+// turned into its length-prefixed form in place where its storage allows, and copied only where it does not.
+std::unique_ptr<NAL> takeLengthPrefixed(std::unique_ptr<NAL>& holder, std::uint32_t headerOffset);
 
 class SampleBuilderVideo : public SampleBuilder {
 public:

@@ -25,7 +25,10 @@ void takeBufferTiming(IMediaData& buffer, NalTimingInfo& timing, bool withDurati
         imff::fmp4::DataId dataId;
         timing.hasDataId = buffer.GetDataId(dataId);
         if (timing.hasDataId) timing.dataId = dataId.value;
-        timing.hasParentalRating = buffer.GetParentalRating(timing.parentalRating);
+        // Read into a block kept per thread: one on the stack would be zero-filled for every buffer.
+        thread_local ParentalRatingEventBlock block;
+        timing.hasParentalRating = buffer.GetParentalRating(block);
+        if (timing.hasParentalRating) timing.parentalRating = std::make_shared<const ParentalRatingEventBlock>(block);
         if (withDuration && timeResult == S_OK) {
             timing.hasDuration = 1;
             timing.duration = stop - start;

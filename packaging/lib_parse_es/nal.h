@@ -2,6 +2,7 @@
 // One syntactic unit of an elementary stream with the timing of the input buffer it came from.
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -45,7 +46,8 @@ struct NalTimingInfo {
     std::uint64_t dataId = 0;
     DolbyMetadata dolbyMetadata{};
     std::uint8_t hasParentalRating = 0;
-    ParentalRatingEventBlock parentalRating{};
+    // The parental block is 5 KB and rare: shared, so that every unit does not carry (and copy) a zeroed one.
+    std::shared_ptr<const ParentalRatingEventBlock> parentalRating;
 
     std::int64_t time90kHz() const { return to90kHz(time); }
     std::int64_t mediaTime90kHz() const { return to90kHz(mediaTime); }
@@ -62,15 +64,18 @@ public:
         : type(streamType), capacity(size), data(size > 0 ? static_cast<std::size_t>(size) : 0),
           writePosition(data.data()) {}
     // A unit of the given pieces, copied once, in order, without zero-filling its storage first: capacity and
-    // length are the pieces' total.
-    NAL(std::int32_t streamType, std::span<const std::span<const std::uint8_t>> pieces) : type(streamType), capacity(0) {
+    // length are the pieces' total. `headroom` bytes are kept free before the unit, so that a header can later
+    // be put in front of it without copying the unit again.
+    NAL(std::int32_t streamType, std::span<const std::span<const std::uint8_t>> pieces, std::uint32_t headroom = 0)
+        : type(streamType), capacity(0), unitStart(headroom) {
         std::size_t total = 0;
         for (const auto& piece : pieces) total += piece.size();
-        data.reserve(total);
+        data.reserve(headroom + total);
+        data.resize(headroom);
         for (const auto& piece : pieces) data.insert(data.end(), piece.begin(), piece.end());
         capacity = static_cast<std::int32_t>(total);
         length = static_cast<std::uint32_t>(total);
-        writePosition = data.data() + total;
+        writePosition = data.data() + data.size();
     }
     NAL(const NAL&) = delete;
     NAL& operator=(const NAL&) = delete;
@@ -83,10 +88,28 @@ public:
         writePosition += count;
         length += static_cast<std::uint32_t>(count);
     }
-    const std::uint8_t* bytes() const { return data.data(); }
+    const std::uint8_t* bytes() const { return data.data() + unitStart; }
+    std::uint8_t* bytes() { return data.data() + unitStart; }
+
+    // Turns a unit that starts with a start code of `startCodeLength` bytes into the same unit with a 4-byte
+    // big-endian length in front, in place. Possible when the start code and the headroom before it hold 4 bytes.
+    bool replaceStartCodeWithLength(std::uint32_t startCodeLength) {
+        if (startCodeLength > length || unitStart + startCodeLength < 4) return false;
+        const std::uint32_t size = length - startCodeLength;
+        unitStart = unitStart + startCodeLength - 4;
+        std::uint8_t* p = data.data() + unitStart;
+        p[0] = static_cast<std::uint8_t>(size >> 24);
+        p[1] = static_cast<std::uint8_t>(size >> 16);
+        p[2] = static_cast<std::uint8_t>(size >> 8);
+        p[3] = static_cast<std::uint8_t>(size);
+        length = size + 4;
+        capacity = static_cast<std::int32_t>(length);
+        return true;
+    }
 
     std::int32_t type;
     std::int32_t capacity;
+    std::uint32_t unitStart = 0;  // where the unit starts in `data`
     std::vector<std::uint8_t> data;
     std::uint8_t* writePosition;
     std::uint32_t length = 0;

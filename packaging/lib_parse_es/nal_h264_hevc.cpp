@@ -28,7 +28,7 @@ std::size_t skipStartCode(const std::uint8_t* data, std::size_t size) {
 
 bool NALH264_HEVC::getNalUnitType(std::uint8_t& unitType, std::uint32_t& offset) {
     if (!nalUnitTypeKnown && !m_headerMissing) {
-        const std::uint8_t* bytes = data.data();
+        const std::uint8_t* bytes = this->bytes();
         std::size_t i = 0;
         while (i < length && bytes[i] == 0) ++i;
         if (i < length && bytes[i] == 1) ++i;
@@ -49,7 +49,7 @@ bool NALH264_HEVC::getNalUnitType(std::uint8_t& unitType, std::uint32_t& offset)
 
 const std::uint8_t* NALH264_HEVC::getRbsp(std::uint32_t& size) {
     if (!rbspKnown) {
-        rbsp = unescapeRbsp(data.data(), length);
+        rbsp = unescapeRbsp(bytes(), length);
         rbspKnown = true;
     }
     size = static_cast<std::uint32_t>(rbsp.size());

@@ -16,7 +16,9 @@ class NALH264_HEVC : public NAL {
 public:
     NALH264_HEVC(std::int32_t streamType, std::int32_t size, bool isHevc) : NAL(streamType, size), m_isHevc(isHevc) {}
     NALH264_HEVC(std::int32_t streamType, std::span<const std::span<const std::uint8_t>> pieces, bool isHevc)
-        : NAL(streamType, pieces), m_isHevc(isHevc) {}
+        : NAL(streamType, pieces, kLengthHeadroom), m_isHevc(isHevc) {}
+    // One byte before the unit: with a 3-byte start code, room for the 4-byte length that replaces it in a sample.
+    static constexpr std::uint32_t kLengthHeadroom = 1;
 
     // The unit type and the index of the first header byte. Leading zeros and a 01 are skipped; a unit
     // without a start code is read from its first non-zero byte. False when no header byte exists.

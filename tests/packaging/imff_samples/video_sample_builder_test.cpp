@@ -59,6 +59,28 @@ TEST(SampleBuilderH264, SlicesOfOnePictureJoinTheFirstPtsStandsAndARetrogradeDec
     EXPECT_EQ(chain.collector.all.back()->kind, samples::KindVideo);  // the open sample went out before the end
 }
 
+// Whatever start code a slice comes with (3 bytes, 4, or with a leading zero byte more), the sample holds its bytes
+// from the header byte on behind a 4-byte big-endian length of them.
+TEST(SampleBuilderH264, EveryStartCodeBecomesAFourByteLength) {
+    const Bytes slice = h264Slice(5, 2);  // 00 00 00 01, then the unit
+    const Bytes unit(slice.begin() + 4, slice.end());
+    for (const Bytes& startCode : {Bytes{0, 0, 1}, Bytes{0, 0, 0, 1}, Bytes{0, 0, 0, 0, 1}}) {
+        Chain chain;
+        chain.setup();
+        Bytes input = startCode;
+        input.insert(input.end(), unit.begin(), unit.end());
+        chain.push(input, 9000, 6000);
+        chain.push(h264Slice(1, 0), 12600, 9600);
+        const auto pics = chain.pictures();
+        ASSERT_EQ(pics.size(), 2u) << startCode.size();
+        ASSERT_EQ(pics[0]->nals.size(), 1u);
+        const auto& nal = *pics[0]->nals[0];
+        Bytes expected = {0, 0, 0, static_cast<std::uint8_t>(unit.size())};
+        expected.insert(expected.end(), unit.begin(), unit.end());
+        EXPECT_EQ(Bytes(nal.bytes(), nal.bytes() + nal.length), expected) << startCode.size();
+    }
+}
+
 TEST(SampleBuilderH264, NewFrameRateAppliesFromTheNextSample) {
     Chain chain;
     chain.setup();
