@@ -282,12 +282,6 @@ int run(int argc, char** argv) {
 
     // The engine, one input pin and one output per planned stream.
     StderrLogger logger(options.verbosity);
-    std::set<int> sparseOutputs;
-    for (const StreamPlan& plan : plans) {
-        const std::string& kind = streamLists[static_cast<std::size_t>(plan.input)][plan.stream].kind;
-        if (kind != "video" && kind != "audio") sparseOutputs.insert(static_cast<int>(&plan - plans.data()));
-    }
-    logger.setSparseOutputs(std::move(sparseOutputs));
     const std::int32_t segmentMs = options.gopDurationMs * static_cast<std::int32_t>(options.gopsPerSegment);
     EngineSettings engineSettings;
     engineSettings.dash = options.dash;
@@ -326,6 +320,7 @@ int run(int argc, char** argv) {
             route.splices = true;
             route.engine = packager.connectSplices({plan.label, info, plan.bitrate, plan.language, plan.name, {}}, refused);
             if (route.engine < 0) warn("input " + plan.label + ": SCTE-35 goes to the manifests and segments only: " + refused);
+            else logger.quietMissingChunks(route.engine);
             say("input " + plan.label + ": SCTE-35 splice information");
             continue;
         }
@@ -355,6 +350,7 @@ int run(int argc, char** argv) {
                 presentation.onChunk(output, init, std::move(chunk));
             },
             [&rooms](std::size_t wanted) { return rooms.take(wanted); });
+        if (info.kind != "video" && info.kind != "audio") logger.quietMissingChunks(route.engine);
         say("input " + plan.label + ": " + info.codec + " " + info.kind +
             (info.width ? " " + std::to_string(info.width) + "x" + std::to_string(info.height) : "") +
             (info.sampleRate ? " " + std::to_string(info.sampleRate) + " Hz" : ""));
@@ -382,6 +378,11 @@ int run(int argc, char** argv) {
     for (std::size_t d = 0; d < inputs.size(); ++d) mediaReading += reads(d) && !followed[d] ? 1 : 0;
     // By input and stream: ended before its input did.
     std::vector<std::vector<bool>> endedEarly(inputs.size());
+    // A stream that falls silent is ended after three segments (or GOPs, if longer) of media, and never sooner
+    // than six seconds: a short loss is waited for, a dead encoder is not.
+    const std::uint32_t silenceSeconds =
+        options.streamTimeoutSeconds.value_or(static_cast<std::uint32_t>(
+            std::max<std::int64_t>(6, (3 * std::max<std::int64_t>(segmentMs, longestKeyIntervalMs) + 999) / 1000)));
     for (std::size_t d = 0; d < inputs.size(); ++d) endedEarly[d].assign(routes[d].size(), false);
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         const auto& mine = routes[d];
@@ -391,19 +392,34 @@ int run(int argc, char** argv) {
         }
         PacketDestination destination{
             [&mine](std::size_t stream) { return mine[stream].used(); },
-            [&packager, &presentation, &mine, &gone = endedEarly[d], d](std::size_t stream, Packet& packet) {
+            [&packager, &presentation, &logger, &mine, &gone = endedEarly[d], cameBack = std::vector<bool>(mine.size()),
+             silenceSeconds, d](std::size_t stream, Packet& packet) mutable {
                 const Route& route = mine[stream];
                 // A stream that leaves the input (its PID dropped from the program) ends on its own: the others
                 // are cut without it from then on, rather than wait for it for ever.
+                // So does one that stops delivering while the others of its input go on.
                 if (packet.ended) {
                     if (gone[stream]) return;
                     gone[stream] = true;
                     warn("input " + std::to_string(d) + " stream " + std::to_string(stream) +
-                         ": it left the program; it ends here and the others go on without it");
-                    if (route.engine >= 0) packager.endOfStream(route.engine);
+                         (packet.silent ? ": nothing came for " + std::to_string(silenceSeconds) +
+                                              " s while the others went on"
+                                        : ": it left the program") +
+                         "; it ends here and the others go on without it");
+                    if (route.engine >= 0) {
+                        logger.quietMissingChunks(route.engine);
+                        packager.endOfStream(route.engine);
+                    }
                     return;
                 }
-                if (gone[stream]) return;
+                if (gone[stream]) {
+                    if (!cameBack[stream]) {
+                        cameBack[stream] = true;
+                        warn("input " + std::to_string(d) + " stream " + std::to_string(stream) +
+                             ": it came back after it had ended; it is left out until fmp4mux is started again");
+                    }
+                    return;
+                }
                 if (route.splices && packet.pts) {
                     std::string why;
                     if (auto splice = spliceOf({packet.data, packet.size}, *packet.pts, why))
@@ -425,6 +441,7 @@ int run(int argc, char** argv) {
         // Two segments (or two of the longest GOP, which a cut has to wait for) and two seconds: enough to keep
         // packaging busy, and all that a file input holds in memory.
         reading.aheadLimitSeconds = 2.0 * std::max(segmentMs, longestKeyIntervalMs) / 1000.0 + 2.0;
+        reading.silenceLimitSeconds = silenceSeconds;
         readers.emplace_back(d, std::make_unique<InputReader>(*inputs[d], static_cast<int>(d), timeline,
                                                               std::move(destination), progress, reading, control.stop));
     }

@@ -2,10 +2,23 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <optional>
+
+#include <unistd.h>
 
 #include "support/log/format.h"
 
 namespace fmp4mux {
+
+namespace {
+// On a terminal a line first wipes the progress line it may be written over; into a file or a pipe it adds no
+// control characters.
+const char* lineStart() {
+    static const bool terminal = isatty(STDERR_FILENO) == 1;
+    return terminal ? "\r\033[K" : "";
+}
+constexpr double kProgressLogSeconds = 30;
+}  // namespace
 
 bool StderrLogger::sparseMissingChunk(const std::string& text) const {
     const auto at = text.find("output#");
@@ -23,28 +36,37 @@ void StderrLogger::WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) 
     va_start(args, format);
     const std::string text = tvrn::log::formatV(format, args);
     va_end(args);
+    std::lock_guard lock(m_mutex);
     if (level == tvrn::log::LOG_WARNING && sparseMissingChunk(text)) level = tvrn::log::LOG_DEBUG;
     if (static_cast<int>(level) > m_verbosity) return;
     static constexpr const char* kLabels[] = {"error", "warning", "info", "debug"};
-    std::lock_guard lock(m_mutex);
-    std::fprintf(stderr, "\r\033[Kfmp4mux: %s: %s\n", level < 4 ? kLabels[level] : "log", text.c_str());
+    std::fprintf(stderr, "%sfmp4mux: %s: %s\n", lineStart(), level < 4 ? kLabels[level] : "log", text.c_str());
 }
 
 void say(const std::string& text) { std::fprintf(stderr, "fmp4mux: %s\n", text.c_str()); }
 
-void warn(const std::string& text) { std::fprintf(stderr, "\r\033[Kfmp4mux: warning: %s\n", text.c_str()); }
+void warn(const std::string& text) { std::fprintf(stderr, "%sfmp4mux: warning: %s\n", lineStart(), text.c_str()); }
 
 void showProgress(double mediaSeconds, std::uint64_t chunks, double wallSeconds, std::uint64_t damagedDropped,
                   bool keyServerDown, std::uint64_t packetsLost) {
-    std::fprintf(stderr, "\r\033[Kfmp4mux: %.1f s packaged | %llu chunks | %.1fx real time", mediaSeconds,
+    // A terminal shows one line, rewritten each time; a log file gets a line of its own when the first chunk is
+    // out, then every half minute.
+    static std::optional<double> lastLogged;
+    const bool terminal = *lineStart() != '\0';
+    if (!terminal) {
+        if (lastLogged ? wallSeconds - *lastLogged < kProgressLogSeconds : chunks == 0) return;
+        lastLogged = wallSeconds;
+    }
+    std::fprintf(stderr, "%sfmp4mux: %.1f s packaged | %llu chunks | %.1fx real time", lineStart(), mediaSeconds,
                  static_cast<unsigned long long>(chunks), wallSeconds > 0 ? mediaSeconds / wallSeconds : 0.0);
     if (damagedDropped > 0)
         std::fprintf(stderr, " | %llu damaged dropped", static_cast<unsigned long long>(damagedDropped));
     if (packetsLost > 0) std::fprintf(stderr, " | %llu TS packets lost", static_cast<unsigned long long>(packetsLost));
     if (keyServerDown) std::fprintf(stderr, " | key server down, last key kept");
+    if (!terminal) std::fputc('\n', stderr);
 }
 
-void clearProgress() { std::fprintf(stderr, "\r\033[K"); }
+void clearProgress() { std::fputs(lineStart(), stderr); }
 
 namespace {
 // A path as a shell reads it back: as it is when it holds only safe characters, else in single quotes.

@@ -15,9 +15,13 @@ class StderrLogger : public tvrn::log::ILogger {
 public:
     explicit StderrLogger(int verbosity) : m_verbosity(verbosity) {}
     void WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) override __attribute__((format(printf, 3, 4)));
-    // Outputs of sparse streams (subtitles, SCTE-35): a segment without a sample of theirs is their normal state,
-    // so the engine's "missing chunk detected" warning of theirs is a debug line here.
-    void setSparseOutputs(std::set<int> outputs) { m_sparse = std::move(outputs); }
+    // Outputs of sparse streams (subtitles, SCTE-35), and of streams that have ended before the others: a segment
+    // without a sample of theirs is their normal state, so the engine's "missing chunk detected" warning of
+    // theirs is a debug line here.
+    void quietMissingChunks(int output) {
+        std::lock_guard lock(m_mutex);
+        m_sparse.insert(output);
+    }
 
 private:
     bool sparseMissingChunk(const std::string& text) const;

@@ -401,6 +401,18 @@ with nothing to package; 4 output folder not writable.
 
     app.option_defaults()->group("Running");
     app.add_flag("--realtime", o.realtime, "pace file inputs by their timestamps, as a live source would");
+    app.add_option_function<std::string>(
+           "--stream-timeout",
+           [&o](const std::string& text) {
+               long long seconds = 0;
+               if (!parseInteger(text, 0, 3600, seconds))
+                   refuse("--stream-timeout takes seconds from 0 to 3600, not '" + text + "'");
+               o.streamTimeoutSeconds = static_cast<std::uint32_t>(seconds);
+           },
+           "end an audio or video stream that delivers nothing for this many seconds of media\n"
+           "while the rest of its input goes on, so that the others are still cut (0: never;\n"
+           "default three segments, at least 6)")
+        ->type_name("SECONDS");
     repeatable("--follow", "INPUT",
                "read subtitle input INPUT (its index) as another program writes it, cue by\n"
                "cue, until the media ends (WebVTT, SRT; a named pipe is always read so)",

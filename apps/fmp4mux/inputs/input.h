@@ -39,6 +39,8 @@ struct Packet {
     bool discontinuity = false;
     // No data: the stream ended here, before the input did (its PID left the program). Nothing more of it follows.
     bool ended = false;
+    // With `ended`: the stream did not leave, it stopped delivering while the others of its input went on.
+    bool silent = false;
 };
 
 class Input {

@@ -36,6 +36,28 @@ private:
 
 }  // namespace
 
+SilenceWatch::SilenceWatch(std::vector<bool> media, std::int64_t limit)
+    : m_watched(std::move(media)), m_last(m_watched.size()), m_limit(limit) {}
+
+std::vector<std::size_t> SilenceWatch::note(std::size_t stream, std::int64_t time) {
+    std::vector<std::size_t> silent;
+    if (m_limit <= 0 || stream >= m_watched.size() || !m_watched[stream]) return silent;
+    if (!m_first) m_first = time;
+    if (!m_last[stream] || time > *m_last[stream]) m_last[stream] = time;
+    for (std::size_t k = 0; k < m_watched.size(); ++k) {
+        if (k == stream || !m_watched[k]) continue;
+        if (time - m_last[k].value_or(*m_first) > m_limit) {
+            m_watched[k] = false;
+            silent.push_back(k);
+        }
+    }
+    return silent;
+}
+
+void SilenceWatch::forget(std::size_t stream) {
+    if (stream < m_watched.size()) m_watched[stream] = false;
+}
+
 InputReader::InputReader(Input& input, int index, TimelineKeeper& timeline, PacketDestination destination,
                          PackagingProgress progress, ReaderSettings settings, const std::atomic<bool>& stop)
     : m_input(input), m_index(index), m_timeline(timeline), m_destination(std::move(destination)),
@@ -81,10 +103,17 @@ void InputReader::run() {
         m_destination.deliver(packet.stream, packet);
     };
     std::vector<std::optional<std::int64_t>> offsets(streams.size());  // by stream: placed time less read time
+    std::vector<bool> media(streams.size());
+    for (std::size_t k = 0; k < streams.size(); ++k)
+        media[k] = m_destination.wants(k) && (streams[k].kind == "video" || streams[k].kind == "audio");
+    SilenceWatch silence(std::move(media), static_cast<std::int64_t>(m_settings.silenceLimitSeconds * 1e7));
     m_input.run(
         [&](Packet& packet) {
             if (!m_destination.wants(packet.stream)) return;
-            if (packet.ended) return m_destination.deliver(packet.stream, packet);
+            if (packet.ended) {
+                silence.forget(packet.stream);
+                return m_destination.deliver(packet.stream, packet);
+            }
             const std::optional<std::int64_t> read = packet.dts ? packet.dts : packet.pts;
             if (streams[packet.stream].kind == "scte35") {
                 m_timeline.follow(m_index, packet.pts, packet.dts);
@@ -95,6 +124,14 @@ void InputReader::run() {
                 return;
             // A change of the offset that the timeline keeper applies is a timestamp jump taken out here.
             const std::optional<std::int64_t> placed = packet.dts ? packet.dts : packet.pts;
+            if (placed) {
+                for (const std::size_t quiet : silence.note(packet.stream, *placed)) {
+                    Packet end;
+                    end.stream = quiet;
+                    end.ended = end.silent = true;
+                    m_destination.deliver(quiet, end);
+                }
+            }
             bool jumped = false;
             if (read && placed) {
                 std::optional<std::int64_t>& offset = offsets[packet.stream];

@@ -6,8 +6,10 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/input.h"
@@ -34,6 +36,26 @@ struct ReaderSettings {
     bool realtime = false;           // pace by the packets' times
     bool throttle = false;           // wait while too far ahead of the media packaged
     double aheadLimitSeconds = 10;   // how far ahead is too far
+    // An audio or video stream that delivers nothing for this long in media time while another of the input
+    // goes on is ended (0: never), since the packager would otherwise wait for it for ever and cut nothing more.
+    double silenceLimitSeconds = 0;
+};
+
+// The audio and video streams of one input that fall silent while another goes on. Times are placed times,
+// 100 ns units; a stream that has delivered nothing yet counts from the input's first time.
+class SilenceWatch {
+public:
+    SilenceWatch(std::vector<bool> media, std::int64_t limit);
+    // Notes a time of `stream`; answers the streams that now lag it by more than the limit, each once.
+    std::vector<std::size_t> note(std::size_t stream, std::int64_t time);
+    // The stream ended by itself: it is not watched any more.
+    void forget(std::size_t stream);
+
+private:
+    std::vector<bool> m_watched;
+    std::vector<std::optional<std::int64_t>> m_last;
+    std::optional<std::int64_t> m_first;
+    std::int64_t m_limit;
 };
 
 class InputReader {

@@ -534,7 +534,8 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
     EXPECT_NE(sh(std::string(FMP4MUX_PATH) + " --version").output.find("fmp4mux"), npos);
 }
 
-// Once fmp4mux, reading h264.ts at its own pace, counts a chunk on its progress line (the event: no clock), a
+// Once fmp4mux, reading h264.ts at its own pace, counts a chunk on its progress line (the event: no clock; into a
+// pipe the first such line is written as soon as there is a chunk), a
 // shell command runs ($pid is fmp4mux's, $3 its output folder). SIGHUP (the terminal went away) finishes the run as
 // SIGINT does: the chunks under way, a static MPD, exit 0. The output folder taken away stops the run with a clear
 // error rather than a manifest of missing files.
@@ -545,7 +546,7 @@ TEST(Fmp4muxEndToEnd, AHangUpOrTheOutputFolderRemovedDuringTheRun) {
         SCOPED_TRACE(c.name);
         const fs::path out = dir() / c.name;
         const std::string script = R"(mkfifo "$3.progress" && { "$1" --realtime "$2" "$3" 2>"$3.progress" & pid=$!;
-            cr=$(printf "\r"); { while IFS= read -r -d "$cr" line && [[ $line != *"| "[1-9]*" chunks"* ]]; do :; done; )" +
+            { while IFS= read -r line && [[ $line != *"| "[1-9]*" chunks"* ]]; do :; done; )" +
                                    c.action + R"(; cat; } <"$3.progress"; wait $pid; })";
         const Outcome r =
             sh("bash -c '" + script + "' fmp4mux " + std::string(FMP4MUX_PATH) + " " + q(made(kH264)) + " " + q(out));
@@ -714,8 +715,9 @@ void withoutStream(std::uint8_t* packet, unsigned pid) {
     std::fill(s + length + 3, packet + 188, 0xFF);
 }
 
-// The h264 fixture with its audio PID gone from the middle on (null packets instead) and its PMT changed to say so.
-std::vector<std::uint8_t> withoutAudioFromTheMiddle() {
+// The h264 fixture with its audio PID gone from the middle on (null packets instead) and, unless told otherwise, its
+// PMT changed to say so.
+std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true) {
     std::vector<std::uint8_t> ts = testkit::readFile(made(kH264));
     const std::size_t packets = ts.size() / 188;
     for (std::size_t k = packets / 2; k < packets; ++k) {
@@ -725,24 +727,31 @@ std::vector<std::uint8_t> withoutAudioFromTheMiddle() {
             p[1] = 0x1F;
             p[2] = 0xFF;
         }
-        if (pid == 0x1000 && (p[1] & 0x40) != 0) withoutStream(p, 0x101);
+        if (pmtSaysSo && pid == 0x1000 && (p[1] & 0x40) != 0) withoutStream(p, 0x101);
     }
     return ts;
 }
 
-// The audio leaves the program half way (after 3 of the 6 s): it ends there, and the video goes on without it to
-// its last frame, in segments of 2 s (waiting for the audio, the last two would be one at the end).
-TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramEndsThereAndTheOthersGoOn) {
-    const fs::path input = dir() / "audio-leaves.ts", out = dir() / "audio-leaves";
-    testkit::writeFile(input.string(), withoutAudioFromTheMiddle());
-    const Outcome r = sh(mux(q(input) + " " + q(out)));
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_NE(r.output.find("input 0 stream 1: it left the program"), std::string::npos) << r.output;
-    EXPECT_EQ(decodedVideo(joinTrack(out, "video0")).second, 150) << r.output;
-    EXPECT_EQ(representation(out, "video0").second.size(), 4u);  // the init segment and three of 2 s
-    const long audio = decodedAudio(joinTrack(out, "audio1"));
-    EXPECT_GT(audio, 48000 * 2);
-    EXPECT_LT(audio, 48000 * 4);
+// The audio leaves the program half way (after 3 of the 6 s), or just stops coming while the PMT still lists it: it
+// ends there (the second at the stream timeout), and the video goes on without it to its last frame, in segments of
+// 2 s (waiting for the audio, the last two would be one at the end).
+TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramOrFallsSilentEndsThereAndTheOthersGoOn) {
+    for (const bool pmtSaysSo : {true, false}) {
+        const std::string name = pmtSaysSo ? "audio-leaves" : "audio-silent";
+        const fs::path input = dir() / (name + ".ts"), out = dir() / name;
+        testkit::writeFile(input.string(), withoutAudioFromTheMiddle(pmtSaysSo));
+        const Outcome r = sh(mux("--stream-timeout 1 " + q(input) + " " + q(out)));
+        ASSERT_EQ(r.exitCode, 0) << r.output;
+        EXPECT_NE(r.output.find(pmtSaysSo ? "input 0 stream 1: it left the program"
+                                          : "input 0 stream 1: nothing came for 1 s while the others went on"),
+                  std::string::npos) << r.output;
+        EXPECT_EQ(r.output.find("missing chunk"), std::string::npos) << r.output;
+        EXPECT_EQ(decodedVideo(joinTrack(out, "video0")).second, 150) << r.output;
+        EXPECT_EQ(representation(out, "video0").second.size(), 4u) << name;  // the init segment and three of 2 s
+        const long audio = decodedAudio(joinTrack(out, "audio1"));
+        EXPECT_GT(audio, 48000 * 2);
+        EXPECT_LT(audio, 48000 * 4);
+    }
 }
 
 // An MPEG-TS damaged every way at once: its audio gone from the middle on, as above; a dozen packets overwritten

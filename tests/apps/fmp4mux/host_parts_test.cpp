@@ -7,6 +7,7 @@
 #include "apps/fmp4mux/cli/options.h"
 #include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/inputs/reader.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "tests/common/bytes.h"
@@ -165,6 +166,7 @@ TEST(Options, RefusedCommandLinesSayWhy) {
         {{"-g50", "a", "out"}, "option --gop-duration: '50' is not a number from 100 to 600000"},
         {{"--time-shift-buffer=1h", "a", "out"}, "'1h' is not a number from 1 to 86400"},
         {{"--first-number", "2147483648", "a", "out"}, "is not a number from 0 to 2147483647"},
+        {{"--stream-timeout", "-1", "a", "out"}, "--stream-timeout takes seconds from 0 to 3600, not '-1'"},
         // Names that would leave the output folder or break URLs.
         {{"--stream-name", "a/b", "a", "out"}, "the stream name 'a/b' must be a plain name"},
         {{"--stream-name", "..", "a", "out"}, "the stream name '..' must be a plain name"},
@@ -320,6 +322,29 @@ INSTANTIATE_TEST_SUITE_P(
 // Damaged packets, as a demuxer flags them after a transport continuity error. Letters: V video, K video key
 // frame, J video key frame whose times jumped (a splice), A audio; a trailing '!' marks the packet damaged. In
 // `kept`, what reached the packager in order, lower case for what was dropped (in the order fed).
+// Streams 0 and 1 are media, 2 is not; the limit is 10. Each step notes a time and lists the streams then said to be
+// silent: one is said once, counts from the input's first time when it never delivered, and not after it ended.
+TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
+    const struct { std::vector<std::pair<std::size_t, std::int64_t>> steps; std::vector<std::size_t> silent; } cases[] = {
+        {{{0, 100}, {1, 101}, {0, 111}, {1, 111}, {0, 121}}, {}},
+        {{{0, 100}, {1, 101}, {0, 112}, {0, 130}}, {1}},       // 112 - 101 > 10; then not again
+        {{{0, 100}, {0, 111}}, {1}},                           // never delivered: counted from 100
+        {{{0, 100}, {2, 500}, {1, 105}, {0, 110}}, {}},        // stream 2 drives nothing
+        {{{1, 100}, {0, 100}, {1, 200}}, {0}},
+    };
+    for (const auto& c : cases) {
+        SilenceWatch watch({true, true, false}, 10);
+        std::vector<std::size_t> silent;
+        for (const auto& [stream, time] : c.steps)
+            for (const std::size_t k : watch.note(stream, time)) silent.push_back(k);
+        EXPECT_EQ(silent, c.silent) << ::testing::PrintToString(c.steps);
+    }
+    SilenceWatch ended({true, true}, 10);
+    ended.forget(1);
+    EXPECT_TRUE(ended.note(0, 0).empty());
+    EXPECT_TRUE(ended.note(0, 50).empty());
+}
+
 TEST(DamageGuard, DropsDamagedVideoToTheNextKeyFrameAndDamagedAudioAlone) {
     struct Case { std::vector<std::string> fed; std::string passed; std::uint64_t damagedVideo, videoDropped, audioDropped; };
     const std::vector<Case> cases{
