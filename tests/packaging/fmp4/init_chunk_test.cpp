@@ -118,12 +118,23 @@ StreamChunk configChunk(const Bytes& config) { return configurationChunk(samples
 // first frames, with configuration boxes worked out by hand from ETSI TS 102 366 annex F. AC-3 5.1: fscod 0,
 // bsid 8, bsmod 0, acmod 7, lfeon 1, frmsizcod 28 (code 14). E-AC-3: one independent substream, 416 bytes at
 // 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same with a hand-made dependent substream of 64 bytes
-// that adds Lrs/Rrs (chanmap 0x0200, chan_loc bit 1): 110 kbit/s.
+// (0B77, strmtyp 1, substreamid 0, frmsiz 31, fscod 1, numblkscod 3, acmod 2, bsid 16, dialnorm 31, chanmape 1, then
+// the 16-bit chanmap): 480 bytes per 1536 ticks of 44100 make 110 kbit/s, so data_rate 110 and num_ind_sub 0 give
+// 0000001101110 000 = 0370. chanmap numbers its locations from the most significant bit (0 L ... 5 Lc/Rc,
+// 6 Lrs/Rrs, ... 14 LFE2, 15 LFE, TS 102 366 table E.1.4); chan_loc from the least significant of its 9 bits
+// (0 Lc/Rc, 1 Lrs/Rrs, 2 Cs, 3 Ts, 4 Lsd/Rsd, 5 Lw/Rw, 6 Lvh/Rvh, 7 Cvh, 8 LFE2, table F.6.1).
+// - chanmap 0x0200 (Lrs/Rrs) is chan_loc 0x002: fscod 01, bsid 10000, 00000, acmod 010, lfeon 0 = 6004; reserved
+//   000, num_dep_sub 0001, chan_loc 000000010 = 0202. Channels L R Lrs Rrs, mask 0xA000 | 0x0200.
+// - chanmap 0x0402 (Lc/Rc and LFE2) is chan_loc 0x101: 6004, then 000 0001 100000001 = 0301. Five channels,
+//   mask 0xA000 | 0x0400 | 0x0002. The first row fixes the order of chan_loc (written from the wrong end it would be
+//   0x080), the second both ends of the mapping, across chanmap's 13 (Lts/Rts) that chan_loc has no bit for.
 TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString) {
     const Bytes ac3 = packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front();
     const Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
-    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");
+    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");  // chanmap 0x0200
     dependent.resize(64, 0);
+    Bytes dependentLcRcLfe2 = hex("0B77 401F 74 87 D0 40 20");  // chanmap 0x0402
+    dependentLcRcLfe2.resize(64, 0);
     struct Case {
         std::uint32_t type;
         Bytes config;
@@ -149,6 +160,7 @@ TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString)
         {AC3_AUDIO, ac3, "ac-3", "dac3", hex("103DC0"), 6, 48000, "ac-3", "F801"},
         {AC3_AUDIO, eac3, "ec-3", "dec3", hex("02F8 600400"), 2, 44100, "ec-3", "A000"},
         {AC3_AUDIO, cat({eac3, dependent}), "ec-3", "dec3", hex("0370 60040202"), 4, 44100, "ec-3", "A200"},
+        {AC3_AUDIO, cat({eac3, dependentLcRcLfe2}), "ec-3", "dec3", hex("0370 60040301"), 5, 44100, "ec-3", "A402"},
         // esds: object type 0x6B, then the decoder specific info as the sample builder makes it.
         {MPEG1_AUDIO, hex("F97E 0177 0040"), "mp4a", "esds", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b",
          "2"},
