@@ -2,7 +2,11 @@
 // ISO/IEC 14496-1 (esds descriptors): those of the streams the session packages.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
+
 #include "packaging/codec_box/audio_boxes.h"
+#include "packaging/codec_box/dolby_labels.h"
 #include "packaging/codec_box/video_boxes.h"
 #include "tests/common/bytes.h"
 
@@ -105,6 +109,57 @@ TEST(SampleEntries, AvcAndAacEntries) {
                                      "0000000000000000 0002 0010 0000 0000 AC44 0000"
                                      "00000027 'esds' 00000000 03 19 0000 00 04 11 40 15 00025E 00027580 000266B8"
                                      "05 02 1210 06 01 02"));
+}
+
+// Each label by its code's meaning in ETSI TS 102 366: cmixlev 0.707/0.595/0.500/reserved, surmixlev
+// 0.707/0.500/0/reserved, the 3-bit Lt/Rt and Lo/Ro centre levels 1.414 to 0 in 1.5 dB steps, their surround levels
+// reserved below code 3 and then 0.841 to 0; dmixmod and dsurmod in their coded order. acmod 7 (3/2) has every
+// channel kind, 2 (2/0) neither centre nor surround, 5 (3/1) both, 6 (2/2) surround only. An empty `want` throws
+// the text given.
+TEST(DolbyLabels, EachCodeByItsMeaningAndTheModesItFits) {
+    using L = DolbyMixLevel;
+    const auto mix = [](L kind, int code, unsigned acmod) {
+        return std::function<std::string()>([=] { return dolbyMixLevelLabel(kind, code, acmod); });
+    };
+    const auto downmix = [](int code, unsigned acmod) {
+        return std::function<std::string()>([=] { return dolbyStereoDownmixLabel(code, acmod); });
+    };
+    const std::string mixText = "uncompliant Dolby mix level with audio mode";
+    const std::string downmixText = "uncompliant Dolby stereo downmix preference with audio mode";
+    const struct { std::function<std::string()> label; std::string want; std::string thrown; } rows[] = {
+        {mix(L::Centre, 0, 7), "-3.0 dB", ""},         {mix(L::Centre, 1, 5), "-4.5 dB", ""},
+        {mix(L::Centre, 2, 3), "-6.0 dB", ""},         {mix(L::Centre, 3, 7), "None", ""},
+        {mix(L::Surround, 0, 4), "-3.0 dB", ""},       {mix(L::Surround, 1, 6), "-6.0 dB", ""},
+        {mix(L::Surround, 2, 7), "-inf dB", ""},       {mix(L::Surround, -1, 2), "None", ""},
+        {mix(L::LtRtCentre, 0, 7), "+3.0 dB", ""},     {mix(L::LoRoCentre, 1, 7), "+1.5 dB", ""},
+        {mix(L::LtRtCentre, 2, 7), "0.0 dB", ""},      {mix(L::LoRoCentre, 7, 7), "-inf dB", ""},
+        {mix(L::LtRtSurround, 2, 7), "None", ""},      {mix(L::LoRoSurround, 3, 7), "-1.5 dB", ""},
+        {mix(L::LtRtSurround, 6, 6), "-6.0 dB", ""},   {mix(L::LoRoCentre, 8, 7), "None", ""},
+        {mix(L::Centre, 0, 6), "", mixText},           {mix(L::LoRoCentre, 4, 1), "", mixText},
+        {mix(L::Surround, 0, 3), "", mixText},         {mix(L::LtRtSurround, 4, 2), "", mixText},
+        {downmix(0, 2), "Not indicated", ""},          {downmix(1, 7), "Lt/Rt", ""},
+        {downmix(2, 3), "Lo/Ro", ""},                  {downmix(3, 6), "Dolby Prologic II", ""},
+        {downmix(1, 2), "", downmixText},              {downmix(4, 7), "", downmixText},
+        {[] { return std::string(dolbySurroundModeLabel(0)); }, "Not indicated", ""},
+        {[] { return std::string(dolbySurroundModeLabel(1)); }, "Surround disabled", ""},
+        {[] { return std::string(dolbySurroundModeLabel(2)); }, "Surround enabled", ""},
+        {[] { return std::string(dolbySurroundModeLabel(3)); }, "Not indicated", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(-1)); }, "None", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(1)); }, "Film Standard", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(2)); }, "Film Light", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(3)); }, "Music Standard", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(4)); }, "Music Light", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(5)); }, "Speech", ""},
+        {[] { return std::string(dolbyDynamicRangeProfileLabel(6)); }, "Unknown", ""},
+    };
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        try {
+            EXPECT_EQ(rows[i].label(), rows[i].want) << "row " << i;
+            EXPECT_TRUE(rows[i].thrown.empty()) << "row " << i << " should throw";
+        } catch (const DolbyMetadataException& e) {
+            EXPECT_EQ(e.what(), rows[i].thrown) << "row " << i;
+        }
+    }
 }
 
 }  // namespace

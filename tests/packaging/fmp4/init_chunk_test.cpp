@@ -3,6 +3,8 @@
 // manifest. The init chunks of real streams are compared whole in the golden chunks.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "packaging/codec_box/audio_boxes.h"
 #include "packaging/codec_box/video_boxes.h"
 #include "packaging/fmp4/chunks/audio_sample_entry.h"
@@ -184,6 +186,37 @@ TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString)
         EXPECT_EQ(result.manifest.channels, c.channels);
         EXPECT_EQ(result.manifest.channelValue, c.channelValue);
         EXPECT_EQ(result.manifest.samplingRate, c.rate);
+    }
+}
+
+// The downmix metadata of a Dolby entry's first frame, in the entry's dump with its labels (TS 102 366 4.4.2 and
+// annexes D and E). ffmpeg's AC-3 5.1: byte 6 is EB = acmod 111, cmixlev 01, surmixlev 01, lfeon 1. A hand-made
+// AC-3 frame of the alternate syntax: 0B77, crc 0000, fscod 00 with frmsizcod 8, bsid 6 = 30; then acmod 111,
+// cmixlev 00, surmixlev 10, lfeon 1 = E5; dialnorm 31, no compr, langcod, mixlevel = F8; copyrightb 0, origbs 0,
+// xbsi1e 1, dmixmod 10, ltrtcmixlev 000 = 30; ltrtsurmixlev 011, lorocmixlev 110, lorosurmixlev 111 = 7B 80. And
+// ffmpeg's E-AC-3 stereo with the information metadata set: byte 6 C8 ends dialnorm (11), then compre 0,
+// mixmdate 0, infomdate 1, bsmod 000; byte 7 20 is copyrightb 0, origbs 0, dsurmod 10.
+TEST(AudioSampleEntry, DolbyEntriesDumpTheDownmixOfTheirFirstFrame) {
+    Bytes alternate = hex("0B77 0000 08 30 E5 F8 30 7B 80");
+    alternate.resize(256, 0);
+    Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
+    eac3[6] = 0xC8;
+    eac3[7] = 0x20;
+    const std::pair<Bytes, std::string> cases[] = {
+        {packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front(),
+         "<DolbyDownmix CentreMixLevel=\"-4.5 dB\" SurroundMixLevel=\"-6.0 dB\"/>"},
+        {alternate,
+         "<DolbyDownmix CentreMixLevel=\"-3.0 dB\" SurroundMixLevel=\"-inf dB\" LtRtCentreMixLevel=\"+3.0 dB\" "
+         "LoRoCentreMixLevel=\"-6.0 dB\" LtRtSurroundMixLevel=\"-1.5 dB\" LoRoSurroundMixLevel=\"-inf dB\" "
+         "StereoDownmix=\"Lo/Ro\"/>"},
+        {eac3, "<DolbyDownmix SurroundMode=\"Surround enabled\"/>"},
+    };
+    for (const auto& [config, line] : cases) {
+        const AudioSampleEntryResult result = makeAudioSampleEntry(AC3_AUDIO, configChunk(config), {});
+        ASSERT_TRUE(result.entry);
+        std::ostringstream dump;
+        result.entry->dump(&dump);
+        EXPECT_NE(dump.str().find(line + "\n"), std::string::npos) << dump.str();
     }
 }
 
