@@ -142,11 +142,10 @@ TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     EXPECT_EQ(f.nals.flushes, 1);
 }
 
-// MPEG-2 video is framed and its sequence headers read, but it is not packaged: the stream is track 1 and is
-// declared to the synchroniser as video, no sample builder exists for it, and nothing reaches the synchroniser.
-// ffmpeg's 720x576 stream: ffprobe reports 25/1 and a sample aspect ratio of 16:15, which the lookups give
-// unreduced as 2304/2160 (4 x 576 over 3 x 720). With its frame_rate_code (the low nibble of byte 7) set to 0, the
-// first buffer throws out of the session, as any analysis failure does on the worker.
+// MPEG-2 video is framed and its sequence headers read, but it is not packaged: declared to the synchroniser as
+// video, it gives it nothing. ffmpeg's 720x576 stream: ffprobe reports 25/1 and a sample aspect ratio of 16:15,
+// which the lookup gives unreduced as 2304/2160 (4 x 576 over 3 x 720). With its frame_rate_code (the low nibble of
+// byte 7) set to 0, the first buffer throws out of the session, as any analysis failure does on the worker.
 TEST(Fmp4Mux, Mpeg2VideoIsReadButNotPackaged) {
     const Bytes stream = readData("mpeg2_720x576.m2v");
     Bytes broken = stream;
@@ -165,28 +164,23 @@ TEST(Fmp4Mux, Mpeg2VideoIsReadButNotPackaged) {
                     false, false, parts);
         mux.AddStream(0, attributesOf(MPEG2_VIDEO));
         ASSERT_NE(builder, nullptr);
-        EXPECT_EQ(mux.trackIdOf(0), 1u);
-        EXPECT_EQ(f.mainSync.added, std::vector<std::string>{"0:0:input 0(MPEG2 Video)"});
+        std::string failure;
         try {
-            for (std::size_t offset = 0; offset < bytes->size(); offset += 1000) {
-                auto buffer = SimpleMediaData::create(bytes->data() + offset, std::min<std::size_t>(1000, bytes->size() - offset));
-                const std::int64_t time = static_cast<std::int64_t>(offset) * 100;
-                buffer->SetTime(&time, nullptr);
-                mux.ConsumeSample(0, buffer.get());
-            }
+            mux.ConsumeSample(0, timedBuffer(0, *bytes).get());
             mux.ConsumeEndOfStream(0);
-            EXPECT_EQ(bytes, &stream) << "frame_rate_code 0 went through";
         } catch (const CorvaneException& e) {
-            EXPECT_EQ(bytes, &broken);
-            EXPECT_STREQ(e.what(), "Mpeg2 video sequence_header parsing issue: unknown frame_rate_code: 0");
+            failure = e.what();
+        }
+        if (bytes == &broken) {
+            EXPECT_EQ(failure, "Mpeg2 video sequence_header parsing issue: unknown frame_rate_code: 0");
             continue;
         }
-        ASSERT_TRUE(builder->sequence().has_value());
+        ASSERT_TRUE(failure.empty() && builder->sequence().has_value()) << failure;
         const auto& [header, rate, sar] = *builder->sequence();
-        EXPECT_EQ(std::tie(header.horizontal_size_value, header.vertical_size_value), std::make_tuple(720u, 576u));
-        EXPECT_EQ(std::make_tuple(rate.num, rate.den, sar.num, sar.den), std::make_tuple(25, 1, 2304, 2160));
+        EXPECT_EQ(std::make_tuple(header.horizontal_size_value, rate.num, rate.den, sar.num, sar.den),
+                  std::make_tuple(720u, 25, 1, 2304, 2160));
+        EXPECT_EQ(f.mainSync.added, std::vector<std::string>{"0:0:input 0(MPEG2 Video)"});
         EXPECT_TRUE(f.mainSync.samples.empty());
-        EXPECT_TRUE(f.mainSync.ends.empty());  // a stream without a sample builder has no end to give either
     }
 }
 

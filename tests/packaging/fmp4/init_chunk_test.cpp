@@ -119,17 +119,13 @@ StreamChunk configChunk(const Bytes& config) { return configurationChunk(samples
 // (tag 5 and its length), the configuration itself, then the SL descriptor. AC-3, E-AC-3 and MPEG-1 from ffmpeg's
 // first frames, with configuration boxes worked out by hand from ETSI TS 102 366 annex F. AC-3 5.1: fscod 0,
 // bsid 8, bsmod 0, acmod 7, lfeon 1, frmsizcod 28 (code 14). E-AC-3: one independent substream, 416 bytes at
-// 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same with a hand-made dependent substream of 64 bytes
-// (0B77, strmtyp 1, substreamid 0, frmsiz 31, fscod 1, numblkscod 3, acmod 2, bsid 16, dialnorm 31, chanmape 1, then
-// the 16-bit chanmap): 480 bytes per 1536 ticks of 44100 make 110 kbit/s, so data_rate 110 and num_ind_sub 0 give
-// 0000001101110 000 = 0370. chanmap numbers its locations from the most significant bit (0 L ... 5 Lc/Rc,
-// 6 Lrs/Rrs, ... 14 LFE2, 15 LFE, TS 102 366 table E.1.4); chan_loc from the least significant of its 9 bits
-// (0 Lc/Rc, 1 Lrs/Rrs, 2 Cs, 3 Ts, 4 Lsd/Rsd, 5 Lw/Rw, 6 Lvh/Rvh, 7 Cvh, 8 LFE2, table F.6.1).
-// - chanmap 0x0200 (Lrs/Rrs) is chan_loc 0x002: fscod 01, bsid 10000, 00000, acmod 010, lfeon 0 = 6004; reserved
-//   000, num_dep_sub 0001, chan_loc 000000010 = 0202. Channels L R Lrs Rrs, mask 0xA000 | 0x0200.
-// - chanmap 0x0402 (Lc/Rc and LFE2) is chan_loc 0x101: 6004, then 000 0001 100000001 = 0301. Five channels,
-//   mask 0xA000 | 0x0400 | 0x0002. The first row fixes the order of chan_loc (written from the wrong end it would be
-//   0x080), the second both ends of the mapping, across chanmap's 13 (Lts/Rts) that chan_loc has no bit for.
+// 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same with a hand-made 64-byte dependent substream
+// (strmtyp 1, frmsiz 31, acmod 2, bsid 16, chanmape 1, chanmap): 480 bytes a 1536-tick frame at 44100 make data_rate
+// 110, with num_ind_sub 0 = 0370. chanmap counts from its most significant bit (5 Lc/Rc, 6 Lrs/Rrs, 14 LFE2; TS 102
+// 366 table E.1.4), chan_loc from its least (0 Lc/Rc, 1 Lrs/Rrs, 8 LFE2; table F.6.1). Then fscod 01, bsid 10000,
+// 00000, acmod 010, lfeon 0 = 6004, reserved 000, num_dep_sub 0001 and chan_loc: chanmap 0x0200 (Lrs/Rrs) is
+// 000000010 = 0202, 4 channels; chanmap 0x0402 (Lc/Rc, LFE2) is 100000001 = 0301, 5 channels. The first fixes the
+// order of chan_loc, the second both ends of the mapping, across chanmap's 13 (Lts/Rts) that chan_loc lacks.
 TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString) {
     const Bytes ac3 = packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front();
     const Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
