@@ -82,6 +82,20 @@ void EC3SpecificBox::binarize(ImffBitWriter& writer) const {
     }
 }
 
+void AC3AudioSampleEntry::dump(std::ostream* stream) const {
+    if (stream == nullptr) return;
+    AudioSampleEntry::dump(stream);
+    dac3.dump(stream);
+    dumpDolbyDownmix(*stream, downmix, dac3.acmod);
+}
+
+void EC3AudioSampleEntry::dump(std::ostream* stream) const {
+    if (stream == nullptr) return;
+    AudioSampleEntry::dump(stream);
+    dec3.dump(stream);
+    dumpDolbyDownmix(*stream, downmix, dec3.substreams.empty() ? 0u : dec3.substreams.front().acmod);
+}
+
 void AC4SpecificBox::binarize(ImffBitWriter& writer) const {
     binarizeBoxHeader(writer);
     writer.copyBuffer(data.data(), data.size());

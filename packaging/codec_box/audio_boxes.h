@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "packaging/codec_box/dolby_labels.h"
 #include "packaging/imff_box/box.h"
 #include "packaging/imff_box/sample_entry.h"
 
@@ -120,7 +121,10 @@ protected:
 class AC3AudioSampleEntry : public imff_box::AudioSampleEntry {
 public:
     AC3AudioSampleEntry() : AudioSampleEntry(fourCC("ac-3"), 2) {}
+    // The audio line, the "dac3" box, and the downmix metadata of the stream with its labels.
+    void dump(std::ostream* stream) const override;
     AC3SpecificBox dac3;
+    DolbyDownmix downmix;  // not written: "dac3" has no room for it
 
 protected:
     std::uint64_t getConfigurationSize() const override { return dac3.getSize(); }
@@ -130,7 +134,10 @@ protected:
 class EC3AudioSampleEntry : public imff_box::AudioSampleEntry {
 public:
     EC3AudioSampleEntry() : AudioSampleEntry(fourCC("ec-3"), 2) {}
+    // The audio line, the "dec3" box, and the downmix metadata of the first independent substream.
+    void dump(std::ostream* stream) const override;
     EC3SpecificBox dec3;
+    DolbyDownmix downmix;  // not written
 
 protected:
     std::uint64_t getConfigurationSize() const override { return dec3.getSize(); }

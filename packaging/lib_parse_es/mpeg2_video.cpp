@@ -63,5 +63,20 @@ tvrn::encoding::Fraction<std::int64_t> sampleAspectRatio(std::uint32_t a, std::u
 }
 
 }  // namespace mpeg2
+
+void NALBuilderMPEG2Video::deliver(std::unique_ptr<NAL> nal) {
+    auto* unit = dynamic_cast<NALMPEG2*>(nal.get());
+    mpeg2::SequenceHeader header;
+    if (unit != nullptr && unit->startCode() == mpeg2::kSequenceHeaderCode &&
+        mpeg2::parseSequenceHeader(unit->bytes(), static_cast<std::size_t>(unit->length), header)) {
+        const auto rate = mpeg2::frameRate(header.frame_rate_code);
+        m_sequence = mpeg2::SequenceInfo{
+            header, rate,
+            mpeg2::sampleAspectRatio(header.aspect_ratio_information, header.horizontal_size_value,
+                                     header.vertical_size_value)};
+    }
+    NALBuilderMPEG2::deliver(std::move(nal));
+}
+
 }  // namespace v2
 }  // namespace tvrn::encoding::packaging::lib_parse_es

@@ -3,6 +3,7 @@
 // header with the two lookups made from it, the frame rate and the sample aspect ratio.
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "packaging/lib_parse_es/nal.h"
@@ -23,12 +24,6 @@ public:
 private:
     bool m_known = false;
     std::int32_t m_startCode = -1;
-};
-
-// The start-code framing giving NALMPEG2 units.
-class NALBuilderMPEG2Video : public NALBuilderMPEG2 {
-protected:
-    std::unique_ptr<NAL> makeNal(std::int32_t capacity) override { return std::make_unique<NALMPEG2>(capacity); }
 };
 
 namespace mpeg2 {
@@ -66,6 +61,30 @@ tvrn::encoding::Fraction<std::int64_t> frameRate(std::uint32_t frameRateCode);
 tvrn::encoding::Fraction<std::int64_t> sampleAspectRatio(std::uint32_t aspectRatioInformation, std::uint32_t width,
                                                   std::uint32_t height);
 
+// A sequence header with the frame rate and sample aspect ratio it gives.
+struct SequenceInfo {
+    SequenceHeader header;
+    tvrn::encoding::Fraction<std::int64_t> frameRate;
+    tvrn::encoding::Fraction<std::int64_t> sampleAspectRatio;
+};
+
 }  // namespace mpeg2
+
+// The start-code framing giving NALMPEG2 units. It reads every sequence header on its way: the stream has no
+// sample builder, so this is all the session learns of it, and an unknown frame_rate_code throws mpeg2::Exception
+// out of push, as it would from a builder that had to time the pictures.
+class NALBuilderMPEG2Video : public NALBuilderMPEG2 {
+public:
+    void deliver(std::unique_ptr<NAL> nal) override;
+    // The last sequence header framed, if any.
+    const std::optional<mpeg2::SequenceInfo>& sequence() const { return m_sequence; }
+
+protected:
+    std::unique_ptr<NAL> makeNal(std::int32_t capacity) override { return std::make_unique<NALMPEG2>(capacity); }
+
+private:
+    std::optional<mpeg2::SequenceInfo> m_sequence;
+};
+
 }  // namespace v2
 }  // namespace tvrn::encoding::packaging::lib_parse_es

@@ -85,12 +85,43 @@ bool parseAc3StreamInfo(std::span<const std::uint8_t> bytes, Ac3StreamInfo& out)
         out.bsid = static_cast<std::uint8_t>(r.readBits(5));
         out.bsmod = static_cast<std::uint8_t>(r.readBits(3));
         out.acmod = static_cast<std::uint8_t>(r.readBits(3));
-        if ((out.acmod & 1) && out.acmod != 1) r.skipBits(2);  // cmixlev
-        if (out.acmod & 4) r.skipBits(2);                      // surmixlev
-        if (out.acmod == 2) r.skipBits(2);                     // dsurmod
+        Ac3Downmix& d = out.downmix;
+        const bool threeFronts = (out.acmod & 1) && out.acmod != 1;
+        const bool surrounds = (out.acmod & 4) != 0;
+        if (threeFronts) d.cmixlev = static_cast<int>(r.readBits(2));
+        if (surrounds) d.surmixlev = static_cast<int>(r.readBits(2));
+        if (out.acmod == 2) d.dsurmod = static_cast<int>(r.readBits(2));
         out.lfeon = r.readFlag();
         out.sampleRate = params.sampleRate;
-        return r.good();
+        const bool complete = r.good();
+        if (complete && out.bsid == 6) {
+            // The alternate syntax: past the programme's own fields, the extended information 1 holds the
+            // preferred stereo downmix and its mix levels, whatever the mode; only those the mode uses are kept.
+            for (int programme = 0; programme < (out.acmod == 0 ? 2 : 1); ++programme) {
+                r.skipBits(5);                    // dialnorm
+                if (r.readFlag()) r.skipBits(8);  // compr
+                if (r.readFlag()) r.skipBits(8);  // langcod
+                if (r.readFlag()) r.skipBits(7);  // mixlevel, roomtyp
+            }
+            r.skipBits(2);  // copyrightb, origbs
+            if (r.readFlag()) {  // xbsi1e
+                const int dmixmod = static_cast<int>(r.readBits(2));
+                const int ltrtc = static_cast<int>(r.readBits(3));
+                const int ltrts = static_cast<int>(r.readBits(3));
+                const int loroc = static_cast<int>(r.readBits(3));
+                const int loros = static_cast<int>(r.readBits(3));
+                if (r.good() && out.acmod > 2) d.dmixmod = dmixmod;
+                if (r.good() && threeFronts) {
+                    d.ltrtcmixlev = ltrtc;
+                    d.lorocmixlev = loroc;
+                }
+                if (r.good() && surrounds) {
+                    d.ltrtsurmixlev = ltrts;
+                    d.lorosurmixlev = loros;
+                }
+            }
+        }
+        return complete;
     }
     out.strmtyp = static_cast<std::uint8_t>(r.readBits(2));
     out.substreamId = static_cast<std::uint8_t>(r.readBits(3));
@@ -116,10 +147,17 @@ bool parseAc3StreamInfo(std::span<const std::uint8_t> bytes, Ac3StreamInfo& out)
         out.chanmape = r.readFlag();
         if (out.chanmape) out.chanmap = static_cast<std::uint16_t>(r.readBits(16));
     }
+    Ac3Downmix& d = out.downmix;
     if (r.readFlag()) {  // mixmdate
-        if (out.acmod > 2) r.skipBits(2);                          // dmixmod
-        if ((out.acmod & 1) && out.acmod > 2) r.skipBits(6);       // ltrtcmixlev, lorocmixlev
-        if (out.acmod & 4) r.skipBits(6);                          // ltrtsurmixlev, lorosurmixlev
+        if (out.acmod > 2) d.dmixmod = static_cast<int>(r.readBits(2));
+        if ((out.acmod & 1) && out.acmod > 2) {
+            d.ltrtcmixlev = static_cast<int>(r.readBits(3));
+            d.lorocmixlev = static_cast<int>(r.readBits(3));
+        }
+        if (out.acmod & 4) {
+            d.ltrtsurmixlev = static_cast<int>(r.readBits(3));
+            d.lorosurmixlev = static_cast<int>(r.readBits(3));
+        }
         if (out.lfeon && r.readFlag()) r.skipBits(5);              // lfemixlevcode
         if (out.strmtyp == 0) {
             if (r.readFlag()) r.skipBits(6);                       // pgmscl
@@ -143,7 +181,12 @@ bool parseAc3StreamInfo(std::span<const std::uint8_t> bytes, Ac3StreamInfo& out)
             }
         }
     }
-    if (r.readFlag()) out.bsmod = static_cast<std::uint8_t>(r.readBits(3));  // infomdate
+    if (r.readFlag()) {  // infomdate
+        out.bsmod = static_cast<std::uint8_t>(r.readBits(3));
+        r.skipBits(2);  // copyrightb, origbs
+        if (out.acmod == 2) d.dsurmod = static_cast<int>(r.readBits(2));
+    }
+    if (!r.good()) out.downmix = {};
     return r.good();
 }
 

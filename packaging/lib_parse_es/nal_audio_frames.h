@@ -23,6 +23,19 @@ struct Ac3FrameParameters {
 // header, or give an impossible rate or size.
 bool parseAc3FrameParameters(const std::uint8_t* header, Ac3FrameParameters& out);
 
+// The downmix metadata of a sync frame, as coded; -1 for a field that the frame does not carry or that its audio
+// coding mode has no channels for.
+struct Ac3Downmix {
+    int cmixlev = -1;  // AC-3, three front channels
+    int surmixlev = -1;  // AC-3, surround channels
+    int ltrtcmixlev = -1;  // AC-3 alternate syntax (bsid 6) and E-AC-3 mixing metadata, three front channels
+    int lorocmixlev = -1;
+    int ltrtsurmixlev = -1;  // the same, surround channels
+    int lorosurmixlev = -1;
+    int dmixmod = -1;  // the same, modes of three channels or more
+    int dsurmod = -1;  // two-channel mode
+};
+
 // The fields of a sync frame's bit stream information that the "dac3" and "dec3" boxes carry.
 struct Ac3StreamInfo {
     bool isEac3 = false;
@@ -38,6 +51,7 @@ struct Ac3StreamInfo {
     std::uint16_t chanmap = 0;  // dependent substreams: the custom channel map, when chanmape
     std::uint32_t frameSize = 0;
     std::uint32_t sampleRate = 0;  // the audio sampling rate
+    Ac3Downmix downmix;
 };
 
 // Parses the bit stream information of the sync frame at the start of `bytes`. False on a short or invalid frame.

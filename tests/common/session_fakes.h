@@ -85,9 +85,8 @@ private:
     NalBuilderLog& m_log;
 };
 
-inline MediaDataRef timedBuffer(std::int64_t time) {
-    const std::uint8_t bytes[] = {0, 0, 0, 1, 0x09};
-    MediaDataRef data = SimpleMediaData::create(bytes, sizeof bytes);
+inline MediaDataRef timedBuffer(std::int64_t time, const std::vector<std::uint8_t>& bytes = {0, 0, 0, 1, 0x09}) {
+    MediaDataRef data = SimpleMediaData::create(bytes.data(), bytes.size());
     if (time >= 0) data->SetTime(&time, nullptr);
     return data;
 }

@@ -55,6 +55,10 @@ std::uint16_t chanLocOf(std::uint16_t chanmap) {
     return loc;
 }
 
+codec_box::DolbyDownmix downmixOf(const lib_parse_es::Ac3Downmix& d) {
+    return {d.cmixlev, d.surmixlev, d.ltrtcmixlev, d.lorocmixlev, d.ltrtsurmixlev, d.lorosurmixlev, d.dmixmod, d.dsurmod};
+}
+
 AudioSampleEntryResult makeDolbyEntry(const std::vector<std::uint8_t>& config) {
     AudioSampleEntryResult result;
     lib_parse_es::Ac3StreamInfo info;
@@ -65,6 +69,7 @@ AudioSampleEntryResult makeDolbyEntry(const std::vector<std::uint8_t>& config) {
     if (info.isEac3) {
         auto entry = std::make_shared<codec_box::EC3AudioSampleEntry>();
         if (!fillDec3(config, entry->dec3)) return result;
+        entry->downmix = downmixOf(info.downmix);
         // Dependent substreams of the first programme add their channels to the core's.
         const auto& first = entry->dec3.substreams.front();
         for (unsigned j = 0; j < 9; ++j) {
@@ -85,6 +90,7 @@ AudioSampleEntryResult makeDolbyEntry(const std::vector<std::uint8_t>& config) {
         entry->dac3.acmod = info.acmod;
         entry->dac3.lfeon = info.lfeon;
         entry->dac3.bitRateCode = static_cast<std::uint8_t>(info.frmsizcod >> 1);
+        entry->downmix = downmixOf(info.downmix);
         manifest.fourCC = "ac-3";
         manifest.codecs = "ac-3";
         result.entry = entry;

@@ -2,7 +2,10 @@
 // ISO/IEC 14496-1 (esds descriptors): those of the streams the session packages.
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "packaging/codec_box/audio_boxes.h"
+#include "packaging/codec_box/dolby_labels.h"
 #include "packaging/codec_box/video_boxes.h"
 #include "tests/common/bytes.h"
 
@@ -105,6 +108,41 @@ TEST(SampleEntries, AvcAndAacEntries) {
                                      "0000000000000000 0002 0010 0000 0000 AC44 0000"
                                      "00000027 'esds' 00000000 03 19 0000 00 04 11 40 15 00025E 00027580 000266B8"
                                      "05 02 1210 06 01 02"));
+}
+
+// Each label by its code's meaning in ETSI TS 102 366: cmixlev 0.707/0.595/0.500/reserved, surmixlev
+// 0.707/0.500/0/reserved, the 3-bit Lt/Rt and Lo/Ro centre levels 1.414 down to 0 in 1.5 dB steps, their surround
+// levels reserved below code 3 then 0.841 down to 0; dmixmod and dsurmod in their coded order. acmod 7 (3/2) has
+// every channel kind, 2 (2/0) neither centre nor surround, 5 (3/1) both, 6 (2/2) surround only, 3 (3/0) centre only.
+TEST(DolbyLabels, EachCodeByItsMeaningAndTheModesItFits) {
+    using L = DolbyMixLevel;
+    const auto label = [](char what, L kind, int code, unsigned acmod) -> std::string {
+        try {
+            if (what == 'm') return dolbyMixLevelLabel(kind, code, acmod);
+            if (what == 'd') return dolbyStereoDownmixLabel(code, acmod);
+            return what == 's' ? dolbySurroundModeLabel(code) : dolbyDynamicRangeProfileLabel(code);
+        } catch (const DolbyMetadataException& e) {
+            return std::string("! ") + e.what();
+        }
+    };
+    const std::string mixThrow = "! uncompliant Dolby mix level with audio mode";
+    const std::string downmixThrow = "! uncompliant Dolby stereo downmix preference with audio mode";
+    const struct { char what; L kind; int code; unsigned acmod; std::string want; } rows[] = {
+        {'m', L::Centre, 0, 7, "-3.0 dB"}, {'m', L::Centre, 1, 5, "-4.5 dB"}, {'m', L::Centre, 2, 3, "-6.0 dB"},
+        {'m', L::Centre, 3, 7, "None"}, {'m', L::Surround, 0, 6, "-3.0 dB"}, {'m', L::Surround, 1, 5, "-6.0 dB"},
+        {'m', L::Surround, 2, 7, "-inf dB"}, {'m', L::Surround, -1, 2, "None"}, {'m', L::LtRtCentre, 0, 7, "+3.0 dB"},
+        {'m', L::LoRoCentre, 1, 3, "+1.5 dB"}, {'m', L::LtRtCentre, 2, 5, "0.0 dB"}, {'m', L::LoRoCentre, 7, 7, "-inf dB"},
+        {'m', L::LtRtSurround, 2, 7, "None"}, {'m', L::LoRoSurround, 3, 6, "-1.5 dB"}, {'m', L::LoRoCentre, 8, 7, "None"},
+        {'m', L::Centre, 0, 6, mixThrow}, {'m', L::LoRoCentre, 4, 1, mixThrow}, {'m', L::LtRtSurround, 4, 3, mixThrow},
+        {'d', L::Centre, 0, 2, "Not indicated"}, {'d', L::Centre, 1, 7, "Lt/Rt"}, {'d', L::Centre, 2, 3, "Lo/Ro"},
+        {'d', L::Centre, 3, 6, "Dolby Prologic II"}, {'d', L::Centre, 1, 2, downmixThrow}, {'d', L::Centre, 4, 7, downmixThrow},
+        {'s', L::Centre, 0, 2, "Not indicated"}, {'s', L::Centre, 1, 2, "Surround disabled"},
+        {'s', L::Centre, 2, 2, "Surround enabled"}, {'s', L::Centre, 3, 2, "Not indicated"},
+        {'p', L::Centre, -1, 0, "None"}, {'p', L::Centre, 1, 0, "Film Standard"}, {'p', L::Centre, 2, 0, "Film Light"},
+        {'p', L::Centre, 3, 0, "Music Standard"}, {'p', L::Centre, 4, 0, "Music Light"}, {'p', L::Centre, 5, 0, "Speech"},
+        {'p', L::Centre, 6, 0, "Unknown"},
+    };
+    for (const auto& r : rows) EXPECT_EQ(label(r.what, r.kind, r.code, r.acmod), r.want) << r.what << r.code << "/" << r.acmod;
 }
 
 }  // namespace

@@ -6,8 +6,11 @@
 
 #include <tuple>
 
+#include "packaging/imff_samples/sample_builder.h"
+#include "packaging/lib_parse_es/mpeg2_video.h"
 #include "tests/common/bytes.h"
 #include "tests/common/chunks.h"
+#include "tests/common/fixtures.h"
 #include "tests/common/session_fakes.h"
 
 namespace {
@@ -137,6 +140,48 @@ TEST(Fmp4Mux, DropsEverythingBeforeTheFirstTimedBufferOfEachStream) {
     mux->ConsumeEndOfStream(2);
     mux->ConsumeEndOfStream(9);
     EXPECT_EQ(f.nals.flushes, 1);
+}
+
+// MPEG-2 video is framed and its sequence headers read, but it is not packaged: declared to the synchroniser as
+// video, it gives it nothing. ffmpeg's 720x576 stream: ffprobe reports 25/1 and a sample aspect ratio of 16:15,
+// which the lookup gives unreduced as 2304/2160 (4 x 576 over 3 x 720). With its frame_rate_code (the low nibble of
+// byte 7) set to 0, the first buffer throws out of the session, as any analysis failure does on the worker.
+TEST(Fmp4Mux, Mpeg2VideoIsReadButNotPackaged) {
+    const Bytes stream = readData("mpeg2_720x576.m2v");
+    Bytes broken = stream;
+    broken[7] &= 0xF0;
+    for (const Bytes* bytes : std::initializer_list<const Bytes*>{&stream, &broken}) {
+        SessionFixture f;
+        lib_parse_es::NALBuilderMPEG2Video* builder = nullptr;
+        Fmp4MuxParts parts = f.parts();
+        parts.makeNalBuilder = [&builder](std::uint32_t type) {
+            auto made = lib_parse_es::createNalBuilder(type);
+            builder = dynamic_cast<lib_parse_es::NALBuilderMPEG2Video*>(made.get());
+            return made;
+        };
+        parts.makeSampleBuilder = imff_samples::createSampleBuilder;
+        Fmp4Mux mux(Dash, Fmp4MuxConfig::fromMode(GopSegments, 2000, 1, 0, 0), nullptr, f.logger, false, false, false,
+                    false, false, parts);
+        mux.AddStream(0, attributesOf(MPEG2_VIDEO));
+        ASSERT_NE(builder, nullptr);
+        std::string failure;
+        try {
+            mux.ConsumeSample(0, timedBuffer(0, *bytes).get());
+            mux.ConsumeEndOfStream(0);
+        } catch (const CorvaneException& e) {
+            failure = e.what();
+        }
+        if (bytes == &broken) {
+            EXPECT_EQ(failure, "Mpeg2 video sequence_header parsing issue: unknown frame_rate_code: 0");
+            continue;
+        }
+        ASSERT_TRUE(failure.empty() && builder->sequence().has_value()) << failure;
+        const auto& [header, rate, sar] = *builder->sequence();
+        EXPECT_EQ(std::make_tuple(header.horizontal_size_value, rate.num, rate.den, sar.num, sar.den),
+                  std::make_tuple(720u, 25, 1, 2304, 2160));
+        EXPECT_EQ(f.mainSync.added, std::vector<std::string>{"0:0:input 0(MPEG2 Video)"});
+        EXPECT_TRUE(f.mainSync.samples.empty());
+    }
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // manifest. The init chunks of real streams are compared whole in the golden chunks.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "packaging/codec_box/audio_boxes.h"
 #include "packaging/codec_box/video_boxes.h"
 #include "packaging/fmp4/chunks/audio_sample_entry.h"
@@ -117,13 +119,20 @@ StreamChunk configChunk(const Bytes& config) { return configurationChunk(samples
 // (tag 5 and its length), the configuration itself, then the SL descriptor. AC-3, E-AC-3 and MPEG-1 from ffmpeg's
 // first frames, with configuration boxes worked out by hand from ETSI TS 102 366 annex F. AC-3 5.1: fscod 0,
 // bsid 8, bsmod 0, acmod 7, lfeon 1, frmsizcod 28 (code 14). E-AC-3: one independent substream, 416 bytes at
-// 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same with a hand-made dependent substream of 64 bytes
-// that adds Lrs/Rrs (chanmap 0x0200, chan_loc bit 1): 110 kbit/s.
+// 44.1 kHz (95 kbit/s), fscod 1, bsid 16, acmod 2; then the same with a hand-made 64-byte dependent substream
+// (strmtyp 1, frmsiz 31, acmod 2, bsid 16, chanmape 1, chanmap): 480 bytes a 1536-tick frame at 44100 make data_rate
+// 110, with num_ind_sub 0 = 0370. chanmap counts from its most significant bit (5 Lc/Rc, 6 Lrs/Rrs, 14 LFE2; TS 102
+// 366 table E.1.4), chan_loc from its least (0 Lc/Rc, 1 Lrs/Rrs, 8 LFE2; table F.6.1). Then fscod 01, bsid 10000,
+// 00000, acmod 010, lfeon 0 = 6004, reserved 000, num_dep_sub 0001 and chan_loc: chanmap 0x0200 (Lrs/Rrs) is
+// 000000010 = 0202, 4 channels; chanmap 0x0402 (Lc/Rc, LFE2) is 100000001 = 0301, 5 channels. The first fixes the
+// order of chan_loc, the second both ends of the mapping, across chanmap's 13 (Lts/Rts) that chan_loc lacks.
 TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString) {
     const Bytes ac3 = packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front();
     const Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
-    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");
+    Bytes dependent = hex("0B77 401F 74 87 D0 20 00");  // chanmap 0x0200
     dependent.resize(64, 0);
+    Bytes dependentLcRcLfe2 = hex("0B77 401F 74 87 D0 40 20");  // chanmap 0x0402
+    dependentLcRcLfe2.resize(64, 0);
     struct Case {
         std::uint32_t type;
         Bytes config;
@@ -149,6 +158,7 @@ TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString)
         {AC3_AUDIO, ac3, "ac-3", "dac3", hex("103DC0"), 6, 48000, "ac-3", "F801"},
         {AC3_AUDIO, eac3, "ec-3", "dec3", hex("02F8 600400"), 2, 44100, "ec-3", "A000"},
         {AC3_AUDIO, cat({eac3, dependent}), "ec-3", "dec3", hex("0370 60040202"), 4, 44100, "ec-3", "A200"},
+        {AC3_AUDIO, cat({eac3, dependentLcRcLfe2}), "ec-3", "dec3", hex("0370 60040301"), 5, 44100, "ec-3", "A402"},
         // esds: object type 0x6B, then the decoder specific info as the sample builder makes it.
         {MPEG1_AUDIO, hex("F97E 0177 0040"), "mp4a", "esds", hex("05 06 F97E01770040 060102"), 2, 48000, "mp4a.6b",
          "2"},
@@ -172,6 +182,37 @@ TEST(AudioSampleEntry, EachConfigurationGivesItsEntryRateChannelsAndCodecString)
         EXPECT_EQ(result.manifest.channels, c.channels);
         EXPECT_EQ(result.manifest.channelValue, c.channelValue);
         EXPECT_EQ(result.manifest.samplingRate, c.rate);
+    }
+}
+
+// The downmix metadata of a Dolby entry's first frame, in the entry's dump with its labels (TS 102 366 4.4.2 and
+// annexes D and E). ffmpeg's AC-3 5.1: byte 6 is EB = acmod 111, cmixlev 01, surmixlev 01, lfeon 1. A hand-made
+// AC-3 frame of the alternate syntax: 0B77, crc 0000, fscod 00 with frmsizcod 8, bsid 6 = 30; then acmod 111,
+// cmixlev 00, surmixlev 10, lfeon 1 = E5; dialnorm 31, no compr, langcod, mixlevel = F8; copyrightb 0, origbs 0,
+// xbsi1e 1, dmixmod 10, ltrtcmixlev 000 = 30; ltrtsurmixlev 011, lorocmixlev 110, lorosurmixlev 111 = 7B 80. And
+// ffmpeg's E-AC-3 stereo with the information metadata set: byte 6 C8 ends dialnorm (11), then compre 0,
+// mixmdate 0, infomdate 1, bsmod 000; byte 7 20 is copyrightb 0, origbs 0, dsurmod 10.
+TEST(AudioSampleEntry, DolbyEntriesDumpTheDownmixOfTheirFirstFrame) {
+    Bytes alternate = hex("0B77 0000 08 30 E5 F8 30 7B 80");
+    alternate.resize(256, 0);
+    Bytes eac3 = packetBytes(loadAudioFixture("eac3_stereo_44k.eac3")).front();
+    eac3[6] = 0xC8;
+    eac3[7] = 0x20;
+    const std::pair<Bytes, std::string> cases[] = {
+        {packetBytes(loadAudioFixture("ac3_51_48k.ac3")).front(),
+         "<DolbyDownmix CentreMixLevel=\"-4.5 dB\" SurroundMixLevel=\"-6.0 dB\"/>"},
+        {alternate,
+         "<DolbyDownmix CentreMixLevel=\"-3.0 dB\" SurroundMixLevel=\"-inf dB\" LtRtCentreMixLevel=\"+3.0 dB\" "
+         "LoRoCentreMixLevel=\"-6.0 dB\" LtRtSurroundMixLevel=\"-1.5 dB\" LoRoSurroundMixLevel=\"-inf dB\" "
+         "StereoDownmix=\"Lo/Ro\"/>"},
+        {eac3, "<DolbyDownmix SurroundMode=\"Surround enabled\"/>"},
+    };
+    for (const auto& [config, line] : cases) {
+        const AudioSampleEntryResult result = makeAudioSampleEntry(AC3_AUDIO, configChunk(config), {});
+        ASSERT_TRUE(result.entry);
+        std::ostringstream dump;
+        result.entry->dump(&dump);
+        EXPECT_NE(dump.str().find(line + "\n"), std::string::npos) << dump.str();
     }
 }
 
