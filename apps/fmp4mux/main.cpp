@@ -19,6 +19,7 @@
 #include "apps/fmp4mux/cli/options.h"
 #include "apps/fmp4mux/cli/signals.h"
 #include "apps/fmp4mux/engine/packager.h"
+#include "apps/fmp4mux/engine/stream_ends.h"
 #include "apps/fmp4mux/exit_error.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/reader.h"
@@ -371,19 +372,27 @@ int run(int argc, char** argv) {
                                      }};
     const auto started = Clock::now();
     std::vector<std::pair<std::size_t, std::unique_ptr<InputReader>>> readers;  // by input
+    std::set<std::size_t> watched;  // inputs whose silence ends their streams
     const auto reads = [&routes](std::size_t d) {
         return std::any_of(routes[d].begin(), routes[d].end(), [](const Route& r) { return r.engine >= 0 || r.splices; });
     };
     std::atomic<std::size_t> mediaReading{0};
     for (std::size_t d = 0; d < inputs.size(); ++d) mediaReading += reads(d) && !followed[d] ? 1 : 0;
-    // By input and stream: ended before its input did.
-    std::vector<std::vector<bool>> endedEarly(inputs.size());
+    std::vector<std::vector<int>> engineOf(inputs.size());
+    for (std::size_t d = 0; d < inputs.size(); ++d)
+        for (const Route& route : routes[d]) engineOf[d].push_back(route.engine);
+    StreamEnds earlyEnds(
+        std::move(engineOf),
+        [&packager, &logger](int engine) {
+            logger.quietMissingChunks(engine);
+            packager.endOfStream(engine);
+        },
+        [](const std::string& line) { warn(line); });
     // A stream that falls silent is ended after three segments (or GOPs, if longer) of media, and never sooner
     // than six seconds: a short loss is waited for, a dead encoder is not.
     const std::uint32_t silenceSeconds =
         options.streamTimeoutSeconds.value_or(static_cast<std::uint32_t>(
             std::max<std::int64_t>(6, (3 * std::max<std::int64_t>(segmentMs, longestKeyIntervalMs) + 999) / 1000)));
-    for (std::size_t d = 0; d < inputs.size(); ++d) endedEarly[d].assign(routes[d].size(), false);
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         const auto& mine = routes[d];
         if (!reads(d)) {
@@ -392,47 +401,31 @@ int run(int argc, char** argv) {
         }
         PacketDestination destination{
             [&mine](std::size_t stream) { return mine[stream].used(); },
-            [&packager, &presentation, &logger, &mine, &gone = endedEarly[d], cameBack = std::vector<bool>(mine.size()),
-             silenceSeconds, d](std::size_t stream, Packet& packet) mutable {
+            [&packager, &presentation, &mine, &earlyEnds, silenceSeconds, d](std::size_t stream, Packet& packet) {
                 const Route& route = mine[stream];
                 // A stream that leaves the input (its PID dropped from the program) ends on its own: the others
-                // are cut without it from then on, rather than wait for it for ever.
-                // So does one that stops delivering while the others of its input go on.
-                if (packet.ended) {
-                    if (gone[stream]) return;
-                    gone[stream] = true;
-                    warn("input " + std::to_string(d) + " stream " + std::to_string(stream) +
-                         (packet.silent ? ": nothing came for " + std::to_string(silenceSeconds) +
-                                              " s while the others went on"
-                                        : ": it left the program") +
-                         "; it ends here and the others go on without it");
-                    if (route.engine >= 0) {
-                        logger.quietMissingChunks(route.engine);
-                        packager.endOfStream(route.engine);
+                // are cut without it from then on, rather than wait for it for ever. So does one that stops
+                // delivering while the others of its input go on.
+                if (packet.ended)
+                    return earlyEnds.end(d, stream,
+                                         (packet.silent ? "nothing came for " + std::to_string(silenceSeconds) +
+                                                              " s while the others went on"
+                                                        : std::string("it left the program")) +
+                                             "; it ends here and the others go on without it");
+                earlyEnds.deliver(d, stream, [&] {
+                    if (route.splices && packet.pts) {
+                        std::string why;
+                        if (auto splice = spliceOf({packet.data, packet.size}, *packet.pts, why))
+                            presentation.addSplice(splice->first, std::move(splice->second));
+                        else if (!why.empty())
+                            warn("an SCTE-35 section was left out: " + why);
                     }
-                    return;
-                }
-                if (gone[stream]) {
-                    if (!cameBack[stream]) {
-                        cameBack[stream] = true;
-                        warn("input " + std::to_string(d) + " stream " + std::to_string(stream) +
-                             ": it came back after it had ended; it is left out until fmp4mux is started again");
-                    }
-                    return;
-                }
-                if (route.splices && packet.pts) {
-                    std::string why;
-                    if (auto splice = spliceOf({packet.data, packet.size}, *packet.pts, why))
-                        presentation.addSplice(splice->first, std::move(splice->second));
-                    else if (!why.empty())
-                        warn("an SCTE-35 section was left out: " + why);
-                }
-                if (route.video && packet.key && packet.pts) presentation.noteKeyFrame(route.output, *packet.pts);
-                if (route.engine >= 0) packager.deliver(route.engine, packet);
+                    if (route.video && packet.key && packet.pts) presentation.noteKeyFrame(route.output, *packet.pts);
+                    if (route.engine >= 0) packager.deliver(route.engine, packet);
+                });
             },
-            [&packager, &mine, &mediaReading, &mediaEnded, &gone = endedEarly[d], media = !followed[d]] {
-                for (std::size_t k = 0; k < mine.size(); ++k)
-                    if (mine[k].engine >= 0 && !gone[k]) packager.endOfStream(mine[k].engine);
+            [&earlyEnds, &mediaReading, &mediaEnded, media = !followed[d], d] {
+                earlyEnds.endInput(d, "");
                 if (media && --mediaReading == 0) mediaEnded = true;
             }};
         ReaderSettings reading;
@@ -442,14 +435,42 @@ int run(int argc, char** argv) {
         // packaging busy, and all that a file input holds in memory.
         reading.aheadLimitSeconds = 2.0 * std::max(segmentMs, longestKeyIntervalMs) / 1000.0 + 2.0;
         reading.silenceLimitSeconds = silenceSeconds;
+        // Watched for silence as a whole: an input that is read as it comes and carries audio or video. One that
+        // is held back to the packaging's pace stops delivering for that alone.
+        if (!reading.throttle && !followed[d])
+            for (std::size_t k = 0; k < mine.size(); ++k)
+                if (mine[k].engine >= 0 && (streamLists[d][k].kind == "video" || streamLists[d][k].kind == "audio"))
+                    watched.insert(d);
         readers.emplace_back(d, std::make_unique<InputReader>(*inputs[d], static_cast<int>(d), timeline,
                                                               std::move(destination), progress, reading, control.stop));
     }
 
+    // A live input from which nothing has come for the stream timeout, while another input delivers, has fallen
+    // silent (its source died): its streams are ended, so that the other inputs' renditions are still cut.
+    const auto endSilentInputs = [&] {
+        if (silenceSeconds == 0) return;
+        const auto now = Clock::now();
+        const auto delivering = [&](const InputReader& reader, std::chrono::seconds within) {
+            return reader.reading() && now - reader.lastDelivery() < within;
+        };
+        for (auto& [d, reader] : readers) {
+            if (watched.count(d) == 0 || !reader->reading() || delivering(*reader, std::chrono::seconds(silenceSeconds)))
+                continue;
+            const bool othersGoOn = std::any_of(readers.begin(), readers.end(), [&](const auto& other) {
+                return other.first != d && delivering(*other.second, std::chrono::seconds(2));
+            });
+            if (!othersGoOn) continue;
+            watched.erase(d);
+            earlyEnds.endInput(d, "nothing came for " + std::to_string(silenceSeconds) +
+                                      " s while the other inputs went on; its streams end here and the others go on "
+                                      "without them");
+        }
+    };
     // Progress until every output has ended; a failure or an interruption stops the readers, and the chunks under
     // way are finished.
     while (!packager.waitForEnd(std::chrono::seconds(1))) {
         if (presentation.failure()) control.stop = true;
+        endSilentInputs();
         if (control.stop.load()) presentation.wake();
         if (!options.quiet) {
             std::uint64_t dropped = 0, lost = 0;
@@ -463,6 +484,8 @@ int run(int argc, char** argv) {
         }
         if (control.stop.load() && presentation.failure()) break;
     }
+    // Every output has ended; a reader of an input that fell silent may still wait for it.
+    control.stop = true;
     for (auto& [d, reader] : readers) reader->join();
     packager.stop();
 

@@ -101,6 +101,7 @@ void InputReader::run() {
             }
         }
         m_destination.deliver(packet.stream, packet);
+        m_lastDelivery.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     };
     std::vector<std::optional<std::int64_t>> offsets(streams.size());  // by stream: placed time less read time
     std::vector<bool> media(streams.size());
@@ -143,6 +144,7 @@ void InputReader::run() {
         m_stop);
     m_damage.finish();
     m_error = m_input.error();
+    m_reading = false;
     m_destination.endOfStream();
 }
 

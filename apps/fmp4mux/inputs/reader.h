@@ -71,6 +71,12 @@ public:
     const std::string& error() const { return m_error; }
     // What was dropped as damaged; readable while the reader runs.
     const DamageGuard& damage() const { return m_damage; }
+    // When the reader last handed on a packet (or started), and whether it is still reading: a watchdog can tell
+    // an input that has fallen silent.
+    std::chrono::steady_clock::time_point lastDelivery() const {
+        return std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(m_lastDelivery.load()));
+    }
+    bool reading() const { return m_reading.load(); }
 
 private:
     void run();
@@ -84,6 +90,8 @@ private:
     const std::atomic<bool>& m_stop;
     std::string m_error;
     DamageGuard m_damage;
+    std::atomic<std::chrono::steady_clock::rep> m_lastDelivery{std::chrono::steady_clock::now().time_since_epoch().count()};
+    std::atomic<bool> m_reading{true};
     std::thread m_thread;  // last: starts once everything above exists
 };
 
