@@ -510,6 +510,9 @@ int run(int argc, char** argv) {
              (dropped > 0 ? " and " + std::to_string(dropped) + " PES that could not be read" : ""));
     }
     for (const auto& [d, reader] : readers)
+        if (const std::string report = inputs[d]->transportReport(); !report.empty())
+            say("input " + std::to_string(d) + " transport: " + report);
+    for (const auto& [d, reader] : readers)
         if (!reader->error().empty()) warn("reading input " + std::to_string(d) + " stopped early: " + reader->error());
     if (const auto failure = presentation.failure()) throw ExitError(kExitFailed, *failure);
     if (presentation.chunks() == 0)

@@ -72,6 +72,8 @@ public:
     // any thread.
     virtual std::uint64_t packetsLost() const { return 0; }
     virtual std::uint64_t pesDropped() const { return 0; }
+    // What else the reader met on the way, for the end of the run ("" when nothing): read after run() returned.
+    virtual std::string transportReport() const { return {}; }
 };
 
 }  // namespace fmp4mux

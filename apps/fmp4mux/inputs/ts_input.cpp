@@ -192,6 +192,20 @@ std::optional<double> TsInput::keyFrameInterval(double maxSeconds) {
     return meter.interval();
 }
 
+std::string TsInput::transportReport() const {
+    const TsDemux::Stats& stats = m_demux.stats();
+    std::string report;
+    const auto add = [&report](std::uint64_t count, const char* one, const char* many) {
+        if (count == 0) return;
+        report += (report.empty() ? "" : ", ") + std::to_string(count) + " " + (count == 1 ? one : many);
+    };
+    add(stats.duplicates, "repeated packet skipped", "repeated packets skipped");
+    add(stats.resyncs, "loss of the packet grid", "losses of the packet grid");
+    add(stats.badSections, "table section with a bad CRC or length", "table sections with a bad CRC or length");
+    add(stats.pmtChanges, "new version of the program map", "new versions of the program map");
+    return report;
+}
+
 bool TsInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
     m_probe->flags().stop = &stop;
     m_onPacket = &onPacket;

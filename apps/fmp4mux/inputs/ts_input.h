@@ -41,6 +41,7 @@ public:
     std::optional<std::int64_t> firstKeyFrameTime() const override { return m_firstKey; }
     std::uint64_t packetsLost() const override { return m_lost.load(std::memory_order_relaxed); }
     std::uint64_t pesDropped() const override { return m_pesDropped.load(std::memory_order_relaxed); }
+    std::string transportReport() const override;
 
 private:
     // One PES or section of a kept stream, as the demultiplexer gave it (90 kHz times).

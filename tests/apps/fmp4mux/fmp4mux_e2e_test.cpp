@@ -746,6 +746,8 @@ TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramOrFallsSilentEndsThereAndTheOth
                                           : "input 0 stream 1: nothing came for 1 s while the others went on"),
                   std::string::npos) << r.output;
         EXPECT_EQ(r.output.find("missing chunk"), std::string::npos) << r.output;
+        EXPECT_EQ(r.output.find("input 0 transport: 1 new version of the program map") != std::string::npos, pmtSaysSo)
+            << r.output;
         EXPECT_EQ(decodedVideo(joinTrack(out, "video0")).second, 150) << r.output;
         EXPECT_EQ(representation(out, "video0").second.size(), 4u) << name;  // the init segment and three of 2 s
         const long audio = decodedAudio(joinTrack(out, "audio1"));
@@ -773,6 +775,8 @@ TEST(Fmp4muxEndToEnd, ADamagedTransportStreamIsReadToTheEndAndItsLossesAreSaid) 
     const Outcome r = sh(mux(q(input) + " " + q(out)));
     ASSERT_EQ(r.exitCode, 0) << r.output;
     EXPECT_TRUE(std::regex_search(r.output, std::regex("input 0 lost [1-9][0-9]* transport packets"))) << r.output;
+    EXPECT_TRUE(std::regex_search(r.output, std::regex("input 0 transport: .*[1-9][0-9]* loss(es)? of the packet grid")))
+        << r.output;
     const Outcome video = sh("ffmpeg -hide_banner -loglevel error -nostdin -xerror -i " + q(joinTrack(out, "video0")) +
                              " -f null -");
     EXPECT_EQ(video.exitCode, 0) << video.output;
