@@ -72,7 +72,7 @@ std::uint32_t clamp32(std::uint64_t value) {
 
 }  // namespace
 
-ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
+ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room) {
     if (p.timescale == 0 || p.timescale > std::numeric_limits<std::uint32_t>::max())
         throw CorvaneException("invalid chunk timescale");
     // The pssh boxes of a segment start come from the encryption record: without one there is no provider to ask.
@@ -191,9 +191,13 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p) {
     head.push_back(moof);
     head.push_back(mdat);
 
-    ChunkBytes out;
+    ChunkBytes out = std::move(room);
     out.size = getBoxesSize(head) + getBoxesSize(tail);
-    out.data.reset(new std::uint8_t[out.size]);  // every byte is written below: no zero fill
+    if (out.capacity < out.size) {
+        // A quarter more than asked: the chunks of a stream vary in size around the same value.
+        out.capacity = out.size + out.size / 4;
+        out.data.reset(new std::uint8_t[out.capacity]);  // every byte is written below: no zero fill
+    }
     ImffBitWriter writer(out.data.get(), out.size);
     for (const auto& box : head) binarizeChecked(*box, writer);
     for (const TrackFragment& fragment : fragments)

@@ -67,11 +67,14 @@ struct ChunkSerialisationParameters {
 struct ChunkBytes {
     std::unique_ptr<std::uint8_t[]> data;
     std::size_t size = 0;
+    std::size_t capacity = 0;  // what `data` holds room for
 };
 
 // Fails with "No Encryption Provider Specified" when DASH fragments must carry pssh boxes at a segment start and
 // there is no encryption record to give them. With no encryption record the chunk is clear.
-ChunkBytes serialiseChunk(const ChunkSerialisationParameters& parameters);
+// `room`, the bytes of an earlier chunk that are no longer needed, is written over when it is large enough, so
+// that a stream's chunks do not each take (and fault in) fresh memory.
+ChunkBytes serialiseChunk(const ChunkSerialisationParameters& parameters, ChunkBytes room = {});
 
 }  // namespace v7_2
 }  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -431,7 +431,9 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
                 m_encryption->getProtectionBoxes(p.encryption->fragmentProtectionBoxes, true);
         }
         if (m_chunkDump) m_chunkDump(chunkDumpText(p.tracks, p.chunkNumber, p.segmentNumber, m_timeOrigin));
-        const ChunkBytes bytes = serialiseChunk(p);
+        // The output copies the bytes before Write returns: the room is kept for the next chunk.
+        m_room = serialiseChunk(p, std::move(m_room));
+        const ChunkBytes& bytes = m_room;
 
         const bool written = output.output != nullptr &&
                              output.output->Write(bytes.data.get(), bytes.size, &chunkTime, 0, false, discontinuity,

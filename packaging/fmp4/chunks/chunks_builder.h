@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "packaging/fmp4/chunks/chunk_serializer.h"
 #include "packaging/fmp4/chunks/parental_rating.h"
 #include "packaging/fmp4/fmp4_mux/chunks_builder_interface.h"
 #include "packaging/fmp4/fmp4_mux/fmp4_mux.h"
@@ -111,6 +112,7 @@ private:
     std::map<std::uint32_t, std::int64_t> m_earliest;    // per stream, 100 ns units
     std::deque<HeldChunks> m_held;
     ParentalRatings m_ratings;
+    ChunkBytes m_room;  // the last chunk's bytes, written over by the next
     std::unique_ptr<encryption::EncryptionManager> m_encryption;
     std::function<std::int64_t()> m_clock;
     tvrn::log::ILogger& m_logger;
