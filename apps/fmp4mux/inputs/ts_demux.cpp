@@ -422,20 +422,31 @@ void TsDemux::readPat(const std::uint8_t* p, std::size_t n) {
     // table_id 0, section_syntax_indicator, current_next_indicator set.
     if (p[0] != 0x00 || (p[1] & 0x80) == 0 || (p[5] & 0x01) == 0 || n < 12) return;
     const int version = (p[5] >> 1) & 0x1F;
-    if (version == m_patVersion) return;
+    const int section = p[6], last = p[7];
+    if (version == m_patVersion || section > last) return;
+    // The new version takes effect once all its sections have come.
+    PendingPat& pending = m_pendingPat;
+    if (pending.version != version || pending.last != last) pending = {version, last, decltype(pending.sections)(static_cast<std::size_t>(last) + 1)};
+    auto& entries = pending.sections[static_cast<std::size_t>(section)].emplace();
+    for (std::size_t at = 8; at + 4 <= n - 4; at += 4)
+        entries.emplace_back(static_cast<std::uint16_t>((p[at] << 8) | p[at + 1]),
+                             static_cast<std::uint16_t>(((p[at + 2] & 0x1F) << 8) | p[at + 3]));
+    for (const auto& one : pending.sections)
+        if (!one) return;
     m_patVersion = version;
     std::vector<Program> programs;
-    for (std::size_t at = 8; at + 4 <= n - 4; at += 4) {
-        const auto number = static_cast<std::uint16_t>((p[at] << 8) | p[at + 1]);
-        const auto pid = static_cast<std::uint16_t>(((p[at + 2] & 0x1F) << 8) | p[at + 3]);
-        if (number == 0 || pid == kPatPid || pid == kNullPid) continue;  // the network PID, or nonsense
-        Program program;
-        program.number = number;
-        program.pmtPid = pid;
-        for (const Program& old : m_programs)
-            if (old.number == number && old.pmtPid == pid) program = old;
-        programs.push_back(std::move(program));
+    for (const auto& one : pending.sections) {
+        for (const auto& [number, pid] : *one) {
+            if (number == 0 || pid == kPatPid || pid == kNullPid) continue;  // the network PID, or nonsense
+            Program program;
+            program.number = number;
+            program.pmtPid = pid;
+            for (const Program& old : m_programs)
+                if (old.number == number && old.pmtPid == pid) program = old;
+            programs.push_back(std::move(program));
+        }
     }
+    m_pendingPat = {};
     // Programs gone take their PIDs with them; a PID still listed elsewhere is kept.
     const auto listed = [&programs](std::uint16_t pid) {
         for (const Program& program : programs) {

@@ -130,7 +130,14 @@ private:
     std::vector<Program> m_programs;
     std::bitset<8192> m_ignored;
     std::vector<std::pair<std::uint16_t, Line>> m_lines;  // by program number, kept when a program goes
-    int m_patVersion = -1;
+    int m_patVersion = -1;  // of the PAT in force
+    // The sections of a PAT version still being gathered (a PAT of many programs spans several): by section
+    // number, the (program number, PMT PID) pairs of each that has come.
+    struct PendingPat {
+        int version = -1;
+        int last = -1;
+        std::vector<std::optional<std::vector<std::pair<std::uint16_t, std::uint16_t>>>> sections;
+    } m_pendingPat;
     std::vector<std::uint8_t> m_carry;  // bytes of a packet cut between two pushes
     bool m_synced = false;
     std::size_t m_buffered = 0;  // PES bytes held, all PIDs together

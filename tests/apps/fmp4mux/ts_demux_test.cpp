@@ -59,6 +59,10 @@ const auto kPat = ts("47 40 00 10", "00 00 B0 0D 00 01 C1 00 00 00 01 E1 00 E8 F
 // A PAT section of length 0 (B0 00), then the PAT again with counter 1.
 const auto kEmptyPat = ts("47 40 00 10", "00 00 B0 00");
 const auto kPatAgain = ts("47 40 00 11", "00 00 B0 0D 00 01 C1 00 00 00 01 E1 00 E8 F9 5E 7D");
+// The PAT in two sections (section_number 0 and 1, last_section_number 1): program 2 on PMT PID 0x200 in the
+// first, program 1 on 0x100 in the second; CRCs worked out as above.
+const auto kPatFirstOfTwo = ts("47 40 00 10", "00 00 B0 0D 00 01 C1 00 01 00 02 E2 00 D1 76 93 AA");
+const auto kPatSecondOfTwo = ts("47 40 00 11", "00 00 B0 0D 00 01 C1 01 01 00 01 E1 00 BA DC 34 88");
 const auto kPmt = ts("47 41 00 10", "00 02 B0 1C 00 01 C1 00 00 E1 01 F0 00 1B E1 01 F0 00 0F E1 02 F0 00 86 E1 03 F0 00 "
                                     "15 E9 47 57");
 const auto kPmtV1 = ts("47 41 00 11", "00 02 B0 17 00 01 C3 00 00 E1 01 F0 00 1B E1 01 F0 00 86 E1 03 F0 00 B5 26 6E D7");
@@ -159,6 +163,9 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"SectionOfLengthZero",
              {kEmptyPat, kPatAgain, kPmt, kAudio},
              {"pes 258 8 A0-A0 pts=126000 dts=126000", "lost 0 duplicates 0 bad sections 1 PMT changes 0"}},
+        Case{"ProgramInTheSecondSectionOfThePat",
+             {kPatFirstOfTwo, kPatSecondOfTwo, kPmt, kAudio},
+             {"pes 258 8 A0-A0 pts=126000 dts=126000", "lost 0 duplicates 0 bad sections 0 PMT changes 0"}},
         Case{"SectionAcrossPacketsThenOneWithABadCrc",
              {kPat, kPmt, kPcr, kSpliceStart, kSpliceEnd, kSpliceBadCrc},
              {"section 259 20 clock=90000", "lost 0 duplicates 0 bad sections 1 PMT changes 0"}}),
