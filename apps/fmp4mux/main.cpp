@@ -388,27 +388,34 @@ int run(int argc, char** argv) {
             packager.endOfStream(engine);
         },
         [](const std::string& line) { warn(line); });
-    // A stream that falls silent is ended after three segments (or GOPs, if longer) of media, and never sooner
-    // than six seconds: a short loss is waited for, a dead encoder is not.
-    const std::uint32_t silenceSeconds =
-        options.streamTimeoutSeconds.value_or(static_cast<std::uint32_t>(
-            std::max<std::int64_t>(6, (3 * std::max<std::int64_t>(segmentMs, longestKeyIntervalMs) + 999) / 1000)));
+    // How long a stream may deliver nothing while the rest of its input goes on before it is ended. A live input
+    // (read as it comes) waits three segments (or GOPs, if longer), and at least 6 s: its output stands still
+    // meanwhile. A file has nobody waiting: it waits at least 30 s of its media, so that a gap in one stream (an
+    // encoder that stopped for a while) is kept as a gap, while a stream that died does not hold the rest in
+    // memory to the end of the file.
+    const auto streamTimeout = [&](bool readAsItComes) {
+        const std::int64_t segments = (3 * std::max<std::int64_t>(segmentMs, longestKeyIntervalMs) + 999) / 1000;
+        return options.streamTimeoutSeconds.value_or(static_cast<std::uint32_t>(std::max<std::int64_t>(readAsItComes ? 6 : 30, segments)));
+    };
+    const std::uint32_t silenceSeconds = streamTimeout(true);  // of live inputs that fall silent as a whole
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         const auto& mine = routes[d];
+        const bool throttled = inputs[d]->canWait() && !options.realtime;
+        const std::uint32_t timeout = streamTimeout(!throttled);
         if (!reads(d)) {
             say("input " + std::to_string(d) + ": no stream selected, the input is not read");
             continue;
         }
         PacketDestination destination{
             [&mine](std::size_t stream) { return mine[stream].used(); },
-            [&packager, &presentation, &mine, &earlyEnds, silenceSeconds, d](std::size_t stream, Packet& packet) {
+            [&packager, &presentation, &mine, &earlyEnds, timeout, d](std::size_t stream, Packet& packet) {
                 const Route& route = mine[stream];
                 // A stream that leaves the input (its PID dropped from the program) ends on its own: the others
                 // are cut without it from then on, rather than wait for it for ever. So does one that stops
                 // delivering while the others of its input go on.
                 if (packet.ended)
                     return earlyEnds.end(d, stream,
-                                         (packet.silent ? "nothing came for " + std::to_string(silenceSeconds) +
+                                         (packet.silent ? "nothing came for " + std::to_string(timeout) +
                                                               " s while the others went on"
                                                         : std::string("it left the program")) +
                                              "; it ends here and the others go on without it");
@@ -430,11 +437,11 @@ int run(int argc, char** argv) {
             }};
         ReaderSettings reading;
         reading.realtime = options.realtime;
-        reading.throttle = inputs[d]->canWait() && !options.realtime;
+        reading.throttle = throttled;
         // Two segments (or two of the longest GOP, which a cut has to wait for) and two seconds: enough to keep
         // packaging busy, and all that a file input holds in memory.
         reading.aheadLimitSeconds = 2.0 * std::max(segmentMs, longestKeyIntervalMs) / 1000.0 + 2.0;
-        reading.silenceLimitSeconds = silenceSeconds;
+        reading.silenceLimitSeconds = timeout;
         // Watched for silence as a whole: an input that is read as it comes and carries audio or video. One that
         // is held back to the packaging's pace stops delivering for that alone.
         if (!reading.throttle && !followed[d])

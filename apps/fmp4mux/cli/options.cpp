@@ -411,7 +411,7 @@ with nothing to package; 4 output folder not writable.
            },
            "end an audio or video stream that delivers nothing for this many seconds of media\n"
            "while the rest of its input goes on, so that the others are still cut (0: never;\n"
-           "default three segments, at least 6)")
+           "default three segments, at least 6 for a live input and 30 for a file)")
         ->type_name("SECONDS");
     repeatable("--follow", "INPUT",
                "read subtitle input INPUT (its index) as another program writes it, cue by\n"

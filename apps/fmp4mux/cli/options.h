@@ -57,7 +57,7 @@ struct Options {
     bool libavDemuxer = false;   // MPEG-TS read with libavformat rather than fmp4mux's own reader
     bool realtime = false;
     // Seconds of media an audio or video stream may deliver nothing while its input goes on, before it is ended;
-    // 0 never; unset: three segments, at least 6.
+    // 0 never; unset: three segments, at least 6 for a live input and 30 for a file.
     std::optional<std::uint32_t> streamTimeoutSeconds;
     std::vector<int> follow;  // subtitle inputs read as they grow (named pipes are, always)
     std::uint32_t timeShiftBufferSeconds = 60;

@@ -43,10 +43,14 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
         return true;
     }
     const std::int64_t raw = dts ? *dts : *pts;
+    const auto furthest = m_furthest.find(input);
     if (!s.seen) {
         s.epoch = m_inputEpoch[input];
     } else if (const std::int64_t placed = raw + m_epochs[s.epoch].offset;
-               !fits(s, placed) || (discontinuity && std::llabs(placed - s.due) > std::max<std::int64_t>(s.step, 1))) {
+               // A stream that comes back after a gap to where the rest of its input has got (an audio encoder
+               // that stopped for a while) has a gap, not a jump: only a step beyond the whole input is one.
+               !(placed > s.due + m_bound && furthest != m_furthest.end() && placed <= furthest->second + m_bound) &&
+               (!fits(s, placed) || (discontinuity && std::llabs(placed - s.due) > std::max<std::int64_t>(s.step, 1)))) {
         const std::int64_t jump = raw + m_epochs[s.epoch].offset - s.due;
         if (const auto e = adoptableEpoch(input, s, raw)) {
             s.epoch = *e;
@@ -68,6 +72,7 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
     }
     if (s.seen && t - s.last <= m_bound) s.step = t - s.last;
     s.last = t;
+    if (auto& far = m_furthest[input]; t > far) far = t;
     s.due = t + (duration > 0 ? duration : s.step);
     s.seen = true;
     if (s.waitForKey && !key) {

@@ -13,6 +13,8 @@
 // rendition of the same encoder) adopt it too, so renditions stay aligned. A packet that the common offset would
 // put behind its stream's last one (a splice whose audio starts before its video) is dropped, and video then waits
 // for its next key frame; so is a packet a little behind its stream's last one. Gaps smaller than the bound are kept as they are: media that is missing stays missing.
+// So are the gaps of one stream that comes back to where the other streams of its input have got: a step forward
+// is a jump only when it goes beyond the whole input.
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -71,6 +73,7 @@ private:
     std::vector<Epoch> m_epochs{{0, -1}};
     std::map<int, std::size_t> m_inputEpoch;             // the epoch an input's new streams start in
     std::map<std::pair<int, int>, Stream> m_streams;
+    std::map<int, std::int64_t> m_furthest;              // by input, the latest time placed of any of its streams
     std::map<std::pair<int, std::size_t>, bool> m_told;  // (input, epoch) already logged
     std::uint64_t m_dropped = 0;
 };

@@ -716,11 +716,11 @@ void withoutStream(std::uint8_t* packet, unsigned pid) {
 }
 
 // The h264 fixture with its audio PID gone from the middle on (null packets instead) and, unless told otherwise, its
-// PMT changed to say so.
-std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true) {
+// PMT changed to say so; or gone from 0.5 s to 5.5 s only, a gap.
+std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true, bool gap = false) {
     std::vector<std::uint8_t> ts = testkit::readFile(made(kH264));
     const std::size_t packets = ts.size() / 188;
-    for (std::size_t k = packets / 2; k < packets; ++k) {
+    for (std::size_t k = gap ? packets / 12 : packets / 2; k < (gap ? packets * 11 / 12 : packets); ++k) {
         std::uint8_t* p = &ts[k * 188];
         const unsigned pid = ((p[1] & 0x1Fu) << 8) | p[2];
         if (pid == 0x101) {
@@ -754,6 +754,23 @@ TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramOrFallsSilentEndsThereAndTheOth
         EXPECT_GT(audio, 48000 * 2);
         EXPECT_LT(audio, 48000 * 4);
     }
+}
+
+// The audio stops for 5 of the 6 s and comes back: a gap longer than a timestamp jump's bound (4 s here), but not a
+// jump of the input, which would move the video back and lose it; and shorter than a file's stream timeout: the
+// audio comes back in.
+TEST(Fmp4muxEndToEnd, AGapInOneStreamIsKeptAsAGap) {
+    const fs::path input = dir() / "audio-gap.ts", out = dir() / "audio-gap";
+    testkit::writeFile(input.string(), withoutAudioFromTheMiddle(false, true));
+    const Outcome r = sh(mux(q(input) + " " + q(out)));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(r.output.find("timestamps jump"), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find("it ends here"), std::string::npos) << r.output;
+    EXPECT_EQ(decodedVideo(joinTrack(out, "video0")).second, 150) << r.output;
+    EXPECT_EQ(representation(out, "video0").second.size(), 4u);  // the init segment and three of 2 s
+    const long audio = decodedAudio(joinTrack(out, "audio1"));  // about 0.5 s before the gap and 0.5 s after
+    EXPECT_GT(audio, 48000 / 2);
+    EXPECT_LT(audio, 48000 * 3 / 2);
 }
 
 // An MPEG-TS damaged every way at once: its audio gone from the middle on, as above; a dozen packets overwritten

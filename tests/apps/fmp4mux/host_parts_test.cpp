@@ -306,6 +306,10 @@ INSTANTIATE_TEST_SUITE_P(
              {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 21, 21), A(0, 42, 42), V(0, 80, 80), A(0, 63, 63),
               A(0, 84, 84), A(0, 5000105, 105), V(0, 5000120, 120), A(0, 5000126, 126)},
              1},
+        JumpCase{"AStreamBackFromAGapToWhereItsInputHasGotKeepsItsTimes",
+             {V(0, 0, 0), A(0, 0, 0), A(0, 21, 21), V(0, 3000, 3000), V(0, 6000, 6000), V(0, 9000, 9000),
+              A(0, 9021, 9021), A(0, 9042, 9042)},
+             0},
         JumpCase{"RenditionsThatJumpTogetherStayAligned",
              // input 1 lost its packet at 80 just before the jump: it still lands where input 0 does
              {V(0, 0, 0), V(1, 0, 0), V(0, 40, 40), V(1, 40, 40), V(0, 80, 80), V(0, 5000120, 120),
@@ -319,9 +323,6 @@ INSTANTIATE_TEST_SUITE_P(
              1}),
     [](const auto& test) { return test.param.name; });
 
-// Damaged packets, as a demuxer flags them after a transport continuity error. Letters: V video, K video key
-// frame, J video key frame whose times jumped (a splice), A audio; a trailing '!' marks the packet damaged. In
-// `kept`, what reached the packager in order, lower case for what was dropped (in the order fed).
 // Streams 0 and 1 are media, 2 is not; the limit is 10. Each step notes a time and lists the streams then said to be
 // silent: one is said once, counts from the input's first time when it never delivered, and not after it ended.
 TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
@@ -345,6 +346,9 @@ TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
     EXPECT_TRUE(ended.note(0, 50).empty());
 }
 
+// Damaged packets, as a demuxer flags them after a transport continuity error. Letters: V video, K video key
+// frame, J video key frame whose times jumped (a splice), A audio; a trailing '!' marks the packet damaged. In
+// `kept`, what reached the packager in order, lower case for what was dropped (in the order fed).
 TEST(DamageGuard, DropsDamagedVideoToTheNextKeyFrameAndDamagedAudioAlone) {
     struct Case { std::vector<std::string> fed; std::string passed; std::uint64_t damagedVideo, videoDropped, audioDropped; };
     const std::vector<Case> cases{
