@@ -72,7 +72,7 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
     }
     if (s.seen && t - s.last <= m_bound) s.step = t - s.last;
     s.last = t;
-    if (auto& far = m_furthest[input]; t > far) far = t;
+    if (const auto [far, fresh] = m_furthest.try_emplace(input, t); !fresh && t > far->second) far->second = t;
     s.due = t + (duration > 0 ? duration : s.step);
     s.seen = true;
     if (s.waitForKey && !key) {
