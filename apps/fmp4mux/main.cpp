@@ -434,7 +434,8 @@ int run(int argc, char** argv) {
             [&earlyEnds, &mediaReading, &mediaEnded, media = !followed[d], d] {
                 earlyEnds.endInput(d, "");
                 if (media && --mediaReading == 0) mediaEnded = true;
-            }};
+            },
+            [](const std::string& line) { warn(line); }};
         ReaderSettings reading;
         reading.realtime = options.realtime;
         reading.throttle = throttled;

@@ -1,9 +1,11 @@
 #include "apps/fmp4mux/inputs/reader.h"
 
 #include <algorithm>
+#include <cmath>
 #include <optional>
 #include <vector>
 
+#include "apps/fmp4mux/inputs/aac_silence.h"
 #include "apps/fmp4mux/inputs/pacing.h"
 
 namespace fmp4mux {
@@ -34,14 +36,17 @@ private:
     double m_furthest = 0;
 };
 
+constexpr std::int64_t kSilenceLag = 2 * 10000000LL;  // 100 ns units
+
 }  // namespace
 
 SilenceWatch::SilenceWatch(std::vector<bool> media, std::int64_t limit)
-    : m_watched(std::move(media)), m_last(m_watched.size()), m_limit(limit) {}
+    : m_media(std::move(media)), m_watched(m_media), m_last(m_media.size()), m_limit(limit) {}
 
 std::vector<std::size_t> SilenceWatch::note(std::size_t stream, std::int64_t time) {
     std::vector<std::size_t> silent;
-    if (m_limit <= 0 || stream >= m_watched.size() || !m_watched[stream]) return silent;
+    if (m_limit <= 0 || stream >= m_media.size() || !m_media[stream]) return silent;
+    m_watched[stream] = true;  // one said silent that delivers again is watched again
     if (!m_first) m_first = time;
     if (!m_last[stream] || time > *m_last[stream]) m_last[stream] = time;
     for (std::size_t k = 0; k < m_watched.size(); ++k) {
@@ -55,7 +60,9 @@ std::vector<std::size_t> SilenceWatch::note(std::size_t stream, std::int64_t tim
 }
 
 void SilenceWatch::forget(std::size_t stream) {
-    if (stream < m_watched.size()) m_watched[stream] = false;
+    if (stream >= m_media.size()) return;
+    m_media[stream] = false;
+    m_watched[stream] = false;
 }
 
 InputReader::InputReader(Input& input, int index, TimelineKeeper& timeline, PacketDestination destination,
@@ -108,6 +115,17 @@ void InputReader::run() {
     for (std::size_t k = 0; k < streams.size(); ++k)
         media[k] = m_destination.wants(k) && (streams[k].kind == "video" || streams[k].kind == "audio");
     SilenceWatch silence(std::move(media), static_cast<std::int64_t>(m_settings.silenceLimitSeconds * 1e7));
+    // AAC streams that fall silent are kept going with silent frames rather than ended.
+    std::vector<std::optional<AacSilence>> fills(streams.size());
+    for (std::size_t k = 0; k < streams.size(); ++k)
+        if (m_destination.wants(k) && streams[k].kind == "audio" && streams[k].codec == "aac") fills[k].emplace(k);
+    const auto warn = [this](const std::string& line) {
+        if (m_destination.warn) m_destination.warn(line);
+    };
+    std::optional<std::int64_t> furthest;  // the latest time placed of any stream
+    const auto name = [this](std::size_t stream) {
+        return "input " + std::to_string(m_index) + " stream " + std::to_string(stream);
+    };
     m_input.run(
         [&](Packet& packet) {
             if (!m_destination.wants(packet.stream)) return;
@@ -125,13 +143,34 @@ void InputReader::run() {
                 return;
             // A change of the offset that the timeline keeper applies is a timestamp jump taken out here.
             const std::optional<std::int64_t> placed = packet.dts ? packet.dts : packet.pts;
+            if (placed && (!furthest || *placed > *furthest)) furthest = placed;
+            if (placed && fills[packet.stream]) {
+                AacSilence& fill = *fills[packet.stream];
+                if (fill.filling()) {
+                    if (fill.covers(*placed)) return;  // the silence already stands for this time
+                    for (Packet& silent : fill.handOver(*placed)) forward(silent);
+                    warn(name(packet.stream) + ": it came back; its own frames follow the silence from here");
+                }
+                fill.noteReal(packet);
+            }
             if (placed) {
                 for (const std::size_t quiet : silence.note(packet.stream, *placed)) {
+                    if (fills[quiet] && fills[quiet]->canFill()) {
+                        fills[quiet]->start();
+                        warn(name(quiet) + ": nothing came for " + std::to_string(std::lround(m_settings.silenceLimitSeconds)) +
+                             " s while the others went on; silence fills its gap until it comes back");
+                        continue;
+                    }
                     Packet end;
                     end.stream = quiet;
                     end.ended = end.silent = true;
                     m_destination.deliver(quiet, end);
                 }
+                // Silence runs a little behind the others, so that the stream, should it come back, finds its
+                // place after it (the audio of a transport stream comes up to a second behind its video).
+                for (auto& fill : fills)
+                    if (fill && fill->filling())
+                        for (Packet& silent : fill->upTo(*placed - kSilenceLag)) forward(silent);
             }
             bool jumped = false;
             if (read && placed) {
@@ -142,6 +181,10 @@ void InputReader::run() {
             m_damage.offer(packet, streams[packet.stream].kind == "video", jumped, forward);
         },
         m_stop);
+    // At the end of the input the silence goes as far as the others did.
+    for (auto& fill : fills)
+        if (fill && fill->filling() && furthest && !m_stop.load())
+            for (Packet& silent : fill->handOver(*furthest)) forward(silent);
     m_damage.finish();
     m_error = m_input.error();
     m_reading = false;

@@ -23,6 +23,7 @@ struct PacketDestination {
     // May take the bytes the packet owns (Packet::owned).
     std::function<void(std::size_t stream, Packet& packet)> deliver;
     std::function<void()> endOfStream;  // every stream of the input has ended
+    std::function<void(const std::string&)> warn;  // a line for the operator (optional)
 };
 
 // How far packaging has got, for a reader that must not run too far ahead of it.
@@ -46,12 +47,14 @@ struct ReaderSettings {
 class SilenceWatch {
 public:
     SilenceWatch(std::vector<bool> media, std::int64_t limit);
-    // Notes a time of `stream`; answers the streams that now lag it by more than the limit, each once.
+    // Notes a time of `stream`; answers the streams that now lag it by more than the limit, each once until it
+    // delivers again.
     std::vector<std::size_t> note(std::size_t stream, std::int64_t time);
     // The stream ended by itself: it is not watched any more.
     void forget(std::size_t stream);
 
 private:
+    std::vector<bool> m_media;
     std::vector<bool> m_watched;
     std::vector<std::optional<std::int64_t>> m_last;
     std::optional<std::int64_t> m_first;

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
+#include "apps/fmp4mux/inputs/aac_silence.h"
 #include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/reader.h"
@@ -344,6 +345,50 @@ TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
     ended.forget(1);
     EXPECT_TRUE(ended.note(0, 0).empty());
     EXPECT_TRUE(ended.note(0, 50).empty());
+}
+
+// Silent AAC frames after a stereo AAC-LC PES of two 48 kHz frames at 1 s: they start where it ended (2048 samples
+// later), each one 1024 samples; the frame is the ADTS header (frame length 13) and the 6-byte silent CPE. A packet of
+// the stream that the silence already stands for is dropped; one at or past it takes over.
+TEST(AacSilence, SilentFramesFollowOnFromTheStreamAndHandBackToIt) {
+    // ADTS: FFF1, profile LC (01), rate index 3 (48 kHz), channels 2; two frames of 8 bytes (length 8, 1 block each).
+    const std::vector<std::uint8_t> pes = {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC, 0xAA,
+                                           0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC, 0xBB};
+    fmp4mux::Packet real;
+    real.data = pes.data();
+    real.size = pes.size();
+    real.pts = real.dts = 10000000;
+    fmp4mux::AacSilence fill(1);
+    fill.noteReal(real);
+    ASSERT_TRUE(fill.canFill());
+    fill.start();
+    const std::int64_t start = 10000000 + 2048 * 10000000LL / 48000;  // 1.0426666 s
+    const auto frames = fill.upTo(start + 3 * 1024 * 10000000LL / 48000);
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames[0].owned, (std::vector<std::uint8_t>{0xFF, 0xF1, 0x4C, 0x80, 0x01, 0xBF, 0xFC, 0x21, 0x00, 0x00,
+                                                          0x00, 0x00, 0x1C}));
+    EXPECT_EQ(*frames[0].pts, start);
+    EXPECT_EQ(*frames[1].pts, start + 1024 * 10000000LL / 48000);
+    // 1024 samples each, on a running count so that no rounding adds up: 213333, 213333, 213334 (640000 in all).
+    EXPECT_EQ(frames[1].duration, 213333);
+    EXPECT_EQ(frames[2].duration, 213334);
+    EXPECT_EQ(frames[2].stream, 1u);
+    const std::int64_t reached = start + 3 * 1024 * 10000000LL / 48000;
+    EXPECT_TRUE(fill.covers(reached - 200000));
+    EXPECT_FALSE(fill.covers(reached - 50000));
+    EXPECT_EQ(fill.handOver(reached + 213334).size(), 1u);
+    EXPECT_FALSE(fill.filling());
+
+    // HE-AAC (profile field 2 would be SSR; an AAC-LC header is what silence is made for) and 5.1 make none.
+    for (const std::uint8_t byte2 : {std::uint8_t{0x8C}, std::uint8_t{0x4D}}) {
+        std::vector<std::uint8_t> other = pes;
+        other[2] = byte2;
+        other[3] = byte2 == 0x4D ? 0x80 : other[3];  // with 0x4D: channel configuration 6
+        fmp4mux::AacSilence none(0);
+        real.data = other.data();
+        none.noteReal(real);
+        EXPECT_FALSE(none.canFill()) << int(byte2);
+    }
 }
 
 // Damaged packets, as a demuxer flags them after a transport continuity error. Letters: V video, K video key
