@@ -39,10 +39,8 @@ void StreamEnds::endInput(std::size_t input, const std::string& why) {
     }
 }
 
-void StreamEnds::deliver(std::size_t input, std::size_t stream, const std::function<void()>& deliver) {
-    Input& in = *m_inputs.at(input);
-    std::lock_guard lock(in.mutex);
-    if (!in.ended.at(stream)) return deliver();
+void StreamEnds::refusedLocked(std::size_t input, std::size_t stream) {
+    Input& in = *m_inputs[input];
     if (in.cameBack[stream]) return;
     in.cameBack[stream] = true;
     m_warn("input " + std::to_string(input) + " stream " + std::to_string(stream) +

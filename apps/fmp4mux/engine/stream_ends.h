@@ -24,8 +24,15 @@ public:
     // Ends every stream of `input` that has not ended, saying why once (the text after "input D: "); nothing is
     // said when `why` is empty (the input ended by itself).
     void endInput(std::size_t input, const std::string& why);
-    // Runs `deliver` unless the stream has ended; the first packet refused says that the stream came back.
-    void deliver(std::size_t input, std::size_t stream, const std::function<void()>& deliver);
+    // Runs `deliver` unless the stream has ended; the first packet refused says that the stream came back. A
+    // template: it runs for every packet, and a std::function of the caller's captures would allocate each time.
+    template <typename Deliver>
+    void deliver(std::size_t input, std::size_t stream, Deliver&& deliver) {
+        Input& in = *m_inputs.at(input);
+        std::lock_guard lock(in.mutex);
+        if (!in.ended.at(stream)) return deliver();
+        refusedLocked(input, stream);
+    }
     bool ended(std::size_t input, std::size_t stream) const;
 
 private:
@@ -34,6 +41,7 @@ private:
         std::vector<bool> ended, cameBack;
     };
     void endLocked(std::size_t input, std::size_t stream);
+    void refusedLocked(std::size_t input, std::size_t stream);
 
     std::vector<std::vector<int>> m_engineOf;
     std::function<void(int)> m_end;

@@ -1,5 +1,7 @@
 #include "apps/fmp4mux/inputs/aac_silence.h"
 
+#include "apps/fmp4mux/inputs/adts.h"
+
 namespace fmp4mux {
 
 namespace {
@@ -26,20 +28,17 @@ void AacSilence::noteReal(const Packet& packet) {
     // A PES of ADTS frames has no duration of its own: its frames' count of samples gives it.
     std::uint64_t samples = 0;
     for (std::size_t at = 0; at + 7 <= packet.size;) {
-        const std::uint8_t* f = packet.data + at;
-        if (f[0] != 0xFF || (f[1] & 0xF6) != 0xF0) break;
-        const std::size_t length = (static_cast<std::size_t>(f[3] & 0x03) << 11) | (static_cast<std::size_t>(f[4]) << 3) |
-                                   (f[5] >> 5);
-        if (length < 7) break;
-        samples += kSamplesPerFrame * ((f[6] & 0x03u) + 1);
+        const std::size_t length = adtsFrameLength(packet.data + at);
+        if (length == 0) break;
+        samples += kSamplesPerFrame * ((packet.data[at + 6] & 0x03u) + 1);
         at += length;
     }
     if (samples > 0) m_end = *t + static_cast<std::int64_t>(samples * 10000000ULL / m_rate);
 }
 
 void AacSilence::keepHeader(const std::uint8_t* p) {
-    // Sync word, MPEG-4 or -2, layer 0; profile 1 (AAC-LC); a known rate; channel configuration 1 or 2.
-    if (p[0] != 0xFF || (p[1] & 0xF6) != 0xF0) return;
+    // An ADTS frame; profile 1 (AAC-LC); a known rate; channel configuration 1 or 2.
+    if (adtsFrameLength(p) == 0) return;
     const unsigned profile = p[2] >> 6, rateIndex = (p[2] >> 2) & 0x0F;
     const unsigned channels = ((p[2] & 0x01u) << 2) | (p[3] >> 6);
     if (profile != 1 || rateIndex >= 13 || (channels != 1 && channels != 2)) return;

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
+#include "apps/fmp4mux/inputs/adts.h"
 #include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
@@ -279,10 +280,8 @@ bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
 bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) {
     std::size_t at = 0;
     while (at + 7 <= size) {
-        if (data[at] != 0xFF || (data[at + 1] & 0xF6) != 0xF0) return false;
-        const std::size_t length = ((data[at + 3] & 0x03u) << 11) | (static_cast<std::size_t>(data[at + 4]) << 3) |
-                                   (data[at + 5] >> 5);
-        if (length < 7) return false;
+        const std::size_t length = adtsFrameLength(data + at);
+        if (length == 0) return false;
         at += length;
     }
     return at == size && size > 0;
