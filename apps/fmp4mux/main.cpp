@@ -220,7 +220,7 @@ int run(int argc, char** argv) {
     const OutputFolder folder(options.outputDirectory);
 
     // Outputs: files through a publisher of their own, the presentation that names them and writes manifests.
-    BufferPool rooms;
+    BufferPool rooms(4);
     FilePublisher files(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
     // Inputs that can wait are read as fast as packaging goes, which can be faster than the disk takes the files:
     // packaging then waits for the disk instead of queuing the difference in memory.

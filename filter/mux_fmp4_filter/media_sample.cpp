@@ -141,8 +141,15 @@ MemAllocator::~MemAllocator() = default;
 HRESULT MemAllocator::SetProperties(const Properties& request, Properties& actual) {
     std::lock_guard lock(m_mutex);
     if (m_free.size() != m_all.size()) return VFW_E_WRONG_STATE;  // buffers are out
-    m_properties.count = std::min(request.count, m_maxCount);
-    m_properties.size = std::min(request.size, m_maxSize);
+    long count = request.count;
+    long size = std::min(request.size, m_maxSize);
+    if (size < m_minSize && count > 0 && size > 0) {
+        const std::int64_t bytes = static_cast<std::int64_t>(count) * size;
+        count = static_cast<long>(std::max<std::int64_t>(1, (bytes + m_minSize - 1) / m_minSize));
+        size = m_minSize;
+    }
+    m_properties.count = std::min(count, m_maxCount);
+    m_properties.size = size;
     m_properties.align = request.align;
     m_properties.prefix = request.prefix;
     // Buffers are made as they are first asked for, up to the count: the count sized for three segments at the

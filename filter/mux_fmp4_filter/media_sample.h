@@ -179,9 +179,11 @@ public:
         long align = 1;
         long prefix = 0;
     };
-    // A cap on what the allocator gives, as a sink with limited memory would.
-    explicit MemAllocator(long maxCount = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF)
-        : m_maxCount(maxCount), m_maxSize(maxSize) {}
+    // A cap on what the allocator gives, as a sink with limited memory would; and a floor on the size of its
+    // buffers, as a sink that takes whole chunks would: buffers smaller than `minSize` are asked for, buffers of
+    // `minSize` are given, and fewer of them, so that they hold no more bytes in all than were asked for.
+    explicit MemAllocator(long maxCount = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF, long minSize = 0)
+        : m_maxCount(maxCount), m_maxSize(maxSize), m_minSize(minSize) {}
     ~MemAllocator();
 
     // Asks for properties; `actual` receives what was granted.
@@ -198,6 +200,7 @@ private:
 
     long m_maxCount;
     long m_maxSize;
+    long m_minSize;
     mutable std::mutex m_mutex;
     std::condition_variable m_available;
     Properties m_properties;

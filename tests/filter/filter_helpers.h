@@ -34,9 +34,9 @@ public:
         REFERENCE_TIME start = 0;
         std::uint64_t dataId = 0;
     };
-    // Its allocator gives at most `maxBuffers` buffers of at most `maxSize` bytes.
-    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF)
-        : m_allocator(maxBuffers, maxSize) {}
+    // Its allocator gives at most `maxBuffers` buffers of at most `maxSize` bytes, and of at least `minSize`.
+    explicit RecordingSink(long maxBuffers = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF, long minSize = 0)
+        : m_allocator(maxBuffers, maxSize, minSize) {}
     HRESULT Receive(IMediaSample3* sample) override {
         Received r;
         std::uint8_t* data = nullptr;

@@ -176,7 +176,7 @@ struct OutputFixture {
     RecordingSink sink;
     FilterHolder filter;
 
-    explicit OutputFixture(long maxBuffers) : sink(maxBuffers) {
+    explicit OutputFixture(long maxBuffers, long minSize = 0) : sink(maxBuffers, 0x7FFFFFFF, minSize) {
         fmp4::Fmp4MuxParts parts;
         parts.makeChunksBuilder = [this](const fmp4::ChunksBuilderParams&) {
             return std::make_unique<testkit::FakeChunksBuilder>(chunks);
@@ -208,6 +208,21 @@ TEST(OutputPin, BuffersForThreeSegmentsAtTheBitrate) {
     RecordingSink small(1000, 4096);
     ASSERT_EQ(f.filter->inputPins()[1]->ReceiveConnection(inputType(8, 128000)), S_OK);
     EXPECT_EQ(f.filter->outputPins()[1]->Connect(&small), E_FAIL);
+}
+
+TEST(OutputPin, ASinkThatGivesLargerBuffersGetsFewerForTheSameBytesAndAChunkInFewerSamples) {
+    // 550 x 8192 = 4505600 bytes, in buffers of 65536: 4505600 / 65536 = 68.75, so 69.
+    OutputFixture f(0x7FFFFFFF, 65536);
+    EXPECT_EQ(f.sink.allocator().properties().count, 69);
+    EXPECT_EQ(f.sink.allocator().properties().size, 65536);
+    const auto chunk = pattern(65536 + 10);
+    const std::int64_t time = 0;
+    ASSERT_TRUE(f.output().Write(chunk.data(), chunk.size(), &time, 0, false, false, false, 0));
+    const auto got = f.sink.snapshot();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].bytes.size(), 65536u);
+    EXPECT_EQ(got[1].bytes.size(), 10u);
+    f.filter->Stop();
 }
 
 TEST(OutputPin, AChunkLeavesAsSamplesOfAtMost8192BytesMarkedOnTheFirstWhileTheFilterRuns) {

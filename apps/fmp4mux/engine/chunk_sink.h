@@ -24,13 +24,16 @@ public:
     // A chunk is complete when its bytes end at the box that closes it (the index of an init chunk, `mdat` of a
     // Smooth chunk, the end-of-segment box of a DASH chunk, or its end-of-chunk box when no more bytes follow in
     // the buffer: a low-latency chunk inside a segment); any other chunk is completed by the start of the
-    // next one or by the end of the stream. `bufferCount`: how many 8192-byte buffers to ask of the output; the
-    // sink copies each buffer at once, so the pool needs to hold one chunk.
+    // next one or by the end of the stream. `bufferCount`: how many 8192-byte buffers to ask of the output (the
+    // bytes they come to, in larger buffers); the sink copies each buffer at once, so the pool needs to hold one chunk.
     ChunkSink(bool dash, long bufferCount, Handler handler, Rooms rooms = {});
 
     tvrn::encoding::filter::HRESULT Receive(tvrn::encoding::filter::IMediaSample3* sample) override;
     tvrn::encoding::filter::HRESULT EndOfStream() override;
     long RequestedBufferCount() override { return m_bufferCount; }
+    // Buffers of at least 256 KiB, as many fewer as makes the same bytes: a chunk comes in a few buffers rather
+    // than hundreds, each a call, a lock and a copy of its own.
+    tvrn::encoding::filter::MemAllocator* GetAllocator() override { return &m_allocator; }
 
     // Waits for the end of the stream, or until `timeout`; true when it has ended.
     bool waitForEnd(std::chrono::milliseconds timeout);
@@ -53,6 +56,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_endCv;
     bool m_ended = false;
+    tvrn::encoding::filter::MemAllocator m_allocator{0x7FFFFFFF, 0x7FFFFFFF, 256 * 1024};
 };
 
 }  // namespace fmp4mux

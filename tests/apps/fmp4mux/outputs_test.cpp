@@ -47,6 +47,20 @@ TEST(FilePublisher, AGrowingSegmentHasItsOwnNameUntilItsLastChunk) {
     EXPECT_FALSE(publisher.failure());
 }
 
+// A file taken in one piece before it is written has the bytes of its ranges and no more, at every size.
+TEST(FilePublisher, APreallocatedFileHoldsExactlyItsRanges) {
+    TempFolder root;
+    for (const std::size_t size : {std::size_t{100}, std::size_t{200000}}) {
+        std::vector<std::uint8_t> bytes(size + 100);
+        for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 7);
+        const fs::path path = root.path / ("seg_" + std::to_string(size) + ".mp4");
+        writeFileAtomically(path.string(), bytes, {{0, 50}, {100, size - 50}}, true);
+        std::string expected(bytes.begin(), bytes.begin() + 50);
+        expected.append(bytes.begin() + 100, bytes.begin() + 100 + static_cast<std::ptrdiff_t>(size - 50));
+        EXPECT_EQ(readAll(path), expected) << size;
+    }
+}
+
 }  // namespace
 
 #include <chrono>
