@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "apps/fmp4mux/inputs/aac_silence.h"
+#include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/pacing.h"
 
 namespace fmp4mux {
@@ -115,10 +115,11 @@ void InputReader::run() {
     for (std::size_t k = 0; k < streams.size(); ++k)
         media[k] = m_destination.wants(k) && (streams[k].kind == "video" || streams[k].kind == "audio");
     SilenceWatch silence(std::move(media), static_cast<std::int64_t>(m_settings.silenceLimitSeconds * 1e7));
-    // AAC streams that fall silent are kept going with silent frames rather than ended.
-    std::vector<std::optional<AacSilence>> fills(streams.size());
+    // Audio streams that fall silent are kept going with silent frames rather than ended, where silence can be made.
+    std::vector<std::optional<AudioSilence>> fills(streams.size());
     for (std::size_t k = 0; k < streams.size(); ++k)
-        if (m_destination.wants(k) && streams[k].kind == "audio" && streams[k].codec == "aac") fills[k].emplace(k);
+        if (m_destination.wants(k) && streams[k].kind == "audio" && AudioSilence::fills(streams[k].codec))
+            fills[k].emplace(k, streams[k].codec);
     const auto warn = [this](const std::string& line) {
         if (m_destination.warn) m_destination.warn(line);
     };
@@ -145,7 +146,7 @@ void InputReader::run() {
             const std::optional<std::int64_t> placed = packet.dts ? packet.dts : packet.pts;
             if (placed && (!furthest || *placed > *furthest)) furthest = placed;
             if (placed && fills[packet.stream]) {
-                AacSilence& fill = *fills[packet.stream];
+                AudioSilence& fill = *fills[packet.stream];
                 if (fill.filling()) {
                     if (fill.covers(*placed)) return;  // the silence already stands for this time
                     for (Packet& silent : fill.handOver(*placed)) forward(silent);

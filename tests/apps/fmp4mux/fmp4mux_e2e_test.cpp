@@ -84,6 +84,7 @@ const Source kVideoAndMp2 = testPictures("mixed.ts", "640x360", "400k", "mp2");
 const Source kVideoAndAc3 = testPictures("ac3.ts", "640x360", "400k", "ac3 -ac 6");
 const Source kVideoAndEac3 = testPictures("eac3.mp4", "640x360", "400k", "eac3");
 const Source kVideoAndMp3 = testPictures("mp3.mp4", "640x360", "400k", "libmp3lame");
+const Source kVideoAndEac3Ts{"eac3.ts", ffmpeg("-i " + q(path(kVideoAndEac3)) + " -map 0 -c copy -f mpegts"), {kVideoAndEac3}};
 const Source kOpusOnly{"opus.ts", ffmpeg("-f lavfi -i sine -t 2 -c:a libopus"), {}};
 // 12 s in GOPs of 4 s.
 const Source kGop4{"gop4.ts", ffmpeg("-f lavfi -i testsrc2=size=640x360:rate=25 -t 12 -c:v libx264 -g 100 -keyint_min 100 "
@@ -715,10 +716,10 @@ void withoutStream(std::uint8_t* packet, unsigned pid) {
     std::fill(s + length + 3, packet + 188, 0xFF);
 }
 
-// The h264 fixture with its audio PID gone from the middle on (null packets instead) and, unless told otherwise, its
-// PMT changed to say so; or gone from 0.5 s to 5.5 s only, a gap.
-std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true, bool gap = false) {
-    std::vector<std::uint8_t> ts = testkit::readFile(made(kH264));
+// A fixture (the h264 one unless told) with its audio PID gone from the middle on (null packets instead) and,
+// unless told otherwise, its PMT changed to say so; or gone from 0.5 s to 5.5 s only, a gap.
+std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true, bool gap = false, const Source& source = kH264) {
+    std::vector<std::uint8_t> ts = testkit::readFile(made(source));
     const std::size_t packets = ts.size() / 188;
     for (std::size_t k = gap ? packets / 12 : packets / 2; k < (gap ? packets * 11 / 12 : packets); ++k) {
         std::uint8_t* p = &ts[k * 188];
@@ -734,12 +735,16 @@ std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true, bool 
 
 // The audio leaves the program half way (after 3 of the 6 s): it ends there, and the video goes on without it to its
 // last frame, in segments of 2 s (waiting for the audio, the last two would be one at the end). Or the audio just
-// stops coming while the PMT still lists it: at the stream timeout silent frames take its place, to the end.
+// stops coming while the PMT still lists it: at the stream timeout silent frames take its place, to the end, in
+// every audio format that silence is made for: AAC, AC-3 5.1, E-AC-3 and MP2, each decoded without an error in the
+// channel layout it came in.
 TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramEndsAndOneThatFallsSilentIsFilledWithSilence) {
-    for (const bool pmtSaysSo : {true, false}) {
-        const std::string name = pmtSaysSo ? "audio-leaves" : "audio-silent";
+    const std::vector<std::pair<Source, bool>> rows{
+        {kH264, true}, {kH264, false}, {kVideoAndAc3, false}, {kVideoAndEac3Ts, false}, {kVideoAndMp2, false}};
+    for (const auto& [source, pmtSaysSo] : rows) {
+        const std::string name = (pmtSaysSo ? "audio-leaves-" : "audio-silent-") + fs::path(source.name).stem().string();
         const fs::path input = dir() / (name + ".ts"), out = dir() / name;
-        testkit::writeFile(input.string(), withoutAudioFromTheMiddle(pmtSaysSo));
+        testkit::writeFile(input.string(), withoutAudioFromTheMiddle(pmtSaysSo, false, source));
         const Outcome r = sh(mux("--stream-timeout 1 " + q(input) + " " + q(out)));
         ASSERT_EQ(r.exitCode, 0) << r.output;
         EXPECT_NE(r.output.find(pmtSaysSo ? "input 0 stream 1: it left the program"
@@ -752,8 +757,9 @@ TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramEndsAndOneThatFallsSilentIsFill
         EXPECT_EQ(decodedVideo(joinTrack(out, "video0")).second, 150) << r.output;
         EXPECT_EQ(representation(out, "video0").second.size(), 4u) << name;  // the init segment and three of 2 s
         const long audio = decodedAudio(joinTrack(out, "audio1"));
-        EXPECT_GT(audio, pmtSaysSo ? 48000 * 2 : 48000 * 11 / 2);
-        EXPECT_LT(audio, pmtSaysSo ? 48000 * 4 : 48000 * 13 / 2);
+        EXPECT_GT(audio, pmtSaysSo ? 48000 * 2 : 48000 * 11 / 2) << name;
+        EXPECT_LT(audio, pmtSaysSo ? 48000 * 4 : 48000 * 13 / 2) << name;
+        EXPECT_EQ(channelLayout(joinTrack(out, "audio1")), channelLayout(made(source))) << name;
     }
 }
 

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
-#include "apps/fmp4mux/inputs/aac_silence.h"
+#include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 #include "apps/fmp4mux/inputs/reader.h"
@@ -350,7 +350,7 @@ TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
 // Silent AAC frames after a stereo AAC-LC PES of two 48 kHz frames at 1 s: they start where it ended (2048 samples
 // later), each one 1024 samples; the frame is the ADTS header (frame length 13) and the 6-byte silent CPE. A packet of
 // the stream that the silence already stands for is dropped; one at or past it takes over.
-TEST(AacSilence, SilentFramesFollowOnFromTheStreamAndHandBackToIt) {
+TEST(AudioSilence, SilentFramesFollowOnFromTheStreamAndHandBackToIt) {
     // ADTS: FFF1, profile LC (01), rate index 3 (48 kHz), channels 2; two frames of 8 bytes (length 8, 1 block each).
     const std::vector<std::uint8_t> pes = {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC, 0xAA,
                                            0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC, 0xBB};
@@ -358,7 +358,7 @@ TEST(AacSilence, SilentFramesFollowOnFromTheStreamAndHandBackToIt) {
     real.data = pes.data();
     real.size = pes.size();
     real.pts = real.dts = 10000000;
-    fmp4mux::AacSilence fill(1);
+    fmp4mux::AudioSilence fill(1, "aac");
     fill.noteReal(real);
     ASSERT_TRUE(fill.canFill());
     fill.start();
@@ -384,11 +384,37 @@ TEST(AacSilence, SilentFramesFollowOnFromTheStreamAndHandBackToIt) {
         std::vector<std::uint8_t> other = pes;
         other[2] = byte2;
         other[3] = byte2 == 0x4D ? 0x80 : other[3];  // with 0x4D: channel configuration 6
-        fmp4mux::AacSilence none(0);
+        fmp4mux::AudioSilence none(0, "aac");
         real.data = other.data();
         none.noteReal(real);
         EXPECT_FALSE(none.canFill()) << int(byte2);
     }
+}
+
+// The frames that time a PES of each codec, from headers worked out by hand: AAC (ADTS, 48 kHz, 1 and 2 raw data
+// blocks); AC-3 48 kHz at 384 kbit/s (frmsizecod 28: 768 words); an E-AC-3 dependent substream of 256 words (no
+// samples of its own); MPEG-1 Layer II 256 kbit/s at 44.1 kHz with padding (144 * 256000 / 44100 + 1 = 836 bytes).
+// A frame longer than the bytes left, an MP3 header read as MP2, and a codec without silence read as nothing.
+TEST(AudioSilence, ReadsTheLengthAndSamplesOfEachFrame) {
+    struct Case { std::string codec; std::vector<std::uint8_t> header; std::size_t size; fmp4mux::AudioSilence::Frame want; };
+    const std::vector<Case> cases{
+        {"aac", {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC}, 8, {8, 1024, 48000}},
+        {"aac", {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFD}, 8, {8, 2048, 48000}},
+        {"aac", {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC}, 7, {0, 0, 0}},
+        {"ac3", {0x0B, 0x77, 0x00, 0x00, 0x1C, 0x40, 0xE0}, 1536, {1536, 1536, 48000}},
+        {"eac3", {0x0B, 0x77, 0x40, 0xFF, 0x34, 0x80, 0x00}, 512, {512, 0, 48000}},
+        {"mp2", {0xFF, 0xFD, 0xC2, 0x00}, 836, {836, 1152, 44100}},
+        {"mp2", {0xFF, 0xFB, 0xC2, 0x00}, 836, {0, 0, 0}},
+        {"mp3", {0xFF, 0xFB, 0xC2, 0x00}, 836, {0, 0, 0}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::uint8_t> bytes = c.header;
+        bytes.resize(std::max(c.size, bytes.size()));
+        const auto got = fmp4mux::AudioSilence::readFrame(c.codec, bytes.data(), c.size);
+        EXPECT_EQ(std::tie(got.length, got.samples, got.rate), std::tie(c.want.length, c.want.samples, c.want.rate))
+            << c.codec << " " << c.size;
+    }
+    EXPECT_FALSE(fmp4mux::AudioSilence::fills("mp3"));
 }
 
 // Damaged packets, as a demuxer flags them after a transport continuity error. Letters: V video, K video key

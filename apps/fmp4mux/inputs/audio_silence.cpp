@@ -1,0 +1,260 @@
+#include "apps/fmp4mux/inputs/audio_silence.h"
+
+#include <memory>
+#include <span>
+
+#include "apps/fmp4mux/inputs/adts.h"
+#include "packaging/lib_parse_es/nal_audio_frames.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+#include <libavutil/samplefmt.h>
+}
+
+namespace fmp4mux {
+
+namespace es = tvrn::encoding::packaging::lib_parse_es;
+
+namespace {
+constexpr std::uint32_t kAacRates[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                         22050, 16000, 12000, 11025, 8000,  7350};
+// MPEG-1 Layer II bitrates in kbit/s by index (ISO/IEC 11172-3, 2.4.2.3).
+constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
+
+// raw_data_block()s of silence (ISO/IEC 14496-3 4.4.2): an element of max_sfb 0, so no spectral data, with
+// global_gain, pulse, TNS and gain control all 0, then ID_END. Mono: SCE 000, tag 0000, global_gain, ics_info of
+// 11 zero bits, three zero flags, END 111: 32 bits. Stereo: CPE 001, tag 0000, common_window 1, ics_info, ms_mask
+// 00, two channel streams of global_gain and three flags, END 111, two bits of padding: 48 bits.
+constexpr std::uint8_t kMono[] = {0x00, 0x00, 0x00, 0x07};
+constexpr std::uint8_t kStereo[] = {0x21, 0x00, 0x00, 0x00, 0x00, 0x1C};
+
+// An ADTS frame of silence with the header of `p` (AAC-LC, mono or stereo), or nothing for another header.
+std::vector<std::uint8_t> silentAdtsFrame(const std::uint8_t* p) {
+    const unsigned profile = p[2] >> 6, rateIndex = (p[2] >> 2) & 0x0F;
+    const unsigned channels = ((p[2] & 0x01u) << 2) | (p[3] >> 6);
+    if (profile != 1 || rateIndex >= 13 || (channels != 1 && channels != 2)) return {};
+    std::vector<std::uint8_t> frame(p, p + 7);
+    frame[1] |= 0x01;                            // protection_absent: no CRC
+    frame[5] |= 0x1F;                            // buffer fullness 0x7FF: variable rate
+    frame[6] = static_cast<std::uint8_t>(0xFC);  // and one raw_data_block
+    if (channels == 2)
+        frame.insert(frame.end(), std::begin(kStereo), std::end(kStereo));
+    else
+        frame.insert(frame.end(), std::begin(kMono), std::end(kMono));
+    const std::size_t length = frame.size();
+    frame[3] = static_cast<std::uint8_t>((frame[3] & 0xFC) | (length >> 11));
+    frame[4] = static_cast<std::uint8_t>(length >> 3);
+    frame[5] = static_cast<std::uint8_t>(((length & 7) << 5) | (frame[5] & 0x1F));
+    return frame;
+}
+
+// One frame of silence from libavcodec's encoder `name`: its first packet for silent input, or nothing when the
+// encoder is missing or refuses the parameters.
+std::vector<std::uint8_t> encodedSilence(const char* name, int rate, std::uint64_t channelMask, std::int64_t bitRate) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(name);
+    if (codec == nullptr) return {};
+    const auto freeContext = [](AVCodecContext* c) { avcodec_free_context(&c); };
+    const auto freeFrame = [](AVFrame* f) { av_frame_free(&f); };
+    const auto freePacket = [](AVPacket* p) { av_packet_free(&p); };
+    std::unique_ptr<AVCodecContext, decltype(freeContext)> context(avcodec_alloc_context3(codec), freeContext);
+    std::unique_ptr<AVFrame, decltype(freeFrame)> frame(av_frame_alloc(), freeFrame);
+    std::unique_ptr<AVPacket, decltype(freePacket)> packet(av_packet_alloc(), freePacket);
+    if (!context || !frame || !packet) return {};
+    context->sample_rate = rate;
+    context->bit_rate = bitRate;
+    context->sample_fmt = codec->sample_fmts != nullptr ? codec->sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
+    if (av_channel_layout_from_mask(&context->ch_layout, channelMask) < 0) return {};
+    if (avcodec_open2(context.get(), codec, nullptr) < 0 || context->frame_size <= 0) return {};
+    frame->nb_samples = context->frame_size;
+    frame->format = context->sample_fmt;
+    frame->sample_rate = rate;
+    if (av_channel_layout_copy(&frame->ch_layout, &context->ch_layout) < 0 || av_frame_get_buffer(frame.get(), 0) < 0)
+        return {};
+    av_samples_set_silence(frame->extended_data, 0, frame->nb_samples, context->ch_layout.nb_channels,
+                           context->sample_fmt);
+    // An encoder may hold a frame or two back before its first packet.
+    for (int n = 0; n < 8; ++n) {
+        frame->pts = static_cast<std::int64_t>(n) * context->frame_size;
+        if (avcodec_send_frame(context.get(), frame.get()) < 0) return {};
+        if (avcodec_receive_packet(context.get(), packet.get()) == 0)
+            return std::vector<std::uint8_t>(packet->data, packet->data + packet->size);
+    }
+    return {};
+}
+
+// The channel mask of an AC-3 audio coding mode (1/0 to 3/2) with or without LFE; 0 for dual mono (1+1).
+std::uint64_t ac3Layout(std::uint8_t acmod, bool lfeon) {
+    static constexpr std::uint64_t kModes[8] = {0,
+                                                AV_CH_LAYOUT_MONO,
+                                                AV_CH_LAYOUT_STEREO,
+                                                AV_CH_LAYOUT_SURROUND,
+                                                AV_CH_LAYOUT_2_1,
+                                                AV_CH_LAYOUT_4POINT0,
+                                                AV_CH_LAYOUT_2_2,
+                                                AV_CH_LAYOUT_5POINT0};
+    const std::uint64_t mask = kModes[acmod & 7];
+    return mask == 0 ? 0 : mask | (lfeon ? AV_CH_LOW_FREQUENCY : 0);
+}
+
+bool isDependent(const std::uint8_t* ac3) { return (ac3[2] >> 6) == 1; }
+
+// A silent AC-3 or E-AC-3 frame for a stream whose packet starts with `data`, when one that says what its frames
+// say can be made: the same kind, rate, coding mode, LFE and frame size (so the same bitrate and, for E-AC-3, the
+// same blocks a frame). A stream with dependent substreams (7.1) gets none.
+std::vector<std::uint8_t> silentAc3Frame(const std::uint8_t* data, std::size_t size) {
+    es::Ac3StreamInfo real;
+    es::Ac3FrameParameters params;
+    if (size < 7 || !es::parseAc3FrameParameters(data, params) || !es::parseAc3StreamInfo({data, size}, real)) return {};
+    if (real.isEac3 && (real.strmtyp != 0 || real.substreamId != 0)) return {};
+    for (std::size_t at = params.frameSize; at + 7 <= size;) {
+        es::Ac3FrameParameters next;
+        if (!es::parseAc3FrameParameters(data + at, next) || next.frameSize == 0) break;
+        if (next.isEac3 && isDependent(data + at)) return {};
+        at += next.frameSize;
+    }
+    const std::uint64_t layout = ac3Layout(real.acmod, real.lfeon);
+    if (layout == 0) return {};
+    std::vector<std::uint8_t> frame =
+        encodedSilence(real.isEac3 ? "eac3" : "ac3", static_cast<int>(real.sampleRate), layout, params.bitRate);
+    es::Ac3StreamInfo made;
+    es::Ac3FrameParameters madeParams;
+    if (frame.size() < 7 || !es::parseAc3FrameParameters(frame.data(), madeParams) ||
+        !es::parseAc3StreamInfo(frame, made))
+        return {};
+    const bool same = made.isEac3 == real.isEac3 && made.strmtyp == real.strmtyp && made.fscod == real.fscod &&
+                      made.acmod == real.acmod && made.lfeon == real.lfeon && made.frameSize == real.frameSize &&
+                      madeParams.sampleRate == params.sampleRate && frame.size() == made.frameSize;
+    return same ? frame : std::vector<std::uint8_t>{};
+}
+
+// A silent MPEG-1 Layer II frame with the rate, channels and bitrate of the frame at `data`.
+std::vector<std::uint8_t> silentLayer2Frame(const std::uint8_t* data, std::size_t size) {
+    es::Mpeg1AudioHeader real;
+    if (size < 4 || es::mpeg1FrameSize(data, false) == 0 || !es::parseMpeg1AudioHeader({data, size}, real)) return {};
+    const std::uint32_t kbps = kLayer2Kbps[data[2] >> 4];
+    if (real.layerField != 2 || kbps == 0) return {};
+    std::vector<std::uint8_t> frame = encodedSilence(
+        "mp2", static_cast<int>(real.sampleRate), real.channels == 1 ? AV_CH_LAYOUT_MONO : AV_CH_LAYOUT_STEREO,
+        static_cast<std::int64_t>(kbps) * 1000);
+    es::Mpeg1AudioHeader made;
+    if (frame.size() < 4 || es::mpeg1FrameSize(frame.data(), false) != frame.size() ||
+        !es::parseMpeg1AudioHeader(frame, made))
+        return {};
+    const bool same = made.layerField == real.layerField && made.sampleRate == real.sampleRate &&
+                      made.channels == real.channels && (frame[2] >> 4) == (data[2] >> 4);
+    return same ? frame : std::vector<std::uint8_t>{};
+}
+}  // namespace
+
+bool AudioSilence::fills(const std::string& codec) {
+    return codec == "aac" || codec == "ac3" || codec == "eac3" || codec == "mp2";
+}
+
+AudioSilence::Frame AudioSilence::readFrame(const std::string& codec, const std::uint8_t* data, std::size_t size) {
+    Frame frame;
+    if (codec == "aac") {
+        if (size < 7) return frame;
+        const std::size_t length = adtsFrameLength(data);
+        const unsigned rateIndex = (data[2] >> 2) & 0x0F;
+        if (length == 0 || length > size || rateIndex >= 13) return frame;
+        return {length, 1024u * ((data[6] & 0x03u) + 1), kAacRates[rateIndex]};
+    }
+    if (codec == "ac3" || codec == "eac3") {
+        es::Ac3FrameParameters params;
+        if (size < 7 || !es::parseAc3FrameParameters(data, params) || params.frameSize == 0 || params.frameSize > size)
+            return frame;
+        // E-AC-3 rates are scaled so that every frame stands for 1536 ticks, whatever its count of blocks.
+        if (params.isEac3 && isDependent(data)) return {params.frameSize, 0, params.sampleRate};
+        return {params.frameSize, 1536, params.sampleRate};
+    }
+    if (codec == "mp2") {
+        es::Mpeg1AudioHeader header;
+        const std::uint32_t length = size >= 4 ? es::mpeg1FrameSize(data, false) : 0;
+        if (length == 0 || length > size || !es::parseMpeg1AudioHeader({data, size}, header)) return frame;
+        return {length, header.layerField == 3 ? 384u : 1152u, header.sampleRate};
+    }
+    return frame;
+}
+
+void AudioSilence::makeFrame(const std::uint8_t* data, std::size_t size) {
+    // The first packet that starts with a frame decides: one made for its header, or none for the stream.
+    if (readFrame(m_codec, data, size).length == 0) return;
+    m_looked = true;
+    if (m_codec == "aac")
+        m_frame = size >= 7 && adtsFrameLength(data) != 0 ? silentAdtsFrame(data) : std::vector<std::uint8_t>{};
+    else if (m_codec == "ac3" || m_codec == "eac3")
+        m_frame = silentAc3Frame(data, size);
+    else if (m_codec == "mp2")
+        m_frame = silentLayer2Frame(data, size);
+    const Frame made = m_frame.empty() ? Frame{} : readFrame(m_codec, m_frame.data(), m_frame.size());
+    if (made.length != m_frame.size() || made.samples == 0 || made.rate == 0) {
+        m_frame.clear();
+        return;
+    }
+    m_samples = made.samples;
+    m_rate = made.rate;
+}
+
+void AudioSilence::noteReal(const Packet& packet) {
+    if (!m_looked && packet.size > 0) makeFrame(packet.data, packet.size);
+    const std::optional<std::int64_t> t = packet.pts ? packet.pts : packet.dts;
+    if (!t || m_frame.empty()) return;
+    if (packet.duration > 0) {
+        m_end = *t + packet.duration;
+        return;
+    }
+    // A PES of frames has no duration of its own: its frames' samples give it.
+    std::uint64_t samples = 0;
+    std::uint32_t rate = 0;
+    for (std::size_t at = 0; at < packet.size;) {
+        const Frame frame = readFrame(m_codec, packet.data + at, packet.size - at);
+        if (frame.length == 0) break;
+        samples += frame.samples;
+        if (rate == 0) rate = frame.rate;
+        at += frame.length;
+    }
+    if (samples > 0 && rate > 0) m_end = *t + static_cast<std::int64_t>(samples * 10000000ULL / rate);
+}
+
+void AudioSilence::start() {
+    if (!canFill()) return;
+    m_filling = true;
+    m_base = *m_end;
+    m_made = 0;
+}
+
+std::int64_t AudioSilence::frameTime(std::uint64_t n) const {
+    return m_base + static_cast<std::int64_t>(n * m_samples * 10000000ULL / m_rate);
+}
+
+std::vector<Packet> AudioSilence::upTo(std::int64_t until) {
+    std::vector<Packet> out;
+    if (!m_filling) return out;
+    while (frameTime(m_made + 1) <= until) {
+        Packet p;
+        p.stream = m_stream;
+        p.owned = m_frame;
+        p.data = p.owned.data();
+        p.size = p.owned.size();
+        p.pts = p.dts = frameTime(m_made);
+        p.duration = frameTime(m_made + 1) - *p.pts;
+        ++m_made;
+        out.push_back(std::move(p));
+    }
+    return out;
+}
+
+bool AudioSilence::covers(std::int64_t time) const {
+    // Within half a frame of where the silence has got, or beyond: the real frames go on from there.
+    return m_filling && time + (frameTime(1) - frameTime(0)) / 2 < frameTime(m_made);
+}
+
+std::vector<Packet> AudioSilence::handOver(std::int64_t time) {
+    std::vector<Packet> out = upTo(time);
+    m_filling = false;
+    return out;
+}
+
+}  // namespace fmp4mux
