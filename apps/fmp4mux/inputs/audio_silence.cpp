@@ -23,26 +23,61 @@ constexpr std::uint32_t kAacRates[13] = {96000, 88200, 64000, 48000, 44100, 3200
 // MPEG-1 Layer II bitrates in kbit/s by index (ISO/IEC 11172-3, 2.4.2.3).
 constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
 
-// raw_data_block()s of silence (ISO/IEC 14496-3 4.4.2): an element of max_sfb 0, so no spectral data, with
-// global_gain, pulse, TNS and gain control all 0, then ID_END. Mono: SCE 000, tag 0000, global_gain, ics_info of
-// 11 zero bits, three zero flags, END 111: 32 bits. Stereo: CPE 001, tag 0000, common_window 1, ics_info, ms_mask
-// 00, two channel streams of global_gain and three flags, END 111, two bits of padding: 48 bits.
-constexpr std::uint8_t kMono[] = {0x00, 0x00, 0x00, 0x07};
-constexpr std::uint8_t kStereo[] = {0x21, 0x00, 0x00, 0x00, 0x00, 0x1C};
+// A raw_data_block() of silence (ISO/IEC 14496-3 4.4.2) for a channel configuration of 1 to 7: its elements in
+// the order the configuration lists them (4.5.1.2.1), each with max_sfb 0, so no spectral data, and global_gain,
+// pulse, TNS and gain control all 0; then ID_END, and zero bits to the byte. A single channel element or LFE
+// element is its 3-bit id, a 4-bit tag, the 8-bit global_gain, an 11-bit ics_info and three flags: 29 bits. A
+// channel pair shares one window (common_window 1) and no M/S (ms_mask_present 00): 3 + 4 + 1 + 11 + 2 bits, then
+// global_gain and three flags for each channel: 43 bits. Mono comes to 00 00 00 07, stereo to 21 00 00 00 00 1C.
+std::vector<std::uint8_t> silentRawDataBlock(unsigned configuration) {
+    enum : unsigned { kSce = 0, kCpe = 1, kLfe = 3, kEnd = 7 };
+    static const std::vector<unsigned> kElements[8] = {{},
+                                                       {kSce},
+                                                       {kCpe},
+                                                       {kSce, kCpe},
+                                                       {kSce, kCpe, kSce},
+                                                       {kSce, kCpe, kCpe},
+                                                       {kSce, kCpe, kCpe, kLfe},
+                                                       {kSce, kCpe, kCpe, kCpe, kLfe}};
+    std::vector<std::uint8_t> out;
+    unsigned bits = 0;
+    const auto put = [&](std::uint32_t value, unsigned count) {
+        for (unsigned i = count; i-- > 0;) {
+            if (bits % 8 == 0) out.push_back(0);
+            if ((value >> i) & 1u) out.back() = static_cast<std::uint8_t>(out.back() | (0x80u >> (bits % 8)));
+            ++bits;
+        }
+    };
+    unsigned tags[8] = {};  // the next instance tag of each element kind
+    for (const unsigned element : kElements[configuration]) {
+        put(element, 3);
+        put(tags[element]++, 4);
+        if (element == kCpe) {
+            put(1, 1);      // common_window
+            put(0, 11);     // ics_info: max_sfb 0
+            put(0, 2);      // ms_mask_present
+            put(0, 8 + 3);  // first channel: global_gain, pulse, TNS, gain control
+            put(0, 8 + 3);  // second channel
+        } else {
+            put(0, 8 + 11 + 3);  // global_gain, ics_info, pulse, TNS, gain control
+        }
+    }
+    put(kEnd, 3);
+    return out;
+}
 
-// An ADTS frame of silence with the header of `p` (AAC-LC, mono or stereo), or nothing for another header.
+// An ADTS frame of silence with the header of `p` (AAC-LC, a channel configuration of 1 to 7), or nothing for
+// another header.
 std::vector<std::uint8_t> silentAdtsFrame(const std::uint8_t* p) {
     const unsigned profile = p[2] >> 6, rateIndex = (p[2] >> 2) & 0x0F;
     const unsigned channels = ((p[2] & 0x01u) << 2) | (p[3] >> 6);
-    if (profile != 1 || rateIndex >= 13 || (channels != 1 && channels != 2)) return {};
+    if (profile != 1 || rateIndex >= 13 || channels < 1 || channels > 7) return {};
     std::vector<std::uint8_t> frame(p, p + 7);
     frame[1] |= 0x01;                            // protection_absent: no CRC
     frame[5] |= 0x1F;                            // buffer fullness 0x7FF: variable rate
     frame[6] = static_cast<std::uint8_t>(0xFC);  // and one raw_data_block
-    if (channels == 2)
-        frame.insert(frame.end(), std::begin(kStereo), std::end(kStereo));
-    else
-        frame.insert(frame.end(), std::begin(kMono), std::end(kMono));
+    const std::vector<std::uint8_t> block = silentRawDataBlock(channels);
+    frame.insert(frame.end(), block.begin(), block.end());
     const std::size_t length = frame.size();
     frame[3] = static_cast<std::uint8_t>((frame[3] & 0xFC) | (length >> 11));
     frame[4] = static_cast<std::uint8_t>(length >> 3);
