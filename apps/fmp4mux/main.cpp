@@ -443,6 +443,7 @@ int run(int argc, char** argv) {
         // packaging busy, and all that a file input holds in memory.
         reading.aheadLimitSeconds = 2.0 * std::max(segmentMs, longestKeyIntervalMs) / 1000.0 + 2.0;
         reading.silenceLimitSeconds = timeout;
+        reading.inBandParameterSets = options.inBandParameterSets;
         // Watched for silence as a whole: an input that is read as it comes and carries audio or video. One that
         // is held back to the packaging's pace stops delivering for that alone.
         if (!reading.throttle && !followed[d])

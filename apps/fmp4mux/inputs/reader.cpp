@@ -40,6 +40,40 @@ constexpr std::int64_t kSilenceLag = 2 * 10000000LL;  // 100 ns units
 
 }  // namespace
 
+bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
+    std::vector<std::vector<std::uint8_t>> sets;
+    // Each NAL unit runs from after its start code to the next start code; trailing zero bytes belong to neither.
+    std::size_t at = 0;
+    const auto nextStart = [&](std::size_t from) {
+        for (std::size_t i = from; i + 3 <= size; ++i)
+            if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) return i;
+        return size;
+    };
+    for (std::size_t start = nextStart(0); start < size; start = at) {
+        const std::size_t begin = start + 3;
+        at = nextStart(begin);
+        std::size_t end = at;
+        while (end > begin && data[end - 1] == 0) --end;
+        if (end <= begin) continue;
+        const unsigned type = m_hevc ? (data[begin] >> 1) & 0x3F : data[begin] & 0x1F;
+        if (type == (m_hevc ? 33u : 7u)) sets.emplace_back(data + begin, data + end);
+    }
+    if (sets.empty()) return false;  // a key frame without its own: the ones before still hold
+    if (!m_first) {
+        m_first = std::move(sets);
+        return false;
+    }
+    bool news = false;
+    for (std::vector<std::uint8_t>& set : sets) {
+        if (std::find(m_first->begin(), m_first->end(), set) != m_first->end() ||
+            std::find(m_told.begin(), m_told.end(), set) != m_told.end())
+            continue;
+        m_told.push_back(std::move(set));
+        news = true;
+    }
+    return news;
+}
+
 SilenceWatch::SilenceWatch(std::vector<bool> media, std::int64_t limit)
     : m_media(std::move(media)), m_watched(m_media), m_last(m_media.size()), m_limit(limit) {}
 
@@ -123,6 +157,12 @@ void InputReader::run() {
     const auto warn = [this](const std::string& line) {
         if (m_destination.warn) m_destination.warn(line);
     };
+    // Video whose parameter sets change under a track that keeps its first ones: said, once for each new one.
+    std::vector<std::optional<ParameterSetWatch>> parameterSets(streams.size());
+    for (std::size_t k = 0; k < streams.size(); ++k)
+        if (m_destination.wants(k) && streams[k].kind == "video" && !m_settings.inBandParameterSets &&
+            (streams[k].codec == "h264" || streams[k].codec == "hevc"))
+            parameterSets[k].emplace(streams[k].codec == "hevc");
     std::optional<std::int64_t> furthest;  // the latest time placed of any stream
     const auto name = [this](std::size_t stream) {
         return "input " + std::to_string(m_index) + " stream " + std::to_string(stream);
@@ -173,6 +213,11 @@ void InputReader::run() {
                     if (fill && fill->filling())
                         for (Packet& silent : fill->upTo(*placed - kSilenceLag)) forward(silent);
             }
+            if (packet.key && parameterSets[packet.stream] && parameterSets[packet.stream]->changed(packet.data, packet.size))
+                warn(name(packet.stream) + ": its sequence parameter set changed" +
+                     (placed ? " at " + std::to_string(*placed / 10000000) + " s" : std::string()) +
+                     " (an encoder restarted with other settings?); the track keeps the first one, so players decode "
+                     "what follows wrongly: run with --in-band-parameter-sets for a stream that changes");
             bool jumped = false;
             if (read && placed) {
                 std::optional<std::int64_t>& offset = offsets[packet.stream];

@@ -40,6 +40,24 @@ struct ReaderSettings {
     // An audio or video stream that delivers nothing for this long in media time while another of the input
     // goes on is ended (0: never), since the packager would otherwise wait for it for ever and cut nothing more.
     double silenceLimitSeconds = 0;
+    // Parameter sets travel in the samples: a video stream whose parameter sets change is followed by players.
+    bool inBandParameterSets = false;
+};
+
+// The sequence parameter sets of a video stream's key frames (Annex B, H.264 or HEVC), against those of its first:
+// an encoder restarted with other settings sends others, which a track that keeps the first ones in its sample
+// description cannot follow.
+class ParameterSetWatch {
+public:
+    explicit ParameterSetWatch(bool hevc) : m_hevc(hevc) {}
+    // Notes a key frame; true when it carries a sequence parameter set that the first key frame did not, the
+    // first time it does.
+    bool changed(const std::uint8_t* data, std::size_t size);
+
+private:
+    bool m_hevc;
+    std::optional<std::vector<std::vector<std::uint8_t>>> m_first;
+    std::vector<std::vector<std::uint8_t>> m_told;
 };
 
 // The audio and video streams of one input that fall silent while another goes on. Times are placed times,

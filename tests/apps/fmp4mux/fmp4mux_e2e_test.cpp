@@ -85,6 +85,9 @@ const Source kVideoAndAc3 = testPictures("ac3.ts", "640x360", "400k", "ac3 -ac 6
 const Source kVideoAndEac3 = testPictures("eac3.mp4", "640x360", "400k", "eac3");
 const Source kVideoAndMp3 = testPictures("mp3.mp4", "640x360", "400k", "libmp3lame");
 const Source kVideoAndAac51 = testPictures("aac51.ts", "640x360", "400k", "aac -ac 6");
+// h264.ts, then 6 s of r-high.ts (960x540, other parameter sets) from 7 s on: an encoder restarted with other settings.
+const Source kHighLater{"r-high-7s.ts", ffmpeg("-i " + q(path(kHigh)) + " -map 0 -c copy -output_ts_offset 7 -f mpegts"), {kHigh}};
+const Source kResized{"resized.ts", "cat " + q(path(kH264)) + " " + q(path(kHighLater)) + " >", {kH264, kHighLater}};
 const Source kVideoAndEac3Ts{"eac3.ts", ffmpeg("-i " + q(path(kVideoAndEac3)) + " -map 0 -c copy -f mpegts"), {kVideoAndEac3}};
 const Source kOpusOnly{"opus.ts", ffmpeg("-f lavfi -i sine -t 2 -c:a libopus"), {}};
 // 12 s in GOPs of 4 s.
@@ -762,6 +765,26 @@ TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramEndsAndOneThatFallsSilentIsFill
         EXPECT_GT(audio, pmtSaysSo ? 48000 * 2 : 48000 * 11 / 2) << name;
         EXPECT_LT(audio, pmtSaysSo ? 48000 * 4 : 48000 * 13 / 2) << name;
         EXPECT_EQ(channelLayout(joinTrack(out, "audio1")), channelLayout(made(source))) << name;
+    }
+}
+
+// An encoder restarted with another picture size: with the parameter sets in the sample description the operator
+// is told that players cannot follow it; with them in the samples every picture decodes, at both sizes.
+TEST(Fmp4muxEndToEnd, ChangedParameterSetsAreSaidOrCarriedInTheSamples) {
+    for (const bool inBand : {false, true}) {
+        const fs::path out = dir() / (inBand ? "resized-in-band" : "resized");
+        const Outcome r = sh(mux((inBand ? "--in-band-parameter-sets " : "") + q(made(kResized)) + " " + q(out)));
+        ASSERT_EQ(r.exitCode, 0) << r.output;
+        EXPECT_EQ(r.output.find("input 0 stream 0: its sequence parameter set changed at ") == npos, inBand) << r.output;
+        if (!inBand) continue;
+        const std::string widths = "ffprobe -v error -select_streams v:0 -show_entries frame=width -of default=nw=1:nk=1 " +
+                                   q(joinTrack(out, "video0")) + " | grep -cx ";
+        // 150 pictures of each size, less at most one at the join.
+        EXPECT_GE(std::stoi(sh(widths + "640").output), 149);
+        EXPECT_GE(std::stoi(sh(widths + "960").output), 149);
+        const Outcome decoded = sh("ffmpeg -hide_banner -loglevel error -nostdin -xerror -i " + q(joinTrack(out, "video0")) +
+                                   " -f null -");
+        EXPECT_EQ(decoded.exitCode, 0) << decoded.output;
     }
 }
 

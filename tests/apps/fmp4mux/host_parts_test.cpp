@@ -326,6 +326,30 @@ INSTANTIATE_TEST_SUITE_P(
 
 // Streams 0 and 1 are media, 2 is not; the limit is 10. Each step notes a time and lists the streams then said to be
 // silent: one is said once, counts from the input's first time when it never delivered, and not after it ended.
+// Key frames as H.264 and HEVC encoders send them: the sequence parameter sets (H.264 type 7, first byte 67; HEVC
+// type 33, 42 01) against the first key frame's. The same set again, with trailing zero bytes, or a key frame
+// without one, is no change; a new one is, once; the first one back is none.
+TEST(ParameterSetWatch, SaysEachSequenceParameterSetThatTheFirstKeyFrameDidNotCarryOnce) {
+    using Frame = std::vector<std::uint8_t>;
+    const Frame a = {0, 0, 0, 1, 0x67, 0x64, 0x00, 0x1E, 0, 0, 1, 0x68, 0xEE, 0, 0, 1, 0x65, 0x88};
+    const Frame aZeros = {0, 0, 1, 0x67, 0x64, 0x00, 0x1E, 0, 0, 0, 0, 1, 0x65, 0x88};
+    const Frame b = {0, 0, 0, 1, 0x67, 0x64, 0x00, 0x1F, 0, 0, 1, 0x68, 0xEE, 0, 0, 1, 0x65, 0x88};
+    const Frame none = {0, 0, 0, 1, 0x65, 0x88, 0x84};
+    fmp4mux::ParameterSetWatch h264(false);
+    std::string seen;
+    for (const Frame* f : {&a, &a, &aZeros, &none, &b, &b, &a, &b}) seen += h264.changed(f->data(), f->size()) ? '1' : '0';
+    EXPECT_EQ(seen, "00001000");
+    const Frame hevcA = {0, 0, 1, 0x40, 0x01, 0x0C, 0, 0, 1, 0x42, 0x01, 0x01, 0x60, 0, 0, 1, 0x26, 0x01, 0xAF};
+    const Frame hevcB = {0, 0, 1, 0x40, 0x01, 0x0C, 0, 0, 1, 0x42, 0x01, 0x01, 0x61, 0, 0, 1, 0x26, 0x01, 0xAF};
+    fmp4mux::ParameterSetWatch hevc(true);
+    EXPECT_FALSE(hevc.changed(hevcA.data(), hevcA.size()));
+    EXPECT_TRUE(hevc.changed(hevcB.data(), hevcB.size()));
+    // Read as H.264, 42 is no SPS (type 2): HEVC's are told apart by their own header.
+    fmp4mux::ParameterSetWatch wrong(false);
+    EXPECT_FALSE(wrong.changed(hevcA.data(), hevcA.size()));
+    EXPECT_FALSE(wrong.changed(hevcB.data(), hevcB.size()));
+}
+
 TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
     const struct { std::vector<std::pair<std::size_t, std::int64_t>> steps; std::vector<std::size_t> silent; } cases[] = {
         {{{0, 100}, {1, 101}, {0, 111}, {1, 111}, {0, 121}}, {}},
