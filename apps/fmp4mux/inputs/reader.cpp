@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/pacing.h"
 
@@ -72,6 +73,26 @@ bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
         news = true;
     }
     return news;
+}
+
+std::optional<std::string> AdtsFormatWatch::changed(const std::uint8_t* data, std::size_t size) {
+    if (size < 7 || adtsFrameLength(data) == 0) return std::nullopt;
+    // profile (2 bits), sampling frequency index (4), channel configuration (3)
+    const std::uint32_t profile = data[2] >> 6, rateIndex = (data[2] >> 2) & 0x0Fu;
+    const std::uint32_t channels = ((data[2] & 0x01u) << 2) | (data[3] >> 6);
+    const std::uint32_t format = profile << 7 | rateIndex << 3 | channels;
+    if (!m_first) m_first = format;
+    if (format == *m_first || std::find(m_told.begin(), m_told.end(), format) != m_told.end()) return std::nullopt;
+    m_told.push_back(format);
+    static constexpr std::uint32_t kRates[16] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
+                                                 16000, 12000, 11025, 8000,  7350,  0,     0,     0};
+    static constexpr const char* kProfiles[4] = {"AAC Main", "", "AAC SSR", "AAC LTP"};
+    // Configuration 0 leaves the channels to the stream; 7 is 7.1, eight channels.
+    std::string text = channels == 0 ? std::string("channels given in the stream")
+                                     : std::to_string(channels == 7 ? 8 : channels) + " channels";
+    text += " at " + std::to_string(kRates[rateIndex]) + " Hz";
+    if (profile != 1) text += std::string(", ") + kProfiles[profile];
+    return text;
 }
 
 SilenceWatch::SilenceWatch(std::vector<bool> media, std::int64_t limit)
@@ -163,6 +184,9 @@ void InputReader::run() {
         if (m_destination.wants(k) && streams[k].kind == "video" && !m_settings.inBandParameterSets &&
             (streams[k].codec == "h264" || streams[k].codec == "hevc"))
             parameterSets[k].emplace(streams[k].codec == "hevc");
+    std::vector<std::optional<AdtsFormatWatch>> adtsFormats(streams.size());
+    for (std::size_t k = 0; k < streams.size(); ++k)
+        if (m_destination.wants(k) && streams[k].codec == "aac") adtsFormats[k].emplace();
     std::optional<std::int64_t> furthest;  // the latest time placed of any stream
     const auto name = [this](std::size_t stream) {
         return "input " + std::to_string(m_index) + " stream " + std::to_string(stream);
@@ -218,6 +242,11 @@ void InputReader::run() {
                      (placed ? " at " + std::to_string(*placed / 10000000) + " s" : std::string()) +
                      " (an encoder restarted with other settings?); the track keeps the first one, so players decode "
                      "what follows wrongly: run with --in-band-parameter-sets for a stream that changes");
+            if (adtsFormats[packet.stream])
+                if (const auto now = adtsFormats[packet.stream]->changed(packet.data, packet.size))
+                    warn(name(packet.stream) + ": its AAC configuration changed" +
+                         (placed ? " at " + std::to_string(*placed / 10000000) + " s" : std::string()) + " (now " +
+                         *now + "); the track keeps the first one, so players decode what follows wrongly");
             bool jumped = false;
             if (read && placed) {
                 std::optional<std::int64_t>& offset = offsets[packet.stream];

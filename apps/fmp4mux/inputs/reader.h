@@ -62,6 +62,20 @@ private:
 
 // The audio and video streams of one input that fall silent while another goes on. Times are placed times,
 // 100 ns units; a stream that has delivered nothing yet counts from the input's first time.
+// The configuration that the ADTS headers of an AAC stream carry (object type, sampling rate, channels) against
+// its first frame's: the track's decoder is set up once, from the first, so frames of another (a programme in 5.1
+// after one in stereo, an encoder restarted) decode wrongly.
+class AdtsFormatWatch {
+public:
+    // Notes a packet of ADTS frames; the new configuration, as "<channels> channels at <rate> Hz" with the object
+    // type when it is not AAC-LC, when its first frame's differs from the first packet's, the first time it does.
+    std::optional<std::string> changed(const std::uint8_t* data, std::size_t size);
+
+private:
+    std::optional<std::uint32_t> m_first;
+    std::vector<std::uint32_t> m_told;
+};
+
 class SilenceWatch {
 public:
     SilenceWatch(std::vector<bool> media, std::int64_t limit);

@@ -350,6 +350,26 @@ TEST(ParameterSetWatch, SaysEachSequenceParameterSetThatTheFirstKeyFrameDidNotCa
     EXPECT_FALSE(wrong.changed(hevcB.data(), hevcB.size()));
 }
 
+// ADTS headers (AAC-LC unless said): stereo at 48 kHz first; 5.1 (configuration 6: 4D 80) is a change, said once;
+// stereo again is none; 44.1 kHz (rate index 4: 50 80) is one; AAC Main (profile 0: 0C 80) one more; bytes that
+// are no ADTS frame say nothing.
+TEST(AdtsFormatWatch, SaysEachConfigurationOtherThanTheFirstOnce) {
+    const auto header = [](std::uint8_t b2, std::uint8_t b3) {
+        return std::vector<std::uint8_t>{0xFF, 0xF1, b2, b3, 0x01, 0x1F, 0xFC, 0x00};
+    };
+    const std::vector<std::pair<std::vector<std::uint8_t>, std::string>> steps{
+        {header(0x4C, 0x80), ""},
+        {header(0x4D, 0x80), "6 channels at 48000 Hz"},
+        {header(0x4C, 0x80), ""},
+        {header(0x4D, 0x80), ""},
+        {header(0x50, 0x80), "2 channels at 44100 Hz"},
+        {header(0x0C, 0x80), "2 channels at 48000 Hz, AAC Main"},
+        {{0x47, 0x40, 0x11, 0x10, 0x00, 0x00, 0x00, 0x00}, ""},
+    };
+    fmp4mux::AdtsFormatWatch watch;
+    for (const auto& [bytes, said] : steps) EXPECT_EQ(watch.changed(bytes.data(), bytes.size()).value_or(""), said);
+}
+
 TEST(SilenceWatch, EndsAMediaStreamThatLagsTheOthersByMoreThanTheLimit) {
     const struct { std::vector<std::pair<std::size_t, std::int64_t>> steps; std::vector<std::size_t> silent; } cases[] = {
         {{{0, 100}, {1, 101}, {0, 111}, {1, 111}, {0, 121}}, {}},
