@@ -41,6 +41,11 @@ constexpr std::int64_t kSilenceLag = 2 * 10000000LL;  // 100 ns units
 
 }  // namespace
 
+namespace {
+// How many changes a watch says at most.
+constexpr std::size_t kMostTold = 8;
+}  // namespace
+
 bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
     std::vector<std::vector<std::uint8_t>> sets;
     // Each NAL unit runs from after its start code to the next start code; trailing zero bytes belong to neither.
@@ -66,6 +71,8 @@ bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
     }
     bool news = false;
     for (std::vector<std::uint8_t>& set : sets) {
+        // A stream that changes them all the time is said a few times, not for weeks on end.
+        if (m_told.size() >= kMostTold) break;
         if (std::find(m_first->begin(), m_first->end(), set) != m_first->end() ||
             std::find(m_told.begin(), m_told.end(), set) != m_told.end())
             continue;
@@ -82,7 +89,9 @@ std::optional<std::string> AdtsFormatWatch::changed(const std::uint8_t* data, st
     const std::uint32_t channels = ((data[2] & 0x01u) << 2) | (data[3] >> 6);
     const std::uint32_t format = profile << 7 | rateIndex << 3 | channels;
     if (!m_first) m_first = format;
-    if (format == *m_first || std::find(m_told.begin(), m_told.end(), format) != m_told.end()) return std::nullopt;
+    if (format == *m_first || m_told.size() >= kMostTold ||
+        std::find(m_told.begin(), m_told.end(), format) != m_told.end())
+        return std::nullopt;
     m_told.push_back(format);
     static constexpr std::uint32_t kRates[16] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
                                                  16000, 12000, 11025, 8000,  7350,  0,     0,     0};

@@ -51,7 +51,7 @@ class ParameterSetWatch {
 public:
     explicit ParameterSetWatch(bool hevc) : m_hevc(hevc) {}
     // Notes a key frame; true when it carries a sequence parameter set that the first key frame did not, the
-    // first time it does.
+    // first time it does (for the first eight such sets).
     bool changed(const std::uint8_t* data, std::size_t size);
 
 private:
