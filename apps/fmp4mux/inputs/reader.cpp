@@ -55,14 +55,15 @@ bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
             if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) return i;
         return size;
     };
-    for (std::size_t start = nextStart(0); start < size; start = at) {
+    // Parameter sets come before the first slice: the scan stops there, short of the picture's bulk.
+    for (std::size_t start = nextStart(0); start + 3 < size; start = at) {
         const std::size_t begin = start + 3;
+        const unsigned type = m_hevc ? (data[begin] >> 1) & 0x3F : data[begin] & 0x1F;
+        if (m_hevc ? type < 32 : type >= 1 && type <= 5) break;
         at = nextStart(begin);
         std::size_t end = at;
         while (end > begin && data[end - 1] == 0) --end;
-        if (end <= begin) continue;
-        const unsigned type = m_hevc ? (data[begin] >> 1) & 0x3F : data[begin] & 0x1F;
-        if (type == (m_hevc ? 33u : 7u)) sets.emplace_back(data + begin, data + end);
+        if (type == (m_hevc ? 33u : 7u) && end > begin) sets.emplace_back(data + begin, data + end);
     }
     if (sets.empty()) return false;  // a key frame without its own: the ones before still hold
     if (!m_first) {
