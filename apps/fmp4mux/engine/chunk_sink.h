@@ -25,7 +25,8 @@ public:
     // Smooth chunk, the end-of-segment box of a DASH chunk, or its end-of-chunk box when no more bytes follow in
     // the buffer: a low-latency chunk inside a segment); any other chunk is completed by the start of the
     // next one or by the end of the stream. `bufferCount`: how many 8192-byte buffers to ask of the output (the
-    // bytes they come to, in larger buffers); the sink copies each buffer at once, so the pool needs to hold one chunk.
+    // bytes they come to, in larger buffers); the sink copies each buffer at once, so the pool needs to hold one
+    // chunk.
     ChunkSink(bool dash, long bufferCount, Handler handler, Rooms rooms = {});
 
     tvrn::encoding::filter::HRESULT Receive(tvrn::encoding::filter::IMediaSample3* sample) override;

@@ -141,7 +141,8 @@ bool isDependent(const std::uint8_t* ac3) { return (ac3[2] >> 6) == 1; }
 std::vector<std::uint8_t> silentAc3Frame(const std::uint8_t* data, std::size_t size) {
     es::Ac3StreamInfo real;
     es::Ac3FrameParameters params;
-    if (size < 7 || !es::parseAc3FrameParameters(data, params) || !es::parseAc3StreamInfo({data, size}, real)) return {};
+    if (size < 7 || !es::parseAc3FrameParameters(data, params) || !es::parseAc3StreamInfo({data, size}, real))
+        return {};
     if (real.isEac3 && (real.strmtyp != 0 || real.substreamId != 0)) return {};
     for (std::size_t at = params.frameSize; at + 7 <= size;) {
         es::Ac3FrameParameters next;

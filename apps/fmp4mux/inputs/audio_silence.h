@@ -5,9 +5,10 @@
 // goes on; when it comes back it takes over from the silence again.
 //
 // The silent frame matches the stream's first frame: AAC-LC in ADTS in a channel configuration of 1 (mono) to 7
-// (7.1), whose silence is a few bytes built here; AC-3, E-AC-3 (one independent substream) and MPEG-1 Layer II, whose silence libavcodec's encoder
-// makes once at the stream's rate, channels and bitrate, and which is used only when its header says what the
-// stream's does (a frame of another size or channel layout would change the track's sample description).
+// (7.1), whose silence is a few bytes built here; AC-3, E-AC-3 (one independent substream) and MPEG-1 Layer II,
+// whose silence libavcodec's encoder makes once at the stream's rate, channels and bitrate, and which is used only
+// when its header says what the stream's does (a frame of another size or channel layout would change the
+// track's sample description).
 #include <cstdint>
 #include <optional>
 #include <string>

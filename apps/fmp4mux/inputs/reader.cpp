@@ -247,7 +247,8 @@ void InputReader::run() {
                     if (fill && fill->filling())
                         for (Packet& silent : fill->upTo(*placed - kSilenceLag)) forward(silent);
             }
-            if (packet.key && parameterSets[packet.stream] && parameterSets[packet.stream]->changed(packet.data, packet.size))
+            std::optional<ParameterSetWatch>& sets = parameterSets[packet.stream];
+            if (packet.key && sets && sets->changed(packet.data, packet.size))
                 warn(name(packet.stream) + ": its sequence parameter set changed" +
                      (placed ? " at " + std::to_string(*placed / 10000000) + " s" : std::string()) +
                      " (an encoder restarted with other settings?); the track keeps the first one, so players decode "
