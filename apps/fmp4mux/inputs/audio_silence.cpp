@@ -1,12 +1,12 @@
 #include "apps/fmp4mux/inputs/audio_silence.h"
 
 #include <memory>
-#include <span>
+#include <optional>
 
 #include "apps/fmp4mux/inputs/adts.h"
-#include "packaging/lib_parse_es/nal_audio_frames.h"
 
 extern "C" {
+#include <libavcodec/ac3_parser.h>
 #include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
@@ -15,13 +15,74 @@ extern "C" {
 
 namespace fmp4mux {
 
-namespace es = tvrn::encoding::packaging::lib_parse_es;
-
 namespace {
 constexpr std::uint32_t kAacRates[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                          22050, 16000, 12000, 11025, 8000,  7350};
-// MPEG-1 Layer II bitrates in kbit/s by index (ISO/IEC 11172-3, 2.4.2.3).
+// MPEG-1 Layer II bitrates in kbit/s by index, and sampling rates (ISO/IEC 11172-3, 2.4.2.3).
 constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
+constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
+
+// What the header of an MPEG-1 Layer II frame says: its size, rate, channels and bitrate index.
+struct Layer2Frame {
+    std::size_t size = 0;
+    std::uint32_t rate = 0, channels = 0, bitrateIndex = 0;
+};
+std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size) {
+    // Sync word, ID 1 (MPEG-1), layer field 2 (Layer II); a bitrate of the table and a rate other than reserved.
+    if (size < 4 || p[0] != 0xFF || (p[1] & 0xFE) != 0xFC) return std::nullopt;
+    const std::uint32_t bitrateIndex = p[2] >> 4, rateIndex = (p[2] >> 2) & 3u, padding = (p[2] >> 1) & 1u;
+    if (bitrateIndex == 0 || bitrateIndex == 15 || rateIndex == 3) return std::nullopt;
+    Layer2Frame frame;
+    frame.rate = kMpeg1Rates[rateIndex];
+    frame.size = 144u * kLayer2Kbps[bitrateIndex] * 1000u / frame.rate + padding;
+    frame.channels = (p[3] >> 6) == 3 ? 1 : 2;
+    frame.bitrateIndex = bitrateIndex;
+    return frame;
+}
+
+// What the header of an AC-3 or E-AC-3 sync frame says that its silence has to match (ETSI TS 102 366, 4.4.1
+// and E.1.2): libavcodec reads its size and kind, the fields are read here.
+struct DolbyFrame {
+    std::size_t size = 0;
+    bool eac3 = false;
+    unsigned strmtyp = 0, substreamId = 0;  // E-AC-3: 0 independent, 1 dependent
+    unsigned fscod = 0, blocks = 6, acmod = 0;
+    bool lfeon = false;
+    std::uint32_t rate = 0;  // audio samples a second
+};
+std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size) {
+    std::uint8_t bsid = 0;
+    std::uint16_t frameSize = 0;
+    if (size < 8 || av_ac3_parse_header(p, size, &bsid, &frameSize) < 0 || frameSize == 0) return std::nullopt;
+    static constexpr std::uint32_t kRates[3] = {48000, 44100, 32000}, kHalfRates[3] = {24000, 22050, 16000};
+    static constexpr unsigned kBlocks[4] = {1, 2, 3, 6};
+    DolbyFrame frame;
+    frame.size = frameSize;
+    frame.fscod = p[4] >> 6;
+    if (bsid > 10) {
+        // E-AC-3: strmtyp (2), substreamid (3), frmsiz (11); fscod (2), numblkscod or fscod2 (2), acmod (3), lfeon.
+        const unsigned code = (p[4] >> 4) & 3u;
+        frame.eac3 = true;
+        frame.strmtyp = p[2] >> 6;
+        frame.substreamId = (p[2] >> 3) & 7u;
+        if (frame.fscod == 3 && code == 3) return std::nullopt;
+        frame.blocks = frame.fscod == 3 ? 6 : kBlocks[code];
+        frame.rate = frame.fscod == 3 ? kHalfRates[code] : kRates[frame.fscod];
+        frame.acmod = (p[4] >> 1) & 7u;
+        frame.lfeon = (p[4] & 1u) != 0;
+        return frame;
+    }
+    // AC-3: after bsid and bsmod, acmod (3); the mix levels its channels have (2 bits each), then lfeon.
+    if (frame.fscod == 3) return std::nullopt;
+    frame.rate = kRates[frame.fscod];
+    frame.acmod = p[6] >> 5;
+    unsigned bit = 6 * 8 + 3;
+    if ((frame.acmod & 1u) != 0 && frame.acmod != 1) bit += 2;  // cmixlev
+    if ((frame.acmod & 4u) != 0) bit += 2;                      // surmixlev
+    if (frame.acmod == 2) bit += 2;                             // dsurmod
+    frame.lfeon = ((static_cast<unsigned>(p[bit / 8]) >> (7 - bit % 8)) & 1u) != 0;
+    return frame;
+}
 
 // A raw_data_block() of silence (ISO/IEC 14496-3 4.4.2) for a channel configuration of 1 to 7: its elements in
 // the order the configuration lists them (4.5.1.2.1), each with max_sfb 0, so no spectral data, and global_gain,
@@ -120,7 +181,7 @@ std::vector<std::uint8_t> encodedSilence(const char* name, int rate, std::uint64
 }
 
 // The channel mask of an AC-3 audio coding mode (1/0 to 3/2) with or without LFE; 0 for dual mono (1+1).
-std::uint64_t ac3Layout(std::uint8_t acmod, bool lfeon) {
+std::uint64_t ac3Layout(unsigned acmod, bool lfeon) {
     static constexpr std::uint64_t kModes[8] = {0,
                                                 AV_CH_LAYOUT_MONO,
                                                 AV_CH_LAYOUT_STEREO,
@@ -133,53 +194,40 @@ std::uint64_t ac3Layout(std::uint8_t acmod, bool lfeon) {
     return mask == 0 ? 0 : mask | (lfeon ? AV_CH_LOW_FREQUENCY : 0);
 }
 
-bool isDependent(const std::uint8_t* ac3) { return (ac3[2] >> 6) == 1; }
-
 // A silent AC-3 or E-AC-3 frame for a stream whose packet starts with `data`, when one that says what its frames
-// say can be made: the same kind, rate, coding mode, LFE and frame size (so the same bitrate and, for E-AC-3, the
-// same blocks a frame). A stream with dependent substreams (7.1) gets none.
-std::vector<std::uint8_t> silentAc3Frame(const std::uint8_t* data, std::size_t size) {
-    es::Ac3StreamInfo real;
-    es::Ac3FrameParameters params;
-    if (size < 7 || !es::parseAc3FrameParameters(data, params) || !es::parseAc3StreamInfo({data, size}, real))
-        return {};
-    if (real.isEac3 && (real.strmtyp != 0 || real.substreamId != 0)) return {};
-    for (std::size_t at = params.frameSize; at + 7 <= size;) {
-        es::Ac3FrameParameters next;
-        if (!es::parseAc3FrameParameters(data + at, next) || next.frameSize == 0) break;
-        if (next.isEac3 && isDependent(data + at)) return {};
-        at += next.frameSize;
+// say can be made: the same kind, rate, blocks, coding mode, LFE and frame size (so the same bitrate). A stream
+// with dependent substreams (7.1) gets none.
+std::vector<std::uint8_t> silentDolbyFrame(const std::uint8_t* data, std::size_t size) {
+    const std::optional<DolbyFrame> real = readDolbyFrame(data, size);
+    if (!real || (real->eac3 && (real->strmtyp != 0 || real->substreamId != 0))) return {};
+    for (std::size_t at = real->size; at < size;) {
+        const std::optional<DolbyFrame> next = readDolbyFrame(data + at, size - at);
+        if (!next) break;
+        if (next->eac3 && next->strmtyp == 1) return {};
+        at += next->size;
     }
-    const std::uint64_t layout = ac3Layout(real.acmod, real.lfeon);
+    const std::uint64_t layout = ac3Layout(real->acmod, real->lfeon);
     if (layout == 0) return {};
+    const auto bitRate = static_cast<std::int64_t>(real->size * 8 * real->rate / (real->blocks * 256));
     std::vector<std::uint8_t> frame =
-        encodedSilence(real.isEac3 ? "eac3" : "ac3", static_cast<int>(real.sampleRate), layout, params.bitRate);
-    es::Ac3StreamInfo made;
-    es::Ac3FrameParameters madeParams;
-    if (frame.size() < 7 || !es::parseAc3FrameParameters(frame.data(), madeParams) ||
-        !es::parseAc3StreamInfo(frame, made))
-        return {};
-    const bool same = made.isEac3 == real.isEac3 && made.strmtyp == real.strmtyp && made.fscod == real.fscod &&
-                      made.acmod == real.acmod && made.lfeon == real.lfeon && made.frameSize == real.frameSize &&
-                      madeParams.sampleRate == params.sampleRate && frame.size() == made.frameSize;
+        encodedSilence(real->eac3 ? "eac3" : "ac3", static_cast<int>(real->rate), layout, bitRate);
+    const std::optional<DolbyFrame> made = readDolbyFrame(frame.data(), frame.size());
+    const bool same = made && made->size == frame.size() && made->size == real->size && made->eac3 == real->eac3 &&
+                      made->strmtyp == 0 && made->fscod == real->fscod && made->blocks == real->blocks &&
+                      made->acmod == real->acmod && made->lfeon == real->lfeon;
     return same ? frame : std::vector<std::uint8_t>{};
 }
 
 // A silent MPEG-1 Layer II frame with the rate, channels and bitrate of the frame at `data`.
 std::vector<std::uint8_t> silentLayer2Frame(const std::uint8_t* data, std::size_t size) {
-    es::Mpeg1AudioHeader real;
-    if (size < 4 || es::mpeg1FrameSize(data, false) == 0 || !es::parseMpeg1AudioHeader({data, size}, real)) return {};
-    const std::uint32_t kbps = kLayer2Kbps[data[2] >> 4];
-    if (real.layerField != 2 || kbps == 0) return {};
-    std::vector<std::uint8_t> frame = encodedSilence(
-        "mp2", static_cast<int>(real.sampleRate), real.channels == 1 ? AV_CH_LAYOUT_MONO : AV_CH_LAYOUT_STEREO,
-        static_cast<std::int64_t>(kbps) * 1000);
-    es::Mpeg1AudioHeader made;
-    if (frame.size() < 4 || es::mpeg1FrameSize(frame.data(), false) != frame.size() ||
-        !es::parseMpeg1AudioHeader(frame, made))
-        return {};
-    const bool same = made.layerField == real.layerField && made.sampleRate == real.sampleRate &&
-                      made.channels == real.channels && (frame[2] >> 4) == (data[2] >> 4);
+    const std::optional<Layer2Frame> real = readLayer2Frame(data, size);
+    if (!real) return {};
+    std::vector<std::uint8_t> frame =
+        encodedSilence("mp2", static_cast<int>(real->rate), real->channels == 1 ? AV_CH_LAYOUT_MONO : AV_CH_LAYOUT_STEREO,
+                       static_cast<std::int64_t>(kLayer2Kbps[real->bitrateIndex]) * 1000);
+    const std::optional<Layer2Frame> made = readLayer2Frame(frame.data(), frame.size());
+    const bool same = made && made->size == frame.size() && made->rate == real->rate &&
+                      made->channels == real->channels && made->bitrateIndex == real->bitrateIndex;
     return same ? frame : std::vector<std::uint8_t>{};
 }
 }  // namespace
@@ -198,18 +246,15 @@ AudioSilence::Frame AudioSilence::readFrame(const std::string& codec, const std:
         return {length, 1024u * ((data[6] & 0x03u) + 1), kAacRates[rateIndex]};
     }
     if (codec == "ac3" || codec == "eac3") {
-        es::Ac3FrameParameters params;
-        if (size < 7 || !es::parseAc3FrameParameters(data, params) || params.frameSize == 0 || params.frameSize > size)
-            return frame;
-        // E-AC-3 rates are scaled so that every frame stands for 1536 ticks, whatever its count of blocks.
-        if (params.isEac3 && isDependent(data)) return {params.frameSize, 0, params.sampleRate};
-        return {params.frameSize, 1536, params.sampleRate};
+        const std::optional<DolbyFrame> dolby = readDolbyFrame(data, size);
+        if (!dolby || dolby->size > size) return frame;
+        // A dependent substream belongs to the independent one before it: no samples of its own.
+        return {dolby->size, dolby->eac3 && dolby->strmtyp == 1 ? 0 : dolby->blocks * 256, dolby->rate};
     }
     if (codec == "mp2") {
-        es::Mpeg1AudioHeader header;
-        const std::uint32_t length = size >= 4 ? es::mpeg1FrameSize(data, false) : 0;
-        if (length == 0 || length > size || !es::parseMpeg1AudioHeader({data, size}, header)) return frame;
-        return {length, header.layerField == 3 ? 384u : 1152u, header.sampleRate};
+        const std::optional<Layer2Frame> layer2 = readLayer2Frame(data, size);
+        if (!layer2 || layer2->size > size) return frame;
+        return {layer2->size, 1152, layer2->rate};
     }
     return frame;
 }
@@ -221,7 +266,7 @@ void AudioSilence::makeFrame(const std::uint8_t* data, std::size_t size) {
     if (m_codec == "aac")
         m_frame = size >= 7 && adtsFrameLength(data) != 0 ? silentAdtsFrame(data) : std::vector<std::uint8_t>{};
     else if (m_codec == "ac3" || m_codec == "eac3")
-        m_frame = silentAc3Frame(data, size);
+        m_frame = silentDolbyFrame(data, size);
     else if (m_codec == "mp2")
         m_frame = silentLayer2Frame(data, size);
     const Frame made = m_frame.empty() ? Frame{} : readFrame(m_codec, m_frame.data(), m_frame.size());
