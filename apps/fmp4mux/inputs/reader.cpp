@@ -39,11 +39,9 @@ private:
 
 constexpr std::int64_t kSilenceLag = 2 * 10000000LL;  // 100 ns units
 
-}  // namespace
-
-namespace {
 // How many changes a watch says at most.
 constexpr std::size_t kMostTold = 8;
+
 }  // namespace
 
 bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {

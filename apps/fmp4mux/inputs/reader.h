@@ -60,8 +60,6 @@ private:
     std::vector<std::vector<std::uint8_t>> m_told;
 };
 
-// The audio and video streams of one input that fall silent while another goes on. Times are placed times,
-// 100 ns units; a stream that has delivered nothing yet counts from the input's first time.
 // The configuration that the ADTS headers of an AAC stream carry (object type, sampling rate, channels) against
 // its first frame's: the track's decoder is set up once, from the first, so frames of another (a programme in 5.1
 // after one in stereo, an encoder restarted) decode wrongly.
@@ -76,6 +74,8 @@ private:
     std::vector<std::uint32_t> m_told;
 };
 
+// The audio and video streams of one input that fall silent while another goes on. Times are placed times,
+// 100 ns units; a stream that has delivered nothing yet counts from the input's first time.
 class SilenceWatch {
 public:
     SilenceWatch(std::vector<bool> media, std::int64_t limit);
