@@ -146,6 +146,91 @@ std::vector<std::uint8_t> silentAdtsFrame(const std::uint8_t* p) {
     return frame;
 }
 
+// Bits read most significant first; reading past the end gives zeros and marks the reader spent.
+class Bits {
+public:
+    Bits(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
+    std::uint32_t read(unsigned count) {
+        std::uint32_t value = 0;
+        for (unsigned i = 0; i < count; ++i, ++m_at) {
+            const bool bit = m_at / 8 < m_size && ((m_data[m_at / 8] >> (7 - m_at % 8)) & 1u) != 0;
+            if (m_at / 8 >= m_size) m_spent = true;
+            value = value << 1 | (bit ? 1u : 0u);
+        }
+        return value;
+    }
+    bool spent() const { return m_spent; }
+
+private:
+    const std::uint8_t* m_data;
+    std::size_t m_size;
+    std::size_t m_at = 0;
+    bool m_spent = false;
+};
+
+// The length of the LOAS AudioSyncStream frame at `p` (ISO/IEC 14496-3, 1.7.2: sync word 0x2B7 and 13 bits of
+// audioMuxLengthBytes), or 0.
+std::size_t loasFrameLength(const std::uint8_t* p, std::size_t size) {
+    if (size < 3 || p[0] != 0x56 || (p[1] & 0xE0) != 0xE0) return 0;
+    return 3 + ((static_cast<std::size_t>(p[1] & 0x1F) << 8) | p[2]);
+}
+
+// What a LOAS frame that carries its StreamMuxConfig says, when it is one that silence can be made for: version
+// 0, one program of one layer of AAC-LC in 1024-sample frames, a channel configuration of 1 to 7, frames whose
+// length is given in bytes, no other data and no CRC (ISO/IEC 14496-3, 1.7.3). `carriesConfig` tells a frame that
+// leaves the configuration to an earlier one (useSameStreamMux) from one that is unsuitable.
+struct LatmConfig {
+    unsigned rateIndex = 0, channels = 0;
+};
+std::optional<LatmConfig> readLatmConfig(const std::uint8_t* p, std::size_t size, bool& carriesConfig) {
+    carriesConfig = false;
+    const std::size_t length = loasFrameLength(p, size);
+    if (length == 0 || length > size) return std::nullopt;
+    Bits bits(p + 3, length - 3);
+    if (bits.read(1) != 0) return std::nullopt;  // useSameStreamMux
+    carriesConfig = true;
+    if (bits.read(1) != 0) return std::nullopt;  // audioMuxVersion
+    // allStreamsSameTimeFraming 1, numSubFrames 0, numProgram 0, numLayer 0
+    if (bits.read(1) != 1 || bits.read(6) != 0 || bits.read(4) != 0 || bits.read(3) != 0) return std::nullopt;
+    // AudioSpecificConfig: object type 2 (AAC-LC), a rate of the table, channels; GASpecificConfig of a 1024-sample
+    // frame that depends on no core coder.
+    LatmConfig config;
+    if (bits.read(5) != 2) return std::nullopt;
+    config.rateIndex = bits.read(4);
+    config.channels = bits.read(4);
+    if (config.rateIndex >= 13 || config.channels < 1 || config.channels > 7) return std::nullopt;
+    if (bits.read(1) != 0 || bits.read(1) != 0) return std::nullopt;  // frameLengthFlag, dependsOnCoreCoder
+    bits.read(1);                                                     // extensionFlag
+    if (bits.read(3) != 0) return std::nullopt;                       // frameLengthType: payload length in bytes
+    bits.read(8);                                                     // latmBufferFullness
+    if (bits.read(1) != 0 || bits.read(1) != 0) return std::nullopt;  // otherDataPresent, crcCheckPresent
+    if (bits.spent()) return std::nullopt;
+    return config;
+}
+
+// A LOAS frame of silence that uses the configuration sent before it (useSameStreamMux 1): the payload length in
+// bytes (PayloadLengthInfo, a byte each 255 and the rest) and the silent raw data block, then zero bits to the byte.
+std::vector<std::uint8_t> silentLatmFrame(unsigned channels) {
+    const std::vector<std::uint8_t> block = silentRawDataBlock(channels);
+    std::vector<std::uint8_t> bits;  // one entry a bit
+    const auto put = [&bits](std::uint32_t value, unsigned count) {
+        for (unsigned i = count; i-- > 0;) bits.push_back(static_cast<std::uint8_t>((value >> i) & 1u));
+    };
+    put(1, 1);
+    std::size_t left = block.size();
+    for (; left >= 255; left -= 255) put(255, 8);
+    put(static_cast<std::uint32_t>(left), 8);
+    for (const std::uint8_t byte : block) put(byte, 8);
+    std::vector<std::uint8_t> frame(3 + (bits.size() + 7) / 8, 0);
+    for (std::size_t i = 0; i < bits.size(); ++i)
+        if (bits[i] != 0) frame[3 + i / 8] = static_cast<std::uint8_t>(frame[3 + i / 8] | (0x80u >> (i % 8)));
+    const std::size_t length = frame.size() - 3;
+    frame[0] = 0x56;
+    frame[1] = static_cast<std::uint8_t>(0xE0 | (length >> 8));
+    frame[2] = static_cast<std::uint8_t>(length);
+    return frame;
+}
+
 // One frame of silence from libavcodec's encoder `name`: its first packet for silent input, or nothing when the
 // encoder is missing or refuses the parameters.
 std::vector<std::uint8_t> encodedSilence(const char* name, int rate, std::uint64_t channelMask, std::int64_t bitRate) {
@@ -233,7 +318,7 @@ std::vector<std::uint8_t> silentLayer2Frame(const std::uint8_t* data, std::size_
 }  // namespace
 
 bool AudioSilence::fills(const std::string& codec) {
-    return codec == "aac" || codec == "ac3" || codec == "eac3" || codec == "mp2";
+    return codec == "aac" || codec == "aac_latm" || codec == "ac3" || codec == "eac3" || codec == "mp2";
 }
 
 AudioSilence::Frame AudioSilence::readFrame(const std::string& codec, const std::uint8_t* data, std::size_t size) {
@@ -244,6 +329,12 @@ AudioSilence::Frame AudioSilence::readFrame(const std::string& codec, const std:
         const unsigned rateIndex = (data[2] >> 2) & 0x0F;
         if (length == 0 || length > size || rateIndex >= 13) return frame;
         return {length, 1024u * ((data[6] & 0x03u) + 1), kAacRates[rateIndex]};
+    }
+    if (codec == "aac_latm") {
+        // The rate is in the configuration, which not every frame carries: the caller knows it.
+        const std::size_t length = loasFrameLength(data, size);
+        if (length == 0 || length > size) return frame;
+        return {length, 1024, 0};
     }
     if (codec == "ac3" || codec == "eac3") {
         const std::optional<DolbyFrame> dolby = readDolbyFrame(data, size);
@@ -262,6 +353,18 @@ AudioSilence::Frame AudioSilence::readFrame(const std::string& codec, const std:
 void AudioSilence::makeFrame(const std::uint8_t* data, std::size_t size) {
     // The first packet that starts with a frame decides: one made for its header, or none for the stream.
     if (readFrame(m_codec, data, size).length == 0) return;
+    if (m_codec == "aac_latm") {
+        // LOAS: the first frame that carries its configuration decides.
+        bool carriesConfig = false;
+        const std::optional<LatmConfig> config = readLatmConfig(data, size, carriesConfig);
+        if (!carriesConfig) return;
+        m_looked = true;
+        if (!config) return;
+        m_frame = silentLatmFrame(config->channels);
+        m_samples = 1024;
+        m_rate = kAacRates[config->rateIndex];
+        return;
+    }
     m_looked = true;
     if (m_codec == "aac")
         m_frame = size >= 7 && adtsFrameLength(data) != 0 ? silentAdtsFrame(data) : std::vector<std::uint8_t>{};
@@ -293,7 +396,7 @@ void AudioSilence::noteReal(const Packet& packet) {
         const Frame frame = readFrame(m_codec, packet.data + at, packet.size - at);
         if (frame.length == 0) break;
         samples += frame.samples;
-        if (rate == 0) rate = frame.rate;
+        if (rate == 0) rate = frame.rate != 0 ? frame.rate : m_rate;
         at += frame.length;
     }
     if (samples > 0 && rate > 0) m_end = *t + static_cast<std::int64_t>(samples * 10000000ULL / rate);

@@ -4,8 +4,8 @@
 // players then run out of audio and stall, and the stream could not come back. Filled with silence, its timeline
 // goes on; when it comes back it takes over from the silence again.
 //
-// The silent frame matches the stream's first frame: AAC-LC in ADTS in a channel configuration of 1 (mono) to 7
-// (7.1), whose silence is a few bytes built here; AC-3, E-AC-3 (one independent substream) and MPEG-1 Layer II,
+// The silent frame matches the stream's first frame: AAC-LC in ADTS or LATM in a channel configuration of 1 (mono)
+// to 7 (7.1), whose silence is a few bytes built here (in LATM, after the stream's own StreamMuxConfig); AC-3, E-AC-3 (one independent substream) and MPEG-1 Layer II,
 // whose silence libavcodec's encoder makes once at the stream's rate, channels and bitrate, and which is used only
 // when its header says what the stream's does (a frame of another size or channel layout would change the
 // track's sample description).
@@ -22,7 +22,7 @@ class AudioSilence {
 public:
     // A stream of `codec`, as libavcodec names it.
     AudioSilence(std::size_t stream, std::string codec) : m_stream(stream), m_codec(std::move(codec)) {}
-    // Whether streams of `codec` can be filled at all: "aac", "ac3", "eac3" and "mp2".
+    // Whether streams of `codec` can be filled at all: "aac", "aac_latm", "ac3", "eac3" and "mp2".
     static bool fills(const std::string& codec);
 
     // A packet of the stream itself, its times placed (100 ns units): its first frame tells what silence to make,

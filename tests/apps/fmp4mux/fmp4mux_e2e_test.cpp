@@ -85,6 +85,7 @@ const Source kVideoAndAc3 = testPictures("ac3.ts", "640x360", "400k", "ac3 -ac 6
 const Source kVideoAndEac3 = testPictures("eac3.mp4", "640x360", "400k", "eac3");
 const Source kVideoAndMp3 = testPictures("mp3.mp4", "640x360", "400k", "libmp3lame");
 const Source kVideoAndAac51 = testPictures("aac51.ts", "640x360", "400k", "aac -ac 6");
+const Source kVideoAndLatm = testPictures("latm.ts", "640x360", "400k", "aac -mpegts_flags latm");
 // h264.ts, then 6 s of r-high.ts (960x540, other parameter sets) from 7 s on: an encoder restarted with other settings.
 const Source kHighLater{"r-high-7s.ts", ffmpeg("-i " + q(path(kHigh)) + " -map 0 -c copy -output_ts_offset 7 -f mpegts"), {kHigh}};
 const Source kResized{"resized.ts", "cat " + q(path(kH264)) + " " + q(path(kHighLater)) + " >", {kH264, kHighLater}};
@@ -740,11 +741,11 @@ std::vector<std::uint8_t> withoutAudioFromTheMiddle(bool pmtSaysSo = true, bool 
 // The audio leaves the program half way (after 3 of the 6 s): it ends there, and the video goes on without it to its
 // last frame, in segments of 2 s (waiting for the audio, the last two would be one at the end). Or the audio just
 // stops coming while the PMT still lists it: at the stream timeout silent frames take its place, to the end, in
-// every audio format that silence is made for: AAC stereo and 5.1, AC-3 5.1, E-AC-3 and MP2, each decoded without
-// an error in the channel layout it came in.
+// every audio format that silence is made for: AAC stereo and 5.1 in ADTS, AAC in LATM, AC-3 5.1, E-AC-3 and MP2,
+// each decoded without an error in the channel layout it came in.
 TEST(Fmp4muxEndToEnd, AStreamThatLeavesTheProgramEndsAndOneThatFallsSilentIsFilledWithSilence) {
     const std::vector<std::pair<Source, bool>> rows{
-        {kH264, true},         {kH264, false},           {kVideoAndAac51, false},
+        {kH264, true},         {kH264, false},           {kVideoAndAac51, false}, {kVideoAndLatm, false},
         {kVideoAndAc3, false}, {kVideoAndEac3Ts, false}, {kVideoAndMp2, false}};
     for (const auto& [source, pmtSaysSo] : rows) {
         const std::string name = (pmtSaysSo ? "audio-leaves-" : "audio-silent-") + fs::path(source.name).stem().string();

@@ -432,10 +432,44 @@ TEST(AudioSilence, SilentFramesFollowOnFromTheStreamAndHandBackToIt) {
     EXPECT_FALSE(none.canFill());
 }
 
+// LOAS/LATM: a frame whose StreamMuxConfig says AAC-LC, 48 kHz, stereo (20 00 11 90 1F E0: version 0, one program
+// and layer, object type 2, rate index 3, channel configuration 2, frame length in bytes, buffer fullness 0xFF, no
+// other data, no CRC), at 1 s. Its silence uses that configuration: useSameStreamMux 1, a payload length of 6 and
+// the silent stereo block 21 00 00 00 00 1C, shifted by those 9 bits: 83 10 80 00 00 00 0E 00, after 56 E0 08.
+// A frame that leaves its configuration to an earlier one decides nothing; HE-AAC (object type 5) gets no silence.
+TEST(AudioSilence, LatmSilenceUsesTheConfigurationOfTheStream) {
+    const std::vector<std::uint8_t> config = {0x56, 0xE0, 0x06, 0x20, 0x00, 0x11, 0x90, 0x1F, 0xE0};
+    const std::vector<std::uint8_t> same = {0x56, 0xE0, 0x02, 0x80, 0x00};
+    fmp4mux::Packet real;
+    real.pts = real.dts = 10000000;
+    fmp4mux::AudioSilence fill(2, "aac_latm");
+    real.data = same.data();
+    real.size = same.size();
+    fill.noteReal(real);
+    EXPECT_FALSE(fill.canFill());
+    real.data = config.data();
+    real.size = config.size();
+    fill.noteReal(real);
+    ASSERT_TRUE(fill.canFill());
+    fill.start();
+    const auto frames = fill.upTo(10000000 + 2 * 213333 + 1);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].owned,
+              (std::vector<std::uint8_t>{0x56, 0xE0, 0x08, 0x83, 0x10, 0x80, 0x00, 0x00, 0x00, 0x0E, 0x00}));
+    EXPECT_EQ(*frames[0].pts, 10000000 + 213333);
+    std::vector<std::uint8_t> he = config;
+    he[5] = 0x29;  // object type 00101
+    fmp4mux::AudioSilence none(2, "aac_latm");
+    real.data = he.data();
+    none.noteReal(real);
+    EXPECT_FALSE(none.canFill());
+}
+
 // The frames that time a PES of each codec, from headers worked out by hand: AAC (ADTS, 48 kHz, 1 and 2 raw data
 // blocks); AC-3 48 kHz at 384 kbit/s (frmsizecod 28: 768 words); an E-AC-3 dependent substream of 256 words (no
 // samples of its own); MPEG-1 Layer II 256 kbit/s at 44.1 kHz with padding (144 * 256000 / 44100 + 1 = 836 bytes).
-// A frame longer than the bytes left, an MP3 header read as MP2, and a codec without silence read as nothing.
+// A frame longer than the bytes left, an MP3 header read as MP2, and a codec without silence read as nothing. A
+// LOAS frame's rate is in its configuration, not in every frame.
 TEST(AudioSilence, ReadsTheLengthAndSamplesOfEachFrame) {
     struct Case { std::string codec; std::vector<std::uint8_t> header; std::size_t size; fmp4mux::AudioSilence::Frame want; };
     const std::vector<Case> cases{
@@ -447,6 +481,7 @@ TEST(AudioSilence, ReadsTheLengthAndSamplesOfEachFrame) {
         {"mp2", {0xFF, 0xFD, 0xC2, 0x00}, 836, {836, 1152, 44100}},
         {"mp2", {0xFF, 0xFB, 0xC2, 0x00}, 836, {0, 0, 0}},
         {"mp3", {0xFF, 0xFB, 0xC2, 0x00}, 836, {0, 0, 0}},
+        {"aac_latm", {0x56, 0xE0, 0x05}, 8, {8, 1024, 0}},
     };
     for (const Case& c : cases) {
         std::vector<std::uint8_t> bytes = c.header;
