@@ -153,8 +153,9 @@ public:
     std::uint32_t read(unsigned count) {
         std::uint32_t value = 0;
         for (unsigned i = 0; i < count; ++i, ++m_at) {
-            const bool bit = m_at / 8 < m_size && ((m_data[m_at / 8] >> (7 - m_at % 8)) & 1u) != 0;
-            if (m_at / 8 >= m_size) m_spent = true;
+            const bool inside = m_at / 8 < m_size;
+            const bool bit = inside && ((static_cast<unsigned>(m_data[m_at / 8]) >> (7 - m_at % 8)) & 1u) != 0;
+            if (!inside) m_spent = true;
             value = value << 1 | (bit ? 1u : 0u);
         }
         return value;
