@@ -5,7 +5,8 @@
 # half its CPU time, at most 80 MiB. fmp4mux also packages the input encrypted (Common Encryption, ClearKey
 # signalling, the key from a key file), so that what encryption costs shows beside it, and with
 # `--demuxer libavformat`, the reading path it had before its own MPEG-TS reader; and, for scale, the I/O alone:
-# the input split into files of 1 MiB in the same folder, what any packager of it pays in the kernel.
+# the input split into files of 1 MiB in the same folder, what any packager of it pays in the kernel, and the CPU
+# ratio of the two packagers above it (what each spends on its own work).
 #
 # The runs alternate, and each starts from the same state: the previous output removed and the page cache written
 # back (`sync`), since the system time of writing 300 MB depends on what the file system still has to flush.
@@ -94,6 +95,7 @@ awk -v fw="$fw" -v fc="$fc" -v fk="$fk" -v gw="$gw" -v gc="$gc" -v gk="$gk" -v e
   printf "%-28s %8.3f %8.3f\n", "I/O alone (split -b 1M)", pw, pc
   printf "speed (ffmpeg wall / fmp4mux wall): %.2fx   target >= 2: %s\n", gw / fw, (gw / fw >= 2) ? "met" : "NOT MET"
   printf "CPU (fmp4mux CPU / ffmpeg CPU):     %.2f    target <= 0.5: %s\n", fc / gc, (fc / gc <= 0.5) ? "met" : "NOT MET"
+  printf "CPU above the I/O alone:            %.2f    ((fmp4mux - split) / (ffmpeg - split))\n", (fc - pc) / (gc - pc)
   printf "peak memory:                        %.1f MiB target <= 80: %s\n", fk / 1024, (fk / 1024 <= 80) ? "met" : "NOT MET"
   printf "encryption cost (CPU):              %+.1f %%\n", (ec / fc - 1) * 100
 }'
