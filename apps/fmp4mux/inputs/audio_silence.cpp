@@ -16,8 +16,6 @@ extern "C" {
 namespace fmp4mux {
 
 namespace {
-constexpr std::uint32_t kAacRates[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                         22050, 16000, 12000, 11025, 8000,  7350};
 // MPEG-1 Layer II bitrates in kbit/s by index, and sampling rates (ISO/IEC 11172-3, 2.4.2.3).
 constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
 constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
@@ -90,6 +88,22 @@ std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size
 // element is its 3-bit id, a 4-bit tag, the 8-bit global_gain, an 11-bit ics_info and three flags: 29 bits. A
 // channel pair shares one window (common_window 1) and no M/S (ms_mask_present 00): 3 + 4 + 1 + 11 + 2 bits, then
 // global_gain and three flags for each channel: 43 bits. Mono comes to 00 00 00 07, stereo to 21 00 00 00 00 1C.
+// Bits written most significant first, the last byte filled up with zeros.
+class BitWriter {
+public:
+    void put(std::uint32_t value, unsigned count) {
+        for (unsigned i = count; i-- > 0; ++m_bits) {
+            if (m_bits % 8 == 0) m_bytes.push_back(0);
+            if ((value >> i) & 1u) m_bytes.back() = static_cast<std::uint8_t>(m_bytes.back() | (0x80u >> (m_bits % 8)));
+        }
+    }
+    std::vector<std::uint8_t> take() { return std::move(m_bytes); }
+
+private:
+    std::vector<std::uint8_t> m_bytes;
+    std::size_t m_bits = 0;
+};
+
 std::vector<std::uint8_t> silentRawDataBlock(unsigned configuration) {
     enum : unsigned { kSce = 0, kCpe = 1, kLfe = 3, kEnd = 7 };
     static const std::vector<unsigned> kElements[8] = {{},
@@ -100,15 +114,8 @@ std::vector<std::uint8_t> silentRawDataBlock(unsigned configuration) {
                                                        {kSce, kCpe, kCpe},
                                                        {kSce, kCpe, kCpe, kLfe},
                                                        {kSce, kCpe, kCpe, kCpe, kLfe}};
-    std::vector<std::uint8_t> out;
-    unsigned bits = 0;
-    const auto put = [&](std::uint32_t value, unsigned count) {
-        for (unsigned i = count; i-- > 0;) {
-            if (bits % 8 == 0) out.push_back(0);
-            if ((value >> i) & 1u) out.back() = static_cast<std::uint8_t>(out.back() | (0x80u >> (bits % 8)));
-            ++bits;
-        }
-    };
+    BitWriter out;
+    const auto put = [&out](std::uint32_t value, unsigned count) { out.put(value, count); };
     unsigned tags[8] = {};  // the next instance tag of each element kind
     for (const unsigned element : kElements[configuration]) {
         put(element, 3);
@@ -124,20 +131,19 @@ std::vector<std::uint8_t> silentRawDataBlock(unsigned configuration) {
         }
     }
     put(kEnd, 3);
-    return out;
+    return out.take();
 }
 
 // An ADTS frame of silence with the header of `p` (AAC-LC, a channel configuration of 1 to 7), or nothing for
 // another header.
 std::vector<std::uint8_t> silentAdtsFrame(const std::uint8_t* p) {
-    const unsigned profile = p[2] >> 6, rateIndex = (p[2] >> 2) & 0x0F;
-    const unsigned channels = ((p[2] & 0x01u) << 2) | (p[3] >> 6);
-    if (profile != 1 || rateIndex >= 13 || channels < 1 || channels > 7) return {};
+    const AdtsConfig config = adtsConfig(p);
+    if (config.profile != 1 || config.rateIndex >= 13 || config.channels < 1 || config.channels > 7) return {};
     std::vector<std::uint8_t> frame(p, p + 7);
     frame[1] |= 0x01;                            // protection_absent: no CRC
     frame[5] |= 0x1F;                            // buffer fullness 0x7FF: variable rate
     frame[6] = static_cast<std::uint8_t>(0xFC);  // and one raw_data_block
-    const std::vector<std::uint8_t> block = silentRawDataBlock(channels);
+    const std::vector<std::uint8_t> block = silentRawDataBlock(config.channels);
     frame.insert(frame.end(), block.begin(), block.end());
     const std::size_t length = frame.size();
     frame[3] = static_cast<std::uint8_t>((frame[3] & 0xFC) | (length >> 11));
@@ -213,21 +219,17 @@ std::optional<LatmConfig> readLatmConfig(const std::uint8_t* p, std::size_t size
 // bytes (PayloadLengthInfo, a byte each 255 and the rest) and the silent raw data block, then zero bits to the byte.
 std::vector<std::uint8_t> silentLatmFrame(unsigned channels) {
     const std::vector<std::uint8_t> block = silentRawDataBlock(channels);
-    std::vector<std::uint8_t> bits;  // one entry a bit
-    const auto put = [&bits](std::uint32_t value, unsigned count) {
-        for (unsigned i = count; i-- > 0;) bits.push_back(static_cast<std::uint8_t>((value >> i) & 1u));
-    };
-    put(1, 1);
+    BitWriter bits;
+    bits.put(0x2B7, 11);
+    bits.put(0, 13);  // audioMuxLengthBytes, once the frame is whole
+    bits.put(1, 1);   // useSameStreamMux
     std::size_t left = block.size();
-    for (; left >= 255; left -= 255) put(255, 8);
-    put(static_cast<std::uint32_t>(left), 8);
-    for (const std::uint8_t byte : block) put(byte, 8);
-    std::vector<std::uint8_t> frame(3 + (bits.size() + 7) / 8, 0);
-    for (std::size_t i = 0; i < bits.size(); ++i)
-        if (bits[i] != 0) frame[3 + i / 8] = static_cast<std::uint8_t>(frame[3 + i / 8] | (0x80u >> (i % 8)));
+    for (; left >= 255; left -= 255) bits.put(255, 8);
+    bits.put(static_cast<std::uint32_t>(left), 8);
+    for (const std::uint8_t byte : block) bits.put(byte, 8);
+    std::vector<std::uint8_t> frame = bits.take();
     const std::size_t length = frame.size() - 3;
-    frame[0] = 0x56;
-    frame[1] = static_cast<std::uint8_t>(0xE0 | (length >> 8));
+    frame[1] = static_cast<std::uint8_t>(frame[1] | (length >> 8));
     frame[2] = static_cast<std::uint8_t>(length);
     return frame;
 }
@@ -327,7 +329,7 @@ AudioSilence::Frame AudioSilence::readFrame(const std::string& codec, const std:
     if (codec == "aac") {
         if (size < 7) return frame;
         const std::size_t length = adtsFrameLength(data);
-        const unsigned rateIndex = (data[2] >> 2) & 0x0F;
+        const unsigned rateIndex = adtsConfig(data).rateIndex;
         if (length == 0 || length > size || rateIndex >= 13) return frame;
         return {length, 1024u * ((data[6] & 0x03u) + 1), kAacRates[rateIndex]};
     }
@@ -368,7 +370,7 @@ void AudioSilence::makeFrame(const std::uint8_t* data, std::size_t size) {
     }
     m_looked = true;
     if (m_codec == "aac")
-        m_frame = size >= 7 && adtsFrameLength(data) != 0 ? silentAdtsFrame(data) : std::vector<std::uint8_t>{};
+        m_frame = silentAdtsFrame(data);
     else if (m_codec == "ac3" || m_codec == "eac3")
         m_frame = silentDolbyFrame(data, size);
     else if (m_codec == "mp2")

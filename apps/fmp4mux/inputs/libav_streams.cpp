@@ -7,6 +7,7 @@
 
 #include "apps/fmp4mux/exit_error.h"
 #include "apps/fmp4mux/inputs/adts.h"
+#include "apps/fmp4mux/inputs/annex_b.h"
 #include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
@@ -260,19 +261,9 @@ std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::v
 // grow with the picture. MPEG-TS is read without libavformat's parsers, so its packets carry no reliable key-frame
 // flag of their own.
 bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
-    for (std::size_t i = 0; i + 3 < size; ++i) {
-        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-        const std::uint8_t header = data[i + 3];
-        if (hevc) {
-            const int type = (header >> 1) & 0x3F;
-            if (type < 32) return type >= 16 && type <= 21;  // the first VCL unit decides
-        } else {
-            const int type = header & 0x1F;
-            if (type >= 1 && type <= 5) return type == 5;
-        }
-        i += 2;
-    }
-    return false;
+    // The first VCL unit decides: an IDR slice of H.264, an IRAP picture of HEVC.
+    const int first = unitsBeforeFirstSlice(data, size, hevc, [](int, const std::uint8_t*, std::size_t) {});
+    return hevc ? first >= 16 && first <= 21 : first == 5;
 }
 
 // The demuxer flags a PES as damaged when the transport packet after it broke the continuity count, which a

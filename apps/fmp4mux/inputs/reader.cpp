@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "apps/fmp4mux/inputs/adts.h"
+#include "apps/fmp4mux/inputs/annex_b.h"
 #include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/pacing.h"
 
@@ -46,23 +47,9 @@ constexpr std::size_t kMostTold = 8;
 
 bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
     std::vector<std::vector<std::uint8_t>> sets;
-    // Each NAL unit runs from after its start code to the next start code; trailing zero bytes belong to neither.
-    std::size_t at = 0;
-    const auto nextStart = [&](std::size_t from) {
-        for (std::size_t i = from; i + 3 <= size; ++i)
-            if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) return i;
-        return size;
-    };
-    // Parameter sets come before the first slice: the scan stops there, short of the picture's bulk.
-    for (std::size_t start = nextStart(0); start + 3 < size; start = at) {
-        const std::size_t begin = start + 3;
-        const unsigned type = m_hevc ? (data[begin] >> 1) & 0x3F : data[begin] & 0x1F;
-        if (m_hevc ? type < 32 : type >= 1 && type <= 5) break;
-        at = nextStart(begin);
-        std::size_t end = at;
-        while (end > begin && data[end - 1] == 0) --end;
-        if (type == (m_hevc ? 33u : 7u) && end > begin) sets.emplace_back(data + begin, data + end);
-    }
+    unitsBeforeFirstSlice(data, size, m_hevc, [&](int type, const std::uint8_t* unit, std::size_t length) {
+        if (type == (m_hevc ? 33 : 7) && length > 0) sets.emplace_back(unit, unit + length);
+    });
     if (sets.empty()) return false;  // a key frame without its own: the ones before still hold
     if (!m_first) {
         m_first = std::move(sets);
@@ -83,22 +70,18 @@ bool ParameterSetWatch::changed(const std::uint8_t* data, std::size_t size) {
 
 std::optional<std::string> AdtsFormatWatch::changed(const std::uint8_t* data, std::size_t size) {
     if (size < 7 || adtsFrameLength(data) == 0) return std::nullopt;
-    // profile (2 bits), sampling frequency index (4), channel configuration (3)
-    const std::uint32_t profile = data[2] >> 6, rateIndex = (data[2] >> 2) & 0x0Fu;
-    const std::uint32_t channels = ((data[2] & 0x01u) << 2) | (data[3] >> 6);
+    const auto [profile, rateIndex, channels] = adtsConfig(data);
     const std::uint32_t format = profile << 7 | rateIndex << 3 | channels;
     if (!m_first) m_first = format;
     if (format == *m_first || m_told.size() >= kMostTold ||
         std::find(m_told.begin(), m_told.end(), format) != m_told.end())
         return std::nullopt;
     m_told.push_back(format);
-    static constexpr std::uint32_t kRates[16] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
-                                                 16000, 12000, 11025, 8000,  7350,  0,     0,     0};
     static constexpr const char* kProfiles[4] = {"AAC Main", "", "AAC SSR", "AAC LTP"};
     // Configuration 0 leaves the channels to the stream; 7 is 7.1, eight channels.
     std::string text = channels == 0 ? std::string("channels given in the stream")
                                      : std::to_string(channels == 7 ? 8 : channels) + " channels";
-    text += " at " + std::to_string(kRates[rateIndex]) + " Hz";
+    text += " at " + std::to_string(rateIndex < 13 ? kAacRates[rateIndex] : 0) + " Hz";
     if (profile != 1) text += std::string(", ") + kProfiles[profile];
     return text;
 }
@@ -179,22 +162,22 @@ void InputReader::run() {
         media[k] = m_destination.wants(k) && (streams[k].kind == "video" || streams[k].kind == "audio");
     SilenceWatch silence(std::move(media), static_cast<std::int64_t>(m_settings.silenceLimitSeconds * 1e7));
     // Audio streams that fall silent are kept going with silent frames rather than ended, where silence can be made.
+    // Video whose parameter sets change under a track that keeps its first ones, and AAC whose configuration
+    // changes, are said, once for each new one.
     std::vector<std::optional<AudioSilence>> fills(streams.size());
-    for (std::size_t k = 0; k < streams.size(); ++k)
-        if (m_destination.wants(k) && streams[k].kind == "audio" && AudioSilence::fills(streams[k].codec))
-            fills[k].emplace(k, streams[k].codec);
+    std::vector<std::optional<ParameterSetWatch>> parameterSets(streams.size());
+    std::vector<std::optional<AdtsFormatWatch>> adtsFormats(streams.size());
+    for (std::size_t k = 0; k < streams.size(); ++k) {
+        if (!m_destination.wants(k)) continue;
+        const StreamInfo& info = streams[k];
+        if (info.kind == "audio" && AudioSilence::fills(info.codec)) fills[k].emplace(k, info.codec);
+        if (info.kind == "video" && !m_settings.inBandParameterSets && (info.codec == "h264" || info.codec == "hevc"))
+            parameterSets[k].emplace(info.codec == "hevc");
+        if (info.codec == "aac") adtsFormats[k].emplace();
+    }
     const auto warn = [this](const std::string& line) {
         if (m_destination.warn) m_destination.warn(line);
     };
-    // Video whose parameter sets change under a track that keeps its first ones: said, once for each new one.
-    std::vector<std::optional<ParameterSetWatch>> parameterSets(streams.size());
-    for (std::size_t k = 0; k < streams.size(); ++k)
-        if (m_destination.wants(k) && streams[k].kind == "video" && !m_settings.inBandParameterSets &&
-            (streams[k].codec == "h264" || streams[k].codec == "hevc"))
-            parameterSets[k].emplace(streams[k].codec == "hevc");
-    std::vector<std::optional<AdtsFormatWatch>> adtsFormats(streams.size());
-    for (std::size_t k = 0; k < streams.size(); ++k)
-        if (m_destination.wants(k) && streams[k].codec == "aac") adtsFormats[k].emplace();
     std::optional<std::int64_t> furthest;  // the latest time placed of any stream
     const auto name = [this](std::size_t stream) {
         return "input " + std::to_string(m_index) + " stream " + std::to_string(stream);

@@ -128,13 +128,14 @@ bool writeRanges(int fd, const std::vector<std::uint8_t>& bytes, const std::vect
     }
     return true;
 }
-}  // namespace
 
+// Whether `folder` is on a file system in memory (tmpfs, ramfs).
 bool inMemoryFileSystem(const std::string& folder) {
     struct statfs about {};
     if (::statfs(folder.c_str(), &about) != 0) return false;
     return about.f_type == TMPFS_MAGIC || about.f_type == RAMFS_MAGIC;
 }
+}  // namespace
 
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
                          const std::vector<std::pair<std::size_t, std::size_t>>& ranges, bool preallocate) {

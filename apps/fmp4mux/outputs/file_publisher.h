@@ -79,9 +79,6 @@ RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start)
 void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
                          const std::vector<std::pair<std::size_t, std::size_t>>& ranges = {}, bool preallocate = false);
 
-// Whether `folder` is on a file system in memory (tmpfs, ramfs).
-bool inMemoryFileSystem(const std::string& folder);
-
 // Writes one part of a growing segment at `path`: to its growing name, made anew for Start, appended to for
 // More; renamed to `path` when `complete`. Raises std::runtime_error with the reason on failure.
 void writeSegmentPart(const std::string& path, const Publication& part);
