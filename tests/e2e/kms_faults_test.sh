@@ -3,6 +3,8 @@
 # ClearKey signalling, 2 s segments. Every run must write every chunk, each decrypting with the key its key id names.
 #   down-at-start  the server comes up 4 s after fmp4mux started: fmp4mux says it waits, reads nothing meanwhile,
 #                  then packages the whole input with the server's keys
+#   down-at-start-live  the same with a live UDP input whose receiving ring overflows meanwhile: the loss is counted,
+#                  and the input goes on
 #   down-mid-run   the sample paced in real time; the server dies 7 s into the run, after a key change: the last
 #                  key stays in force, fmp4mux says the server is down, and segments keep leaving
 #   hung           the sample paced in real time; after the first key the server answers later than --kms-timeout
@@ -46,6 +48,25 @@ case "$CASE" in
     run_fmp4mux out "http://127.0.0.1:$port/keys/rotating"
     grep -q 'waiting for the key server to answer before reading the inputs' "$OUT/out.log" ||
       fail "fmp4mux did not say that it waits for the key server"
+    ;;
+  down-at-start-live)
+    # The sample three times over UDP in real time, received into a ring of 200 packets (the URL's fifo_size), and
+    # the server up 14 s in, some 7 s after the read-ahead: the ring overflows while fmp4mux waits. What overflowed
+    # is lost and counted; the input goes on and what comes after the wait is packaged.
+    port=$(free_port) udp=$(free_port)
+    ( sleep 14; start_kms --port "$port"; wait ) &
+    timeout 90 "$FMP4MUX" --kms-key-url "http://127.0.0.1:$port/keys/rotating" --kms-resource-id sample \
+      --key-period 2 --drm clearkey --kms-timeout 1 "udp://127.0.0.1:$udp?fifo_size=200&timeout=30000000" \
+      "$OUT/out" 2>"$OUT/out.log" &
+    muxer=$!
+    sleep 0.5
+    ffmpeg -hide_banner -loglevel error -re -stream_loop 2 -i "$SAMPLE" -c copy -f mpegts "udp://127.0.0.1:$udp?pkt_size=1316"
+    sleep 1
+    kill -INT "$muxer" 2>/dev/null || true
+    wait "$muxer" || fail "fmp4mux exited with $? (out)"
+    grep -q 'waiting for the key server to answer before reading the inputs' "$OUT/out.log" ||
+      fail "fmp4mux did not say that it waits for the key server"
+    tr '\r' '\n' <"$OUT/out.log" | grep -Eq 'lost [0-9]+ transport packets' || fail "the summary does not count the packets lost"
     ;;
   down-mid-run)
     start_kms --lifetime 7
@@ -99,7 +120,12 @@ xmllint --noout --nonet --schema "$ROOT/tests/data/schemas/DASH-MPD.xsd" "$run_d
   fail "the MPD does not validate"
 check_chunks "$OUT/out"
 echo "kms_faults_test: video chunks' key ids (first half): $(echo $(cut -c1-16 <<<"$KIDS")); $FRAMES frames decrypted"
-[ "$FRAMES" -eq 250 ] || fail "decrypted, the video has $FRAMES frames, the source 250"
+if [ "$CASE" = down-at-start-live ]; then
+  # Of 750 frames sent, the 7 s of the wait are lost, and the ring's 200 packets kept.
+  [ "$FRAMES" -ge 250 ] && [ "$FRAMES" -le 650 ] || fail "decrypted, the video has $FRAMES frames; 250 to 650 expected"
+else
+  [ "$FRAMES" -eq 250 ] || fail "decrypted, the video has $FRAMES frames, the source 250"
+fi
 case "$CASE" in
   down-at-start|down-mid-run) [ "$(sort -u <<<"$KIDS" | grep -c .)" -ge 2 ] || fail "the keys did not rotate" ;;
   widevine-rotation|insidesecure-rotation)

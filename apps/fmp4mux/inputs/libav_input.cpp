@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
+#include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/libav_streams.h"
 #include "apps/fmp4mux/inputs/subtitle_cues.h"
 
@@ -100,11 +101,10 @@ LibavInput::LibavInput(const std::string& url, int inputIndex, std::vector<std::
     m_impl->format->interrupt_callback.callback = &InterruptFlags::check;
     m_impl->format->interrupt_callback.opaque = &m_impl->ownFlags;
     const std::string source = url == "-" ? "pipe:0" : url;
-    m_live = source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
-             source == "pipe:0";
+    m_live = liveSource(source);
     m_canWait = !m_live || source == "pipe:0";
     AVDictionary* options = nullptr;
-    if (m_live) av_dict_set(&options, "fifo_size", "1000000", 0);
+    if (m_live) addLiveOptions(options);
     const int opened = avformat_open_input(&m_impl->format, source.c_str(), nullptr, &options);
     av_dict_free(&options);
     if (opened < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(opened));
@@ -293,6 +293,15 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
         if (p->pts != AV_NOPTS_VALUE) out.pts = av_rescale_q(p->pts, kept.timeBase, kHundredNs);
         if (p->dts != AV_NOPTS_VALUE) out.dts = av_rescale_q(p->dts, kept.timeBase, kHundredNs);
         if (p->duration > 0) out.duration = av_rescale_q(p->duration, kept.timeBase, kHundredNs);
+        // As the MPEG-TS reader does: a packet of ADTS frames lasts as long as its frames, told to the timeline
+        // keeper; so does a raw AAC frame, which libavformat times.
+        if (kept.stream.adts) {
+            const AdtsSpan span = adtsSpan(p->data, static_cast<std::size_t>(p->size));
+            out.frames = span.frames;
+            if (span.frames > 0) out.duration = span.duration;
+        } else if (kept.stream.rawAac && out.duration > 0) {
+            out.frames = 1;
+        }
         if (kept.stream.rawAac) {
             out.owned = makeRawAacPacket(kept.stream.asc, kept.stream.bitrate, p->data, static_cast<std::size_t>(p->size));
             out.data = out.owned.data();

@@ -31,6 +31,22 @@ std::string avError(int code) {
 }
 }  // namespace
 
+bool liveSource(const std::string& source) {
+    return source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
+           source == "pipe:0";
+}
+
+void addLiveOptions(AVDictionary*& options) {
+    // libavformat receives UDP (and RTP over it) on a thread of its own into a ring that the reader empties; the
+    // ring covers the reader's pauses. As the ring turns, all of it is touched, so its size is what a live input
+    // keeps resident for as long as it runs: 16 MiB holds 2 s of a 64 Mb/s contribution feed, 13 s at 10 Mb/s. A
+    // longer pause (the start held until a key server answers) loses what overflows instead of failing the
+    // input; the transport's continuity counters count the loss. Options in the URL still win.
+    constexpr int kRingPackets = (16 << 20) / 188;  // the option counts 188-byte packets
+    av_dict_set(&options, "fifo_size", std::to_string(kRingPackets).c_str(), 0);
+    av_dict_set(&options, "overrun_nonfatal", "1", 0);
+}
+
 int InterruptFlags::check(void* self) {
     const auto* flags = static_cast<const InterruptFlags*>(self);
     return (flags->interrupt && flags->interrupt->load()) || (flags->stop && flags->stop->load()) ? 1 : 0;
@@ -39,12 +55,11 @@ int InterruptFlags::check(void* self) {
 ProbedInput::ProbedInput(const std::string& url, const std::atomic<bool>* interrupt) {
     m_flags.interrupt = interrupt;
     const std::string source = url == "-" ? "pipe:0" : url;
-    m_live = source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
-             source == "pipe:0";
+    m_live = liveSource(source);
     m_canWait = !m_live || source == "pipe:0";
     const AVIOInterruptCB callback{&InterruptFlags::check, &m_flags};
     AVDictionary* options = nullptr;
-    if (m_live) av_dict_set(&options, "fifo_size", "1000000", 0);
+    if (m_live) addLiveOptions(options);
     const int opened = avio_open2(&m_source, source.c_str(), AVIO_FLAG_READ, &callback, &options);
     av_dict_free(&options);
     if (opened < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(opened));
@@ -268,15 +283,7 @@ bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
 
 // The demuxer flags a PES as damaged when the transport packet after it broke the continuity count, which a
 // splice of two recordings does too; a PES whose frame lengths add up exactly to its size lost nothing.
-bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) {
-    std::size_t at = 0;
-    while (at + 7 <= size) {
-        const std::size_t length = adtsFrameLength(data + at);
-        if (length == 0) return false;
-        at += length;
-    }
-    return at == size && size > 0;
-}
+bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) { return adtsRun(data, size).frames > 0; }
 
 Packet sectionPacket(std::size_t stream, std::int64_t clock, const std::uint8_t* section, std::size_t size) {
     Packet out;

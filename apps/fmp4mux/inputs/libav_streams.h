@@ -11,10 +11,17 @@
 
 #include "apps/fmp4mux/inputs/input.h"
 
+struct AVDictionary;
 struct AVFormatContext;
 struct AVIOContext;
 
 namespace fmp4mux {
+
+// A source that goes on at its own pace and has no end of its own: a network stream, or standard input ("pipe:0").
+bool liveSource(const std::string& source);
+// The options a live source is opened with: the size of libavformat's receiving ring of a network stream, and what
+// happens when it overflows.
+void addLiveOptions(AVDictionary*& options);
 
 // What aborts a blocking open or read: the interruption of the run, or the reader's own stop.
 struct InterruptFlags {

@@ -194,9 +194,20 @@ void InputReader::run() {
                 m_timeline.follow(m_index, packet.pts, packet.dts);
                 return forward(packet);
             }
+            int cut = 0;
             if (!m_timeline.place(m_index, static_cast<int>(packet.stream), streams[packet.stream].kind == "video",
-                                  packet.key, packet.pts, packet.dts, packet.duration, packet.discontinuity))
+                                  packet.key, packet.pts, packet.dts, packet.duration, packet.discontinuity,
+                                  packet.frames, &cut))
                 return;
+            if (cut > 0) {
+                // Frames that overlap the stream's last packet leave the front (only ADTS packets count theirs).
+                std::size_t bytes = 0;
+                adtsRun(packet.data, packet.size, static_cast<unsigned>(cut), &bytes);
+                packet.data += bytes;
+                packet.size -= bytes;
+                packet.duration -= packet.duration / packet.frames * cut;
+                packet.frames -= cut;
+            }
             // A change of the offset that the timeline keeper applies is a timestamp jump taken out here.
             const std::optional<std::int64_t> placed = packet.dts ? packet.dts : packet.pts;
             if (placed && (!furthest || *placed > *furthest)) furthest = placed;

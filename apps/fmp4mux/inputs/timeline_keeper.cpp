@@ -31,7 +31,8 @@ void TimelineKeeper::announce(int input, std::size_t epoch, std::int64_t jump, s
 }
 
 bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
-                           std::optional<std::int64_t>& dts, std::int64_t duration, bool discontinuity) {
+                           std::optional<std::int64_t>& dts, std::int64_t duration, bool discontinuity, int frames,
+                           int* cut) {
     if (!dts && !pts) return true;  // nothing to move; the packager times it from its neighbours
     std::lock_guard lock(m_mutex);
     Stream& s = m_streams[{input, stream}];
@@ -62,8 +63,22 @@ bool TimelineKeeper::place(int input, int stream, bool video, bool key, std::opt
         announce(input, s.epoch, jump, s.due);
     }
 
-    const std::int64_t offset = m_epochs[s.epoch].offset;
-    const std::int64_t t = raw + offset;
+    std::int64_t offset = m_epochs[s.epoch].offset;
+    std::int64_t t = raw + offset;
+    if (cut != nullptr) *cut = 0;
+    if (s.seen && frames > 0 && duration > 0 && s.due - t >= duration / frames / 2) {
+        // The first frames overlap the last packet's end: those that do by half a frame or more go.
+        const std::int64_t frame = duration / frames;
+        const std::int64_t overlapping = (s.due - t + frame / 2) / frame;
+        if (cut == nullptr || overlapping >= frames) {
+            ++m_dropped;
+            return false;
+        }
+        *cut = static_cast<int>(overlapping);
+        offset += overlapping * frame;
+        t += overlapping * frame;
+        duration -= overlapping * frame;
+    }
     if (s.seen && t <= s.last) {
         // Behind what this stream already gave: the packager cannot take it. Video waits for a fresh key frame.
         ++m_dropped;

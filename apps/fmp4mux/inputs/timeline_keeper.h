@@ -12,7 +12,9 @@
 // jump, so audio and video stay in sync; the streams of another input that jumps alike at the same moment (a
 // rendition of the same encoder) adopt it too, so renditions stay aligned. A packet that the common offset would
 // put behind its stream's last one (a splice whose audio starts before its video) is dropped, and video then waits
-// for its next key frame; so is a packet a little behind its stream's last one. Gaps smaller than the bound are kept as they are: media that is missing stays missing.
+// for its next key frame; so is a packet a little behind its stream's last one. Of a packet of audio frames of known
+// length that starts before the one before it ended (a loop or splice of the source), the frames that overlap it by
+// half a frame or more are cut (all of them: the packet is dropped), so that no two frames take the same time. Gaps smaller than the bound are kept as they are: media that is missing stays missing.
 // So are the gaps of one stream that comes back to where the other streams of its input have got: a step forward
 // is a jump only when it goes beyond the whole input.
 #include <cstdint>
@@ -36,8 +38,13 @@ public:
     // Moves the times of one packet (100 ns units) onto the running timeline. False when the packet must be
     // dropped. Safe to call from the reading threads of several inputs. After a `discontinuity` the source
     // signalled, a step of more than a packet from where the packet was due is a jump, however small.
+    // `frames`: the audio frames of equal length that the packet's `duration` holds (a PES of several), when known.
+    // Those of them that overlap the stream's last packet by half a frame or more are to be cut off its front: their
+    // number goes to `cut`, and the times returned are those of the first frame kept (with no `cut`, such a packet
+    // is dropped).
     bool place(int input, int stream, bool video, bool key, std::optional<std::int64_t>& pts,
-               std::optional<std::int64_t>& dts, std::int64_t duration, bool discontinuity = false);
+               std::optional<std::int64_t>& dts, std::int64_t duration, bool discontinuity = false, int frames = 0,
+               int* cut = nullptr);
 
     // Moves the times of a sparse stream's packet (SCTE-35 sections, seconds apart) by the offset the input's
     // media currently takes, without judging its steps: a gap between two sections is no jump.

@@ -259,6 +259,8 @@ struct Fed {
     long long raw;       // decode time in, ms
     long long expected;  // decode time out, ms, or kDropped
     bool discontinuity = false;  // signalled by the source
+    int frames = 0;              // an audio PES of this many 20 ms frames
+    int cut = 0;                 // of which the keeper cuts this many off its front
 };
 
 struct JumpCase { std::string name; std::vector<Fed> packets; std::size_t jumpsLogged; };
@@ -271,7 +273,9 @@ TEST_P(TimelineKeeperTable, PlacesEveryPacket) {
     std::uint64_t dropped = 0;
     for (const Fed& p : GetParam().packets) {
         std::optional<std::int64_t> dts = p.raw * 10000, pts = (p.raw + 80) * 10000;
-        const bool kept = keeper.place(p.input, p.stream, p.video, p.key, pts, dts, 0, p.discontinuity);
+        int cut = -1;
+        const bool kept = keeper.place(p.input, p.stream, p.video, p.key, pts, dts, p.frames * 20 * 10000LL,
+                                       p.discontinuity, p.frames, &cut);
         SCOPED_TRACE("packet " + std::to_string(p.input) + ":" + std::to_string(p.stream) + " at " + std::to_string(p.raw));
         if (p.expected == kDropped) {
             EXPECT_FALSE(kept);
@@ -279,6 +283,7 @@ TEST_P(TimelineKeeperTable, PlacesEveryPacket) {
             continue;
         }
         ASSERT_TRUE(kept);
+        EXPECT_EQ(cut, p.cut);
         EXPECT_EQ(*dts, p.expected * 10000);
         EXPECT_EQ(*pts, (p.expected + 80) * 10000);  // presentation times move with the same offset
     }
@@ -289,6 +294,9 @@ TEST_P(TimelineKeeperTable, PlacesEveryPacket) {
 
 const Fed V(int input, long long raw, long long expected, bool key = true) { return {input, 0, true, key, raw, expected}; }
 const Fed A(int input, long long raw, long long expected) { return {input, 1, false, true, raw, expected}; }
+const Fed Pes(long long raw, long long expected, int cut = 0, int frames = 4) {
+    return {0, 1, false, true, raw, expected, false, frames, cut};
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Jumps, TimelineKeeperTable,
@@ -318,6 +326,12 @@ INSTANTIATE_TEST_SUITE_P(
              2},
         JumpCase{"RenditionThatDoesNotJumpKeepsItsTimes",
              {V(0, 0, 0), V(1, 0, 0), V(0, 40, 40), V(1, 40, 40), V(0, 5000080, 80), V(1, 80, 80), V(1, 120, 120)}, 1},
+        // PES of four 20 ms frames, then of one: a frame that overlaps the PES before by half a frame or more is
+        // cut, a PES of only such frames dropped; less overlap stays.
+        JumpCase{"OverlappingFramesOfAnAudioPesAreCut",
+                 {Pes(0, 0), Pes(61, 81, 1), Pes(135, 135), Pes(140, kDropped), Pes(215, 215), Pes(285, kDropped, 0, 1),
+                  Pes(295, 295, 0, 1)},
+                 0},
         JumpCase{"WhatTheCommonOffsetPutsBehindIsDroppedAndVideoWaitsForAKeyFrame",
              {V(0, 0, 0), A(0, 0, 0), V(0, 40, 40), A(0, 42, 42), V(0, 80, 80), A(0, 84, 84), A(0, 5000126, 126),
               V(0, 5000070, kDropped), V(0, 5000110, kDropped, false), V(0, 5000150, 150), V(0, 5000190, 190, false)},
