@@ -4,9 +4,9 @@
 #include <optional>
 
 #include "apps/fmp4mux/inputs/adts.h"
+#include "apps/fmp4mux/inputs/audio_frames.h"
 
 extern "C" {
-#include <libavcodec/ac3_parser.h>
 #include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
@@ -16,72 +16,6 @@ extern "C" {
 namespace fmp4mux {
 
 namespace {
-// MPEG-1 Layer II bitrates in kbit/s by index, and sampling rates (ISO/IEC 11172-3, 2.4.2.3).
-constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
-constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
-
-// What the header of an MPEG-1 Layer II frame says: its size, rate, channels and bitrate index.
-struct Layer2Frame {
-    std::size_t size = 0;
-    std::uint32_t rate = 0, channels = 0, bitrateIndex = 0;
-};
-std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size) {
-    // Sync word, ID 1 (MPEG-1), layer field 2 (Layer II); a bitrate of the table and a rate other than reserved.
-    if (size < 4 || p[0] != 0xFF || (p[1] & 0xFE) != 0xFC) return std::nullopt;
-    const std::uint32_t bitrateIndex = p[2] >> 4, rateIndex = (p[2] >> 2) & 3u, padding = (p[2] >> 1) & 1u;
-    if (bitrateIndex == 0 || bitrateIndex == 15 || rateIndex == 3) return std::nullopt;
-    Layer2Frame frame;
-    frame.rate = kMpeg1Rates[rateIndex];
-    frame.size = 144u * kLayer2Kbps[bitrateIndex] * 1000u / frame.rate + padding;
-    frame.channels = (p[3] >> 6) == 3 ? 1 : 2;
-    frame.bitrateIndex = bitrateIndex;
-    return frame;
-}
-
-// What the header of an AC-3 or E-AC-3 sync frame says that its silence has to match (ETSI TS 102 366, 4.4.1
-// and E.1.2): libavcodec reads its size and kind, the fields are read here.
-struct DolbyFrame {
-    std::size_t size = 0;
-    bool eac3 = false;
-    unsigned strmtyp = 0, substreamId = 0;  // E-AC-3: 0 independent, 1 dependent
-    unsigned fscod = 0, blocks = 6, acmod = 0;
-    bool lfeon = false;
-    std::uint32_t rate = 0;  // audio samples a second
-};
-std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size) {
-    std::uint8_t bsid = 0;
-    std::uint16_t frameSize = 0;
-    if (size < 8 || av_ac3_parse_header(p, size, &bsid, &frameSize) < 0 || frameSize == 0) return std::nullopt;
-    static constexpr std::uint32_t kRates[3] = {48000, 44100, 32000}, kHalfRates[3] = {24000, 22050, 16000};
-    static constexpr unsigned kBlocks[4] = {1, 2, 3, 6};
-    DolbyFrame frame;
-    frame.size = frameSize;
-    frame.fscod = p[4] >> 6;
-    if (bsid > 10) {
-        // E-AC-3: strmtyp (2), substreamid (3), frmsiz (11); fscod (2), numblkscod or fscod2 (2), acmod (3), lfeon.
-        const unsigned code = (p[4] >> 4) & 3u;
-        frame.eac3 = true;
-        frame.strmtyp = p[2] >> 6;
-        frame.substreamId = (p[2] >> 3) & 7u;
-        if (frame.fscod == 3 && code == 3) return std::nullopt;
-        frame.blocks = frame.fscod == 3 ? 6 : kBlocks[code];
-        frame.rate = frame.fscod == 3 ? kHalfRates[code] : kRates[frame.fscod];
-        frame.acmod = (p[4] >> 1) & 7u;
-        frame.lfeon = (p[4] & 1u) != 0;
-        return frame;
-    }
-    // AC-3: after bsid and bsmod, acmod (3); the mix levels its channels have (2 bits each), then lfeon.
-    if (frame.fscod == 3) return std::nullopt;
-    frame.rate = kRates[frame.fscod];
-    frame.acmod = p[6] >> 5;
-    unsigned bit = 6 * 8 + 3;
-    if ((frame.acmod & 1u) != 0 && frame.acmod != 1) bit += 2;  // cmixlev
-    if ((frame.acmod & 4u) != 0) bit += 2;                      // surmixlev
-    if (frame.acmod == 2) bit += 2;                             // dsurmod
-    frame.lfeon = ((static_cast<unsigned>(p[bit / 8]) >> (7 - bit % 8)) & 1u) != 0;
-    return frame;
-}
-
 // A raw_data_block() of silence (ISO/IEC 14496-3 4.4.2) for a channel configuration of 1 to 7: its elements in
 // the order the configuration lists them (4.5.1.2.1), each with max_sfb 0, so no spectral data, and global_gain,
 // pulse, TNS and gain control all 0; then ID_END, and zero bits to the byte. A single channel element or LFE

@@ -32,7 +32,7 @@ struct Packet {
     std::optional<std::int64_t> pts;  // 100 ns units
     std::optional<std::int64_t> dts;
     std::int64_t duration = 0;        // 100 ns units, 0 when unknown
-    // With `duration`: the audio frames of equal length it holds, when known (AAC frames).
+    // With `duration`: the audio frames of equal length it holds, when known (sync frames, or a raw AAC frame).
     int frames = 0;
     bool key = false;      // a video access unit a decoder can start at
     bool damaged = false;  // the source lost or broke part of it (a transport continuity error)

@@ -293,12 +293,12 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
         if (p->pts != AV_NOPTS_VALUE) out.pts = av_rescale_q(p->pts, kept.timeBase, kHundredNs);
         if (p->dts != AV_NOPTS_VALUE) out.dts = av_rescale_q(p->dts, kept.timeBase, kHundredNs);
         if (p->duration > 0) out.duration = av_rescale_q(p->duration, kept.timeBase, kHundredNs);
-        // As the MPEG-TS reader does: a packet of ADTS frames lasts as long as its frames, told to the timeline
-        // keeper; so does a raw AAC frame, which libavformat times.
-        if (kept.stream.adts) {
-            const AdtsSpan span = adtsSpan(p->data, static_cast<std::size_t>(p->size));
-            out.frames = span.frames;
-            if (span.frames > 0) out.duration = span.duration;
+        // As the MPEG-TS reader does: a packet of audio sync frames lasts as long as its frames, told to the
+        // timeline keeper; so does a raw AAC frame, which libavformat times.
+        if (kept.stream.framing != Framing::None) {
+            const FrameRun run = frameRun(kept.stream.framing, p->data, static_cast<std::size_t>(p->size));
+            out.frames = run.frames;
+            if (run.frames > 0) out.duration = run.duration;
         } else if (kept.stream.rawAac && out.duration > 0) {
             out.frames = 1;
         }

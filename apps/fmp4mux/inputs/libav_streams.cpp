@@ -266,6 +266,7 @@ std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::v
                 if (j != i) others += std::max<std::int64_t>(fmt->streams[j]->codecpar->bit_rate, 0);
             if (fmt->bit_rate > others) info.bitrate = fmt->bit_rate - others;
         }
+        kept.framing = framingOf(info.codec, kept.adts);
         kept.info = info;
         result.push_back(std::move(kept));
     }
@@ -283,7 +284,15 @@ bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
 
 // The demuxer flags a PES as damaged when the transport packet after it broke the continuity count, which a
 // splice of two recordings does too; a PES whose frame lengths add up exactly to its size lost nothing.
-bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) { return adtsRun(data, size).frames > 0; }
+bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) {
+    std::size_t at = 0;
+    while (at + 7 <= size) {
+        const std::size_t length = adtsFrameLength(data + at);
+        if (length == 0) return false;
+        at += length;
+    }
+    return at == size && size > 0;
+}
 
 Packet sectionPacket(std::size_t stream, std::int64_t clock, const std::uint8_t* section, std::size_t size) {
     Packet out;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/input.h"
 
 struct AVDictionary;
@@ -81,6 +82,7 @@ struct KeptStream {
     bool webVtt = false, subRip = false;
     std::vector<std::uint8_t> asc;
     std::uint32_t bitrate = 0;
+    Framing framing = Framing::None;  // how its packets hold their frames
 };
 
 // The streams of `format` (opened, its streams found) that fmp4mux packages, those of one program when it has

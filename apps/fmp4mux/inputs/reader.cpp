@@ -7,6 +7,7 @@
 
 #include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/annex_b.h"
+#include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/pacing.h"
 
@@ -167,6 +168,9 @@ void InputReader::run() {
     std::vector<std::optional<AudioSilence>> fills(streams.size());
     std::vector<std::optional<ParameterSetWatch>> parameterSets(streams.size());
     std::vector<std::optional<AdtsFormatWatch>> adtsFormats(streams.size());
+    // Packets of several AAC frames come as ADTS: raw AAC holds one.
+    std::vector<Framing> framings(streams.size());
+    for (std::size_t k = 0; k < streams.size(); ++k) framings[k] = framingOf(streams[k].codec, true);
     for (std::size_t k = 0; k < streams.size(); ++k) {
         if (!m_destination.wants(k)) continue;
         const StreamInfo& info = streams[k];
@@ -200,9 +204,9 @@ void InputReader::run() {
                                   packet.frames, &cut))
                 return;
             if (cut > 0) {
-                // Frames that overlap the stream's last packet leave the front (only ADTS packets count theirs).
+                // Frames that overlap the stream's last packet leave the front (packets of sync frames count theirs).
                 std::size_t bytes = 0;
-                adtsRun(packet.data, packet.size, static_cast<unsigned>(cut), &bytes);
+                frameRun(framings[packet.stream], packet.data, packet.size, cut, &bytes);
                 packet.data += bytes;
                 packet.size -= bytes;
                 packet.duration -= packet.duration / packet.frames * cut;

@@ -125,12 +125,12 @@ void TsInput::deliver(const Unit& unit) {
     }
     Packet out;
     out.stream = unit.stream;
-    // A PES of ADTS frames lasts as long as its frames: the timeline keeper tells by it one that overlaps the PES
-    // before it, and which of its frames to cut.
-    const AdtsSpan span = kept.adts ? adtsSpan(unit.data, unit.size) : AdtsSpan{};
     out.damaged = unit.damaged && !(kept.adts && wholeAdtsFrames(unit.data, unit.size));
-    out.frames = span.frames;
-    out.duration = span.duration;
+    // A PES of audio sync frames lasts as long as its frames: the timeline keeper tells by it one that overlaps the
+    // PES before it, and which of its frames to cut.
+    const FrameRun run = frameRun(kept.framing, unit.data, unit.size);
+    out.frames = run.frames;
+    out.duration = run.duration;
     out.key = kept.video && annexBRandomAccess(unit.data, unit.size, kept.hevc);
     out.discontinuity = unit.discontinuity;
     if (unit.pts) out.pts = av_rescale_q(*unit.pts, kClock90k, kHundredNs);

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "apps/fmp4mux/cli/options.h"
+#include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
@@ -248,6 +249,61 @@ TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
     // Marker, whole size 20 + 2 + 3, 128000 bit/s, 16 configuration bits, the configuration, the frame's size and bytes.
     EXPECT_EQ(makeRawAacPacket({0x11, 0x90}, 128000, frame, 3),
               testkit::hex("FFFAFAFA 00000019 0001F400 00000010 1190 00000003 AABBCC"));
+}
+
+// Packets of sync frames, headers worked out from the standards, the rest of each frame zeros: ADTS (ISO/IEC
+// 14496-3 1.A.2) AAC-LC 48 kHz stereo of 8 bytes, FF F1 4C 80 01 1F FC; MPEG-1 Layer II 64 kbit/s 48 kHz mono
+// (ISO/IEC 11172-3 2.4.1.3) of 144 * 64000 / 48000 = 192 bytes, FF FD 44 C0; AC-3 48 kHz 32 kbit/s (ETSI TS 102
+// 366 4.4.1) of 64 words, 0B 77 crc crc 00 40 (bsid 8) 40 (2/0); E-AC-3 (annex E.1.2) of 64 words (frmsiz 63),
+// six blocks at 48 kHz, independent (strmtyp 0) or dependent (1), bsid 16.
+TEST(FrameRun, CountsWholeFramesOfOneLengthAndWhereTheFirstOnesEnd) {
+    using fmp4mux::Framing;
+    const auto frame = [](std::vector<std::uint8_t> head, std::size_t size) {
+        head.resize(size);
+        return head;
+    };
+    const auto adts = frame({0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC}, 8);
+    const auto twoBlocks = frame({0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFD}, 8);
+    const auto adts44k = frame({0xFF, 0xF1, 0x50, 0x80, 0x01, 0x1F, 0xFC}, 8);
+    const auto layer2 = frame({0xFF, 0xFD, 0x44, 0xC0}, 192);
+    const auto ac3 = frame({0x0B, 0x77, 0, 0, 0x00, 0x40, 0x40}, 128);
+    const auto independent = frame({0x0B, 0x77, 0x00, 0x3F, 0x34, 0x80}, 128);
+    const auto dependent = frame({0x0B, 0x77, 0x40, 0x3F, 0x34, 0x80}, 128);
+    const auto join = [](std::initializer_list<std::vector<std::uint8_t>> parts) {
+        std::vector<std::uint8_t> all;
+        for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+        return all;
+    };
+    struct Case {
+        const char* name;
+        Framing framing;
+        std::vector<std::uint8_t> bytes;
+        int frames;
+        std::int64_t duration;  // 100 ns
+        std::size_t firstBytes; // of the first frame, with what plays with it
+    };
+    const Case cases[] = {
+        {"two ADTS frames", Framing::Adts, join({adts, adts}), 2, 2 * 1024 * 10000000LL / 48000, 8},
+        {"an ADTS frame of two AAC frames", Framing::Adts, join({twoBlocks}), 0, 0, 0},
+        {"ADTS frames of two rates", Framing::Adts, join({adts, adts44k}), 0, 0, 0},
+        {"an ADTS frame cut short", Framing::Adts, join({adts, frame({0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC}, 7)}), 0, 0, 0},
+        {"two Layer II frames", Framing::Layer2, join({layer2, layer2}), 2, 2 * 1152 * 10000000LL / 48000, 192},
+        {"three AC-3 frames", Framing::Dolby, join({ac3, ac3, ac3}), 3, 3 * 1536 * 10000000LL / 48000, 128},
+        {"E-AC-3 with a dependent substream", Framing::Dolby, join({independent, dependent, independent, dependent}), 2,
+         2 * 1536 * 10000000LL / 48000, 256},
+        {"a dependent substream first", Framing::Dolby, join({dependent, independent}), 0, 0, 0},
+        {"raw AAC", Framing::None, join({adts, adts}), 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::size_t first = 0;
+        const fmp4mux::FrameRun run = fmp4mux::frameRun(c.framing, c.bytes.data(), c.bytes.size(), 1, &first);
+        EXPECT_EQ(run.frames, c.frames);
+        EXPECT_EQ(run.duration, c.duration);
+        if (c.frames > 0) {
+            EXPECT_EQ(first, c.firstBytes);
+        }
+    }
 }
 
 // Timestamp jumps taken out of inputs: packets fed in order, with the times (ms here) they must come out at.

@@ -1,0 +1,119 @@
+#include "apps/fmp4mux/inputs/audio_frames.h"
+
+#include "apps/fmp4mux/inputs/adts.h"
+
+extern "C" {
+#include <libavcodec/ac3_parser.h>
+}
+
+namespace fmp4mux {
+
+namespace {
+// MPEG-1 sampling rates (ISO/IEC 11172-3, 2.4.2.3).
+constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
+}  // namespace
+
+std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size) {
+    // Sync word, ID 1 (MPEG-1), layer field 2 (Layer II); a bitrate of the table and a rate other than reserved.
+    if (size < 4 || p[0] != 0xFF || (p[1] & 0xFE) != 0xFC) return std::nullopt;
+    const std::uint32_t bitrateIndex = p[2] >> 4, rateIndex = (p[2] >> 2) & 3u, padding = (p[2] >> 1) & 1u;
+    if (bitrateIndex == 0 || bitrateIndex == 15 || rateIndex == 3) return std::nullopt;
+    Layer2Frame frame;
+    frame.rate = kMpeg1Rates[rateIndex];
+    frame.size = 144u * kLayer2Kbps[bitrateIndex] * 1000u / frame.rate + padding;
+    frame.channels = (p[3] >> 6) == 3 ? 1 : 2;
+    frame.bitrateIndex = bitrateIndex;
+    return frame;
+}
+
+// libavcodec reads the size and kind of an AC-3 or E-AC-3 frame, the fields are read here.
+std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size) {
+    std::uint8_t bsid = 0;
+    std::uint16_t frameSize = 0;
+    if (size < 8 || av_ac3_parse_header(p, size, &bsid, &frameSize) < 0 || frameSize == 0) return std::nullopt;
+    static constexpr std::uint32_t kRates[3] = {48000, 44100, 32000}, kHalfRates[3] = {24000, 22050, 16000};
+    static constexpr unsigned kBlocks[4] = {1, 2, 3, 6};
+    DolbyFrame frame;
+    frame.size = frameSize;
+    frame.fscod = p[4] >> 6;
+    if (bsid > 10) {
+        // E-AC-3: strmtyp (2), substreamid (3), frmsiz (11); fscod (2), numblkscod or fscod2 (2), acmod (3), lfeon.
+        const unsigned code = (p[4] >> 4) & 3u;
+        frame.eac3 = true;
+        frame.strmtyp = p[2] >> 6;
+        frame.substreamId = (p[2] >> 3) & 7u;
+        if (frame.fscod == 3 && code == 3) return std::nullopt;
+        frame.blocks = frame.fscod == 3 ? 6 : kBlocks[code];
+        frame.rate = frame.fscod == 3 ? kHalfRates[code] : kRates[frame.fscod];
+        frame.acmod = (p[4] >> 1) & 7u;
+        frame.lfeon = (p[4] & 1u) != 0;
+        return frame;
+    }
+    // AC-3: after bsid and bsmod, acmod (3); the mix levels its channels have (2 bits each), then lfeon.
+    if (frame.fscod == 3) return std::nullopt;
+    frame.rate = kRates[frame.fscod];
+    frame.acmod = p[6] >> 5;
+    unsigned bit = 6 * 8 + 3;
+    if ((frame.acmod & 1u) != 0 && frame.acmod != 1) bit += 2;  // cmixlev
+    if ((frame.acmod & 4u) != 0) bit += 2;                      // surmixlev
+    if (frame.acmod == 2) bit += 2;                             // dsurmod
+    frame.lfeon = ((static_cast<unsigned>(p[bit / 8]) >> (7 - bit % 8)) & 1u) != 0;
+    return frame;
+}
+
+Framing framingOf(const std::string& codec, bool adts) {
+    if (codec == "aac") return adts ? Framing::Adts : Framing::None;
+    if (codec == "ac3" || codec == "eac3") return Framing::Dolby;
+    if (codec == "mp2") return Framing::Layer2;
+    return Framing::None;
+}
+
+FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, int bytesOf, std::size_t* bytes) {
+    std::size_t at = 0;
+    int frames = 0;
+    std::int64_t samples = 0;  // of each frame
+    std::uint32_t rate = 0;
+    while (at < size) {
+        std::size_t length = 0;
+        std::int64_t frameSamples = 0;
+        std::uint32_t frameRate = 0;
+        bool dependent = false;
+        if (framing == Framing::Adts) {
+            if (size - at < 7 || (length = adtsFrameLength(data + at)) == 0 || (data[at + 6] & 0x03u) != 0) return {};
+            const unsigned rateIndex = adtsConfig(data + at).rateIndex;
+            if (rateIndex >= std::size(kAacRates)) return {};
+            frameSamples = 1024;
+            frameRate = kAacRates[rateIndex];
+        } else if (framing == Framing::Dolby) {
+            const std::optional<DolbyFrame> frame = readDolbyFrame(data + at, size - at);
+            if (!frame) return {};
+            length = frame->size;
+            frameSamples = 256 * static_cast<std::int64_t>(frame->blocks);
+            frameRate = frame->rate;
+            dependent = frame->eac3 && frame->strmtyp == 1;
+        } else if (framing == Framing::Layer2) {
+            const std::optional<Layer2Frame> frame = readLayer2Frame(data + at, size - at);
+            if (!frame) return {};
+            length = frame->size;
+            frameSamples = 1152;
+            frameRate = frame->rate;
+        } else {
+            return {};
+        }
+        if (length > size - at || (frames > 0 && !dependent && (frameSamples != samples || frameRate != rate))) return {};
+        if (!dependent) {
+            if (frames == bytesOf && bytes != nullptr && frames > 0) *bytes = at;
+            ++frames;
+            samples = frameSamples;
+            rate = frameRate;
+        } else if (frames == 0) {
+            return {};  // a dependent substream frame belongs to an independent one before it
+        }
+        at += length;
+    }
+    if (frames == bytesOf && bytes != nullptr) *bytes = at;
+    if (frames == 0 || rate == 0) return {};
+    return {frames, frames * samples * 10000000 / rate};
+}
+
+}  // namespace fmp4mux

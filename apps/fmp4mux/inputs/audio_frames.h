@@ -1,0 +1,47 @@
+#pragma once
+// The audio formats that travel as whole sync frames (ADTS AAC, AC-3, E-AC-3, MPEG-1 Layer II): what their frame
+// headers say, and the frames a packet holds, so that readers can tell how long a packet of several lasts and cut
+// frames off its front.
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace fmp4mux {
+
+// MPEG-1 Layer II bitrates in kbit/s by index (ISO/IEC 11172-3, 2.4.2.3).
+inline constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
+
+// What the header of an MPEG-1 Layer II frame says: its size, rate, channels and bitrate index.
+struct Layer2Frame {
+    std::size_t size = 0;
+    std::uint32_t rate = 0, channels = 0, bitrateIndex = 0;
+};
+std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size);
+
+// What the header of an AC-3 or E-AC-3 sync frame says (ETSI TS 102 366, 4.4.1 and E.1.2).
+struct DolbyFrame {
+    std::size_t size = 0;
+    bool eac3 = false;
+    unsigned strmtyp = 0, substreamId = 0;  // E-AC-3: 0 independent, 1 dependent
+    unsigned fscod = 0, blocks = 6, acmod = 0;
+    bool lfeon = false;
+    std::uint32_t rate = 0;  // audio samples a second
+};
+std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size);
+
+// How a stream of codec `codec` (as libavformat names it) is framed in its packets; raw AAC is not.
+enum class Framing { None, Adts, Dolby, Layer2 };
+Framing framingOf(const std::string& codec, bool adts);
+
+// The frames of a packet of whole frames, from its first byte to its last, all of one length, and how long they
+// last (100 ns units); none for other bytes. An E-AC-3 frame counts with the dependent substream frames after it:
+// they play at the same time. With `bytesOf`, the bytes of the first `bytesOf` frames go to `bytes`.
+struct FrameRun {
+    int frames = 0;
+    std::int64_t duration = 0;
+};
+FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, int bytesOf = 0,
+                  std::size_t* bytes = nullptr);
+
+}  // namespace fmp4mux
