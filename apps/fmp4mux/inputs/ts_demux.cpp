@@ -56,6 +56,7 @@ struct TsDemux::PidState {
     std::uint8_t streamType = 0;
     int lastCc = -1;
     bool duplicateSeen = false;
+    std::uint64_t lastTail = 0;  // the last 8 bytes of the last packet with a payload
     bool ignored = false;
     bool discontinuity = false;  // seen, not yet handed on
     // PES: waiting for a start, reading the header, reading the payload.
@@ -227,8 +228,12 @@ void TsDemux::packet(const std::uint8_t* p) {
     const bool payload = (control & 1) != 0 && at < kPacketSize;
     // Continuity: the counter steps with each packet that carries a payload.
     if ((control & 1) != 0) {
+        std::uint64_t tail = 0;
+        std::memcpy(&tail, p + kPacketSize - sizeof tail, sizeof tail);
         if (s->lastCc >= 0 && !discontinuity) {
-            if (cc == s->lastCc) {
+            // A repeated packet is the packet before once more (its PCR aside). Another packet with the same count
+            // is no repeat: packets came out of order, or sixteen went missing; it counts as a loss.
+            if (cc == s->lastCc && tail == s->lastTail) {
                 if (!s->duplicateSeen) {
                     s->duplicateSeen = true;
                     ++m_stats.duplicates;
@@ -244,6 +249,7 @@ void TsDemux::packet(const std::uint8_t* p) {
         }
         s->duplicateSeen = false;
         s->lastCc = cc;
+        s->lastTail = tail;
     }
     if (discontinuity) s->discontinuity = true;
     if (!payload) return;

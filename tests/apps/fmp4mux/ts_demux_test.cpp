@@ -73,6 +73,7 @@ const auto kPmtV1 = ts("47 41 00 11", "00 02 B0 17 00 01 C3 00 00 E1 01 F0 00 1B
 const auto kVideo = ts("47 41 01 10", "00 00 01 E0 00 00 80 C0 0A 31 00 07 D8 61 11 00 07 BC 41 AB*165");
 const auto kVideoEnd = ts("47 01 01 31", "CD*10");
 const auto kVideoEndAfterGap = ts("47 01 01 33", "CD*10");  // counter 3: two packets lost
+const auto kVideoOtherWithCounter0 = ts("47 01 01 30", "CD*10");  // the counter of kVideo, other bytes
 // A PES that starts with the discontinuity indicator (adaptation flags 80), counter 7: PTS only (flags 80), 129600
 // = 3 << 15 | 0x7A40: 21 00 07 F4 81.
 const auto kVideoAfterDiscontinuity = ts("47 41 01 37", "00 00 01 E0 00 00 80 80 05 21 00 07 F4 81 EE*4", "80");
@@ -147,6 +148,10 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"DuplicatePacket",
              {kPat, kPmt, kVideo, kVideo, kVideoEnd},
              {"pes 257 175 AB-CD pts=126000 dts=122400", "lost 0 duplicates 1 bad sections 0 PMT changes 0"}},
+        // The same counter on other bytes is no repeat (packets out of order, or sixteen lost): a loss.
+        Case{"SameCounterOtherBytes",
+             {kPat, kPmt, kVideo, kVideoOtherWithCounter0, kVideoEnd},
+             {"pes 257 185 AB-CD pts=126000 dts=122400 damaged", "lost 15 duplicates 0 bad sections 0 PMT changes 0"}},
         // The counter jumps at the indicator without a loss; the PES before ends there.
         Case{"DiscontinuityIndicator",
              {kPat, kPmt, kVideo, kVideoAfterDiscontinuity},
