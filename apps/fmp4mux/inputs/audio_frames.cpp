@@ -11,6 +11,13 @@ namespace fmp4mux {
 namespace {
 // MPEG-1 sampling rates (ISO/IEC 11172-3, 2.4.2.3).
 constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
+
+// The timing of the first LOAS frame of a packet that carries a StreamMuxConfig; none when none does.
+LatmTiming latmTimingIn(const std::uint8_t* data, std::size_t size) {
+    for (std::size_t at = 0, length = 0; at < size && (length = loasFrameLength(data + at, size - at)) != 0; at += length)
+        if (const std::optional<LatmTiming> timing = latmTiming(data + at, size - at)) return *timing;
+    return {};
+}
 }  // namespace
 
 std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size) {
@@ -61,18 +68,52 @@ std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size
     return frame;
 }
 
+std::optional<LatmTiming> latmTiming(const std::uint8_t* p, std::size_t size) {
+    const std::size_t length = loasFrameLength(p, size);
+    if (length == 0 || length > size) return std::nullopt;
+    Bits bits(p + 3, length - 3);
+    if (bits.read(1) != 0 || bits.read(1) != 0) return std::nullopt;  // useSameStreamMux, audioMuxVersion
+    bits.read(1);                                                      // allStreamsSameTimeFraming
+    const std::uint32_t subFrames = bits.read(6) + 1;
+    if (bits.read(4) != 0 || bits.read(3) != 0) return std::nullopt;  // numProgram, numLayer
+    // AudioSpecificConfig (1.6.2.1): object type, rate, channels; with SBR signalled (types 5 and 29) the rate
+    // played and the core's object type follow.
+    const auto objectType = [&bits] {
+        const std::uint32_t type = bits.read(5);
+        return type == 31 ? 32 + bits.read(6) : type;
+    };
+    const auto rate = [&bits]() -> std::uint32_t {
+        const std::uint32_t index = bits.read(4);
+        return index == 15 ? bits.read(24) : index < std::size(kAacRates) ? kAacRates[index] : 0;
+    };
+    std::uint32_t type = objectType();
+    const std::uint32_t core = rate();
+    bits.read(4);  // channelConfiguration
+    if (type == 5 || type == 29) {
+        rate();
+        type = objectType();
+    }
+    if (type < 1 || type > 4) return std::nullopt;  // AAC main, LC, SSR, LTP: a GASpecificConfig
+    const std::uint32_t samples = bits.read(1) != 0 ? 960 : 1024;  // frameLengthFlag
+    if (bits.spent() || core == 0) return std::nullopt;
+    return LatmTiming{samples * subFrames, core};
+}
+
 Framing framingOf(const std::string& codec, bool adts) {
     if (codec == "aac") return adts ? Framing::Adts : Framing::None;
+    if (codec == "aac_latm") return Framing::Latm;
     if (codec == "ac3" || codec == "eac3") return Framing::Dolby;
     if (codec == "mp2") return Framing::Layer2;
     return Framing::None;
 }
 
-FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, int bytesOf, std::size_t* bytes) {
+FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, LatmTiming* latmSeen, int bytesOf,
+                  std::size_t* bytes) {
     std::size_t at = 0;
     int frames = 0;
     std::int64_t samples = 0;  // of each frame
     std::uint32_t rate = 0;
+    LatmTiming latm = latmSeen != nullptr ? *latmSeen : LatmTiming{};
     while (at < size) {
         std::size_t length = 0;
         std::int64_t frameSamples = 0;
@@ -84,6 +125,17 @@ FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, i
             if (rateIndex >= std::size(kAacRates)) return {};
             frameSamples = 1024;
             frameRate = kAacRates[rateIndex];
+        } else if (framing == Framing::Latm) {
+            if ((length = loasFrameLength(data + at, size - at)) == 0) return {};
+            // Frames that refer to an earlier configuration take the time of the one in this packet, or else of
+            // the last one the stream sent; untimed, they are still walked.
+            if (const std::optional<LatmTiming> timing = latmTiming(data + at, size - at)) {
+                latm = *timing;
+            } else if (frames == 0) {
+                if (const LatmTiming here = latmTimingIn(data, size); here.rate != 0) latm = here;
+            }
+            frameSamples = latm.samples;
+            frameRate = latm.rate;
         } else if (framing == Framing::Dolby) {
             const std::optional<DolbyFrame> frame = readDolbyFrame(data + at, size - at);
             if (!frame) return {};
@@ -112,6 +164,7 @@ FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, i
         at += length;
     }
     if (frames == bytesOf && bytes != nullptr) *bytes = at;
+    if (latmSeen != nullptr && latm.rate != 0) *latmSeen = latm;
     if (frames == 0 || rate == 0) return {};
     return {frames, frames * samples * 10000000 / rate};
 }

@@ -9,6 +9,44 @@
 
 namespace fmp4mux {
 
+// Bits read most significant first; reading past the end gives zeros and marks the reader spent.
+class Bits {
+public:
+    Bits(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
+    std::uint32_t read(unsigned count) {
+        std::uint32_t value = 0;
+        for (unsigned i = 0; i < count; ++i, ++m_at) {
+            const bool inside = m_at / 8 < m_size;
+            const bool bit = inside && ((static_cast<unsigned>(m_data[m_at / 8]) >> (7 - m_at % 8)) & 1u) != 0;
+            if (!inside) m_spent = true;
+            value = value << 1 | (bit ? 1u : 0u);
+        }
+        return value;
+    }
+    bool spent() const { return m_spent; }
+
+private:
+    const std::uint8_t* m_data;
+    std::size_t m_size;
+    std::size_t m_at = 0;
+    bool m_spent = false;
+};
+
+// The length of the LOAS AudioSyncStream frame at `p` (ISO/IEC 14496-3, 1.7.2: sync word 0x2B7 and 13 bits of
+// audioMuxLengthBytes), or 0.
+inline std::size_t loasFrameLength(const std::uint8_t* p, std::size_t size) {
+    if (size < 3 || p[0] != 0x56 || (p[1] & 0xE0) != 0xE0) return 0;
+    return 3 + ((static_cast<std::size_t>(p[1] & 0x1F) << 8) | p[2]);
+}
+
+// How long each frame of a LOAS frame that carries its StreamMuxConfig (version 0, one program of one layer of an
+// AAC object type) lasts: its audio samples (1024 or 960, times its subframes) at the rate of the AAC core (of
+// HE-AAC too, whose SBR doubles the rate played); none for a frame that refers to an earlier configuration.
+struct LatmTiming {
+    std::uint32_t samples = 0, rate = 0;
+};
+std::optional<LatmTiming> latmTiming(const std::uint8_t* p, std::size_t size);
+
 // MPEG-1 Layer II bitrates in kbit/s by index (ISO/IEC 11172-3, 2.4.2.3).
 inline constexpr std::uint32_t kLayer2Kbps[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
 
@@ -31,17 +69,19 @@ struct DolbyFrame {
 std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size);
 
 // How a stream of codec `codec` (as libavformat names it) is framed in its packets; raw AAC is not.
-enum class Framing { None, Adts, Dolby, Layer2 };
+enum class Framing { None, Adts, Latm, Dolby, Layer2 };
 Framing framingOf(const std::string& codec, bool adts);
 
 // The frames of a packet of whole frames, from its first byte to its last, all of one length, and how long they
 // last (100 ns units); none for other bytes. An E-AC-3 frame counts with the dependent substream frames after it:
-// they play at the same time. With `bytesOf`, the bytes of the first `bytesOf` frames go to `bytes`.
+// they play at the same time. LOAS frames are timed by a StreamMuxConfig among them, or else by `latmSeen`, the
+// timing of the stream's last one, which the call brings up to date. With `bytesOf`, the bytes of the first
+// `bytesOf` frames go to `bytes`, timed or not.
 struct FrameRun {
     int frames = 0;
     std::int64_t duration = 0;
 };
-FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, int bytesOf = 0,
-                  std::size_t* bytes = nullptr);
+FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, LatmTiming* latmSeen = nullptr,
+                  int bytesOf = 0, std::size_t* bytes = nullptr);
 
 }  // namespace fmp4mux

@@ -86,36 +86,6 @@ std::vector<std::uint8_t> silentAdtsFrame(const std::uint8_t* p) {
     return frame;
 }
 
-// Bits read most significant first; reading past the end gives zeros and marks the reader spent.
-class Bits {
-public:
-    Bits(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
-    std::uint32_t read(unsigned count) {
-        std::uint32_t value = 0;
-        for (unsigned i = 0; i < count; ++i, ++m_at) {
-            const bool inside = m_at / 8 < m_size;
-            const bool bit = inside && ((static_cast<unsigned>(m_data[m_at / 8]) >> (7 - m_at % 8)) & 1u) != 0;
-            if (!inside) m_spent = true;
-            value = value << 1 | (bit ? 1u : 0u);
-        }
-        return value;
-    }
-    bool spent() const { return m_spent; }
-
-private:
-    const std::uint8_t* m_data;
-    std::size_t m_size;
-    std::size_t m_at = 0;
-    bool m_spent = false;
-};
-
-// The length of the LOAS AudioSyncStream frame at `p` (ISO/IEC 14496-3, 1.7.2: sync word 0x2B7 and 13 bits of
-// audioMuxLengthBytes), or 0.
-std::size_t loasFrameLength(const std::uint8_t* p, std::size_t size) {
-    if (size < 3 || p[0] != 0x56 || (p[1] & 0xE0) != 0xE0) return 0;
-    return 3 + ((static_cast<std::size_t>(p[1] & 0x1F) << 8) | p[2]);
-}
-
 // What a LOAS frame that carries its StreamMuxConfig says, when it is one that silence can be made for: version
 // 0, one program of one layer of AAC-LC in 1024-sample frames, a channel configuration of 1 to 7, frames whose
 // length is given in bytes, no other data and no CRC (ISO/IEC 14496-3, 1.7.3). `carriesConfig` tells a frame that

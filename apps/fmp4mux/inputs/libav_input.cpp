@@ -296,7 +296,8 @@ bool LibavInput::run(const std::function<void(Packet&)>& onPacket, const std::at
         // As the MPEG-TS reader does: a packet of audio sync frames lasts as long as its frames, told to the
         // timeline keeper; so does a raw AAC frame, which libavformat times.
         if (kept.stream.framing != Framing::None) {
-            const FrameRun run = frameRun(kept.stream.framing, p->data, static_cast<std::size_t>(p->size));
+            const auto size = static_cast<std::size_t>(p->size);
+            const FrameRun run = frameRun(kept.stream.framing, p->data, size, &kept.stream.latm);
             out.frames = run.frames;
             if (run.frames > 0) out.duration = run.duration;
         } else if (kept.stream.rawAac && out.duration > 0) {

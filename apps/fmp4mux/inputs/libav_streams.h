@@ -83,6 +83,7 @@ struct KeptStream {
     std::vector<std::uint8_t> asc;
     std::uint32_t bitrate = 0;
     Framing framing = Framing::None;  // how its packets hold their frames
+    LatmTiming latm;                  // LATM: the timing of its last StreamMuxConfig
 };
 
 // The streams of `format` (opened, its streams found) that fmp4mux packages, those of one program when it has

@@ -206,7 +206,8 @@ void InputReader::run() {
             if (cut > 0) {
                 // Frames that overlap the stream's last packet leave the front (packets of sync frames count theirs).
                 std::size_t bytes = 0;
-                frameRun(framings[packet.stream], packet.data, packet.size, cut, &bytes);
+                frameRun(framings[packet.stream], packet.data, packet.size, nullptr, cut, &bytes);
+                if (bytes == 0) return;  // not reached: the reader that counted the frames walked them
                 packet.data += bytes;
                 packet.size -= bytes;
                 packet.duration -= packet.duration / packet.frames * cut;

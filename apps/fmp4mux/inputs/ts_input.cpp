@@ -128,7 +128,7 @@ void TsInput::deliver(const Unit& unit) {
     out.damaged = unit.damaged && !(kept.adts && wholeAdtsFrames(unit.data, unit.size));
     // A PES of audio sync frames lasts as long as its frames: the timeline keeper tells by it one that overlaps the
     // PES before it, and which of its frames to cut.
-    const FrameRun run = frameRun(kept.framing, unit.data, unit.size);
+    const FrameRun run = frameRun(kept.framing, unit.data, unit.size, &m_kept[unit.stream].latm);
     out.frames = run.frames;
     out.duration = run.duration;
     out.key = kept.video && annexBRandomAccess(unit.data, unit.size, kept.hevc);

@@ -815,6 +815,7 @@ TEST(Fmp4muxEndToEnd, AnOverlappingSeamTakesEachAudioInstantOnce) {
         {kLooped, kSample, 3, 1024},
         {overlappingSplice("splice-ac3.ts", kVideoAndAc3), path(kVideoAndAc3), 2, 1536},
         {overlappingSplice("splice-mp2.ts", kVideoAndMp2), path(kVideoAndMp2), 2, 1152},
+        {overlappingSplice("splice-latm.ts", kVideoAndLatm), path(kVideoAndLatm), 2, 1024},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.source.name);

@@ -255,7 +255,9 @@ TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
 // 14496-3 1.A.2) AAC-LC 48 kHz stereo of 8 bytes, FF F1 4C 80 01 1F FC; MPEG-1 Layer II 64 kbit/s 48 kHz mono
 // (ISO/IEC 11172-3 2.4.1.3) of 144 * 64000 / 48000 = 192 bytes, FF FD 44 C0; AC-3 48 kHz 32 kbit/s (ETSI TS 102
 // 366 4.4.1) of 64 words, 0B 77 crc crc 00 40 (bsid 8) 40 (2/0); E-AC-3 (annex E.1.2) of 64 words (frmsiz 63),
-// six blocks at 48 kHz, independent (strmtyp 0) or dependent (1), bsid 16.
+// six blocks at 48 kHz, independent (strmtyp 0) or dependent (1), bsid 16. LOAS frames (ISO/IEC 14496-3 1.7) of 12
+// bytes: with a StreamMuxConfig of version 0 whose AudioSpecificConfig is AAC-LC 48 kHz stereo (11 90) or HE-AAC
+// with a 24 kHz core and 48 kHz played (2B 11 88), or referring to the one before (useSameStreamMux, 80).
 TEST(FrameRun, CountsWholeFramesOfOneLengthAndWhereTheFirstOnesEnd) {
     using fmp4mux::Framing;
     const auto frame = [](std::vector<std::uint8_t> head, std::size_t size) {
@@ -268,6 +270,9 @@ TEST(FrameRun, CountsWholeFramesOfOneLengthAndWhereTheFirstOnesEnd) {
     const auto layer2 = frame({0xFF, 0xFD, 0x44, 0xC0}, 192);
     const auto ac3 = frame({0x0B, 0x77, 0, 0, 0x00, 0x40, 0x40}, 128);
     const auto independent = frame({0x0B, 0x77, 0x00, 0x3F, 0x34, 0x80}, 128);
+    const auto latmLc = frame({0x56, 0xE0, 0x0C, 0x20, 0x00, 0x11, 0x90, 0x1F, 0xE0}, 15);
+    const auto latmHe = frame({0x56, 0xE0, 0x0C, 0x20, 0x00, 0x2B, 0x11, 0x88, 0x0F, 0xF0}, 15);
+    const auto latmSame = frame({0x56, 0xE0, 0x0C, 0x80}, 15);
     const auto dependent = frame({0x0B, 0x77, 0x40, 0x3F, 0x34, 0x80}, 128);
     const auto join = [](std::initializer_list<std::vector<std::uint8_t>> parts) {
         std::vector<std::uint8_t> all;
@@ -292,18 +297,28 @@ TEST(FrameRun, CountsWholeFramesOfOneLengthAndWhereTheFirstOnesEnd) {
         {"E-AC-3 with a dependent substream", Framing::Dolby, join({independent, dependent, independent, dependent}), 2,
          2 * 1536 * 10000000LL / 48000, 256},
         {"a dependent substream first", Framing::Dolby, join({dependent, independent}), 0, 0, 0},
+        {"LOAS frames after a configuration", Framing::Latm, join({latmLc, latmSame}), 2, 2 * 1024 * 10000000LL / 48000, 15},
+        {"HE-AAC in LOAS, timed by its core", Framing::Latm, join({latmSame, latmHe}), 2, 2 * 1024 * 10000000LL / 24000, 15},
+        {"LOAS frames that refer to a configuration not seen", Framing::Latm, join({latmSame, latmSame}), 0, 0, 0},
         {"raw AAC", Framing::None, join({adts, adts}), 0, 0, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         std::size_t first = 0;
-        const fmp4mux::FrameRun run = fmp4mux::frameRun(c.framing, c.bytes.data(), c.bytes.size(), 1, &first);
+        const fmp4mux::FrameRun run = fmp4mux::frameRun(c.framing, c.bytes.data(), c.bytes.size(), nullptr, 1, &first);
         EXPECT_EQ(run.frames, c.frames);
         EXPECT_EQ(run.duration, c.duration);
         if (c.frames > 0) {
             EXPECT_EQ(first, c.firstBytes);
         }
     }
+    // The configuration seen in an earlier packet times LOAS frames that refer to it, and a new one takes over.
+    fmp4mux::LatmTiming seen;
+    EXPECT_EQ(fmp4mux::frameRun(Framing::Latm, latmLc.data(), latmLc.size(), &seen).frames, 1);
+    const auto two = join({latmSame, latmSame});
+    EXPECT_EQ(fmp4mux::frameRun(Framing::Latm, two.data(), two.size(), &seen).duration, 2 * 1024 * 10000000LL / 48000);
+    EXPECT_EQ(fmp4mux::frameRun(Framing::Latm, latmHe.data(), latmHe.size(), &seen).frames, 1);
+    EXPECT_EQ(seen.rate, 24000u);
 }
 
 // Timestamp jumps taken out of inputs: packets fed in order, with the times (ms here) they must come out at.
