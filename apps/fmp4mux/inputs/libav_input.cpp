@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
-#include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/libav_streams.h"
 #include "apps/fmp4mux/inputs/subtitle_cues.h"
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/libav_input.h"
 
 extern "C" {
