@@ -1,7 +1,7 @@
 #pragma once
-// The audio formats that travel as whole sync frames (ADTS AAC, AC-3, E-AC-3, MPEG-1 Layer II): what their frame
-// headers say, and the frames a packet holds, so that readers can tell how long a packet of several lasts and cut
-// frames off its front.
+// The audio formats that travel as whole sync frames (AAC in ADTS or LOAS/LATM, AC-3, E-AC-3, MPEG-1 Layer II):
+// what their frame headers say, and the frames a packet holds, so that readers can tell how long a packet of several
+// lasts and cut frames off its front.
 #include <cstddef>
 #include <cstdint>
 #include <optional>
