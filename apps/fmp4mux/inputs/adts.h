@@ -29,5 +29,4 @@ inline AdtsConfig adtsConfig(const std::uint8_t* frame) {
     return {b2 >> 6, (b2 >> 2) & 0x0Fu, ((b2 & 0x01u) << 2) | (b3 >> 6)};
 }
 
-
 }  // namespace fmp4mux

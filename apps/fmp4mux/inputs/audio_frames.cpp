@@ -11,13 +11,6 @@ namespace fmp4mux {
 namespace {
 // MPEG-1 sampling rates (ISO/IEC 11172-3, 2.4.2.3).
 constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
-
-// The timing of the first LOAS frame of a packet that carries a StreamMuxConfig; none when none does.
-LatmTiming latmTimingIn(const std::uint8_t* data, std::size_t size) {
-    for (std::size_t at = 0, length = 0; at < size && (length = loasFrameLength(data + at, size - at)) != 0; at += length)
-        if (const std::optional<LatmTiming> timing = latmTiming(data + at, size - at)) return *timing;
-    return {};
-}
 }  // namespace
 
 std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size) {
@@ -68,35 +61,57 @@ std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size
     return frame;
 }
 
-std::optional<LatmTiming> latmTiming(const std::uint8_t* p, std::size_t size) {
+std::optional<LatmConfig> readLatmConfig(const std::uint8_t* p, std::size_t size, bool* carriesConfig) {
+    if (carriesConfig != nullptr) *carriesConfig = false;
     const std::size_t length = loasFrameLength(p, size);
     if (length == 0 || length > size) return std::nullopt;
     Bits bits(p + 3, length - 3);
-    if (bits.read(1) != 0 || bits.read(1) != 0) return std::nullopt;  // useSameStreamMux, audioMuxVersion
-    bits.read(1);                                                      // allStreamsSameTimeFraming
-    const std::uint32_t subFrames = bits.read(6) + 1;
+    if (bits.read(1) != 0) return std::nullopt;  // useSameStreamMux
+    if (carriesConfig != nullptr) *carriesConfig = true;
+    if (bits.read(1) != 0) return std::nullopt;  // audioMuxVersion
+    LatmConfig config;
+    config.sameTimeFraming = bits.read(1) != 0;
+    config.subFrames = bits.read(6) + 1;
     if (bits.read(4) != 0 || bits.read(3) != 0) return std::nullopt;  // numProgram, numLayer
-    // AudioSpecificConfig (1.6.2.1): object type, rate, channels; with SBR signalled (types 5 and 29) the rate
-    // played and the core's object type follow.
+    // AudioSpecificConfig: object type, rate, channels; with SBR signalled (types 5 and 29) the rate played and the
+    // core's object type follow.
     const auto objectType = [&bits] {
         const std::uint32_t type = bits.read(5);
         return type == 31 ? 32 + bits.read(6) : type;
     };
-    const auto rate = [&bits]() -> std::uint32_t {
-        const std::uint32_t index = bits.read(4);
-        return index == 15 ? bits.read(24) : index < std::size(kAacRates) ? kAacRates[index] : 0;
-    };
     std::uint32_t type = objectType();
-    const std::uint32_t core = rate();
-    bits.read(4);  // channelConfiguration
+    config.rateIndex = bits.read(4);
+    if (config.rateIndex == 15)
+        config.rate = bits.read(24);
+    else if (config.rateIndex < std::size(kAacRates))
+        config.rate = kAacRates[config.rateIndex];
+    config.channels = bits.read(4);
     if (type == 5 || type == 29) {
-        rate();
+        config.sbr = true;
+        if (bits.read(4) == 15) bits.read(24);  // extensionSamplingFrequency
         type = objectType();
     }
-    if (type < 1 || type > 4) return std::nullopt;  // AAC main, LC, SSR, LTP: a GASpecificConfig
-    const std::uint32_t samples = bits.read(1) != 0 ? 960 : 1024;  // frameLengthFlag
-    if (bits.spent() || core == 0) return std::nullopt;
-    return LatmTiming{samples * subFrames, core};
+    config.objectType = type;
+    if (type < 1 || type > 4) return std::nullopt;
+    config.frameLength960 = bits.read(1) != 0;
+    if (bits.spent()) return std::nullopt;
+    config.dependsOnCoreCoder = bits.read(1) != 0;
+    if (config.dependsOnCoreCoder) bits.read(14);  // coreCoderDelay
+    bits.read(1);                                  // extensionFlag
+    config.frameLengthType = bits.read(3);
+    if (config.frameLengthType == 0) {
+        bits.read(8);  // latmBufferFullness
+        config.otherData = bits.read(1) != 0;
+        config.crc = bits.read(1) != 0;
+        config.whole = !bits.spent();
+    }
+    return config;
+}
+
+std::optional<LatmTiming> latmTiming(const std::uint8_t* p, std::size_t size) {
+    const std::optional<LatmConfig> config = readLatmConfig(p, size);
+    if (!config || config->rate == 0) return std::nullopt;
+    return LatmTiming{(config->frameLength960 ? 960u : 1024u) * config->subFrames, config->rate};
 }
 
 Framing framingOf(const std::string& codec, bool adts) {
@@ -126,16 +141,14 @@ FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, L
             frameSamples = 1024;
             frameRate = kAacRates[rateIndex];
         } else if (framing == Framing::Latm) {
+            // A frame that refers to an earlier configuration is timed by the one this packet or the stream last
+            // carried (0 until one is known: the packet is timed once the walk is over).
             if ((length = loasFrameLength(data + at, size - at)) == 0) return {};
-            // Frames that refer to an earlier configuration take the time of the one in this packet, or else of
-            // the last one the stream sent; untimed, they are still walked.
             if (const std::optional<LatmTiming> timing = latmTiming(data + at, size - at)) {
                 latm = *timing;
-            } else if (frames == 0) {
-                if (const LatmTiming here = latmTimingIn(data, size); here.rate != 0) latm = here;
+                frameSamples = timing->samples;
+                frameRate = timing->rate;
             }
-            frameSamples = latm.samples;
-            frameRate = latm.rate;
         } else if (framing == Framing::Dolby) {
             const std::optional<DolbyFrame> frame = readDolbyFrame(data + at, size - at);
             if (!frame) return {};
@@ -152,18 +165,27 @@ FrameRun frameRun(Framing framing, const std::uint8_t* data, std::size_t size, L
         } else {
             return {};
         }
-        if (length > size - at || (frames > 0 && !dependent && (frameSamples != samples || frameRate != rate))) return {};
+        if (length > size - at) return {};
+        // Frames of one length: a LOAS frame without its configuration has none of its own.
+        const bool timed = frameRate != 0;
+        if (!dependent && timed && rate != 0 && (frameSamples != samples || frameRate != rate)) return {};
         if (!dependent) {
             if (frames == bytesOf && bytes != nullptr && frames > 0) *bytes = at;
             ++frames;
-            samples = frameSamples;
-            rate = frameRate;
+            if (timed) {
+                samples = frameSamples;
+                rate = frameRate;
+            }
         } else if (frames == 0) {
             return {};  // a dependent substream frame belongs to an independent one before it
         }
         at += length;
     }
     if (frames == bytesOf && bytes != nullptr) *bytes = at;
+    if (framing == Framing::Latm && rate == 0) {
+        samples = latm.samples;
+        rate = latm.rate;
+    }
     if (latmSeen != nullptr && latm.rate != 0) *latmSeen = latm;
     if (frames == 0 || rate == 0) return {};
     return {frames, frames * samples * 10000000 / rate};

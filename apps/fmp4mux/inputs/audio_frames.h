@@ -39,9 +39,28 @@ inline std::size_t loasFrameLength(const std::uint8_t* p, std::size_t size) {
     return 3 + ((static_cast<std::size_t>(p[1] & 0x1F) << 8) | p[2]);
 }
 
-// How long each frame of a LOAS frame that carries its StreamMuxConfig (version 0, one program of one layer of an
-// AAC object type) lasts: its audio samples (1024 or 960, times its subframes) at the rate of the AAC core (of
-// HE-AAC too, whose SBR doubles the rate played); none for a frame that refers to an earlier configuration.
+// What the StreamMuxConfig of a LOAS frame says (ISO/IEC 14496-3, 1.7.3, its AudioSpecificConfig 1.6.2.1), when it
+// is one of version 0 for one program of one layer of an AAC object type with a GASpecificConfig (main, LC, SSR,
+// LTP; SBR may be signalled before it); none for another. `carriesConfig` tells a frame that carries a
+// configuration from one that refers to an earlier one (useSameStreamMux).
+struct LatmConfig {
+    bool sameTimeFraming = false;
+    unsigned subFrames = 1;
+    bool sbr = false;              // object type 5 or 29: SBR doubles the rate played
+    std::uint32_t objectType = 0;  // of the AAC core
+    unsigned rateIndex = 0;        // 15: the rate written out
+    std::uint32_t rate = 0;        // of the AAC core, 0 when the index is reserved
+    unsigned channels = 0;
+    bool frameLength960 = false, dependsOnCoreCoder = false;
+    unsigned frameLengthType = 0;  // 0: payload lengths in bytes, then the fields below
+    bool otherData = false, crc = false;
+    bool whole = false;  // every field up to crcCheckPresent was there
+};
+std::optional<LatmConfig> readLatmConfig(const std::uint8_t* p, std::size_t size, bool* carriesConfig = nullptr);
+
+// How long each frame of a LOAS frame that carries its StreamMuxConfig lasts: its audio samples (1024 or 960,
+// times its subframes) at the rate of the AAC core (of HE-AAC too); none for a frame that refers to an earlier
+// configuration.
 struct LatmTiming {
     std::uint32_t samples = 0, rate = 0;
 };

@@ -16,12 +16,6 @@ extern "C" {
 namespace fmp4mux {
 
 namespace {
-// A raw_data_block() of silence (ISO/IEC 14496-3 4.4.2) for a channel configuration of 1 to 7: its elements in
-// the order the configuration lists them (4.5.1.2.1), each with max_sfb 0, so no spectral data, and global_gain,
-// pulse, TNS and gain control all 0; then ID_END, and zero bits to the byte. A single channel element or LFE
-// element is its 3-bit id, a 4-bit tag, the 8-bit global_gain, an 11-bit ics_info and three flags: 29 bits. A
-// channel pair shares one window (common_window 1) and no M/S (ms_mask_present 00): 3 + 4 + 1 + 11 + 2 bits, then
-// global_gain and three flags for each channel: 43 bits. Mono comes to 00 00 00 07, stereo to 21 00 00 00 00 1C.
 // Bits written most significant first, the last byte filled up with zeros.
 class BitWriter {
 public:
@@ -38,6 +32,12 @@ private:
     std::size_t m_bits = 0;
 };
 
+// A raw_data_block() of silence (ISO/IEC 14496-3 4.4.2) for a channel configuration of 1 to 7: its elements in
+// the order the configuration lists them (4.5.1.2.1), each with max_sfb 0, so no spectral data, and global_gain,
+// pulse, TNS and gain control all 0; then ID_END, and zero bits to the byte. A single channel element or LFE
+// element is its 3-bit id, a 4-bit tag, the 8-bit global_gain, an 11-bit ics_info and three flags: 29 bits. A
+// channel pair shares one window (common_window 1) and no M/S (ms_mask_present 00): 3 + 4 + 1 + 11 + 2 bits, then
+// global_gain and three flags for each channel: 43 bits. Mono comes to 00 00 00 07, stereo to 21 00 00 00 00 1C.
 std::vector<std::uint8_t> silentRawDataBlock(unsigned configuration) {
     enum : unsigned { kSce = 0, kCpe = 1, kLfe = 3, kEnd = 7 };
     static const std::vector<unsigned> kElements[8] = {{},
@@ -86,37 +86,13 @@ std::vector<std::uint8_t> silentAdtsFrame(const std::uint8_t* p) {
     return frame;
 }
 
-// What a LOAS frame that carries its StreamMuxConfig says, when it is one that silence can be made for: version
-// 0, one program of one layer of AAC-LC in 1024-sample frames, a channel configuration of 1 to 7, frames whose
-// length is given in bytes, no other data and no CRC (ISO/IEC 14496-3, 1.7.3). `carriesConfig` tells a frame that
-// leaves the configuration to an earlier one (useSameStreamMux) from one that is unsuitable.
-struct LatmConfig {
-    unsigned rateIndex = 0, channels = 0;
-};
-std::optional<LatmConfig> readLatmConfig(const std::uint8_t* p, std::size_t size, bool& carriesConfig) {
-    carriesConfig = false;
-    const std::size_t length = loasFrameLength(p, size);
-    if (length == 0 || length > size) return std::nullopt;
-    Bits bits(p + 3, length - 3);
-    if (bits.read(1) != 0) return std::nullopt;  // useSameStreamMux
-    carriesConfig = true;
-    if (bits.read(1) != 0) return std::nullopt;  // audioMuxVersion
-    // allStreamsSameTimeFraming 1, numSubFrames 0, numProgram 0, numLayer 0
-    if (bits.read(1) != 1 || bits.read(6) != 0 || bits.read(4) != 0 || bits.read(3) != 0) return std::nullopt;
-    // AudioSpecificConfig: object type 2 (AAC-LC), a rate of the table, channels; GASpecificConfig of a 1024-sample
-    // frame that depends on no core coder.
-    LatmConfig config;
-    if (bits.read(5) != 2) return std::nullopt;
-    config.rateIndex = bits.read(4);
-    config.channels = bits.read(4);
-    if (config.rateIndex >= 13 || config.channels < 1 || config.channels > 7) return std::nullopt;
-    if (bits.read(1) != 0 || bits.read(1) != 0) return std::nullopt;  // frameLengthFlag, dependsOnCoreCoder
-    bits.read(1);                                                     // extensionFlag
-    if (bits.read(3) != 0) return std::nullopt;                       // frameLengthType: payload length in bytes
-    bits.read(8);                                                     // latmBufferFullness
-    if (bits.read(1) != 0 || bits.read(1) != 0) return std::nullopt;  // otherDataPresent, crcCheckPresent
-    if (bits.spent()) return std::nullopt;
-    return config;
+// Whether silence can be made for a stream of this StreamMuxConfig: one program of one layer of AAC-LC in
+// 1024-sample frames (no SBR), a rate of the table, a channel configuration of 1 to 7, frames whose length is given
+// in bytes, no other data and no CRC.
+bool silenceFits(const LatmConfig& c) {
+    return c.sameTimeFraming && c.subFrames == 1 && !c.sbr && c.objectType == 2 && c.rateIndex < 13 &&
+           c.channels >= 1 && c.channels <= 7 && !c.frameLength960 && !c.dependsOnCoreCoder &&
+           c.frameLengthType == 0 && !c.otherData && !c.crc && c.whole;
 }
 
 // A LOAS frame of silence that uses the configuration sent before it (useSameStreamMux 1): the payload length in
@@ -263,10 +239,10 @@ void AudioSilence::makeFrame(const std::uint8_t* data, std::size_t size) {
     if (m_codec == "aac_latm") {
         // LOAS: the first frame that carries its configuration decides.
         bool carriesConfig = false;
-        const std::optional<LatmConfig> config = readLatmConfig(data, size, carriesConfig);
+        const std::optional<LatmConfig> config = readLatmConfig(data, size, &carriesConfig);
         if (!carriesConfig) return;
         m_looked = true;
-        if (!config) return;
+        if (!config || !silenceFits(*config)) return;
         m_frame = silentLatmFrame(config->channels);
         m_samples = 1024;
         m_rate = kAacRates[config->rateIndex];
