@@ -170,7 +170,8 @@ private:
 };
 
 // A pool of buffers of one size, made as they are first needed. Buffers live as long as the allocator and the
-// samples out of it.
+// samples out of it. A sink with buffers of its own (memory a chunk is written straight into) overrides the two
+// calls the output pin makes.
 class MemAllocator {
 public:
     struct Properties {
@@ -184,12 +185,13 @@ public:
     // `minSize` are given, and fewer of them, so that they hold no more bytes in all than were asked for.
     explicit MemAllocator(long maxCount = 0x7FFFFFFF, long maxSize = 0x7FFFFFFF, long minSize = 0)
         : m_maxCount(maxCount), m_maxSize(maxSize), m_minSize(minSize) {}
-    ~MemAllocator();
+    virtual ~MemAllocator();
 
     // Asks for properties; `actual` receives what was granted.
-    HRESULT SetProperties(const Properties& request, Properties& actual);
-    // Start and stop timing are ignored; flags AM_GBF_NOWAIT answers VFW_E_TIMEOUT instead of waiting.
-    HRESULT GetBuffer(IMediaSample3** sample, const REFERENCE_TIME* start, const REFERENCE_TIME* stop,
+    virtual HRESULT SetProperties(const Properties& request, Properties& actual);
+    // Start and stop timing are ignored; flags AM_GBF_NOWAIT answers VFW_E_TIMEOUT instead of waiting. A buffer
+    // may be larger than the properties' size (never smaller): the output fills what GetSize() says.
+    virtual HRESULT GetBuffer(IMediaSample3** sample, const REFERENCE_TIME* start, const REFERENCE_TIME* stop,
                       std::uint32_t flags);
     long freeCount() const;
     Properties properties() const;

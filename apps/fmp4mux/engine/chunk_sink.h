@@ -15,8 +15,10 @@ namespace fmp4mux {
 class ChunkSink : public tvrn::encoding::filter::IMediaSampleSink {
 public:
     using Bytes = std::vector<std::uint8_t>;
-    // A whole chunk, `init` or media, given away to the handler.
-    using Handler = std::function<void(bool init, Bytes&& chunk)>;
+    // A whole chunk, `init` or media, given away to the handler with its room: the chunk is the first `length`
+    // bytes of `room`. What follows it in the room is not the chunk's; the room keeps its whole size so that, back
+    // in the pool, it need not be cleared again before the next chunk is written into it.
+    using Handler = std::function<void(bool init, Bytes&& room, std::size_t length)>;
     // Where the room for the next chunk comes from (a pool that recycles the rooms of chunks written), given the
     // size it should have.
     using Rooms = std::function<Bytes(std::size_t wanted)>;
@@ -24,16 +26,17 @@ public:
     // A chunk is complete when its bytes end at the box that closes it (the index of an init chunk, `mdat` of a
     // Smooth chunk, the end-of-segment box of a DASH chunk, or its end-of-chunk box when no more bytes follow in
     // the buffer: a low-latency chunk inside a segment); any other chunk is completed by the start of the
-    // next one or by the end of the stream. `bufferCount`: how many 8192-byte buffers to ask of the output (the
-    // bytes they come to, in larger buffers); the sink copies each buffer at once, so the pool needs to hold one
-    // chunk.
+    // next one or by the end of the stream. `bufferCount`: how many 8192-byte buffers to ask of the output.
+    // `rooms` gives the room of the next chunk, at least as large as asked, holding anything (its bytes are
+    // overwritten, never read).
     ChunkSink(bool dash, long bufferCount, Handler handler, Rooms rooms = {});
 
     tvrn::encoding::filter::HRESULT Receive(tvrn::encoding::filter::IMediaSample3* sample) override;
     tvrn::encoding::filter::HRESULT EndOfStream() override;
     long RequestedBufferCount() override { return m_bufferCount; }
-    // Buffers of at least 256 KiB, as many fewer as makes the same bytes: a chunk comes in a few buffers rather
-    // than hundreds, each a call, a lock and a copy of its own.
+    // The output's buffers are the free end of the pending chunk's room: the output writes each chunk straight
+    // into the memory that is then handed on, in one buffer when the room is large enough (it is made a quarter
+    // larger than the largest chunk so far). Samples from elsewhere are copied in.
     tvrn::encoding::filter::MemAllocator* GetAllocator() override { return &m_allocator; }
 
     // Waits for the end of the stream, or until `timeout`; true when it has ended.
@@ -41,13 +44,32 @@ public:
     bool ended() const;
 
 private:
+    class RoomAllocator : public tvrn::encoding::filter::MemAllocator {
+    public:
+        explicit RoomAllocator(ChunkSink& sink) : m_sink(sink) {}
+        tvrn::encoding::filter::HRESULT SetProperties(const Properties& request, Properties& actual) override;
+        tvrn::encoding::filter::HRESULT GetBuffer(tvrn::encoding::filter::IMediaSample3** sample,
+                                                  const tvrn::encoding::filter::REFERENCE_TIME* start,
+                                                  const tvrn::encoding::filter::REFERENCE_TIME* stop,
+                                                  std::uint32_t flags) override;
+
+    private:
+        ChunkSink& m_sink;
+    };
+
+    tvrn::encoding::filter::IMediaSample3* slice();
+    // Makes the room hold at least `free` bytes after the pending chunk.
+    void makeRoom(std::size_t free);
+    void append(const std::uint8_t* data, std::size_t size);
     void finish();
 
     const bool m_dash;
     const long m_bufferCount;
     const Handler m_handler;
     const Rooms m_rooms;
-    Bytes m_pending;
+    Bytes m_room;               // the pending chunk's room, all of it in use as size: the chunk is its first m_length bytes
+    std::size_t m_length = 0;
+    const std::uint8_t* m_slice = nullptr;  // the free end handed out as a buffer, until it comes back
     std::size_t m_nextBox = 0;  // where the next box of the pending chunk starts
     std::string m_lastBox;      // the type of the last box complete in it
     std::size_t m_largest = 0;  // the largest chunk so far
@@ -57,7 +79,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_endCv;
     bool m_ended = false;
-    tvrn::encoding::filter::MemAllocator m_allocator{0x7FFFFFFF, 0x7FFFFFFF, 256 * 1024};
+    RoomAllocator m_allocator{*this};
 };
 
 }  // namespace fmp4mux

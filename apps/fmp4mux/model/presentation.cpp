@@ -43,18 +43,20 @@ void Presentation::addOutput(int index, const std::string& kind, std::uint32_t c
     out.bitrateGiven = bitrateGiven;
 }
 
-void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk) {
+void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length) {
     std::lock_guard lock(m_mutex);
     const auto it = m_outputs.find(index);
     if (it == m_outputs.end()) return fail("output " + std::to_string(index) + " was not declared");
+    if (length > room.size()) return fail("output " + std::to_string(index) + ": a chunk longer than its room");
     if (init)
-        onInit(index, it->second, std::move(chunk));
+        onInit(index, it->second, std::move(room), length);
     else
-        onMedia(index, it->second, std::move(chunk));
+        onMedia(index, it->second, std::move(room), length);
     m_progress.notify_all();
 }
 
-void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& chunk) {
+void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length) {
+    reader::ByteView chunk(room.data(), length);
     const reader::ByteView movie = reader::moviePart(chunk);
     if (movie.empty()) return fail("output " + std::to_string(index) + ": the init chunk is not readable");
     Track track = out.track;
@@ -83,12 +85,13 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ch
     out.ready = true;
     ++m_files;
     const auto offset = static_cast<std::size_t>(movie.data() - chunk.data());
-    m_publisher.publish({out.track.initialization, std::move(chunk), {{offset, movie.size()}}, false});
+    m_publisher.publish({out.track.initialization, std::move(room), {{offset, movie.size()}}, false});
 }
 
-void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& chunk) {
+void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length) {
     if (!out.ready) return;
-    if (m_settings.lowLatency) return onLowLatencyChunk(index, out, std::move(chunk));
+    if (m_settings.lowLatency) return onLowLatencyChunk(index, out, std::move(room), length);
+    reader::ByteView chunk(room.data(), length);
     const auto timing = reader::readChunkTiming(chunk, m_settings.dash);
     if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
     // A chunk of no duration is the engine's stand-in for a chunk this output missed (its input had nothing for
@@ -96,7 +99,8 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     // replace the first file of a $Time$ template and put the timeline back to 0.
     if (timing->duration == 0) return;
     out.track.timescale = timing->timescale;
-    carrySplices(out, chunk, timing->time, timing->timescale);
+    carrySplices(out, room, length, timing->time, timing->timescale);
+    chunk = reader::ByteView(room.data(), length);
     const std::uint64_t number = out.nextNumber++;
     std::string path;
     try {
@@ -117,14 +121,17 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& c
     if (m_settings.dash)
         for (const reader::ByteView range : reader::withoutMarkerBoxes(chunk))
             file.ranges.emplace_back(static_cast<std::size_t>(range.data() - chunk.data()), range.size());
-    file.bytes = std::move(chunk);
+    else
+        file.ranges.emplace_back(0, length);
+    file.bytes = std::move(room);
     m_publisher.publish(std::move(file));
     recordSegment(out, timing->time, timing->duration, number, size);
     if (m_live) publishManifestLocked();
     removeLeaving();
 }
 
-void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& chunk) {
+void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length) {
+    reader::ByteView chunk(room.data(), length);
     auto timing = reader::readChunkTiming(chunk, true);
     if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
     if (timing->duration == 0) return;
@@ -136,7 +143,8 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     out.chunkDuration = static_cast<std::uint64_t>(
         static_cast<unsigned __int128>(plan.chunk) * timing->timescale / plan.timescale);
     timing->duration = out.chunkDuration;
-    carrySplices(out, chunk, timing->time, timing->timescale);
+    carrySplices(out, room, length, timing->time, timing->timescale);
+    chunk = reader::ByteView(room.data(), length);
     Publication part{{}, {}, {}, false};
     if (!out.growing) {
         Output::Growing growing;
@@ -171,7 +179,7 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     track.growing = Segment{out.growing->time, out.growing->duration, out.growing->number, false};
     // The parts of the last two segments before the growing one stay listed.
     while (!track.parts.empty() && track.parts.front().number + 2 < out.growing->number) track.parts.pop_front();
-    part.bytes = std::move(chunk);
+    part.bytes = std::move(room);
     ++m_chunks;
     const bool firstChunk = !m_availabilityStart;
     if (firstChunk) {
@@ -226,7 +234,8 @@ void Presentation::placeSplice(std::int64_t at, SpliceEvent&& event) {
     if (m_splices.size() > 256) m_splices.pop_front();
 }
 
-void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& chunk, std::uint64_t time, std::uint64_t timescale) {
+void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& room, std::size_t& length, std::uint64_t time,
+                                std::uint64_t timescale) {
     if (out.track.kind != "video") return;
     // The engine starts the media timeline at the earliest sample of the session, and a video output's first
     // segment starts with the first key frame it was given: that key frame's running time less the segment's
@@ -246,7 +255,10 @@ void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& chunk, s
         boxes.insert(boxes.end(), box.begin(), box.end());
         out.splicesSent = event.id;
     }
-    if (!boxes.empty()) insertAfterSegmentType(chunk, boxes);
+    if (boxes.empty()) return;
+    room.resize(length);
+    insertAfterSegmentType(room, boxes);
+    length = room.size();
 }
 
 void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,

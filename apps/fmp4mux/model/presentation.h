@@ -70,8 +70,13 @@ public:
     // A splice at `at` (100 ns, the running timeline). A section sent again for the same splice adds nothing.
     void addSplice(std::int64_t at, SpliceEvent event);
 
-    // A whole chunk of output `index`, given away.
-    void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk);
+    // A whole chunk of output `index`, the first `length` bytes of `room`, given away with the room (which goes
+    // with the chunk's file to the publisher, the chunk its only range).
+    void onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length);
+    void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk) {
+        const std::size_t length = chunk.size();
+        onChunk(index, init, std::move(chunk), length);
+    }
 
     // The last manifest: the presentation has ended, so a live one becomes static, with the segments recorded
     // (every one of a file input, those of the time-shift window for a live input).
@@ -115,13 +120,14 @@ private:
         std::uint32_t splicesSent = 0;         // the id of the last splice its segments carry
     };
 
-    void onInit(int index, Output& out, std::vector<std::uint8_t>&& chunk);
-    void onMedia(int index, Output& out, std::vector<std::uint8_t>&& chunk);
-    void onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& chunk);
+    void onInit(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length);
+    void onMedia(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length);
+    void onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length);
     // Ties the running timeline to the media timeline at a video output's first chunk (of media time `time` on
     // `timescale`), then places the splices that waited for it; live, puts the splices this output's segments do
-    // not carry yet into `chunk`.
-    void carrySplices(Output& out, std::vector<std::uint8_t>& chunk, std::uint64_t time, std::uint64_t timescale);
+    // not carry yet into the chunk (the first `length` bytes of `room`), which grows by them.
+    void carrySplices(Output& out, std::vector<std::uint8_t>& room, std::size_t& length, std::uint64_t time,
+                      std::uint64_t timescale);
     void placeSplice(std::int64_t at, SpliceEvent&& event);
     // A segment written whole (or, in low latency, completed): its record, the live window, the bitrate.
     void recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,

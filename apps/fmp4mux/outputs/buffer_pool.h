@@ -2,7 +2,9 @@
 // Rooms for chunks, recycled: a chunk's room goes back once its file is written and a later chunk of about its size
 // takes it, so a long run does not take and free a block the size of a chunk for every chunk (which leaves the heap
 // in more and more pieces). A room is taken only by a chunk that fills a good part of it: an audio chunk in a room
-// made for video would hold megabytes for kilobytes. At most `keep` rooms wait; the oldest goes first.
+// made for video would hold megabytes for kilobytes. At most `keep` rooms wait; the oldest goes first. A room comes
+// back with the size it had: its bytes are stale, but a taker that uses the whole capacity need not zero again what
+// was written before.
 #include <algorithm>
 #include <cstdint>
 #include <deque>
@@ -30,7 +32,6 @@ public:
         return room;
     }
     void give(std::vector<std::uint8_t>&& room) {
-        room.clear();
         if (room.capacity() == 0) return;
         std::lock_guard lock(m_mutex);
         m_rooms.push_back(std::move(room));

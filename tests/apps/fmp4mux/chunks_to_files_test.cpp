@@ -66,51 +66,76 @@ TEST(ChunkReader, SmoothTimesAndChunksCutShort) {
     EXPECT_TRUE(moviePart(std::span(init).first(init.size() - 1)).empty());
 }
 
-// Feeds a sink as the filter's output pin does: in buffers of at most 8192 bytes.
-void send(ChunkSink& sink, flt::MemAllocator& allocator, const Bytes& bytes, bool init, std::int64_t time) {
-    for (std::size_t at = 0; at < bytes.size(); at += 8192) {
+// Feeds a sink as the filter's output pin does: every buffer of a chunk is taken and filled before any is
+// delivered. Returns where the first buffer's bytes were.
+const std::uint8_t* send(ChunkSink& sink, flt::MemAllocator& allocator, const Bytes& bytes, bool init, std::int64_t time) {
+    std::vector<flt::IMediaSample3*> samples;
+    const std::uint8_t* first = nullptr;
+    for (std::size_t at = 0; at < bytes.size();) {
         flt::IMediaSample3* sample = nullptr;
-        ASSERT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
+        EXPECT_EQ(allocator.GetBuffer(&sample, nullptr, nullptr, 0), 0);
         std::uint8_t* data = nullptr;
         sample->GetPointer(&data);
-        const std::size_t n = std::min<std::size_t>(8192, bytes.size() - at);
+        if (samples.empty()) first = data;
+        const std::size_t n = std::min(static_cast<std::size_t>(sample->GetSize()), bytes.size() - at);
         std::memcpy(data, bytes.data() + at, n);
         sample->SetActualDataLength(static_cast<long>(n));
         sample->SetSyncPoint(init);
         if (!init) sample->SetTime(&time, nullptr);
+        samples.push_back(sample);
+        at += n;
+    }
+    for (flt::IMediaSample3* sample : samples) {
         sink.Receive(sample);
         sample->Release();
     }
+    return first;
 }
 
-TEST(ChunkSink, JoinsBuffersBackIntoWholeChunks) {
+// Through a plain allocator's buffers, and through the sink's own, which the output writes each chunk straight
+// into: a chunk that fits is handed on where it was written; one larger than the room, or written behind a chunk
+// still open, is joined all the same.
+class ChunkSinkBuffers : public ::testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(Allocators, ChunkSinkBuffers, ::testing::Values(false, true),
+                         [](const auto& p) { return p.param ? "SinksOwn" : "Plain"; });
+
+TEST_P(ChunkSinkBuffers, JoinsBuffersBackIntoWholeChunks) {
+    const bool own = GetParam();
     std::vector<Bytes> inits, media;
-    ChunkSink sink(true, 10, [&](bool init, Bytes&& c) { (init ? inits : media).push_back(std::move(c)); });
-    flt::MemAllocator allocator{100, 8192};
+    const std::uint8_t* handedOn = nullptr;  // where the last chunk was
+    ChunkSink sink(true, 10, [&](bool init, Bytes&& room, std::size_t length) {
+        ASSERT_LE(length, room.size());
+        handedOn = room.data();
+        (init ? inits : media).emplace_back(room.begin(), room.begin() + static_cast<std::ptrdiff_t>(length));
+    });
+    flt::MemAllocator plain{100, 8192};
+    flt::MemAllocator& allocator = own ? *sink.GetAllocator() : plain;
     flt::MemAllocator::Properties actual;
-    allocator.SetProperties({100, 8192, 1, 0}, actual);
-    const auto feed = [&](const Bytes& bytes, bool init, std::int64_t time) { send(sink, allocator, bytes, init, time); };
+    ASSERT_EQ(allocator.SetProperties({100, 8192, 1, 0}, actual), 0);
+    EXPECT_GE(actual.size, 8192);
+    const auto feed = [&](const Bytes& bytes, bool init, std::int64_t time) { return send(sink, allocator, bytes, init, time); };
     const Bytes init = initChunk("<?xml?>", 9000), chunk = dashChunk(0, 100, 20000);
     feed(init, true, 0);
     EXPECT_EQ(inits, std::vector<Bytes>{init});  // complete without waiting for what follows
-    feed(chunk, false, 100);
-    EXPECT_EQ(media, std::vector<Bytes>{chunk});  // the end-of-segment box closes it
+    const std::uint8_t* written = feed(chunk, false, 100);
+    ASSERT_EQ(media, std::vector<Bytes>{chunk});  // the end-of-segment box closes it
+    EXPECT_EQ(handedOn == written, own);
     // A low-latency chunk ends at its end-of-chunk box, at once. A chunk without a closing box is completed by
-    // the next one, and the last by the end of the stream; the room of the previous chunk is reused, and nothing
-    // of it is left.
+    // the next one, and the last by the end of the stream.
     const Bytes inner = cat({box("moof"), box("mdat", {3}), box("teoc")});
     feed(inner, false, 200);
     EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner}));
-    const Bytes open = cat({box("moof"), box("mdat", {3})});
+    const Bytes open = cat({box("moof"), box("mdat", {3})}), large = dashChunk(500, 100, 400000);
     feed(open, false, 300);
     EXPECT_EQ(media.size(), 2u);
     feed(open, false, 400);
-    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner, open}));
+    feed(large, false, 500);
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner, open, open, large}));
+    feed(open, false, 600);
     sink.EndOfStream();
-    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner, open, open}));
+    EXPECT_EQ(media, (std::vector<Bytes>{chunk, inner, open, open, large, open}));
     EXPECT_TRUE(sink.ended());
 }
-
 
 const std::string kManifest = R"(<?xml version="1.0" encoding="UTF-8"?><smil><body><switch>
 <video trackId="1" systemBitrate="500000" width="640" height="360" codecs="avc1.64001e"/></switch></body></smil>)";
