@@ -13,9 +13,18 @@ public:
     void add(Publisher& member) { m_members.push_back(&member); }
 
     void publish(Publication&& publication) override {
-        for (std::size_t i = 0; i + 1 < m_members.size(); ++i) {
-            Publication copy = publication;
-            m_members[i]->publish(std::move(copy));
+        if (m_members.size() > 1) {
+            // The copies hold only the bytes written: a chunk comes in a room larger than itself.
+            std::vector<std::uint8_t> bytes = std::move(publication.bytes);
+            auto ranges = std::move(publication.ranges);
+            Publication bare = publication;
+            publication.bytes = std::move(bytes);
+            publication.ranges = std::move(ranges);
+            bare.bytes = gather(publication);
+            for (std::size_t i = 0; i + 1 < m_members.size(); ++i) {
+                Publication copy = bare;
+                m_members[i]->publish(std::move(copy));
+            }
         }
         if (!m_members.empty()) m_members.back()->publish(std::move(publication));
     }
