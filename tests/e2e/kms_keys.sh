@@ -43,30 +43,37 @@ key_of_kid() {
 
 # check_chunks DIR: every video and audio chunk under DIR, in time order, decrypted behind its init segment with
 # the key of its key id (ffmpeg 5.1 mixes the encryption data of fragments read in one file); the audio chunk of
-# a segment names the video chunk's key id. Sets KIDS (the video chunks' key ids, a line each) and FRAMES (video
-# frames decrypted).
+# a segment names the key id of the video chunk of that segment (the one that starts within 0.1 s of it: after
+# input lost, one stream may lack a segment the other has). Sets KIDS (the video chunks' key ids, a line each) and
+# FRAMES (video frames decrypted).
 check_chunks() {
-  local kind init chunk kid key n errors i
+  local kind init chunk kid key n errors time vtimes="" paired=0 videos=0 nearest
   KIDS="" FRAMES=0
   for kind in video audio; do
     init=$(find "$1" -name init.mp4 -path "*$kind*" | head -n 1)
     [ -n "$init" ] || fail "no $kind init segment"
-    i=0
     for chunk in $(find "$(dirname "$init")" -name 'chunk_*.mp4' | sort -t_ -k2 -n); do
       kid=$(seig_kid "$chunk")
       key=$(key_of_kid "$kid") || fail "$chunk names key id $kid, which the server did not hand out"
       cat "$init" "$chunk" >"$OUT/one.mp4"
       errors=$(ffmpeg -v error -decryption_key "$key" -i "$OUT/one.mp4" -f null - 2>&1 | head -n 3)
       [ -z "$errors" ] || fail "$chunk does not decrypt with the key of its key id: $errors"
+      time=${chunk##*_}; time=${time%.mp4}  # 100 ns units
       if [ "$kind" = video ]; then
         n=$(ffprobe -v error -decryption_key "$key" -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$OUT/one.mp4")
         n=${n%%[!0-9]*}
         FRAMES=$((FRAMES + ${n:-0}))
         KIDS+="$kid"$'\n'
+        vtimes+="$time"$'\n'
+        videos=$((videos + 1))
       else
-        i=$((i + 1))
-        [ "$(sed -n "${i}p" <<<"$KIDS")" = "$kid" ] || fail "audio chunk $i names key id $kid, the video chunk another"
+        nearest=$(awk -v t="$time" 'NF { d = $1 - t; if (d < 0) d = -d; if (d < 1000000 && (!best || d < bd)) { best = NR; bd = d } }
+                                   END { print best + 0 }' <<<"$vtimes")
+        [ "$nearest" -gt 0 ] || continue
+        paired=$((paired + 1))
+        [ "$(sed -n "${nearest}p" <<<"$KIDS")" = "$kid" ] || fail "audio chunk $chunk names key id $kid, the video chunk of its segment another"
       fi
     done
   done
+  [ "$paired" -ge $((videos - 2)) ] || fail "only $paired of $videos video chunks have an audio chunk of their segment"
 }

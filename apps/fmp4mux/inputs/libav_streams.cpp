@@ -58,12 +58,31 @@ ProbedInput::ProbedInput(const std::string& url, const std::atomic<bool>* interr
     m_live = liveSource(source);
     m_canWait = !m_live || source == "pipe:0";
     const AVIOInterruptCB callback{&InterruptFlags::check, &m_flags};
-    AVDictionary* options = nullptr;
-    if (m_live) addLiveOptions(options);
-    const int opened = avio_open2(&m_source, source.c_str(), AVIO_FLAG_READ, &callback, &options);
-    av_dict_free(&options);
-    if (opened < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(opened));
     constexpr int kLayerBuffer = 1 << 15;
+    // UDP is received by a receiver of our own, which wakes a few hundred times a second rather than for every
+    // datagram; libavformat's takes the URLs with options ours does not know.
+    std::optional<UdpReceiver::Address> udp;
+    try {
+        udp = UdpReceiver::parse(source);
+        if (udp) m_udp = std::make_unique<UdpReceiver>(*udp);
+    } catch (const std::exception& e) {
+        throw std::runtime_error("cannot open input '" + url + "': " + e.what());
+    }
+    if (m_udp) {
+        auto* buffer = static_cast<unsigned char*>(av_malloc(kLayerBuffer));
+        m_source = buffer ? avio_alloc_context(buffer, kLayerBuffer, 0, this, &ProbedInput::readUdp, nullptr, nullptr) : nullptr;
+        if (m_source == nullptr) {
+            av_free(buffer);
+            throw std::runtime_error("out of memory opening '" + url + "'");
+        }
+        m_source->seekable = 0;
+    } else {
+        AVDictionary* options = nullptr;
+        if (m_live) addLiveOptions(options);
+        const int opened = avio_open2(&m_source, source.c_str(), AVIO_FLAG_READ, &callback, &options);
+        av_dict_free(&options);
+        if (opened < 0) throw std::runtime_error("cannot open input '" + url + "': " + avError(opened));
+    }
     auto* buffer = static_cast<unsigned char*>(av_malloc(kLayerBuffer));
     m_layer = buffer ? avio_alloc_context(buffer, kLayerBuffer, 0, this, &ProbedInput::read, nullptr, &ProbedInput::seek)
                      : nullptr;
@@ -95,7 +114,25 @@ ProbedInput::~ProbedInput() {
         av_freep(&m_layer->buffer);
         avio_context_free(&m_layer);
     }
-    if (m_source) avio_closep(&m_source);
+    if (m_source && m_udp) {
+        av_freep(&m_source->buffer);
+        avio_context_free(&m_source);
+    } else if (m_source) {
+        avio_closep(&m_source);
+    }
+}
+
+int ProbedInput::readUdp(void* self, std::uint8_t* buffer, int size) {
+    auto* probe = static_cast<ProbedInput*>(self);
+    std::size_t got = 0;
+    switch (probe->m_udp->read(buffer, static_cast<std::size_t>(std::max(size, 0)), got,
+                               [probe] { return InterruptFlags::check(&probe->m_flags) != 0; })) {
+        case UdpReceiver::Status::Data: return static_cast<int>(got);
+        case UdpReceiver::Status::Stopped: return AVERROR_EXIT;
+        case UdpReceiver::Status::TimedOut: return AVERROR(ETIMEDOUT);
+        case UdpReceiver::Status::Overrun: return AVERROR(ENOBUFS);
+    }
+    return AVERROR_EXIT;
 }
 
 int ProbedInput::read(void* self, std::uint8_t* buffer, int size) {

@@ -5,12 +5,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/input.h"
+#include "apps/fmp4mux/inputs/udp_receiver.h"
 
 struct AVDictionary;
 struct AVFormatContext;
@@ -57,10 +59,12 @@ public:
 
 private:
     static int read(void* self, std::uint8_t* buffer, int size);
+    static int readUdp(void* self, std::uint8_t* buffer, int size);
     static std::int64_t seek(void* self, std::int64_t offset, int whence);
 
     InterruptFlags m_flags;
-    AVIOContext* m_source = nullptr;  // the URL's own I/O
+    std::unique_ptr<UdpReceiver> m_udp;  // a udp:// source received by fmp4mux itself
+    AVIOContext* m_source = nullptr;  // the URL's own I/O, or I/O over m_udp
     AVIOContext* m_layer = nullptr;   // what libavformat reads through
     AVFormatContext* m_format = nullptr;
     std::vector<std::uint8_t> m_recorded;
