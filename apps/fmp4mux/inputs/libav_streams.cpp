@@ -53,6 +53,15 @@ int InterruptFlags::check(void* self) {
 }
 
 ProbedInput::ProbedInput(const std::string& url, const std::atomic<bool>* interrupt) {
+    try {
+        open(url, interrupt);
+    } catch (...) {
+        close();  // what was opened before the failure
+        throw;
+    }
+}
+
+void ProbedInput::open(const std::string& url, const std::atomic<bool>* interrupt) {
     m_flags.interrupt = interrupt;
     const std::string source = url == "-" ? "pipe:0" : url;
     m_live = liveSource(source);
@@ -108,7 +117,9 @@ ProbedInput::ProbedInput(const std::string& url, const std::atomic<bool>* interr
     if (found < 0) throw std::runtime_error("cannot read the streams of '" + url + "': " + avError(found));
 }
 
-ProbedInput::~ProbedInput() {
+ProbedInput::~ProbedInput() { close(); }
+
+void ProbedInput::close() {
     if (m_format) avformat_close_input(&m_format);
     if (m_layer) {
         av_freep(&m_layer->buffer);
@@ -120,6 +131,7 @@ ProbedInput::~ProbedInput() {
     } else if (m_source) {
         avio_closep(&m_source);
     }
+    m_udp.reset();
 }
 
 int ProbedInput::readUdp(void* self, std::uint8_t* buffer, int size) {

@@ -58,6 +58,8 @@ public:
     void stopRecording();
 
 private:
+    void open(const std::string& url, const std::atomic<bool>* interrupt);
+    void close();
     static int read(void* self, std::uint8_t* buffer, int size);
     static int readUdp(void* self, std::uint8_t* buffer, int size);
     static std::int64_t seek(void* self, std::int64_t offset, int whence);

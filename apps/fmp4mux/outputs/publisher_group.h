@@ -18,6 +18,7 @@ public:
             std::vector<std::uint8_t> bytes = std::move(publication.bytes);
             auto ranges = std::move(publication.ranges);
             Publication bare = publication;
+            bare.ranges.clear();
             publication.bytes = std::move(bytes);
             publication.ranges = std::move(ranges);
             bare.bytes = gather(publication);
