@@ -67,6 +67,8 @@ case "$CASE" in
     grep -q 'waiting for the key server to answer before reading the inputs' "$OUT/out.log" ||
       fail "fmp4mux did not say that it waits for the key server"
     tr '\r' '\n' <"$OUT/out.log" | grep -Eq 'lost [0-9]+ transport packets' || fail "the summary does not count the packets lost"
+    grep -Eq '[0-9]+ datagrams dropped with the receiving ring full' "$OUT/out.log" ||
+      fail "the summary does not say what the receiving ring dropped"
     ;;
   down-mid-run)
     start_kms --lifetime 7

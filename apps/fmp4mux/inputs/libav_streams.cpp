@@ -134,6 +134,18 @@ void ProbedInput::close() {
     m_udp.reset();
 }
 
+std::string ProbedInput::receiverReport() const {
+    if (!m_udp) return {};
+    std::string report;
+    const auto add = [&report](std::uint64_t count, const char* what) {
+        if (count > 0)
+            report += (report.empty() ? "" : ", ") + std::to_string(count) + (count == 1 ? " datagram" : " datagrams") + what;
+    };
+    add(m_udp->overruns(), " dropped with the receiving ring full (the packaging fell behind)");
+    add(m_udp->systemDrops(), " dropped by the system with the socket's buffer full (the receiver fell behind)");
+    return report;
+}
+
 int ProbedInput::readUdp(void* self, std::uint8_t* buffer, int size) {
     auto* probe = static_cast<ProbedInput*>(self);
     std::size_t got = 0;

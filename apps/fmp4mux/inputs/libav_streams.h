@@ -54,6 +54,8 @@ public:
     // where they end.
     std::vector<std::uint8_t> takeRecording();
     AVIOContext* source() const { return m_source; }
+    // What the UDP receiver dropped, said for the summary ("" when nothing, or not ours).
+    std::string receiverReport() const;
     // libavformat reads on: nothing more is recorded.
     void stopRecording();
 

@@ -208,6 +208,8 @@ std::string TsInput::transportReport() const {
     add(stats.resyncs, "loss of the packet grid", "losses of the packet grid");
     add(stats.badSections, "table section with a bad CRC or length", "table sections with a bad CRC or length");
     add(stats.pmtChanges, "new version of the program map", "new versions of the program map");
+    if (const std::string received = m_probe->receiverReport(); !received.empty())
+        report += (report.empty() ? "" : ", ") + received;
     return report;
 }
 

@@ -153,6 +153,8 @@ UdpReceiver::UdpReceiver(const Address& address)
             setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
         socklen_t length = sizeof m_socketBuffer;
         getsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &m_socketBuffer, &length);
+        // Each datagram then tells how many the system has dropped on this socket so far.
+        setsockopt(m_socket, SOL_SOCKET, SO_RXQ_OVFL, &one, sizeof one);
 
         // A group is received on its own address (only its datagrams reach the socket); a unicast stream on the
         // local address named, else on every address.
@@ -203,6 +205,7 @@ void UdpReceiver::receive() {
     std::unique_ptr<std::uint8_t[]> scratch(new std::uint8_t[kBatch * kLargestDatagram]);
     mmsghdr messages[kBatch];
     iovec vectors[kBatch];
+    alignas(cmsghdr) char controls[kBatch][CMSG_SPACE(sizeof(std::uint32_t))];
     while (!m_closing.load(std::memory_order_relaxed)) {
         pollfd ready{m_socket, POLLIN, 0};
         if (poll(&ready, 1, 100) <= 0) continue;
@@ -213,12 +216,20 @@ void UdpReceiver::receive() {
                 messages[i] = {};
                 messages[i].msg_hdr.msg_iov = &vectors[i];
                 messages[i].msg_hdr.msg_iovlen = 1;
+                messages[i].msg_hdr.msg_control = controls[i];
+                messages[i].msg_hdr.msg_controllen = sizeof controls[i];
             }
             const int count = recvmmsg(m_socket, messages, kBatch, MSG_DONTWAIT, nullptr);
             if (count <= 0) break;
             {
                 std::lock_guard lock(m_mutex);
                 for (int i = 0; i < count; ++i) {
+                    for (cmsghdr* c = CMSG_FIRSTHDR(&messages[i].msg_hdr); c; c = CMSG_NXTHDR(&messages[i].msg_hdr, c))
+                        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_RXQ_OVFL) {
+                            std::uint32_t dropped = 0;
+                            std::memcpy(&dropped, CMSG_DATA(c), sizeof dropped);
+                            m_systemDrops.store(dropped, std::memory_order_relaxed);
+                        }
                     const std::size_t size = messages[i].msg_len;
                     booked += size + kBooking;
                     if (m_filled + size > m_ringSize) {

@@ -50,8 +50,10 @@ public:
     // Copies up to `size` bytes of what has come into `buffer`, waiting for the first; `stopped` is asked every
     // 100 ms while waiting. `got` is what was copied (with Data).
     Status read(std::uint8_t* buffer, std::size_t size, std::size_t& got, const std::function<bool()>& stopped);
-    // Datagrams dropped because the ring was full.
+    // Datagrams dropped because the ring was full (the reader fell behind), and those the system dropped because
+    // the socket's buffer was full (this receiver fell behind).
     std::uint64_t overruns() const { return m_overruns.load(std::memory_order_relaxed); }
+    std::uint64_t systemDrops() const { return m_systemDrops.load(std::memory_order_relaxed); }
     // The port bound (the one asked for, or the one the system chose for port 0).
     std::uint16_t port() const { return m_port; }
 
@@ -67,7 +69,7 @@ private:
     const std::size_t m_ringSize;
     std::size_t m_head = 0, m_filled = 0;  // the oldest byte, and how many follow it
     bool m_overran = false;
-    std::atomic<std::uint64_t> m_overruns{0};
+    std::atomic<std::uint64_t> m_overruns{0}, m_systemDrops{0};
     std::atomic<bool> m_closing{false};
     std::mutex m_mutex;
     std::condition_variable m_arrived;

@@ -100,6 +100,22 @@ TEST(UdpReceiver, DatagramsComeInOrderAndAReadEndsAtTheTimeOutOrTheStop) {
     EXPECT_EQ(receiver.overruns(), 0u);
 }
 
+// A socket's buffer of the least size the system allows, and datagrams sent faster than one thread wakes for
+// them: the system drops some, and the receiver counts them.
+TEST(UdpReceiver, CountsWhatTheSystemDropped) {
+    UdpReceiver::Address address;
+    address.socketBuffer = 1;
+    UdpReceiver receiver(address);
+    const Sender sender(receiver.port());
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (receiver.systemDrops() == 0 && std::chrono::steady_clock::now() < until)
+        for (int k = 0; k < 50; ++k) ASSERT_TRUE(sender.send(datagram(1316, 0)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // a datagram after the drops brings their count
+    ASSERT_TRUE(sender.send(datagram(1316, 0)));
+    for (int wait = 0; wait < 100 && receiver.systemDrops() == 0; ++wait) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_GT(receiver.systemDrops(), 0u);
+}
+
 // A multicast group is joined and received (where the machine routes multicast).
 TEST(UdpReceiver, JoinsAGroup) {
     UdpReceiver::Address address;
