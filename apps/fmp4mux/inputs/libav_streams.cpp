@@ -62,6 +62,7 @@ ProbedInput::ProbedInput(const std::string& url, const std::atomic<bool>* interr
 }
 
 void ProbedInput::open(const std::string& url, const std::atomic<bool>* interrupt) {
+    m_url = url;
     m_flags.interrupt = interrupt;
     const std::string source = url == "-" ? "pipe:0" : url;
     m_live = liveSource(source);

@@ -48,6 +48,7 @@ public:
     // An MPEG-TS of 188-byte packets (not 192 or 204).
     bool plainMpegTs() const;
     bool live() const { return m_live; }
+    const std::string& url() const { return m_url; }
     bool canWait() const { return m_canWait; }
     InterruptFlags& flags() { return m_flags; }
     // For a reader of our own: closes the format context, hands over the bytes read so far and leaves the source
@@ -66,6 +67,7 @@ private:
     static int readUdp(void* self, std::uint8_t* buffer, int size);
     static std::int64_t seek(void* self, std::int64_t offset, int whence);
 
+    std::string m_url;
     InterruptFlags m_flags;
     std::unique_ptr<UdpReceiver> m_udp;  // a udp:// source received by fmp4mux itself
     AVIOContext* m_source = nullptr;  // the URL's own I/O, or I/O over m_udp

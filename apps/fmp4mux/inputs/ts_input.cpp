@@ -70,7 +70,8 @@ TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector
             m_demux.ignore(static_cast<std::uint16_t>(pid));
     }
     m_recorded = m_probe->takeRecording();
-    m_block.resize(kBlock);
+    if (!m_probe->live()) m_mapped = MappedFile::open(m_probe->url(), m_recorded.size());
+    if (!m_mapped) m_block.resize(kBlock);
 }
 
 TsInput::~TsInput() = default;
@@ -156,6 +157,17 @@ bool TsInput::feed(bool& failed) {
         m_demux.push(m_recorded.data() + m_recordedFed, n);
         m_recordedFed += n;
         if (m_recordedFed == m_recorded.size()) std::vector<std::uint8_t>().swap(m_recorded);
+    } else if (m_mapped) {
+        m_recordedFed = 0;
+        const MappedFile::Bytes bytes = m_mapped->next();
+        if (bytes.size == 0) {
+            if (!m_mapped->error().empty()) {
+                m_error = m_mapped->error();
+                failed = true;
+            }
+            return false;
+        }
+        m_demux.push(bytes.data, bytes.size);
     } else {
         m_recordedFed = 0;
         AVIOContext* source = m_probe->source();

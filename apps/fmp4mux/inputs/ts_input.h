@@ -1,7 +1,8 @@
 #pragma once
 // Reads an MPEG-TS with fmp4mux's own demultiplexer. libavformat opens the input (file, udp://, srt://, pipe) and
 // finds its streams, so that the stream list, the program chosen and what is said about them are exactly
-// LibavInput's; then the bytes it read, and everything after them, go through TsDemux. Each PES payload is handed
+// LibavInput's; then the bytes it read, and everything after them, go through TsDemux (a local file mapped into
+// memory a window at a time, anything else read through libavformat's I/O). Each PES payload is handed
 // on where the demultiplexer gathered it, without another copy. Transport packets lost (continuity gaps) and PES
 // dropped are counted; a live input goes on after them.
 #include <array>
@@ -16,6 +17,7 @@
 
 #include "apps/fmp4mux/inputs/input.h"
 #include "apps/fmp4mux/inputs/libav_streams.h"
+#include "apps/fmp4mux/inputs/mapped_file.h"
 #include "apps/fmp4mux/inputs/ts_demux.h"
 
 namespace fmp4mux {
@@ -69,6 +71,7 @@ private:
     std::vector<std::uint8_t> m_recorded;
     std::size_t m_recordedFed = 0;
     std::vector<std::uint8_t> m_block;
+    std::unique_ptr<MappedFile> m_mapped;  // a local file, read where the page cache holds it
     TsDemux m_demux;
     std::vector<StreamInfo> m_streams;
     std::vector<KeptStream> m_kept;
