@@ -320,12 +320,20 @@ HRESULT UpStreamPin::GetBuffer(fmp4::MediaDataRef& data, const REFERENCE_TIME* s
 bool CIsomffListener::Write(const std::uint8_t* data, std::size_t size, const std::int64_t* startTime,
                             std::int64_t stopTime, bool init, bool discontinuity, bool dataIdPresent,
                             std::uint64_t dataId) {
+    if (m_refusedStart && startTime != nullptr && *m_refusedStart == *startTime) {
+        m_refusedStart.reset();
+        return false;
+    }
+    m_refusedStart.reset();
+    // A buffer taken by Place for this chunk, too small to hold it, is the first.
+    fmp4::MediaDataRef held = m_placedFits ? fmp4::MediaDataRef{} : std::move(m_placed);
+    m_placed = {};
     std::vector<fmp4::MediaDataRef> buffers;
     std::size_t placed = 0;
     // Every buffer of the chunk is taken before any is delivered: the chunk leaves whole or not at all.
     while (placed < size) {
-        fmp4::MediaDataRef buffer;
-        if (FAILED(m_upstream.GetBuffer(buffer, startTime, &stopTime, AM_GBF_NOWAIT))) return false;
+        fmp4::MediaDataRef buffer = std::move(held);
+        if (!buffer && FAILED(m_upstream.GetBuffer(buffer, startTime, &stopTime, AM_GBF_NOWAIT))) return false;
         std::uint8_t* target = nullptr;
         if (FAILED(buffer->GetPointer(&target))) return false;
         const std::size_t count = std::min(static_cast<std::size_t>(std::max(buffer->GetSize(), 0L)), size - placed);
@@ -343,6 +351,44 @@ bool CIsomffListener::Write(const std::uint8_t* data, std::size_t size, const st
         buffers.push_back(std::move(buffer));
     }
     for (auto& buffer : buffers) m_upstream.Deliver(buffer.get());
+    m_filter.countChunk();
+    return true;
+}
+
+std::uint8_t* CIsomffListener::Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) {
+    m_placed = {};
+    m_placedFits = false;
+    m_refusedStart.reset();
+    fmp4::MediaDataRef buffer;
+    if (FAILED(m_upstream.GetBuffer(buffer, startTime, &stopTime, AM_GBF_NOWAIT))) {
+        if (startTime != nullptr) m_refusedStart = *startTime;
+        return nullptr;
+    }
+    std::uint8_t* target = nullptr;
+    if (FAILED(buffer->GetPointer(&target)) || target == nullptr) return nullptr;
+    m_placed = std::move(buffer);
+    if (size == 0 || static_cast<std::size_t>(std::max(m_placed->GetSize(), 0L)) < size) return nullptr;
+    m_placedFits = true;
+    m_placedSize = size;
+    m_placedStart = startTime != nullptr ? std::optional<std::int64_t>(*startTime) : std::nullopt;
+    m_placedStop = stopTime;
+    return target;
+}
+
+bool CIsomffListener::Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) {
+    if (!m_placedFits || !m_placed) return false;
+    fmp4::MediaDataRef buffer = std::move(m_placed);
+    m_placed = {};
+    m_placedFits = false;
+    buffer->SetActualDataLength(static_cast<long>(m_placedSize));
+    buffer->SetSyncPoint(init);
+    if (discontinuity) buffer->SetDiscontinuity(true);
+    if (m_placedStart)
+        buffer->SetTime(&*m_placedStart, &m_placedStop);
+    else
+        buffer->SetTime(nullptr, nullptr);
+    if (dataIdPresent) buffer->SetDataId(fmp4::DataId{dataId});
+    m_upstream.Deliver(buffer.get());
     m_filter.countChunk();
     return true;
 }

@@ -2,6 +2,7 @@
 // The filter's pins: inputs that turn pushed samples into the session's two calls, and outputs that turn
 // finished chunks into media samples of at most 8192 bytes for a downstream sink.
 #include <cstdint>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -178,18 +179,31 @@ private:
     MuxFmp4OutputPin& m_pin;
 };
 
-// Writes each chunk into the output pin's buffers, whole or not at all.
-class CIsomffListener final : public packaging::imff::fmp4::IOutputFmp4 {
+// Writes each chunk into the output pin's buffers, whole or not at all. A chunk that fits in the pin's next buffer
+// is serialised straight into it (Place, then Commit); others are copied in by Write.
+class CIsomffListener final : public packaging::imff::fmp4::IOutputFmp4,
+                              public packaging::imff::fmp4::IOutputFmp4Placement {
 public:
     CIsomffListener(MuxFmp4OutputPin& pin, CMuxFmp4Filter& filter) : m_pin(pin), m_upstream(pin), m_filter(filter) {}
     bool Write(const std::uint8_t* data, std::size_t size, const std::int64_t* startTime, std::int64_t stopTime,
                bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) override;
     void EndOfStream() override;
+    std::uint8_t* Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) override;
+    bool Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) override;
 
 private:
     MuxFmp4OutputPin& m_pin;
     UpStreamPin m_upstream;
     CMuxFmp4Filter& m_filter;
+    // The buffer lent by Place, until Commit; or, when it was too small for the chunk, the first buffer of the
+    // Write that follows.
+    packaging::imff::fmp4::MediaDataRef m_placed;
+    bool m_placedFits = false;
+    std::size_t m_placedSize = 0;
+    std::optional<std::int64_t> m_placedStart;
+    std::int64_t m_placedStop = 0;
+    // The pin refused a buffer for the chunk starting then: its Write fails without asking (and logging) again.
+    std::optional<std::int64_t> m_refusedStart;
 };
 
 }  // namespace tvrn::encoding::filter

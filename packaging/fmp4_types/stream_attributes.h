@@ -47,6 +47,18 @@ public:
     virtual void EndOfStream() = 0;
 };
 
+// An output that can lend the memory a chunk is serialised into, so that the chunk's bytes are written once, in
+// place, instead of serialised and then copied into the output. ChunksBuilder asks for it beside IOutputFmp4.
+class IOutputFmp4Placement {
+public:
+    virtual ~IOutputFmp4Placement() = default;
+    // Memory for the `size` bytes of the next chunk, or null when the output cannot lend that much at once (the
+    // chunk then goes through Write as usual).
+    virtual std::uint8_t* Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) = 0;
+    // The chunk written into the memory of the last Place is complete: as Write, with the same marks.
+    virtual bool Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) = 0;
+};
+
 // The content of a chunk as its track table records it.
 enum ChunkContentType : std::uint32_t {
     ChunkVideo = 0,

@@ -281,6 +281,46 @@ TEST(OutputPin, AChunkThatDoesNotFitIsDroppedWholeAndTheNextOneThatFitsLeaves) {
     f.filter->Stop();
 }
 
+// A chunk serialised into the pin's next buffer: one sample with the chunk's marks when it fits; when it does not,
+// the buffer taken goes to the Write that follows; when none is free, that Write fails
+// without asking again, so the drop is logged once.
+TEST(OutputPin, AChunkIsPlacedInTheNextBufferWhenItFitsAndElseWrittenAsBefore) {
+    OutputFixture f(0x7FFFFFFF, 65536);
+    auto& placement = dynamic_cast<fmp4::IOutputFmp4Placement&>(f.output());
+    const std::int64_t time = 40000000;
+    const auto chunk = pattern(1000);
+    std::uint8_t* target = placement.Place(chunk.size(), &time, 0);
+    ASSERT_NE(target, nullptr);
+    std::copy(chunk.begin(), chunk.end(), target);
+    ASSERT_TRUE(placement.Commit(false, true, true, 9));
+    auto got = f.sink.snapshot();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].bytes, chunk);
+    EXPECT_TRUE(got[0].hasTime && got[0].start == time && got[0].discontinuity && got[0].hasDataId && got[0].dataId == 9);
+    EXPECT_FALSE(placement.Commit(false, false, false, 0));  // nothing placed since
+
+    f.filter->Stop();
+
+    // Two buffers of 8192 bytes: a chunk of 8202 needs both, the one Place took among them.
+    OutputFixture full(2);
+    auto& small = dynamic_cast<fmp4::IOutputFmp4Placement&>(full.output());
+    const auto large = pattern(8192 + 10);
+    EXPECT_EQ(small.Place(large.size(), &time, 0), nullptr);
+    ASSERT_TRUE(full.output().Write(large.data(), large.size(), &time, 0, false, false, false, 0));
+    got = full.sink.snapshot();
+    ASSERT_EQ(got.size(), 2u);
+    got[0].bytes.insert(got[0].bytes.end(), got[1].bytes.begin(), got[1].bytes.end());
+    EXPECT_EQ(got[0].bytes, large);
+    IMediaSample3* held[2] = {};
+    for (auto*& h : held) ASSERT_EQ(full.sink.allocator().GetBuffer(&h, nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+    EXPECT_EQ(small.Place(100, &time, 0), nullptr);
+    EXPECT_FALSE(full.output().Write(chunk.data(), 100, &time, 0, false, false, false, 0));
+    const auto lines = full.logger.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "1 smooth streamer (2000 kbps): dropping segment"), 1);
+    for (auto* h : held) h->Release();
+    full.filter->Stop();
+}
+
 TEST(InputPin, TheDataIdSurvivesOnlyWhenTheDropFlagIsCleared) {
     struct Callback : IDelayCrossingPointCallback {
         void OnDelayCrossingPoint(std::uint64_t id) override { ids.push_back(id); }

@@ -72,7 +72,8 @@ std::uint32_t clamp32(std::uint64_t value) {
 
 }  // namespace
 
-ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room) {
+ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room,
+                          const std::function<std::uint8_t*(std::size_t)>& place) {
     if (p.timescale == 0 || p.timescale > std::numeric_limits<std::uint32_t>::max())
         throw CorvaneException("invalid chunk timescale");
     // The pssh boxes of a segment start come from the encryption record: without one there is no provider to ask.
@@ -193,12 +194,15 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room
 
     ChunkBytes out = std::move(room);
     out.size = getBoxesSize(head) + getBoxesSize(tail);
-    if (out.capacity < out.size) {
+    std::uint8_t* target = place ? place(out.size) : nullptr;
+    out.placed = target != nullptr;
+    if (!out.placed && out.capacity < out.size) {
         // A quarter more than asked: the chunks of a stream vary in size around the same value.
         out.capacity = out.size + out.size / 4;
         out.data.reset(new std::uint8_t[out.capacity]);  // every byte is written below: no zero fill
     }
-    ImffBitWriter writer(out.data.get(), out.size);
+    if (!out.placed) target = out.data.get();
+    ImffBitWriter writer(target, out.size);
     for (const auto& box : head) binarizeChecked(*box, writer);
     for (const TrackFragment& fragment : fragments)
         writer.copyBuffer(fragment.encryption.auxiliaryData.data(), fragment.encryption.auxiliaryData.size());

@@ -3,6 +3,7 @@
 // Streaming.
 // The size is computed first, the chunk is allocated once, and each payload byte is copied exactly once.
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -68,13 +69,17 @@ struct ChunkBytes {
     std::unique_ptr<std::uint8_t[]> data;
     std::size_t size = 0;
     std::size_t capacity = 0;  // what `data` holds room for
+    bool placed = false;       // the `size` bytes went to the memory `place` lent, not to `data`
 };
 
 // Fails with "No Encryption Provider Specified" when DASH fragments must carry pssh boxes at a segment start and
 // there is no encryption record to give them. With no encryption record the chunk is clear.
 // `room`, the bytes of an earlier chunk that are no longer needed, is written over when it is large enough, so
 // that a stream's chunks do not each take (and fault in) fresh memory.
-ChunkBytes serialiseChunk(const ChunkSerialisationParameters& parameters, ChunkBytes room = {});
+// `place`, when given, is asked for memory of the chunk's size first, and the chunk is written there when it
+// lends some.
+ChunkBytes serialiseChunk(const ChunkSerialisationParameters& parameters, ChunkBytes room = {},
+                          const std::function<std::uint8_t*(std::size_t)>& place = {});
 
 }  // namespace v7_2
 }  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -431,13 +431,21 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
                 m_encryption->getProtectionBoxes(p.encryption->fragmentProtectionBoxes, true);
         }
         if (m_chunkDump) m_chunkDump(chunkDumpText(p.tracks, p.chunkNumber, p.segmentNumber, m_timeOrigin));
-        // The output copies the bytes before Write returns: the room is kept for the next chunk.
-        m_room = serialiseChunk(p, std::move(m_room));
+        // An output that lends memory gets the chunk written there; any other copies the bytes before Write
+        // returns, and the room is kept for the next chunk.
+        auto* placement = dynamic_cast<IOutputFmp4Placement*>(output.output);
+        std::function<std::uint8_t*(std::size_t)> place;
+        if (placement != nullptr)
+            place = [&](std::size_t size) { return placement->Place(size, &chunkTime, 0); };
+        m_room = serialiseChunk(p, std::move(m_room), place);
         const ChunkBytes& bytes = m_room;
 
-        const bool written = output.output != nullptr &&
-                             output.output->Write(bytes.data.get(), bytes.size, &chunkTime, 0, false, discontinuity,
-                                                  dataIdPresent, dataId);
+        bool written = false;
+        if (bytes.placed)
+            written = placement->Commit(false, discontinuity, dataIdPresent, dataId);
+        else if (output.output != nullptr)
+            written = output.output->Write(bytes.data.get(), bytes.size, &chunkTime, 0, false, discontinuity,
+                                           dataIdPresent, dataId);
         if (!written)
             m_logger.WriteMsg(LOG_WARNING, "%s : drop segment %llu buffer (%llu kbytes) ", label.c_str(),
                               static_cast<ull>(output.segmentNumber), static_cast<ull>(bytes.size / 1000));
