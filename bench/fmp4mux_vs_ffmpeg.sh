@@ -71,30 +71,33 @@ for run in $(seq 1 "$runs"); do
   measure floor "$work/out" sh -c 'mkdir -p "$1" && exec split -b 1048576 "$2" "$1/part"' sh "$work/out" "$input"
 done
 
-# "median-wall median-cpu max-kb" of a label's runs.
+# "median-wall median-cpu max-kb least-cpu" of a label's runs. The least CPU time is what the work costs when
+# nothing else on the machine slows it (on a shared virtual machine runs of the same work differ by a fifth).
 summary() {
   sort -n -k1,1 "$work/$1.runs" | awk '{ w[NR] = $1 } END { printf "%s ", w[int((NR + 1) / 2)] }'
-  sort -n -k2,2 "$work/$1.runs" | awk '{ c[NR] = $2; if ($3 > kb) kb = $3 } END { printf "%s %s\n", c[int((NR + 1) / 2)], kb }'
+  sort -n -k2,2 "$work/$1.runs" | awk '{ c[NR] = $2; if ($3 > kb) kb = $3 } END { printf "%s %s %s\n", c[int((NR + 1) / 2)], kb, c[1] }'
 }
-read -r fw fc fk < <(summary fmp4mux)
-read -r gw gc gk < <(summary ffmpeg)
-read -r ew ec ek < <(summary encrypted)
-read -r lw lc lk < <(summary libavformat)
-read -r pw pc pk < <(summary floor)
+read -r fw fc fk fl < <(summary fmp4mux)
+read -r gw gc gk gl < <(summary ffmpeg)
+read -r ew ec ek el < <(summary encrypted)
+read -r lw lc lk ll < <(summary libavformat)
+read -r pw pc pk pl < <(summary floor)
 
 awk -v fw="$fw" -v fc="$fc" -v fk="$fk" -v gw="$gw" -v gc="$gc" -v gk="$gk" -v ew="$ew" -v ec="$ec" -v ek="$ek" \
     -v lw="$lw" -v lc="$lc" -v lk="$lk" -v pw="$pw" -v pc="$pc" -v size="$size" -v runs="$runs" \
+    -v fl="$fl" -v gl="$gl" -v el="$el" -v ll="$ll" \
     -v root="$out_root" -v fstype="$(stat -f -c %T "$out_root")" 'BEGIN {
   printf "input: %.1f MB, 300 s of 1080p H.264 8 Mb/s + AAC; medians of %d alternating runs\n", size / 1e6, runs
   printf "outputs written to %s (%s)\n", root, fstype
-  printf "%-28s %8s %8s %10s\n", "", "wall s", "CPU s", "peak MiB"
-  printf "%-28s %8.3f %8.3f %10.1f\n", "fmp4mux", fw, fc, fk / 1024
-  printf "%-28s %8.3f %8.3f %10.1f\n", "fmp4mux encrypted", ew, ec, ek / 1024
-  printf "%-28s %8.3f %8.3f %10.1f\n", "fmp4mux --demuxer libavformat", lw, lc, lk / 1024
-  printf "%-28s %8.3f %8.3f %10.1f\n", "ffmpeg -c copy -f dash", gw, gc, gk / 1024
+  printf "%-28s %8s %8s %10s %10s\n", "", "wall s", "CPU s", "peak MiB", "least CPU"
+  printf "%-28s %8.3f %8.3f %10.1f %10.3f\n", "fmp4mux", fw, fc, fk / 1024, fl
+  printf "%-28s %8.3f %8.3f %10.1f %10.3f\n", "fmp4mux encrypted", ew, ec, ek / 1024, el
+  printf "%-28s %8.3f %8.3f %10.1f %10.3f\n", "fmp4mux --demuxer libavformat", lw, lc, lk / 1024, ll
+  printf "%-28s %8.3f %8.3f %10.1f %10.3f\n", "ffmpeg -c copy -f dash", gw, gc, gk / 1024, gl
   printf "%-28s %8.3f %8.3f\n", "I/O alone (split -b 1M)", pw, pc
   printf "speed (ffmpeg wall / fmp4mux wall): %.2fx   target >= 2: %s\n", gw / fw, (gw / fw >= 2) ? "met" : "NOT MET"
   printf "CPU (fmp4mux CPU / ffmpeg CPU):     %.2f    target <= 0.5: %s\n", fc / gc, (fc / gc <= 0.5) ? "met" : "NOT MET"
+  printf "CPU, least of the runs:             %.2f\n", fl / gl
   printf "CPU above the I/O alone:            %.2f    ((fmp4mux - split) / (ffmpeg - split))\n", (fc - pc) / (gc - pc)
   printf "peak memory:                        %.1f MiB target <= 80: %s\n", fk / 1024, (fk / 1024 <= 80) ? "met" : "NOT MET"
   printf "encryption cost (CPU):              %+.1f %%\n", (ec / fc - 1) * 100
