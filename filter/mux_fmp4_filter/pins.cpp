@@ -359,6 +359,7 @@ std::uint8_t* CIsomffListener::Place(std::size_t size, const std::int64_t* start
     m_placed = {};
     m_placedFits = false;
     m_refusedStart.reset();
+    if (size == 0) return nullptr;  // an empty chunk takes no buffer
     fmp4::MediaDataRef buffer;
     if (FAILED(m_upstream.GetBuffer(buffer, startTime, &stopTime, AM_GBF_NOWAIT))) {
         if (startTime != nullptr) m_refusedStart = *startTime;
@@ -367,7 +368,7 @@ std::uint8_t* CIsomffListener::Place(std::size_t size, const std::int64_t* start
     std::uint8_t* target = nullptr;
     if (FAILED(buffer->GetPointer(&target)) || target == nullptr) return nullptr;
     m_placed = std::move(buffer);
-    if (size == 0 || static_cast<std::size_t>(std::max(m_placed->GetSize(), 0L)) < size) return nullptr;
+    if (static_cast<std::size_t>(std::max(m_placed->GetSize(), 0L)) < size) return nullptr;
     m_placedFits = true;
     m_placedSize = size;
     m_placedStart = startTime != nullptr ? std::optional<std::int64_t>(*startTime) : std::nullopt;
@@ -393,6 +394,10 @@ bool CIsomffListener::Commit(bool init, bool discontinuity, bool dataIdPresent, 
     return true;
 }
 
-void CIsomffListener::EndOfStream() { m_upstream.DeliverEndOfStream(); }
+void CIsomffListener::EndOfStream() {
+    m_placed = {};  // a buffer lent for a chunk that was not written goes back
+    m_placedFits = false;
+    m_upstream.DeliverEndOfStream();
+}
 
 }  // namespace tvrn::encoding::filter
