@@ -76,7 +76,8 @@ std::unique_ptr<MappedFile> MappedFile::open(const std::string& url, std::uint64
     std::string path = url;
     if (path.rfind("file:", 0) == 0) path = path.substr(5);
     else if (path.find("://") != std::string::npos || path.rfind("pipe:", 0) == 0 || path == "-") return nullptr;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Without waiting: a named pipe whose writer is gone would hold the open for ever.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return nullptr;
     struct stat status {};
     if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {

@@ -93,9 +93,11 @@ TEST(MappedFile, MapsOnlyRegularLocalFiles) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const std::string pipePath = "/proc/self/fd/" + std::to_string(ends[0]);
+    const std::string fifo = dir.path + "/fifo";  // no writer: opening it to read would wait for one
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string& url : {std::string("udp://127.0.0.1:5000"), std::string("srt://host:9000"),
                                    std::string("pipe:0"), std::string("-"), dir.path,
-                                   dir.path + "/missing.ts", pipePath})
+                                   dir.path + "/missing.ts", pipePath, fifo})
         EXPECT_EQ(MappedFile::open(url, 0), nullptr) << url;
     close(ends[0]);
     close(ends[1]);
