@@ -317,6 +317,22 @@ HRESULT UpStreamPin::GetBuffer(fmp4::MediaDataRef& data, const REFERENCE_TIME* s
     return S_OK;
 }
 
+namespace {
+// The marks of one buffer of a chunk: its length and time on every buffer, the discontinuity and data id on the
+// first only.
+void markBuffer(fmp4::IMediaData& buffer, std::size_t length, bool first, const std::int64_t* startTime,
+                std::int64_t stopTime, bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) {
+    buffer.SetActualDataLength(static_cast<long>(length));
+    buffer.SetSyncPoint(init);
+    if (first && discontinuity) buffer.SetDiscontinuity(true);
+    if (startTime != nullptr)
+        buffer.SetTime(startTime, &stopTime);
+    else
+        buffer.SetTime(nullptr, nullptr);
+    if (first && dataIdPresent) buffer.SetDataId(fmp4::DataId{dataId});
+}
+}  // namespace
+
 bool CIsomffListener::Write(const std::uint8_t* data, std::size_t size, const std::int64_t* startTime,
                             std::int64_t stopTime, bool init, bool discontinuity, bool dataIdPresent,
                             std::uint64_t dataId) {
@@ -325,9 +341,10 @@ bool CIsomffListener::Write(const std::uint8_t* data, std::size_t size, const st
         return false;
     }
     m_refusedStart.reset();
+    m_lent = {};
     // A buffer taken by Place for this chunk, too small to hold it, is the first.
-    fmp4::MediaDataRef held = m_placedFits ? fmp4::MediaDataRef{} : std::move(m_placed);
-    m_placed = {};
+    fmp4::MediaDataRef held = std::move(m_spare);
+    m_spare = {};
     std::vector<fmp4::MediaDataRef> buffers;
     std::size_t placed = 0;
     // Every buffer of the chunk is taken before any is delivered: the chunk leaves whole or not at all.
@@ -339,14 +356,7 @@ bool CIsomffListener::Write(const std::uint8_t* data, std::size_t size, const st
         const std::size_t count = std::min(static_cast<std::size_t>(std::max(buffer->GetSize(), 0L)), size - placed);
         if (count == 0) return false;
         std::memcpy(target, data + placed, count);
-        buffer->SetActualDataLength(static_cast<long>(count));
-        buffer->SetSyncPoint(init);
-        if (buffers.empty() && discontinuity) buffer->SetDiscontinuity(true);
-        if (startTime != nullptr)
-            buffer->SetTime(startTime, &stopTime);
-        else
-            buffer->SetTime(nullptr, nullptr);
-        if (buffers.empty() && dataIdPresent) buffer->SetDataId(fmp4::DataId{dataId});
+        markBuffer(*buffer, count, buffers.empty(), startTime, stopTime, init, discontinuity, dataIdPresent, dataId);
         placed += count;
         buffers.push_back(std::move(buffer));
     }
@@ -356,8 +366,8 @@ bool CIsomffListener::Write(const std::uint8_t* data, std::size_t size, const st
 }
 
 std::uint8_t* CIsomffListener::Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) {
-    m_placed = {};
-    m_placedFits = false;
+    m_lent = {};
+    m_spare = {};
     m_refusedStart.reset();
     if (size == 0) return nullptr;  // an empty chunk takes no buffer
     fmp4::MediaDataRef buffer;
@@ -367,36 +377,32 @@ std::uint8_t* CIsomffListener::Place(std::size_t size, const std::int64_t* start
     }
     std::uint8_t* target = nullptr;
     if (FAILED(buffer->GetPointer(&target)) || target == nullptr) return nullptr;
-    m_placed = std::move(buffer);
-    if (static_cast<std::size_t>(std::max(m_placed->GetSize(), 0L)) < size) return nullptr;
-    m_placedFits = true;
-    m_placedSize = size;
-    m_placedStart = startTime != nullptr ? std::optional<std::int64_t>(*startTime) : std::nullopt;
-    m_placedStop = stopTime;
+    if (static_cast<std::size_t>(std::max(buffer->GetSize(), 0L)) < size) {
+        m_spare = std::move(buffer);
+        return nullptr;
+    }
+    m_lent = std::move(buffer);
+    m_lentSize = size;
+    m_lentStart = startTime != nullptr ? std::optional<std::int64_t>(*startTime) : std::nullopt;
+    m_lentStop = stopTime;
     return target;
 }
 
 bool CIsomffListener::Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) {
-    if (!m_placedFits || !m_placed) return false;
-    fmp4::MediaDataRef buffer = std::move(m_placed);
-    m_placed = {};
-    m_placedFits = false;
-    buffer->SetActualDataLength(static_cast<long>(m_placedSize));
-    buffer->SetSyncPoint(init);
-    if (discontinuity) buffer->SetDiscontinuity(true);
-    if (m_placedStart)
-        buffer->SetTime(&*m_placedStart, &m_placedStop);
-    else
-        buffer->SetTime(nullptr, nullptr);
-    if (dataIdPresent) buffer->SetDataId(fmp4::DataId{dataId});
+    if (!m_lent) return false;
+    fmp4::MediaDataRef buffer = std::move(m_lent);
+    m_lent = {};
+    markBuffer(*buffer, m_lentSize, true, m_lentStart ? &*m_lentStart : nullptr, m_lentStop, init, discontinuity,
+               dataIdPresent, dataId);
     m_upstream.Deliver(buffer.get());
     m_filter.countChunk();
     return true;
 }
 
 void CIsomffListener::EndOfStream() {
-    m_placed = {};  // a buffer lent for a chunk that was not written goes back
-    m_placedFits = false;
+    // Buffers lent for a chunk that was not written go back.
+    m_lent = {};
+    m_spare = {};
     m_upstream.DeliverEndOfStream();
 }
 

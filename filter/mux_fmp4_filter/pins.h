@@ -195,13 +195,12 @@ private:
     MuxFmp4OutputPin& m_pin;
     UpStreamPin m_upstream;
     CMuxFmp4Filter& m_filter;
-    // The buffer lent by Place, until Commit; or, when it was too small for the chunk, the first buffer of the
-    // Write that follows.
-    packaging::imff::fmp4::MediaDataRef m_placed;
-    bool m_placedFits = false;
-    std::size_t m_placedSize = 0;
-    std::optional<std::int64_t> m_placedStart;
-    std::int64_t m_placedStop = 0;
+    // The buffer lent by Place, until Commit, with the chunk's size and times; or one Place took that was too
+    // small for the chunk, the first buffer of the Write that follows.
+    packaging::imff::fmp4::MediaDataRef m_lent, m_spare;
+    std::size_t m_lentSize = 0;
+    std::optional<std::int64_t> m_lentStart;
+    std::int64_t m_lentStop = 0;
     // The pin refused a buffer for the chunk starting then: its Write fails without asking (and logging) again.
     std::optional<std::int64_t> m_refusedStart;
 };

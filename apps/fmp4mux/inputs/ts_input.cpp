@@ -158,7 +158,6 @@ bool TsInput::feed(bool& failed) {
         m_recordedFed += n;
         if (m_recordedFed == m_recorded.size()) std::vector<std::uint8_t>().swap(m_recorded);
     } else if (m_mapped) {
-        m_recordedFed = 0;
         const MappedFile::Bytes bytes = m_mapped->next();
         if (bytes.size == 0) {
             if (!m_mapped->error().empty()) {
