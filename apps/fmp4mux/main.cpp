@@ -103,14 +103,22 @@ int run(int argc, char** argv) {
             // libavformat, which probed it.
             std::vector<std::string> notes;
             std::unique_ptr<LibavInput> libav;
-            if (options.libavDemuxer) {
+            // A local TS file is probed by fmp4mux's own reader too: libavformat is not needed for it at all.
+            std::optional<TsContents> ts;
+            if (!options.libavDemuxer)
+                if (const auto file = MappedFile::open(options.inputs[i], 0))
+                    ts = probeTsFile(*file, static_cast<int>(i), skipped, options.program, &notes);
+            if (ts) {
+                auto file = MappedFile::open(options.inputs[i], 0);
+                if (!file) throw std::runtime_error("cannot open input '" + options.inputs[i] + "'");
+                inputs.push_back(std::make_unique<TsInput>(std::make_unique<MappedTsSource>(std::move(file)), std::move(*ts)));
+            } else if (options.libavDemuxer) {
                 libav = std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
                                                      &control.interrupted, options.program, &notes);
             } else {
                 auto probe = std::make_unique<ProbedInput>(options.inputs[i], &control.interrupted);
                 if (probe->plainMpegTs())
-                    inputs.push_back(std::make_unique<TsInput>(std::move(probe), static_cast<int>(i), skipped,
-                                                               options.program, &notes));
+                    inputs.push_back(openProbedTs(std::move(probe), static_cast<int>(i), skipped, options.program, &notes));
                 else
                     libav = std::make_unique<LibavInput>(std::move(probe), static_cast<int>(i), skipped,
                                                          options.program, &notes);
@@ -149,9 +157,9 @@ int run(int argc, char** argv) {
     for (std::size_t d = 0; d < inputs.size(); ++d) {
         bool video = false;
         for (std::size_t k = 0; k < streamLists[d].size(); ++k) video = video || (selected[d][k] && streamLists[d][k].kind == "video");
-        if (!video) continue;
         const auto interval = inputs[d]->keyFrameInterval(20.0);
         streamLists[d] = inputs[d]->streams();
+        if (!video) continue;
         firstKeys[d] = inputs[d]->firstKeyFrameTime();
         if (!interval) continue;
         const auto measuredMs = static_cast<std::int32_t>(std::lround(*interval * 1000));

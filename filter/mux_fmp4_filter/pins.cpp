@@ -5,7 +5,10 @@
 
 #include "filter/mux_fmp4_filter/mux_fmp4_filter.h"
 #include "packaging/imff_samples/sample_builder.h"
+#include "packaging/lib_parse_es/h264_manager.h"
+#include "packaging/lib_parse_es/hevc_sps.h"
 #include "packaging/lib_parse_es/nal_builder.h"
+#include "packaging/lib_parse_es/nal_h264_hevc.h"
 
 namespace tvrn::encoding::filter {
 
@@ -16,6 +19,45 @@ bool packagesStreamType(std::uint32_t streamType) {
     namespace es = packaging::lib_parse_es;
     namespace samples = packaging::imff::imff_samples;
     return es::createNalBuilder(streamType) != nullptr && samples::createSampleBuilder(streamType, false, nullptr) != nullptr;
+}
+
+bool pictureSize(std::uint32_t streamType, const std::uint8_t* data, std::size_t size, int& width, int& height) {
+    namespace es = packaging::lib_parse_es;
+    const bool hevc = streamType == fmp4::HEVC_VIDEO;
+    if (!hevc && streamType != fmp4::H264_VIDEO) return false;
+    const auto startAt = [&](std::size_t from) {
+        for (std::size_t i = from; i + 3 <= size; ++i)
+            if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) return i;
+        return size;
+    };
+    for (std::size_t start = startAt(0); start + 3 < size;) {
+        const std::size_t begin = start + 3;
+        const unsigned type = hevc ? (data[begin] >> 1) & 0x3Fu : data[begin] & 0x1Fu;
+        if (hevc ? type < 32 : type >= 1 && type <= 5) return false;  // a slice: no parameter set before it
+        const std::size_t next = startAt(begin);
+        if (type == (hevc ? 33u : 7u)) {
+            // The parsers take the unit behind a start code, emulation prevention removed.
+            std::vector<std::uint8_t> unit{0, 0, 0, 1};
+            unit.insert(unit.end(), data + begin, data + next);
+            const std::vector<std::uint8_t> rbsp = es::unescapeRbsp(unit.data(), unit.size());
+            std::uint16_t w = 0, h = 0;
+            if (hevc && rbsp.size() > 6) {
+                const es::HevcPictureSize cropped = es::croppedSize(es::parseHevcSps(rbsp.data() + 6, rbsp.size() - 6));
+                w = cropped.width;
+                h = cropped.height;
+            } else if (!hevc) {
+                const es::PictureSize cropped = es::croppedSize(*es::parseH264Sps(rbsp.data(), rbsp.size()));
+                w = cropped.width;
+                h = cropped.height;
+            }
+            if (w == 0 || h == 0) return false;
+            width = w;
+            height = h;
+            return true;
+        }
+        start = next;
+    }
+    return false;
 }
 
 const std::vector<InputTypeEntry>& inputTypeTable() {

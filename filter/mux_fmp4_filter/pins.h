@@ -35,6 +35,10 @@ const std::vector<InputTypeEntry>& inputTypeTable();
 // host leaves other streams out rather than hold the session with them.
 bool packagesStreamType(std::uint32_t streamType);
 
+// The picture size (cropped) that the sequence parameter set ahead of the first slice of an Annex B access unit
+// gives, for H.264 and HEVC stream types; false when the unit has none before its first slice.
+bool pictureSize(std::uint32_t streamType, const std::uint8_t* accessUnit, std::size_t size, int& width, int& height);
+
 // Told of the data id of samples as they cross a pin.
 class IDelayCrossingPointCallback {
 public:

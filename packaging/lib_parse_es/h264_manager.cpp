@@ -110,6 +110,21 @@ unsigned H264Sps::cpbRemovalDelayLengthMinus1() const {
     return hrd != nullptr ? hrd->cpb_removal_delay_length_minus1 : 23;
 }
 
+PictureSize croppedSize(const H264Sps& sps) {
+    const std::int64_t frameFactor = sps.frame_mbs_only_flag ? 1 : 2;
+    const std::uint32_t chroma = sps.separate_colour_plane_flag ? 0 : sps.chroma_format_idc;
+    const std::int64_t cropX = chroma == 1 || chroma == 2 ? 2 : 1;
+    const std::int64_t cropY = (chroma == 1 ? 2 : 1) * frameFactor;
+    const std::int64_t width = std::int64_t{sps.pic_width_in_mbs_minus1 + 1} * 16 -
+                               cropX * (sps.frame_crop_left_offset + sps.frame_crop_right_offset);
+    const std::int64_t height = frameFactor * (sps.pic_height_in_map_units_minus1 + 1) * 16 -
+                                cropY * (sps.frame_crop_top_offset + sps.frame_crop_bottom_offset);
+    PictureSize size;
+    size.width = static_cast<std::uint16_t>(width > 0 && width <= 0xFFFF ? width : 0);
+    size.height = static_cast<std::uint16_t>(height > 0 && height <= 0xFFFF ? height : 0);
+    return size;
+}
+
 std::unique_ptr<H264Sps> parseH264Sps(const std::uint8_t* rbsp, std::size_t size) {
     BitReader reader = readerAfterHeader(rbsp, size);
     auto sps = std::make_unique<H264Sps>();

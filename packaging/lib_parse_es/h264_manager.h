@@ -129,6 +129,11 @@ struct FrameRate {
 // Parses one SPS from its RBSP (which still holds the start code). Never throws; a truncated set reads as zeros.
 std::unique_ptr<H264Sps> parseH264Sps(const std::uint8_t* rbsp, std::size_t size);
 std::unique_ptr<H264Pps> parseH264Pps(const std::uint8_t* rbsp, std::size_t size);
+// The picture size the SPS gives, less its cropping (7.4.2.1.1, in chroma sample units); 0 when out of range.
+struct PictureSize {
+    std::uint16_t width = 0, height = 0;
+};
+PictureSize croppedSize(const H264Sps& sps);
 
 class NALH264Manager {
 public:

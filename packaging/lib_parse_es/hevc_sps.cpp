@@ -81,6 +81,22 @@ void skipShortTermRefPicSet(BitReader& reader, std::uint32_t index, std::array<s
 
 }  // namespace
 
+HevcPictureSize croppedSize(const HevcSps& sps) {
+    const std::uint32_t chroma = sps.separate_colour_plane_flag ? 0 : sps.chroma_format_idc;
+    const std::int64_t subWidth = chroma == 1 || chroma == 2 ? 2 : 1;
+    const std::int64_t subHeight = chroma == 1 ? 2 : 1;
+    std::int64_t width = sps.pic_width_in_luma_samples;
+    std::int64_t height = sps.pic_height_in_luma_samples;
+    if (sps.conformance_window_flag) {
+        width -= subWidth * (sps.conf_win_left_offset + sps.conf_win_right_offset);
+        height -= subHeight * (sps.conf_win_top_offset + sps.conf_win_bottom_offset);
+    }
+    HevcPictureSize size;
+    size.width = static_cast<std::uint16_t>(width > 0 && width <= 0xFFFF ? width : 0);
+    size.height = static_cast<std::uint16_t>(height > 0 && height <= 0xFFFF ? height : 0);
+    return size;
+}
+
 HevcSps parseHevcSps(const std::uint8_t* rbsp, std::size_t size) {
     HevcSps sps;
     BitReader reader(rbsp, size);

@@ -56,6 +56,11 @@ struct HevcSps {
 // Parses the SPS from its RBSP starting right after the two-byte NAL header. Never throws: a truncated or
 // corrupt set leaves the fields it could not reach at zero and `complete` false.
 HevcSps parseHevcSps(const std::uint8_t* rbsp, std::size_t size);
+// The picture size the SPS gives, less its conformance window (in chroma sample units); 0 when out of range.
+struct HevcPictureSize {
+    std::uint16_t width = 0, height = 0;
+};
+HevcPictureSize croppedSize(const HevcSps& sps);
 
 }  // namespace v2
 }  // namespace tvrn::encoding::packaging::lib_parse_es

@@ -8,7 +8,9 @@
 
 #include "apps/fmp4mux/exit_error.h"
 #include "apps/fmp4mux/inputs/libav_streams.h"
+#include "apps/fmp4mux/inputs/mapped_file.h"
 #include "apps/fmp4mux/inputs/subtitle_cues.h"
+#include "apps/fmp4mux/inputs/ts_input.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -30,32 +32,86 @@ std::string avError(int code) {
     return text;
 }
 
-std::uint8_t* putBe32(std::uint8_t* out, std::uint32_t v) {
-    out[0] = static_cast<std::uint8_t>(v >> 24);
-    out[1] = static_cast<std::uint8_t>(v >> 16);
-    out[2] = static_cast<std::uint8_t>(v >> 8);
-    out[3] = static_cast<std::uint8_t>(v);
-    return out + 4;
-}
-
 }  // namespace
 
-void setLibavVerbosity(int verbosity) { av_log_set_level(verbosity >= 3 ? AV_LOG_VERBOSE : AV_LOG_FATAL); }
+namespace {
+// The bytes the probe recorded, then the rest of the input: a local file mapped from where they end, anything
+// else read through the I/O the probe opened.
+class ProbedTsSource : public TsSource {
+public:
+    explicit ProbedTsSource(std::unique_ptr<ProbedInput> probe) : m_probe(std::move(probe)) {
+        m_recorded = m_probe->takeRecording();
+        if (!m_probe->live()) m_mapped = MappedFile::open(m_probe->url(), m_recorded.size());
+        if (!m_mapped) m_block.resize(kBlock);
+    }
+    Status next(const std::uint8_t*& data, std::size_t& size, std::string& error) override {
+        if (m_recordedFed < m_recorded.size()) {
+            data = m_recorded.data() + m_recordedFed;
+            size = std::min(kBlock, m_recorded.size() - m_recordedFed);
+            m_recordedFed += size;
+            return Status::Data;
+        }
+        if (!m_recorded.empty()) std::vector<std::uint8_t>().swap(m_recorded);  // all handed, and read by now
+        if (m_mapped) {
+            const MappedFile::Bytes bytes = m_mapped->next();
+            data = bytes.data;
+            size = bytes.size;
+            if (size > 0) return Status::Data;
+            error = m_mapped->error();
+            return error.empty() ? Status::End : Status::Failed;
+        }
+        AVIOContext* source = m_probe->source();
+        // A live source hands on what has come; a file fills the block.
+        const int got = m_probe->live() ? avio_read_partial(source, m_block.data(), static_cast<int>(m_block.size()))
+                                        : avio_read(source, m_block.data(), static_cast<int>(m_block.size()));
+        if (got == AVERROR_EOF || got == AVERROR_EXIT || (got == 0 && avio_feof(source))) return Status::End;
+        if (got == AVERROR(EAGAIN) || got == 0) return Status::Again;
+        if (got < 0) {
+            error = avError(got);
+            return Status::Failed;
+        }
+        data = m_block.data();
+        size = static_cast<std::size_t>(got);
+        return Status::Data;
+    }
+    bool live() const override { return m_probe->live(); }
+    bool canWait() const override { return m_probe->canWait(); }
+    void setStop(const std::atomic<bool>* stop) override { m_probe->flags().stop = stop; }
+    std::string receiverReport() const override { return m_probe->receiverReport(); }
 
-std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc, std::uint32_t averageBitrate,
-                                           const std::uint8_t* frame, std::size_t frameSize) {
-    const std::size_t total = 20 + asc.size() + frameSize;
-    std::vector<std::uint8_t> out(total);
-    std::uint8_t* p = out.data();
-    p = putBe32(p, 0xFFFAFAFAu);
-    p = putBe32(p, static_cast<std::uint32_t>(total));
-    p = putBe32(p, averageBitrate);
-    p = putBe32(p, static_cast<std::uint32_t>(asc.size() * 8));
-    p = std::copy(asc.begin(), asc.end(), p);
-    p = putBe32(p, static_cast<std::uint32_t>(frameSize));
-    if (frameSize > 0) std::memcpy(p, frame, frameSize);
-    return out;
+private:
+    static constexpr std::size_t kBlock = 188 * 1024;
+    std::unique_ptr<ProbedInput> m_probe;
+    std::vector<std::uint8_t> m_recorded;
+    std::size_t m_recordedFed = 0;
+    std::unique_ptr<MappedFile> m_mapped;
+    std::vector<std::uint8_t> m_block;
+};
+}  // namespace
+
+std::unique_ptr<Input> openProbedTs(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
+                                    std::optional<int> program, std::vector<std::string>* notes) {
+    AVFormatContext* fmt = probe->format();
+    TsContents contents;
+    std::vector<bool> kept(fmt->nb_streams, false);
+    for (KeptStream& stream : keptStreams(fmt, inputIndex, skipped, program, notes)) {
+        // MPEG-TS carries none of these; a stream that did would need libavformat's conversions.
+        if (stream.toAnnexB != nullptr || stream.webVtt || stream.subRip || stream.id < 0 || stream.id > 0x1FFF) {
+            skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(stream.sourceIndex) +
+                              ": codec '" + stream.info.codec + "' is read with --demuxer libavformat only");
+            continue;
+        }
+        kept[static_cast<std::size_t>(stream.sourceIndex)] = true;
+        contents.kept.push_back(std::move(stream));
+    }
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+        const int pid = fmt->streams[i]->id;
+        if (!kept[i] && pid >= 0 && pid <= 0x1FFF) contents.ignored.push_back(static_cast<std::uint16_t>(pid));
+    }
+    return std::make_unique<TsInput>(std::make_unique<ProbedTsSource>(std::move(probe)), std::move(contents));
 }
+
+void setLibavVerbosity(int verbosity) { av_log_set_level(verbosity >= 3 ? AV_LOG_VERBOSE : AV_LOG_FATAL); }
 
 struct LibavInput::Impl {
     AVFormatContext* format = nullptr;
@@ -165,7 +221,9 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
     std::optional<std::size_t> video;
     for (std::size_t k = 0; k < m_impl->kept.size() && !video; ++k)
         if (m_impl->kept[k].stream.video) video = k;
-    if (!video) return std::nullopt;
+    // Without video, only rates to measure make reading ahead worth it.
+    if (!video && std::all_of(m_streams.begin(), m_streams.end(), [](const StreamInfo& s) { return s.bitrate > 0; }))
+        return std::nullopt;
     KeyFrameMeter meter(m_impl->kept.size(), video, maxSeconds);
     while (meter.wantsMore()) {
         AVPacket* packet = av_packet_alloc();

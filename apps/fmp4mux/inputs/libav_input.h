@@ -58,15 +58,15 @@ private:
     std::function<void(const std::string&)> m_warn;
 };
 
+// An MPEG-TS that libavformat opened and probed (`probe` is a plain one: ProbedInput::plainMpegTs), read on by
+// fmp4mux's own reader: first the bytes the probe read, then the rest (a local file mapped, anything else through
+// libavformat's I/O). The streams, the program chosen and what is said of them are LibavInput's.
+std::unique_ptr<Input> openProbedTs(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
+                                    std::optional<int> program = std::nullopt, std::vector<std::string>* notes = nullptr);
+
 // How much of libavformat's own logging reaches the terminal, by fmp4mux's verbosity (0 errors to 3 debug). Its
 // per-packet complaints (a damaged transport packet, a timestamp it guessed) are counted and summed up by
 // fmp4mux itself, so they appear only from verbosity 3.
 void setLibavVerbosity(int verbosity);
-
-// The packager's raw AAC packet around one AAC frame: marker FF FA FA FA, packet size, average bit rate,
-// configuration bit length, AudioSpecificConfig, payload length, payload.
-std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& audioSpecificConfig,
-                                           std::uint32_t averageBitrate, const std::uint8_t* frame,
-                                           std::size_t frameSize);
 
 }  // namespace fmp4mux

@@ -6,8 +6,6 @@
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
-#include "apps/fmp4mux/inputs/adts.h"
-#include "apps/fmp4mux/inputs/annex_b.h"
 #include "filter/mux_fmp4_filter/pins.h"
 
 extern "C" {
@@ -30,11 +28,6 @@ std::string avError(int code) {
     return text;
 }
 }  // namespace
-
-bool liveSource(const std::string& source) {
-    return source.rfind("udp://", 0) == 0 || source.rfind("srt://", 0) == 0 || source.rfind("rtp://", 0) == 0 ||
-           source == "pipe:0";
-}
 
 void addLiveOptions(AVDictionary*& options) {
     // libavformat receives UDP (and RTP over it) on a thread of its own into a ring that the reader empties; the
@@ -206,6 +199,10 @@ void ProbedInput::stopRecording() {
 std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::vector<std::string>& skipped,
                                     std::optional<int> program, std::vector<std::string>* notes) {
     std::vector<KeptStream> result;
+    // The rates of an MPEG-TS are measured by the read-ahead, whichever reader reads it: libavformat's guesses (the
+    // file's average rate, an audio frame's) are not what fmp4mux's own probe of a TS file can know, and a TS file
+    // must read the same either way.
+    const bool measured = std::string(fmt->iformat->name) == "mpegts";
     // One program of several: its streams only.
     std::vector<bool> inProgram(fmt->nb_streams, true);
     if (fmt->nb_programs > 1 || (program && fmt->nb_programs > 0)) {
@@ -238,7 +235,7 @@ std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::v
         info.input = inputIndex;
         info.sourceIndex = static_cast<int>(i);
         info.codec = avcodec_get_name(par->codec_id);
-        info.bitrate = par->bit_rate;
+        info.bitrate = measured ? 0 : par->bit_rate;
         if (const AVDictionaryEntry* lang = av_dict_get(stream->metadata, "language", nullptr, 0)) info.language = lang->value;
         info.width = par->width;
         info.height = par->height;
@@ -321,7 +318,7 @@ std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::v
                               info.codec + "' is not supported by this packager");
             continue;
         }
-        if (info.bitrate <= 0 && par->codec_type == AVMEDIA_TYPE_VIDEO && fmt->bit_rate > 0) {
+        if (!measured && info.bitrate <= 0 && par->codec_type == AVMEDIA_TYPE_VIDEO && fmt->bit_rate > 0) {
             // The container's rate less what its other streams declare: a fair first estimate of the video's.
             std::int64_t others = 0;
             for (unsigned j = 0; j < fmt->nb_streams; ++j)
@@ -333,62 +330,6 @@ std::vector<KeptStream> keptStreams(AVFormatContext* fmt, int inputIndex, std::v
         result.push_back(std::move(kept));
     }
     return result;
-}
-
-// Only the NAL units ahead of the first slice are looked at (delimiter, parameter sets, SEI), so the cost does not
-// grow with the picture. MPEG-TS is read without libavformat's parsers, so its packets carry no reliable key-frame
-// flag of their own.
-bool annexBRandomAccess(const std::uint8_t* data, std::size_t size, bool hevc) {
-    // The first VCL unit decides: an IDR slice of H.264, an IRAP picture of HEVC.
-    const int first = unitsBeforeFirstSlice(data, size, hevc, [](int, const std::uint8_t*, std::size_t) {});
-    return hevc ? first >= 16 && first <= 21 : first == 5;
-}
-
-// The demuxer flags a PES as damaged when the transport packet after it broke the continuity count, which a
-// splice of two recordings does too; a PES whose frame lengths add up exactly to its size lost nothing.
-bool wholeAdtsFrames(const std::uint8_t* data, std::size_t size) {
-    std::size_t at = 0;
-    while (at + 7 <= size) {
-        const std::size_t length = adtsFrameLength(data + at);
-        if (length == 0) return false;
-        at += length;
-    }
-    return at == size && size > 0;
-}
-
-Packet sectionPacket(std::size_t stream, std::int64_t clock, const std::uint8_t* section, std::size_t size) {
-    Packet out;
-    out.stream = stream;
-    out.key = true;
-    out.pts = av_rescale_q(clock, AVRational{1, 90000}, AVRational{1, 10000000});
-    out.dts = out.pts;
-    out.owned.resize(8 + size);
-    const auto value = static_cast<std::uint64_t>(clock) & ((std::uint64_t{1} << 33) - 1);
-    for (int i = 0; i < 8; ++i) out.owned[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (56 - 8 * i));
-    if (size > 0) std::memcpy(out.owned.data() + 8, section, size);
-    out.data = out.owned.data();
-    out.size = out.owned.size();
-    return out;
-}
-
-// A stream whose rate neither it nor its container tells (a live or piped input) is measured on what was read, so
-// that manifests announce a real rate and renditions rank as their media do.
-void KeyFrameMeter::measureBitrates(std::vector<StreamInfo>& streams) const {
-    for (std::size_t k = 0; k < m_seen.size() && k < streams.size(); ++k) {
-        const Seen& s = m_seen[k];
-        if (streams[k].bitrate > 0 || !s.first || *s.last - *s.first < 0.5) continue;
-        streams[k].bitrate = std::llround(static_cast<double>(s.bytes) * 8 / (*s.last - *s.first));
-    }
-}
-
-std::optional<double> KeyFrameMeter::interval() const {
-    if (m_keys.size() < 2) return std::nullopt;
-    std::vector<double> intervals;
-    for (std::size_t i = 1; i < m_keys.size(); ++i) intervals.push_back(m_keys[i] - m_keys[i - 1]);
-    std::sort(intervals.begin(), intervals.end());
-    const double interval = intervals[intervals.size() / 2];
-    if (interval <= 0) return std::nullopt;
-    return interval;
 }
 
 }  // namespace fmp4mux

@@ -491,8 +491,10 @@ void TsDemux::readPmt(std::uint16_t pid, const std::uint8_t* p, std::size_t n) {
         Stream st;
         st.streamType = p[at];
         st.pid = static_cast<std::uint16_t>(((p[at + 1] & 0x1F) << 8) | p[at + 2]);
-        at += 5 + (((static_cast<std::size_t>(p[at + 3]) & 0x0F) << 8) | p[at + 4]);
-        if (at > end) break;  // a descriptor loop past the section: the rest is not read
+        const std::size_t info = ((static_cast<std::size_t>(p[at + 3]) & 0x0F) << 8) | p[at + 4];
+        if (at + 5 + info > end) break;  // a descriptor loop past the section: the rest is not read
+        st.descriptors.assign(p + at + 5, p + at + 5 + info);
+        at += 5 + info;
         if (st.pid == kPatPid || st.pid == kNullPid || st.pid == pid) continue;
         fresh.streams.push_back(st);
     }

@@ -54,6 +54,7 @@ public:
     struct Stream {
         std::uint16_t pid = 0;
         std::uint8_t streamType = 0;
+        std::vector<std::uint8_t> descriptors;  // its ES_info descriptor loop, as the PMT gives it
     };
     struct Program {
         std::uint16_t number = 0;

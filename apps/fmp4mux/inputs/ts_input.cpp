@@ -2,30 +2,27 @@
 
 #include <algorithm>
 
-#include "apps/fmp4mux/inputs/libav_input.h"
-
-extern "C" {
-#include <libavformat/avformat.h>
-#include <libavutil/avutil.h>
-}
-
 namespace fmp4mux {
 
 namespace {
-constexpr AVRational kClock90k{1, 90000};
-constexpr AVRational kHundredNs{1, 10000000};
-constexpr std::size_t kBlock = TsDemux::kPacketSize * 1024;
-
-std::string avError(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, text, sizeof text);
-    return text;
+// 90 kHz clock ticks to 100 ns units, rounding half away from zero.
+std::int64_t toHundredNs(std::int64_t ticks) {
+    const std::int64_t scaled = ticks * 1000;
+    return (scaled >= 0 ? scaled + 4 : scaled - 4) / 9;
 }
 }  // namespace
 
-TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
-                 std::optional<int> program, std::vector<std::string>* notes)
-    : m_probe(std::move(probe)),
+TsSource::Status MappedTsSource::next(const std::uint8_t*& data, std::size_t& size, std::string& error) {
+    const MappedFile::Bytes bytes = m_file->next();
+    data = bytes.data;
+    size = bytes.size;
+    if (size > 0) return Status::Data;
+    error = m_file->error();
+    return error.empty() ? Status::End : Status::Failed;
+}
+
+TsInput::TsInput(std::unique_ptr<TsSource> source, TsContents contents)
+    : m_source(std::move(source)),
       m_demux(TsDemux::Callbacks{
           [this](const TsDemux::Pes& pes) {
               const int stream = m_pidToStream[pes.pid];
@@ -50,28 +47,15 @@ TsInput::TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector
               take(end);
           }}) {
     m_pidToStream.fill(-1);
-    AVFormatContext* fmt = m_probe->format();
-    for (KeptStream& stream : keptStreams(fmt, inputIndex, skipped, program, notes)) {
-        // MPEG-TS carries none of these; a stream that did would need libavformat's conversions.
-        if (stream.toAnnexB != nullptr || stream.webVtt || stream.subRip || stream.id < 0 || stream.id > 0x1FFF) {
-            skipped.push_back("input " + std::to_string(inputIndex) + " stream " + std::to_string(stream.sourceIndex) +
-                              ": codec '" + stream.info.codec + "' is read with --demuxer libavformat only");
-            continue;
-        }
-        m_pidToStream[static_cast<std::size_t>(stream.id)] = static_cast<int>(m_kept.size());
+    for (KeptStream& stream : contents.kept) {
+        m_pidToStream[static_cast<std::size_t>(stream.id) & 0x1FFF] = static_cast<int>(m_kept.size());
         m_streams.push_back(stream.info);
         m_kept.push_back(std::move(stream));
     }
     m_dropped.assign(m_kept.size(), false);
     // Streams not packaged are not gathered at all.
-    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
-        const int pid = fmt->streams[i]->id;
-        if (pid >= 0 && pid <= 0x1FFF && m_pidToStream[static_cast<std::size_t>(pid)] < 0)
-            m_demux.ignore(static_cast<std::uint16_t>(pid));
-    }
-    m_recorded = m_probe->takeRecording();
-    if (!m_probe->live()) m_mapped = MappedFile::open(m_probe->url(), m_recorded.size());
-    if (!m_mapped) m_block.resize(kBlock);
+    for (const std::uint16_t pid : contents.ignored)
+        if (m_pidToStream[pid & 0x1FFFu] < 0) m_demux.ignore(pid);
 }
 
 TsInput::~TsInput() = default;
@@ -96,9 +80,9 @@ void TsInput::take(const Unit& unit) {
         const KeptStream& kept = m_kept[unit.stream];
         const std::optional<std::int64_t> when = kept.scte35 ? unit.clock : unit.dts ? unit.dts : unit.pts;
         std::optional<double> seconds;
-        if (when) seconds = static_cast<double>(*when) * av_q2d(kClock90k);
+        if (when) seconds = static_cast<double>(*when) / 90000.0;
         std::optional<std::int64_t> pts = kept.scte35 ? unit.clock : unit.pts;
-        if (pts) pts = av_rescale_q(*pts, kClock90k, kHundredNs);
+        if (pts) pts = toHundredNs(*pts);
         m_meter->add(unit.stream, unit.size, seconds, pts,
                      [&] { return annexBRandomAccess(unit.data, unit.size, kept.hevc); });
     }
@@ -133,8 +117,8 @@ void TsInput::deliver(const Unit& unit) {
     out.duration = run.duration;
     out.key = kept.video && annexBRandomAccess(unit.data, unit.size, kept.hevc);
     out.discontinuity = unit.discontinuity;
-    if (unit.pts) out.pts = av_rescale_q(*unit.pts, kClock90k, kHundredNs);
-    if (unit.dts) out.dts = av_rescale_q(*unit.dts, kClock90k, kHundredNs);
+    if (unit.pts) out.pts = toHundredNs(*unit.pts);
+    if (unit.dts) out.dts = toHundredNs(*unit.dts);
     if (kept.rawAac) {
         out.owned = makeRawAacPacket(kept.asc, kept.bitrate, unit.data, unit.size);
         out.data = out.owned.data();
@@ -152,35 +136,13 @@ void TsInput::deliver(const Unit& unit) {
 }
 
 bool TsInput::feed(bool& failed) {
-    if (m_recordedFed < m_recorded.size()) {
-        const std::size_t n = std::min(kBlock, m_recorded.size() - m_recordedFed);
-        m_demux.push(m_recorded.data() + m_recordedFed, n);
-        m_recordedFed += n;
-        if (m_recordedFed == m_recorded.size()) std::vector<std::uint8_t>().swap(m_recorded);
-    } else if (m_mapped) {
-        const MappedFile::Bytes bytes = m_mapped->next();
-        if (bytes.size == 0) {
-            if (!m_mapped->error().empty()) {
-                m_error = m_mapped->error();
-                failed = true;
-            }
-            return false;
-        }
-        m_demux.push(bytes.data, bytes.size);
-    } else {
-        m_recordedFed = 0;
-        AVIOContext* source = m_probe->source();
-        // A live source hands on what has come; a file fills the block.
-        const int got = m_probe->live() ? avio_read_partial(source, m_block.data(), static_cast<int>(m_block.size()))
-                                        : avio_read(source, m_block.data(), static_cast<int>(m_block.size()));
-        if (got == AVERROR_EOF || got == AVERROR_EXIT || (got == 0 && avio_feof(source))) return false;
-        if (got == AVERROR(EAGAIN) || got == 0) return true;
-        if (got < 0) {
-            m_error = avError(got);
-            failed = true;
-            return false;
-        }
-        m_demux.push(m_block.data(), static_cast<std::size_t>(got));
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    switch (m_source->next(data, size, m_error)) {
+        case TsSource::Status::Data: m_demux.push(data, size); break;
+        case TsSource::Status::Again: return true;
+        case TsSource::Status::End: return false;
+        case TsSource::Status::Failed: failed = true; return false;
     }
     m_lost.store(m_demux.stats().lost, std::memory_order_relaxed);
     m_pesDropped.store(m_demux.stats().pesDropped, std::memory_order_relaxed);
@@ -191,7 +153,9 @@ std::optional<double> TsInput::keyFrameInterval(double maxSeconds) {
     std::optional<std::size_t> video;
     for (std::size_t k = 0; k < m_kept.size() && !video; ++k)
         if (m_kept[k].video) video = k;
-    if (!video) return std::nullopt;
+    // Without video, only rates to measure make reading ahead worth it.
+    if (!video && std::all_of(m_streams.begin(), m_streams.end(), [](const StreamInfo& s) { return s.bitrate > 0; }))
+        return std::nullopt;
     KeyFrameMeter meter(m_kept.size(), video, maxSeconds);
     m_meter = &meter;
     m_readingAhead = true;
@@ -219,13 +183,13 @@ std::string TsInput::transportReport() const {
     add(stats.resyncs, "loss of the packet grid", "losses of the packet grid");
     add(stats.badSections, "table section with a bad CRC or length", "table sections with a bad CRC or length");
     add(stats.pmtChanges, "new version of the program map", "new versions of the program map");
-    if (const std::string received = m_probe->receiverReport(); !received.empty())
+    if (const std::string received = m_source->receiverReport(); !received.empty())
         report += (report.empty() ? "" : ", ") + received;
     return report;
 }
 
 bool TsInput::run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) {
-    m_probe->flags().stop = &stop;
+    m_source->setStop(&stop);
     m_onPacket = &onPacket;
     while (!m_readAhead.empty() && !stop.load()) {
         Held& held = m_readAhead.front();
@@ -245,7 +209,7 @@ bool TsInput::run(const std::function<void(Packet&)>& onPacket, const std::atomi
     m_lost.store(m_demux.stats().lost, std::memory_order_relaxed);
     m_pesDropped.store(m_demux.stats().pesDropped, std::memory_order_relaxed);
     m_onPacket = nullptr;
-    m_probe->flags().stop = nullptr;
+    m_source->setStop(nullptr);
     return !failed;
 }
 

@@ -1,10 +1,9 @@
 #pragma once
-// Reads an MPEG-TS with fmp4mux's own demultiplexer. libavformat opens the input (file, udp://, srt://, pipe) and
-// finds its streams, so that the stream list, the program chosen and what is said about them are exactly
-// LibavInput's; then the bytes it read, and everything after them, go through TsDemux (a local file mapped into
-// memory a window at a time, anything else read through libavformat's I/O). Each PES payload is handed
-// on where the demultiplexer gathered it, without another copy. Transport packets lost (continuity gaps) and PES
-// dropped are counted; a live input goes on after them.
+// Reads an MPEG-TS with fmp4mux's own demultiplexer, from a source of bytes: a local file mapped into memory a
+// window at a time (its streams found by TsProbe), or an input that libavformat opened and probed (udp://, srt://,
+// pipes), whose recorded bytes come first. Each PES payload is handed on where the demultiplexer gathered it,
+// without another copy. Transport packets lost (continuity gaps) and PES dropped are counted; a live input goes on
+// after them.
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -16,27 +15,53 @@
 #include <vector>
 
 #include "apps/fmp4mux/inputs/input.h"
-#include "apps/fmp4mux/inputs/libav_streams.h"
+#include "apps/fmp4mux/inputs/kept_stream.h"
 #include "apps/fmp4mux/inputs/mapped_file.h"
 #include "apps/fmp4mux/inputs/ts_demux.h"
+#include "apps/fmp4mux/inputs/ts_probe.h"
 
 namespace fmp4mux {
 
+// Where a TsInput's bytes come from.
+class TsSource {
+public:
+    virtual ~TsSource() = default;
+    enum class Status { Data, Again, End, Failed };
+    // The next bytes, valid until the next call: Data with some, Again with none yet (a live source), End, or
+    // Failed with `error` saying why.
+    virtual Status next(const std::uint8_t*& data, std::size_t& size, std::string& error) = 0;
+    virtual bool live() const = 0;
+    virtual bool canWait() const = 0;
+    // What aborts a blocking read besides the run's interruption, while run() reads.
+    virtual void setStop(const std::atomic<bool>* stop) { (void)stop; }
+    // What the source's receiver dropped, for the summary ("" when nothing).
+    virtual std::string receiverReport() const { return {}; }
+};
+
+// A local file, mapped from its start.
+class MappedTsSource : public TsSource {
+public:
+    explicit MappedTsSource(std::unique_ptr<MappedFile> file) : m_file(std::move(file)) {}
+    Status next(const std::uint8_t*& data, std::size_t& size, std::string& error) override;
+    bool live() const override { return false; }
+    bool canWait() const override { return true; }
+
+private:
+    std::unique_ptr<MappedFile> m_file;
+};
+
 class TsInput : public Input {
 public:
-    // `probe` must be a plain MPEG-TS (ProbedInput::plainMpegTs). As LibavInput: an input of several programs gives
-    // the streams of one (`program`, or the first; said through `notes`), and streams it cannot carry are named in
-    // `skipped`.
-    TsInput(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
-            std::optional<int> program = std::nullopt, std::vector<std::string>* notes = nullptr);
+    // The streams of `contents` from `source`, the others not gathered.
+    TsInput(std::unique_ptr<TsSource> source, TsContents contents);
     ~TsInput() override;
     TsInput(const TsInput&) = delete;
     TsInput& operator=(const TsInput&) = delete;
 
     const std::vector<StreamInfo>& streams() const override { return m_streams; }
     void drop(std::size_t index) override;
-    bool isLive() const override { return m_probe->live(); }
-    bool canWait() const override { return m_probe->canWait(); }
+    bool isLive() const override { return m_source->live(); }
+    bool canWait() const override { return m_source->canWait(); }
     bool run(const std::function<void(Packet&)>& onPacket, const std::atomic<bool>& stop) override;
     const std::string& error() const override { return m_error; }
     std::optional<double> keyFrameInterval(double maxSeconds) override;
@@ -63,15 +88,11 @@ private:
     };
     void take(const Unit& unit);
     void deliver(const Unit& unit);
-    // Feeds the demultiplexer the next block: the recording first, then the source. False at the end of the input
-    // or when reading failed (m_error says why) or stopped.
+    // Feeds the demultiplexer the source's next bytes. False at the end of the input or when reading failed
+    // (m_error says why) or stopped.
     bool feed(bool& failed);
 
-    std::unique_ptr<ProbedInput> m_probe;
-    std::vector<std::uint8_t> m_recorded;
-    std::size_t m_recordedFed = 0;
-    std::vector<std::uint8_t> m_block;
-    std::unique_ptr<MappedFile> m_mapped;  // a local file, read where the page cache holds it
+    std::unique_ptr<TsSource> m_source;
     TsDemux m_demux;
     std::vector<StreamInfo> m_streams;
     std::vector<KeptStream> m_kept;

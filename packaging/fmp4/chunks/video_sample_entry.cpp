@@ -101,17 +101,9 @@ VideoSampleEntryResult makeAvc(const ParameterSets& sets, bool inBandEntry) {
     c.bitDepthLumaMinus8 = static_cast<std::uint8_t>(sps->bit_depth_luma_minus8 & 7);
     c.bitDepthChromaMinus8 = static_cast<std::uint8_t>(sps->bit_depth_chroma_minus8 & 7);
 
-    // Cropping is counted in chroma sample units (7.4.2.1.1).
-    const std::uint32_t frameFactor = sps->frame_mbs_only_flag ? 1 : 2;
-    const std::uint32_t chroma = sps->separate_colour_plane_flag ? 0 : sps->chroma_format_idc;
-    const std::uint32_t cropX = chroma == 1 || chroma == 2 ? 2 : 1;
-    const std::uint32_t cropY = (chroma == 1 ? 2 : 1) * frameFactor;
-    const std::int64_t width = std::int64_t{sps->pic_width_in_mbs_minus1 + 1} * 16 -
-                               std::int64_t{cropX} * (sps->frame_crop_left_offset + sps->frame_crop_right_offset);
-    const std::int64_t height = std::int64_t{frameFactor} * (sps->pic_height_in_map_units_minus1 + 1) * 16 -
-                                std::int64_t{cropY} * (sps->frame_crop_top_offset + sps->frame_crop_bottom_offset);
-    entry->width = static_cast<std::uint16_t>(width > 0 && width <= 0xFFFF ? width : 0);
-    entry->height = static_cast<std::uint16_t>(height > 0 && height <= 0xFFFF ? height : 0);
+    const lib_parse_es::PictureSize size = lib_parse_es::croppedSize(*sps);
+    entry->width = size.width;
+    entry->height = size.height;
 
     VideoManifestInfo& m = result.manifest;
     m.width = entry->width;
@@ -177,17 +169,9 @@ VideoSampleEntryResult makeHevc(const ParameterSets& sets, bool inBandEntry) {
         for (const Bytes& unit : *list)
             if (unit.size() >= 2) c.addNalUnit(hevcType(unit), unit, complete);
 
-    const std::uint32_t chroma = sps.separate_colour_plane_flag ? 0 : sps.chroma_format_idc;
-    const std::uint32_t subWidth = chroma == 1 || chroma == 2 ? 2 : 1;
-    const std::uint32_t subHeight = chroma == 1 ? 2 : 1;
-    std::int64_t width = sps.pic_width_in_luma_samples;
-    std::int64_t height = sps.pic_height_in_luma_samples;
-    if (sps.conformance_window_flag) {
-        width -= std::int64_t{subWidth} * (sps.conf_win_left_offset + sps.conf_win_right_offset);
-        height -= std::int64_t{subHeight} * (sps.conf_win_top_offset + sps.conf_win_bottom_offset);
-    }
-    entry->width = static_cast<std::uint16_t>(width > 0 && width <= 0xFFFF ? width : 0);
-    entry->height = static_cast<std::uint16_t>(height > 0 && height <= 0xFFFF ? height : 0);
+    const lib_parse_es::HevcPictureSize size = lib_parse_es::croppedSize(sps);
+    entry->width = size.width;
+    entry->height = size.height;
 
     VideoManifestInfo& m = result.manifest;
     m.width = entry->width;

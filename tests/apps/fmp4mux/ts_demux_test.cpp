@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "apps/fmp4mux/exit_error.h"
 #include "apps/fmp4mux/inputs/ts_demux.h"
+#include "apps/fmp4mux/inputs/ts_probe.h"
 
 namespace {
 using fmp4mux::TsDemux;
@@ -175,5 +177,68 @@ INSTANTIATE_TEST_SUITE_P(
              {kPat, kPmt, kPcr, kSpliceStart, kSpliceEnd, kSpliceBadCrc},
              {"section 259 20 clock=90000", "lost 0 duplicates 0 bad sections 1 PMT changes 0"}}),
     [](const auto& test) { return test.param.name; });
+
+// A PMT section from its bytes after section_length up to CRC_32, with both filled in: CRC-32/MPEG-2 bit by bit.
+std::vector<std::uint8_t> pmtPacket(const std::string& header, const std::string& body) {
+    std::vector<std::uint8_t> section = hex("02 00 00 " + body);
+    const std::size_t length = section.size() - 3 + 4;
+    section[1] = static_cast<std::uint8_t>(0xB0 | (length >> 8));
+    section[2] = static_cast<std::uint8_t>(length);
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (const std::uint8_t byte : section) {
+        crc ^= static_cast<std::uint32_t>(byte) << 24;
+        for (int k = 0; k < 8; ++k) crc = (crc & 0x80000000u) ? (crc << 1) ^ 0x04C11DB7u : crc << 1;
+    }
+    for (int i = 0; i < 4; ++i) section.push_back(static_cast<std::uint8_t>(crc >> (24 - 8 * i)));
+    std::string text = "00";  // pointer_field
+    char byte[4];
+    for (const std::uint8_t b : section) {
+        std::snprintf(byte, sizeof byte, " %02X", b);
+        text += byte;
+    }
+    return ts(header, text);
+}
+
+// Program 1 lists H.264 on 0x101; on 0x102 private PES with an AC-3 descriptor (6A) and the language "fra" (0A);
+// MPEG-2 video on 0x103; DVB subtitles (descriptor 59, "eng") on 0x104; private sections (type 05) on 0x105;
+// SCTE-35 on 0x106. Version 1 drops 0x102.
+const std::string kEntries1 = "1B E1 01 F0 00 06 E1 02 F0 09 6A 01 00 0A 04 66 72 61 00";
+const std::string kEntries2 = "02 E1 03 F0 00 06 E1 04 F0 0A 59 08 65 6E 67 10 00 01 00 01 05 E1 05 F0 00 86 E1 06 F0 00";
+// An AC-3 sync frame header in a PES of length 24: 48 kHz at 192 kbit/s (fscod 0, frmsizecod 20: 14), bsid 8
+// (40), acmod 3/2 then cmixlev 0, surmixlev 0, lfeon 1 (E1): 5.1.
+const auto kAc3 = ts("47 41 02 10", "00 00 01 BD 00 18 80 80 05 21 00 07 D8 61 0B 77 00 00 14 40 E1 00 AA*8");
+
+TEST(TsProbe, ListsEveryPmtEntryAsItFirstCameAndNamesWhatItCannotCarry) {
+    std::vector<std::uint8_t> input;
+    for (const auto& p : {kPat, pmtPacket("47 41 00 10", "00 01 C1 00 00 E1 01 F0 00 " + kEntries1 + " " + kEntries2), kAc3,
+                          pmtPacket("47 41 00 11", "00 01 C3 00 00 E1 01 F0 00 1B E1 01 F0 00 " + kEntries2)})
+        input.insert(input.end(), p.begin(), p.end());
+    fmp4mux::TsProbe probe;
+    EXPECT_TRUE(probe.push(input.data(), input.size())) << "the video has not shown its picture size yet";
+    std::vector<std::string> skipped;
+    const auto contents = probe.contents(0, skipped, std::nullopt, nullptr);
+    ASSERT_TRUE(contents);
+    std::vector<std::string> kept;
+    for (const fmp4mux::KeptStream& k : contents->kept)
+        kept.push_back(std::to_string(k.sourceIndex) + " " + std::to_string(k.id) + " " + k.info.codec + " " + k.info.kind +
+                       " type " + std::to_string(k.info.streamType) + " '" + k.info.language + "' " +
+                       std::to_string(k.info.sampleRate) + " Hz " + std::to_string(k.info.channels) + " ch");
+    EXPECT_EQ(kept, (std::vector<std::string>{"0 257 h264 video type 2 '' 0 Hz 0 ch", "1 258 ac3 audio type 3 'fra' 48000 Hz 6 ch",
+                                              "5 262 scte_35 scte35 type 12 '' 0 Hz 0 ch"}));
+    EXPECT_EQ(skipped, (std::vector<std::string>{"input 0 stream 2: video codec 'mpeg2video' is not supported",
+                                                 "input 0 stream 3: subtitle codec 'dvb_subtitle' is not supported"}));
+    EXPECT_EQ(contents->ignored, (std::vector<std::uint16_t>{0x103, 0x104, 0x105}));
+    EXPECT_THROW(probe.contents(0, skipped, 2, nullptr), fmp4mux::ExitError);
+}
+
+TEST(TsProbe, FindsNothingInWhatIsNoPlainTransportStream) {
+    for (const std::vector<std::uint8_t>& bytes : {hex("00*752"), hex("47 00*191 47 00*191 47 00*191"), kAc3}) {
+        fmp4mux::TsProbe probe;
+        probe.push(bytes.data(), bytes.size());
+        std::vector<std::string> skipped;
+        EXPECT_FALSE(probe.contents(0, skipped, std::nullopt, nullptr));
+        EXPECT_TRUE(skipped.empty());
+    }
+}
 
 }  // namespace
