@@ -21,7 +21,7 @@
 #include "apps/fmp4mux/engine/packager.h"
 #include "apps/fmp4mux/engine/stream_ends.h"
 #include "apps/fmp4mux/exit_error.h"
-#include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/inputs/libav_module.h"
 #include "apps/fmp4mux/inputs/reader.h"
 #include "apps/fmp4mux/inputs/subtitle_input.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
@@ -74,7 +74,6 @@ int run(int argc, char** argv) {
     std::vector<std::string> skipped;
     bool live = false;
     std::vector<SubtitleFileInput*> subtitleFiles(options.inputs.size(), nullptr);
-    std::vector<LibavInput*> libavInputs;
     // Followed subtitle inputs (growing files, named pipes) are read until every other input has ended.
     std::atomic<bool> mediaEnded{false};
     std::vector<bool> followed(options.inputs.size(), false);
@@ -99,11 +98,9 @@ int run(int argc, char** argv) {
                 inputs.push_back(std::move(subtitles));
                 continue;
             }
-            // An MPEG-TS goes to fmp4mux's own reader, unless --demuxer says otherwise; anything else stays with
-            // libavformat, which probed it.
+            // An MPEG-TS goes to fmp4mux's own reader, unless --demuxer says otherwise: a local file probed by it
+            // too, without libavformat; any other input probed by libavformat, which reads what is not MPEG-TS.
             std::vector<std::string> notes;
-            std::unique_ptr<LibavInput> libav;
-            // A local TS file is probed by fmp4mux's own reader too: libavformat is not needed for it at all.
             std::optional<TsContents> ts;
             if (!options.libavDemuxer)
                 if (const auto file = MappedFile::open(options.inputs[i], 0))
@@ -112,20 +109,9 @@ int run(int argc, char** argv) {
                 auto file = MappedFile::open(options.inputs[i], 0);
                 if (!file) throw std::runtime_error("cannot open input '" + options.inputs[i] + "'");
                 inputs.push_back(std::make_unique<TsInput>(std::make_unique<MappedTsSource>(std::move(file)), std::move(*ts)));
-            } else if (options.libavDemuxer) {
-                libav = std::make_unique<LibavInput>(options.inputs[i], static_cast<int>(i), skipped,
-                                                     &control.interrupted, options.program, &notes);
             } else {
-                auto probe = std::make_unique<ProbedInput>(options.inputs[i], &control.interrupted);
-                if (probe->plainMpegTs())
-                    inputs.push_back(openProbedTs(std::move(probe), static_cast<int>(i), skipped, options.program, &notes));
-                else
-                    libav = std::make_unique<LibavInput>(std::move(probe), static_cast<int>(i), skipped,
-                                                         options.program, &notes);
-            }
-            if (libav) {
-                libavInputs.push_back(libav.get());
-                inputs.push_back(std::move(libav));
+                inputs.push_back(libav().open(options.inputs[i], static_cast<int>(i), skipped, &control.interrupted,
+                                              options.program, &notes, options.libavDemuxer));
             }
             for (const auto& note : notes) say(note);
         } catch (const ExitError&) {
@@ -221,7 +207,7 @@ int run(int argc, char** argv) {
         subtitleFiles[d]->setMaxGap(std::int64_t{plannedSegmentMs} * 10000);
     }
     // Subtitle streams inside the media inputs keep their own times, and fill their gaps alike.
-    for (LibavInput* media : libavInputs)
+    for (const auto& media : inputs)
         media->setTextHandling(std::int64_t{plannedSegmentMs} * 10000, [](const std::string& w) { warn(w); });
 
     // The output folder is made (and held) only once the inputs are known to be there.

@@ -20,7 +20,7 @@
 
 #include "apps/fmp4mux/cli/console.h"
 #include "apps/fmp4mux/engine/packager.h"
-#include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/libav/libav_input.h"
 #include "apps/fmp4mux/manifests/manifests.h"
 #include "apps/fmp4mux/model/presentation.h"
 #include "apps/fmp4mux/outputs/http_origin.h"

@@ -2,15 +2,33 @@
 
 #include "apps/fmp4mux/inputs/adts.h"
 
-extern "C" {
-#include <libavcodec/ac3_parser.h>
-}
-
 namespace fmp4mux {
 
 namespace {
 // MPEG-1 sampling rates (ISO/IEC 11172-3, 2.4.2.3).
 constexpr std::uint32_t kMpeg1Rates[3] = {44100, 48000, 32000};
+
+// The bsid and the size in bytes of the AC-3 or E-AC-3 sync frame at `p`, from its sync information and bit
+// stream information (ETSI TS 102 366: frmsizecod and Table 4.13 for AC-3, bsid up to 10; frmsiz for E-AC-3, bsid
+// 11 to 16); false for anything else.
+bool dolbySyncFrame(const std::uint8_t* p, std::size_t size, unsigned& bsid, std::size_t& bytes) {
+    if (size < 7 || p[0] != 0x0B || p[1] != 0x77) return false;
+    bsid = p[5] >> 3;
+    if (bsid > 16) return false;
+    if (bsid > 10) {
+        bytes = ((((static_cast<std::size_t>(p[2]) & 7u) << 8) | p[3]) + 1) * 2;
+        return true;
+    }
+    const unsigned fscod = p[4] >> 6, code = p[4] & 0x3Fu;
+    if (fscod == 3 || code > 37) return false;
+    // Two codes a bitrate; a frame lasts 1536 samples, so it holds kbit/s x 1536 / rate / 16 words: 2 x kbit/s at
+    // 48 kHz, 3 x kbit/s at 32 kHz, and at 44.1 kHz that rounded down, the odd code one word more.
+    static constexpr unsigned kKbps[19] = {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 448, 512, 576, 640};
+    const unsigned kbps = kKbps[code / 2];
+    const unsigned words = fscod == 0 ? 2 * kbps : fscod == 2 ? 3 * kbps : kbps * 320 / 147 + (code & 1u);
+    bytes = std::size_t{words} * 2;
+    return true;
+}
 }  // namespace
 
 std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t size) {
@@ -26,11 +44,10 @@ std::optional<Layer2Frame> readLayer2Frame(const std::uint8_t* p, std::size_t si
     return frame;
 }
 
-// libavcodec reads the size and kind of an AC-3 or E-AC-3 frame, the fields are read here.
 std::optional<DolbyFrame> readDolbyFrame(const std::uint8_t* p, std::size_t size) {
-    std::uint8_t bsid = 0;
-    std::uint16_t frameSize = 0;
-    if (size < 8 || av_ac3_parse_header(p, size, &bsid, &frameSize) < 0 || frameSize == 0) return std::nullopt;
+    unsigned bsid = 0;
+    std::size_t frameSize = 0;
+    if (size < 8 || !dolbySyncFrame(p, size, bsid, frameSize) || frameSize == 0) return std::nullopt;
     static constexpr std::uint32_t kRates[3] = {48000, 44100, 32000}, kHalfRates[3] = {24000, 22050, 16000};
     static constexpr unsigned kBlocks[4] = {1, 2, 3, 6};
     DolbyFrame frame;

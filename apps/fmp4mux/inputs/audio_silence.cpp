@@ -5,13 +5,8 @@
 
 #include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/audio_frames.h"
+#include "apps/fmp4mux/inputs/libav_module.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/channel_layout.h>
-#include <libavutil/frame.h>
-#include <libavutil/samplefmt.h>
-}
 
 namespace fmp4mux {
 
@@ -114,52 +109,18 @@ std::vector<std::uint8_t> silentLatmFrame(unsigned channels) {
     return frame;
 }
 
-// One frame of silence from libavcodec's encoder `name`: its first packet for silent input, or nothing when the
-// encoder is missing or refuses the parameters.
-std::vector<std::uint8_t> encodedSilence(const char* name, int rate, std::uint64_t channelMask, std::int64_t bitRate) {
-    const AVCodec* codec = avcodec_find_encoder_by_name(name);
-    if (codec == nullptr) return {};
-    const auto freeContext = [](AVCodecContext* c) { avcodec_free_context(&c); };
-    const auto freeFrame = [](AVFrame* f) { av_frame_free(&f); };
-    const auto freePacket = [](AVPacket* p) { av_packet_free(&p); };
-    std::unique_ptr<AVCodecContext, decltype(freeContext)> context(avcodec_alloc_context3(codec), freeContext);
-    std::unique_ptr<AVFrame, decltype(freeFrame)> frame(av_frame_alloc(), freeFrame);
-    std::unique_ptr<AVPacket, decltype(freePacket)> packet(av_packet_alloc(), freePacket);
-    if (!context || !frame || !packet) return {};
-    context->sample_rate = rate;
-    context->bit_rate = bitRate;
-    context->sample_fmt = codec->sample_fmts != nullptr ? codec->sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
-    if (av_channel_layout_from_mask(&context->ch_layout, channelMask) < 0) return {};
-    if (avcodec_open2(context.get(), codec, nullptr) < 0 || context->frame_size <= 0) return {};
-    frame->nb_samples = context->frame_size;
-    frame->format = context->sample_fmt;
-    frame->sample_rate = rate;
-    if (av_channel_layout_copy(&frame->ch_layout, &context->ch_layout) < 0 || av_frame_get_buffer(frame.get(), 0) < 0)
-        return {};
-    av_samples_set_silence(frame->extended_data, 0, frame->nb_samples, context->ch_layout.nb_channels,
-                           context->sample_fmt);
-    // An encoder may hold a frame or two back before its first packet.
-    for (int n = 0; n < 8; ++n) {
-        frame->pts = static_cast<std::int64_t>(n) * context->frame_size;
-        if (avcodec_send_frame(context.get(), frame.get()) < 0) return {};
-        if (avcodec_receive_packet(context.get(), packet.get()) == 0)
-            return std::vector<std::uint8_t>(packet->data, packet->data + packet->size);
-    }
-    return {};
-}
-
 // The channel mask of an AC-3 audio coding mode (1/0 to 3/2) with or without LFE; 0 for dual mono (1+1).
 std::uint64_t ac3Layout(unsigned acmod, bool lfeon) {
     static constexpr std::uint64_t kModes[8] = {0,
-                                                AV_CH_LAYOUT_MONO,
-                                                AV_CH_LAYOUT_STEREO,
-                                                AV_CH_LAYOUT_SURROUND,
-                                                AV_CH_LAYOUT_2_1,
-                                                AV_CH_LAYOUT_4POINT0,
-                                                AV_CH_LAYOUT_2_2,
-                                                AV_CH_LAYOUT_5POINT0};
+                                                speakers::kMono,
+                                                speakers::kStereo,
+                                                speakers::kSurround,
+                                                speakers::kTwoOne,
+                                                speakers::kFourZero,
+                                                speakers::kTwoTwo,
+                                                speakers::kFiveZero};
     const std::uint64_t mask = kModes[acmod & 7];
-    return mask == 0 ? 0 : mask | (lfeon ? AV_CH_LOW_FREQUENCY : 0);
+    return mask == 0 ? 0 : mask | (lfeon ? speakers::kLowFrequency : 0);
 }
 
 // A silent AC-3 or E-AC-3 frame for a stream whose packet starts with `data`, when one that says what its frames
@@ -178,7 +139,7 @@ std::vector<std::uint8_t> silentDolbyFrame(const std::uint8_t* data, std::size_t
     if (layout == 0) return {};
     const auto bitRate = static_cast<std::int64_t>(real->size * 8 * real->rate / (real->blocks * 256));
     std::vector<std::uint8_t> frame =
-        encodedSilence(real->eac3 ? "eac3" : "ac3", static_cast<int>(real->rate), layout, bitRate);
+        libav().encodeSilence(real->eac3 ? "eac3" : "ac3", static_cast<int>(real->rate), layout, bitRate);
     const std::optional<DolbyFrame> made = readDolbyFrame(frame.data(), frame.size());
     const bool same = made && made->size == frame.size() && made->size == real->size && made->eac3 == real->eac3 &&
                       made->strmtyp == 0 && made->fscod == real->fscod && made->blocks == real->blocks &&
@@ -191,7 +152,7 @@ std::vector<std::uint8_t> silentLayer2Frame(const std::uint8_t* data, std::size_
     const std::optional<Layer2Frame> real = readLayer2Frame(data, size);
     if (!real) return {};
     std::vector<std::uint8_t> frame =
-        encodedSilence("mp2", static_cast<int>(real->rate), real->channels == 1 ? AV_CH_LAYOUT_MONO : AV_CH_LAYOUT_STEREO,
+        libav().encodeSilence("mp2", static_cast<int>(real->rate), real->channels == 1 ? speakers::kMono : speakers::kStereo,
                        static_cast<std::int64_t>(kLayer2Kbps[real->bitrateIndex]) * 1000);
     const std::optional<Layer2Frame> made = readLayer2Frame(frame.data(), frame.size());
     const bool same = made && made->size == frame.size() && made->rate == real->rate &&

@@ -74,6 +74,12 @@ public:
     // any thread.
     virtual std::uint64_t packetsLost() const { return 0; }
     virtual std::uint64_t pesDropped() const { return 0; }
+    // Subtitle streams in the input: gaps between cues become empty items of at most `maxGap` (100 ns units), and a
+    // cue that cannot be packaged is named through `warn`. Inputs without subtitle streams ignore it.
+    virtual void setTextHandling(std::int64_t maxGap, std::function<void(const std::string&)> warn) {
+        (void)maxGap;
+        (void)warn;
+    }
     // What else the reader met on the way, for the end of the run ("" when nothing): read after run() returned.
     virtual std::string transportReport() const { return {}; }
 };

@@ -8,7 +8,7 @@
 #include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/audio_silence.h"
 #include "apps/fmp4mux/inputs/damage_guard.h"
-#include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/inputs/kept_stream.h"
 #include "apps/fmp4mux/inputs/reader.h"
 #include "apps/fmp4mux/inputs/timeline_keeper.h"
 #include "apps/fmp4mux/manifests/manifests.h"
@@ -553,7 +553,7 @@ TEST(AudioSilence, LatmSilenceUsesTheConfigurationOfTheStream) {
 // The frames that time a PES of each codec, from headers worked out by hand: AAC (ADTS, 48 kHz, 1 and 2 raw data
 // blocks); AC-3 48 kHz at 384 kbit/s (frmsizecod 28: 768 words); an E-AC-3 dependent substream of 256 words (no
 // samples of its own); MPEG-1 Layer II 256 kbit/s at 44.1 kHz with padding (144 * 256000 / 44100 + 1 = 836 bytes).
-// A frame longer than the bytes left, an MP3 header read as MP2, and a codec without silence read as nothing. A
+// A frame longer than the bytes left, an AC-3 frame size code past the table, an MP3 header read as MP2, and a codec without silence read as nothing. A
 // LOAS frame's rate is in its configuration, not in every frame.
 TEST(AudioSilence, ReadsTheLengthAndSamplesOfEachFrame) {
     struct Case { std::string codec; std::vector<std::uint8_t> header; std::size_t size; fmp4mux::AudioSilence::Frame want; };
@@ -562,6 +562,11 @@ TEST(AudioSilence, ReadsTheLengthAndSamplesOfEachFrame) {
         {"aac", {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFD}, 8, {8, 2048, 48000}},
         {"aac", {0xFF, 0xF1, 0x4C, 0x80, 0x01, 0x1F, 0xFC}, 7, {0, 0, 0}},
         {"ac3", {0x0B, 0x77, 0x00, 0x00, 0x1C, 0x40, 0xE0}, 1536, {1536, 1536, 48000}},
+        // 44.1 kHz (fscod 1): 640 kbit/s is 1393 words (Table 4.13), the odd code 1394; 32 kHz 56 kbit/s 168 words.
+        {"ac3", {0x0B, 0x77, 0x00, 0x00, 0x64, 0x40, 0xE0}, 2786, {2786, 1536, 44100}},
+        {"ac3", {0x0B, 0x77, 0x00, 0x00, 0x65, 0x40, 0xE0}, 2788, {2788, 1536, 44100}},
+        {"ac3", {0x0B, 0x77, 0x00, 0x00, 0x86, 0x40, 0xE0}, 336, {336, 1536, 32000}},
+        {"ac3", {0x0B, 0x77, 0x00, 0x00, 0x26, 0x40, 0xE0}, 4000, {0, 0, 0}},  // frmsizecod 38: none
         {"eac3", {0x0B, 0x77, 0x40, 0xFF, 0x34, 0x80, 0x00}, 512, {512, 0, 48000}},
         {"mp2", {0xFF, 0xFD, 0xC2, 0x00}, 836, {836, 1152, 44100}},
         {"mp2", {0xFF, 0xFB, 0xC2, 0x00}, 836, {0, 0, 0}},

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "apps/fmp4mux/inputs/input.h"
-#include "apps/fmp4mux/inputs/libav_streams.h"
+#include "apps/fmp4mux/libav/libav_streams.h"
 
 namespace fmp4mux {
 
@@ -37,9 +37,7 @@ public:
     const std::string& error() const override { return m_error; }
     std::optional<double> keyFrameInterval(double maxSeconds) override;
     std::optional<std::int64_t> firstKeyFrameTime() const override { return m_firstKey; }
-    // Subtitle streams: gaps between cues become empty items of at most this much (100 ns units), and a cue that
-    // cannot be packaged is named through `warn`.
-    void setTextHandling(std::int64_t maxGap, std::function<void(const std::string&)> warn) {
+    void setTextHandling(std::int64_t maxGap, std::function<void(const std::string&)> warn) override {
         m_maxTextGap = maxGap;
         m_warn = std::move(warn);
     }
@@ -64,9 +62,5 @@ private:
 std::unique_ptr<Input> openProbedTs(std::unique_ptr<ProbedInput> probe, int inputIndex, std::vector<std::string>& skipped,
                                     std::optional<int> program = std::nullopt, std::vector<std::string>* notes = nullptr);
 
-// How much of libavformat's own logging reaches the terminal, by fmp4mux's verbosity (0 errors to 3 debug). Its
-// per-packet complaints (a damaged transport packet, a timestamp it guessed) are counted and summed up by
-// fmp4mux itself, so they appear only from verbosity 3.
-void setLibavVerbosity(int verbosity);
 
 }  // namespace fmp4mux

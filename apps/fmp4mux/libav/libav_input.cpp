@@ -1,4 +1,4 @@
-#include "apps/fmp4mux/inputs/libav_input.h"
+#include "apps/fmp4mux/libav/libav_input.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "apps/fmp4mux/exit_error.h"
-#include "apps/fmp4mux/inputs/libav_streams.h"
+#include "apps/fmp4mux/libav/libav_streams.h"
 #include "apps/fmp4mux/inputs/mapped_file.h"
 #include "apps/fmp4mux/inputs/subtitle_cues.h"
 #include "apps/fmp4mux/inputs/ts_input.h"
@@ -111,7 +111,6 @@ std::unique_ptr<Input> openProbedTs(std::unique_ptr<ProbedInput> probe, int inpu
     return std::make_unique<TsInput>(std::make_unique<ProbedTsSource>(std::move(probe)), std::move(contents));
 }
 
-void setLibavVerbosity(int verbosity) { av_log_set_level(verbosity >= 3 ? AV_LOG_VERBOSE : AV_LOG_FATAL); }
 
 struct LibavInput::Impl {
     AVFormatContext* format = nullptr;

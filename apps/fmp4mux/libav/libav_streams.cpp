@@ -1,4 +1,4 @@
-#include "apps/fmp4mux/inputs/libav_streams.h"
+#include "apps/fmp4mux/libav/libav_streams.h"
 
 #include <algorithm>
 #include <cmath>
