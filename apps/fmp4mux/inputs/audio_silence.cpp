@@ -1,5 +1,6 @@
 #include "apps/fmp4mux/inputs/audio_silence.h"
 
+#include <exception>
 #include <memory>
 #include <optional>
 
@@ -109,6 +110,16 @@ std::vector<std::uint8_t> silentLatmFrame(unsigned channels) {
     return frame;
 }
 
+// One frame of silence from libavcodec's encoder `name`; none when the encoder is missing or refuses the
+// parameters, or its module cannot be loaded (the stream then ends where it stops, as without silence).
+std::vector<std::uint8_t> encodedSilence(const char* name, int rate, std::uint64_t channelMask, std::int64_t bitRate) {
+    try {
+        return libav().encodeSilence(name, rate, channelMask, bitRate);
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
 // The channel mask of an AC-3 audio coding mode (1/0 to 3/2) with or without LFE; 0 for dual mono (1+1).
 std::uint64_t ac3Layout(unsigned acmod, bool lfeon) {
     static constexpr std::uint64_t kModes[8] = {0,
@@ -139,7 +150,7 @@ std::vector<std::uint8_t> silentDolbyFrame(const std::uint8_t* data, std::size_t
     if (layout == 0) return {};
     const auto bitRate = static_cast<std::int64_t>(real->size * 8 * real->rate / (real->blocks * 256));
     std::vector<std::uint8_t> frame =
-        libav().encodeSilence(real->eac3 ? "eac3" : "ac3", static_cast<int>(real->rate), layout, bitRate);
+        encodedSilence(real->eac3 ? "eac3" : "ac3", static_cast<int>(real->rate), layout, bitRate);
     const std::optional<DolbyFrame> made = readDolbyFrame(frame.data(), frame.size());
     const bool same = made && made->size == frame.size() && made->size == real->size && made->eac3 == real->eac3 &&
                       made->strmtyp == 0 && made->fscod == real->fscod && made->blocks == real->blocks &&
@@ -152,7 +163,7 @@ std::vector<std::uint8_t> silentLayer2Frame(const std::uint8_t* data, std::size_
     const std::optional<Layer2Frame> real = readLayer2Frame(data, size);
     if (!real) return {};
     std::vector<std::uint8_t> frame =
-        libav().encodeSilence("mp2", static_cast<int>(real->rate), real->channels == 1 ? speakers::kMono : speakers::kStereo,
+        encodedSilence("mp2", static_cast<int>(real->rate), real->channels == 1 ? speakers::kMono : speakers::kStereo,
                        static_cast<std::int64_t>(kLayer2Kbps[real->bitrateIndex]) * 1000);
     const std::optional<Layer2Frame> made = readLayer2Frame(frame.data(), frame.size());
     const bool same = made && made->size == frame.size() && made->rate == real->rate &&

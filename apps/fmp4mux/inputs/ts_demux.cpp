@@ -68,6 +68,7 @@ struct TsDemux::PidState {
     // Sections: one under way in `buffer`.
     bool collecting = false;
     std::vector<std::uint8_t> buffer;
+    std::size_t typical = 0;  // PES: a running average of the sizes handed on
 };
 
 TsDemux::TsDemux(Callbacks callbacks) : m_callbacks(std::move(callbacks)) { add(kPatPid, PidState::kPat, 0); }
@@ -356,7 +357,10 @@ void TsDemux::emitPes(PidState& s, bool complete) {
     if (size > 0 && m_callbacks.pes) m_callbacks.pes(pes);
     m_buffered -= std::min(m_buffered, size);
     s.buffer.clear();
-    if (s.buffer.capacity() == 0) s.buffer.reserve(size);  // taken: the next PES is likely as large
+    // A buffer taken is replaced by one of twice the usual size, so that a PES a little larger than the last does
+    // not grow it (copying what it holds) packet by packet; a key frame's, many times the usual, still grows.
+    s.typical = s.typical == 0 ? size : (7 * s.typical + size) / 8;
+    if (s.buffer.capacity() == 0) s.buffer.reserve(std::min(2 * s.typical, kMaxPesSize));
 }
 
 // ---- Sections ----
