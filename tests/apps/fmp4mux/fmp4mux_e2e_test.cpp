@@ -491,7 +491,14 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
     fs::create_directories(out);
     fs::copy_file(made(kH264), out / "inside.ts", fs::copy_options::overwrite_existing);
     const std::string to = " " + q(out);
+    // fmp4mux copied without its libavformat module: a TS file needs none; any other input says what is missing.
+    const fs::path alone = dir() / "alone";
+    fs::create_directories(alone);
+    fs::copy_file(FMP4MUX_PATH, alone / "fmp4mux", fs::copy_options::overwrite_existing);
+    const std::string without = q(alone / "fmp4mux") + " -q ";
     const struct { std::string command; int exitCode; std::string message; } cases[] = {
+        {without + source + " " + q(dir() / "alone-ts"), 0, "h264 video 640x360"},
+        {"cat " + source + " | " + without + "- " + q(never), 3, "cannot load the libavformat module " + (alone / "libfmp4mux_libav.so").string()},
         {mux("--bitrate 0:7=100000 " + source + to), 2, "stream 0:7 named by a stream setting does not exist"},
         {mux("--language 0:0=fra " + source + to), 2, "stream 0:0 is video, which has no language"},
         {mux("--name 0:0=same --name 0:1=same " + source + to), 2, "two streams are named 'same'"},
