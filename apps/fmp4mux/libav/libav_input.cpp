@@ -41,7 +41,9 @@ class ProbedTsSource : public TsSource {
 public:
     explicit ProbedTsSource(std::unique_ptr<ProbedInput> probe) : m_probe(std::move(probe)) {
         m_recorded = m_probe->takeRecording();
-        if (!m_probe->live()) m_mapped = MappedFile::open(m_probe->url(), m_recorded.size());
+        if (!m_probe->live())
+            if (auto file = MappedFile::open(m_probe->url(), m_recorded.size()))
+                m_mapped = std::make_unique<MappedTsSource>(std::move(file));
         if (!m_mapped) m_block.resize(kBlock);
     }
     Status next(const std::uint8_t*& data, std::size_t& size, std::string& error) override {
@@ -52,14 +54,7 @@ public:
             return Status::Data;
         }
         if (!m_recorded.empty()) std::vector<std::uint8_t>().swap(m_recorded);  // all handed, and read by now
-        if (m_mapped) {
-            const MappedFile::Bytes bytes = m_mapped->next();
-            data = bytes.data;
-            size = bytes.size;
-            if (size > 0) return Status::Data;
-            error = m_mapped->error();
-            return error.empty() ? Status::End : Status::Failed;
-        }
+        if (m_mapped) return m_mapped->next(data, size, error);
         AVIOContext* source = m_probe->source();
         // A live source hands on what has come; a file fills the block.
         const int got = m_probe->live() ? avio_read_partial(source, m_block.data(), static_cast<int>(m_block.size()))
@@ -84,7 +79,7 @@ private:
     std::unique_ptr<ProbedInput> m_probe;
     std::vector<std::uint8_t> m_recorded;
     std::size_t m_recordedFed = 0;
-    std::unique_ptr<MappedFile> m_mapped;
+    std::unique_ptr<MappedTsSource> m_mapped;
     std::vector<std::uint8_t> m_block;
 };
 }  // namespace
