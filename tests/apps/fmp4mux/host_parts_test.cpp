@@ -258,6 +258,32 @@ TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
 // six blocks at 48 kHz, independent (strmtyp 0) or dependent (1), bsid 16. LOAS frames (ISO/IEC 14496-3 1.7) of 12
 // bytes: with a StreamMuxConfig of version 0 whose AudioSpecificConfig is AAC-LC 48 kHz stereo (11 90) or HE-AAC
 // with a 24 kHz core and 48 kHz played (2B 11 88), or referring to the one before (useSameStreamMux, 80).
+// The read-ahead: with video it stops at the fourth key frame (every 2 s here) and gives their median interval;
+// without, after 4 s of a stream. Rates come from bytes over time for the streams that had none, by 100 kB packets
+// every 0.5 s (1.6 Mb/s) of stream 0 and 2 kB every 0.1 s (160 kb/s) of stream 1.
+TEST(KeyFrameMeter, StopsAtTheFourthKeyFrameOrAfterFourSecondsAndMeasuresTheUnknownRates) {
+    for (const bool video : {true, false}) {
+        SCOPED_TRACE(video);
+        KeyFrameMeter meter(2, video ? std::optional<std::size_t>(0) : std::nullopt, 20.0);
+        int packets = 0;
+        for (int tenth = 0; meter.wantsMore() && tenth < 200; ++tenth, ++packets) {
+            const double seconds = tenth / 10.0;
+            if (tenth % 5 == 0)
+                meter.add(0, 100000, seconds, std::int64_t{tenth} * 1000000, [&] { return tenth % 20 == 0; });
+            else
+                meter.add(1, 2000, seconds, std::int64_t{tenth} * 1000000, [] { return false; });
+        }
+        // Key frames at 0, 2, 4 and 6 s; or stream 1, from 0.1 s, spans more than 4 s at 4.2 s.
+        EXPECT_EQ(packets, video ? 61 : 43);
+        EXPECT_EQ(meter.interval(), video ? std::optional<double>(2.0) : std::nullopt);
+        std::vector<StreamInfo> streams(2);
+        streams[1].bitrate = 96000;  // told by the input: kept
+        meter.measureBitrates(streams);
+        EXPECT_EQ(streams[0].bitrate, video ? 100000 * 13 * 8 / 6 : 100000 * 9 * 8 / 4);
+        EXPECT_EQ(streams[1].bitrate, 96000);
+    }
+}
+
 TEST(FrameRun, CountsWholeFramesOfOneLengthAndWhereTheFirstOnesEnd) {
     using fmp4mux::Framing;
     const auto frame = [](std::vector<std::uint8_t> head, std::size_t size) {
