@@ -2,19 +2,23 @@
 
 #include <algorithm>
 #include <array>
+#include <string_view>
 
 #include "apps/fmp4mux/exit_error.h"
 #include "apps/fmp4mux/inputs/adts.h"
 #include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/mapped_file.h"
 #include "filter/mux_fmp4_filter/pins.h"
+#include "packaging/fmp4_types/stream_type.h"
 
 namespace fmp4mux {
 
 namespace {
 // The packager's stream types.
-constexpr std::uint32_t kMpeg1Audio = 1, kH264 = 2, kDolby = 3, kAdts = 4, kLatm = 5, kScte35 = 12, kHevc = 17,
-                        kNone = 0xFFFFFFFFu;
+namespace types = tvrn::encoding::packaging::imff::fmp4;
+constexpr std::uint32_t kMpeg1Audio = types::MPEG1_AUDIO, kH264 = types::H264_VIDEO, kDolby = types::AC3_AUDIO,
+                        kAdts = types::AAC_ADTS_AUDIO, kLatm = types::AAC_LATM_AUDIO, kScte35 = types::SCTE_35,
+                        kHevc = types::HEVC_VIDEO, kNone = types::STREAM_TYPE_UNSET;
 
 struct Type {
     const char* codec = "";
@@ -121,7 +125,7 @@ void TsProbe::note() {
     for (const TsDemux::Program& program : m_demux.programs())
         for (const TsDemux::Stream& stream : program.streams)
             if (std::none_of(m_found.begin(), m_found.end(), [&](const Found& f) { return f.stream.pid == stream.pid; }))
-                m_found.push_back({program.number, stream});
+                m_found.push_back({program.number, stream, typeOf(stream.streamType, stream.descriptors).media});
 }
 
 void TsProbe::look(const TsDemux::Pes& pes) {
@@ -176,8 +180,7 @@ bool TsProbe::enough() const {
         std::any_of(programs.begin(), programs.end(), [](const TsDemux::Program& p) { return p.version < 0; }))
         return false;
     for (const Found& found : m_found) {
-        const std::string media = typeOf(found.stream.streamType, found.stream.descriptors).media;
-        if (media != "video" && media != "audio") continue;
+        if (found.media != std::string_view("video") && found.media != std::string_view("audio")) continue;
         const auto it = m_seen.find(found.stream.pid);
         if (it == m_seen.end() || !it->second.looked) return false;
     }

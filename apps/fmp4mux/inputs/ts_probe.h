@@ -52,6 +52,7 @@ private:
     struct Found {  // a PMT entry, in the order of first appearance
         std::uint16_t program = 0;
         TsDemux::Stream stream;
+        const char* media = "data";  // video, audio, subtitle or data, by its type
     };
 
     TsDemux m_demux;
