@@ -14,7 +14,7 @@ std::size_t Sample::getSize() const {
 void Sample::getData(std::uint8_t* dest) const {
     for (const auto& nal : nals) {
         if (nal->capacity <= 0 || nal->length == 0) continue;
-        std::memcpy(dest, nal->bytes(), nal->length);
+        nal->writeTo(dest);
         dest += nal->length;
     }
 }

@@ -77,6 +77,12 @@ public:
         length = static_cast<std::uint32_t>(total);
         writePosition = data.data() + data.size();
     }
+    // A unit over `size` bytes of an input buffer, which `keep` holds alive for as long as the unit: nothing is
+    // copied, and the input buffer is never written (it may be the host's). Writing the unit (writableBytes)
+    // first copies it into storage of its own.
+    NAL(std::int32_t streamType, const std::uint8_t* bytes, std::uint32_t size, MediaDataRef keep)
+        : type(streamType), capacity(static_cast<std::int32_t>(size)), writePosition(nullptr), length(size),
+          m_borrowed(bytes), m_borrowedSize(size), m_keep(std::move(keep)) {}
     NAL(const NAL&) = delete;
     NAL& operator=(const NAL&) = delete;
     virtual ~NAL() = default;
@@ -88,14 +94,52 @@ public:
         writePosition += count;
         length += static_cast<std::uint32_t>(count);
     }
-    const std::uint8_t* bytes() const { return data.data() + unitStart; }
-    std::uint8_t* bytes() { return data.data() + unitStart; }
+    // The unit's `length` bytes. A unit over an input buffer whose start code is to be written as a length
+    // (replaceStartCodeWithLength) is copied into storage of its own here; writeTo writes it without that copy.
+    const std::uint8_t* bytes() const {
+        if (m_borrowed == nullptr) return data.data() + unitStart;
+        if (m_lengthFor != 0) own();
+        return m_borrowed != nullptr ? m_borrowed : data.data() + unitStart;
+    }
+    // The unit's bytes to be changed in place.
+    std::uint8_t* writableBytes() {
+        if (m_borrowed != nullptr) own();
+        return data.data() + unitStart;
+    }
+    // Writes the unit's `length` bytes at `dest`.
+    void writeTo(std::uint8_t* dest) const {
+        if (m_borrowed == nullptr) {
+            if (length > 0) std::memcpy(dest, data.data() + unitStart, length);
+            return;
+        }
+        std::uint32_t from = 0;
+        if (m_lengthFor != 0) {
+            const std::uint32_t size = length - 4;
+            dest[0] = static_cast<std::uint8_t>(size >> 24);
+            dest[1] = static_cast<std::uint8_t>(size >> 16);
+            dest[2] = static_cast<std::uint8_t>(size >> 8);
+            dest[3] = static_cast<std::uint8_t>(size);
+            dest += 4;
+            from = m_lengthFor;
+        }
+        if (m_borrowedSize > from) std::memcpy(dest, m_borrowed + from, m_borrowedSize - from);
+    }
+    bool borrowed() const { return m_borrowed != nullptr; }
 
     // Turns a unit that starts with a start code of `startCodeLength` bytes into the same unit with a 4-byte
-    // big-endian length in front, in place. Possible when the start code and the headroom before it hold 4 bytes.
+    // big-endian length in front: in place when the start code and the headroom before it hold 4 bytes; for a
+    // unit over an input buffer, as it is written out. False when neither is possible.
     bool replaceStartCodeWithLength(std::uint32_t startCodeLength) {
-        if (startCodeLength > length || unitStart + startCodeLength < 4) return false;
+        if (startCodeLength > length) return false;
         const std::uint32_t size = length - startCodeLength;
+        if (m_borrowed != nullptr) {
+            if (m_lengthFor != 0 || startCodeLength == 0) return false;
+            m_lengthFor = startCodeLength;
+            length = size + 4;
+            capacity = static_cast<std::int32_t>(length);
+            return true;
+        }
+        if (unitStart + startCodeLength < 4) return false;
         unitStart = unitStart + startCodeLength - 4;
         std::uint8_t* p = data.data() + unitStart;
         p[0] = static_cast<std::uint8_t>(size >> 24);
@@ -114,6 +158,26 @@ public:
     std::uint8_t* writePosition;
     std::uint32_t length = 0;
     NalTimingInfo timing{};
+
+private:
+    // Copies a unit over an input buffer into `data`, as it is written out, and lets the input buffer go.
+    void own() const {
+        std::vector<std::uint8_t> copy(length);
+        writeTo(copy.data());
+        auto& self = const_cast<NAL&>(*this);
+        self.data = std::move(copy);
+        self.unitStart = 0;
+        self.writePosition = self.data.data() + self.data.size();
+        self.m_borrowed = nullptr;
+        self.m_borrowedSize = 0;
+        self.m_lengthFor = 0;
+        self.m_keep = {};
+    }
+
+    const std::uint8_t* m_borrowed = nullptr;  // the unit's bytes in an input buffer, or null when in `data`
+    std::uint32_t m_borrowedSize = 0;
+    std::uint32_t m_lengthFor = 0;  // bytes of start code written out as a 4-byte length instead
+    MediaDataRef m_keep;
 };
 
 // A NAL with its type fixed.

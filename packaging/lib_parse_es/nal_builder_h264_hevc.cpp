@@ -55,14 +55,24 @@ const std::uint8_t* findZeroPair(const std::uint8_t* data, std::size_t size) {
     return nullptr;
 }
 
-std::unique_ptr<NAL> NALBuilderH264_HEVC::makeNal(Pieces pieces) {
-    if (m_isHevc) return std::make_unique<NALHEVC>(pieces);
-    return std::make_unique<NALH264>(pieces);
+namespace {
+
+template <typename Unit>
+std::unique_ptr<NAL> unitOf(std::span<const std::span<const std::uint8_t>> pieces, IMediaData* keep) {
+    if (keep != nullptr && pieces.size() == 1) return std::make_unique<Unit>(pieces[0], MediaDataRef(keep));
+    return std::make_unique<Unit>(pieces);
 }
 
-std::unique_ptr<NAL> NALBuilderH264::makeNal(Pieces pieces) { return std::make_unique<NALH264>(pieces); }
+}  // namespace
 
-std::unique_ptr<NAL> NALBuilderHEVC::makeNal(Pieces pieces) { return std::make_unique<NALHEVC>(pieces); }
+std::unique_ptr<NAL> NALBuilderH264_HEVC::makeNal(Pieces pieces, IMediaData* keep) {
+    if (m_isHevc) return unitOf<NALHEVC>(pieces, keep);
+    return unitOf<NALH264>(pieces, keep);
+}
+
+std::unique_ptr<NAL> NALBuilderH264::makeNal(Pieces pieces, IMediaData* keep) { return unitOf<NALH264>(pieces, keep); }
+
+std::unique_ptr<NAL> NALBuilderHEVC::makeNal(Pieces pieces, IMediaData* keep) { return unitOf<NALHEVC>(pieces, keep); }
 
 void NALBuilderH264_HEVC::push(IMediaData* data) {
     if (data == nullptr) return;
@@ -146,13 +156,18 @@ std::unique_ptr<NAL> NALBuilderH264_HEVC::assemble(std::size_t endIndex, std::ui
     length = length + endOffset - m_unitStart;
     if (length > 0x7FFFFFFFu) return nullptr;  // beyond what a unit can hold: dropped
     m_pieces.clear();
+    IMediaData* holder = nullptr;
     for (std::size_t i = 0; i <= endIndex; ++i) {
         const QueuedBuffer& buffer = m_queue[i];
         const std::uint32_t from = i == 0 ? m_unitStart : 0;
         const std::uint32_t to = i == endIndex ? endOffset : buffer.size;
-        if (to > from) m_pieces.emplace_back(buffer.bytes + from, to - from);
+        if (to > from) {
+            m_pieces.emplace_back(buffer.bytes + from, to - from);
+            holder = buffer.data.get();
+        }
     }
-    std::unique_ptr<NAL> unit = makeNal(m_pieces);
+    // A unit within one buffer refers to it; one that runs over buffers is copied together.
+    std::unique_ptr<NAL> unit = makeNal(m_pieces, m_pieces.size() == 1 ? holder : nullptr);
     // Every unit takes the timing of the buffer it starts in, and nothing from those it runs into.
     if (m_queue.front().timingPending) takeBufferTiming(*m_queue.front().data, unit->timing, false);
     return unit;

@@ -25,9 +25,10 @@ public:
     bool isHevc() const { return m_isHevc; }
 
 protected:
-    // The unit object of this codec, holding a copy of the pieces.
+    // The unit object of this codec: over the input buffer `keep` when that is given (the unit is one piece of
+    // it), otherwise holding a copy of the pieces.
     using Pieces = std::span<const std::span<const std::uint8_t>>;
-    virtual std::unique_ptr<NAL> makeNal(Pieces pieces);
+    virtual std::unique_ptr<NAL> makeNal(Pieces pieces, IMediaData* keep);
 
 private:
     enum : std::uint32_t { kNoUnit = 0xFFFFFFFFu };
@@ -53,7 +54,7 @@ public:
     NALBuilderH264() : NALBuilderH264_HEVC(false) {}
 
 protected:
-    std::unique_ptr<NAL> makeNal(Pieces pieces) override;
+    std::unique_ptr<NAL> makeNal(Pieces pieces, IMediaData* keep) override;
 };
 
 class NALBuilderHEVC : public NALBuilderH264_HEVC {
@@ -61,7 +62,7 @@ public:
     NALBuilderHEVC() : NALBuilderH264_HEVC(true) {}
 
 protected:
-    std::unique_ptr<NAL> makeNal(Pieces pieces) override;
+    std::unique_ptr<NAL> makeNal(Pieces pieces, IMediaData* keep) override;
 };
 
 }  // namespace v2

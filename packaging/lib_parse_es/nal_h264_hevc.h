@@ -17,6 +17,8 @@ public:
     NALH264_HEVC(std::int32_t streamType, std::int32_t size, bool isHevc) : NAL(streamType, size), m_isHevc(isHevc) {}
     NALH264_HEVC(std::int32_t streamType, std::span<const std::span<const std::uint8_t>> pieces, bool isHevc)
         : NAL(streamType, pieces, kLengthHeadroom), m_isHevc(isHevc) {}
+    NALH264_HEVC(std::int32_t streamType, std::span<const std::uint8_t> bytes, MediaDataRef keep, bool isHevc)
+        : NAL(streamType, bytes.data(), static_cast<std::uint32_t>(bytes.size()), std::move(keep)), m_isHevc(isHevc) {}
     // One byte before the unit: with a 3-byte start code, room for the 4-byte length that replaces it in a sample.
     static constexpr std::uint32_t kLengthHeadroom = 1;
 
@@ -42,6 +44,8 @@ public:
     explicit NALH264(std::int32_t size) : NALH264_HEVC(StreamType::H264_VIDEO, size, false) {}
     explicit NALH264(std::span<const std::span<const std::uint8_t>> pieces)
         : NALH264_HEVC(StreamType::H264_VIDEO, pieces, false) {}
+    NALH264(std::span<const std::uint8_t> bytes, MediaDataRef keep)
+        : NALH264_HEVC(StreamType::H264_VIDEO, bytes, std::move(keep), false) {}
 };
 
 class NALHEVC : public NALH264_HEVC {
@@ -49,6 +53,8 @@ public:
     explicit NALHEVC(std::int32_t size) : NALH264_HEVC(StreamType::HEVC_VIDEO, size, true) {}
     explicit NALHEVC(std::span<const std::span<const std::uint8_t>> pieces)
         : NALH264_HEVC(StreamType::HEVC_VIDEO, pieces, true) {}
+    NALHEVC(std::span<const std::uint8_t> bytes, MediaDataRef keep)
+        : NALH264_HEVC(StreamType::HEVC_VIDEO, bytes, std::move(keep), true) {}
 };
 
 // The offset of the first byte after a leading run of zeros and one 01 (the start code); for data without

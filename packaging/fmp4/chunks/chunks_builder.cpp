@@ -145,7 +145,7 @@ void ChunksBuilder::updateKeyAndEncrypt(const SegmentChunks& segments) {
             samples.push_back(sample->sample().get());
             nals.emplace_back();
             for (const auto& nal : samples.back()->nals)
-                if (nal->capacity > 0 && nal->length > 0) nals.back().emplace_back(nal->bytes(), nal->length);
+                if (nal->capacity > 0 && nal->length > 0) nals.back().emplace_back(nal->writableBytes(), nal->length);
         }
         const std::vector<encryption::SampleNals> lists(nals.begin(), nals.end());
         std::vector<std::optional<imff_box::SampleEncryptionInfo>> infos;

@@ -39,6 +39,8 @@ TEST(AnnexBBuilder, UnitsTakeTheTimingOfTheBufferTheyStartIn) {
     }
     // The second unit spans three buffers and keeps the first one's time.
     EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0xAA, 0xBB, 0xCC}));
+    EXPECT_TRUE(collector.nals[0]->borrowed());
+    EXPECT_FALSE(collector.nals[1]->borrowed());  // copied together from its three buffers
     builder.flush();
     ASSERT_EQ(collector.nals.size(), 3u);
     EXPECT_EQ(collector.nals[2]->timing.time90kHz(), 2700);
@@ -50,6 +52,39 @@ TEST(AnnexBBuilder, UnitsTakeTheTimingOfTheBufferTheyStartIn) {
     builder.flush();
     ASSERT_EQ(collector.nals.size(), 4u);
     EXPECT_FALSE(collector.nals[3]->timing.hasTime || collector.nals[3]->timing.hasMediaTime);
+}
+
+TEST(AnnexBBuilder, UnitsWithinOneBufferReferToItAndNeverWriteIt) {
+    const Bytes stream = {0x00, 0x00, 0x00, 0x01, 0x09, 0xF0, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84,
+                          0x00, 0x00, 0x00, 0x01, 0x41, 0x9A};
+    auto buffer = makeBuffer(stream);
+    NalCollector collector;
+    {
+        NALBuilderH264 builder;
+        builder.setListener(&collector);
+        builder.push(buffer.get());
+        builder.flush();
+    }
+    buffer = {};  // the units alone keep the input alive now
+    ASSERT_EQ(collector.nals.size(), 3u);
+    const std::uint8_t* input = collector.nals[0]->bytes();
+    // As a sample writes them: each start code, of 4 or 3 bytes, becomes the 4-byte length of what follows.
+    const std::uint32_t codes[] = {4, 3, 4};
+    const Bytes written[] = {{0, 0, 0, 2, 0x09, 0xF0}, {0, 0, 0, 3, 0x65, 0x88, 0x84}, {0, 0, 0, 2, 0x41, 0x9A}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        es::NAL& unit = *collector.nals[i];
+        EXPECT_TRUE(unit.borrowed());
+        ASSERT_TRUE(unit.replaceStartCodeWithLength(codes[i]));
+        ASSERT_EQ(unit.length, written[i].size());
+        Bytes out(unit.length);
+        unit.writeTo(out.data());
+        EXPECT_EQ(out, written[i]) << "unit " << i;
+    }
+    // Encrypting a unit writes a copy of its own; the input, which the first unit still holds, is untouched.
+    collector.nals[1]->writableBytes()[4] = 0xEE;
+    EXPECT_FALSE(collector.nals[1]->borrowed());
+    EXPECT_EQ(collector.bytesOf(1), (Bytes{0, 0, 0, 3, 0xEE, 0x88, 0x84}));
+    EXPECT_EQ(Bytes(input, input + 18), stream);
 }
 
 TEST(AnnexBBuilder, FlushWithoutUnitOnlyEndsAndBuilderIsReusable) {
