@@ -127,7 +127,7 @@ MappedFile::Bytes MappedFile::next(std::size_t window) {
     const std::size_t skip = static_cast<std::size_t>(m_offset - start);
     window = (std::max<std::size_t>(window, 1) + g_page - 1) & ~(g_page - 1);
     const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(window, size - start));
-    void* map = mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_POPULATE, m_fd, static_cast<off_t>(start));
+    void* map = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, m_fd, static_cast<off_t>(start));
     if (map == MAP_FAILED) {
         m_error = std::strerror(errno);
         return {};

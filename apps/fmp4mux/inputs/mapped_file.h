@@ -35,7 +35,7 @@ public:
     // Why the last next() found nothing when the file could not be read ("" at its end).
     const std::string& error() const { return m_error; }
 
-    static constexpr std::size_t kWindow = 2u << 20;
+    static constexpr std::size_t kWindow = 8u << 20;
 
 private:
     MappedFile(int fd, std::uint64_t offset) : m_fd(fd), m_offset(offset) {}
