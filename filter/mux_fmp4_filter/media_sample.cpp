@@ -21,13 +21,19 @@ SampleRef<COOBMediaSample> COOBMediaSample::createUninitialised(std::size_t size
     return SampleRef<COOBMediaSample>::adopt(sample);
 }
 
-COwnedMediaSample::COwnedMediaSample(std::vector<std::uint8_t>&& bytes) : m_bytes(std::move(bytes)) {
+COwnedMediaSample::COwnedMediaSample(std::vector<std::uint8_t>&& bytes, std::shared_ptr<ByteRecycler> recycler)
+    : m_bytes(std::move(bytes)), m_recycler(std::move(recycler)) {
     m_size = m_bytes.size();
     m_actualLength = static_cast<long>(m_bytes.size());
 }
 
-SampleRef<COOBMediaSample> COwnedMediaSample::adopt(std::vector<std::uint8_t>&& bytes) {
-    return SampleRef<COOBMediaSample>::adopt(new COwnedMediaSample(std::move(bytes)));
+COwnedMediaSample::~COwnedMediaSample() {
+    if (m_recycler) m_recycler->recycle(std::move(m_bytes));
+}
+
+SampleRef<COOBMediaSample> COwnedMediaSample::adopt(std::vector<std::uint8_t>&& bytes,
+                                                    std::shared_ptr<ByteRecycler> recycler) {
+    return SampleRef<COOBMediaSample>::adopt(new COwnedMediaSample(std::move(bytes), std::move(recycler)));
 }
 
 HRESULT COwnedMediaSample::GetPointer(std::uint8_t** buffer) {

@@ -142,15 +142,27 @@ protected:
     std::map<std::uint32_t, std::vector<std::uint8_t>> m_metadata;
 };
 
+// Takes back the bytes of an owned sample when the sample goes, to hand them out again.
+class ByteRecycler {
+public:
+    virtual ~ByteRecycler() = default;
+    // Called from whichever thread releases the sample last.
+    virtual void recycle(std::vector<std::uint8_t>&& bytes) = 0;
+};
+
 // A sample over bytes its creator hands over (a demultiplexer's reassembled packet), taken as they are: no copy.
+// With a recycler, the bytes go back to it when the sample goes.
 class COwnedMediaSample final : public COOBMediaSample {
 public:
-    static SampleRef<COOBMediaSample> adopt(std::vector<std::uint8_t>&& bytes);
+    static SampleRef<COOBMediaSample> adopt(std::vector<std::uint8_t>&& bytes,
+                                            std::shared_ptr<ByteRecycler> recycler = {});
+    ~COwnedMediaSample() override;
     HRESULT GetPointer(std::uint8_t** buffer) override;
 
 private:
-    explicit COwnedMediaSample(std::vector<std::uint8_t>&& bytes);
+    COwnedMediaSample(std::vector<std::uint8_t>&& bytes, std::shared_ptr<ByteRecycler> recycler);
     std::vector<std::uint8_t> m_bytes;
+    std::shared_ptr<ByteRecycler> m_recycler;
 };
 
 class MemAllocator;

@@ -284,7 +284,7 @@ bool Packager::keyServerDown() const {
 void Packager::deliver(int stream, Packet& packet) {
     // Bytes the packet owns whole go into the sample as they are; bytes it only points to are copied.
     const bool whole = !packet.owned.empty() && packet.data == packet.owned.data() && packet.size == packet.owned.size();
-    auto sample = whole ? flt::COwnedMediaSample::adopt(std::move(packet.owned))
+    auto sample = whole ? flt::COwnedMediaSample::adopt(std::move(packet.owned), std::move(packet.recycler))
                         : flt::COOBMediaSample::createUninitialised(packet.size);
     if (whole) {
         packet.data = nullptr;

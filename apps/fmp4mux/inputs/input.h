@@ -4,9 +4,14 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace tvrn::encoding::filter {
+class ByteRecycler;
+}
 
 namespace fmp4mux {
 
@@ -29,6 +34,8 @@ struct Packet {
     const std::uint8_t* data = nullptr;
     std::size_t size = 0;
     std::vector<std::uint8_t> owned;
+    // Where `owned` goes back once the packager is done with it (optional).
+    std::shared_ptr<tvrn::encoding::filter::ByteRecycler> recycler;
     std::optional<std::int64_t> pts;  // 100 ns units
     std::optional<std::int64_t> dts;
     std::int64_t duration = 0;        // 100 ns units, 0 when unknown

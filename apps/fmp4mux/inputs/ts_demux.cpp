@@ -360,7 +360,11 @@ void TsDemux::emitPes(PidState& s, bool complete) {
     // A buffer taken is replaced by one of twice the usual size, so that a PES a little larger than the last does
     // not grow it (copying what it holds) packet by packet; a key frame's, many times the usual, still grows.
     s.typical = s.typical == 0 ? size : (7 * s.typical + size) / 8;
-    if (s.buffer.capacity() == 0) s.buffer.reserve(std::min(2 * s.typical, kMaxPesSize));
+    if (s.buffer.capacity() == 0) {
+        const std::size_t room = std::min(2 * s.typical, kMaxPesSize);
+        if (m_callbacks.buffer) s.buffer = m_callbacks.buffer(room);
+        else s.buffer.reserve(room);
+    }
 }
 
 // ---- Sections ----

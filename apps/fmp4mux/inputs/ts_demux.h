@@ -78,6 +78,9 @@ public:
         // A PID of PES or sections that no PMT lists any more (or lists with another stream type): nothing more
         // of it comes, until a PMT lists it again.
         std::function<void(std::uint16_t pid)> gone;
+        // An empty buffer with room for at least the bytes given, for the next PES of a PID whose buffer the pes
+        // callback took (optional: a new one otherwise).
+        std::function<std::vector<std::uint8_t>(std::size_t)> buffer;
     };
 
     explicit TsDemux(Callbacks callbacks);

@@ -45,7 +45,8 @@ TsInput::TsInput(std::unique_ptr<TsSource> source, TsContents contents)
               end.stream = static_cast<std::size_t>(stream);
               end.ended = true;
               take(end);
-          }}) {
+          },
+          [pool = m_buffers](std::size_t size) { return pool->take(size); }}) {
     m_pidToStream.fill(-1);
     for (KeptStream& stream : contents.kept) {
         m_pidToStream[static_cast<std::size_t>(stream.id) & 0x1FFF] = static_cast<int>(m_kept.size());
@@ -126,6 +127,7 @@ void TsInput::deliver(const Unit& unit) {
     } else if (unit.buffer != nullptr) {
         // The PES buffer itself goes on, into the packager: no copy.
         out.owned.swap(*unit.buffer);
+        out.recycler = m_buffers;
         out.data = out.owned.data();
         out.size = out.owned.size();
     } else {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/fmp4mux/inputs/byte_pool.h"
 #include "apps/fmp4mux/inputs/input.h"
 #include "apps/fmp4mux/inputs/kept_stream.h"
 #include "apps/fmp4mux/inputs/mapped_file.h"
@@ -93,6 +94,7 @@ private:
     bool feed(bool& failed);
 
     std::unique_ptr<TsSource> m_source;
+    std::shared_ptr<BytePool> m_buffers = std::make_shared<BytePool>();  // the PES buffers, back from the packager
     TsDemux m_demux;
     std::vector<StreamInfo> m_streams;
     std::vector<KeptStream> m_kept;

@@ -82,7 +82,7 @@ constexpr std::array<int, 8> kDolbyChannels{2, 1, 2, 3, 3, 4, 4, 5};  // by acmo
 }  // namespace
 
 TsProbe::TsProbe()
-    : m_demux(TsDemux::Callbacks{[this](const TsDemux::Pes& pes) { look(pes); }, nullptr, nullptr}) {}
+    : m_demux(TsDemux::Callbacks{[this](const TsDemux::Pes& pes) { look(pes); }, nullptr, nullptr, nullptr}) {}
 
 bool TsProbe::push(const std::uint8_t* data, std::size_t size) {
     if (!m_plain) {

@@ -7,6 +7,7 @@
 #include "apps/fmp4mux/cli/options.h"
 #include "apps/fmp4mux/inputs/audio_frames.h"
 #include "apps/fmp4mux/inputs/audio_silence.h"
+#include "apps/fmp4mux/inputs/byte_pool.h"
 #include "apps/fmp4mux/inputs/damage_guard.h"
 #include "apps/fmp4mux/inputs/kept_stream.h"
 #include "apps/fmp4mux/inputs/reader.h"
@@ -261,6 +262,32 @@ TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
 // The read-ahead: with video it stops at the fourth key frame (every 2 s here) and gives their median interval;
 // without, after 4 s of a stream. Rates come from bytes over time for the streams that had none, by 100 kB packets
 // every 0.5 s (1.6 Mb/s) of stream 0 and 2 kB every 0.1 s (160 kb/s) of stream 1.
+TEST(BytePool, HandsBackTheSmallestKeptBufferThatFitsAndKeepsNoMoreThanItsBounds) {
+    fmp4mux::BytePool pool;
+    const auto buffer = [](std::size_t capacity) {
+        std::vector<std::uint8_t> bytes(capacity / 2, 7);
+        bytes.reserve(capacity);
+        return bytes;
+    };
+    for (const std::size_t capacity : {4000u, 1000u, 100000u, 2000u}) pool.recycle(buffer(capacity));
+    pool.recycle({});  // nothing to keep
+    EXPECT_EQ(pool.keptBuffers(), 4u);
+    // Wanted size -> capacity handed: a kept one, or a new one of the size when none fits within four times it.
+    const std::pair<std::size_t, std::size_t> takes[] = {{1500, 2000}, {900, 1000},      {20000, 20000},
+                                                         {30000, 100000}, {900, 900}, {1000, 4000}};
+    for (const auto& [size, capacity] : takes) {
+        const auto bytes = pool.take(size);
+        EXPECT_TRUE(bytes.empty());
+        EXPECT_EQ(bytes.capacity(), capacity) << size;
+    }
+    EXPECT_EQ(pool.keptBuffers(), 0u);
+    for (std::size_t i = 0; i < fmp4mux::BytePool::kMaxKept + 5; ++i) pool.recycle(buffer(1024));
+    EXPECT_EQ(pool.keptBuffers(), fmp4mux::BytePool::kMaxKept);
+    fmp4mux::BytePool bytesBound;
+    for (int i = 0; i < 3; ++i) bytesBound.recycle(buffer(fmp4mux::BytePool::kMaxBytes / 2));
+    EXPECT_EQ(bytesBound.keptBuffers(), 2u);
+}
+
 TEST(KeyFrameMeter, StopsAtTheFourthKeyFrameOrAfterFourSecondsAndMeasuresTheUnknownRates) {
     for (const bool video : {true, false}) {
         SCOPED_TRACE(video);

@@ -122,7 +122,8 @@ TEST_P(TsDemuxCases, GiveWhatTheBytesHold) {
                                          static_cast<long long>(s.clock.value_or(-1)));
                            out.push_back(text);
                        },
-                       [&](std::uint16_t pid) { out.push_back("gone " + std::to_string(pid)); }});
+                       [&](std::uint16_t pid) { out.push_back("gone " + std::to_string(pid)); },
+                       nullptr});
         for (std::size_t at = 0; at < input.size(); at += piece)
             demux.push(input.data() + at, std::min(piece, input.size() - at));
         demux.finish();
