@@ -10,8 +10,13 @@
 namespace tvrn::encoding::packaging::lib_parse_es {
 inline namespace v2 {
 
-// The first position p in [data, data + size) with p[0] == 0 and p[1] == 0, or null.
+// The first position p in [data, data + size) with p[0] == 0 and p[1] == 0, or null: with the widest vectors
+// the processor has. The others are there to be compared with it.
 const std::uint8_t* findZeroPair(const std::uint8_t* data, std::size_t size);
+const std::uint8_t* findZeroPairSse2(const std::uint8_t* data, std::size_t size);
+#if defined(__x86_64__)
+const std::uint8_t* findZeroPairAvx2(const std::uint8_t* data, std::size_t size);
+#endif
 
 class NALBuilderH264_HEVC : public NALBuilder {
 public:

@@ -14,7 +14,7 @@ namespace fmp4mux {
 class BytePool final : public tvrn::encoding::filter::ByteRecycler {
 public:
     // At most this many buffers, and this many bytes of capacity, wait in the pool; more are freed.
-    static constexpr std::size_t kMaxKept = 64;
+    static constexpr std::size_t kMaxKept = 512;
     static constexpr std::size_t kMaxBytes = 16u << 20;
 
     // An empty buffer with room for `size` bytes: a kept one whose capacity is at least that and at most four

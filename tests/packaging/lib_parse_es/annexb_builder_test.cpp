@@ -114,10 +114,14 @@ TEST(AnnexBBuilder, FlushWithoutUnitOnlyEndsAndBuilderIsReusable) {
 }
 
 TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
-    // Lone zeros everywhere and one pair placed at every position, across the 64- and 16-byte blocks of the
-    // fast search and its byte-wise tail.
+    // Lone zeros everywhere and one pair placed at every position, across the 128-, 64- and 16-byte blocks of
+    // the vector searches and their byte-wise tail; the AVX2 one where the processor has it.
+    std::vector<const std::uint8_t* (*)(const std::uint8_t*, std::size_t)> searches{es::findZeroPair, es::findZeroPairSse2};
+#if defined(__x86_64__)
+    if (__builtin_cpu_supports("avx2")) searches.push_back(es::findZeroPairAvx2);
+#endif
     std::uint32_t seed = 7;
-    for (std::size_t size = 0; size < 200; ++size) {
+    for (std::size_t size = 0; size < 300; ++size) {
         for (std::size_t pair = 0; pair <= size; ++pair) {
             Bytes data(size);
             for (std::size_t k = 0; k < size; ++k) {
@@ -129,9 +133,11 @@ TEST(AnnexBBuilder, ZeroPairSearchAgreesWithAPlainWalk) {
             const auto pairAt =
                 std::adjacent_find(data.begin(), data.end(), [](auto a, auto b) { return a == 0 && b == 0; });
             const auto expected = static_cast<std::size_t>(pairAt - data.begin());
-            const std::uint8_t* hit = es::findZeroPair(data.data(), data.size());
-            ASSERT_EQ(hit == nullptr ? size : static_cast<std::size_t>(hit - data.data()), expected)
-                << "size " << size << " pair " << pair;
+            for (const auto search : searches) {
+                const std::uint8_t* hit = search(data.data(), data.size());
+                ASSERT_EQ(hit == nullptr ? size : static_cast<std::size_t>(hit - data.data()), expected)
+                    << "size " << size << " pair " << pair;
+            }
         }
     }
     EXPECT_EQ(es::findZeroPair(nullptr, 0), nullptr);
