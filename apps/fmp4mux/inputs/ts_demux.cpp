@@ -228,13 +228,16 @@ void TsDemux::packet(const std::uint8_t* p) {
     }
     const bool payload = (control & 1) != 0 && at < kPacketSize;
     // Continuity: the counter steps with each packet that carries a payload.
-    if ((control & 1) != 0) {
+    const auto tailOf = [p] {
         std::uint64_t tail = 0;
         std::memcpy(&tail, p + kPacketSize - sizeof tail, sizeof tail);
+        return tail;
+    };
+    if ((control & 1) != 0) {
         if (s->lastCc >= 0 && !discontinuity) {
             // A repeated packet is the packet before once more (its PCR aside). Another packet with the same count
             // is no repeat: packets came out of order, or sixteen went missing; it counts as a loss.
-            if (cc == s->lastCc && tail == s->lastTail) {
+            if (cc == s->lastCc && tailOf() == s->lastTail) {
                 if (!s->duplicateSeen) {
                     s->duplicateSeen = true;
                     ++m_stats.duplicates;
@@ -250,18 +253,26 @@ void TsDemux::packet(const std::uint8_t* p) {
         }
         s->duplicateSeen = false;
         s->lastCc = cc;
-        s->lastTail = tail;
     }
     if (discontinuity) s->discontinuity = true;
-    if (!payload) return;
+    if (!payload) {
+        if ((control & 1) != 0) s->lastTail = tailOf();
+        return;
+    }
     const std::uint8_t* body = p + at;
     const std::size_t n = kPacketSize - at;
     switch (s->kind) {
         case PidState::kPes:
             pesPayload(*s, body, n, start, randomAccess);
+            // Read once the payload was copied, from the cache: read first, the end of the packet would hold
+            // up the reading of every packet.
+            s->lastTail = tailOf();
             break;
-        case PidState::kClock: break;
-        default: sectionPayload(*s, body, n, start); break;
+        case PidState::kClock: s->lastTail = tailOf(); break;
+        default:
+            s->lastTail = tailOf();  // before the section is read: a PAT or PMT in it may remove this PID
+            sectionPayload(*s, body, n, start);
+            break;
     }
 }
 
