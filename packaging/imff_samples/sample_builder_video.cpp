@@ -6,6 +6,10 @@ namespace tvrn::encoding::packaging::imff::imff_samples {
 inline namespace v1 {
 
 std::unique_ptr<NAL> copyNal(const NAL& nal, std::uint32_t from) {
+    if (auto shared = nal.shareFrom(from)) {
+        shared->timing = nal.timing;
+        return shared;
+    }
     const std::uint32_t size = from < nal.length ? nal.length - from : 0;
     auto copy = std::make_unique<NAL>(-1, static_cast<std::int32_t>(size));
     if (size > 0) copy->append(nal.bytes() + from, size);

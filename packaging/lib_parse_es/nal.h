@@ -125,6 +125,12 @@ public:
         if (m_borrowedSize > from) std::memcpy(dest, m_borrowed + from, m_borrowedSize - from);
     }
     bool borrowed() const { return m_borrowed != nullptr; }
+    // A plain unit over this one's bytes from `from` on, sharing its input buffer: null when this unit is not
+    // over an input buffer as it came (then its bytes are to be copied).
+    std::unique_ptr<NAL> shareFrom(std::uint32_t from) const {
+        if (m_borrowed == nullptr || m_lengthFor != 0 || from > m_borrowedSize) return nullptr;
+        return std::make_unique<NAL>(-1, m_borrowed + from, m_borrowedSize - from, m_keep);
+    }
 
     // Turns a unit that starts with a start code of `startCodeLength` bytes into the same unit with a 4-byte
     // big-endian length in front: in place when the start code and the headroom before it hold 4 bytes; for a

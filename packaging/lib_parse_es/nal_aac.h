@@ -12,6 +12,8 @@ inline namespace v2 {
 class NALAACADTS : public NAL {
 public:
     explicit NALAACADTS(std::int32_t size) : NAL(StreamType::AAC_ADTS_AUDIO, size) {}
+    NALAACADTS(const std::uint8_t* bytes, std::uint32_t size, MediaDataRef keep)
+        : NAL(StreamType::AAC_ADTS_AUDIO, bytes, size, std::move(keep)) {}
 
     // Reads the fixed and variable header once. False for a damaged header and for a frame of more than one
     // raw data block, which is not carried.

@@ -47,6 +47,15 @@ void StreamByteQueue::copy(std::uint64_t from, std::uint64_t count, NAL& nal) co
     }
 }
 
+const QueuedBuffer* StreamByteQueue::holding(std::uint64_t from, std::uint64_t count, const std::uint8_t*& start) const {
+    for (const Entry& entry : m_buffers)
+        if (from >= entry.start && from + count <= entry.start + entry.size) {
+            start = entry.bytes + (from - entry.start);
+            return &entry;
+        }
+    return nullptr;
+}
+
 QueuedBuffer* StreamByteQueue::bufferAt(std::uint64_t position) {
     for (Entry& entry : m_buffers)
         if (position >= entry.start && position < entry.start + entry.size) return &entry;
@@ -145,8 +154,15 @@ void NALBuilderAACADTSAudio::push(IMediaData* data) {
 
 void NALBuilderAACADTSAudio::emit(std::uint64_t end) {
     const std::uint64_t size = end - m_frameStart;
-    auto frame = std::make_unique<NALAACADTS>(static_cast<std::int32_t>(size));
-    m_queue.copy(m_frameStart, size, *frame);
+    // A frame within one buffer refers to it; one that runs over buffers is copied together.
+    std::unique_ptr<NALAACADTS> frame;
+    const std::uint8_t* start = nullptr;
+    if (const QueuedBuffer* buffer = m_queue.holding(m_frameStart, size, start))
+        frame = std::make_unique<NALAACADTS>(start, static_cast<std::uint32_t>(size), buffer->data);
+    else {
+        frame = std::make_unique<NALAACADTS>(static_cast<std::int32_t>(size));
+        m_queue.copy(m_frameStart, size, *frame);
+    }
     m_queue.dropBefore(m_frameStart);
     stamp(*frame, m_queue.bufferAt(m_frameStart));
     const std::uint32_t rate = m_sampleRate;

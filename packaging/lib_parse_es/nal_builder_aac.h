@@ -28,6 +28,9 @@ public:
     void clear() { m_buffers.clear(); }
     // Appends the queued bytes [from, from + count) to `nal`.
     void copy(std::uint64_t from, std::uint64_t count, NAL& nal) const;
+    // The queued buffer that holds all of [from, from + count), with where that starts in it; null when the
+    // range runs over buffers.
+    const QueuedBuffer* holding(std::uint64_t from, std::uint64_t count, const std::uint8_t*& start) const;
     // The queued buffer that holds `position`, or null.
     QueuedBuffer* bufferAt(std::uint64_t position);
 

@@ -4,22 +4,31 @@
 
 namespace fmp4mux {
 
+namespace {
+
+std::size_t classOf(std::size_t capacity) { return capacity == 0 ? 0 : 63 - static_cast<std::size_t>(__builtin_clzll(capacity)); }
+
+}  // namespace
+
 std::vector<std::uint8_t> BytePool::take(std::size_t size) {
     std::vector<std::uint8_t> bytes;
     {
         std::lock_guard lock(m_mutex);
-        // The smallest kept buffer that fits without being more than four times too large.
-        std::size_t best = m_kept.size();
-        for (std::size_t i = 0; i < m_kept.size(); ++i) {
-            const std::size_t capacity = m_kept[i].capacity();
-            if (capacity >= size && capacity / 4 <= size && (best == m_kept.size() || capacity < m_kept[best].capacity()))
-                best = i;
-        }
-        if (best != m_kept.size()) {
-            bytes.swap(m_kept[best]);
-            m_kept[best].swap(m_kept.back());
-            m_kept.pop_back();
-            m_keptBytes -= bytes.capacity();
+        // Capacities from `size` to four times it lie in the class of `size` and the two above it. The newest
+        // fitting buffer of the lowest class that has one.
+        const std::size_t first = classOf(size);
+        for (std::size_t c = first; c < std::min(first + 3, kClasses) && bytes.capacity() == 0; ++c) {
+            auto& kept = m_kept[c];
+            for (std::size_t i = kept.size(); i-- > 0;) {
+                const std::size_t capacity = kept[i].capacity();
+                if (capacity < size || capacity / 4 > size) continue;
+                bytes.swap(kept[i]);
+                kept[i].swap(kept.back());
+                kept.pop_back();
+                --m_keptCount;
+                m_keptBytes -= capacity;
+                break;
+            }
         }
     }
     if (bytes.capacity() == 0) bytes.reserve(size);
@@ -32,9 +41,10 @@ void BytePool::recycle(std::vector<std::uint8_t>&& bytes) {
     std::vector<std::uint8_t> dropped;  // freed outside the lock
     {
         std::lock_guard lock(m_mutex);
-        if (m_kept.size() < kMaxKept && m_keptBytes + bytes.capacity() <= kMaxBytes) {
+        if (m_keptCount < kMaxKept && m_keptBytes + bytes.capacity() <= kMaxBytes) {
             m_keptBytes += bytes.capacity();
-            m_kept.push_back(std::move(bytes));
+            ++m_keptCount;
+            m_kept[classOf(bytes.capacity())].push_back(std::move(bytes));
         } else {
             dropped = std::move(bytes);
         }
@@ -43,7 +53,7 @@ void BytePool::recycle(std::vector<std::uint8_t>&& bytes) {
 
 std::size_t BytePool::keptBuffers() const {
     std::lock_guard lock(m_mutex);
-    return m_kept.size();
+    return m_keptCount;
 }
 
 }  // namespace fmp4mux

@@ -25,8 +25,12 @@ public:
     std::size_t keptBuffers() const;
 
 private:
+    // Kept buffers by the power of two below their capacity: a buffer for `size` bytes is looked for in the three
+    // classes that may hold one not more than four times too large, not among all.
+    static constexpr std::size_t kClasses = 64;
     mutable std::mutex m_mutex;
-    std::vector<std::vector<std::uint8_t>> m_kept;
+    std::vector<std::vector<std::uint8_t>> m_kept[kClasses];
+    std::size_t m_keptCount = 0;
     std::size_t m_keptBytes = 0;
 };
 

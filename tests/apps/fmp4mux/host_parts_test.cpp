@@ -262,7 +262,7 @@ TEST(RawAacPacket, LaysOutMarkerSizesConfigurationAndPayload) {
 // The read-ahead: with video it stops at the fourth key frame (every 2 s here) and gives their median interval;
 // without, after 4 s of a stream. Rates come from bytes over time for the streams that had none, by 100 kB packets
 // every 0.5 s (1.6 Mb/s) of stream 0 and 2 kB every 0.1 s (160 kb/s) of stream 1.
-TEST(BytePool, HandsBackTheSmallestKeptBufferThatFitsAndKeepsNoMoreThanItsBounds) {
+TEST(BytePool, HandsBackAKeptBufferThatFitsWithinFourTimesAndKeepsNoMoreThanItsBounds) {
     fmp4mux::BytePool pool;
     const auto buffer = [](std::size_t capacity) {
         std::vector<std::uint8_t> bytes(capacity / 2, 7);
