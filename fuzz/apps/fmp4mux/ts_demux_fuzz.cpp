@@ -17,6 +17,7 @@ std::vector<std::uint64_t> demux(const std::uint8_t* data, std::size_t size, con
         for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 1099511628211ull;
         return h;
     };
+    std::vector<std::uint8_t> spare;
     TsDemux d({[&](const TsDemux::Pes& p) {
                    if (p.size == 0 || p.size > TsDemux::kMaxPesSize || p.data == nullptr) __builtin_trap();
                    out.insert(out.end(), {p.pid, p.size, static_cast<std::uint64_t>(p.pts.value_or(-1)),
@@ -25,13 +26,24 @@ std::vector<std::uint64_t> demux(const std::uint8_t* data, std::size_t size, con
                    // The buffer holds exactly the payload; taking it (as the reader does, every other PES here)
                    // changes nothing that comes after.
                    if (p.buffer == nullptr || p.buffer->data() != p.data || p.buffer->size() != p.size) __builtin_trap();
-                   if ((p.size & 1) != 0) std::vector<std::uint8_t>().swap(*p.buffer);
+                   if ((p.size & 1) != 0) {
+                       spare.clear();
+                       spare.swap(*p.buffer);
+                   }
                },
                [&](const TsDemux::Section& s) {
                    if (s.size < 8 || s.size > 4096 || s.data == nullptr) __builtin_trap();
                    out.insert(out.end(), {s.pid, s.size, static_cast<std::uint64_t>(s.clock.value_or(-1)), hash(s.data, s.size)});
                },
-               [&](std::uint16_t pid) { out.push_back(0x10000u | pid); }});
+               [&](std::uint16_t pid) { out.push_back(0x10000u | pid); },
+               // A taken buffer comes back as the next one asked for, as from the reader's pool.
+               [&](std::size_t room) {
+                   std::vector<std::uint8_t> next;
+                   next.swap(spare);
+                   next.clear();
+                   next.reserve(room);
+                   return next;
+               }});
     std::size_t at = 0, k = 0;
     while (at < size) {
         const std::size_t piece = cutCount == 0 ? size : 1 + cuts[k++ % cutCount] * 3u;
