@@ -127,6 +127,15 @@ fmp4::Fmp4MuxParts withMpeg1Layer3(fmp4::Fmp4MuxParts parts) {
     return parts;
 }
 
+fmp4::Fmp4MuxParts withInputsReferenced(fmp4::Fmp4MuxParts parts) {
+    parts.makeNalBuilder = [others = std::move(parts.makeNalBuilder)](std::uint32_t streamType) {
+        auto builder = others(streamType);
+        if (builder) builder->setReferenceInputs(true);
+        return builder;
+    };
+    return parts;
+}
+
 fmp4::Fmp4MuxParts withoutWaitingForSparseStreams(fmp4::Fmp4MuxParts parts) {
     parts.makeChunksBuilder = [others = std::move(parts.makeChunksBuilder)](fmp4::ChunksBuilderParams params) {
         params.sparseStreamsHoldOrigin = false;

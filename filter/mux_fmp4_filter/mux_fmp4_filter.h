@@ -66,6 +66,10 @@ fmp4::Fmp4MuxParts withMpeg1Layer3(fmp4::Fmp4MuxParts parts);
 // stream has delivered once. A host that connects such inputs chooses this.
 fmp4::Fmp4MuxParts withoutWaitingForSparseStreams(fmp4::Fmp4MuxParts parts);
 
+// The session parts with units that refer to the input samples they lie in rather than copying them
+// (NALBuilder::setReferenceInputs): for a host whose samples are its own memory, not a bounded pool's.
+fmp4::Fmp4MuxParts withInputsReferenced(fmp4::Fmp4MuxParts parts);
+
 // The session parts with a chunk builder that describes each chunk it is about to build to `dump` (a debugging aid:
 // kind, numbers, per track the first times, sample count and duration).
 fmp4::Fmp4MuxParts withChunkDump(fmp4::Fmp4MuxParts parts, std::function<void(const std::string&)> dump);

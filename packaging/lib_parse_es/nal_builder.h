@@ -39,9 +39,15 @@ public:
     virtual void signalEnd() {
         if (m_listener) m_listener->onEnd();
     }
+    // With this set, the H.264, HEVC and ADTS builders make a unit that lies within one input buffer refer to that
+    // buffer instead of copying it, so the buffer is kept until the unit goes (after its chunk is written). Off by
+    // default: input buffers are then held only while they hold an open unit, which a host that draws them from
+    // a pool of a few needs. For hosts whose buffers are their own memory.
+    void setReferenceInputs(bool on) { m_referenceInputs = on; }
 
 protected:
     NALListener* m_listener = nullptr;
+    bool m_referenceInputs = false;
 };
 
 // The builder of a stream type, or null for a type without one.

@@ -154,10 +154,11 @@ void NALBuilderAACADTSAudio::push(IMediaData* data) {
 
 void NALBuilderAACADTSAudio::emit(std::uint64_t end) {
     const std::uint64_t size = end - m_frameStart;
-    // A frame within one buffer refers to it; one that runs over buffers is copied together.
+    // A frame within one buffer may refer to it; one that runs over buffers is copied together.
     std::unique_ptr<NALAACADTS> frame;
     const std::uint8_t* start = nullptr;
-    if (const QueuedBuffer* buffer = m_queue.holding(m_frameStart, size, start))
+    const QueuedBuffer* buffer = m_referenceInputs ? m_queue.holding(m_frameStart, size, start) : nullptr;
+    if (buffer != nullptr)
         frame = std::make_unique<NALAACADTS>(start, static_cast<std::uint32_t>(size), buffer->data);
     else {
         frame = std::make_unique<NALAACADTS>(static_cast<std::int32_t>(size));

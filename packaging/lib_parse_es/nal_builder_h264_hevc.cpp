@@ -215,8 +215,8 @@ std::unique_ptr<NAL> NALBuilderH264_HEVC::assemble(std::size_t endIndex, std::ui
             holder = buffer.data.get();
         }
     }
-    // A unit within one buffer refers to it; one that runs over buffers is copied together.
-    std::unique_ptr<NAL> unit = makeNal(m_pieces, m_pieces.size() == 1 ? holder : nullptr);
+    // A unit within one buffer may refer to it; one that runs over buffers is copied together.
+    std::unique_ptr<NAL> unit = makeNal(m_pieces, m_referenceInputs && m_pieces.size() == 1 ? holder : nullptr);
     // Every unit takes the timing of the buffer it starts in, and nothing from those it runs into.
     if (m_queue.front().timingPending) takeBufferTiming(*m_queue.front().data, unit->timing, false);
     return unit;

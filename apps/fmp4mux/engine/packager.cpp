@@ -42,7 +42,9 @@ flt::KeyServerParts keyServerParts(const EncryptionOptions& e) {
 // The engine's parts as fmp4mux wants them: MP3 framed, sparse streams not awaited for the time origin, and, when
 // asked, each chunk described in a debug line.
 tvrn::encoding::packaging::imff::fmp4::Fmp4MuxParts sessionParts(const EngineSettings& s, tvrn::log::ILogger& logger) {
-    auto parts = flt::withoutWaitingForSparseStreams(flt::withMpeg1Layer3({}));
+    // The samples fmp4mux hands the filter are buffers of their own (the reader's PES), not a pool's: the
+    // packager keeps them rather than copying what they hold.
+    auto parts = flt::withInputsReferenced(flt::withoutWaitingForSparseStreams(flt::withMpeg1Layer3({})));
     if (!s.chunkDump) return parts;
     return flt::withChunkDump(std::move(parts), [&logger](const std::string& line) {
         logger.WriteMsg(tvrn::log::LOG_DEBUG, "%s", line.c_str());

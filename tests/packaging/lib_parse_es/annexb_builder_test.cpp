@@ -39,8 +39,6 @@ TEST(AnnexBBuilder, UnitsTakeTheTimingOfTheBufferTheyStartIn) {
     }
     // The second unit spans three buffers and keeps the first one's time.
     EXPECT_EQ(collector.bytesOf(1), (Bytes{0x00, 0x00, 0x01, 0x67, 0x42, 0x00, 0xAA, 0xBB, 0xCC}));
-    EXPECT_TRUE(collector.nals[0]->borrowed());
-    EXPECT_FALSE(collector.nals[1]->borrowed());  // copied together from its three buffers
     builder.flush();
     ASSERT_EQ(collector.nals.size(), 3u);
     EXPECT_EQ(collector.nals[2]->timing.time90kHz(), 2700);
@@ -54,18 +52,24 @@ TEST(AnnexBBuilder, UnitsTakeTheTimingOfTheBufferTheyStartIn) {
     EXPECT_FALSE(collector.nals[3]->timing.hasTime || collector.nals[3]->timing.hasMediaTime);
 }
 
-TEST(AnnexBBuilder, UnitsWithinOneBufferReferToItAndNeverWriteIt) {
+TEST(AnnexBBuilder, UnitsWithinOneBufferMayReferToItAndNeverWriteIt) {
     const Bytes stream = {0x00, 0x00, 0x00, 0x01, 0x09, 0xF0, 0x00, 0x00, 0x01, 0x65, 0x88, 0x84,
                           0x00, 0x00, 0x00, 0x01, 0x41, 0x9A};
     auto buffer = makeBuffer(stream);
-    NalCollector collector;
-    {
+    NalCollector collector, copies;
+    for (const bool referenced : {true, false}) {
         NALBuilderH264 builder;
-        builder.setListener(&collector);
+        builder.setReferenceInputs(referenced);
+        builder.setListener(referenced ? &collector : &copies);
         builder.push(buffer.get());
         builder.flush();
     }
-    buffer = {};  // the units alone keep the input alive now
+    // By default each unit is a copy and holds no reference to the input; the referring units hold one each.
+    ASSERT_EQ(copies.nals.size(), 3u);
+    for (const auto& unit : copies.nals) EXPECT_FALSE(unit->borrowed());
+    buffer->AddRef();
+    EXPECT_EQ(buffer->Release(), 1u + 3u);
+    buffer = {};  // the referring units alone keep the input alive now
     ASSERT_EQ(collector.nals.size(), 3u);
     const std::uint8_t* input = collector.nals[0]->bytes();
     // As a sample writes them: each start code, of 4 or 3 bytes, becomes the 4-byte length of what follows.
