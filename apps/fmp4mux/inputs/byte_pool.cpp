@@ -1,5 +1,6 @@
 #include "apps/fmp4mux/inputs/byte_pool.h"
 
+#include <new>
 #include <utility>
 
 namespace fmp4mux {
@@ -41,12 +42,17 @@ void BytePool::recycle(std::vector<std::uint8_t>&& bytes) {
     std::vector<std::uint8_t> dropped;  // freed outside the lock
     {
         std::lock_guard lock(m_mutex);
-        if (m_keptCount < kMaxKept && m_keptBytes + bytes.capacity() <= kMaxBytes) {
-            m_keptBytes += bytes.capacity();
-            ++m_keptCount;
-            m_kept[classOf(bytes.capacity())].push_back(std::move(bytes));
-        } else {
-            dropped = std::move(bytes);
+        dropped = std::move(bytes);
+        if (m_keptCount < kMaxKept && m_keptBytes + dropped.capacity() <= kMaxBytes) {
+            // Called from a sample's destructor: a buffer the class list has no room for is freed instead.
+            try {
+                auto& kept = m_kept[classOf(dropped.capacity())];
+                kept.emplace_back();
+                kept.back().swap(dropped);
+                m_keptBytes += kept.back().capacity();
+                ++m_keptCount;
+            } catch (const std::bad_alloc&) {
+            }
         }
     }
 }
