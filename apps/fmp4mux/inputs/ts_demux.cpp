@@ -159,6 +159,7 @@ void TsDemux::scan(const std::uint8_t* data, std::size_t size, std::size_t& used
         if (m_synced) {
             while (size - at >= kPacketSize && data[at] == kSync) {
                 packet(data + at);
+                if (m_callbacks.afterPacket) m_callbacks.afterPacket();
                 at += kPacketSize;
             }
             if (size - at < kPacketSize) break;

@@ -81,6 +81,9 @@ public:
         // An empty buffer with room for at least the bytes given, for the next PES of a PID whose buffer the pes
         // callback took (optional: a new one otherwise).
         std::function<std::vector<std::uint8_t>(std::size_t)> buffer;
+        // After each transport packet read, whatever its PID (optional): the point at which the state of the
+        // programs is the same however the input was cut into pushes.
+        std::function<void()> afterPacket;
     };
 
     explicit TsDemux(Callbacks callbacks);

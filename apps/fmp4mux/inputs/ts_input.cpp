@@ -46,7 +46,8 @@ TsInput::TsInput(std::unique_ptr<TsSource> source, TsContents contents)
               end.ended = true;
               take(end);
           },
-          [pool = m_buffers](std::size_t size) { return pool->take(size); }}) {
+          [pool = m_buffers](std::size_t size) { return pool->take(size); },
+          nullptr}) {
     m_pidToStream.fill(-1);
     for (KeptStream& stream : contents.kept) {
         m_pidToStream[static_cast<std::size_t>(stream.id) & 0x1FFF] = static_cast<int>(m_kept.size());

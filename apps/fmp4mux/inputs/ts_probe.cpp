@@ -82,36 +82,35 @@ constexpr std::array<int, 8> kDolbyChannels{2, 1, 2, 3, 3, 4, 4, 5};  // by acmo
 }  // namespace
 
 TsProbe::TsProbe()
-    : m_demux(TsDemux::Callbacks{[this](const TsDemux::Pes& pes) { look(pes); }, nullptr, nullptr, nullptr}) {}
+    : m_demux(TsDemux::Callbacks{[this](const TsDemux::Pes& pes) { look(pes); }, nullptr, nullptr, nullptr,
+                                 [this] { afterPacket(); }}) {}
 
 bool TsProbe::push(const std::uint8_t* data, std::size_t size) {
     if (!m_plain) {
         // Three sync bytes 188 apart near the start: packets of 188 bytes, not 192 or 204.
         const std::size_t want = 3 * 188 - std::min(m_head.size(), std::size_t{3 * 188});
         m_head.insert(m_head.end(), data, data + std::min(size, want));
-        if (m_head.size() < 3 * 188 && size > 0) {
-            m_pushed += size;
-            m_demux.push(data, size);
-            note();
-            return true;
+        if (m_head.size() >= 3 * 188) {
+            bool plain = false;
+            for (std::size_t at = 0; at + 2 * 188 < m_head.size() && at < 188 && !plain; ++at)
+                plain = m_head[at] == 0x47 && m_head[at + 188] == 0x47 && m_head[at + 2 * 188] == 0x47;
+            m_plain = plain;
+            std::vector<std::uint8_t>().swap(m_head);
+            if (!plain) return false;
         }
-        bool plain = false;
-        for (std::size_t at = 0; at + 2 * 188 < m_head.size() && at < 188 && !plain; ++at)
-            plain = m_head[at] == 0x47 && m_head[at + 188] == 0x47 && m_head[at + 2 * 188] == 0x47;
-        m_plain = plain;
-        std::vector<std::uint8_t>().swap(m_head);
-        if (!plain) return false;
     }
-    // A packet at a time, so that the streams are listed as their PMTs first come, before a later version changes
-    // them.
-    for (std::size_t at = 0; at < size; at += TsDemux::kPacketSize) {
-        const std::size_t n = std::min(TsDemux::kPacketSize, size - at);
-        m_demux.push(data + at, n);
-        m_pushed += n;
-        note();
-        if (enough() || m_pushed >= kLimit) return false;
-    }
-    return true;
+    if (m_programs) return false;
+    m_demux.push(data, size);
+    m_pushed += size;
+    return !m_programs && m_pushed < kLimit;
+}
+
+// Looked at after every packet, so that the streams are listed as their PMTs first come (before a later version
+// changes them), and what is known stops at the same packet however the input came in pieces.
+void TsProbe::afterPacket() {
+    if (m_programs) return;
+    note();
+    if (enough() || m_demux.stats().packets * TsDemux::kPacketSize >= kLimit) m_programs = m_demux.programs();
 }
 
 void TsProbe::note() {
@@ -129,6 +128,7 @@ void TsProbe::note() {
 }
 
 void TsProbe::look(const TsDemux::Pes& pes) {
+    if (m_programs) return;
     Seen& seen = m_seen[pes.pid];
     if (seen.looked || pes.size == 0) return;
     const std::uint8_t* p = pes.data;
@@ -175,7 +175,7 @@ void TsProbe::look(const TsDemux::Pes& pes) {
 
 // Every PMT of the PAT read, and a PES of each audio and video stream they list looked at.
 bool TsProbe::enough() const {
-    const std::vector<TsDemux::Program>& programs = m_demux.programs();
+    const std::vector<TsDemux::Program>& programs = this->programs();
     if (programs.empty() ||
         std::any_of(programs.begin(), programs.end(), [](const TsDemux::Program& p) { return p.version < 0; }))
         return false;
@@ -189,7 +189,7 @@ bool TsProbe::enough() const {
 
 std::optional<TsContents> TsProbe::contents(int inputIndex, std::vector<std::string>& skipped,
                                             std::optional<int> program, std::vector<std::string>* notes) const {
-    const std::vector<TsDemux::Program>& programs = m_demux.programs();
+    const std::vector<TsDemux::Program>& programs = this->programs();
     if (!looksLikeTs() || programs.empty() ||
         std::none_of(programs.begin(), programs.end(), [](const TsDemux::Program& p) { return p.version >= 0; }))
         return std::nullopt;

@@ -46,8 +46,11 @@ private:
         int width = 0, height = 0, sampleRate = 0, channels = 0;
     };
     void look(const TsDemux::Pes& pes);
+    void afterPacket();
     void note();
     bool enough() const;
+    // The programs as the probe last saw them: when it had seen enough, or the demultiplexer's own.
+    const std::vector<TsDemux::Program>& programs() const { return m_programs ? *m_programs : m_demux.programs(); }
 
     struct Found {  // a PMT entry, in the order of first appearance
         std::uint16_t program = 0;
@@ -62,6 +65,7 @@ private:
     std::optional<bool> m_plain;
     std::vector<std::uint8_t> m_head;  // the first bytes, until the packet grid is checked
     std::size_t m_pushed = 0;
+    std::optional<std::vector<TsDemux::Program>> m_programs;  // set once the probe has seen enough
 };
 
 // Probes a local file (mapped from its start) that may be an MPEG-TS: its contents, or none when it is not one.

@@ -1,5 +1,6 @@
 // libFuzzer entry for fmp4mux's MPEG-TS demultiplexer: arbitrary bytes pushed whole, then cut at the points the
-// first bytes choose. Both ways must give the same PES and sections, none over the size bound, and the same counts.
+// first bytes choose. Both ways must give the same PES and sections, none over the size bound, the same counts and
+// the same programs.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -43,7 +44,8 @@ std::vector<std::uint64_t> demux(const std::uint8_t* data, std::size_t size, con
                    next.clear();
                    next.reserve(room);
                    return next;
-               }});
+               },
+               nullptr});
     std::size_t at = 0, k = 0;
     while (at < size) {
         const std::size_t piece = cutCount == 0 ? size : 1 + cuts[k++ % cutCount] * 3u;
@@ -54,6 +56,12 @@ std::vector<std::uint64_t> demux(const std::uint8_t* data, std::size_t size, con
     d.finish();
     const TsDemux::Stats& s = d.stats();
     out.insert(out.end(), {s.packets, s.lost, s.duplicates, s.pesDropped, s.badSections, s.pmtChanges});
+    // The programs as the PAT and PMTs left them.
+    for (const TsDemux::Program& program : d.programs()) {
+        out.insert(out.end(), {program.number, program.pmtPid, program.pcrPid, static_cast<std::uint64_t>(program.version)});
+        for (const TsDemux::Stream& stream : program.streams)
+            out.insert(out.end(), {stream.pid, stream.streamType, hash(stream.descriptors.data(), stream.descriptors.size())});
+    }
     return out;
 }
 }  // namespace

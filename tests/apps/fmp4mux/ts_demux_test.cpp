@@ -123,7 +123,7 @@ TEST_P(TsDemuxCases, GiveWhatTheBytesHold) {
                            out.push_back(text);
                        },
                        [&](std::uint16_t pid) { out.push_back("gone " + std::to_string(pid)); },
-                       nullptr});
+                       nullptr, nullptr});
         for (std::size_t at = 0; at < input.size(); at += piece)
             demux.push(input.data() + at, std::min(piece, input.size() - at));
         demux.finish();
@@ -214,22 +214,28 @@ TEST(TsProbe, ListsEveryPmtEntryAsItFirstCameAndNamesWhatItCannotCarry) {
     for (const auto& p : {kPat, pmtPacket("47 41 00 10", "00 01 C1 00 00 E1 01 F0 00 " + kEntries1 + " " + kEntries2), kAc3,
                           pmtPacket("47 41 00 11", "00 01 C3 00 00 E1 01 F0 00 1B E1 01 F0 00 " + kEntries2)})
         input.insert(input.end(), p.begin(), p.end());
-    fmp4mux::TsProbe probe;
-    EXPECT_TRUE(probe.push(input.data(), input.size())) << "the video has not shown its picture size yet";
-    std::vector<std::string> skipped;
-    const auto contents = probe.contents(0, skipped, std::nullopt, nullptr);
-    ASSERT_TRUE(contents);
-    std::vector<std::string> kept;
-    for (const fmp4mux::KeptStream& k : contents->kept)
-        kept.push_back(std::to_string(k.sourceIndex) + " " + std::to_string(k.id) + " " + k.info.codec + " " + k.info.kind +
-                       " type " + std::to_string(k.info.streamType) + " '" + k.info.language + "' " +
-                       std::to_string(k.info.sampleRate) + " Hz " + std::to_string(k.info.channels) + " ch");
-    EXPECT_EQ(kept, (std::vector<std::string>{"0 257 h264 video type 2 '' 0 Hz 0 ch", "1 258 ac3 audio type 3 'fra' 48000 Hz 6 ch",
-                                              "5 262 scte_35 scte35 type 12 '' 0 Hz 0 ch"}));
-    EXPECT_EQ(skipped, (std::vector<std::string>{"input 0 stream 2: video codec 'mpeg2video' is not supported",
-                                                 "input 0 stream 3: subtitle codec 'dvb_subtitle' is not supported"}));
-    EXPECT_EQ(contents->ignored, (std::vector<std::uint16_t>{0x103, 0x104, 0x105}));
-    EXPECT_THROW(probe.contents(0, skipped, 2, nullptr), fmp4mux::ExitError);
+    // Whole, and in pieces that cut packets anywhere and hold both PMT versions at once: the same list.
+    for (const std::size_t piece : {input.size(), std::size_t{1}, std::size_t{100}, std::size_t{700}}) {
+        SCOPED_TRACE(piece);
+        fmp4mux::TsProbe probe;
+        for (std::size_t at = 0; at < input.size(); at += piece)
+            EXPECT_TRUE(probe.push(input.data() + at, std::min(piece, input.size() - at))) << "no picture size yet";
+        std::vector<std::string> skipped;
+        const auto contents = probe.contents(0, skipped, std::nullopt, nullptr);
+        ASSERT_TRUE(contents);
+        std::vector<std::string> kept;
+        for (const fmp4mux::KeptStream& k : contents->kept)
+            kept.push_back(std::to_string(k.sourceIndex) + " " + std::to_string(k.id) + " " + k.info.codec + " " +
+                           k.info.kind + " type " + std::to_string(k.info.streamType) + " '" + k.info.language + "' " +
+                           std::to_string(k.info.sampleRate) + " Hz " + std::to_string(k.info.channels) + " ch");
+        EXPECT_EQ(kept, (std::vector<std::string>{"0 257 h264 video type 2 '' 0 Hz 0 ch",
+                                                  "1 258 ac3 audio type 3 'fra' 48000 Hz 6 ch",
+                                                  "5 262 scte_35 scte35 type 12 '' 0 Hz 0 ch"}));
+        EXPECT_EQ(skipped, (std::vector<std::string>{"input 0 stream 2: video codec 'mpeg2video' is not supported",
+                                                     "input 0 stream 3: subtitle codec 'dvb_subtitle' is not supported"}));
+        EXPECT_EQ(contents->ignored, (std::vector<std::uint16_t>{0x103, 0x104, 0x105}));
+        EXPECT_THROW(probe.contents(0, skipped, 2, nullptr), fmp4mux::ExitError);
+    }
 }
 
 TEST(TsProbe, FindsNothingInWhatIsNoPlainTransportStream) {
