@@ -99,10 +99,16 @@ bool TsProbe::push(const std::uint8_t* data, std::size_t size) {
             if (!plain) return false;
         }
     }
-    if (m_programs) return false;
-    m_demux.push(data, size);
-    m_pushed += size;
+    if (m_programs || m_pushed >= kLimit) return false;
+    // No more than the limit, to the byte, so that where the probe stops does not depend on the pieces.
+    const std::size_t n = std::min(size, kLimit - m_pushed);
+    m_demux.push(data, n);
+    m_pushed += n;
     return !m_programs && m_pushed < kLimit;
+}
+
+void TsProbe::finish() {
+    if (!m_programs) m_demux.finish();
 }
 
 // Looked at after every packet, so that the streams are listed as their PMTs first come (before a later version
@@ -110,7 +116,7 @@ bool TsProbe::push(const std::uint8_t* data, std::size_t size) {
 void TsProbe::afterPacket() {
     if (m_programs) return;
     note();
-    if (enough() || m_demux.stats().packets * TsDemux::kPacketSize >= kLimit) m_programs = m_demux.programs();
+    if (enough()) m_programs = m_demux.programs();
 }
 
 void TsProbe::note() {
@@ -260,6 +266,7 @@ std::optional<TsContents> probeTsFile(MappedFile& file, int inputIndex, std::vec
     for (MappedFile::Bytes bytes = file.next(1u << 20); bytes.size > 0 && probe.push(bytes.data, bytes.size);
          bytes = file.next(1u << 20)) {
     }
+    probe.finish();
     return probe.contents(inputIndex, skipped, program, notes);
 }
 

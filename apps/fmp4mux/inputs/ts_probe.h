@@ -32,6 +32,9 @@ public:
     TsProbe();
     // Bytes of the input from its start, any number at a time; false once the probe has seen enough.
     bool push(const std::uint8_t* data, std::size_t size);
+    // No more bytes (the input ended, or the probe said it had enough): the packets the demultiplexer held back
+    // waiting for more are read too.
+    void finish();
     // Whether the bytes pushed start with 188-byte transport packets.
     bool looksLikeTs() const { return m_plain.value_or(false); }
     // The streams of one program (`program`, or the first, said through `notes`; a program the input does not have

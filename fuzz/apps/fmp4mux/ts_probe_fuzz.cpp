@@ -24,6 +24,7 @@ std::vector<std::string> probe(const std::uint8_t* data, std::size_t size, const
         at += n;
         if (!more) break;
     }
+    p.finish();
     std::vector<std::string> out{p.looksLikeTs() ? "ts" : "not ts"};
     std::vector<std::string> skipped, notes;
     try {

@@ -220,6 +220,7 @@ TEST(TsProbe, ListsEveryPmtEntryAsItFirstCameAndNamesWhatItCannotCarry) {
         fmp4mux::TsProbe probe;
         for (std::size_t at = 0; at < input.size(); at += piece)
             EXPECT_TRUE(probe.push(input.data() + at, std::min(piece, input.size() - at))) << "no picture size yet";
+        probe.finish();
         std::vector<std::string> skipped;
         const auto contents = probe.contents(0, skipped, std::nullopt, nullptr);
         ASSERT_TRUE(contents);
