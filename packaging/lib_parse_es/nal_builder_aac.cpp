@@ -57,9 +57,8 @@ const QueuedBuffer* StreamByteQueue::holding(std::uint64_t from, std::uint64_t c
 }
 
 QueuedBuffer* StreamByteQueue::bufferAt(std::uint64_t position) {
-    for (Entry& entry : m_buffers)
-        if (position >= entry.start && position < entry.start + entry.size) return &entry;
-    return nullptr;
+    const std::uint8_t* unused = nullptr;
+    return const_cast<QueuedBuffer*>(holding(position, 1, unused));
 }
 
 // ---- running time ----

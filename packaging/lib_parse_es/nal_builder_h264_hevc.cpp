@@ -108,7 +108,7 @@ namespace {
 
 template <typename Unit>
 std::unique_ptr<NAL> unitOf(std::span<const std::span<const std::uint8_t>> pieces, IMediaData* keep) {
-    if (keep != nullptr && pieces.size() == 1) return std::make_unique<Unit>(pieces[0], MediaDataRef(keep));
+    if (keep != nullptr) return std::make_unique<Unit>(pieces[0], MediaDataRef(keep));
     return std::make_unique<Unit>(pieces);
 }
 
