@@ -341,8 +341,9 @@ int run(int argc, char** argv) {
         const auto bufferCount = static_cast<long>(1.5 * segmentMs / 1000.0 * peakBitsPerSecond / 8 / 8192) + 1;
         route.engine = packager.connect(
             {plan.label, info, plan.bitrate, plan.language, plan.name, plan.descriptors}, bufferCount,
-            [&presentation, output](bool init, std::vector<std::uint8_t>&& room, std::size_t length) {
-                presentation.onChunk(output, init, std::move(room), length);
+            [&presentation, output](bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+                                    ChunkSink::References&& references) {
+                presentation.onChunk(output, init, std::move(room), length, std::move(references));
             },
             [&rooms](std::size_t wanted) { return rooms.take(wanted); });
         if (info.kind != "video" && info.kind != "audio") logger.quietMissingChunks(route.engine);

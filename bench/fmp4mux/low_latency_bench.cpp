@@ -140,8 +140,10 @@ void BM_ChunkFromFilterToPlayer(benchmark::State& state) {
         engine.offline = false;
         Packager packager(engine, logger);
         const int handle = packager.connect({"0:0", info, 500000, "und", "video0", {}}, 400,
-                                            [&](bool init, std::vector<std::uint8_t>&& room, std::size_t length) {
-                                                presentation.onChunk(0, init, std::move(room), length);
+                                            [&](bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+                                                ChunkSink::References&& references) {
+                                                presentation.onChunk(0, init, std::move(room), length,
+                                                                     std::move(references));
                                             }, {});
         std::atomic<bool> stop{false};
         packager.start(stop);

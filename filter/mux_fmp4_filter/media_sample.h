@@ -15,6 +15,7 @@
 #include "support/system/ref_ptr.h"
 #include "packaging/fmp4_types/media_data.h"
 #include "support/exceptions/result_codes.h"
+#include "support/system/kept_bytes.h"
 
 namespace tvrn::encoding::filter {
 
@@ -82,6 +83,18 @@ public:
     virtual HRESULT SetMetadata(std::uint32_t type, const std::uint8_t* data, std::size_t size) = 0;
     // Succeeds also when the type is absent.
     virtual HRESULT RemoveMetadata(std::uint32_t type) = 0;
+};
+
+// A buffer that takes parts of its content by reference, offered by a downstream allocator that writes its
+// buffers out itself: bytes of the content that lie in memory kept alive elsewhere (input buffers) are left
+// unwritten in the buffer and handed over as references, so they are never copied on the way out.
+class IReferencedContent {
+public:
+    // The content's bytes at each reference's `at` (counted from the buffer's start) are the reference's.
+    virtual void TakeReferences(tvrn::system::KeptBytesList&& references) = 0;
+
+protected:
+    virtual ~IReferencedContent() = default;
 };
 
 // A counted reference to a sample.

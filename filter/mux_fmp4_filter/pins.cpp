@@ -430,10 +430,25 @@ std::uint8_t* CIsomffListener::Place(std::size_t size, const std::int64_t* start
     return target;
 }
 
-bool CIsomffListener::Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) {
+namespace {
+// The downstream sample under a buffer, when it takes content by reference.
+IReferencedContent* referencedContent(fmp4::IMediaData& buffer) {
+    return dynamic_cast<IReferencedContent*>(static_cast<IMediaSample*>(buffer.GetMediaSample()));
+}
+}  // namespace
+
+bool CIsomffListener::TakesReferences() const { return m_lent && referencedContent(*m_lent) != nullptr; }
+
+bool CIsomffListener::Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId,
+                             tvrn::system::KeptBytesList&& references) {
     if (!m_lent) return false;
     fmp4::MediaDataRef buffer = std::move(m_lent);
     m_lent = {};
+    if (!references.empty()) {
+        IReferencedContent* content = referencedContent(*buffer);
+        if (content == nullptr) return false;
+        content->TakeReferences(std::move(references));
+    }
     markBuffer(*buffer, m_lentSize, true, m_lentStart ? &*m_lentStart : nullptr, m_lentStop, init, discontinuity,
                dataIdPresent, dataId);
     m_upstream.Deliver(buffer.get());

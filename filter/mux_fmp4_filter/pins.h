@@ -193,7 +193,9 @@ public:
                bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) override;
     void EndOfStream() override;
     std::uint8_t* Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) override;
-    bool Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) override;
+    bool TakesReferences() const override;
+    bool Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId,
+                tvrn::system::KeptBytesList&& references) override;
 
 private:
     MuxFmp4OutputPin& m_pin;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "packaging/fmp4_types/stream_type.h"
+#include "support/system/kept_bytes.h"
 
 namespace tvrn::encoding::packaging::imff::fmp4 {
 inline namespace v7_2 {
@@ -55,8 +56,13 @@ public:
     // Memory for the `size` bytes of the next chunk, or null when the output cannot lend that much at once (the
     // chunk then goes through Write as usual).
     virtual std::uint8_t* Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) = 0;
-    // The chunk written into the memory of the last Place is complete: as Write, with the same marks.
-    virtual bool Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId) = 0;
+    // Whether the memory of the last Place may be left with holes where the chunk's bytes lie in input buffers,
+    // given to Commit as references instead: an output that writes the chunk out from both (no copy of the bytes).
+    virtual bool TakesReferences() const { return false; }
+    // The chunk written into the memory of the last Place is complete: as Write, with the same marks. Its bytes
+    // at each reference's `at` are the reference's (none unless TakesReferences).
+    virtual bool Commit(bool init, bool discontinuity, bool dataIdPresent, std::uint64_t dataId,
+                        tvrn::system::KeptBytesList&& references) = 0;
 };
 
 // The content of a chunk as its track table records it.

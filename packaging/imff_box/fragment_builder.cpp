@@ -154,11 +154,17 @@ TrackFragment TrackFragmentBuilder::build(const TrackFragmentParameters& p, cons
     return fragment;
 }
 
-void TrackFragmentBuilder::writePayload(const TrackFragment& fragment, ImffBitWriter& writer) {
+void TrackFragmentBuilder::writePayload(const TrackFragment& fragment, ImffBitWriter& writer,
+                                        tvrn::system::KeptBytesList* references, std::size_t least) {
     for (const ISample* sample : fragment.samples) {
         const std::size_t size = sample->getSize();
+        const std::size_t at = writer.getBytePosition();
         std::uint8_t* place = writer.claimBytes(size);
-        if (size > 0) sample->getData(place);
+        if (size == 0) continue;
+        if (references != nullptr)
+            sample->getDataReferring(place, at, least, *references);
+        else
+            sample->getData(place);
     }
 }
 

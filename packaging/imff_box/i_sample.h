@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/system/kept_bytes.h"
+
 namespace tvrn::encoding::packaging::imff::imff_box {
 inline namespace v0 {
 
@@ -30,6 +32,17 @@ public:
     // The payload: its size, and a copy of exactly that many bytes into `dest`.
     virtual std::size_t getSize() const = 0;
     virtual void getData(std::uint8_t* dest) const = 0;
+    // As getData, for a writer that can refer to bytes in place of copying them: runs of at least `least` bytes
+    // that lie in memory kept alive elsewhere (an input buffer) are left unwritten at `dest` and added to
+    // `references`, each `at` counted as `base` plus its offset from `dest`. A sample without such bytes writes
+    // them all.
+    virtual void getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
+                                  tvrn::system::KeptBytesList& references) const {
+        (void)base;
+        (void)least;
+        (void)references;
+        getData(dest);
+    }
     // The payload appended to a vector reserved to getSize().
     void getBytes(std::vector<std::uint8_t>& bytes) const {
         const std::size_t size = getSize();

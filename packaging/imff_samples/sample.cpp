@@ -5,6 +5,9 @@
 namespace tvrn::encoding::packaging::imff::imff_samples {
 inline namespace v1 {
 
+using lib_parse_es::IMediaData;
+using lib_parse_es::MediaDataRef;
+
 std::size_t Sample::getSize() const {
     std::size_t size = 0;
     for (const auto& nal : nals) size += nal->length;
@@ -16,6 +19,27 @@ void Sample::getData(std::uint8_t* dest) const {
         if (nal->capacity <= 0 || nal->length == 0) continue;
         nal->writeTo(dest);
         dest += nal->length;
+    }
+}
+
+void Sample::getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
+                              tvrn::system::KeptBytesList& references) const {
+    // Units of one input buffer share one keeper of it.
+    const IMediaData* lastInput = nullptr;
+    std::shared_ptr<const void> lastKeep;
+    std::size_t offset = 0;
+    for (const auto& nal : nals) {
+        if (nal->capacity <= 0 || nal->length == 0) continue;
+        const std::span<const std::uint8_t> kept = nal->writeReferring(dest + offset, least);
+        if (!kept.empty()) {
+            if (nal->input().get() != lastInput || !lastKeep) {
+                lastInput = nal->input().get();
+                auto holder = std::make_shared<MediaDataRef>(nal->input());
+                lastKeep = std::shared_ptr<const void>(holder, holder.get());
+            }
+            references.push_back({base + offset + (nal->length - kept.size()), kept.data(), kept.size(), lastKeep});
+        }
+        offset += nal->length;
     }
 }
 

@@ -40,6 +40,8 @@ public:
     bool isSync() const override { return sync; }
     std::size_t getSize() const override;
     void getData(std::uint8_t* dest) const override;
+    void getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
+                          tvrn::system::KeptBytesList& references) const override;
     bool getEncryptionInfo(SampleEncryptionInfo& info) const override;
 
     void addNal(std::unique_ptr<NAL> nal) { nals.push_back(std::move(nal)); }

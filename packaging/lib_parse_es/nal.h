@@ -1,5 +1,6 @@
 #pragma once
 // One syntactic unit of an elementary stream with the timing of the input buffer it came from.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -112,19 +113,23 @@ public:
             if (length > 0) std::memcpy(dest, data.data() + unitStart, length);
             return;
         }
-        std::uint32_t from = 0;
-        if (m_lengthFor != 0) {
-            const std::uint32_t size = length - 4;
-            dest[0] = static_cast<std::uint8_t>(size >> 24);
-            dest[1] = static_cast<std::uint8_t>(size >> 16);
-            dest[2] = static_cast<std::uint8_t>(size >> 8);
-            dest[3] = static_cast<std::uint8_t>(size);
-            dest += 4;
-            from = m_lengthFor;
+        dest = writeLength(dest);
+        if (m_borrowedSize > m_lengthFor) std::memcpy(dest, m_borrowed + m_lengthFor, m_borrowedSize - m_lengthFor);
+    }
+    // As writeTo, except that a unit over an input buffer with at least `least` of its bytes there writes only
+    // its length (when a length replaces its start code) and answers those bytes, which follow it, unwritten: the
+    // caller refers to them where they are, holding input() for as long as it does.
+    std::span<const std::uint8_t> writeReferring(std::uint8_t* dest, std::size_t least) const {
+        if (m_borrowed == nullptr || m_borrowedSize - m_lengthFor < std::max<std::size_t>(least, 1)) {
+            writeTo(dest);
+            return {};
         }
-        if (m_borrowedSize > from) std::memcpy(dest, m_borrowed + from, m_borrowedSize - from);
+        writeLength(dest);
+        return {m_borrowed + m_lengthFor, m_borrowedSize - m_lengthFor};
     }
     bool borrowed() const { return m_borrowed != nullptr; }
+    // The input buffer a unit over one keeps alive (null otherwise).
+    const MediaDataRef& input() const { return m_keep; }
     // A plain unit over this one's bytes from `from` on, sharing its input buffer: null when this unit is not
     // over an input buffer as it came (then its bytes are to be copied).
     std::unique_ptr<NAL> shareFrom(std::uint32_t from) const {
@@ -166,6 +171,18 @@ public:
     NalTimingInfo timing{};
 
 private:
+    // The 4-byte length that replaces the start code of a unit over an input buffer, if it has one; where the
+    // unit's bytes go on.
+    std::uint8_t* writeLength(std::uint8_t* dest) const {
+        if (m_lengthFor == 0) return dest;
+        const std::uint32_t size = length - 4;
+        dest[0] = static_cast<std::uint8_t>(size >> 24);
+        dest[1] = static_cast<std::uint8_t>(size >> 16);
+        dest[2] = static_cast<std::uint8_t>(size >> 8);
+        dest[3] = static_cast<std::uint8_t>(size);
+        return dest + 4;
+    }
+
     // Copies a unit over an input buffer into `data`, as it is written out, and lets the input buffer go.
     void own() const {
         std::vector<std::uint8_t> copy(length);

@@ -292,12 +292,12 @@ TEST(OutputPin, AChunkIsPlacedInTheNextBufferWhenItFitsAndElseWrittenAsBefore) {
     std::uint8_t* target = placement.Place(chunk.size(), &time, 0);
     ASSERT_NE(target, nullptr);
     std::copy(chunk.begin(), chunk.end(), target);
-    ASSERT_TRUE(placement.Commit(false, true, true, 9));
+    ASSERT_TRUE(placement.Commit(false, true, true, 9, {}));
     auto got = f.sink.snapshot();
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].bytes, chunk);
     EXPECT_TRUE(got[0].hasTime && got[0].start == time && got[0].discontinuity && got[0].hasDataId && got[0].dataId == 9);
-    EXPECT_FALSE(placement.Commit(false, false, false, 0));  // nothing placed since
+    EXPECT_FALSE(placement.Commit(false, false, false, 0, {}));  // nothing placed since
 
     f.filter->Stop();
 

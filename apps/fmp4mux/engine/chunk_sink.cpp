@@ -16,8 +16,9 @@ namespace reader = tvrn::encoding::packaging::imff::fmp4;
 
 namespace {
 
-// A buffer over the free end of the sink's room: what the output writes into it is in place already.
-class RoomSlice final : public flt::COOBMediaSample {
+// A buffer over the free end of the sink's room: what the output writes into it is in place already, and what it
+// refers to stays where it is.
+class RoomSlice final : public flt::COOBMediaSample, public flt::IReferencedContent {
 public:
     RoomSlice(std::uint8_t* at, std::size_t size) : m_at(at) { m_size = size; }
     HRESULT GetPointer(std::uint8_t** buffer) override {
@@ -25,9 +26,12 @@ public:
         *buffer = m_at;
         return S_OK;
     }
+    void TakeReferences(tvrn::system::KeptBytesList&& references) override { m_references = std::move(references); }
+    tvrn::system::KeptBytesList takeReferences() { return std::move(m_references); }
 
 private:
     std::uint8_t* m_at;
+    tvrn::system::KeptBytesList m_references;
 };
 
 // Free bytes a slice has at least: a room with less left is made larger first.
@@ -94,6 +98,8 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
     std::lock_guard lock(m_mutex);
     const bool inPlace = data != nullptr && data == m_slice;
     if (inPlace) m_slice = nullptr;
+    auto* slice = dynamic_cast<RoomSlice*>(sample);
+    References references = slice != nullptr ? slice->takeReferences() : References{};
     // A sample of another kind or time starts a new chunk: the pending one is done. Bytes written behind it in
     // its room go to the next room.
     if (m_length > 0 && (init != m_pendingInit || hasTime != m_pendingHasTime || start != m_pendingTime)) {
@@ -108,6 +114,15 @@ HRESULT ChunkSink::Receive(IMediaSample3* sample) {
         m_length += length;
     }
     if (!inPlace) append(data, length);
+    // The sample's bytes are the last `length` of the pending chunk; what it refers to is copied in when they
+    // were copied.
+    for (auto& reference : references) {
+        reference.at += m_length - length;
+        if (inPlace)
+            m_references.push_back(std::move(reference));
+        else if (reference.at + reference.size <= m_length)
+            std::memcpy(m_room.data() + reference.at, reference.data, reference.size);
+    }
     if (m_length == length) {
         m_pendingInit = init;
         m_pendingHasTime = hasTime;
@@ -141,7 +156,7 @@ void ChunkSink::finish() {
     m_slice = nullptr;
     m_nextBox = 0;
     m_lastBox.clear();
-    m_handler(m_pendingInit, std::move(room), length);
+    m_handler(m_pendingInit, std::move(room), length, std::exchange(m_references, {}));
 }
 
 HRESULT ChunkSink::EndOfStream() {

@@ -18,7 +18,10 @@ public:
     // A whole chunk, `init` or media, given away to the handler with its room: the chunk is the first `length`
     // bytes of `room`. What follows it in the room is not the chunk's; the room keeps its whole size so that, back
     // in the pool, it need not be cleared again before the next chunk is written into it.
-    using Handler = std::function<void(bool init, Bytes&& room, std::size_t length)>;
+    // Sample bytes the output left out of the room (input buffers it refers to, see IReferencedContent) come as
+    // references: the chunk's bytes at each `at` are the reference's.
+    using References = tvrn::system::KeptBytesList;
+    using Handler = std::function<void(bool init, Bytes&& room, std::size_t length, References&& references)>;
     // Where the room for the next chunk comes from (a pool that recycles the rooms of chunks written), given the
     // size it should have.
     using Rooms = std::function<Bytes(std::size_t wanted)>;
@@ -36,7 +39,8 @@ public:
     long RequestedBufferCount() override { return m_bufferCount; }
     // The output's buffers are the free end of the pending chunk's room: the output writes each chunk straight
     // into the memory that is then handed on, in one buffer when the room is large enough (it is made a quarter
-    // larger than the largest chunk so far). Samples from elsewhere are copied in.
+    // larger than the largest chunk so far), and sample bytes of the input may stay where they are, referred to.
+    // Samples from elsewhere are copied in.
     tvrn::encoding::filter::MemAllocator* GetAllocator() override { return &m_allocator; }
 
     // Waits for the end of the stream, or until `timeout`; true when it has ended.
@@ -69,6 +73,7 @@ private:
     const Rooms m_rooms;
     Bytes m_room;               // the pending chunk's room, all of it in use as size: the chunk is its first m_length bytes
     std::size_t m_length = 0;
+    References m_references;    // of the pending chunk
     const std::uint8_t* m_slice = nullptr;  // the free end handed out as a buffer, until it comes back
     std::size_t m_nextBox = 0;  // where the next box of the pending chunk starts
     std::string m_lastBox;      // the type of the last box complete in it

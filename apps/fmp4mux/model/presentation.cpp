@@ -43,15 +43,19 @@ void Presentation::addOutput(int index, const std::string& kind, std::uint32_t c
     out.bitrateGiven = bitrateGiven;
 }
 
-void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length) {
+void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+                           tvrn::system::KeptBytesList&& references) {
     std::lock_guard lock(m_mutex);
     const auto it = m_outputs.find(index);
     if (it == m_outputs.end()) return fail("output " + std::to_string(index) + " was not declared");
     if (length > room.size()) return fail("output " + std::to_string(index) + ": a chunk longer than its room");
+    for (const auto& reference : references)
+        if (reference.at > length || reference.size > length - reference.at)
+            return fail("output " + std::to_string(index) + ": a chunk refers to bytes past its end");
     if (init)
         onInit(index, it->second, std::move(room), length);
     else
-        onMedia(index, it->second, std::move(room), length);
+        onMedia(index, it->second, std::move(room), length, std::move(references));
     m_progress.notify_all();
 }
 
@@ -88,9 +92,10 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ro
     m_publisher.publish({out.track.initialization, std::move(room), {{offset, movie.size()}}, false});
 }
 
-void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length) {
+void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length,
+                           tvrn::system::KeptBytesList&& references) {
     if (!out.ready) return;
-    if (m_settings.lowLatency) return onLowLatencyChunk(index, out, std::move(room), length);
+    if (m_settings.lowLatency) return onLowLatencyChunk(index, out, std::move(room), length, std::move(references));
     reader::ByteView chunk(room.data(), length);
     const auto timing = reader::readChunkTiming(chunk, m_settings.dash);
     if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
@@ -99,7 +104,7 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& r
     // replace the first file of a $Time$ template and put the timeline back to 0.
     if (timing->duration == 0) return;
     out.track.timescale = timing->timescale;
-    carrySplices(out, room, length, timing->time, timing->timescale);
+    carrySplices(out, room, length, references, timing->time, timing->timescale);
     chunk = reader::ByteView(room.data(), length);
     const std::uint64_t number = out.nextNumber++;
     std::string path;
@@ -124,13 +129,15 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& r
     else
         file.ranges.emplace_back(0, length);
     file.bytes = std::move(room);
+    file.references = std::move(references);
     m_publisher.publish(std::move(file));
     recordSegment(out, timing->time, timing->duration, number, size);
     if (m_live) publishManifestLocked();
     removeLeaving();
 }
 
-void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length) {
+void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length,
+                                     tvrn::system::KeptBytesList&& references) {
     reader::ByteView chunk(room.data(), length);
     auto timing = reader::readChunkTiming(chunk, true);
     if (!timing) return fail("output " + std::to_string(index) + ": a chunk without timing was dropped");
@@ -143,7 +150,7 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     out.chunkDuration = static_cast<std::uint64_t>(
         static_cast<unsigned __int128>(plan.chunk) * timing->timescale / plan.timescale);
     timing->duration = out.chunkDuration;
-    carrySplices(out, room, length, timing->time, timing->timescale);
+    carrySplices(out, room, length, references, timing->time, timing->timescale);
     chunk = reader::ByteView(room.data(), length);
     Publication part{{}, {}, {}, false};
     if (!out.growing) {
@@ -180,6 +187,7 @@ void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::ui
     // The parts of the last two segments before the growing one stay listed.
     while (!track.parts.empty() && track.parts.front().number + 2 < out.growing->number) track.parts.pop_front();
     part.bytes = std::move(room);
+    part.references = std::move(references);
     ++m_chunks;
     const bool firstChunk = !m_availabilityStart;
     if (firstChunk) {
@@ -234,8 +242,8 @@ void Presentation::placeSplice(std::int64_t at, SpliceEvent&& event) {
     if (m_splices.size() > 256) m_splices.pop_front();
 }
 
-void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& room, std::size_t& length, std::uint64_t time,
-                                std::uint64_t timescale) {
+void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& room, std::size_t& length,
+                                tvrn::system::KeptBytesList& references, std::uint64_t time, std::uint64_t timescale) {
     if (out.track.kind != "video") return;
     // The engine starts the media timeline at the earliest sample of the session, and a video output's first
     // segment starts with the first key frame it was given: that key frame's running time less the segment's
@@ -257,8 +265,10 @@ void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& room, st
     }
     if (boxes.empty()) return;
     room.resize(length);
-    insertAfterSegmentType(room, boxes);
+    const std::size_t at = insertAfterSegmentType(room, boxes);
     length = room.size();
+    for (auto& reference : references)
+        if (reference.at >= at) reference.at += boxes.size();
 }
 
 void Presentation::recordSegment(Output& out, std::uint64_t time, std::uint64_t duration, std::uint64_t number,

@@ -61,7 +61,7 @@ std::vector<std::uint8_t> spliceMessageBox(const SpliceEvent& event, std::uint64
     return box;
 }
 
-void insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<std::uint8_t>& boxes) {
+std::size_t insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<std::uint8_t>& boxes) {
     // The engine's marker boxes may come first; the boxes go after `styp`, or else before the first `sidx` or
     // `moof`.
     std::size_t at = 0, box = 0;
@@ -78,6 +78,7 @@ void insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<
         at = box;
     }
     chunk.insert(chunk.begin() + static_cast<std::ptrdiff_t>(at), boxes.begin(), boxes.end());
+    return at;
 }
 
 }  // namespace fmp4mux

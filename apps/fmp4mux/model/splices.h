@@ -27,7 +27,7 @@ std::optional<std::pair<std::int64_t, SpliceEvent>> spliceOf(std::span<const std
 std::vector<std::uint8_t> spliceMessageBox(const SpliceEvent& event, std::uint64_t timescale);
 
 // Puts `boxes` into a media chunk after its `styp` (at its start when it has none), ahead of `sidx` and `moof`,
-// whose offsets count from their own positions and so stay right.
-void insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<std::uint8_t>& boxes);
+// whose offsets count from their own positions and so stay right. Answers where they went.
+std::size_t insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<std::uint8_t>& boxes);
 
 }  // namespace fmp4mux

@@ -72,12 +72,11 @@ struct RunFolders {
 };
 RunFolders planRunFolders(const std::string& outputDirectory, std::time_t start);
 
-// Writes the ranges of `bytes` (all of it when there are none) to `path` through a temporary name and a rename.
+// Writes what `file` writes (forEachPiece) to `path` through a temporary name and a rename; its path is not read.
 // `preallocate`: a file of a media segment's size takes its blocks in one call before it is written, which on a
 // disk file system costs less than reserving them page by page as the writes go (and more on a memory one).
 // Raises std::runtime_error with the reason on failure.
-void writeFileAtomically(const std::string& path, const std::vector<std::uint8_t>& bytes,
-                         const std::vector<std::pair<std::size_t, std::size_t>>& ranges = {}, bool preallocate = false);
+void writeFileAtomically(const std::string& path, const Publication& file, bool preallocate = false);
 
 // Writes one part of a growing segment at `path`: to its growing name, made anew for Start, appended to for
 // More; renamed to `path` when `complete`. Raises std::runtime_error with the reason on failure.

@@ -2,12 +2,15 @@
 // Where the files of a presentation go. A publisher takes each file whole, with the name it has below the
 // presentation's root, and makes it visible to players in the order given, on a thread of its own: whoever
 // publishes never waits for I/O.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/system/kept_bytes.h"
 
 namespace fmp4mux {
 
@@ -33,15 +36,34 @@ struct Publication {
         std::uint64_t msn = 0, part = 0;
     };
     std::optional<PartPosition> lastPart = std::nullopt;
+    // Bytes of `bytes` that lie elsewhere (sample bytes left in the input's buffers, kept alive with the
+    // publication), in order and apart: the bytes at each `at` are the reference's, not those of `bytes`.
+    tvrn::system::KeptBytesList references = {};
 };
 
-// The bytes a publication writes: its ranges joined, or all of `bytes` without ranges.
+// Calls `piece(data, size)` for each run of bytes the publication writes, in order: its ranges (all of `bytes`
+// without ranges), with the referenced bytes in place of those of `bytes`.
+template <typename Piece>
+void forEachPiece(const Publication& p, Piece&& piece) {
+    const auto range = [&](std::size_t at, std::size_t end) {
+        for (const auto& reference : p.references) {
+            if (reference.at + reference.size <= at || reference.at >= end) continue;
+            const std::size_t from = std::max(at, reference.at), to = std::min(end, reference.at + reference.size);
+            if (from > at) piece(p.bytes.data() + at, from - at);
+            piece(reference.data + (from - reference.at), to - from);
+            at = to;
+        }
+        if (end > at) piece(p.bytes.data() + at, end - at);
+    };
+    if (p.ranges.empty()) range(0, p.bytes.size());
+    for (const auto& [offset, length] : p.ranges) range(offset, offset + length);
+}
+
+// The bytes a publication writes, joined.
 inline std::vector<std::uint8_t> gather(const Publication& p) {
-    if (p.ranges.empty()) return p.bytes;
+    if (p.ranges.empty() && p.references.empty()) return p.bytes;
     std::vector<std::uint8_t> out;
-    for (const auto& [offset, length] : p.ranges)
-        out.insert(out.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
-                   p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));
+    forEachPiece(p, [&](const std::uint8_t* data, std::size_t size) { out.insert(out.end(), data, data + size); });
     return out;
 }
 

@@ -14,13 +14,15 @@ public:
 
     void publish(Publication&& publication) override {
         if (m_members.size() > 1) {
-            // The copies hold only the bytes written: a chunk comes in a room larger than itself.
+            // The copies hold only the bytes written, joined: a chunk comes in a room larger than itself, and
+            // with references to bytes that stay where they are.
             std::vector<std::uint8_t> bytes = std::move(publication.bytes);
             auto ranges = std::move(publication.ranges);
+            auto references = std::move(publication.references);
             Publication bare = publication;
-            bare.ranges.clear();
             publication.bytes = std::move(bytes);
             publication.ranges = std::move(ranges);
+            publication.references = std::move(references);
             bare.bytes = gather(publication);
             for (std::size_t i = 0; i + 1 < m_members.size(); ++i) {
                 Publication copy = bare;

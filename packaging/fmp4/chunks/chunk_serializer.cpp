@@ -73,7 +73,7 @@ std::uint32_t clamp32(std::uint64_t value) {
 }  // namespace
 
 ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room,
-                          const std::function<std::uint8_t*(std::size_t)>& place) {
+                          const std::function<ChunkPlace(std::size_t)>& place) {
     if (p.timescale == 0 || p.timescale > std::numeric_limits<std::uint32_t>::max())
         throw CorvaneException("invalid chunk timescale");
     // The pssh boxes of a segment start come from the encryption record: without one there is no provider to ask.
@@ -194,8 +194,11 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room
 
     ChunkBytes out = std::move(room);
     out.size = getBoxesSize(head) + getBoxesSize(tail);
-    std::uint8_t* target = place ? place(out.size) : nullptr;
+    const ChunkPlace lent = place ? place(out.size) : ChunkPlace{};
+    std::uint8_t* target = lent.at;
     out.placed = target != nullptr;
+    out.references.clear();
+    tvrn::system::KeptBytesList* references = out.placed && lent.referring ? &out.references : nullptr;
     if (!out.placed && out.capacity < out.size) {
         // A quarter more than asked: the chunks of a stream vary in size around the same value.
         out.capacity = out.size + out.size / 4;
@@ -206,7 +209,7 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room
     for (const auto& box : head) binarizeChecked(*box, writer);
     for (const TrackFragment& fragment : fragments)
         writer.copyBuffer(fragment.encryption.auxiliaryData.data(), fragment.encryption.auxiliaryData.size());
-    for (const TrackFragment& fragment : fragments) TrackFragmentBuilder::writePayload(fragment, writer);
+    for (const TrackFragment& fragment : fragments) TrackFragmentBuilder::writePayload(fragment, writer, references, kLeastReferenced);
     for (const auto& box : tail) binarizeChecked(*box, writer);
     if (writer.getBytePosition() != out.size) throw CorvaneException("chunk size mismatch");
     return out;

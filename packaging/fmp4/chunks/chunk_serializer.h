@@ -70,16 +70,29 @@ struct ChunkBytes {
     std::size_t size = 0;
     std::size_t capacity = 0;  // what `data` holds room for
     bool placed = false;       // the `size` bytes went to the memory `place` lent, not to `data`
+    // Bytes of the chunk left unwritten in the lent memory, which lie in input buffers (only when the place
+    // said it takes such references): the chunk's bytes at each `at` are the reference's.
+    tvrn::system::KeptBytesList references;
 };
+
+// Memory lent for a chunk by its output, and whether the output takes bytes of the chunk by reference there.
+struct ChunkPlace {
+    std::uint8_t* at = nullptr;
+    bool referring = false;
+};
+
+// Sample bytes in input buffers are referred to, not copied, in runs of at least this many bytes: below it the copy
+// costs less than the output's work for one more piece.
+constexpr std::size_t kLeastReferenced = 2048;
 
 // Fails with "No Encryption Provider Specified" when DASH fragments must carry pssh boxes at a segment start and
 // there is no encryption record to give them. With no encryption record the chunk is clear.
 // `room`, the bytes of an earlier chunk that are no longer needed, is written over when it is large enough, so
 // that a stream's chunks do not each take (and fault in) fresh memory.
 // `place`, when given, is asked for memory of the chunk's size first, and the chunk is written there when it
-// lends some.
+// lends some (leaving the sample bytes it can refer to unwritten when it says so).
 ChunkBytes serialiseChunk(const ChunkSerialisationParameters& parameters, ChunkBytes room = {},
-                          const std::function<std::uint8_t*(std::size_t)>& place = {});
+                          const std::function<ChunkPlace(std::size_t)>& place = {});
 
 }  // namespace v7_2
 }  // namespace tvrn::encoding::packaging::imff::fmp4

@@ -434,15 +434,18 @@ void ChunksBuilder::buildChunk(const SegmentChunks& segments, bool last) {
         // An output that lends memory gets the chunk written there; any other copies the bytes before Write
         // returns, and the room is kept for the next chunk.
         auto* placement = dynamic_cast<IOutputFmp4Placement*>(output.output);
-        std::function<std::uint8_t*(std::size_t)> place;
+        std::function<ChunkPlace(std::size_t)> place;
         if (placement != nullptr)
-            place = [&](std::size_t size) { return placement->Place(size, &chunkTime, 0); };
+            place = [&](std::size_t size) {
+                std::uint8_t* at = placement->Place(size, &chunkTime, 0);
+                return ChunkPlace{at, at != nullptr && placement->TakesReferences()};
+            };
         m_room = serialiseChunk(p, std::move(m_room), place);
-        const ChunkBytes& bytes = m_room;
+        ChunkBytes& bytes = m_room;
 
         bool written = false;
         if (bytes.placed)
-            written = placement->Commit(false, discontinuity, dataIdPresent, dataId);
+            written = placement->Commit(false, discontinuity, dataIdPresent, dataId, std::move(bytes.references));
         else if (output.output != nullptr)
             written = output.output->Write(bytes.data.get(), bytes.size, &chunkTime, 0, false, discontinuity,
                                            dataIdPresent, dataId);

@@ -38,6 +38,10 @@ public:
     std::uint32_t getSapType() const override { return m_sample->getSapType(); }
     std::size_t getSize() const override { return m_sample->getSize(); }
     void getData(std::uint8_t* dest) const override { m_sample->getData(dest); }
+    void getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
+                          tvrn::system::KeptBytesList& references) const override {
+        m_sample->getDataReferring(dest, base, least, references);
+    }
     bool getEncryptionInfo(imff_box::SampleEncryptionInfo& info) const override {
         return m_sample->getEncryptionInfo(info);
     }

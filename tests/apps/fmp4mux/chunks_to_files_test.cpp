@@ -67,7 +67,8 @@ TEST(ChunkReader, SmoothTimesAndChunksCutShort) {
 }
 
 // Feeds a sink as the filter's output pin does: every buffer of a chunk is taken and filled before any is
-// delivered. Returns where the first buffer's bytes were.
+// delivered; a first buffer that takes references gets the first 16 bytes of an `mdat` in it by reference instead.
+// Returns where the first buffer's bytes were.
 const std::uint8_t* send(ChunkSink& sink, flt::MemAllocator& allocator, const Bytes& bytes, bool init, std::int64_t time) {
     std::vector<flt::IMediaSample3*> samples;
     const std::uint8_t* first = nullptr;
@@ -79,6 +80,14 @@ const std::uint8_t* send(ChunkSink& sink, flt::MemAllocator& allocator, const By
         if (samples.empty()) first = data;
         const std::size_t n = std::min(static_cast<std::size_t>(sample->GetSize()), bytes.size() - at);
         std::memcpy(data, bytes.data() + at, n);
+        auto* referring = samples.empty() ? dynamic_cast<flt::IReferencedContent*>(sample) : nullptr;
+        const std::string_view type("mdat");
+        const auto mdat = std::search(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n), type.begin(), type.end());
+        const auto hole = static_cast<std::size_t>(mdat - bytes.begin()) + 4;
+        if (referring != nullptr && hole + 16 <= n) {
+            std::memset(data + hole, 0, 16);
+            referring->TakeReferences({{hole, bytes.data() + hole, 16, nullptr}});
+        }
         sample->SetActualDataLength(static_cast<long>(n));
         sample->SetSyncPoint(init);
         if (!init) sample->SetTime(&time, nullptr);
@@ -103,10 +112,15 @@ TEST_P(ChunkSinkBuffers, JoinsBuffersBackIntoWholeChunks) {
     const bool own = GetParam();
     std::vector<Bytes> inits, media;
     const std::uint8_t* handedOn = nullptr;  // where the last chunk was
-    ChunkSink sink(true, 10, [&](bool init, Bytes&& room, std::size_t length) {
+    ChunkSink sink(true, 10, [&](bool init, Bytes&& room, std::size_t length, ChunkSink::References&& references) {
         ASSERT_LE(length, room.size());
         handedOn = room.data();
-        (init ? inits : media).emplace_back(room.begin(), room.begin() + static_cast<std::ptrdiff_t>(length));
+        Bytes whole(room.begin(), room.begin() + static_cast<std::ptrdiff_t>(length));
+        for (const auto& reference : references) {
+            ASSERT_LE(reference.at + reference.size, length);
+            std::copy_n(reference.data, reference.size, whole.begin() + static_cast<std::ptrdiff_t>(reference.at));
+        }
+        (init ? inits : media).push_back(std::move(whole));
     });
     flt::MemAllocator plain{100, 8192};
     flt::MemAllocator& allocator = own ? *sink.GetAllocator() : plain;

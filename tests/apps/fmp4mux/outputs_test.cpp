@@ -1,9 +1,11 @@
 // The host's publishers: a segment that grows chunk by chunk on disk.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 
 #include "apps/fmp4mux/outputs/file_publisher.h"
 
@@ -47,17 +49,26 @@ TEST(FilePublisher, AGrowingSegmentHasItsOwnNameUntilItsLastChunk) {
     EXPECT_FALSE(publisher.failure());
 }
 
-// A file taken in one piece before it is written has the bytes of its ranges and no more, at every size.
-TEST(FilePublisher, APreallocatedFileHoldsExactlyItsRanges) {
+// A file taken in one piece before it is written has the bytes of its ranges and no more, at every size, with
+// the referenced bytes in place of the room's: one reference across a range's end, one inside the next range.
+TEST(FilePublisher, APreallocatedFileHoldsExactlyItsRangesWithTheReferencedBytes) {
     TempFolder root;
+    const auto other = std::make_shared<std::vector<std::uint8_t>>(64, std::uint8_t{0xEE});
     for (const std::size_t size : {std::size_t{100}, std::size_t{200000}}) {
-        std::vector<std::uint8_t> bytes(size + 100);
-        for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 7);
+        Publication file;
+        file.bytes.resize(size + 100);
+        for (std::size_t i = 0; i < file.bytes.size(); ++i) file.bytes[i] = static_cast<std::uint8_t>(i * 7);
+        file.ranges = {{0, 50}, {100, size - 50}};
+        file.references = {{40, other->data(), 20, other}, {120, other->data() + 1, 30, other}};
+        std::vector<std::uint8_t> whole = file.bytes;
+        std::fill(whole.begin() + 40, whole.begin() + 60, 0xEE);
+        std::fill(whole.begin() + 120, whole.begin() + 150, 0xEE);
         const fs::path path = root.path / ("seg_" + std::to_string(size) + ".mp4");
-        writeFileAtomically(path.string(), bytes, {{0, 50}, {100, size - 50}}, true);
-        std::string expected(bytes.begin(), bytes.begin() + 50);
-        expected.append(bytes.begin() + 100, bytes.begin() + 100 + static_cast<std::ptrdiff_t>(size - 50));
+        writeFileAtomically(path.string(), file, true);
+        std::string expected(whole.begin(), whole.begin() + 50);
+        expected.append(whole.begin() + 100, whole.begin() + 100 + static_cast<std::ptrdiff_t>(size - 50));
         EXPECT_EQ(readAll(path), expected) << size;
+        EXPECT_EQ(gather(file), std::vector<std::uint8_t>(expected.begin(), expected.end())) << size;
     }
 }
 

@@ -423,6 +423,56 @@ Bytes serialised(StreamChunk& chunk, ChunkContentType content, bool players) {
     return Bytes(bytes.data.get(), bytes.data.get() + bytes.size);
 }
 
+// With an output that takes references, the sample bytes that lie in an input buffer, in runs of at least
+// kLeastReferenced, are left out of the lent memory and referred to where they are (and kept alive there); a
+// shorter unit is written. The memory with the referred bytes put in is the chunk serialised without references.
+TEST(ChunkBytes, SampleBytesInAnInputBufferAreReferredToWhenTheOutputTakesReferences) {
+    Bytes pes{0, 0, 0, 1, 0x65};
+    pes.resize(4 + kLeastReferenced, 0xAB);
+    const Bytes small{0, 0, 0, 1, 0x06, 1, 2, 3};
+    pes.insert(pes.end(), small.begin(), small.end());
+    ChunkBytes whole, referring;
+    std::vector<std::uint8_t> lent;
+    {
+        const tvrn::encoding::packaging::imff::fmp4::MediaDataRef input = tvrn::encoding::packaging::imff::fmp4::SimpleMediaData::create(pes.data(), pes.size());
+        std::uint8_t* in = nullptr;
+        ASSERT_EQ(input->GetPointer(&in), 0);
+        std::shared_ptr<samples::Sample> sample = timedSample(0, samples::KindVideo, H264_VIDEO, 0, 0, 3600);
+        sample->sync = true;
+        sample->sapType = 1;
+        sample->nals.clear();
+        for (const auto& [from, size] : {std::pair<std::size_t, std::size_t>{0, 4 + kLeastReferenced},
+                                         {4 + kLeastReferenced, small.size()}}) {
+            auto unit = std::make_unique<samples::NAL>(-1, in + from, static_cast<std::uint32_t>(size), input);
+            ASSERT_TRUE(unit->replaceStartCodeWithLength(4));
+            sample->addNal(std::move(unit));
+        }
+        const auto chunk = chunkOf({std::make_shared<Fmp4Sample>(sample)}, 400000);
+        ChunkSerialisationParameters p;
+        p.tracks = {{1, ChunkVideo, chunk.get()}};
+        p.chunkDuration = 400000;
+        whole = serialiseChunk(p);
+        referring = serialiseChunk(p, {}, [&](std::size_t size) {
+            lent.assign(size, 0xEE);
+            return ChunkPlace{lent.data(), true};
+        });
+        ASSERT_TRUE(referring.placed);
+        ASSERT_EQ(referring.references.size(), 1u);
+        EXPECT_EQ(referring.references[0].data, in + 4);
+    }
+    // Only the references hold the input buffer now.
+    const tvrn::system::KeptBytes& kept = referring.references[0];
+    ASSERT_EQ(kept.size, kLeastReferenced);
+    ASSERT_EQ(lent.size(), whole.size);
+    EXPECT_EQ(Bytes(lent.begin() + static_cast<std::ptrdiff_t>(kept.at) - 4, lent.begin() + static_cast<std::ptrdiff_t>(kept.at)),
+              (Bytes{0x00, 0x00, 0x08, 0x00}));
+    EXPECT_EQ(std::count(lent.begin(), lent.end(), 0xEE), static_cast<std::ptrdiff_t>(kLeastReferenced));
+    std::copy_n(kept.data, kept.size, lent.begin() + static_cast<std::ptrdiff_t>(kept.at));
+    EXPECT_EQ(lent, Bytes(whole.data.get(), whole.data.get() + whole.size));
+    const auto after = lent.begin() + static_cast<std::ptrdiff_t>(kept.at + kept.size);
+    EXPECT_EQ(Bytes(after, after + 8), (Bytes{0, 0, 0, 4, 0x06, 1, 2, 3}));
+}
+
 // The last word of a sidx reference: starts_with_SAP (1 bit), SAP_type (3), SAP_delta_time (28). For players an
 // audio chunk starts with a SAP of type 1 (its samples say 0), and a video chunk starting inside a GOP with none.
 TEST(ChunkBytes, SegmentIndexSapForPlayers) {
