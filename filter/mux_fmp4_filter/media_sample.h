@@ -86,7 +86,7 @@ public:
 };
 
 // A buffer that takes parts of its content by reference, offered by a downstream allocator that writes its
-// buffers out itself: bytes of the content that lie in memory kept alive elsewhere (input buffers) are left
+// buffers out itself: bytes of the content that lie in memory kept alive elsewhere (input buffers, samples) are left
 // unwritten in the buffer and handed over as references, so they are never copied on the way out.
 class IReferencedContent {
 public:

@@ -56,7 +56,7 @@ public:
     // Memory for the `size` bytes of the next chunk, or null when the output cannot lend that much at once (the
     // chunk then goes through Write as usual).
     virtual std::uint8_t* Place(std::size_t size, const std::int64_t* startTime, std::int64_t stopTime) = 0;
-    // Whether the memory of the last Place may be left with holes where the chunk's bytes lie in input buffers,
+    // Whether the memory of the last Place may be left with holes where the chunk's sample bytes lie elsewhere,
     // given to Commit as references instead: an output that writes the chunk out from both (no copy of the bytes).
     virtual bool TakesReferences() const { return false; }
     // The chunk written into the memory of the last Place is complete: as Write, with the same marks. Its bytes

@@ -66,7 +66,7 @@ public:
     static TrackFragment build(const TrackFragmentParameters& parameters, const std::vector<const ISample*>& samples);
 
     // Copies the payload of the fragment's samples at the writer's position. With `references`, runs of at least
-    // `least` bytes that lie in input buffers are left unwritten and added there instead (ISample::getDataReferring),
+    // `least` bytes that the samples keep alive are left unwritten and added there instead (ISample::getDataReferring),
     // `at` counted from the writer's buffer.
     static void writePayload(const TrackFragment& fragment, ImffBitWriter& writer,
                              tvrn::system::KeptBytesList* references = nullptr, std::size_t least = 0);

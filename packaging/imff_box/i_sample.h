@@ -33,9 +33,9 @@ public:
     virtual std::size_t getSize() const = 0;
     virtual void getData(std::uint8_t* dest) const = 0;
     // As getData, for a writer that can refer to bytes in place of copying them: runs of at least `least` bytes
-    // that lie in memory kept alive elsewhere (an input buffer) are left unwritten at `dest` and added to
-    // `references`, each `at` counted as `base` plus its offset from `dest`. A sample without such bytes writes
-    // them all.
+    // that lie in memory the sample can keep alive (an input buffer, its own storage) are left unwritten at
+    // `dest` and added to `references`, each `at` counted as `base` plus its offset from `dest`. A sample
+    // without such bytes writes them all.
     virtual void getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
                                   tvrn::system::KeptBytesList& references) const {
         (void)base;

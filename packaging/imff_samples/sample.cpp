@@ -1,5 +1,6 @@
 #include "packaging/imff_samples/sample.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace tvrn::encoding::packaging::imff::imff_samples {
@@ -24,15 +25,22 @@ void Sample::getData(std::uint8_t* dest) const {
 
 void Sample::getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
                               tvrn::system::KeptBytesList& references) const {
-    // Units of one input buffer share one keeper of it.
+    // A sample held by a shared pointer keeps its units, and the input buffers they lie in, alive itself: then
+    // every large unit is referred to where it is, in an input buffer or in its own storage (an encrypted one).
+    // Otherwise only units over input buffers are, each kept by its input buffer.
+    const std::shared_ptr<const void> self = weak_from_this().lock();
     const IMediaData* lastInput = nullptr;
-    std::shared_ptr<const void> lastKeep;
+    std::shared_ptr<const void> lastKeep = self;
     std::size_t offset = 0;
     for (const auto& nal : nals) {
         if (nal->capacity <= 0 || nal->length == 0) continue;
-        const std::span<const std::uint8_t> kept = nal->writeReferring(dest + offset, least);
+        std::span<const std::uint8_t> kept;
+        if (self && !nal->borrowed() && nal->length >= std::max<std::size_t>(least, 1))
+            kept = {nal->bytes(), nal->length};
+        else
+            kept = nal->writeReferring(dest + offset, least);
         if (!kept.empty()) {
-            if (nal->input().get() != lastInput || !lastKeep) {
+            if (!self && (nal->input().get() != lastInput || !lastKeep)) {
                 lastInput = nal->input().get();
                 auto holder = std::make_shared<MediaDataRef>(nal->input());
                 lastKeep = std::shared_ptr<const void>(holder, holder.get());

@@ -27,7 +27,9 @@ enum SampleKind : std::int32_t {
     KindTimedText = 9,
 };
 
-class Sample : public ISample {
+// A sample held by a shared pointer can keep its own bytes alive for a writer that refers to them
+// (getDataReferring).
+class Sample : public ISample, public std::enable_shared_from_this<Sample> {
 public:
     Sample() = default;
     ~Sample() override = default;

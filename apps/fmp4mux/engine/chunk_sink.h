@@ -18,7 +18,7 @@ public:
     // A whole chunk, `init` or media, given away to the handler with its room: the chunk is the first `length`
     // bytes of `room`. What follows it in the room is not the chunk's; the room keeps its whole size so that, back
     // in the pool, it need not be cleared again before the next chunk is written into it.
-    // Sample bytes the output left out of the room (input buffers it refers to, see IReferencedContent) come as
+    // Sample bytes the output left out of the room (kept where they lie, see IReferencedContent) come as
     // references: the chunk's bytes at each `at` are the reference's.
     using References = tvrn::system::KeptBytesList;
     using Handler = std::function<void(bool init, Bytes&& room, std::size_t length, References&& references)>;

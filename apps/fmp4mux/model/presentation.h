@@ -72,7 +72,7 @@ public:
 
     // A whole chunk of output `index`, the first `length` bytes of `room`, given away with the room (which goes
     // with the chunk's file to the publisher, the chunk its only range). The chunk's bytes at each of
-    // `references` are the reference's (sample bytes left in the input's buffers), not the room's.
+    // `references` are the reference's (sample bytes left where they lie), not the room's.
     void onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length,
                  tvrn::system::KeptBytesList&& references = {});
     void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk) {

@@ -36,7 +36,7 @@ struct Publication {
         std::uint64_t msn = 0, part = 0;
     };
     std::optional<PartPosition> lastPart = std::nullopt;
-    // Bytes of `bytes` that lie elsewhere (sample bytes left in the input's buffers, kept alive with the
+    // Bytes of `bytes` that lie elsewhere (sample bytes left where they lie, kept alive with the
     // publication), in order and apart: the bytes at each `at` are the reference's, not those of `bytes`.
     tvrn::system::KeptBytesList references = {};
 };

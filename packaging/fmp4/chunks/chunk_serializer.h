@@ -70,7 +70,7 @@ struct ChunkBytes {
     std::size_t size = 0;
     std::size_t capacity = 0;  // what `data` holds room for
     bool placed = false;       // the `size` bytes went to the memory `place` lent, not to `data`
-    // Bytes of the chunk left unwritten in the lent memory, which lie in input buffers (only when the place
+    // Bytes of the chunk left unwritten in the lent memory, sample bytes kept where they lie (only when the place
     // said it takes such references): the chunk's bytes at each `at` are the reference's.
     tvrn::system::KeptBytesList references;
 };
@@ -81,7 +81,7 @@ struct ChunkPlace {
     bool referring = false;
 };
 
-// Sample bytes in input buffers are referred to, not copied, in runs of at least this many bytes: below it the copy
+// Sample bytes are referred to, not copied, in runs of at least this many bytes: below it the copy
 // costs less than the output's work for one more piece.
 constexpr std::size_t kLeastReferenced = 2048;
 

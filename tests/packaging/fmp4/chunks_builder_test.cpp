@@ -423,10 +423,11 @@ Bytes serialised(StreamChunk& chunk, ChunkContentType content, bool players) {
     return Bytes(bytes.data.get(), bytes.data.get() + bytes.size);
 }
 
-// With an output that takes references, the sample bytes that lie in an input buffer, in runs of at least
-// kLeastReferenced, are left out of the lent memory and referred to where they are (and kept alive there); a
-// shorter unit is written. The memory with the referred bytes put in is the chunk serialised without references.
-TEST(ChunkBytes, SampleBytesInAnInputBufferAreReferredToWhenTheOutputTakesReferences) {
+// With an output that takes references, the units of a shared sample of kLeastReferenced bytes or more, in an input
+// buffer or in their own storage, are left out of the lent memory and referred to where they are (the sample kept
+// alive with them); a shorter unit is written. The memory with the referred bytes put in is the chunk serialised
+// without references.
+TEST(ChunkBytes, LargeUnitsAreReferredToWhenTheOutputTakesReferences) {
     Bytes pes{0, 0, 0, 1, 0x65};
     pes.resize(4 + kLeastReferenced, 0xAB);
     const Bytes small{0, 0, 0, 1, 0x06, 1, 2, 3};
@@ -447,6 +448,11 @@ TEST(ChunkBytes, SampleBytesInAnInputBufferAreReferredToWhenTheOutputTakesRefere
             ASSERT_TRUE(unit->replaceStartCodeWithLength(4));
             sample->addNal(std::move(unit));
         }
+        const Bytes own(kLeastReferenced, 0xCD);
+        auto owned = std::make_unique<samples::NAL>(-1, static_cast<std::int32_t>(own.size()));
+        owned->append(own.data(), own.size());
+        const std::uint8_t* ownBytes = owned->bytes();
+        sample->addNal(std::move(owned));
         const auto chunk = chunkOf({std::make_shared<Fmp4Sample>(sample)}, 400000);
         ChunkSerialisationParameters p;
         p.tracks = {{1, ChunkVideo, chunk.get()}};
@@ -457,17 +463,20 @@ TEST(ChunkBytes, SampleBytesInAnInputBufferAreReferredToWhenTheOutputTakesRefere
             return ChunkPlace{lent.data(), true};
         });
         ASSERT_TRUE(referring.placed);
-        ASSERT_EQ(referring.references.size(), 1u);
+        ASSERT_EQ(referring.references.size(), 2u);
         EXPECT_EQ(referring.references[0].data, in + 4);
+        EXPECT_EQ(referring.references[1].data, ownBytes);
     }
-    // Only the references hold the input buffer now.
+    // Only the references hold the sample and its input buffer now.
     const tvrn::system::KeptBytes& kept = referring.references[0];
     ASSERT_EQ(kept.size, kLeastReferenced);
+    ASSERT_EQ(referring.references[1].at, kept.at + kept.size + 8);
     ASSERT_EQ(lent.size(), whole.size);
     EXPECT_EQ(Bytes(lent.begin() + static_cast<std::ptrdiff_t>(kept.at) - 4, lent.begin() + static_cast<std::ptrdiff_t>(kept.at)),
               (Bytes{0x00, 0x00, 0x08, 0x00}));
-    EXPECT_EQ(std::count(lent.begin(), lent.end(), 0xEE), static_cast<std::ptrdiff_t>(kLeastReferenced));
-    std::copy_n(kept.data, kept.size, lent.begin() + static_cast<std::ptrdiff_t>(kept.at));
+    EXPECT_EQ(std::count(lent.begin(), lent.end(), 0xEE), static_cast<std::ptrdiff_t>(2 * kLeastReferenced));
+    for (const auto& reference : referring.references)
+        std::copy_n(reference.data, reference.size, lent.begin() + static_cast<std::ptrdiff_t>(reference.at));
     EXPECT_EQ(lent, Bytes(whole.data.get(), whole.data.get() + whole.size));
     const auto after = lent.begin() + static_cast<std::ptrdiff_t>(kept.at + kept.size);
     EXPECT_EQ(Bytes(after, after + 8), (Bytes{0, 0, 0, 4, 0x06, 1, 2, 3}));
