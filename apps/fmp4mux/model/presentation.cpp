@@ -49,9 +49,12 @@ void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& roo
     const auto it = m_outputs.find(index);
     if (it == m_outputs.end()) return fail("output " + std::to_string(index) + " was not declared");
     if (length > room.size()) return fail("output " + std::to_string(index) + ": a chunk longer than its room");
-    for (const auto& reference : references)
-        if (reference.at > length || reference.size > length - reference.at)
-            return fail("output " + std::to_string(index) + ": a chunk refers to bytes past its end");
+    std::size_t referredTo = 0;  // the end of the references so far: they come in order, apart
+    for (const auto& reference : references) {
+        if (reference.at < referredTo || reference.at > length || reference.size > length - reference.at)
+            return fail("output " + std::to_string(index) + ": a chunk refers to bytes out of order or past its end");
+        referredTo = reference.at + reference.size;
+    }
     if (init)
         onInit(index, it->second, std::move(room), length);
     else

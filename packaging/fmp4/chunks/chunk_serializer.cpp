@@ -209,7 +209,12 @@ ChunkBytes serialiseChunk(const ChunkSerialisationParameters& p, ChunkBytes room
     for (const auto& box : head) binarizeChecked(*box, writer);
     for (const TrackFragment& fragment : fragments)
         writer.copyBuffer(fragment.encryption.auxiliaryData.data(), fragment.encryption.auxiliaryData.size());
-    for (const TrackFragment& fragment : fragments) TrackFragmentBuilder::writePayload(fragment, writer, references, kLeastReferenced);
+    // Only the bytes of audio and video samples are referred to: the host may read text and metadata samples back
+    // out of the chunk (cues into WebVTT files), so those are always in it.
+    for (std::size_t i = 0; i < fragments.size(); ++i) {
+        const bool media = tracks[i].contentType == ChunkVideo || tracks[i].contentType == ChunkAudio;
+        TrackFragmentBuilder::writePayload(fragments[i], writer, media ? references : nullptr, kLeastReferenced);
+    }
     for (const auto& box : tail) binarizeChecked(*box, writer);
     if (writer.getBytePosition() != out.size) throw CorvaneException("chunk size mismatch");
     return out;

@@ -70,8 +70,8 @@ struct ChunkBytes {
     std::size_t size = 0;
     std::size_t capacity = 0;  // what `data` holds room for
     bool placed = false;       // the `size` bytes went to the memory `place` lent, not to `data`
-    // Bytes of the chunk left unwritten in the lent memory, sample bytes kept where they lie (only when the place
-    // said it takes such references): the chunk's bytes at each `at` are the reference's.
+    // Bytes of the chunk left unwritten in the lent memory, audio and video sample bytes kept where they lie (only
+    // when the place said it takes such references): the chunk's bytes at each `at` are the reference's.
     tvrn::system::KeptBytesList references;
 };
 

@@ -458,6 +458,14 @@ TEST(ChunkBytes, LargeUnitsAreReferredToWhenTheOutputTakesReferences) {
         p.tracks = {{1, ChunkVideo, chunk.get()}};
         p.chunkDuration = 400000;
         whole = serialiseChunk(p);
+        // A text track's samples are always written whole.
+        p.tracks = {{1, ChunkTimedText, chunk.get()}};
+        const ChunkBytes text = serialiseChunk(p, {}, [&](std::size_t size) {
+            lent.assign(size, 0xEE);
+            return ChunkPlace{lent.data(), true};
+        });
+        EXPECT_TRUE(text.placed && text.references.empty());
+        p.tracks = {{1, ChunkVideo, chunk.get()}};
         referring = serialiseChunk(p, {}, [&](std::size_t size) {
             lent.assign(size, 0xEE);
             return ChunkPlace{lent.data(), true};
