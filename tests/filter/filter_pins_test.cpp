@@ -283,7 +283,7 @@ TEST(OutputPin, AChunkThatDoesNotFitIsDroppedWholeAndTheNextOneThatFitsLeaves) {
 
 // A chunk serialised into the pin's next buffer: one sample with the chunk's marks when it fits; when it does not,
 // the buffer taken goes to the Write that follows; when none is free, that Write fails
-// without asking again, so the drop is logged once.
+// without asking again, so the drop is logged once. A plain buffer takes no part of a chunk by reference.
 TEST(OutputPin, AChunkIsPlacedInTheNextBufferWhenItFitsAndElseWrittenAsBefore) {
     OutputFixture f(0x7FFFFFFF, 65536);
     auto& placement = dynamic_cast<fmp4::IOutputFmp4Placement&>(f.output());
@@ -298,6 +298,11 @@ TEST(OutputPin, AChunkIsPlacedInTheNextBufferWhenItFitsAndElseWrittenAsBefore) {
     EXPECT_EQ(got[0].bytes, chunk);
     EXPECT_TRUE(got[0].hasTime && got[0].start == time && got[0].discontinuity && got[0].hasDataId && got[0].dataId == 9);
     EXPECT_FALSE(placement.Commit(false, false, false, 0, {}));  // nothing placed since
+    // A plain buffer takes no references: a chunk with holes in it is not delivered.
+    ASSERT_NE(placement.Place(chunk.size(), &time, 0), nullptr);
+    EXPECT_FALSE(placement.TakesReferences());
+    EXPECT_FALSE(placement.Commit(false, false, false, 0, {{0, chunk.data(), 1, nullptr}}));
+    EXPECT_EQ(f.sink.snapshot().size(), 1u);
 
     f.filter->Stop();
 
