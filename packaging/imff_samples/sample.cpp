@@ -1,13 +1,9 @@
 #include "packaging/imff_samples/sample.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace tvrn::encoding::packaging::imff::imff_samples {
 inline namespace v1 {
-
-using lib_parse_es::IMediaData;
-using lib_parse_es::MediaDataRef;
 
 std::size_t Sample::getSize() const {
     std::size_t size = 0;
@@ -25,28 +21,16 @@ void Sample::getData(std::uint8_t* dest) const {
 
 void Sample::getDataReferring(std::uint8_t* dest, std::size_t base, std::size_t least,
                               tvrn::system::KeptBytesList& references) const {
-    // A sample held by a shared pointer keeps its units, and the input buffers they lie in, alive itself: then
-    // every large unit is referred to where it is, in an input buffer or in its own storage (an encrypted one).
-    // Otherwise only units over input buffers are, each kept by its input buffer.
+    // The references keep the sample alive, and with it its units and the input buffers they lie in: a sample not
+    // held by a shared pointer cannot, and writes all its bytes.
     const std::shared_ptr<const void> self = weak_from_this().lock();
-    const IMediaData* lastInput = nullptr;
-    std::shared_ptr<const void> lastKeep = self;
+    if (!self) return getData(dest);
     std::size_t offset = 0;
     for (const auto& nal : nals) {
         if (nal->capacity <= 0 || nal->length == 0) continue;
-        std::span<const std::uint8_t> kept;
-        if (self && !nal->borrowed() && nal->length >= std::max<std::size_t>(least, 1))
-            kept = {nal->bytes(), nal->length};
-        else
-            kept = nal->writeReferring(dest + offset, least);
-        if (!kept.empty()) {
-            if (!self && (nal->input().get() != lastInput || !lastKeep)) {
-                lastInput = nal->input().get();
-                auto holder = std::make_shared<MediaDataRef>(nal->input());
-                lastKeep = std::shared_ptr<const void>(holder, holder.get());
-            }
-            references.push_back({base + offset + (nal->length - kept.size()), kept.data(), kept.size(), lastKeep});
-        }
+        const std::span<const std::uint8_t> kept = nal->writeReferring(dest + offset, least);
+        if (!kept.empty())
+            references.push_back({base + offset + (nal->length - kept.size()), kept.data(), kept.size(), self});
         offset += nal->length;
     }
 }

@@ -116,11 +116,14 @@ public:
         dest = writeLength(dest);
         if (m_borrowedSize > m_lengthFor) std::memcpy(dest, m_borrowed + m_lengthFor, m_borrowedSize - m_lengthFor);
     }
-    // As writeTo, except that a unit over an input buffer with at least `least` of its bytes there writes only
-    // its length (when a length replaces its start code) and answers those bytes, which follow it, unwritten: the
-    // caller refers to them where they are, holding input() for as long as it does.
+    // As writeTo, except for a run of at least `least` bytes that the caller refers to where it lies, holding this
+    // unit (and so its input buffer) alive for as long as it does: the bytes of a unit in its own storage, whole,
+    // or those of a unit over an input buffer after its start code, whose length alone is written. Answers that
+    // run, unwritten, or nothing when the unit is shorter and written whole.
     std::span<const std::uint8_t> writeReferring(std::uint8_t* dest, std::size_t least) const {
-        if (m_borrowed == nullptr || m_borrowedSize - m_lengthFor < std::max<std::size_t>(least, 1)) {
+        least = std::max<std::size_t>(least, 1);
+        if (m_borrowed == nullptr && length >= least) return {data.data() + unitStart, length};
+        if (m_borrowed == nullptr || m_borrowedSize - m_lengthFor < least) {
             writeTo(dest);
             return {};
         }
@@ -128,8 +131,6 @@ public:
         return {m_borrowed + m_lengthFor, m_borrowedSize - m_lengthFor};
     }
     bool borrowed() const { return m_borrowed != nullptr; }
-    // The input buffer a unit over one keeps alive (null otherwise).
-    const MediaDataRef& input() const { return m_keep; }
     // A plain unit over this one's bytes from `from` on, sharing its input buffer: null when this unit is not
     // over an input buffer as it came (then its bytes are to be copied).
     std::unique_ptr<NAL> shareFrom(std::uint32_t from) const {

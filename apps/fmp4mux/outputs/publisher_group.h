@@ -17,13 +17,11 @@ public:
             // The copies hold only the bytes written, joined: a chunk comes in a room larger than itself, and
             // with references to bytes that stay where they are.
             std::vector<std::uint8_t> bytes = std::move(publication.bytes);
-            auto ranges = std::move(publication.ranges);
-            auto references = std::move(publication.references);
             Publication bare = publication;
             publication.bytes = std::move(bytes);
-            publication.ranges = std::move(ranges);
-            publication.references = std::move(references);
             bare.bytes = gather(publication);
+            bare.ranges.clear();
+            bare.references.clear();
             for (std::size_t i = 0; i + 1 < m_members.size(); ++i) {
                 Publication copy = bare;
                 m_members[i]->publish(std::move(copy));
