@@ -8,6 +8,7 @@
 # the input split into files of 1 MiB in the same folder, what any packager of it pays in the kernel, and the CPU
 # ratio of the two packagers above it (what each spends on its own work).
 #
+# The input is read into the page cache afresh first, as a file read from disk lies there (bench_input.sh says why).
 # The runs alternate, and each starts from the same state: the previous output removed and the page cache written
 # back (`sync`), since the system time of writing 300 MB depends on what the file system still has to flush.
 # Usage: bench/fmp4mux_vs_ffmpeg.sh [BUILD_DIR]   (default build/release; the input is cached in BUILD_DIR)
@@ -22,6 +23,7 @@ command -v python3 >/dev/null || { echo "needs python3" >&2; exit 2; }
 . bench/bench_input.sh
 input=$(bench_input "$build") || exit 2
 size=$(stat -c %s "$input")
+bench_input_settle "$input"
 # The outputs go to a file system in memory (/dev/shm) when it has room, unless BENCH_OUTPUT_DIR names a folder:
 # on a disk file system the cost of making a file depends on the files removed in the minutes before (ext4
 # without a journal looks at every inode freed in the last minute for each file it makes), which the alternating

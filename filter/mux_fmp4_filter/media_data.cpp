@@ -33,9 +33,8 @@ IMediaSample3& MediaData::withMetadata(std::uint32_t type) {
         "\"Parental Rating\" management needs IMediaSample3 interface",
         "recording event management needs IMediaSample3 interface",
     };
-    auto* with3 = dynamic_cast<IMediaSample3*>(m_sample.get());
-    if (with3 == nullptr) throw COMException(kMissing[type], E_NOINTERFACE, "QueryInterface(IMediaSample3)", "MediaData");
-    return *with3;
+    if (m_sample3 == nullptr) throw COMException(kMissing[type], E_NOINTERFACE, "QueryInterface(IMediaSample3)", "MediaData");
+    return *m_sample3;
 }
 
 template <typename T>

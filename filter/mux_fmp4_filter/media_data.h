@@ -53,7 +53,9 @@ public:
     void* GetMediaSample() override { return m_sample.get(); }
 
 protected:
-    explicit MediaData(SampleRef<IMediaSample> sample) : m_sample(std::move(sample)) {}
+    // The metadata interface is looked up once: every sample is asked for its metadata items several times.
+    explicit MediaData(SampleRef<IMediaSample> sample)
+        : m_sample(std::move(sample)), m_sample3(dynamic_cast<IMediaSample3*>(m_sample.get())) {}
     ~MediaData() override = default;
 
 private:
@@ -65,6 +67,7 @@ private:
 
     RefCount m_refCount;
     SampleRef<IMediaSample> m_sample;
+    IMediaSample3* const m_sample3;  // m_sample's metadata interface, null when it has none
 };
 
 class MediaData2 final : public MediaData {
