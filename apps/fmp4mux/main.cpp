@@ -43,11 +43,21 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kVersion = "fmp4mux 0.1.0";
 
-// What stops a run early: an interruption, or a failure that makes going on pointless.
+// What stops a run early: an interruption, or a failure that makes going on pointless. A second interruption
+// does not wait for the chunks under way.
 struct RunControl {
     std::atomic<bool> stop{false};
     std::atomic<bool> interrupted{false};
+    std::atomic<int> interruptions{0};
+    std::atomic<bool> abandon{false};
 };
+
+// How long the outputs may take to end once nothing more comes in (the inputs have ended, or the run was
+// interrupted) without a chunk coming out: the engine flushes at once, so an output still open after that will
+// never end (a session that failed, and was rebuilt, drops what it is given). Shorter when the engine has
+// reported an error since the last chunk.
+constexpr auto kFinishLimit = std::chrono::seconds(10);
+constexpr auto kFinishLimitAfterError = std::chrono::seconds(2);
 
 int run(int argc, char** argv) {
     Options options;
@@ -64,7 +74,13 @@ int run(int argc, char** argv) {
     // An interruption ends the run cleanly: the chunks under way are finished and the manifests written.
     RunControl control;
     StopSignals signals([&control] {
-        if (!control.interrupted.exchange(true)) std::cerr << "\nfmp4mux: interrupted, finishing the chunks under way\n";
+        const int count = ++control.interruptions;
+        control.interrupted = true;
+        if (count == 1) std::cerr << "\nfmp4mux: interrupted, finishing the chunks under way (again to stop at once)\n";
+        if (count == 2) {
+            std::cerr << "\nfmp4mux: interrupted again, stopping without the chunks under way\n";
+            control.abandon = true;
+        }
         control.stop = true;
     });
 
@@ -215,7 +231,7 @@ int run(int argc, char** argv) {
 
     // Outputs: files through a publisher of their own, the presentation that names them and writes manifests.
     BufferPool rooms(4);
-    FilePublisher files(options.outputDirectory, [&rooms](std::vector<std::uint8_t>&& room) { rooms.give(std::move(room)); });
+    FilePublisher files(options.outputDirectory, [&rooms](tvrn::system::ByteBuffer&& room) { rooms.give(std::move(room)); });
     // Inputs that can wait are read as fast as packaging goes, which can be faster than the disk takes the files:
     // packaging then waits for the disk instead of queuing the difference in memory.
     if (!options.realtime && std::all_of(inputs.begin(), inputs.end(), [](const auto& in) { return in->canWait(); }))
@@ -341,7 +357,7 @@ int run(int argc, char** argv) {
         const auto bufferCount = static_cast<long>(1.5 * segmentMs / 1000.0 * peakBitsPerSecond / 8 / 8192) + 1;
         route.engine = packager.connect(
             {plan.label, info, plan.bitrate, plan.language, plan.name, plan.descriptors}, bufferCount,
-            [&presentation, output](bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+            [&presentation, output](bool init, tvrn::system::ByteBuffer&& room, std::size_t length,
                                     ChunkSink::References&& references) {
                 presentation.onChunk(output, init, std::move(room), length, std::move(references));
             },
@@ -471,9 +487,31 @@ int run(int argc, char** argv) {
         }
     };
     // Progress until every output has ended; a failure or an interruption stops the readers, and the chunks under
-    // way are finished.
+    // way are finished, within a limit.
+    std::optional<std::string> unfinished;
+    auto lastProgress = Clock::now();
+    std::uint64_t chunksSeen = presentation.chunks(), errorsSeen = logger.errors();
     while (!packager.waitForEnd(std::chrono::seconds(1))) {
         if (presentation.failure()) control.stop = true;
+        const auto now = Clock::now();
+        const bool inputsDone = std::none_of(readers.begin(), readers.end(), [](const auto& r) { return r.second->reading(); });
+        if (presentation.chunks() != chunksSeen || !(inputsDone || control.stop.load())) {
+            chunksSeen = presentation.chunks();
+            errorsSeen = logger.errors();
+            lastProgress = now;
+        }
+        if (control.abandon.load()) {
+            unfinished = "interrupted twice";
+            break;
+        }
+        const bool failed = logger.errors() != errorsSeen;
+        const auto limit = failed ? kFinishLimitAfterError : kFinishLimit;
+        if (now - lastProgress > limit) {
+            unfinished = "packaging did not finish within " + std::to_string(limit.count()) + " s of the " +
+                         (inputsDone ? "inputs' end" : "interruption") +
+                         (failed ? "; the engine reported: " + logger.errorAfter(errorsSeen) : "");
+            break;
+        }
         endSilentInputs();
         if (control.stop.load()) presentation.wake();
         if (!options.quiet) {
@@ -519,8 +557,11 @@ int run(int argc, char** argv) {
     for (const auto& [d, reader] : readers)
         if (!reader->error().empty()) warn("reading input " + std::to_string(d) + " stopped early: " + reader->error());
     if (const auto failure = presentation.failure()) throw ExitError(kExitFailed, *failure);
+    if (unfinished) throw ExitError(kExitFailed, *unfinished);
     if (presentation.chunks() == 0)
-        throw ExitError(kExitFailed, "no chunk was produced (is there a key frame and a time stamp in the input?)");
+        throw ExitError(kExitFailed, logger.errors() > 0
+                                         ? "no chunk was produced; the engine reported: " + logger.errorAfter(0)
+                                         : "no chunk was produced (is there a key frame and a time stamp in the input?)");
     showSummary(presentation.mediaSeconds(), presentation.chunks(), presentation.files(), wall,
                 options.outputDirectory, presentation.manifestName(), options.dash,
                 options.encryption.keyServer() ? "from the key server" : options.encryption.keyId);

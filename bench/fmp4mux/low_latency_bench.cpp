@@ -140,7 +140,7 @@ void BM_ChunkFromFilterToPlayer(benchmark::State& state) {
         engine.offline = false;
         Packager packager(engine, logger);
         const int handle = packager.connect({"0:0", info, 500000, "und", "video0", {}}, 400,
-                                            [&](bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+                                            [&](bool init, ChunkSink::Bytes&& room, std::size_t length,
                                                 ChunkSink::References&& references) {
                                                 presentation.onChunk(0, init, std::move(room), length,
                                                                      std::move(references));

@@ -30,13 +30,19 @@ bool StderrLogger::sparseMissingChunk(const std::string& text) const {
 }
 
 void StderrLogger::WriteMsg(tvrn::log::LOGLEVEL level, const char* format, ...) {
-    // Only a warning can become a debug line: anything else below the verbosity is not even formatted.
-    if (static_cast<int>(level) > m_verbosity) return;
+    // Only a warning can become a debug line: anything else below the verbosity is not even formatted, but errors,
+    // which the run's end may have to name.
+    if (static_cast<int>(level) > m_verbosity && level != tvrn::log::LOG_ERROR) return;
     va_list args;
     va_start(args, format);
     const std::string text = tvrn::log::formatV(format, args);
     va_end(args);
     std::lock_guard lock(m_mutex);
+    if (level == tvrn::log::LOG_ERROR) {
+        ++m_errors;
+        m_lastErrors.push_back(text);
+        if (m_lastErrors.size() > 8) m_lastErrors.pop_front();
+    }
     if (level == tvrn::log::LOG_WARNING && sparseMissingChunk(text)) level = tvrn::log::LOG_DEBUG;
     if (static_cast<int>(level) > m_verbosity) return;
     static constexpr const char* kLabels[] = {"error", "warning", "info", "debug"};

@@ -3,6 +3,7 @@
 // summary at the end. Everything goes to standard error; a line that interrupts the progress line clears it.
 #include <cstdarg>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <set>
 #include <string>
@@ -22,13 +23,27 @@ public:
         std::lock_guard lock(m_mutex);
         m_sparse.insert(output);
     }
+    // How many errors the engine has reported, whatever the verbosity, and the text of the first after the
+    // `seen`th (of the last few kept: the oldest kept when it has gone).
+    std::uint64_t errors() const {
+        std::lock_guard lock(m_mutex);
+        return m_errors;
+    }
+    std::string errorAfter(std::uint64_t seen) const {
+        std::lock_guard lock(m_mutex);
+        if (m_lastErrors.empty() || seen >= m_errors) return {};
+        const std::uint64_t kept = m_lastErrors.size(), first = m_errors - kept;
+        return m_lastErrors[seen > first ? seen - first : 0];
+    }
 
 private:
     bool sparseMissingChunk(const std::string& text) const;
 
     int m_verbosity;
     std::set<int> m_sparse;
-    std::mutex m_mutex;
+    std::uint64_t m_errors = 0;
+    std::deque<std::string> m_lastErrors;  // the last few
+    mutable std::mutex m_mutex;
 };
 
 // One line of the host's own, on a line of its own: "fmp4mux: <text>".

@@ -77,7 +77,8 @@ void ChunkSink::makeRoom(std::size_t free) {
         Bytes room = m_rooms(wanted);
         if (room.capacity() >= wanted) m_room.swap(room);
     }
-    // A room's bytes beyond its size are zeroed as it grows into them: rooms come back from the pool whole.
+    // Growing leaves the new bytes as they are: the output writes the boxes, and the bytes it refers to it never
+    // writes, so their pages are never brought in.
     m_room.resize(std::max(wanted, m_room.capacity()));
 }
 

@@ -9,15 +9,17 @@
 #include <vector>
 
 #include "filter/mux_fmp4_filter/pins.h"
+#include "support/system/byte_buffer.h"
 
 namespace fmp4mux {
 
 class ChunkSink : public tvrn::encoding::filter::IMediaSampleSink {
 public:
-    using Bytes = std::vector<std::uint8_t>;
+    // Grown without zeroing: the parts of a chunk that are referred to are never written in its room.
+    using Bytes = tvrn::system::ByteBuffer;
     // A whole chunk, `init` or media, given away to the handler with its room: the chunk is the first `length`
-    // bytes of `room`. What follows it in the room is not the chunk's; the room keeps its whole size so that, back
-    // in the pool, it need not be cleared again before the next chunk is written into it.
+    // bytes of `room`. What follows it in the room is not the chunk's; the room keeps its whole size, so that back
+    // in the pool it is taken whole by the next chunk.
     // Sample bytes the output left out of the room (kept where they lie, see IReferencedContent) come as
     // references: the chunk's bytes at each `at` are the reference's.
     using References = tvrn::system::KeptBytesList;

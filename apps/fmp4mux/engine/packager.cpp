@@ -243,7 +243,7 @@ int Packager::connectSplices(const StreamSetup& stream, std::string& refused) {
         return -1;
     }
     try {
-        const int handle = connect(stream, 16, [](bool, std::vector<std::uint8_t>&&, std::size_t, ChunkSink::References&&) {}, {});
+        const int handle = connect(stream, 16, [](bool, ChunkSink::Bytes&&, std::size_t, ChunkSink::References&&) {}, {});
         m_awaited.pop_back();  // its output carries no media: the run does not wait for its end
         return handle;
     } catch (const ExitError& e) {

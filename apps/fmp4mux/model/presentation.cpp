@@ -43,7 +43,7 @@ void Presentation::addOutput(int index, const std::string& kind, std::uint32_t c
     out.bitrateGiven = bitrateGiven;
 }
 
-void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+void Presentation::onChunk(int index, bool init, tvrn::system::ByteBuffer&& room, std::size_t length,
                            tvrn::system::KeptBytesList&& references) {
     std::lock_guard lock(m_mutex);
     const auto it = m_outputs.find(index);
@@ -62,7 +62,7 @@ void Presentation::onChunk(int index, bool init, std::vector<std::uint8_t>&& roo
     m_progress.notify_all();
 }
 
-void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length) {
+void Presentation::onInit(int index, Output& out, tvrn::system::ByteBuffer&& room, std::size_t length) {
     reader::ByteView chunk(room.data(), length);
     const reader::ByteView movie = reader::moviePart(chunk);
     if (movie.empty()) return fail("output " + std::to_string(index) + ": the init chunk is not readable");
@@ -95,7 +95,7 @@ void Presentation::onInit(int index, Output& out, std::vector<std::uint8_t>&& ro
     m_publisher.publish({out.track.initialization, std::move(room), {{offset, movie.size()}}, false});
 }
 
-void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length,
+void Presentation::onMedia(int index, Output& out, tvrn::system::ByteBuffer&& room, std::size_t length,
                            tvrn::system::KeptBytesList&& references) {
     if (!out.ready) return;
     if (m_settings.lowLatency) return onLowLatencyChunk(index, out, std::move(room), length, std::move(references));
@@ -122,7 +122,7 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& r
         const std::optional<std::string> text = webVttOfSegment(chunk, timing->timescale);
         if (!text) return fail("output " + std::to_string(index) + ": a WebVTT segment could not be read");
         ++m_files;
-        m_publisher.publish({webVttName(path), std::vector<std::uint8_t>(text->begin(), text->end()), {}, false});
+        m_publisher.publish({webVttName(path), tvrn::system::ByteBuffer(text->begin(), text->end()), {}, false});
     }
     // DASH media files leave out the engine's marker boxes, which players do not know.
     Publication file{std::move(path), {}, {}, false};
@@ -139,7 +139,7 @@ void Presentation::onMedia(int index, Output& out, std::vector<std::uint8_t>&& r
     removeLeaving();
 }
 
-void Presentation::onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length,
+void Presentation::onLowLatencyChunk(int index, Output& out, tvrn::system::ByteBuffer&& room, std::size_t length,
                                      tvrn::system::KeptBytesList&& references) {
     reader::ByteView chunk(room.data(), length);
     auto timing = reader::readChunkTiming(chunk, true);
@@ -245,7 +245,7 @@ void Presentation::placeSplice(std::int64_t at, SpliceEvent&& event) {
     if (m_splices.size() > 256) m_splices.pop_front();
 }
 
-void Presentation::carrySplices(Output& out, std::vector<std::uint8_t>& room, std::size_t& length,
+void Presentation::carrySplices(Output& out, tvrn::system::ByteBuffer& room, std::size_t& length,
                                 tvrn::system::KeptBytesList& references, std::uint64_t time, std::uint64_t timescale) {
     if (out.track.kind != "video") return;
     // The engine starts the media timeline at the earliest sample of the session, and a video output's first
@@ -398,7 +398,7 @@ void Presentation::publishManifestLocked() {
         timing.maxSegmentMs = static_cast<std::uint32_t>(std::lround(timing.lowLatency.segmentSeconds * 1000));
     }
     for (ManifestFile& file : m_manifest.files(tracks, timing)) {
-        Publication p{std::move(file.name), std::vector<std::uint8_t>(file.text.begin(), file.text.end()), {}, true};
+        Publication p{std::move(file.name), tvrn::system::ByteBuffer(file.text.begin(), file.text.end()), {}, true};
         if (file.lastPart) p.lastPart = Publication::PartPosition{file.lastPart->first, file.lastPart->second};
         m_publisher.publish(std::move(p));
     }

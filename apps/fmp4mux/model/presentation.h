@@ -73,11 +73,10 @@ public:
     // A whole chunk of output `index`, the first `length` bytes of `room`, given away with the room (which goes
     // with the chunk's file to the publisher, the chunk its only range). The chunk's bytes at each of
     // `references` are the reference's (sample bytes left where they lie), not the room's.
-    void onChunk(int index, bool init, std::vector<std::uint8_t>&& room, std::size_t length,
+    void onChunk(int index, bool init, tvrn::system::ByteBuffer&& room, std::size_t length,
                  tvrn::system::KeptBytesList&& references = {});
-    void onChunk(int index, bool init, std::vector<std::uint8_t>&& chunk) {
-        const std::size_t length = chunk.size();
-        onChunk(index, init, std::move(chunk), length);
+    void onChunk(int index, bool init, const std::vector<std::uint8_t>& chunk) {
+        onChunk(index, init, tvrn::system::ByteBuffer(chunk.begin(), chunk.end()), chunk.size());
     }
 
     // The last manifest: the presentation has ended, so a live one becomes static, with the segments recorded
@@ -122,16 +121,16 @@ private:
         std::uint32_t splicesSent = 0;         // the id of the last splice its segments carry
     };
 
-    void onInit(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length);
-    void onMedia(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length,
+    void onInit(int index, Output& out, tvrn::system::ByteBuffer&& room, std::size_t length);
+    void onMedia(int index, Output& out, tvrn::system::ByteBuffer&& room, std::size_t length,
                  tvrn::system::KeptBytesList&& references);
-    void onLowLatencyChunk(int index, Output& out, std::vector<std::uint8_t>&& room, std::size_t length,
+    void onLowLatencyChunk(int index, Output& out, tvrn::system::ByteBuffer&& room, std::size_t length,
                            tvrn::system::KeptBytesList&& references);
     // Ties the running timeline to the media timeline at a video output's first chunk (of media time `time` on
     // `timescale`), then places the splices that waited for it; live, puts the splices this output's segments do
     // not carry yet into the chunk (the first `length` bytes of `room`), which grows by them (and the
     // `references` behind them move along).
-    void carrySplices(Output& out, std::vector<std::uint8_t>& room, std::size_t& length,
+    void carrySplices(Output& out, tvrn::system::ByteBuffer& room, std::size_t& length,
                       tvrn::system::KeptBytesList& references, std::uint64_t time, std::uint64_t timescale);
     void placeSplice(std::int64_t at, SpliceEvent&& event);
     // A segment written whole (or, in low latency, completed): its record, the live window, the bitrate.

@@ -61,7 +61,7 @@ std::vector<std::uint8_t> spliceMessageBox(const SpliceEvent& event, std::uint64
     return box;
 }
 
-std::size_t insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<std::uint8_t>& boxes) {
+std::size_t insertAfterSegmentType(tvrn::system::ByteBuffer& chunk, const std::vector<std::uint8_t>& boxes) {
     // The engine's marker boxes may come first; the boxes go after `styp`, or else before the first `sidx` or
     // `moof`.
     std::size_t at = 0, box = 0;

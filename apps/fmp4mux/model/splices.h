@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "apps/fmp4mux/model/track.h"
+#include "support/system/byte_buffer.h"
 
 namespace fmp4mux {
 
@@ -28,6 +29,6 @@ std::vector<std::uint8_t> spliceMessageBox(const SpliceEvent& event, std::uint64
 
 // Puts `boxes` into a media chunk after its `styp` (at its start when it has none), ahead of `sidx` and `moof`,
 // whose offsets count from their own positions and so stay right. Answers where they went.
-std::size_t insertAfterSegmentType(std::vector<std::uint8_t>& chunk, const std::vector<std::uint8_t>& boxes);
+std::size_t insertAfterSegmentType(tvrn::system::ByteBuffer& chunk, const std::vector<std::uint8_t>& boxes);
 
 }  // namespace fmp4mux

@@ -173,7 +173,7 @@ void writeSegmentPart(const std::string& path, const Publication& part) {
         throw std::runtime_error("cannot rename " + growing + " to " + path + ": " + std::strerror(errno));
 }
 
-FilePublisher::FilePublisher(std::string root, std::function<void(std::vector<std::uint8_t>&&)> recycle)
+FilePublisher::FilePublisher(std::string root, std::function<void(tvrn::system::ByteBuffer&&)> recycle)
     : m_root(std::move(root)),
       m_preallocate(!inMemoryFileSystem(m_root)),
       m_recycle(std::move(recycle)),

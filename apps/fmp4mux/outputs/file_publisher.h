@@ -18,7 +18,7 @@ namespace fmp4mux {
 class FilePublisher : public Publisher {
 public:
     // `recycle`, when set, takes back the byte room of each publication once written.
-    explicit FilePublisher(std::string root, std::function<void(std::vector<std::uint8_t>&&)> recycle = {});
+    explicit FilePublisher(std::string root, std::function<void(tvrn::system::ByteBuffer&&)> recycle = {});
     ~FilePublisher() override;
     FilePublisher(const FilePublisher&) = delete;
     FilePublisher& operator=(const FilePublisher&) = delete;
@@ -36,7 +36,7 @@ private:
 
     const std::string m_root;
     const bool m_preallocate;
-    const std::function<void(std::vector<std::uint8_t>&&)> m_recycle;
+    const std::function<void(tvrn::system::ByteBuffer&&)> m_recycle;
     mutable std::mutex m_mutex;
     std::condition_variable m_work, m_idle, m_room;
     std::deque<Publication> m_queue;

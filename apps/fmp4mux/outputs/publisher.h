@@ -5,18 +5,20 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/system/byte_buffer.h"
 #include "support/system/kept_bytes.h"
 
 namespace fmp4mux {
 
 struct Publication {
     std::string path;                 // below the root, '/' separated
-    std::vector<std::uint8_t> bytes;  // given away with the publication
+    tvrn::system::ByteBuffer bytes;  // given away with the publication
     // The parts of `bytes` to write, as (offset, length); all of it when empty.
     std::vector<std::pair<std::size_t, std::size_t>> ranges;
     // A manifest: a newer publication of the same path replaces one still waiting.
@@ -60,10 +62,16 @@ void forEachPiece(const Publication& p, Piece&& piece) {
 }
 
 // The bytes a publication writes, joined.
-inline std::vector<std::uint8_t> gather(const Publication& p) {
-    if (p.ranges.empty() && p.references.empty()) return p.bytes;
-    std::vector<std::uint8_t> out;
-    forEachPiece(p, [&](const std::uint8_t* data, std::size_t size) { out.insert(out.end(), data, data + size); });
+template <typename Bytes = std::vector<std::uint8_t>>
+Bytes gather(const Publication& p) {
+    std::size_t size = 0;
+    forEachPiece(p, [&](const std::uint8_t*, std::size_t length) { size += length; });
+    Bytes out(size);
+    std::size_t at = 0;
+    forEachPiece(p, [&](const std::uint8_t* data, std::size_t length) {
+        std::memcpy(out.data() + at, data, length);
+        at += length;
+    });
     return out;
 }
 

@@ -16,10 +16,10 @@ public:
         if (m_members.size() > 1) {
             // The copies hold only the bytes written, joined: a chunk comes in a room larger than itself, and
             // with references to bytes that stay where they are.
-            std::vector<std::uint8_t> bytes = std::move(publication.bytes);
+            tvrn::system::ByteBuffer bytes = std::move(publication.bytes);
             Publication bare = publication;
             publication.bytes = std::move(bytes);
-            bare.bytes = gather(publication);
+            bare.bytes = gather<tvrn::system::ByteBuffer>(publication);
             bare.ranges.clear();
             bare.references.clear();
             for (std::size_t i = 0; i + 1 < m_members.size(); ++i) {

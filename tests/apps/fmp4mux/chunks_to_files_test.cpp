@@ -112,7 +112,7 @@ TEST_P(ChunkSinkBuffers, JoinsBuffersBackIntoWholeChunks) {
     const bool own = GetParam();
     std::vector<Bytes> inits, media;
     const std::uint8_t* handedOn = nullptr;  // where the last chunk was
-    ChunkSink sink(true, 10, [&](bool init, Bytes&& room, std::size_t length, ChunkSink::References&& references) {
+    ChunkSink sink(true, 10, [&](bool init, ChunkSink::Bytes&& room, std::size_t length, ChunkSink::References&& references) {
         ASSERT_LE(length, room.size());
         handedOn = room.data();
         Bytes whole(room.begin(), room.begin() + static_cast<std::ptrdiff_t>(length));
@@ -160,7 +160,7 @@ struct Recorder : Publisher {
     void publish(Publication&& p) override {
         EXPECT_FALSE(p.remove) << p.path;  // a static presentation keeps every file
         Bytes content;
-        if (p.ranges.empty()) content = p.bytes;
+        if (p.ranges.empty()) content.assign(p.bytes.begin(), p.bytes.end());
         for (const auto& [offset, length] : p.ranges)
             content.insert(content.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(offset),
                            p.bytes.begin() + static_cast<std::ptrdiff_t>(offset + length));

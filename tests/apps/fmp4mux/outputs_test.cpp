@@ -19,7 +19,7 @@ std::string readAll(const fs::path& path) {
 }
 
 Publication part(const std::string& path, const std::string& text, Publication::Growth growth, bool complete) {
-    Publication p{path, std::vector<std::uint8_t>(text.begin(), text.end()), {}, false};
+    Publication p{path, tvrn::system::ByteBuffer(text.begin(), text.end()), {}, false};
     p.growth = growth;
     p.complete = complete;
     return p;
@@ -60,7 +60,7 @@ TEST(FilePublisher, APreallocatedFileHoldsExactlyItsRangesWithTheReferencedBytes
         for (std::size_t i = 0; i < file.bytes.size(); ++i) file.bytes[i] = static_cast<std::uint8_t>(i * 7);
         file.ranges = {{0, 50}, {100, size - 50}};
         file.references = {{40, other->data(), 20, other}, {120, other->data() + 1, 30, other}};
-        std::vector<std::uint8_t> whole = file.bytes;
+        std::vector<std::uint8_t> whole(file.bytes.begin(), file.bytes.end());
         std::fill(whole.begin() + 40, whole.begin() + 60, 0xEE);
         std::fill(whole.begin() + 120, whole.begin() + 150, 0xEE);
         const fs::path path = root.path / ("seg_" + std::to_string(size) + ".mp4");
