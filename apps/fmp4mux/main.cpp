@@ -59,6 +59,36 @@ struct RunControl {
 constexpr auto kFinishLimit = std::chrono::seconds(10);
 constexpr auto kFinishLimitAfterError = std::chrono::seconds(2);
 
+// The low-latency mode makes each stream's chunks of whole samples: chunks that are not a whole number of pictures
+// come out longer or shorter than asked, the segments made of them leave the key frames, and the engine restarts
+// its session for it, losing pictures. Says so, with the chunk durations that fit, for pictures of `picture`
+// (100 ns units; the 100 ns rounding of each picture's time is allowed for).
+std::optional<std::string> pictureMisfit(std::int32_t chunkMs, std::int32_t segmentMs, std::int64_t picture) {
+    const auto whole = [picture](std::int64_t ms) {
+        const std::int64_t span = ms * 10000, pictures = (span + picture / 2) / picture;
+        return pictures > 0 && std::llabs(pictures * picture - span) <= pictures;
+    };
+    if (picture <= 0 || whole(chunkMs)) return std::nullopt;
+    std::vector<std::int32_t> fits;
+    for (std::int32_t d = 1; d <= segmentMs; ++d)
+        if (segmentMs % d == 0 && whole(d)) fits.push_back(d);
+    // The three nearest to what was asked, in order.
+    std::stable_sort(fits.begin(), fits.end(), [chunkMs](std::int32_t a, std::int32_t b) {
+        return std::abs(a - chunkMs) < std::abs(b - chunkMs);
+    });
+    if (fits.size() > 3) fits.resize(3);
+    std::sort(fits.begin(), fits.end());
+    char head[160];
+    std::snprintf(head, sizeof head, "chunks of %d ms are %.4g pictures of %.4g ms", chunkMs,
+                  static_cast<double>(chunkMs) * 10000 / static_cast<double>(picture), static_cast<double>(picture) / 10000);
+    std::string text = std::string(head) + ", and the low-latency mode cuts whole pictures: its segments would leave the key frames; ";
+    if (fits.empty())
+        return text + "no chunk duration fits both these pictures and segments of " + std::to_string(segmentMs) + " ms (-g, -n)";
+    text += "chunk durations that fit segments of " + std::to_string(segmentMs) + " ms: ";
+    for (std::size_t i = 0; i < fits.size(); ++i) text += (i > 0 ? ", " : "") + std::to_string(fits[i]);
+    return text + " ms (--chunk-duration)";
+}
+
 int run(int argc, char** argv) {
     Options options;
     std::string error;
@@ -214,6 +244,16 @@ int run(int argc, char** argv) {
             if (subtitleFiles[d] != nullptr)
                 throw ExitError(kExitUsage, "input " + std::to_string(d) + " is a subtitle file: the low-latency mode cuts "
                                             "equal chunks from each stream's sample duration, which cues do not have");
+    // The picture duration measured is that of each input's first video stream.
+    std::set<std::size_t> pictureChecked;
+    if (options.lowLatency())
+        for (const StreamPlan& plan : plans) {
+            const auto d = static_cast<std::size_t>(plan.input);
+            if (streamLists[d][plan.stream].kind != "video" || !pictureChecked.insert(d).second) continue;
+            if (!inputs[d]->pictureDuration()) continue;
+            if (const auto misfit = pictureMisfit(options.chunkDurationMs, plannedSegmentMs, *inputs[d]->pictureDuration()))
+                throw ExitError(kExitUsage, "input " + plan.label + ": " + *misfit);
+        }
 
     // Subtitle files count their cues from the start of the media: from the first video key frame, or from 0.
     // Their gaps become empty cues of at most a segment, so that every segment has a text sample.

@@ -77,6 +77,8 @@ public:
     }
     // The presentation time (100 ns units) of that stream's first key frame, once keyFrameInterval() has looked.
     virtual std::optional<std::int64_t> firstKeyFrameTime() const { return std::nullopt; }
+    // That stream's picture duration (100 ns units), once keyFrameInterval() has looked.
+    virtual std::optional<std::int64_t> pictureDuration() const { return std::nullopt; }
     // Transport packets found missing, and PES left out, so far (an MPEG-TS read by fmp4mux's own reader); read from
     // any thread.
     virtual std::uint64_t packetsLost() const { return 0; }

@@ -70,6 +70,17 @@ std::optional<double> KeyFrameMeter::interval() const {
     return interval;
 }
 
+std::optional<std::int64_t> KeyFrameMeter::pictureDuration() const {
+    std::vector<std::int64_t> times = m_videoTimes;
+    std::sort(times.begin(), times.end());
+    std::vector<std::int64_t> steps;
+    for (std::size_t i = 1; i < times.size(); ++i)
+        if (times[i] > times[i - 1]) steps.push_back(times[i] - times[i - 1]);
+    if (steps.size() < 4) return std::nullopt;
+    std::sort(steps.begin(), steps.end());
+    return steps[steps.size() / 2];
+}
+
 std::vector<std::uint8_t> makeRawAacPacket(const std::vector<std::uint8_t>& asc, std::uint32_t averageBitrate,
                                            const std::uint8_t* frame, std::size_t frameSize) {
     const std::size_t total = 20 + asc.size() + frameSize;

@@ -72,6 +72,7 @@ public:
             m_done = true;
             return;
         }
+        if (pts && m_videoTimes.size() < 64) m_videoTimes.push_back(*pts);
         if (isKey()) {
             m_keys.push_back(*seconds);
             if (!m_firstKey && pts) m_firstKey = pts;
@@ -81,6 +82,9 @@ public:
     void measureBitrates(std::vector<StreamInfo>& streams) const;
     std::optional<double> interval() const;
     std::optional<std::int64_t> firstKey() const { return m_firstKey; }
+    // The video's picture duration (100 ns units): the most common step between its first pictures' presentation
+    // times, in presentation order.
+    std::optional<std::int64_t> pictureDuration() const;
 
 private:
     struct Seen {
@@ -93,6 +97,7 @@ private:
     std::vector<double> m_keys;
     std::optional<double> m_first;
     std::optional<std::int64_t> m_firstKey;
+    std::vector<std::int64_t> m_videoTimes;  // presentation times of the first pictures
     std::size_t m_bytes = 0;
     bool m_done = false;
 };

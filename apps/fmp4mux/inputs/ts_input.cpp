@@ -172,6 +172,7 @@ std::optional<double> TsInput::keyFrameInterval(double maxSeconds) {
     if (failed) m_error.clear();  // run() meets it again
     meter.measureBitrates(m_streams);
     m_firstKey = meter.firstKey();
+    m_pictureDuration = meter.pictureDuration();
     return meter.interval();
 }
 

@@ -67,6 +67,7 @@ public:
     const std::string& error() const override { return m_error; }
     std::optional<double> keyFrameInterval(double maxSeconds) override;
     std::optional<std::int64_t> firstKeyFrameTime() const override { return m_firstKey; }
+    std::optional<std::int64_t> pictureDuration() const override { return m_pictureDuration; }
     std::uint64_t packetsLost() const override { return m_lost.load(std::memory_order_relaxed); }
     std::uint64_t pesDropped() const override { return m_pesDropped.load(std::memory_order_relaxed); }
     std::string transportReport() const override;
@@ -106,6 +107,7 @@ private:
     const std::function<void(Packet&)>* m_onPacket = nullptr;
     std::optional<std::int64_t> m_lastVideoPts;  // 90 kHz
     std::optional<std::int64_t> m_firstKey;
+    std::optional<std::int64_t> m_pictureDuration;
     std::atomic<std::uint64_t> m_lost{0}, m_pesDropped{0};
     std::string m_error;
 };

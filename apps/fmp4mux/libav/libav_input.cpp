@@ -246,6 +246,7 @@ std::optional<double> LibavInput::keyFrameInterval(double maxSeconds) {
     }
     meter.measureBitrates(m_streams);
     m_firstKey = meter.firstKey();
+    m_pictureDuration = meter.pictureDuration();
     return meter.interval();
 }
 

@@ -37,6 +37,7 @@ public:
     const std::string& error() const override { return m_error; }
     std::optional<double> keyFrameInterval(double maxSeconds) override;
     std::optional<std::int64_t> firstKeyFrameTime() const override { return m_firstKey; }
+    std::optional<std::int64_t> pictureDuration() const override { return m_pictureDuration; }
     void setTextHandling(std::int64_t maxGap, std::function<void(const std::string&)> warn) override {
         m_maxTextGap = maxGap;
         m_warn = std::move(warn);
@@ -52,6 +53,7 @@ private:
     bool m_canWait = true;
     std::string m_error;
     std::optional<std::int64_t> m_firstKey;
+    std::optional<std::int64_t> m_pictureDuration;
     std::int64_t m_maxTextGap = 0;
     std::function<void(const std::string&)> m_warn;
 };

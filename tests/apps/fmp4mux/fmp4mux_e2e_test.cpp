@@ -511,10 +511,14 @@ TEST(Fmp4muxEndToEnd, OperatorMistakesGetTheirExitCodeAndAMessage) {
         {mux("-m low-latency " + source + " " + q(fs::path(FMP4_TEST_DATA_DIR) / "subtitles/cues.vtt") + to), 2,
          "input 1 is a subtitle file: the low-latency mode cuts equal chunks"},
         {mux("--follow 0 " + source + to), 2, "--follow 0: input 0 is not a subtitle file"},
-        // Chunks of 500 ms fit neither 40 ms pictures nor 21.3 ms AAC frames alike: the engine refuses them at
-        // every session it starts; the run ends (without waiting for outputs that may never end) and says why.
-        {mux("-m low-latency " + source + to), 1, "the engine reported: Fmp4 mux: Low latency synchronizators : "
-                                                  "non-compatible chunk durations"},
+        // Low latency at 25 fps: 500 ms chunks are refused before anything is read; 400 ms fit the pictures but
+        // not 21.3 ms AAC frames, which the engine refuses at every session it starts: the run ends (without
+        // waiting for outputs that may never end) and says why.
+        {mux("-m low-latency " + source + to), 2, "input 0:0: chunks of 500 ms are 12.5 pictures of 40 ms, and the "
+                                                  "low-latency mode cuts whole pictures: its segments would leave the key "
+                                                  "frames; chunk durations that fit segments of 2000 ms: 80, 200, 400 ms"},
+        {mux("-m low-latency --chunk-duration 400 " + source + to), 1,
+         "the engine reported: Fmp4 mux: Low latency synchronizators : non-compatible chunk durations"},
         // A second fmp4mux on a folder that one already writes to (flock holds its lock meanwhile).
         {"flock " + q(out / ".fmp4mux.lock") + " " + mux(source + to), 4, "is in use by another fmp4mux"},
         {mux(source + " /proc/fmp4mux-cannot-write-here"), 4, "output folder"},
