@@ -82,7 +82,7 @@ public:
     void measureBitrates(std::vector<StreamInfo>& streams) const;
     std::optional<double> interval() const;
     std::optional<std::int64_t> firstKey() const { return m_firstKey; }
-    // The video's picture duration (100 ns units): the most common step between its first pictures' presentation
+    // The video's picture duration (100 ns units): the median step between its first pictures' presentation
     // times, in presentation order.
     std::optional<std::int64_t> pictureDuration() const;
 

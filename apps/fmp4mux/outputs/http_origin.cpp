@@ -282,7 +282,7 @@ void HttpOrigin::keep(const std::string& path) {
 }
 
 void HttpOrigin::publish(Publication&& publication) {
-    std::vector<std::uint8_t> bytes = publication.remove ? std::vector<std::uint8_t>{} : gather(publication);
+    tvrn::system::ByteBuffer bytes = publication.remove ? tvrn::system::ByteBuffer{} : gather(publication);
     {
         std::lock_guard lock(m_mutex);
         const std::string& path = publication.path;
@@ -299,7 +299,7 @@ void HttpOrigin::publish(Publication&& publication) {
         } else if (publication.growth == Publication::Growth::More) {
             auto& entry = m_files[path];
             if (!entry) entry = std::make_shared<Entry>();
-            entry->bytes.insert(entry->bytes.end(), bytes.begin(), bytes.end());
+            tvrn::system::append(entry->bytes, bytes.data(), bytes.size());
             entry->complete = publication.complete;
             if (entry->complete) keep(path);
         } else {

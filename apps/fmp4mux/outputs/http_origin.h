@@ -56,7 +56,7 @@ public:
 
     // One file as the origin holds it: growing until complete.
     struct Entry {
-        std::vector<std::uint8_t> bytes;
+        tvrn::system::ByteBuffer bytes;
         bool complete = false;
         bool abandoned = false;  // started again or taken away before its end: its readers fail
         std::optional<Publication::PartPosition> lastPart;  // of a low-latency HLS playlist

@@ -56,7 +56,7 @@ HttpPusher::~HttpPusher() {
 }
 
 void HttpPusher::publish(Publication&& publication) {
-    std::vector<std::uint8_t> bytes = publication.remove ? std::vector<std::uint8_t>{} : gather(publication);
+    tvrn::system::ByteBuffer bytes = publication.remove ? tvrn::system::ByteBuffer{} : gather(publication);
     std::string dropped;
     {
         std::lock_guard lock(m_mutex);
@@ -64,7 +64,7 @@ void HttpPusher::publish(Publication&& publication) {
         if (publication.growth == Publication::Growth::More) {
             const auto it = m_growing.find(publication.path);
             if (it != m_growing.end()) {
-                it->second->bytes.insert(it->second->bytes.end(), bytes.begin(), bytes.end());
+                tvrn::system::append(it->second->bytes, bytes.data(), bytes.size());
                 it->second->complete = publication.complete;
                 if (publication.complete) m_growing.erase(it);
                 m_grown.notify_all();

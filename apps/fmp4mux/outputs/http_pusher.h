@@ -49,7 +49,7 @@ public:
     // One file to send, growing until complete.
     struct Item {
         std::string path;
-        std::vector<std::uint8_t> bytes;
+        tvrn::system::ByteBuffer bytes;
         bool growing = false;
         bool complete = true;
         bool remove = false;

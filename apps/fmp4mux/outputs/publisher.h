@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <utility>
@@ -62,16 +61,12 @@ void forEachPiece(const Publication& p, Piece&& piece) {
 }
 
 // The bytes a publication writes, joined.
-template <typename Bytes = std::vector<std::uint8_t>>
-Bytes gather(const Publication& p) {
+inline tvrn::system::ByteBuffer gather(const Publication& p) {
     std::size_t size = 0;
     forEachPiece(p, [&](const std::uint8_t*, std::size_t length) { size += length; });
-    Bytes out(size);
-    std::size_t at = 0;
-    forEachPiece(p, [&](const std::uint8_t* data, std::size_t length) {
-        std::memcpy(out.data() + at, data, length);
-        at += length;
-    });
+    tvrn::system::ByteBuffer out;
+    out.reserve(size);
+    forEachPiece(p, [&](const std::uint8_t* data, std::size_t length) { tvrn::system::append(out, data, length); });
     return out;
 }
 

@@ -19,7 +19,7 @@ public:
             tvrn::system::ByteBuffer bytes = std::move(publication.bytes);
             Publication bare = publication;
             publication.bytes = std::move(bytes);
-            bare.bytes = gather<tvrn::system::ByteBuffer>(publication);
+            bare.bytes = gather(publication);
             bare.ranges.clear();
             bare.references.clear();
             for (std::size_t i = 0; i + 1 < m_members.size(); ++i) {

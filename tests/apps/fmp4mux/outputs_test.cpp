@@ -68,7 +68,7 @@ TEST(FilePublisher, APreallocatedFileHoldsExactlyItsRangesWithTheReferencedBytes
         std::string expected(whole.begin(), whole.begin() + 50);
         expected.append(whole.begin() + 100, whole.begin() + 100 + static_cast<std::ptrdiff_t>(size - 50));
         EXPECT_EQ(readAll(path), expected) << size;
-        EXPECT_EQ(gather(file), std::vector<std::uint8_t>(expected.begin(), expected.end())) << size;
+        EXPECT_EQ(gather(file), tvrn::system::ByteBuffer(expected.begin(), expected.end())) << size;
     }
 }
 
